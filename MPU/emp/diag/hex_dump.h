@@ -12,7 +12,7 @@
  * 64, and a final line feed. Printed whatever empDebug is, without a time stamp. errno is left as
  * it was.
  * @param length 0 or less prints only the line feed
- * @return the result of the last print
+ * @return 1, the characters of the last print, or -1 when that failed
  */
 int empHexDump(const void* buffer, S32_t length);
 
