@@ -45,8 +45,8 @@ constexpr U16_t EMP_STATUS_FLAG_ARCHIVER = 1;
  * 16-bit length can announce (216 + 65,535 bytes), so that it can be read whole before it is
  * refused.
  */
-constexpr size_t EMP_WORK_SPACE_SIZE = MMSG_MAX_LENGTH;
-constexpr size_t EMP_WORK_SPACE_PHYSICAL = 65'792;
+constexpr U32_t EMP_WORK_SPACE_SIZE = MMSG_MAX_LENGTH;
+constexpr U32_t EMP_WORK_SPACE_PHYSICAL = 65'792;
 static_assert(EMP_WORK_SPACE_PHYSICAL >= EMP_EVENT_MMSG_SIZE + 65'535U);
 
 /** All state of the event manager; host byte order. Counters are per process life. */
