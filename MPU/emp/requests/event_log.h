@@ -13,6 +13,9 @@
  * sent. */
 void empRcvEventLogMsg(MMSG_t* mmsg);
 
+/** Gives out the next sequence id; when the ids wrap to 0 a new instance begins behind it. */
+U32_t empTakeSequenceId();
+
 /**
  * Sends a stamped event to the management interface, in the event manager's name.
  * @return the bytes sent, always the message's length

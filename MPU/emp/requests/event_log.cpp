@@ -1,0 +1,84 @@
+#include "requests/event_log.h"
+
+#include "diag/debug_line.h"
+#include "diag/message_dump.h"
+#include "emp_mesgs.h"
+#include "fault/fixed_sites.h"
+#include "mmsg/message.h"
+#include "osdep.h"
+#include "state/control.h"
+#include "store/append.h"
+
+#include <cstring>
+
+namespace {
+
+bool requestorIsKnown(const MMSG_t* mmsg) {
+    if (mmsg->mmch.requestor <= MMSG_E_MAX_DEFINED_EPIDS) {
+        return true;
+    }
+    empDebugLine("empRcvEventLogMsg(): Invalid MMSG requestor = [%d]!!!\n", mmsg->mmch.requestor);
+    return false;
+}
+
+bool lengthIsEnough(const MMSG_t* mmsg) {
+    if (mmsg->mmch.mmsg_length >= EMP_EVENT_MMSG_SIZE) {
+        return true;
+    }
+    empDebugLine("empRcvEventLogMsg(): MMSG mmsh_length [%d] is out of range\n",
+                 int{mmsg->mmch.mmsg_length});
+    empDebugLine("empRcvEventLogMsg(): MMSG requestor [%d] sends wrong mmsg_length!!!\n",
+                 mmsg->mmch.requestor);
+    return false;
+}
+
+/** Whatever the requestor put into these fields is overwritten. */
+void stamp(MMSG_t* mmsg, EmpEvLogHeader_t* header) {
+    struct timeval now = {};
+    memcpy(header->evEnclosureId, empControl.empEnclosureId, EMP_ID_TEXT_SIZE);
+    memcpy(header->evBladeId, empControl.empBladeId, EMP_ID_TEXT_SIZE);
+    header->evSlotId = empControl.empSlotId;
+    header->evInstanceNumber = empControl.empInstanceNumber;
+    header->evSequenceId = empTakeSequenceId();
+    mpuGetTime(&now);
+    header->evTime = static_cast<U32_t>(now.tv_sec);
+    empDebugLine("empRcvEventLogMsg(): Tag Event with new Sequence ID [%d]\n",
+                 static_cast<int>(header->evSequenceId));
+    header->evStructLength = static_cast<U16_t>(mmsg->mmch.mmsg_length - EMP_EVENT_MMSG_SIZE);
+    header->evSource = mmsg->mmch.requestor;
+}
+
+} // namespace
+
+U32_t empTakeSequenceId() {
+    U32_t taken = empControl.empSequenceId++;
+    // The event that takes the last id keeps the old instance number, so the pair keeps rising.
+    if (empControl.empSequenceId == 0) {
+        empControl.empInstanceNumber++;
+    }
+    return taken;
+}
+
+void empRcvEventLogMsg(MMSG_t* mmsg) {
+    if (!requestorIsKnown(mmsg) || !lengthIsEnough(mmsg)) {
+        empMmsgPrint(mmsg);
+        return;
+    }
+    stamp(mmsg, reinterpret_cast<EmpEvLogHeader_t*>(mmsg->user_data_start));
+    empSaveEventLogMsgToLogFile(mmsg);
+    empDebugLine(
+        "empRcvEventLogMsg(): Call empSendEventLogMsgToSmi() to send the new Event to SMI.\n");
+    empSendEventLogMsgToSmi(mmsg);
+}
+
+S32_t empSendEventLogMsgToSmi(MMSG_t* mmsg) {
+    mmsg->mmch.requestor = MMSG_E_EPID_EVENTLOGMP;
+    mmsg->mmch.recipient_loc_bm[0] = empEndpointBit(MMSG_E_EPID_SMI_IND);
+    mmsg->mmch.recipient_loc_bm[1] = 0;
+    mmsg->mmch.recipient_ob_bm[0] = empEndpointBit(MMSG_E_EPID_SMI_IND);
+    mmsg->mmch.recipient_ob_bm[1] = 0;
+    empMmsgPrint(mmsg);
+    empControl.mmsgEventLogMsgSend++;
+    return empSendToMsm(mmsg, mmsg->mmch.mmsg_length, EMP_SITE_SMI_COPY,
+                        EMP_E_SHORT_SEND_DUMP_SHOWS_INTENDED);
+}
