@@ -155,7 +155,7 @@ int MPU_deleteMpuParams(int shmid);
 
 /**
  * Fills the attached block from a text file of "name=value" lines and bare flag names. Problems are
- * lines on standard error; the line is skipped or a default used.
+ * lines on standard error; the line is skipped or a default used. Without a block nothing is read.
  * @return the last result of fgets, NULL at the end of the file
  */
 char* readNonXML(FILE* file);
