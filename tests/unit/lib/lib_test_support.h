@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -68,6 +69,15 @@ class PrivateKey {
   private:
     int key_;
 };
+
+/** How many descriptors this process has open. */
+inline int openDescriptors() {
+    int count = 0;
+    for (int fd = 0; fd < 256; fd++) {
+        count += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
+    }
+    return count;
+}
 
 /** How a child process ended and what it printed. */
 struct ChildEnd {

@@ -1,4 +1,4 @@
-#include "failing_calls.h"
+#include "failing_segments.h"
 #include "lib_test_support.h"
 #include "mpu_params.h"
 
@@ -52,13 +52,6 @@ class Create : public testing::Test {
     }
     std::string bytesOf(const MPU_PARAMS_t* block) {
         return {reinterpret_cast<const char*>(block), 744};
-    }
-    int openDescriptors() {
-        int count = 0;
-        for (int fd = 0; fd < 256; fd++) {
-            count += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
-        }
-        return count;
     }
     shmid_ds statusOf(int id) {
         shmid_ds status = {};

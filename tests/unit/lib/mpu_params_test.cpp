@@ -1,6 +1,6 @@
 #include "mpu_params.h"
 
-#include "failing_calls.h"
+#include "failing_segments.h"
 #include "lib_test_support.h"
 
 #include <cerrno>

@@ -1,7 +1,6 @@
-#include "failing_calls.h"
+#include "failing_segments.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdarg>
 #include <fcntl.h>
 #include <pthread.h>
@@ -18,15 +17,6 @@ FailingCall failingMutexInit;
 FailingCall failingMutexDestroy;
 int shmdtCalls;
 int readLimit = -2;
-
-bool FailingCall::fails() {
-    calls++;
-    if (calls != failAt) {
-        return false;
-    }
-    errno = error;
-    return true;
-}
 
 extern "C" {
 
