@@ -21,7 +21,8 @@ inline std::string stamped(const std::string& text) {
     std::string result;
     for (size_t begin = 0; begin < text.size();) {
         size_t end = text.find('\n', begin) + 1;
-        result += STAMP + text.substr(begin, end - begin);
+        result += STAMP;
+        result.append(text, begin, end - begin);
         begin = end;
     }
     return result;

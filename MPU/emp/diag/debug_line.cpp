@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 namespace {
@@ -13,18 +14,27 @@ namespace {
 constexpr size_t OUTPUT_BUFFER_SIZE = size_t{128} * 1024;
 char outputBuffer[OUTPUT_BUFFER_SIZE];
 
-/** The stamp of the current second. Its text is made once a second, since that looks up the time
- * zone. */
-const char* timeStamp() {
-    static char text[64];
+/** What every debug line begins with. */
+struct LinePrefix_t {
+    char text[64 + 2]; ///< the time stamp and two blanks
+    size_t length;
+};
+
+/** The prefix of the current second. It is made once a second, since that looks up the time zone.
+ */
+const LinePrefix_t& linePrefix() {
+    static LinePrefix_t prefix;
     static time_t second = -1;
     time_t now = time(nullptr);
     if (now != second) {
         second = now;
-        text[0] = '\0';
-        get_timestamp(text);
+        prefix.text[0] = '\0';
+        get_timestamp(prefix.text);
+        size_t stampLength = strlen(prefix.text);
+        memcpy(prefix.text + stampLength, "  ", 2);
+        prefix.length = stampLength + 2;
     }
-    return text;
+    return prefix;
 }
 
 } // namespace
@@ -34,8 +44,8 @@ void empDebugLine(const char* format, ...) {
         return;
     }
     int savedErrno = errno;
-    fputs(timeStamp(), stdout);
-    fputs("  ", stdout);
+    const LinePrefix_t& prefix = linePrefix();
+    fwrite(prefix.text, 1, prefix.length, stdout);
     va_list arguments;
     va_start(arguments, format);
     vprintf(format, arguments);
