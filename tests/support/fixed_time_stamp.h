@@ -6,14 +6,14 @@
 #ifndef FIXED_TIME_STAMP_H
 #define FIXED_TIME_STAMP_H
 
-#include <cstring>
+#include <cstdio>
 #include <string>
 
 /** The stamp and the two blanks behind it. */
 #define STAMP "Feb  3 04:05:06  "
 
 extern "C" [[gnu::used]] inline void __wrap__Z13get_timestampPc(char* buf) {
-    strcpy(buf, "Feb  3 04:05:06");
+    snprintf(buf, 64, "Feb  3 04:05:06");
 }
 
 /** The lines of @p text, each behind a stamp: for texts that are all debug lines. */

@@ -15,7 +15,7 @@ namespace {
 
 constexpr U16_t BUFFER_PART = 256;       ///< stored of each buffer
 constexpr U16_t INDEX_PIECE_SIZE = 2000; ///< 500 entries
-constexpr U32_t INDEX_PIECES = 20;
+constexpr size_t INDEX_PIECES = 20;
 static_assert(INDEX_PIECE_SIZE * INDEX_PIECES == EMP_INDEX_ENTRIES * sizeof(EmpEvDatabase_t));
 static_assert(EMP_E_ID_EVENTMGRMP_BUGCHECK_ENTRY_DATABASE + INDEX_PIECES ==
               EMP_E_ID_EVENTMGRMP_NEXT_ID);
@@ -43,7 +43,7 @@ void buildHeader() {
     header.evIdVersion = 1;
 }
 
-void storeRecord(U32_t id, const void* body, U16_t length) {
+void storeRecord(size_t id, const void* body, U16_t length) {
     EmpEvLogHeader_t& header = record()->evLogHdr;
     header.evId = static_cast<U16_t>(id);
     header.evStructLength = length;
@@ -74,7 +74,7 @@ void storeControl() {
 
 void storeIndex() {
     const U8_t* index = reinterpret_cast<const U8_t*>(eventEntryDatabase);
-    for (U32_t piece = 0; piece < INDEX_PIECES; piece++) {
+    for (size_t piece = 0; piece < INDEX_PIECES; piece++) {
         storeRecord(EMP_E_ID_EVENTMGRMP_BUGCHECK_ENTRY_DATABASE + piece,
                     index + piece * INDEX_PIECE_SIZE, INDEX_PIECE_SIZE);
     }

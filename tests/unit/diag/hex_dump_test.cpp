@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <numeric>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -12,10 +13,8 @@ namespace {
 
 /** What a dump of the bytes 0, 1, 2, ... prints. */
 std::string dumpOf(S32_t length) {
-    std::vector<U8_t> bytes;
-    for (S32_t i = 0; i < length; i++) {
-        bytes.push_back(static_cast<U8_t>(i));
-    }
+    std::vector<U8_t> bytes(static_cast<size_t>(length));
+    std::iota(bytes.begin(), bytes.end(), U8_t{0});
     testing::internal::CaptureStdout();
     empHexDump(bytes.data(), length);
     return testing::internal::GetCapturedStdout();

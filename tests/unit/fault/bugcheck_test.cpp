@@ -333,7 +333,7 @@ TEST_F(BugCheck, LongMessageIsPrintedWholeAndStoredCut) {
 
 TEST_F(BugCheck, MessageOf1024BytesIsCut) {
     std::string text(5000, 'm');
-    ChildResult_t result = runInChild([&] { EMP_BUGCHECK(EMP_HERE, "%s", text.c_str()); });
+    ChildResult_t result = runInChild([&] { EMP_BUGCHECK(EMP_HERE_IN("f"), "%s", text.c_str()); });
     EXPECT_TRUE(result.aborted());
     EXPECT_NE(result.out.find("| Message:   " + std::string(1023, 'm') + "\n***"),
               std::string::npos);
@@ -371,7 +371,7 @@ TEST_F(BugCheck, ReportIsOutBeforeTheWriterIsCalled) {
 TEST_F(BugCheck, LinesPrintedBeforeAreNotLost) {
     ChildResult_t result = runInChild([] {
         printf("a line of before\n");
-        EMP_BUGCHECK(EMP_HERE, "text");
+        EMP_BUGCHECK(EMP_HERE_IN("f"), "text");
     });
     EXPECT_EQ(result.out.rfind("a line of before\n" STAMP "**", 0), 0U);
 }

@@ -8,7 +8,7 @@ void fillControlBlock() {
     empControl.selectTimeout = {1, 100};
     empControl.socketFdMSM = 3;
     empControl.socketAddressMSM.sun_family = AF_UNIX;
-    strcpy(empControl.socketAddressMSM.sun_path, "/tmp/m/eventlog");
+    memcpy(empControl.socketAddressMSM.sun_path, "/tmp/m/eventlog", 16);
     empControl.socketFdEventArchiver = 7;
     empControl.socketAddressEventArchiver.sin_family = AF_INET;
     empControl.socketAddressEventArchiver.sin_port = htons(20000);
@@ -23,7 +23,7 @@ void fillControlBlock() {
     empControl.empSequenceId = 2147483648U;
     empControl.empEventArchiverSequenceId = 4294967295U;
     empControl.empEventArchiverHandle = 1000U;
-    strcpy(reinterpret_cast<char*>(empControl.empEnclosureId), "Enclosure-7");
+    memcpy(empControl.empEnclosureId, "Enclosure-7", 12);
     memset(empControl.empBladeId, 'B', 64);
     empControl.empSlotId = 12U;
     empControl.empInstanceNumber = 5U;
