@@ -3,6 +3,7 @@
 #include "archiver/pending.h"
 #include "diag/debug_line.h"
 #include "fault/bugcheck.h"
+#include "startup/ael_file_list.h"
 #include "state/control.h"
 #include "state/text64.h"
 
@@ -70,6 +71,7 @@ void empInit() {
     resetControlBlock();
     takeIdentity();
     empEvMsgPoolInit();
+    empAelFileNameList = nullptr;
     connectToMsm();
     empDebugLine("empInit(): Event Manager connect to MSM with socket [%d]\n",
                  empControl.socketFdMSM);
