@@ -1,0 +1,43 @@
+/**
+ * @file
+ * What the command lines of all tools share: the version flag, how problems are said, and the exit
+ * statuses.
+ */
+#ifndef TOOLS_CLI_H
+#define TOOLS_CLI_H
+
+#include <CLI/CLI.hpp>
+
+#include <optional>
+#include <string>
+
+namespace tools {
+
+/** Exit statuses of every tool. */
+enum ExitStatus : int {
+    EXIT_DONE = 0,      ///< did what was asked
+    EXIT_FINDING = 1,   ///< did what was asked, and found something to report
+    EXIT_COULD_NOT = 2, ///< could not do what was asked; standard error says why
+};
+
+/**
+ * Gives a command line what all tools have: --help, --version, and the layout of the help text.
+ * @param app    the command line, its name being the program's
+ * @param footer what the help text says behind the options, such as examples; "" for nothing. The
+ *               exit statuses are added to it.
+ */
+void setUpCommandLine(CLI::App& app, const std::string& footer);
+
+/**
+ * Parses the command line.
+ * @return nothing when the tool shall run; else the status to exit with, everything being said:
+ * EXIT_DONE after --help and --version, EXIT_COULD_NOT after an error
+ */
+std::optional<int> parseCommandLine(CLI::App& app, int argc, const char* const* argv);
+
+/** One line on standard error: "<program>: <text>". @return EXIT_COULD_NOT */
+int sayCouldNot(const std::string& program, const std::string& text);
+
+} // namespace tools
+
+#endif
