@@ -1,0 +1,115 @@
+#include "switch_fixture.h"
+
+#include "endpoint_names.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace support;
+using testing::HasSubstr;
+
+static bool exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+/** Runs a switch that cannot start. @return what it says on standard error */
+static std::string refusalOf(const TempDirectory& logs, const std::vector<std::string>& arguments) {
+    Process process(commandOf("msm", arguments), logs.file("refused"));
+    EXPECT_EQ(process.wait(), exitedWith(2));
+    return process.errorOutput();
+}
+
+TEST(SwitchDirectory, SocketsComeAndGoWithTheSwitch) {
+    TempDirectory directory;
+    RunningSwitch msm(directory.path());
+    for (const char* name : ENDPOINT_SOCKETS) {
+        struct stat status {};
+        ASSERT_EQ(stat(directory.file(name).c_str(), &status), 0) << name;
+        EXPECT_TRUE(S_ISSOCK(status.st_mode)) << name;
+    }
+    EXPECT_FALSE(exists(directory.file("link")));
+    msm.stop(SIGTERM);
+    for (const char* name : ENDPOINT_SOCKETS) {
+        EXPECT_FALSE(exists(directory.file(name))) << name;
+    }
+}
+
+TEST(SwitchDirectory, StaleSocketsAreReplaced) {
+    TempDirectory directory;
+    {
+        RunningSwitch killed(directory.path());
+        killed.process().signal(SIGKILL);
+        EXPECT_EQ(killed.process().wait(), diedOf(SIGKILL));
+    }
+    ASSERT_TRUE(exists(directory.file("eventlog")));
+    RunningSwitch msm(directory.path());
+    MmsgClient client = msm.connect("eventlog");
+    client.send(makeMmsg({.local = {27}}));
+    EXPECT_EQ(client.receive().size(), 64U);
+}
+
+TEST(SwitchDirectory, SecondSwitchIsRefusedAndTheFirstGoesOn) {
+    TempDirectory directory;
+    TempDirectory logs;
+    RunningSwitch msm(directory.path());
+    EXPECT_EQ(refusalOf(logs, {directory.path()}),
+              "msm: another msm already listens in " + directory.path() + "\n");
+    MmsgClient client = msm.connect("eventlog");
+    client.send(makeMmsg({.local = {27}}));
+    EXPECT_EQ(client.receive().size(), 64U);
+}
+
+TEST(SwitchDirectory, SocketOfAnotherProgramIsLeftAlone) {
+    TempDirectory directory;
+    TempDirectory logs;
+    MmsgListener other(directory.file("eventlog"));
+    EXPECT_EQ(refusalOf(logs, {directory.path()}),
+              "msm: somebody already listens on " + directory.file("eventlog") + "\n");
+    EXPECT_TRUE(exists(directory.file("eventlog")));
+    EXPECT_FALSE(exists(directory.file("iscsi18p")));
+}
+
+TEST(SwitchDirectory, FileInTheWayIsNotRemoved) {
+    TempDirectory directory;
+    TempDirectory logs;
+    writeFile(directory.file("startup"), "precious");
+    EXPECT_EQ(refusalOf(logs, {directory.path()}),
+              "msm: " + directory.file("startup") + " is in the way: it is not a socket\n");
+    EXPECT_EQ(readFile(directory.file("startup")), "precious");
+    EXPECT_FALSE(exists(directory.file("iscsi18p")));
+}
+
+TEST(SwitchDirectory, MissingDirectoryIsAClearError) {
+    TempDirectory logs;
+    EXPECT_THAT(
+        refusalOf(logs, {logs.file("nowhere")}),
+        HasSubstr("cannot open directory " + logs.file("nowhere") + ": No such file or directory"));
+}
+
+TEST(SwitchDirectory, PathsOf107CharactersFitAnd108DoNot) {
+    TempDirectory top;
+    // The longest name is "battery_manager": 15 characters behind a slash.
+    std::string fitting = top.makeDirectory(std::string(107 - 16 - top.path().size() - 1, 'd'));
+    std::string tooLong = fitting + "d";
+    ASSERT_EQ(mkdir(tooLong.c_str(), 0700), 0);
+    {
+        RunningSwitch msm(fitting);
+        MmsgClient client = msm.connect("battery_manager");
+        client.send(makeMmsg({.local = {32}}));
+        EXPECT_EQ(client.receive().size(), 64U);
+    }
+    EXPECT_EQ(refusalOf(top, {tooLong}), "msm: socket path of 108 characters, more than 107: " +
+                                             tooLong + "/battery_manager\n");
+}
+
+TEST(SwitchDirectory, LinkToItselfIsRefused) {
+    TempDirectory directory;
+    TempDirectory logs;
+    EXPECT_THAT(refusalOf(logs, {directory.path(), "--link", directory.path() + "/./link"}),
+                HasSubstr("cannot link to itself"));
+}

@@ -1,0 +1,45 @@
+/**
+ * @file
+ * The way to the other blade: a connection to its switch, made again whenever it is lost.
+ *
+ * Each switch connects to the other's link socket and only sends there; what comes from the other
+ * blade comes through the switch's own link socket. So both sides are alike and may start in any
+ * order.
+ */
+#ifndef MSM_LINK_H
+#define MSM_LINK_H
+
+#include "connection.h"
+
+namespace msm {
+
+class Link {
+  public:
+    /** Begins to connect to the other switch's link socket. @param queueMax as for Connection */
+    Link(asio::io_context& loop, std::string path, size_t queueMax);
+
+    /** Sends a message to the other blade. @return false when it was dropped: the other switch is
+     * not there, or too slow */
+    bool send(std::span<const U8_t> message);
+
+    /** Messages that send() took and that never reached the other switch, or wait for it. */
+    size_t unsent() const { return lost_ + (connection_ ? connection_->unsent() : 0); }
+
+  private:
+    void connect();
+    void retry(const std::string& why);
+    void connected();
+
+    asio::io_context& loop_;
+    std::string path_;
+    size_t queueMax_;
+    Socket socket_;
+    asio::steady_timer timer_;
+    std::shared_ptr<Connection> connection_; ///< while linked
+    bool complained_ = false;                ///< the missing peer was mentioned
+    size_t lost_ = 0;                        ///< messages in queues of connections that ended
+};
+
+} // namespace msm
+
+#endif

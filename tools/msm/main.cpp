@@ -1,0 +1,84 @@
+#include "common/cli.h"
+#include "say.h"
+#include "switch.h"
+
+#include <csignal>
+#include <exception>
+#include <iostream>
+
+using namespace msm;
+
+namespace {
+
+constexpr char DESCRIPTION[] =
+    "Message switch for one machine: carries the local messages of a blade's processes.\n\n"
+    "For each of the 34 endpoints a Unix stream socket is made in DIR, named like the endpoint:\n"
+    "eventlog for the event manager, startup, smi_ind, snmp and so on. A process connects to the\n"
+    "socket of the endpoint that it is, sends whole messages (a 64-byte header and its body, the\n"
+    "length of both in mmsg_length) and receives every message whose recipient bitmap has the bit\n"
+    "of that endpoint. Several connections of one endpoint get a copy each.\n\n"
+    "A connection that sends an mmsg_length outside 64 to 4064 is closed. A connection that does\n"
+    "not read is not waited for: messages for it are queued, then dropped; both is said.";
+
+constexpr char FOOTER[] =
+    "On SIGINT or SIGTERM the switch prints a summary of its counters, removes its sockets and\n"
+    "exits with 0. Lines go to standard output; why it could not start goes to standard error.\n\n"
+    "Examples:\n"
+    "  msm /tmp/blade0/mmsg --trace\n"
+    "  msm /tmp/blade0/mmsg --link /tmp/blade1/mmsg/link &\n"
+    "  msm /tmp/blade1/mmsg --link /tmp/blade0/mmsg/link &";
+
+void declareOptions(CLI::App& app, SwitchOptions& options) {
+    app.add_option("directory", options.directory,
+                   "Directory of the sockets; it must exist, and its sockets' paths may have at "
+                   "most 107 characters")
+        ->required()
+        ->type_name("DIR");
+    app.add_option(
+           "--link", options.link,
+           "Link to the switch of another blade: PATH is its link socket, the file \"link\" "
+           "in its DIR. Messages with bits in recipient_ob_bm go there. Both switches need "
+           "the option; they may start in any order and find each other again")
+        ->type_name("PATH");
+    app.add_option("--queue", options.queueMax,
+                   "Messages that may wait for one slow connection before more are dropped")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 1000000))
+        ->type_name("N");
+    app.add_flag("--trace", options.trace, "Print the header of every message and where it went");
+}
+
+void sayLines(const std::string& text) {
+    for (size_t start = 0, end = 0; (end = text.find('\n', start)) != std::string::npos;
+         start = end + 1) {
+        say(text.substr(start, end - start));
+    }
+}
+
+int run(const SwitchOptions& options) {
+    asio::io_context loop(1);
+    asio::signal_set signals(loop, SIGINT, SIGTERM);
+    Switch messageSwitch(loop, options);
+    say("listening in " + options.directory);
+    signals.async_wait([&loop](std::error_code, int) { loop.stop(); });
+    loop.run();
+    sayLines(messageSwitch.counters().text());
+    return tools::EXIT_DONE;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        SwitchOptions options;
+        CLI::App app(DESCRIPTION, "msm");
+        declareOptions(app, options);
+        tools::setUpCommandLine(app, FOOTER);
+        if (std::optional<int> status = tools::parseCommandLine(app, argc, argv)) {
+            return *status;
+        }
+        return run(options);
+    } catch (const std::exception& error) {
+        return tools::sayCouldNot("msm", error.what());
+    }
+}

@@ -1,0 +1,204 @@
+#include "switch.h"
+
+#include "say.h"
+#include "trace.h"
+
+#include <filesystem>
+
+#include <unistd.h>
+
+namespace msm {
+namespace {
+
+constexpr std::chrono::milliseconds ACCEPT_PAUSE{100};
+
+std::string unconnectedText(U64_t endpoints) {
+    U32be_t bitmap[2] = {static_cast<U32_t>(endpoints), static_cast<U32_t>(endpoints >> 32)};
+    return recipientsText(bitmap);
+}
+
+} // namespace
+
+Switch::Switch(asio::io_context& loop, SwitchOptions options)
+    : loop_(loop), options_(std::move(options)), claim_(options_.directory) {
+    std::string ownLink = options_.directory + "/" + LINK_SOCKET_NAME;
+    if (usesLink()) {
+        checkSocketPath(options_.link);
+        if (std::filesystem::weakly_canonical(options_.link) ==
+            std::filesystem::weakly_canonical(ownLink)) {
+            throw DirectoryError("cannot link to itself: " + options_.link);
+        }
+    }
+    for (U32_t endpoint = 0; endpoint < tools::ENDPOINT_COUNT; ++endpoint) {
+        listen(endpoint, tools::endpointSocketPath(options_.directory, endpoint));
+    }
+    if (usesLink()) {
+        listen(LINK_PORT, ownLink);
+        link_.emplace(loop_, options_.link, options_.queueMax);
+    }
+}
+
+Switch::Port::~Port() {
+    if (acceptor.is_open()) {
+        unlink(path.c_str());
+    }
+}
+
+void Switch::listen(U32_t number, const std::string& path) {
+    removeStaleSocket(path);
+    Port& port = ports_.at(number).emplace(loop_, path);
+    std::error_code error;
+    asio::local::stream_protocol::endpoint address(path);
+    Acceptor acceptor(loop_);
+    acceptor.open(address.protocol(), error);
+    if (!error) {
+        acceptor.bind(address, error);
+    }
+    if (error) {
+        throw DirectoryError("cannot listen on " + path + ": " + error.message());
+    }
+    // From here on the socket in the directory is ours to remove.
+    port.acceptor = std::move(acceptor);
+    port.acceptor.listen(asio::socket_base::max_listen_connections, error);
+    if (error) {
+        throw DirectoryError("cannot listen on " + path + ": " + error.message());
+    }
+    accept(number);
+}
+
+void Switch::accept(U32_t number) {
+    Port& port = *ports_.at(number);
+    port.acceptor.async_accept([this, number](std::error_code error, Socket socket) {
+        if (!error) {
+            accepted(number, std::move(socket));
+            accept(number);
+            return;
+        }
+        // Such as no descriptor being free: the peer waits, nothing is lost.
+        Port& failed = *ports_.at(number);
+        say(failed.path + ": cannot accept: " + error.message());
+        failed.pause.expires_after(ACCEPT_PAUSE);
+        failed.pause.async_wait([this, number](std::error_code) { accept(number); });
+    });
+}
+
+void Switch::accepted(U32_t number, Socket socket) {
+    bool isLink = number == LINK_PORT;
+    std::string name = (isLink ? std::string(LINK_SOCKET_NAME) : tools::endpointSocketName(number));
+    name.append("#").append(std::to_string(++counters_.connections));
+    Connection::Callbacks callbacks;
+    callbacks.message = [this, number, isLink](Connection& from, std::span<U8_t> message) {
+        if (isLink) {
+            takeFromLink(from, message);
+        } else {
+            takeLocal(number, from, message);
+        }
+    };
+    callbacks.end = [this, number](Connection& from, End end) { ended(number, from, end); };
+    auto connection = std::make_shared<Connection>(std::move(socket), name, options_.queueMax,
+                                                   std::move(callbacks));
+    ports_.at(number)->connections.insert(connection);
+    connection->start();
+    if (options_.trace) {
+        say(name + ": connected");
+    }
+}
+
+void Switch::ended(U32_t number, Connection& connection, End end) {
+    counters_.badLengths += end == End::BadLength ? 1 : 0;
+    counters_.brokenMessages += end == End::Broken ? 1 : 0;
+    if (number < tools::ENDPOINT_COUNT && connection.unsent() > 0) {
+        counters_.endpoints.at(number).delivered -= connection.unsent();
+        counters_.endpoints.at(number).dropped += connection.unsent();
+        say(connection.name() + ": " + std::to_string(connection.unsent()) +
+            " messages that waited for it are dropped");
+    }
+    if (options_.trace) {
+        say(connection.name() + ": disconnected");
+    }
+    ports_.at(number)->connections.erase(connection.shared_from_this());
+}
+
+void Switch::takeLocal(U32_t endpoint, Connection& from, std::span<U8_t> message) {
+    const auto& header = *reinterpret_cast<const MMCH_t*>(message.data());
+    ++counters_.messages;
+    ++counters_.endpoints.at(endpoint).received;
+    Delivery delivery;
+    deliver(recipientsOf(header.recipient_loc_bm), message, delivery);
+    if (recipientsOf(header.recipient_ob_bm) != 0 && usesLink()) {
+        sendOverLink(message, delivery);
+    }
+    conclude(from, header, delivery);
+}
+
+void Switch::takeFromLink(Connection& from, std::span<U8_t> message) {
+    auto& header = *reinterpret_cast<MMCH_t*>(message.data());
+    ++counters_.linkReceived;
+    header.mmsg_cont |= MMSG_E_CONT_OTHER_BLADE;
+    Delivery delivery;
+    deliver(recipientsOf(header.recipient_ob_bm), message, delivery);
+    conclude(from, header, delivery);
+}
+
+void Switch::deliver(U64_t recipients, std::span<const U8_t> message, Delivery& delivery) {
+    if ((recipients >> tools::ENDPOINT_COUNT) != 0) {
+        ++counters_.unknownEndpoint;
+    }
+    for (U32_t endpoint = 0; endpoint < tools::ENDPOINT_COUNT; ++endpoint) {
+        if (((recipients >> endpoint) & 1) == 0) {
+            continue;
+        }
+        EndpointCounters& counters = counters_.endpoints.at(endpoint);
+        if (ports_.at(endpoint)->connections.empty()) {
+            ++counters.unconnected;
+            delivery.unconnected |= U64_t{1} << endpoint;
+        }
+        for (const std::shared_ptr<Connection>& connection : ports_.at(endpoint)->connections) {
+            bool taken = connection->send(message);
+            ++(taken ? counters.delivered : counters.dropped);
+            ++(taken ? delivery.connections : delivery.dropped);
+        }
+    }
+}
+
+void Switch::sendOverLink(std::span<const U8_t> message, Delivery& delivery) {
+    delivery.otherBlade = link_->send(message);
+    ++(delivery.otherBlade ? counters_.linkDelivered : counters_.linkDropped);
+    delivery.dropped += delivery.otherBlade ? 0 : 1;
+}
+
+void Switch::conclude(const Connection& from, const MMCH_t& header, const Delivery& delivery) {
+    if (delivery.connections == 0 && !delivery.otherBlade) {
+        ++counters_.nobody;
+    }
+    if (!options_.trace) {
+        return;
+    }
+    std::string text = from.name() + ": " + headerText(header) + " -> ";
+    text += delivery.connections == 0 ? "nobody" : std::to_string(delivery.connections);
+    text += delivery.otherBlade ? " and the other blade" : "";
+    if (delivery.unconnected != 0) {
+        text += ", not connected: " + unconnectedText(delivery.unconnected);
+    }
+    if (delivery.dropped > 0) {
+        text += ", dropped for " + std::to_string(delivery.dropped);
+    }
+    say(text);
+}
+
+Counters Switch::counters() const {
+    Counters counters = counters_;
+    for (U32_t endpoint = 0; endpoint < tools::ENDPOINT_COUNT; ++endpoint) {
+        for (const std::shared_ptr<Connection>& connection : ports_.at(endpoint)->connections) {
+            counters.endpoints.at(endpoint).delivered -= connection->unsent();
+            counters.endpoints.at(endpoint).dropped += connection->unsent();
+        }
+    }
+    if (link_) {
+        counters.linkDelivered -= link_->unsent();
+        counters.linkDropped += link_->unsent();
+    }
+    return counters;
+}
+
+} // namespace msm
