@@ -150,7 +150,8 @@ void skipToSignature(Search_t& search) {
     }
     while (search.offset < end) {
         const U8_t* from = window.at(search.offset);
-        const void* found = memchr(from, EMP_RECORD_SIGNATURE >> 8, end - search.offset);
+        const void* found =
+            memchr(from, EMP_RECORD_SIGNATURE >> 8, static_cast<size_t>(end - search.offset));
         if (found == nullptr) {
             search.offset = end;
             return;
