@@ -16,6 +16,7 @@
 #include <iterator>
 #include <string>
 #include <sys/ipc.h>
+#include <sys/resource.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -90,12 +91,21 @@ struct ChildEnd {
     bool diedOf(int signal) const { return WIFSIGNALED(status) && WTERMSIG(status) == signal; }
 };
 
+/** Removes the line in which an emulator says that its program died of a signal. */
+inline std::string withoutEmulator(std::string errors) {
+    size_t begin = errors.find("qemu: uncaught target signal");
+    return begin == std::string::npos ? errors
+                                      : errors.erase(begin, errors.find('\n', begin) + 1 - begin);
+}
+
 /** Runs a body in a process of its own; a body that returns ends it with status 111. */
 inline ChildEnd runInChild(const std::function<void()>& body) {
     TempDirectory directory;
     fflush(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
+        const struct rlimit noCore = {0, 0};
+        setrlimit(RLIMIT_CORE, &noCore);
         if (freopen((directory / "output").c_str(), "w", stdout) == nullptr ||
             freopen((directory / "errors").c_str(), "w", stderr) == nullptr) {
             _exit(112);
@@ -106,7 +116,8 @@ inline ChildEnd runInChild(const std::function<void()>& body) {
     }
     int status = 0;
     waitpid(pid, &status, 0);
-    return {status, pid, readFile(directory / "output"), readFile(directory / "errors")};
+    return {status, pid, readFile(directory / "output"),
+            withoutEmulator(readFile(directory / "errors"))};
 }
 
 /** What a body writes to standard error. */

@@ -140,9 +140,6 @@ TEST_F(Signals, RegistersAreThoseOfTheInterruptedCode) {
     std::string file = onlyFile();
     checkFile(file, end.pid);
     EXPECT_EQ(native(file, 160), SIGSEGV);
-    siginfo_t info;
-    memcpy(&info, file.data() + 160, sizeof(info));
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(info.si_addr), 0x10U);
 #if defined(__powerpc__)
     EXPECT_EQ(nativeLong(file, 160 + 128 + 32 * 4), 0x10); // nip
 #elif defined(__x86_64__)
