@@ -1,0 +1,155 @@
+#include "evctl/event_view.h"
+
+#include "common/names.h"
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+
+namespace evctl {
+namespace {
+
+bool isPrintable(U8_t byte) {
+    return byte >= 0x20 && byte < 0x7F;
+}
+
+/** One line of at most 16 bytes. */
+std::string dumpLine(size_t offset, std::span<const U8_t> bytes) {
+    std::array<char, 16> text{};
+    snprintf(text.data(), text.size(), "%04zx ", offset);
+    std::string line = text.data();
+    std::string characters;
+    for (U8_t byte : bytes) {
+        snprintf(text.data(), text.size(), " %02x", static_cast<unsigned>(byte));
+        line += text.data();
+        characters += isPrintable(byte) ? static_cast<char>(byte) : '.';
+    }
+    line.resize(6 + 3 * 16, ' ');
+    return line + "  |" + characters + "|\n";
+}
+
+std::span<const U8_t> textOf(const U8_t (&field)[EMP_ID_TEXT_SIZE]) {
+    return field;
+}
+
+Json nameOrNull(const tools::NameTable& names, U32_t value) {
+    return names.find(value) != nullptr ? Json(names.brief(value)) : Json(nullptr);
+}
+
+} // namespace
+
+EventView eventOf(const EvlogRecord_t& record) {
+    // A record is its event behind signature, version and checksum.
+    const auto* bytes = reinterpret_cast<const U8_t*>(record.header);
+    return {reinterpret_cast<const EmpEvLogHeader_t*>(bytes + EMP_CRC_START), record.body};
+}
+
+std::string isoTime(U32_t seconds) {
+    // Not gmtime: the board's time_t has 32 bits and a sign.
+    using namespace std::chrono;
+    constexpr U32_t secondsADay = 86'400;
+    year_month_day date{sys_days{days{seconds / secondsADay}}};
+    U32_t rest = seconds % secondsADay;
+    std::array<char, 40> text{};
+    snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02u:%02u:%02uZ",
+             static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
+             static_cast<unsigned>(date.day()), rest / 3600, rest / 60 % 60, rest % 60);
+    return text.data();
+}
+
+std::string escapedText(std::span<const U8_t> field) {
+    std::string text;
+    for (U8_t byte : field) {
+        if (byte == 0) {
+            break;
+        }
+        if (isPrintable(byte) && byte != '\\') {
+            text += static_cast<char>(byte);
+            continue;
+        }
+        std::array<char, 8> escape{};
+        snprintf(escape.data(), escape.size(), "\\x%02X", static_cast<unsigned>(byte));
+        text += escape.data();
+    }
+    return text;
+}
+
+std::string eventIdText(U32_t source, U32_t id) {
+    const tools::NameTable& names = tools::eventNamesOf(source);
+    std::string number = std::to_string(id);
+    return names.find(id) != nullptr ? names.brief(id) + "(" + number + ")" : number;
+}
+
+std::string eventLine(const EventView& event) {
+    const EmpEvLogHeader_t& header = *event.header;
+    std::array<char, 256> text{};
+    snprintf(text.data(), text.size(), "%10u  %s  %-11s  %-15s  %-13s  %-20s  %zu bytes",
+             U32_t{header.evSequenceId}, isoTime(header.evTime).c_str(),
+             tools::eventTypeNames.brief(header.evType).c_str(),
+             tools::endpointNames.brief(header.evSource).c_str(),
+             tools::categoryNames.brief(header.evCategory).c_str(),
+             eventIdText(header.evSource, header.evId).c_str(), event.data.size());
+    return text.data();
+}
+
+Json eventJson(const EventView& event) {
+    const EmpEvLogHeader_t& header = *event.header;
+    return {
+        {"sequenceId", U32_t{header.evSequenceId}},
+        {"instanceNumber", U32_t{header.evInstanceNumber}},
+        {"time", isoTime(header.evTime)},
+        {"seconds", U32_t{header.evTime}},
+        {"type", header.evType},
+        {"typeName", nameOrNull(tools::eventTypeNames, header.evType)},
+        {"source", header.evSource},
+        {"sourceName", nameOrNull(tools::endpointNames, header.evSource)},
+        {"category", header.evCategory},
+        {"categoryName", nameOrNull(tools::categoryNames, header.evCategory)},
+        {"id", U32_t{header.evId}},
+        {"idName", nameOrNull(tools::eventNamesOf(header.evSource), header.evId)},
+        {"idVersion", header.evIdVersion},
+        {"enclosureId", escapedText(textOf(header.evEnclosureId))},
+        {"bladeId", escapedText(textOf(header.evBladeId))},
+        {"slotId", U32_t{header.evSlotId}},
+        {"length", event.data.size()},
+        {"data", hexDigits(event.data)},
+    };
+}
+
+const char* roleName(EVLOG_ROLE_e role) {
+    constexpr std::array<const char*, 3> names = {"newest", "oldest", "dummy"};
+    return names.at(role);
+}
+
+Json recordJson(const EvlogRecord_t& record) {
+    Json json = {
+        {"offset", record.offset}, {"part", roleName(record.role)}, {"taken", record.taken}};
+    json.update(eventJson(eventOf(record)));
+    return json;
+}
+
+std::string jsonLine(const Json& json) {
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+std::string hexDigits(std::span<const U8_t> bytes) {
+    constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(bytes.size() * 2);
+    for (U8_t byte : bytes) {
+        text += digits[byte >> 4];
+        text += digits[byte & 0x0F];
+    }
+    return text;
+}
+
+std::string hexDump(std::span<const U8_t> bytes) {
+    std::string text;
+    for (size_t offset = 0; offset < bytes.size(); offset += 16) {
+        text +=
+            dumpLine(offset, bytes.subspan(offset, std::min<size_t>(16, bytes.size() - offset)));
+    }
+    return text;
+}
+
+} // namespace evctl

@@ -1,0 +1,79 @@
+/**
+ * @file
+ * How an event is shown: as a line, as JSON, as a hex dump; and which events are shown.
+ *
+ * An event in a message and an event in a file have the same 152-byte header, so both are shown
+ * from there.
+ */
+#ifndef EVCTL_EVENT_VIEW_H
+#define EVCTL_EVENT_VIEW_H
+
+#include "common/cli.h"
+#include "emp_mesgs.h"
+#include "evlog/evlog.h"
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace evctl {
+
+using Json = nlohmann::ordered_json;
+
+/** An event: header and data lie elsewhere. */
+struct EventView {
+    const EmpEvLogHeader_t* header;
+    std::span<const U8_t> data;
+};
+
+/** The event of a record; a dummy entry has no data. */
+EventView eventOf(const EvlogRecord_t& record);
+
+/** Seconds since 1970 as "2006-11-21T14:00:00Z"; the whole range of 32 bits. */
+std::string isoTime(U32_t seconds);
+
+/** A fixed-size text with everything but printable ASCII, and the backslash, as \\xNN. */
+std::string escapedText(std::span<const U8_t> field);
+
+/** "signal(4)", or "300" for an id without a name. */
+std::string eventIdText(U32_t source, U32_t id);
+
+/** The event as one line, without data and line feed. */
+std::string eventLine(const EventView& event);
+
+/** The event as an object: numbers, names, and the data as hexadecimal digits. */
+Json eventJson(const EventView& event);
+
+/** What only a record in a file has: offset, part of the ring, whether it is taken. */
+Json recordJson(const EvlogRecord_t& record);
+
+const char* roleName(EVLOG_ROLE_e role); ///< "newest", "oldest", "dummy"
+
+/** One line of JSON; bytes that are no UTF-8 are replaced. */
+std::string jsonLine(const Json& json);
+
+std::string hexDigits(std::span<const U8_t> bytes);
+
+/** Lines of 16 bytes: offset, hexadecimal, printable characters. */
+std::string hexDump(std::span<const U8_t> bytes);
+
+/** Which events are shown: every list that is not empty must hold the event's value. */
+struct EventFilter {
+    std::vector<U32_t> types;
+    std::vector<U32_t> sources;
+    std::vector<U32_t> categories;
+    std::vector<U32_t> ids;
+    std::optional<U32_t> firstSequenceId;
+    std::optional<U32_t> lastSequenceId;
+
+    bool matches(const EmpEvLogHeader_t& header) const;
+};
+
+/** Adds --type, --source, --category, --id and --seq. */
+void addFilterOptions(CLI::App& command, EventFilter& filter);
+
+} // namespace evctl
+
+#endif

@@ -1,0 +1,46 @@
+/** evctl file: event log files, read without the event manager and without a change. */
+#include "evctl/file.h"
+
+#include "evctl/commands.h"
+
+#include <cstring>
+#include <stdexcept>
+
+namespace evctl {
+
+void addFileCommands(CLI::App& parent, Chosen& chosen) {
+    CLI::App& group = addCommandGroup(parent, "file", "Show an event log file, offline.");
+    addFileListCommand(group, chosen);
+    addFileShowCommand(group, chosen);
+    addFileVerifyCommand(group, chosen);
+    addFileInfoCommand(group, chosen);
+}
+
+void addFileArgument(CLI::App& command, std::string& path) {
+    command.add_option("FILE", path, "The event log file; it is only read")->required();
+}
+
+EvlogImage_t loadLog(const std::string& path) {
+    EvlogImage_t image;
+    int error = evlogLoadFile(path.c_str(), &image);
+    if (error == EINVAL) {
+        throw std::runtime_error(path + ": not a regular file");
+    }
+    if (error != 0) {
+        throw std::runtime_error(path + ": " + strerror(error));
+    }
+    return image;
+}
+
+LogContent readLog(const EvlogImage_t& image, const EvlogIdentity_t* identity) {
+    LogContent content;
+    content.state = evlogWalk(
+        image,
+        {.onRecord = [&content](const EvlogRecord_t& record) { content.records.push_back(record); },
+         .onFinding =
+             [&content](const EvlogFinding_t& finding) { content.findings.push_back(finding); }},
+        identity);
+    return content;
+}
+
+} // namespace evctl

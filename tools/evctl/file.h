@@ -1,0 +1,33 @@
+/**
+ * @file
+ * What the file subcommands share.
+ */
+#ifndef EVCTL_FILE_H
+#define EVCTL_FILE_H
+
+#include "common/cli.h"
+#include "evlog/evlog.h"
+
+#include <string>
+#include <vector>
+
+namespace evctl {
+
+/** Adds the positional argument FILE. */
+void addFileArgument(CLI::App& command, std::string& path);
+
+/** Reads a log file; throws when it cannot be read. */
+EvlogImage_t loadLog(const std::string& path);
+
+/** All of a log file; the records lead into its image. */
+struct LogContent {
+    EvlogState_t state;
+    std::vector<EvlogRecord_t> records; ///< in the order of the file, dummy entries included
+    std::vector<EvlogFinding_t> findings;
+};
+
+LogContent readLog(const EvlogImage_t& image, const EvlogIdentity_t* identity = nullptr);
+
+} // namespace evctl
+
+#endif

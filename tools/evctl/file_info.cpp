@@ -1,0 +1,145 @@
+/** evctl file info: a log file at a glance, and what the event manager will make of it. */
+#include "evctl/commands.h"
+#include "evctl/event_view.h"
+#include "evctl/file.h"
+#include "evctl/options.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iostream>
+#include <map>
+
+namespace evctl {
+namespace {
+
+constexpr char EXAMPLES[] =
+    "Whether the log belongs to this blade is judged only with --enclosure and --slot.";
+
+struct InfoOptions {
+    std::string path;
+    std::optional<std::string> enclosure;
+    std::optional<U32_t> slot;
+    bool json = false;
+};
+
+EvlogIdentity_t identityOf(const InfoOptions& options) {
+    EvlogIdentity_t identity = {.enclosureId = {}, .slotId = *options.slot};
+    memcpy(identity.enclosureId, options.enclosure->data(),
+           std::min(options.enclosure->size(), sizeof(identity.enclosureId)));
+    return identity;
+}
+
+/** Count, ids and times of one part of the ring. */
+Json partJson(const std::vector<EvlogRecord_t>& records, EVLOG_ROLE_e role) {
+    const EmpEvRecord_t* first = nullptr;
+    const EmpEvRecord_t* last = nullptr;
+    U32_t count = 0;
+    for (const EvlogRecord_t& record : records) {
+        if (record.role == role) {
+            first = first == nullptr ? record.header : first;
+            last = record.header;
+            count++;
+        }
+    }
+    Json json = {{"records", count}};
+    if (first != nullptr) {
+        json.update({{"firstSequenceId", U32_t{first->evSequenceId}},
+                     {"lastSequenceId", U32_t{last->evSequenceId}},
+                     {"firstTime", isoTime(first->evTime)},
+                     {"lastTime", isoTime(last->evTime)}});
+    }
+    return json;
+}
+
+/** Number of events by the name that @p nameOf gives them. */
+template <typename NameOf>
+Json countsJson(const std::vector<EvlogRecord_t>& records, NameOf nameOf) {
+    std::map<std::string, U32_t> counts;
+    for (const EvlogRecord_t& record : records) {
+        if (record.role != EVLOG_E_ROLE_DUMMY) {
+            counts[nameOf(*record.header)]++;
+        }
+    }
+    return Json(counts);
+}
+
+Json positionsJson(const EvlogState_t& state) {
+    return {{"empWrite", state.empWrite},
+            {"empStart", state.empStart},
+            {"empStartSequenceId", state.empStartSequenceId},
+            {"empSequenceId", state.empSequenceId},
+            {"empInstanceNumber", state.empInstanceNumber},
+            {"empEventInLogFile", state.empEventInLogFile},
+            {"empWrapOver", state.wrapOver},
+            {"foundGap", state.foundGap}};
+}
+
+Json infoJson(const InfoOptions& options, const EvlogImage_t& image, const LogContent& content) {
+    Json json = {{"file", options.path},
+                 {"bytes", image.fileSize},
+                 {"verdict", evlogVerdictName(content.state.verdict)},
+                 {"meaning", evlogVerdictText(content.state.verdict)},
+                 {"findings", content.findings.size()},
+                 {"oldest", partJson(content.records, EVLOG_E_ROLE_OLDEST)},
+                 {"newest", partJson(content.records, EVLOG_E_ROLE_NEWEST)}};
+    json["types"] = countsJson(content.records, [](const EmpEvRecord_t& header) {
+        return tools::eventTypeNames.brief(header.evType);
+    });
+    json["sources"] = countsJson(content.records, [](const EmpEvRecord_t& header) {
+        return tools::endpointNames.brief(header.evSource);
+    });
+    json["start"] = positionsJson(content.state);
+    return json;
+}
+
+/** "name value" lines; objects are indented below their name. */
+void printLines(const Json& json, const std::string& indent) {
+    for (const auto& [name, value] : json.items()) {
+        if (value.is_object()) {
+            std::cout << indent << name << "\n";
+            printLines(value, indent + "  ");
+            continue;
+        }
+        std::string padded = indent + name;
+        padded.resize(std::max<size_t>(padded.size() + 1, 22), ' ');
+        std::cout << padded << (value.is_string() ? value.get<std::string>() : value.dump())
+                  << "\n";
+    }
+}
+
+int runInfo(const InfoOptions& options) {
+    EvlogImage_t image = loadLog(options.path);
+    EvlogIdentity_t identity{};
+    if (options.enclosure) {
+        identity = identityOf(options);
+    }
+    LogContent content = readLog(image, options.enclosure ? &identity : nullptr);
+    Json json = infoJson(options, image, content);
+    if (options.json) {
+        std::cout << jsonLine(json);
+    } else {
+        printLines(json, "");
+    }
+    return tools::EXIT_DONE;
+}
+
+} // namespace
+
+void addFileInfoCommand(CLI::App& parent, Chosen& chosen) {
+    auto options = std::make_shared<InfoOptions>();
+    CLI::App& command =
+        addCommand(parent, "info",
+                   "Counts, ranges and what the event manager will make of a log file.", EXAMPLES);
+    addFileArgument(command, options->path);
+    CLI::Option* enclosure =
+        command.add_option("--enclosure", options->enclosure, "Enclosure id of the blade")
+            ->type_name("TEXT");
+    CLI::Option* slot = command.add_option("--slot", options->slot, "Slot of the blade")
+                            ->type_name("NUMBER")
+                            ->needs(enclosure);
+    enclosure->needs(slot);
+    command.add_flag("--json", options->json, "As a JSON object");
+    onChosen(command, chosen, options, runInfo);
+}
+
+} // namespace evctl

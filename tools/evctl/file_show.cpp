@@ -1,0 +1,94 @@
+/** evctl file show: one record with all its fields and its data. */
+#include "evctl/commands.h"
+#include "evctl/event_view.h"
+#include "evctl/file.h"
+#include "evctl/options.h"
+
+#include <iostream>
+#include <stdexcept>
+
+namespace evctl {
+namespace {
+
+constexpr char EXAMPLES[] = "Examples:\n"
+                            "  evctl file show kelta_eventlog --seq 1017\n"
+                            "  evctl file show kelta_eventlog --offset 200 --json";
+
+struct ShowOptions {
+    std::string path;
+    std::optional<U32_t> sequenceId;
+    std::optional<U32_t> offset;
+    bool json = false;
+};
+
+/** "warning(2)", or "77" for a value without a name. */
+std::string named(const tools::NameTable& names, U32_t value) {
+    std::string number = std::to_string(value);
+    return names.find(value) != nullptr ? names.brief(value) + "(" + number + ")" : number;
+}
+
+void printRecord(const EvlogRecord_t& record) {
+    const EmpEvRecord_t& header = *record.header;
+    std::cout << "offset       " << record.offset << "\n"
+              << "part         " << roleName(record.role) << "\n"
+              << "version      " << U32_t{header.evRdVersion} << "\n"
+              << "checksum     0x" << std::hex << std::uppercase << U32_t{header.evRdCRCChecksum}
+              << std::nouppercase << std::dec << "\n"
+              << "sequence id  " << U32_t{header.evSequenceId} << "\n"
+              << "instance     " << U32_t{header.evInstanceNumber} << "\n"
+              << "time         " << isoTime(header.evTime) << "\n"
+              << "type         " << named(tools::eventTypeNames, header.evType) << "\n"
+              << "source       " << named(tools::endpointNames, header.evSource) << "\n"
+              << "category     " << named(tools::categoryNames, header.evCategory) << "\n"
+              << "id           " << eventIdText(header.evSource, header.evId) << "\n"
+              << "id version   " << U32_t{header.evIdVersion} << "\n"
+              << "enclosure    " << escapedText(header.evEnclosureId) << "\n"
+              << "blade        " << escapedText(header.evBladeId) << "\n"
+              << "slot         " << U32_t{header.evSlotId} << "\n"
+              << "length       " << U32_t{header.evStructLength} << "\n"
+              << hexDump(record.body);
+}
+
+bool isWanted(const EvlogRecord_t& record, const ShowOptions& options) {
+    if (options.offset) {
+        return record.offset == *options.offset;
+    }
+    return record.role != EVLOG_E_ROLE_DUMMY && record.header->evSequenceId == *options.sequenceId;
+}
+
+int runShow(const ShowOptions& options) {
+    EvlogImage_t image = loadLog(options.path);
+    bool found = false;
+    for (const EvlogRecord_t& record : readLog(image).records) {
+        if (!isWanted(record, options)) {
+            continue;
+        }
+        found = true;
+        if (options.json) {
+            std::cout << jsonLine(recordJson(record));
+        } else {
+            printRecord(record);
+        }
+    }
+    if (!found) {
+        throw std::runtime_error(options.path + ": no such record");
+    }
+    return tools::EXIT_DONE;
+}
+
+} // namespace
+
+void addFileShowCommand(CLI::App& parent, Chosen& chosen) {
+    auto options = std::make_shared<ShowOptions>();
+    CLI::App& command =
+        addCommand(parent, "show", "Show one record of a log file with its data.", EXAMPLES);
+    addFileArgument(command, options->path);
+    CLI::Option_group* which = command.add_option_group("Record", "Which one");
+    which->add_option("--seq", options->sequenceId, "Its sequence id")->type_name("NUMBER");
+    which->add_option("--offset", options->offset, "Its offset in the file")->type_name("NUMBER");
+    which->require_option(1);
+    command.add_flag("--json", options->json, "As a JSON object");
+    onChosen(command, chosen, options, runShow);
+}
+
+} // namespace evctl

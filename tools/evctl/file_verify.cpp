@@ -1,0 +1,51 @@
+/** evctl file verify: every damaged stretch of a log file. */
+#include "evctl/commands.h"
+#include "evctl/event_view.h"
+#include "evctl/file.h"
+
+#include <iostream>
+
+namespace evctl {
+namespace {
+
+constexpr char EXAMPLES[] =
+    "The exit status is 1 when anything is damaged. The gap between the newest and the\n"
+    "oldest records of a log that has gone round its end is no damage.";
+
+struct VerifyOptions {
+    std::string path;
+    bool json = false;
+};
+
+void printFinding(const EvlogFinding_t& finding, bool json) {
+    if (json) {
+        std::cout << jsonLine({{"offset", finding.offset},
+                               {"bytes", finding.bytes},
+                               {"reason", evlogReasonText(finding.reason)}});
+        return;
+    }
+    std::cout << "offset " << finding.offset << ", " << finding.bytes
+              << " bytes: " << evlogReasonText(finding.reason) << "\n";
+}
+
+int runVerify(const VerifyOptions& options) {
+    EvlogImage_t image = loadLog(options.path);
+    LogContent content = readLog(image);
+    for (const EvlogFinding_t& finding : content.findings) {
+        printFinding(finding, options.json);
+    }
+    return content.findings.empty() ? tools::EXIT_DONE : tools::EXIT_FINDING;
+}
+
+} // namespace
+
+void addFileVerifyCommand(CLI::App& parent, Chosen& chosen) {
+    auto options = std::make_shared<VerifyOptions>();
+    CLI::App& command =
+        addCommand(parent, "verify", "Name every damaged stretch of a log file.", EXAMPLES);
+    addFileArgument(command, options->path);
+    command.add_flag("--json", options->json, "One JSON object a line");
+    onChosen(command, chosen, options, runVerify);
+}
+
+} // namespace evctl

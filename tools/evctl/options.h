@@ -1,0 +1,49 @@
+/**
+ * @file
+ * Options that several subcommands share.
+ */
+#ifndef EVCTL_OPTIONS_H
+#define EVCTL_OPTIONS_H
+
+#include "common/cli.h"
+#include "common/names.h"
+#include "mpu_gbl.h"
+
+#include <optional>
+#include <string>
+
+namespace evctl {
+
+/** Where the message switch is: its directory, or the parameter block that names it. */
+struct SwitchOptions {
+    std::string directory;
+    std::optional<int> key;
+};
+
+/** Adds --dir and --key, of which one must be given. */
+void addSwitchOptions(CLI::App& command, SwitchOptions& options);
+
+/** The switch's directory. Throws when the parameter block cannot be attached. */
+std::string switchDirectory(const SwitchOptions& options);
+
+/** Adds --key. @return the option, for further demands on it */
+CLI::Option* addKeyOption(CLI::App& command, std::optional<int>& key);
+
+/** Attaches the parameter block; throws when it cannot, the library having said why. */
+const MPU_PARAMS_t& attachParams(int key);
+
+/** Adds an option that takes a name of @p names or a number of at most @p max. */
+CLI::Option* addNamedOption(CLI::App& command, const std::string& flags, U32_t& value,
+                            const tools::NameTable& names, U32_t max,
+                            const std::string& description);
+
+/** A name or number as addNamedOption() takes it; throws CLI::ValidationError for anything else. */
+U32_t parseNamed(const std::string& option, const std::string& text, const tools::NameTable& names,
+                 U32_t max);
+
+/** Text of a fixed-size field that may hold no NUL. */
+std::string fieldText(const void* field, size_t size);
+
+} // namespace evctl
+
+#endif

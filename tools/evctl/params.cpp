@@ -1,0 +1,36 @@
+/** evctl params: the blade's parameter block. */
+#include "evctl/commands.h"
+#include "evctl/options.h"
+#include "evctl/params_view.h"
+
+#include <iostream>
+
+namespace evctl {
+namespace {
+
+constexpr char EXAMPLES[] = "Example:\n"
+                            "  evctl params show --key 0x1234 --json";
+
+struct ParamsOptions {
+    std::optional<int> key;
+    bool json = false;
+};
+
+int runShow(const ParamsOptions& options) {
+    Json json = paramsJson(attachParams(*options.key));
+    std::cout << (options.json ? jsonLine(json) : paramsLines(json));
+    return tools::EXIT_DONE;
+}
+
+} // namespace
+
+void addParamsCommands(CLI::App& parent, Chosen& chosen) {
+    CLI::App& group = addCommandGroup(parent, "params", "The blade's parameter block.");
+    auto options = std::make_shared<ParamsOptions>();
+    CLI::App& show = addCommand(group, "show", "Show all fields of the parameter block.", EXAMPLES);
+    addKeyOption(show, options->key)->required();
+    show.add_flag("--json", options->json, "As a JSON object");
+    onChosen(show, chosen, options, runShow);
+}
+
+} // namespace evctl
