@@ -4,7 +4,9 @@
 #include "diag/message_dump.h"
 #include "emp_mesgs.h"
 #include "mmsg/message.h"
+#include "requests/archiver_settings.h"
 #include "requests/event_log.h"
+#include "requests/inquiry.h"
 #include "state/control.h"
 
 namespace {
@@ -21,11 +23,14 @@ constexpr Dispatch_t dispatchTable[] = {
     {},
     {&EmpControl_t::mmsgEventLogMsgReceive, empRcvEventLogMsg,
      "EMP completes Event Log Message processing.\n"},
-    {&EmpControl_t::mmsgEventInquiryMsgReceive, nullptr, nullptr},
-    {&EmpControl_t::mmsgEventSetEventArchiverReceive, nullptr, nullptr},
+    {&EmpControl_t::mmsgEventInquiryMsgReceive, empRcvEventInquiryMsg,
+     "EMP completes Event Inquiry Message processing.\n"},
+    {&EmpControl_t::mmsgEventSetEventArchiverReceive, empRcvSetEventArchiverMsg,
+     "EMP completes Set Event Archiver Message processing.\n"},
     {&EmpControl_t::mmsgEventGetEventArchiverReceive, nullptr,
      "EMP does not support Get Event Archiver Message.\n"},
-    {&EmpControl_t::mmsgEventGetEventManagerStatusReceive, nullptr, nullptr},
+    {&EmpControl_t::mmsgEventGetEventManagerStatusReceive, empRcvGetEventManagerStatusMsg,
+     "EMP completes Get Event Manager Status Message processing.\n"},
     {&EmpControl_t::mmsgEventGetEventArchiverStatusReceive, nullptr,
      "EMP shall not receive Get Event Archiver Message with MMSG format.\n"},
     {&EmpControl_t::mmsgEventAlternateEventLogMsgReceive, nullptr, nullptr},

@@ -1,8 +1,16 @@
 #include "archiver/pending.h"
 
 #include "diag/debug_line.h"
+#include "state/control.h"
 
 #include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr char noRecordText[] = "No more Event Message Record?";
+
+} // namespace
 
 EvMsgRecordEntry_t EvMsgRecord[EMP_PENDING_RECORDS];
 EvMsgRecordList_t EvMsgRecordFreeList;
@@ -30,6 +38,31 @@ void empEvMsgEntryFree(EvMsgRecordEntry_t* entry) {
     free(entry->memAddressPtr);
     empEvMsgUnlink(entry);
     empEvMsgEntryInit(entry);
+}
+
+EvMsgRecordEntry_t* empEvMsgTake(EmpSite_t site) {
+    EvMsgRecordEntry_t* entry = EvMsgRecordFreeList;
+    if (entry == nullptr) {
+        EMP_BUGCHECK(site, noRecordText);
+    }
+    empEvMsgUnlink(entry);
+    return entry;
+}
+
+void empEvMsgKeepMessage(EvMsgRecordEntry_t* entry, const void* message, U32_t length,
+                         EmpSite_t site) {
+    entry->memAddressPtr = static_cast<U8_t*>(malloc(length));
+    if (entry->memAddressPtr == nullptr) {
+        EMP_BUGCHECK(site, noRecordText);
+    }
+    memcpy(entry->memAddressPtr, message, length);
+    entry->msgLength = length;
+    entry->byteSent = 0;
+}
+
+bool empPendingRecordAdmitted() {
+    U32_t pending = U32_t{empControl.forwardPendingListCount} + empControl.responsePendingListCount;
+    return pending < EMP_PENDING_RECORDS;
 }
 
 void empEvMsgPush(EvMsgRecordList_t* list, EvMsgRecordEntry_t* entry) {

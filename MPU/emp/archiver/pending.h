@@ -7,6 +7,7 @@
 #define EMP_ARCHIVER_PENDING_H
 
 #include "configuration.h"
+#include "fault/bugcheck.h"
 #include "fixed_width.h"
 
 #include <sys/time.h>
@@ -67,6 +68,25 @@ void empEvMsgEntryInit(EvMsgRecordEntry_t* entry);
 
 /** Frees the record's message, takes it off whatever list holds it and initialises it. */
 void empEvMsgEntryFree(EvMsgRecordEntry_t* entry);
+
+/**
+ * Takes the head of the free list off it.
+ * @return a record on no list, zeroed but for its state; none left is a bug-check
+ */
+EvMsgRecordEntry_t* empEvMsgTake(EmpSite_t site);
+
+/**
+ * Gives a record its own copy of the whole wire message and notes its length; nothing of it counts
+ * as sent. No memory is the same bug-check as no record.
+ */
+void empEvMsgKeepMessage(EvMsgRecordEntry_t* entry, const void* message, U32_t length,
+                         EmpSite_t site);
+
+/**
+ * Whether one more message may be kept: the two counters of empControl add up to less than 64.
+ * KEEP: they count what was ever queued less what moved on; answered messages count for ever.
+ */
+bool empPendingRecordAdmitted();
 
 /** Puts a record that is on no list at the head of @p list. */
 void empEvMsgPush(EvMsgRecordList_t* list, EvMsgRecordEntry_t* entry);

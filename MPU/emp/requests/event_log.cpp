@@ -1,5 +1,6 @@
 #include "requests/event_log.h"
 
+#include "archiver/new_event.h"
 #include "diag/debug_line.h"
 #include "diag/message_dump.h"
 #include "emp_mesgs.h"
@@ -12,6 +13,12 @@
 #include <cstring>
 
 namespace {
+
+constexpr EmpForwardNewTexts_t forwardTexts = {
+    "empRcvEventLogMsg(): Send new arrival Event Entry with Sequence Id = [%d]\n",
+    "empRcvEventLogMsg(): SeqId [%d] in Event Archiver > SeqId [%d] in Event Log File.\n",
+    "empRcvEventLogMsg(): Event Archiver is connected but socket is not open for Event Log yet?!.\n",
+};
 
 bool requestorIsKnown(const MMSG_t* mmsg) {
     if (mmsg->mmch.requestor <= MMSG_E_MAX_DEFINED_EPIDS) {
@@ -64,8 +71,10 @@ void empRcvEventLogMsg(MMSG_t* mmsg) {
         empMmsgPrint(mmsg);
         return;
     }
-    stamp(mmsg, reinterpret_cast<EmpEvLogHeader_t*>(mmsg->user_data_start));
+    auto* header = reinterpret_cast<EmpEvLogHeader_t*>(mmsg->user_data_start);
+    stamp(mmsg, header);
     empSaveEventLogMsgToLogFile(mmsg);
+    empForwardNewEvent(header->evSequenceId, forwardTexts);
     empDebugLine(
         "empRcvEventLogMsg(): Call empSendEventLogMsgToSmi() to send the new Event to SMI.\n");
     empSendEventLogMsgToSmi(mmsg);

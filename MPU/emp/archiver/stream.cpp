@@ -1,0 +1,72 @@
+#include "archiver/stream.h"
+
+#include "archiver/connection.h"
+#include "diag/debug_line.h"
+#include "diag/hex_dump.h"
+#include "emp_mesgs.h"
+#include "fault/bugcheck.h"
+#include "state/control.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/socket.h>
+
+namespace {
+
+EmpEvArchiverMsgHeader_t peekedHeader;
+
+constexpr S32_t headerSize = sizeof(peekedHeader);
+
+/** Result of a peek at the next header, and errno right after it, stale when nothing failed. */
+struct Peek_t {
+    S32_t result;
+    int error;
+};
+
+Peek_t peekHeader() {
+    S32_t result = static_cast<S32_t>(
+        recv(empControl.socketFdEventArchiver, &peekedHeader, headerSize, MSG_PEEK));
+    return {result, errno};
+}
+
+} // namespace
+
+bool empReceiveEventArchiverMsg() {
+    Peek_t peek = peekHeader();
+    if (peek.result != headerSize) {
+        empDebugLine("main(): recvSize = [%d], errno = [%d]\n", peek.result, peek.error);
+        empDebugLine("main(): Event Archiver connection receives error. Close the connection.\n");
+        empCloseEventArchiverConnection();
+        return false;
+    }
+    S32_t length = headerSize + peekedHeader.evArchiverMsgBodyLength;
+    memset(empControl.empInMsg, 0, EMP_WORK_SPACE_SIZE);
+    S32_t result = static_cast<S32_t>(recv(empControl.socketFdEventArchiver, empControl.empInMsg,
+                                           static_cast<size_t>(length), 0));
+    // KEEP: a message that arrives in pieces is fatal.
+    if (result != length) {
+        empHexDump(empControl.empInMsg, result);
+        EMP_BUGCHECK(
+            EMP_HERE_IN("main"),
+            "Linux recv function fails, Event Archiver Msg length readSize = [%d] is wrong",
+            result);
+    }
+    return true;
+}
+
+bool empEventArchiverConnectionBroken() {
+    if (empControl.socketFdEventArchiver == 0) {
+        return false;
+    }
+    Peek_t peek = peekHeader();
+    // KEEP: only these two errors tell of a broken link; after an end of stream or a partial header
+    // it is whatever an earlier call left behind.
+    return peek.result != headerSize && (peek.error == ECONNRESET || peek.error == ECONNREFUSED);
+}
+
+int empEventArchiverSocketError() {
+    int error = 0;
+    socklen_t length = sizeof(error);
+    getsockopt(empControl.socketFdEventArchiver, SOL_SOCKET, SO_ERROR, &error, &length);
+    return error;
+}
