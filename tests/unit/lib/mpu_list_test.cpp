@@ -34,6 +34,11 @@ const Operations safe = {
     MPU_remove_from_list_safe, MPU_remove_from_list_head_safe, MPU_remove_from_list_tail_safe,
     MPU_list_mt_safe,          "Listhead is not Orphanized",   " Listhead is not Orphanized"};
 
+/** The family's name in the tests' names. */
+void PrintTo(const Operations* operations, std::ostream* to) {
+    *to << (operations == &safe ? "Safe" : "Plain");
+}
+
 class List : public testing::TestWithParam<const Operations*> {
   protected:
     List() {
@@ -156,8 +161,7 @@ TEST_P(List, ElementStillOnAListAtTheTailEndsTheProcess) {
     expectOrphanFailure(list->insertTail, list->tailText);
 }
 
-INSTANTIATE_TEST_SUITE_P(Plain, List, testing::Values(&plain));
-INSTANTIATE_TEST_SUITE_P(Safe, List, testing::Values(&safe));
+INSTANTIATE_TEST_SUITE_P(Each, List, testing::Values(&plain, &safe));
 
 TEST(ListLock, SafeOperationsOfManyThreadsDoNotMix) {
     constexpr int rounds = 5000;
