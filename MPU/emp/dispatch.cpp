@@ -4,6 +4,7 @@
 #include "diag/message_dump.h"
 #include "emp_mesgs.h"
 #include "mmsg/message.h"
+#include "requests/alternate_event_log.h"
 #include "requests/archiver_settings.h"
 #include "requests/event_log.h"
 #include "requests/inquiry.h"
@@ -33,7 +34,7 @@ constexpr Dispatch_t dispatchTable[] = {
      "EMP completes Get Event Manager Status Message processing.\n"},
     {&EmpControl_t::mmsgEventGetEventArchiverStatusReceive, nullptr,
      "EMP shall not receive Get Event Archiver Message with MMSG format.\n"},
-    {&EmpControl_t::mmsgEventAlternateEventLogMsgReceive, nullptr, nullptr},
+    {&EmpControl_t::mmsgEventAlternateEventLogMsgReceive, empRcvAlternateEventLogMsg, nullptr},
 };
 static_assert(sizeof(dispatchTable) / sizeof(dispatchTable[0]) == EMP_E_MSGS_ALTERNATE_LOG + 1);
 

@@ -9,6 +9,7 @@
 #include "mmsg/stream.h"
 #include "mpu_gbl.h"
 #include "startup.h"
+#include "startup/alternate_replay.h"
 #include "startup/event_log_file.h"
 #include "startup/init.h"
 #include "state/control.h"
@@ -75,6 +76,7 @@ void startUp() {
     notifyInitComplete();
     empDebugLine(
         "main(): EMP finishes initialization and sends the message to the Startup process.\n");
+    empProcessAlternateEventLogFiles();
     empDebugLine(
         "main(): Finish processing of Alternate Event Log Files. Wait for Event Messages.\n");
     empControl.selectTimeout = {1, 0};

@@ -14,30 +14,17 @@
 
 namespace {
 
+constexpr EmpEventCheckTexts_t checkTexts = {
+    "empRcvEventLogMsg(): Invalid MMSG requestor = [%d]!!!\n",
+    "empRcvEventLogMsg(): MMSG mmsh_length [%d] is out of range\n",
+    "empRcvEventLogMsg(): MMSG requestor [%d] sends wrong mmsg_length!!!\n",
+};
+
 constexpr EmpForwardNewTexts_t forwardTexts = {
     "empRcvEventLogMsg(): Send new arrival Event Entry with Sequence Id = [%d]\n",
     "empRcvEventLogMsg(): SeqId [%d] in Event Archiver > SeqId [%d] in Event Log File.\n",
     "empRcvEventLogMsg(): Event Archiver is connected but socket is not open for Event Log yet?!.\n",
 };
-
-bool requestorIsKnown(const MMSG_t* mmsg) {
-    if (mmsg->mmch.requestor <= MMSG_E_MAX_DEFINED_EPIDS) {
-        return true;
-    }
-    empDebugLine("empRcvEventLogMsg(): Invalid MMSG requestor = [%d]!!!\n", mmsg->mmch.requestor);
-    return false;
-}
-
-bool lengthIsEnough(const MMSG_t* mmsg) {
-    if (mmsg->mmch.mmsg_length >= EMP_EVENT_MMSG_SIZE) {
-        return true;
-    }
-    empDebugLine("empRcvEventLogMsg(): MMSG mmsh_length [%d] is out of range\n",
-                 int{mmsg->mmch.mmsg_length});
-    empDebugLine("empRcvEventLogMsg(): MMSG requestor [%d] sends wrong mmsg_length!!!\n",
-                 mmsg->mmch.requestor);
-    return false;
-}
 
 /** Whatever the requestor put into these fields is overwritten. */
 void stamp(MMSG_t* mmsg, EmpEvLogHeader_t* header) {
@@ -57,6 +44,23 @@ void stamp(MMSG_t* mmsg, EmpEvLogHeader_t* header) {
 
 } // namespace
 
+void empRefuseEventLength(const MMSG_t* mmsg, const EmpEventCheckTexts_t& texts) {
+    empDebugLine(texts.lengthText.format, int{mmsg->mmch.mmsg_length});
+    empDebugLine(texts.senderText.format, int{mmsg->mmch.requestor});
+}
+
+bool empEventMmsgIsGood(const MMSG_t* mmsg, const EmpEventCheckTexts_t& texts) {
+    if (mmsg->mmch.requestor > MMSG_E_MAX_DEFINED_EPIDS) {
+        empDebugLine(texts.requestorText.format, int{mmsg->mmch.requestor});
+        return false;
+    }
+    if (mmsg->mmch.mmsg_length < EMP_EVENT_MMSG_SIZE) {
+        empRefuseEventLength(mmsg, texts);
+        return false;
+    }
+    return true;
+}
+
 U32_t empTakeSequenceId() {
     U32_t taken = empControl.empSequenceId++;
     // The event that takes the last id keeps the old instance number, so the pair keeps rising.
@@ -67,7 +71,7 @@ U32_t empTakeSequenceId() {
 }
 
 void empRcvEventLogMsg(MMSG_t* mmsg) {
-    if (!requestorIsKnown(mmsg) || !lengthIsEnough(mmsg)) {
+    if (!empEventMmsgIsGood(mmsg, checkTexts)) {
         empMmsgPrint(mmsg);
         return;
     }

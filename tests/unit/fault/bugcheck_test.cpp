@@ -1,7 +1,7 @@
 #include "fault/bugcheck.h"
 
 #include "altEventLog.h"
-#include "child_process.h"
+#include "dying_child.h"
 #include "emp_mesgs.h"
 #include "fault/records.h"
 #include "fault_fixture.h"
@@ -153,8 +153,8 @@ class BugCheck : public testing::Test {
     }
     static void seekLog(off_t position) { lseek(LOG_DESCRIPTOR, position, SEEK_SET); }
 
-    static ChildResult_t bugCheck() {
-        return runInChild([] {
+    static ChildEnd bugCheck() {
+        return endOf([] {
             EmpSite_t site = {6740, "empRcvEventInquiryMsg"};
             EMP_BUGCHECK(site, "Linux send function fails, sendSize = [%d] is wrong", -1);
         });
@@ -168,8 +168,8 @@ class BugCheck : public testing::Test {
 
 TEST_F(BugCheck, PrintsTheWholeReport) {
     seekLog(400);
-    ChildResult_t result = bugCheck();
-    EXPECT_TRUE(result.aborted());
+    ChildEnd result = bugCheck();
+    EXPECT_EQ(result.signal, SIGABRT);
     std::string report =
         reportBox() + stamped(CONTROL_LINES) +
         logDump("Dump [256] bytes of Event Log File at current file position [400].", 400, 256) +
@@ -180,19 +180,18 @@ TEST_F(BugCheck, PrintsTheWholeReport) {
                 4'293'371'000U, 0) +
         label("empControl.empInMsg") + "= 0X\n" + bufferDump('A') + label("eventEntryWorkSpace") +
         "= 0X\n" + bufferDump('W') + indexDump();
-    EXPECT_TRUE(result.out == report) << result.out.substr(0, 12000);
-    EXPECT_EQ(result.err, "");
+    EXPECT_TRUE(result.output == report) << result.output.substr(0, 12000);
 }
 
 TEST_F(BugCheck, FirstAndLastLineOfTheBoxAreEquallyLong) {
-    std::string out = bugCheck().out;
+    std::string out = bugCheck().output;
     EXPECT_EQ(out.find('\n'), strlen(STAMP) + 59);
     EXPECT_NE(out.find("\n" + std::string(59, '*') + "\n"), std::string::npos);
 }
 
 TEST_F(BugCheck, NearTheStartTheSecondDumpBeginsAtZero) {
     seekLog(100);
-    std::string out = bugCheck().out;
+    std::string out = bugCheck().output;
     EXPECT_NE(out.find(logDump("Dump [256] bytes of Event Log File at current file position [100].",
                                100, 256) +
                        logDump("Dump [256] bytes of Event Log File at file position [0].", 0, 256)),
@@ -201,7 +200,7 @@ TEST_F(BugCheck, NearTheStartTheSecondDumpBeginsAtZero) {
 
 TEST_F(BugCheck, NearTheEndTheFirstDumpIsCut) {
     seekLog(1'599'900);
-    std::string out = bugCheck().out;
+    std::string out = bugCheck().output;
     EXPECT_NE(
         out.find(logDump("Dump [100] bytes of Event Log File at current file position [1599900].",
                          1'599'900, 100) +
@@ -212,7 +211,7 @@ TEST_F(BugCheck, NearTheEndTheFirstDumpIsCut) {
 
 TEST_F(BugCheck, BehindTheEndNothingIsRead) {
     seekLog(1'700'000);
-    std::string out = bugCheck().out;
+    std::string out = bugCheck().output;
     EXPECT_NE(out.find(STAMP "Dump [0] bytes of Event Log File at current file position "
                              "[1700000].\n" STAMP
                              "empEventLogFilePrint(): Print [0] bytes at Position [1700000].\n"),
@@ -224,16 +223,17 @@ TEST_F(BugCheck, WithoutSeekableLogTheReportGoesOn) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     empControl.eventLogFileFd = ends[0];
-    ChildResult_t result = bugCheck();
-    EXPECT_TRUE(result.aborted());
-    EXPECT_NE(result.out.find(
+    ChildEnd result = bugCheck();
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_NE(result.output.find(
                   STAMP
                   "Dump [256] bytes of Event Log File at current file position [-1].\n" STAMP
                   "empEventLogFilePrint(): Print [256] bytes at Position [-1].\n" STAMP
                   "empEventLogFilePrint(): Linux lseek function fails for Event Log File!" STAMP
                   "Dump [256] bytes of Event Log File at file position [0].\n"),
               std::string::npos);
-    EXPECT_NE(result.out.find("Finish the Event Manager internal data dump.\n"), std::string::npos);
+    EXPECT_NE(result.output.find("Finish the Event Manager internal data dump.\n"),
+              std::string::npos);
     EXPECT_EQ(written->count, 24);
 }
 
@@ -242,13 +242,13 @@ TEST_F(BugCheck, BeforeTheLogIsOpenStandardInputIsOnlySought) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0); // both ends stay open: a read would wait for ever
     dup2(ends[0], STDIN_FILENO);
-    ChildResult_t result = bugCheck();
-    EXPECT_TRUE(result.aborted());
+    ChildEnd result = bugCheck();
+    EXPECT_EQ(result.signal, SIGABRT);
     EXPECT_EQ(written->count, 24);
 }
 
 TEST_F(BugCheck, StoresTwentyFourEventsInOrder) {
-    EXPECT_TRUE(bugCheck().aborted());
+    EXPECT_EQ(bugCheck().signal, SIGABRT);
     ASSERT_EQ(written->count, 24);
     for (int i = 0; i < 24; i++) {
         int length = i == 0 ? 196 : i == 1 ? 460 : i < 4 ? 256 : 2000;
@@ -324,25 +324,24 @@ TEST_F(BugCheck, FurtherEventsCarryTheBuffersAndTheIndex) {
 
 TEST_F(BugCheck, LongMessageIsPrintedWholeAndStoredCut) {
     std::string text(300, 'm');
-    ChildResult_t result =
-        runInChild([&] { EMP_BUGCHECK(EMP_HERE_IN("f"), "%sEND", text.c_str()); });
-    EXPECT_NE(result.out.find("| Message:   " + text + "END\n"), std::string::npos);
+    ChildEnd result = endOf([&] { EMP_BUGCHECK(EMP_HERE_IN("f"), "%sEND", text.c_str()); });
+    EXPECT_NE(result.output.find("| Message:   " + text + "END\n"), std::string::npos);
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(image(0) + 152 + 132), 64),
               std::string(64, 'm'));
 }
 
 TEST_F(BugCheck, MessageOf1024BytesIsCut) {
     std::string text(5000, 'm');
-    ChildResult_t result = runInChild([&] { EMP_BUGCHECK(EMP_HERE_IN("f"), "%s", text.c_str()); });
-    EXPECT_TRUE(result.aborted());
-    EXPECT_NE(result.out.find("| Message:   " + std::string(1023, 'm') + "\n***"),
+    ChildEnd result = endOf([&] { EMP_BUGCHECK(EMP_HERE_IN("f"), "%s", text.c_str()); });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_NE(result.output.find("| Message:   " + std::string(1023, 'm') + "\n***"),
               std::string::npos);
     EXPECT_EQ(written->count, 24);
 }
 
 TEST_F(BugCheck, LongNamesAreStoredWithTheirTerminator) {
     std::string name(70, 'n');
-    runInChild([&] { empFault(name.c_str(), -1, name.c_str(), "text"); });
+    endOf([&] { empFault(name.c_str(), -1, name.c_str(), "text"); });
     const U8_t* body = image(0) + 152;
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(body), 64), std::string(63, 'n') + '\0');
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(body + 64), 64),
@@ -352,28 +351,28 @@ TEST_F(BugCheck, LongNamesAreStoredWithTheirTerminator) {
 
 TEST_F(BugCheck, ErrorInsideTheBugCheckEndsItAtOnce) {
     writerBehaviour = BUG_CHECK_AGAIN;
-    ChildResult_t result = bugCheck();
-    EXPECT_TRUE(result.aborted());
+    ChildEnd result = bugCheck();
+    EXPECT_EQ(result.signal, SIGABRT);
     EXPECT_EQ(written->count, 1);
-    EXPECT_EQ(result.out.find("Critical Error"), result.out.rfind("Critical Error"));
-    EXPECT_EQ(result.out.find("second"), std::string::npos);
+    EXPECT_EQ(result.output.find("Critical Error"), result.output.rfind("Critical Error"));
+    EXPECT_EQ(result.output.find("second"), std::string::npos);
 }
 
 TEST_F(BugCheck, ReportIsOutBeforeTheWriterIsCalled) {
     writerBehaviour = ABORT;
-    ChildResult_t result = bugCheck();
-    EXPECT_TRUE(result.aborted());
+    ChildEnd result = bugCheck();
+    EXPECT_EQ(result.signal, SIGABRT);
     EXPECT_EQ(written->count, 1);
-    EXPECT_EQ(result.out.substr(result.out.size() - 45),
+    EXPECT_EQ(result.output.substr(result.output.size() - 45),
               "Finish the Event Manager internal data dump.\n");
 }
 
 TEST_F(BugCheck, LinesPrintedBeforeAreNotLost) {
-    ChildResult_t result = runInChild([] {
+    ChildEnd result = endOf([] {
         printf("a line of before\n");
         EMP_BUGCHECK(EMP_HERE_IN("f"), "text");
     });
-    EXPECT_EQ(result.out.rfind("a line of before\n" STAMP "**", 0), 0U);
+    EXPECT_EQ(result.output.rfind("a line of before\n" STAMP "**", 0), 0U);
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 #include "startup/alternate_replay.h"
 
 #include "ael_file.h"
-#include "child_process.h"
+#include "dying_child.h"
 #include "fixed_time_stamp.h"
 #include "mmsg.h"
 #include "startup/ael_file_list.h"
@@ -67,6 +67,7 @@ extern "C" DIR* __wrap_opendir(const char* name) {
 extern "C" struct dirent* __real_readdir64(DIR* directory);
 extern "C" struct dirent* __wrap_readdir64(DIR* directory) {
     if (listed.empty()) {
+        listed.reserve(64);
         while (const struct dirent* found = __real_readdir64(directory)) {
             listed.push_back(*found);
         }
@@ -280,8 +281,8 @@ TEST_F(AlternateReplay, FileIsThereUntilItsDispatchIsOver) {
 TEST_F(AlternateReplay, BugCheckInsideTheDispatchLeavesTheFile) {
     putEvent("kelta_alteventlog1.a", AelFile_t{});
     duringDispatch = [] { abort(); };
-    ChildResult_t result = runInChild([] { empProcessAlternateEventLogFiles(); });
-    EXPECT_TRUE(result.aborted());
+    ChildEnd result = endOf([] { empProcessAlternateEventLogFiles(); });
+    EXPECT_EQ(result.signal, SIGABRT);
     EXPECT_THAT(left(), ElementsAre("kelta_alteventlog1.a"));
 }
 
