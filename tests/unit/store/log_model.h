@@ -39,7 +39,9 @@ class Log {
     void append(const Bytes& body, uint8_t source, uint16_t evId);
 
     Bytes file;
-    Bytes debugCopy{}; ///< the damaged file that the rebuild moved away
+    std::string debugPath{};    ///< name of the debugging copy
+    bool debugCopyThere = false; ///< a rebuild has moved the damaged file away
+    Bytes debugCopy{};           ///< that file
     uint32_t write = 0;
     uint32_t start = 0;
     uint32_t startId = 0;

@@ -83,6 +83,8 @@ void Log::toWorkSpace(size_t offset, const Bytes& bytes) {
 void Log::restart() {
     Log fresh(std::move(file));
     fresh.debugCopy = std::move(debugCopy);
+    fresh.debugPath = debugPath;
+    fresh.debugCopyThere = debugCopyThere;
     fresh.clock = clock;
     *this = std::move(fresh);
 }
@@ -177,6 +179,11 @@ bool Log::find(uint32_t from, uint32_t& gap) {
 }
 
 bool Log::scan() {
+    if (debugCopyThere) {
+        debugCopyThere = false;
+        line("empProcessEventLogFile(): Remove the debugging copy of the Event Log File [%s].\n",
+             debugPath.c_str());
+    }
     position = 0;
     uint32_t readPosition = 0;
     bool first = true;
@@ -190,12 +197,8 @@ bool Log::scan() {
 /** One record of the walk. */
 Log::Walk Log::walkOn(uint32_t& readPosition, bool& first) {
     uint32_t gap = 0;
-    if (readPosition > END) {
-        endWithDummy(readPosition, first);
-        return Walk::ENDED;
-    }
     position = readPosition;
-    if (!find(readPosition, gap)) {
+    if (readPosition > END || !find(readPosition, gap)) {
         endWithDummy(readPosition, first);
         return Walk::ENDED;
     }
@@ -342,6 +345,7 @@ void Log::clearForeign(const Header& header) {
 
 void Log::rebuild() {
     debugCopy = std::move(file);
+    debugCopyThere = true;
     file.clear();
     position = 0;
     line("empProcessEventLogFile(): 2 gaps in Event Log File. Reinitialize the Event Log File.\n");

@@ -27,12 +27,13 @@ extern "C" void __wrap__Z8empFaultPKciS0_S0_z(const char* fileName, int lineNo, 
 
 std::string ModelTest::scanBoth(const logimage::Image& image) {
     putImage(image);
-    model = logmodel::Log(image.bytes);
+    model.file = image.bytes;
     return restartBoth();
 }
 
 std::string ModelTest::restartBoth() {
     restart();
+    model.debugPath = debugPath;
     model.restart();
     if (!debugLines_) {
         empControl.empDebug = 0;
@@ -94,7 +95,11 @@ void ModelTest::expectSame(const std::string& bugCheck) {
         ASSERT_TRUE(entry.evFlag == (other.valid ? 1 : 0) && entry.evOffset == other.offset)
             << "slot " << slot << " " << where;
     }
-    expectSameFile();
+    expectSameFile(logPath, model.file);
+    EXPECT_EQ(access(debugPath.c_str(), F_OK) == 0, model.debugCopyThere) << where;
+    if (model.debugCopyThere) {
+        expectSameFile(debugPath, model.debugCopy);
+    }
     if (bugCheck.empty()) {
         EXPECT_EQ(position(), static_cast<int64_t>(model.position)) << where;
     }
@@ -111,18 +116,18 @@ void ModelTest::expectSame(const std::string& bugCheck) {
     }
 }
 
-void ModelTest::expectSameFile() {
+void ModelTest::expectSameFile(const std::string& path, const logimage::Bytes& wanted) {
     static logimage::Bytes bytes;
-    int fd = open(logPath.c_str(), O_RDONLY);
-    bytes.resize(model.file.size() + 1);
+    int fd = open(path.c_str(), O_RDONLY);
+    bytes.resize(wanted.size() + 1);
     ssize_t got = read(fd, bytes.data(), bytes.size());
     close(fd);
-    ASSERT_EQ(got, static_cast<ssize_t>(model.file.size())) << where;
-    if (memcmp(bytes.data(), model.file.data(), model.file.size()) != 0) {
-        auto differ = std::mismatch(model.file.begin(), model.file.end(), bytes.begin());
-        auto at = static_cast<size_t>(differ.first - model.file.begin());
-        ADD_FAILURE() << where << "\nfile differs at " << at << "\n"
+    ASSERT_EQ(got, static_cast<ssize_t>(wanted.size())) << where;
+    if (memcmp(bytes.data(), wanted.data(), wanted.size()) != 0) {
+        auto differ = std::mismatch(wanted.begin(), wanted.end(), bytes.begin());
+        auto at = static_cast<size_t>(differ.first - wanted.begin());
+        ADD_FAILURE() << where << "\n" << path << " differs at " << at << "\n"
                       << logmodel::hexDumpText(logimage::slice(bytes, at, 160)) << "expected:\n"
-                      << logmodel::hexDumpText(logimage::slice(model.file, at, 160));
+                      << logmodel::hexDumpText(logimage::slice(wanted, at, 160));
     }
 }

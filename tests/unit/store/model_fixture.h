@@ -37,7 +37,7 @@ class ModelTest : public StoreTest {
   private:
     std::string both(const std::function<void()>& product, const std::function<void()>& modelled);
     void expectSame(const std::string& bugCheck);
-    void expectSameFile();
+    void expectSameFile(const std::string& path, const logimage::Bytes& wanted);
 
     bool debugLines_ = true;
 };
