@@ -19,6 +19,13 @@ void reset() {
     state.clock = clock;
 }
 
+void resetCounts() {
+    state.reads.count = 0;
+    state.writes.count = 0;
+    state.seeks.count = 0;
+    state.opens = 0;
+}
+
 } // namespace hooks
 
 namespace {

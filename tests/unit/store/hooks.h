@@ -50,6 +50,9 @@ extern State state;
 /** Forgets all counts and orders but the clock. */
 void reset();
 
+/** Counts calls from 1 on again. */
+void resetCounts();
+
 /** A bug-check thrown instead of ending the process, where empFault is replaced by it. */
 struct BugCheck {
     std::string text;

@@ -192,6 +192,26 @@ Wrapped wrapped(uint32_t newest, size_t newSize, size_t oldSize, uint32_t firstI
     return result;
 }
 
+Image nearBottom(uint32_t oldRecords, uint32_t bottom, bool withDummy, uint32_t& nextId,
+                 uint32_t topId) {
+    uint32_t write = FILE_SIZE - bottom - HEADER * oldRecords;
+    Image image;
+    nextId = topId;
+    while (write - image.size() > 8016) {
+        image.event(nextId++, 3848);
+    }
+    uint32_t half = (write - image.size()) / 2;
+    image.event(nextId++, half - HEADER);
+    image.event(nextId++, write - image.size() - HEADER);
+    for (uint32_t i = 0; i < oldRecords; i++) {
+        image.event(topId - oldRecords + i, 0);
+    }
+    if (withDummy) {
+        image.add(Record::dummy(static_cast<uint16_t>(bottom - HEADER)));
+    }
+    return image.zerosTo();
+}
+
 uint32_t get32(const Bytes& bytes, size_t offset) {
     return (static_cast<uint32_t>(get16(bytes, offset)) << 16) | get16(bytes, offset + 2);
 }
@@ -219,6 +239,14 @@ Bytes slice(const Bytes& bytes, size_t offset, size_t length) {
 
 Bytes zeros(size_t count) {
     Bytes result(count, 0);
+    return result;
+}
+
+Bytes hex(const std::string& digits) {
+    Bytes result;
+    for (size_t i = 0; i + 1 < digits.size(); i += 2) {
+        result.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
+    }
     return result;
 }
 

@@ -107,6 +107,13 @@ struct Wrapped {
  */
 Wrapped wrapped(uint32_t newest, size_t newSize, size_t oldSize, uint32_t firstId = 0);
 
+/**
+ * A wrapped log whose newest records (ids from 1000 on) have nearly reached the bottom: no gap, then
+ * @p oldRecords of 160 bytes with the ids before 1000, then @p bottom bytes: a dummy, or zeros.
+ */
+Image nearBottom(uint32_t oldRecords, uint32_t bottom, bool withDummy, uint32_t& nextId,
+                 uint32_t topId = 1000);
+
 uint32_t get32(const Bytes& bytes, size_t offset);
 uint16_t get16(const Bytes& bytes, size_t offset);
 void put32(Bytes& bytes, size_t offset, uint32_t value);
@@ -116,6 +123,9 @@ void put16(Bytes& bytes, size_t offset, uint16_t value);
 Bytes slice(const Bytes& bytes, size_t offset, size_t length);
 
 Bytes zeros(size_t count);
+
+/** The bytes of hexadecimal digits. */
+Bytes hex(const std::string& digits);
 
 } // namespace logimage
 

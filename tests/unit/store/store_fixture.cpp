@@ -190,6 +190,7 @@ ChildEnd StoreTest::inChild(const std::function<void()>& action) const {
     pid_t child = fork();
     if (child == 0) {
         dup2(file, STDOUT_FILENO);
+        hooks::resetCounts();
         action();
         fflush(stdout);
         _exit(0);

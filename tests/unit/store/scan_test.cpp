@@ -1,0 +1,543 @@
+/**
+ * The search for records and what the scan does with files, directories and failing calls.
+ */
+#include "store_fixture.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+
+namespace {
+
+using logimage::Bytes;
+using logimage::Image;
+using logimage::Record;
+
+constexpr char LSEEK_FAILS[] = "Linux lseek function fails for Event Log File!";
+constexpr char LSEEK_CALL_FAILS[] = "Linux lseek call fails for Event Log File!";
+constexpr char OPEN_FAILS[] = "Linux open function fails for Event Log File!";
+constexpr char FIND[] = "empFindValidEventEntry";
+constexpr char SCAN[] = "empProcessEventLogFile";
+
+class FindTest : public StoreTest {
+  protected:
+    /** Searches @p image. @return the gap, or -1 when there is no record */
+    int64_t find(const Image& image, uint32_t from = 0) {
+        putImage(image);
+        reopen();
+        uint32_t gap = 0xDEADBEEF;
+        EMP_CODE_e result = EMP_E_OK;
+        output = outputOf([&] { result = empFindValidEventEntry(from, &gap); });
+        if (result == EMP_E_OK) {
+            return gap;
+        }
+        EXPECT_EQ(result, EMP_E_GENERR);
+        EXPECT_EQ(gap, 0xDEADBEEF); // untouched
+        return -1;
+    }
+    int64_t find(const Record& record) { return find(Image(encode(record))); }
+    void reopen() {
+        if (empControl.eventLogFileFd > 2) {
+            close(empControl.eventLogFileFd);
+        }
+        empControl.eventLogFileFd = open(logPath.c_str(), O_RDWR | O_CREAT, 0700);
+    }
+    static Bytes workSpace(size_t length) {
+        return {eventEntryWorkSpace, eventEntryWorkSpace + length};
+    }
+    std::string output{};
+};
+
+TEST_F(FindTest, RecordAtTheStart) {
+    EXPECT_EQ(find(Record::event(1, 40)), 0);
+    EXPECT_EQ(output, "");
+}
+
+TEST_F(FindTest, RecordAtAnyByteBehindTheStart) {
+    for (size_t garbage : {1, 2, 3, 77, 159, 160, 161, 5000}) {
+        Image image;
+        image.fill(garbage, 0xB6).event(1, 40);
+        EXPECT_EQ(find(image), static_cast<int64_t>(garbage));
+        EXPECT_EQ(find(image, 1), static_cast<int64_t>(garbage) - 1);
+    }
+}
+
+TEST_F(FindTest, RecordFarBehindTheStart) {
+    Image image;
+    image.fill(1'599'000, 0x8F).event(1, 40);
+    EXPECT_EQ(find(image), 1'599'000);
+    EXPECT_EQ(find(image, 1'598'999), 1);
+}
+
+TEST_F(FindTest, DummyIsARecordAndItsBytesAreNotRead) {
+    EXPECT_EQ(find(Record::dummy(65535)), 0);
+    EXPECT_EQ(find(Record::dummy(1000)), 0); // nothing behind it
+}
+
+TEST_F(FindTest, BodyLimit) {
+    EXPECT_EQ(find(Record::event(1, 3848)), 0);
+    EXPECT_EQ(find(Record::event(1, 3849)), -1);
+    EXPECT_EQ(find(Record::event(1, 65535)), -1);
+}
+
+TEST_F(FindTest, BodyLimitIsWaivedForSource27) {
+    Record record = Record::event(1, 65535);
+    record.source = 27;
+    EXPECT_EQ(find(record), 0);
+    EXPECT_EQ(workSpace(160), logimage::slice(encode(record), 0, 160));
+}
+
+TEST_F(FindTest, BodyLimitIsWaivedForId1OfAnySource) {
+    Record record = Record::event(1, 3849);
+    record.evId = 1;
+    EXPECT_EQ(find(record), 0);
+}
+
+TEST_F(FindTest, VersionsZeroAndOneAreRead) {
+    Record record = Record::event(1, 40);
+    record.version = 0;
+    EXPECT_EQ(find(record), 0);
+    record.version = 2;
+    EXPECT_EQ(find(record), -1);
+}
+
+TEST_F(FindTest, WrongSignatureIsNoRecord) {
+    Record record = Record::event(1, 40);
+    record.signature = 0x8FB6;
+    EXPECT_EQ(find(record), -1);
+}
+
+TEST_F(FindTest, Source34IsTheLastOne) {
+    Record record = Record::event(1, 40);
+    record.source = 34;
+    EXPECT_EQ(find(record), 0);
+}
+
+TEST_F(FindTest, BadEventSourceIsFatal) {
+    Record record = Record::event(1, 40);
+    record.source = 40;
+    record.type = 2;
+    putImage(encode(record));
+    reopen();
+    expectBugCheck(
+        [] {
+            uint32_t gap = 0;
+            empFindValidEventEntry(0, &gap);
+        },
+        "Bad Event Source [40] in the Corrupted Event Log File! Please Delete the File.", FIND);
+}
+
+TEST_F(FindTest, BadEventSourceIsFatalWithoutAGoodChecksumAndWithVersionZero) {
+    for (int source : {35, 255}) {
+        Record record = Record::event(1, 40);
+        record.source = static_cast<uint8_t>(source);
+        record.type = 0;
+        record.version = 0;
+        Bytes bytes = encode(record);
+        bytes[100] ^= 0xFF;
+        putImage(Image().fill(33, 1).add(bytes));
+        reopen();
+        expectBugCheck(
+            [] {
+                uint32_t gap = 0;
+                empFindValidEventEntry(0, &gap);
+            },
+            "Bad Event Source [" + std::to_string(source) +
+                "] in the Corrupted Event Log File! Please Delete the File.",
+            FIND);
+    }
+}
+
+TEST_F(FindTest, BadEventSourceWithAnUnknownTypeOrVersionIsPassedOver) {
+    Record record = Record::event(1, 40);
+    record.source = 40;
+    record.type = 4;
+    EXPECT_EQ(find(record), -1);
+    record.type = 3;
+    record.version = 2;
+    EXPECT_EQ(find(record), -1);
+}
+
+TEST_F(FindTest, MismatchShowsBothChecksums) {
+    Record record = Record::event(1, 0);
+    Bytes bytes = encode(record);
+    uint32_t good = logimage::get32(bytes, 4);
+    logimage::put32(bytes, 4, 0x00000ABC);
+    Image image(bytes);
+    image.event(2, 0);
+    EXPECT_EQ(find(image), 160);
+    char line[200];
+    snprintf(line, sizeof(line),
+             "empFindValidEventEntry(): Record CRCChecksum [0xABC] not match with calculated "
+             "CRCChecksum [0x%X]\n",
+             good);
+    EXPECT_EQ(output, line);
+}
+
+TEST_F(FindTest, EndOfFileInAHeaderIsDumpedAndEndsTheSearch) {
+    Image image;
+    image.fill(161, 0xAB).fill(1, 0xCD);
+    // The last header that fits begins at 2; at 3 only 159 bytes arrive.
+    EXPECT_EQ(find(image), -1);
+    std::string dump;
+    for (int n = 1; n <= 159; n++) {
+        dump += n == 159 ? "CD" : "AB";
+        dump += n % 64 == 0 ? "\n\n" : n % 32 == 0 ? "\n" : n % 4 == 0 ? " " : "";
+    }
+    EXPECT_EQ(output, dump + "\n");
+}
+
+TEST_F(FindTest, EmptyFileDumpsNothing) {
+    EXPECT_EQ(find(Image()), -1);
+    EXPECT_EQ(output, "\n");
+}
+
+TEST_F(FindTest, BodyCutByTheEndIsDumpedAndEndsTheWholeSearch) {
+    Image image;
+    image.add(Record::event(1, 3000)).truncate(163);
+    Bytes body = logimage::slice(image.bytes, 160, 3);
+    EXPECT_EQ(find(image), -1);
+    char dump[20];
+    snprintf(dump, sizeof(dump), "%02X%02X%02X\n", body[0], body[1], body[2]);
+    EXPECT_EQ(output, dump);
+}
+
+TEST_F(FindTest, SoundRecordBehindACutBodyIsNotFound) {
+    Record torn = Record::event(1, 0);
+    torn.length = 3000;
+    Image image;
+    image.add(torn).event(2, 40);
+    EXPECT_EQ(find(image), -1);
+}
+
+TEST_F(FindTest, OffsetOfTheFilesEndIsStillLookedAt) {
+    Image image;
+    image.fill(1'600'000, 0x11).event(1, 0).fill(1000, 0x11);
+    EXPECT_EQ(find(image), 1'600'000);
+    EXPECT_EQ(find(image, 1'600'000), 0);
+    Image later;
+    later.fill(1'600'001, 0x11).event(1, 0).fill(1000, 0x11);
+    EXPECT_EQ(find(later), -1);
+    EXPECT_EQ(output,
+              "empFindValidEventEntry(): Can't find valid Event Entry. tmpGap = [1600001]\n");
+    EXPECT_EQ(find(later, 1'599'990), -1);
+    EXPECT_EQ(output, "empFindValidEventEntry(): Can't find valid Event Entry. tmpGap = [11]\n");
+}
+
+TEST_F(FindTest, GiveUpAtTheEndBehindAMismatch) {
+    Bytes bytes = encode(Record::event(1, 0));
+    logimage::put32(bytes, 4, 0);
+    Image image;
+    image.fill(1'600'000, 0x11).add(bytes).fill(1000, 0x11);
+    EXPECT_EQ(find(image, 1'600'000), -1);
+    EXPECT_NE(output.find("not match with calculated CRCChecksum"), std::string::npos);
+    EXPECT_NE(output.find("Can't find valid Event Entry. tmpGap = [1]\n"), std::string::npos);
+}
+
+TEST_F(FindTest, FilePositionIsRestored) {
+    Image image;
+    image.fill(50, 0).event(1, 40);
+    putImage(image);
+    reopen();
+    for (uint32_t from : {0U, 60U}) {
+        lseek(empControl.eventLogFileFd, 33, SEEK_SET);
+        uint32_t gap = 0;
+        outputOf([&] { empFindValidEventEntry(from, &gap); });
+        EXPECT_EQ(position(), 33);
+    }
+}
+
+TEST_F(FindTest, WorkSpaceHoldsTheRecordAndZerosBehindIt) {
+    memset(eventEntryWorkSpace, 0xEE, 5000);
+    Bytes record = encode(Record::event(1, 40));
+    EXPECT_EQ(find(Image(record)), 0);
+    record.resize(4064, 0);
+    EXPECT_EQ(workSpace(4064), record);
+}
+
+TEST_F(FindTest, WorkSpaceKeepsTheBodyOfARecordThatFailed) {
+    Record bad = Record::event(1, 400);
+    Image image;
+    image.add(bad).flip(300).add(Record::dummy(65535));
+    EXPECT_EQ(find(image), 560);
+    EXPECT_EQ(workSpace(160), logimage::slice(image.bytes, 560, 160));
+    EXPECT_EQ(logimage::slice(workSpace(4064), 160, 400),
+              logimage::slice(image.bytes, 160, 400));
+    EXPECT_EQ(logimage::slice(workSpace(4064), 560, 3504), logimage::zeros(3504));
+}
+
+TEST_F(FindTest, WorkSpaceAfterAFailedSearchEndsInThePartialHeader) {
+    Image image;
+    for (uint32_t i = 0; i < 300; i++) {
+        image.fill(1, static_cast<uint8_t>(i));
+    }
+    EXPECT_EQ(find(image), -1);
+    // The header at 140 was whole; that at 141 brought 159 bytes.
+    Bytes wanted = logimage::slice(image.bytes, 141, 159);
+    wanted.push_back(image.bytes[299]);
+    EXPECT_EQ(workSpace(160), wanted);
+}
+
+TEST_F(FindTest, ReadErrorIsAnEmptyDumpAndEndsTheSearch) {
+    putImage(Image(encode(Record::event(1, 40))));
+    reopen();
+    hooks::state.reads.failAt = 1;
+    hooks::state.reads.failOn = true;
+    uint32_t gap = 5;
+    std::string text =
+        outputOf([&] { EXPECT_EQ(empFindValidEventEntry(0, &gap), EMP_E_GENERR); });
+    EXPECT_EQ(text, "\n");
+    EXPECT_EQ(gap, 5U);
+}
+
+TEST_F(FindTest, FirstAndLastSeekReportAsFunction) {
+    putImage(Image(encode(Record::event(1, 40))));
+    reopen();
+    expectBugCheck(
+        [] {
+            hooks::state.seeks.failAt = 1;
+            uint32_t gap = 0;
+            empFindValidEventEntry(0, &gap);
+        },
+        LSEEK_FAILS, FIND);
+}
+
+TEST_F(FindTest, SeekToTheRecordReportsAsCall) {
+    putImage(Image(encode(Record::event(1, 40))));
+    reopen();
+    expectBugCheck(
+        [] {
+            hooks::state.seeks.failAt = 2;
+            uint32_t gap = 0;
+            empFindValidEventEntry(0, &gap);
+        },
+        LSEEK_CALL_FAILS, FIND);
+}
+
+// --- The file ---
+
+class ScanFile : public StoreTest {
+  protected:
+    std::string scan() {
+        restart();
+        return outputOf([&] { outcome = empScanEventLogFile(); });
+    }
+    static bool has(const std::string& text, const std::string& part) {
+        return text.find(part) != std::string::npos;
+    }
+    static Image twoGaps() {
+        return logimage::unwrapped(10, 40).dummyToEnd().flip(650).flip(1450);
+    }
+    EMP_SCAN_OUTCOME_e outcome = EMP_E_SCAN_DONE;
+};
+
+TEST_F(ScanFile, IsOpenedReadWriteAndCreatedForTheOwner) {
+    umask(0);
+    scan();
+    ASSERT_FALSE(hooks::state.opened.empty());
+    const auto& last = hooks::state.opened.back();
+    EXPECT_EQ(last.path, logPath);
+    EXPECT_EQ(last.flags & (O_ACCMODE | O_CREAT | O_TRUNC | O_EXCL), O_RDWR | O_CREAT);
+    struct stat info {};
+    ASSERT_EQ(stat(logPath.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777U, 0700U);
+    EXPECT_GT(empControl.eventLogFileFd, 2);
+}
+
+TEST_F(ScanFile, OpenFailureIsABugCheck) {
+    hooks::state.openName = "/kelta_eventlog";
+    hooks::state.failOpenAt = 1;
+    expectBugCheck([&] { empScanEventLogFile(); }, OPEN_FAILS, SCAN);
+}
+
+TEST_F(ScanFile, OpenFailureAfterTheRenameIsABugCheck) {
+    putImage(twoGaps());
+    hooks::state.openName = "/kelta_eventlog";
+    hooks::state.failOpenAt = 2;
+    expectBugCheck([&] { empScanEventLogFile(); }, OPEN_FAILS, SCAN);
+}
+
+TEST_F(ScanFile, FreshLogsLines) {
+    std::string text = scan();
+    EXPECT_EQ(text.substr(0, 1), "\n"); // the dump of nothing
+    EXPECT_TRUE(has(text, "empWriteFirstEntryToLogFile(): new empWrite = [200].\n"
+                          "empProcessEventLogFile(): Can't find a valid Event Entry in Event Log "
+                          "File? Create Dummy Entry.\n"
+                          "empWriteDummyEntryToLogFile(): Dummy Entry "));
+    EXPECT_TRUE(has(text, "empProcessEventLogFile(): empWrite = [200], new empStart = [0].\n"
+                          "empProcessEventLogFile(): Because of creation of Dummy Entry, empWrite "
+                          "= [200], new empStart = [1600000].\n"));
+}
+
+TEST_F(ScanFile, LinesOfAnUnwrappedLog) {
+    putImage(logimage::unwrapped(1, 40).dummyToEnd());
+    EXPECT_EQ(scan(),
+              "empProcessEventLogFile(): This is first Event Entry.\n"
+              "empProcessEventLogFile(): Event Log with Sequence Id = [0].\n"
+              "empProcessEventLogFile(): Record eventEntryDatabase[0], Offset = [0], Flag = [0x1] "
+              "for non-Dummy Entry.\n"
+              "empProcessEventLogFile(): new Read position = [200]\n"
+              "empProcessEventLogFile(): Event Log with Sequence Id = [1].\n"
+              "empProcessEventLogFile(): Record eventEntryDatabase[1], Offset = [200], Flag = "
+              "[0x1] for non-Dummy Entry.\n"
+              "empProcessEventLogFile(): new Read position = [400]\n");
+    EXPECT_EQ(position(), 400); // the scan leaves the position at the start, then still 400
+}
+
+TEST_F(ScanFile, LinesOfAWrappedLog) {
+    Image image;
+    image.event(7, 40).fill(30, 0).event(5, 40).event(6, 40).dummyToEnd();
+    putImage(image);
+    EXPECT_EQ(scan(),
+              "empProcessEventLogFile(): This is first Event Entry.\n"
+              "empProcessEventLogFile(): Event Log with Sequence Id = [7].\n"
+              "empProcessEventLogFile(): Record eventEntryDatabase[7], Offset = [0], Flag = [0x1] "
+              "for non-Dummy Entry.\n"
+              "empProcessEventLogFile(): new Read position = [200]\n"
+              "empProcessEventLogFile(): Found gap = [30] between the current Event Entry and "
+              "another one.\n"
+              "empProcessEventLogFile(): SequenceId isn't continuous between Event Entries.\n"
+              "empProcessEventLogFile(): Event Log File is wrapped over.\n"
+              "empProcessEventLogFile(): Add [30] bytes of gap between Event Entries for "
+              "empStart.\n"
+              "empProcessEventLogFile(): empWrite = [200], empStart = [230]\n"
+              "empProcessEventLogFile(): empSequenceId = [8], empStartSequenceId = [5]\n"
+              "empProcessEventLogFile(): Record eventEntryDatabase[5], Offset = [230], Flag = "
+              "[0x1] for non-Dummy Entry.\n"
+              "empProcessEventLogFile(): new Read position = [430]\n"
+              "empProcessEventLogFile(): SequenceId isn't continuous between Event Entries.\n"
+              "empProcessEventLogFile(): No gap between Event Entries.\n"
+              "empProcessEventLogFile(): empWrite = [200], empStart = [230]\n"
+              "empProcessEventLogFile(): empSequenceId = [8], empStartSequenceId = [5]\n"
+              "empProcessEventLogFile(): Record eventEntryDatabase[6], Offset = [430], Flag = "
+              "[0x1] for non-Dummy Entry.\n"
+              "empProcessEventLogFile(): new Read position = [630]\n");
+    EXPECT_EQ(position(), 230);
+}
+
+TEST_F(ScanFile, IdsPrintAsSignedNumbers) {
+    Image image;
+    image.event(0xFFFFFFFF, 0).dummyToEnd();
+    putImage(image);
+    EXPECT_TRUE(has(scan(), "Event Log with Sequence Id = [-1].\n"));
+    EXPECT_EQ(state(), (LogState{160, END_OF_FILE, 0xFFFFFFFF, 0, WRAP_FALSE, 0, 1, 0, 0, 0}));
+}
+
+TEST_F(ScanFile, OverlongRecordWithAGoodChecksumIsIndexed) {
+    Record record = Record::event(1, 65535);
+    record.source = 27;
+    Image image;
+    image.add(Record::first()).add(record).event(2, 0).dummyToEnd();
+    putImage(image);
+    scan();
+    EXPECT_EQ(state(), (LogState{200 + 65'695 + 160, END_OF_FILE, 0, 3, WRAP_FALSE, 0, 3, 0, 0, 0}));
+}
+
+TEST_F(ScanFile, BugChecksOfTheScanEndTheProcess) {
+    putImage(logimage::unwrapped(10, 40).dummyToEnd().insert(1000, Bytes(77, 0x33)));
+    expectBugCheck([] { empScanEventLogFile(); }, "Continuous SequenceId with Gap? Bug somewhere!",
+                   SCAN);
+    putImage(Image().event(5, 40).event(6, 40).event(5, 40).dummyToEnd());
+    expectBugCheck([] { empScanEventLogFile(); }, "Invalid Sequence ID? Bug somewhere!", SCAN);
+}
+
+TEST_F(ScanFile, FailingReadsLookLikeAnEmptyFile) {
+    putImage(logimage::unwrapped(10, 40).dummyToEnd());
+    hooks::state.reads.failAt = 1;
+    hooks::state.reads.failOn = true;
+    scan();
+    EXPECT_EQ(state(), (LogState{200, END_OF_FILE, 0, 1, WRAP_FALSE, 0, 1, 1, 0, 0}));
+}
+
+TEST_F(ScanFile, FirstFailingSeekIsABugCheckOfTheScan) {
+    putImage(logimage::unwrapped(10, 40).dummyToEnd());
+    expectBugCheck(
+        [] {
+            hooks::state.seeks.failAt = 1;
+            empScanEventLogFile();
+        },
+        LSEEK_FAILS, SCAN);
+}
+
+TEST_F(ScanFile, EveryFailingSeekIsABugCheckWithOneOfTheTexts) {
+    putImage(Image().event(7, 40).fill(30, 0).event(5, 40).dummyToEnd());
+    outputOf([] { empScanEventLogFile(); });
+    int total = hooks::state.seeks.count;
+    ASSERT_GT(total, 4);
+    for (int call = 1; call <= total; call++) {
+        restart();
+        ChildEnd end = inChild([call] {
+            hooks::state.seeks.failAt = call;
+            empScanEventLogFile();
+        });
+        EXPECT_TRUE(end.aborted) << call;
+        EXPECT_TRUE((end.function == FIND &&
+                     (end.message == LSEEK_CALL_FAILS || end.message == LSEEK_FAILS)) ||
+                    (end.function == SCAN && end.message == LSEEK_FAILS))
+            << call << " " << end.function << " " << end.message;
+    }
+}
+
+// --- The debugging copy ---
+
+TEST_F(ScanFile, DamagedFileBecomesTheDebuggingCopyUntilTheNextStart) {
+    putImage(twoGaps());
+    std::string text = scan();
+    EXPECT_EQ(outcome, EMP_E_SCAN_REBUILT);
+    EXPECT_TRUE(has(text, "empProcessEventLogFile(): 2 gaps in Event Log File. Reinitialize the "
+                          "Event Log File.\n"));
+    EXPECT_EQ(std::filesystem::file_size(debugPath), END_OF_FILE);
+    EXPECT_EQ(logSize(), END_OF_FILE);
+    EXPECT_EQ(validSlots(), 1U);
+    EXPECT_TRUE(has(scan(), "empProcessEventLogFile(): Remove the debugging copy of the Event Log "
+                            "File [" +
+                                debugPath + "].\n"));
+    EXPECT_EQ(outcome, EMP_E_SCAN_DONE);
+    EXPECT_FALSE(std::filesystem::exists(debugPath));
+}
+
+TEST_F(ScanFile, FailedRenameRebuildsInPlace) {
+    putImage(twoGaps());
+    hooks::state.failRename = true;
+    scan();
+    EXPECT_EQ(outcome, EMP_E_SCAN_REBUILT);
+    EXPECT_EQ(state(), (LogState{200, END_OF_FILE, 0, 1, WRAP_FALSE, 0, 1, 1, 0, 0}));
+    EXPECT_EQ(logimage::slice(readLog(), 360, END_OF_FILE), logimage::zeros(END_OF_FILE - 360));
+    EXPECT_FALSE(std::filesystem::exists(debugPath));
+}
+
+TEST_F(ScanFile, FifoAsDebuggingCopyDoesNotHangTheStart) {
+    ASSERT_EQ(mkfifo(debugPath.c_str(), 0600), 0);
+    EXPECT_TRUE(has(scan(), "Remove the debugging copy of the Event Log File"));
+    EXPECT_FALSE(std::filesystem::exists(debugPath));
+}
+
+TEST_F(ScanFile, DebuggingCopyThatCannotBeRemovedIsPassedOver) {
+    std::filesystem::create_directories(debugPath + "/inside");
+    EXPECT_TRUE(has(scan(), "Remove the debugging copy of the Event Log File"));
+    EXPECT_TRUE(std::filesystem::exists(debugPath + "/inside"));
+    EXPECT_EQ(empControl.empWrite, 200U);
+}
+
+TEST_F(ScanFile, DirectoryNameIsNoShellText) {
+    std::string odd = directory + "/a b;$(x)'";
+    std::filesystem::create_directory(odd);
+    auto* block = const_cast<MPU_PARAMS_t*>(oMpuParams);
+    memcpy(block->nvramDirectory, odd.c_str(), odd.size() + 1);
+    logPath = odd + "/kelta_eventlog";
+    putImage(twoGaps());
+    scan();
+    EXPECT_EQ(outcome, EMP_E_SCAN_REBUILT);
+    EXPECT_TRUE(std::filesystem::exists(odd + "/kelta_eventlog.debug"));
+}
+
+TEST_F(ScanFile, DirectoryNameWithoutTerminatorIsReadToItsEndOnly) {
+    auto* block = const_cast<MPU_PARAMS_t*>(oMpuParams);
+    memset(block->nvramDirectory, 'd', sizeof(block->nvramDirectory));
+    memset(block->logDirectory, 'x', sizeof(block->logDirectory));
+    expectBugCheck([] { empScanEventLogFile(); }, OPEN_FAILS, SCAN);
+}
+
+} // namespace
