@@ -11,18 +11,41 @@ using namespace support;
 
 namespace {
 
-int eventsHandled;
-const MMSG_t* eventHandled;
+int handled;
+const MMSG_t* handledMessage;
 U32_t countedBeforeHandler;
+
+void stub(const char* name, const MMSG_t* mmsg, U32_t count) {
+    handled++;
+    handledMessage = mmsg;
+    countedBeforeHandler = count;
+    printf("<%s>\n", name);
+}
 
 } // namespace
 
-/** Stands in for the intake of events. */
-extern "C" void __wrap__Z17empRcvEventLogMsgP6MMSG_s(MMSG_t* mmsg) {
-    eventsHandled++;
-    eventHandled = mmsg;
-    countedBeforeHandler = empControl.mmsgEventLogMsgReceive;
-    fputs("<intake>\n", stdout);
+// The handlers' places are taken by stubs.
+extern "C" {
+
+void __wrap__Z17empRcvEventLogMsgP6MMSG_s(MMSG_t* mmsg) {
+    stub("log", mmsg, empControl.mmsgEventLogMsgReceive);
+}
+
+void __wrap__Z21empRcvEventInquiryMsgP6MMSG_s(MMSG_t* mmsg) {
+    stub("inquiry", mmsg, empControl.mmsgEventInquiryMsgReceive);
+}
+
+void __wrap__Z25empRcvSetEventArchiverMsgP6MMSG_s(MMSG_t* mmsg) {
+    stub("set", mmsg, empControl.mmsgEventSetEventArchiverReceive);
+}
+
+void __wrap__Z30empRcvGetEventManagerStatusMsgP6MMSG_s(MMSG_t* mmsg) {
+    stub("status", mmsg, empControl.mmsgEventGetEventManagerStatusReceive);
+}
+
+void __wrap__Z26empRcvAlternateEventLogMsgP6MMSG_s(MMSG_t* mmsg) {
+    stub("alternate", mmsg, empControl.mmsgEventAlternateEventLogMsgReceive);
+}
 }
 
 namespace {
@@ -141,6 +164,17 @@ class Dispatch : public EmpTest {
                                   "] is out of range\n"
                                   "empProcEventMmsgMsg(): MMSG requestor [200] sends wrong "
                                   "mmsg_length!!!\n");
+    }
+
+    /** Expects that a message is counted, handed over and reported with @p line, in this order. */
+    static void expectHandled(U32_t type, const std::string& handler, const std::string& line) {
+        Header header;
+        header.opcode = 0x08000000 | type;
+        EXPECT_EQ(dispatch(header), stamped(OURS) + "<" + handler + ">\n" + stamped(line));
+        EXPECT_EQ(counters(), only(std::to_string(type)));
+        EXPECT_EQ(handled, 1);
+        EXPECT_EQ(countedBeforeHandler, 1U);
+        EXPECT_EQ(handledMessage, reinterpret_cast<MMSG_t*>(empControl.empInMsg));
     }
 
     static void expectUnknown(U32_t type) {
@@ -262,14 +296,28 @@ TEST_F(Dispatch, ProtocolIsCheckedForOtherTransportTypesToo) {
 // --- Types
 
 TEST_F(Dispatch, EventIsCountedThenHandledThenReported) {
+    expectHandled(1, "log", "EMP completes Event Log Message processing.\n");
+}
+
+TEST_F(Dispatch, InquiryIsCountedThenHandledThenReported) {
+    expectHandled(2, "inquiry", "EMP completes Event Inquiry Message processing.\n");
+}
+
+TEST_F(Dispatch, SetEventArchiverIsCountedThenHandledThenReported) {
+    expectHandled(3, "set", "EMP completes Set Event Archiver Message processing.\n");
+}
+
+TEST_F(Dispatch, GetEventManagerStatusIsCountedThenHandledThenReported) {
+    expectHandled(5, "status", "EMP completes Get Event Manager Status Message processing.\n");
+}
+
+TEST_F(Dispatch, AlternateEventHasNoCompletionLine) {
     Header header;
-    header.opcode = 0x08000001;
-    EXPECT_EQ(dispatch(header), stamped(OURS) + "<intake>\n" +
-                                    stamped("EMP completes Event Log Message processing.\n"));
-    EXPECT_EQ(counters(), only("1"));
-    EXPECT_EQ(eventsHandled, 1);
-    EXPECT_EQ(countedBeforeHandler, 1U);
-    EXPECT_EQ(eventHandled, reinterpret_cast<MMSG_t*>(empControl.empInMsg));
+    header.opcode = 0x08000007;
+    std::string output = dispatch(header);
+    EXPECT_EQ(output.find(stamped(OURS)), 0U);
+    EXPECT_EQ(output.find("EMP completes"), std::string::npos);
+    EXPECT_EQ(counters(), only("7"));
 }
 
 TEST_F(Dispatch, ResponseBitDoesNotKeepAnEventOut) {
@@ -277,7 +325,7 @@ TEST_F(Dispatch, ResponseBitDoesNotKeepAnEventOut) {
     header.opcode = 0x08000001;
     header.cont = 0xC0;
     dispatch(header);
-    EXPECT_EQ(eventsHandled, 1);
+    EXPECT_EQ(handled, 1);
     EXPECT_EQ(empControl.mmsgEventLogMsgReceive, 1U);
 }
 
@@ -286,7 +334,7 @@ TEST_F(Dispatch, UnknownEndpointIsNoMatterHere) {
     header.opcode = 0x08000001;
     header.requestor = 255;
     dispatch(header);
-    EXPECT_EQ(eventsHandled, 1);
+    EXPECT_EQ(handled, 1);
 }
 
 TEST_F(Dispatch, GetEventArchiverOnlyCountsAndPrints) {
@@ -310,7 +358,7 @@ TEST_F(Dispatch, TypesOutsideOneToSevenAreUnknown) {
         expectUnknown(type);
     }
     EXPECT_FALSE(msmHasData());
-    EXPECT_EQ(eventsHandled, 0);
+    EXPECT_EQ(handled, 0);
 }
 
 TEST_F(Dispatch, TypeIsAll24Bits) {
@@ -319,7 +367,7 @@ TEST_F(Dispatch, TypeIsAll24Bits) {
         empControl.mmsgEventUnknownMsgReceive = 0;
         expectUnknown(type);
     }
-    EXPECT_EQ(eventsHandled, 0);
+    EXPECT_EQ(handled, 0);
 }
 
 TEST_F(Dispatch, CountersWrapAround) {
