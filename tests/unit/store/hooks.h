@@ -14,8 +14,8 @@ namespace hooks {
 
 /** One kind of call on the log file. Calls are numbered from 1 on since reset(). */
 struct Calls {
-    int count = 0;    ///< calls so far
-    int failAt = 0;   ///< the call that fails with EIO; 0: none
+    int count = 0;       ///< calls so far
+    int failAt = 0;      ///< the call that fails with EIO; 0: none
     bool failOn = false; ///< all later ones fail too
     bool due() {
         count++;
@@ -27,7 +27,7 @@ struct State {
     Calls reads;
     Calls writes;
     Calls seeks;
-    int shortWriteAt = 0;    ///< the write that takes only shortWriteBytes
+    int shortWriteAt = 0; ///< the write that takes only shortWriteBytes
     long shortWriteBytes = 0;
     int exitBeforeWrite = 0; ///< the process ends before this write, status EXIT_STATUS
     int failOpenAt = 0;      ///< the open of a path ending in openName that fails with EACCES

@@ -108,7 +108,8 @@ struct Wrapped {
 Wrapped wrapped(uint32_t newest, size_t newSize, size_t oldSize, uint32_t firstId = 0);
 
 /**
- * A wrapped log whose newest records (ids from 1000 on) have nearly reached the bottom: no gap, then
+ * A wrapped log whose newest records (ids from 1000 on) have nearly reached the bottom: no gap,
+ * then
  * @p oldRecords of 160 bytes with the ids before 1000, then @p bottom bytes: a dummy, or zeros.
  */
 Image nearBottom(uint32_t oldRecords, uint32_t bottom, bool withDummy, uint32_t& nextId,

@@ -39,7 +39,7 @@ class Log {
     void append(const Bytes& body, uint8_t source, uint16_t evId);
 
     Bytes file;
-    std::string debugPath{};    ///< name of the debugging copy
+    std::string debugPath{};     ///< name of the debugging copy
     bool debugCopyThere = false; ///< a rebuild has moved the damaged file away
     Bytes debugCopy{};           ///< that file
     uint32_t write = 0;

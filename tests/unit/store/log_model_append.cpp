@@ -137,8 +137,7 @@ void Log::caseA(uint16_t need) {
         } else {
             checkSignature(header, raw);
         }
-        line("empSaveEventLogMsgToLogFile(): Current Event Entry Length = [%d].\n",
-             number(length));
+        line("empSaveEventLogMsgToLogFile(): Current Event Entry Length = [%d].\n", number(length));
         if (length >= need) {
             break;
         }

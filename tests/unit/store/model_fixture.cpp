@@ -9,8 +9,7 @@
 
 // empFault(const char*, int, const char*, const char*, ...) under its linker name.
 extern "C" [[noreturn]] void __wrap__Z8empFaultPKciS0_S0_z(const char* fileName, int lineNo,
-                                                           const char* fnName, const char* msg,
-                                                           ...)
+                                                           const char* fnName, const char* msg, ...)
     __attribute__((format(printf, 4, 5)));
 
 extern "C" void __wrap__Z8empFaultPKciS0_S0_z(const char* fileName, int lineNo, const char* fnName,
@@ -51,8 +50,7 @@ std::string ModelTest::appendBoth(size_t size, uint8_t source, uint16_t evId) {
 }
 
 std::string ModelTest::appendBodyBoth(const logimage::Bytes& body, uint8_t source, uint16_t evId) {
-    return both([&] { appendBody(body, source, evId); },
-                [&] { model.append(body, source, evId); });
+    return both([&] { appendBody(body, source, evId); }, [&] { model.append(body, source, evId); });
 }
 
 std::string ModelTest::both(const std::function<void()>& product,
@@ -83,10 +81,15 @@ std::string ModelTest::both(const std::function<void()>& product,
 }
 
 void ModelTest::expectSame(const std::string& bugCheck) {
-    LogState wanted{model.write,   model.start,   model.startId,
-                    model.nextId,  model.wrapped ? WRAP_TRUE : WRAP_FALSE,
+    LogState wanted{model.write,
+                    model.start,
+                    model.startId,
+                    model.nextId,
+                    model.wrapped ? WRAP_TRUE : WRAP_FALSE,
                     model.foundGap ? 1 : 0,
-                    model.inFile,  model.added,   model.deleted,
+                    model.inFile,
+                    model.added,
+                    model.deleted,
                     model.instance};
     EXPECT_EQ(state(), wanted) << where;
     for (uint32_t slot = 0; slot < 10'000; slot++) {
@@ -126,7 +129,8 @@ void ModelTest::expectSameFile(const std::string& path, const logimage::Bytes& w
     if (memcmp(bytes.data(), wanted.data(), wanted.size()) != 0) {
         auto differ = std::mismatch(wanted.begin(), wanted.end(), bytes.begin());
         auto at = static_cast<size_t>(differ.first - wanted.begin());
-        ADD_FAILURE() << where << "\n" << path << " differs at " << at << "\n"
+        ADD_FAILURE() << where << "\n"
+                      << path << " differs at " << at << "\n"
                       << logmodel::hexDumpText(logimage::slice(bytes, at, 160)) << "expected:\n"
                       << logmodel::hexDumpText(logimage::slice(wanted, at, 160));
     }

@@ -22,17 +22,16 @@ class ModelTest : public StoreTest {
     std::string restartBoth();
     /** Appends an event with both. @return as scanBoth() */
     std::string appendBoth(size_t size, uint8_t source = 17, uint16_t evId = 7);
-    std::string appendBodyBoth(const logimage::Bytes& body, uint8_t source = 17,
-                               uint16_t evId = 7);
+    std::string appendBodyBoth(const logimage::Bytes& body, uint8_t source = 17, uint16_t evId = 7);
 
     /** Gives empDebug this value at each start: 0 makes long series faster. */
     void debugLines(bool on) { debugLines_ = on; }
 
     logmodel::Log model{};
-    bool rebuilt = false;      ///< the last scan started the log again
-    std::string lastOutput{};  ///< of the last step
+    bool rebuilt = false;       ///< the last scan started the log again
+    std::string lastOutput{};   ///< of the last step
     std::string lastFunction{}; ///< of the last bug-check
-    std::string where{};       ///< said with every difference
+    std::string where{};        ///< said with every difference
 
   private:
     std::string both(const std::function<void()>& product, const std::function<void()>& modelled);

@@ -27,9 +27,7 @@ class RebuildTest : public StoreTest {
         restart();
         return outputOf([] { empProcessEventLogFile(); });
     }
-    static Image twoGaps() {
-        return logimage::unwrapped(10, 40).dummyToEnd().flip(650).flip(1450);
-    }
+    static Image twoGaps() { return logimage::unwrapped(10, 40).dummyToEnd().flip(650).flip(1450); }
     /** What has been sent to the message switch. */
     Bytes sent() const {
         Bytes bytes(10'000);

@@ -79,13 +79,14 @@ TEST_F(RecordTest, VersionAndReservedByteAreOutsideTheChecksum) {
 
 TEST_F(RecordTest, FirstEntryIsTwoHundredBytes) {
     outputOf([] { empWriteFirstEventEntryToLogFile(); });
-    Bytes wanted = hex(std::string("b68f010083f7e722") + IDENTITY +
-                       "00000000"         // instance
-                       "00000000"         // sequence id
-                       "65a0b0c0"         // time
-                       "00281b0102010002" // 40 bytes, source 27, type 1, category 2, version 1, id 2
-                       "454e434c4f535552452d53455249414c2d30313233343536" // 24 of the enclosure id
-                       "00000000000000000000000000000000");
+    Bytes wanted =
+        hex(std::string("b68f010083f7e722") + IDENTITY +
+            "00000000"         // instance
+            "00000000"         // sequence id
+            "65a0b0c0"         // time
+            "00281b0102010002" // 40 bytes, source 27, type 1, category 2, version 1, id 2
+            "454e434c4f535552452d53455249414c2d30313233343536" // 24 of the enclosure id
+            "00000000000000000000000000000000");
     EXPECT_EQ(readLog(), wanted);
 }
 
@@ -147,9 +148,9 @@ TEST_F(RecordTest, DummyIsAHeaderWithItsOwnChecksum) {
     empControl.empSequenceId = 77;
     dummy(0, 300, 0);
     Bytes wanted = hex(std::string("b68f01000e25c68f") + IDENTITY +
-                       "00000009"          // instance
-                       "00000000"          // a dummy takes no id
-                       "65a0b0c0"          // time
+                       "00000009"           // instance
+                       "00000000"           // a dummy takes no id
+                       "65a0b0c0"           // time
                        "012c1b0102010001"); // 300 bytes, source 27, ..., id 1
     EXPECT_EQ(readLog(), wanted);
     EXPECT_EQ(state(), (LogState{0, 0, 0, 77, WRAP_FALSE, 0, 0, 0, 0, 9}));

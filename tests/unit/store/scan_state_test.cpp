@@ -148,8 +148,7 @@ class SmallRemainder : public ScanState {
 TEST_F(SmallRemainder, IsTheDummysLengthAndOneEventIsLostToIt) {
     Image image = logimage::unwrappedTo(END, nextId).zerosTo();
     EXPECT_EQ(scanBoth(image), "");
-    EXPECT_EQ(state(),
-              (LogState{END, END, 0, nextId, WRAP_FALSE, 0, nextId, 0, 0, 0}));
+    EXPECT_EQ(state(), (LogState{END, END, 0, nextId, WRAP_FALSE, 0, nextId, 0, 0, 0}));
     EXPECT_EQ(logimage::get16(readLog(), END + 152), 10);
     EXPECT_EQ(appendBoth(100), REACH_DUMMY);
     // The next start finds the dummy and is healed.
@@ -217,12 +216,12 @@ TEST_F(ScanState, WrappedLogWithGap) {
     EXPECT_EQ(readLog(), log.image.bytes);
     // Fits in the gap: nothing is discarded.
     EXPECT_EQ(appendBoth(1180 - 160), "");
-    EXPECT_EQ(state(), (LogState{3160, 3160, 1, log.nextId + 1, WRAP_TRUE, 1, log.inFile + 1, 1, 0,
-                                 0}));
+    EXPECT_EQ(state(),
+              (LogState{3160, 3160, 1, log.nextId + 1, WRAP_TRUE, 1, log.inFile + 1, 1, 0, 0}));
     // Does not fit any more: the oldest record goes.
     EXPECT_EQ(appendBoth(0), "");
-    EXPECT_EQ(state(), (LogState{3320, 6320, 2, log.nextId + 2, WRAP_TRUE, 1, log.inFile + 1, 2, 1,
-                                 0}));
+    EXPECT_EQ(state(),
+              (LogState{3320, 6320, 2, log.nextId + 2, WRAP_TRUE, 1, log.inFile + 1, 2, 1, 0}));
 }
 
 TEST_F(ScanState, WrappedLogWithoutGap) {
@@ -230,8 +229,8 @@ TEST_F(ScanState, WrappedLogWithoutGap) {
     EXPECT_EQ(scanBoth(log.image), "");
     EXPECT_EQ(state(), (LogState{1980, 1980, 3, log.nextId, WRAP_TRUE, 0, log.inFile, 0, 0, 0}));
     EXPECT_EQ(appendBoth(0), "");
-    EXPECT_EQ(state(), (LogState{2140, 2640, 4, log.nextId + 1, WRAP_TRUE, 0, log.inFile, 1, 1,
-                                 0}));
+    EXPECT_EQ(state(),
+              (LogState{2140, 2640, 4, log.nextId + 1, WRAP_TRUE, 0, log.inFile, 1, 1, 0}));
 }
 
 TEST_F(ScanState, WrappedLogWithoutOldRecordsLooksUnwrapped) {
@@ -261,8 +260,8 @@ TEST_F(ScanState, GapBeforeTheBottomDummyTakesRoundsOfUnderflow) {
         rounds++;
     }
     EXPECT_EQ(rounds, 209U);
-    EXPECT_EQ(state(),
-              (LogState{END + 160, END_OF_FILE, 0, nextId + 1, WRAP_FALSE, 1, nextId + 1, 1, 0, 0}));
+    EXPECT_EQ(state(), (LogState{END + 160, END_OF_FILE, 0, nextId + 1, WRAP_FALSE, 1, nextId + 1,
+                                 1, 0, 0}));
 }
 
 TEST_F(ScanState, TruncatedWrappedLogEndsInADummyAtTheCut) {
@@ -295,8 +294,8 @@ TEST_F(ScanState, RecordAcrossTheEndPutsTheWritePositionBehindItAndTheNextEventW
     uint32_t nextId = 0;
     Image image = logimage::unwrappedTo(1'599'840, nextId).event(nextId, 300);
     EXPECT_EQ(scanBoth(image), "");
-    EXPECT_EQ(state(), (LogState{1'600'300, 1'600'300, 0, nextId + 1, WRAP_FALSE, 0, nextId + 1, 0,
-                                 0, 0}));
+    EXPECT_EQ(state(),
+              (LogState{1'600'300, 1'600'300, 0, nextId + 1, WRAP_FALSE, 0, nextId + 1, 0, 0, 0}));
     EXPECT_TRUE(sawLine("Write [-300] bytes of 0 to Event Log File.\n"));
     EXPECT_EQ(readLog(), image.bytes);
     EXPECT_EQ(appendBoth(0), "");
@@ -307,8 +306,8 @@ TEST_F(ScanState, RecordThatBeginsInTheLast159BytesIsDropped) {
     uint32_t nextId = 0;
     Image image = logimage::unwrappedTo(1'599'841, nextId).event(nextId, 300);
     EXPECT_EQ(scanBoth(image), "");
-    EXPECT_EQ(state(), (LogState{1'599'841, END_OF_FILE, 0, nextId, WRAP_FALSE, 0, nextId, 0, 0,
-                                 0}));
+    EXPECT_EQ(state(),
+              (LogState{1'599'841, END_OF_FILE, 0, nextId, WRAP_FALSE, 0, nextId, 0, 0, 0}));
     EXPECT_EQ(readLog(), image.bytes);
 }
 

@@ -32,16 +32,16 @@ class WrappedState : public ModelTest {
 
 TEST_F(WrappedState, DamagedNewestRecordWidensTheGap) {
     EXPECT_EQ(scanBoth(log.image.flip(1320 + 200)), "");
-    EXPECT_EQ(state(), (LogState{1320, 3160, 1, log.nextId - 1, WRAP_TRUE, 1, log.inFile - 1, 0, 0,
-                                 0}));
+    EXPECT_EQ(state(),
+              (LogState{1320, 3160, 1, log.nextId - 1, WRAP_TRUE, 1, log.inFile - 1, 0, 0, 0}));
     EXPECT_EQ(appendBoth(1000), "");
     EXPECT_EQ(appendBoth(3848), "");
 }
 
 TEST_F(WrappedState, DamagedOldestRecordWidensTheGap) {
     EXPECT_EQ(scanBoth(log.image.flip(3160 + 200)), "");
-    EXPECT_EQ(state(), (LogState{1980, 6320, 2, log.nextId, WRAP_TRUE, 1, log.inFile - 1, 0, 0,
-                                 0}));
+    EXPECT_EQ(state(),
+              (LogState{1980, 6320, 2, log.nextId, WRAP_TRUE, 1, log.inFile - 1, 0, 0, 0}));
     EXPECT_EQ(appendBoth(3848), "");
     EXPECT_EQ(appendBoth(3848), "");
 }
@@ -56,8 +56,8 @@ TEST_F(WrappedState, DamageAmongTheOldRecordsWithoutAGapMovesTheStartToTheWrongP
     logimage::Wrapped full = logimage::wrapped(3, 500, 500);
     Image image = full.image;
     EXPECT_EQ(scanBoth(image.flip(660 * 20 + 200)), "");
-    EXPECT_EQ(state(), (LogState{1980, 1980 + 660, 3, full.nextId, WRAP_TRUE, 1, full.inFile - 1, 0,
-                                 0, 0}));
+    EXPECT_EQ(state(),
+              (LogState{1980, 1980 + 660, 3, full.nextId, WRAP_TRUE, 1, full.inFile - 1, 0, 0, 0}));
     // One that fits into the wrong gap discards the oldest although it does not stand at the start.
     EXPECT_EQ(appendBoth(500), "");
     EXPECT_EQ(empControl.empStartSequenceId, 4U);
@@ -77,16 +77,16 @@ TEST_F(WrappedState, DamageAmongTheOldRecordsWithoutAGapStopsALargerEvent) {
 
 TEST_F(WrappedState, StaleDummyInTheGapHidesAllOldRecords) {
     EXPECT_EQ(scanBoth(withInGap(encode(Record::dummy(100)), 2500)), "");
-    EXPECT_EQ(state(), (LogState{1980, END_OF_FILE, log.nextId - 3, log.nextId, WRAP_FALSE, 1, 3, 0,
-                                 0, 0}));
+    EXPECT_EQ(state(),
+              (LogState{1980, END_OF_FILE, log.nextId - 3, log.nextId, WRAP_FALSE, 1, 3, 0, 0, 0}));
     EXPECT_EQ(appendBoth(40), "");
     EXPECT_EQ(appendBoth(3848), "");
 }
 
 TEST_F(WrappedState, StaleDummyAtTheWritePositionHidesThemWithoutAGap) {
     EXPECT_EQ(scanBoth(withInGap(encode(Record::dummy(100)), 1980)), "");
-    EXPECT_EQ(state(), (LogState{1980, END_OF_FILE, log.nextId - 3, log.nextId, WRAP_FALSE, 0, 3, 0,
-                                 0, 0}));
+    EXPECT_EQ(state(),
+              (LogState{1980, END_OF_FILE, log.nextId - 3, log.nextId, WRAP_FALSE, 0, 3, 0, 0, 0}));
     EXPECT_EQ(appendBoth(3848), "");
 }
 
@@ -119,8 +119,8 @@ TEST_F(WrappedState, OldRecordInTheMiddleOfTheGapStopsAnAppendAtRunTime) {
 
 TEST_F(WrappedState, OldRecordThatEndsAtTheStartIsTakenForTheOldest) {
     EXPECT_EQ(scanBoth(withInGap(encode(Record::event(0, 40)), 3160 - 200)), "");
-    EXPECT_EQ(state(), (LogState{1980, 2960, 0, log.nextId, WRAP_TRUE, 1, log.inFile + 1, 0, 0,
-                                 0}));
+    EXPECT_EQ(state(),
+              (LogState{1980, 2960, 0, log.nextId, WRAP_TRUE, 1, log.inFile + 1, 0, 0, 0}));
     // Its id is the oldest's less one, so that it can be discarded.
     EXPECT_EQ(appendBoth(3000), "");
 }
@@ -137,8 +137,8 @@ TEST_F(WrappedState, OldRecordWithAnotherIdThatEndsAtTheStartStopsALaterDiscard)
 
 TEST_F(WrappedState, RecordWithTheNextIdAtTheWritePositionIsSwallowed) {
     EXPECT_EQ(scanBoth(withInGap(encode(Record::event(log.nextId, 40)), 1980)), "");
-    EXPECT_EQ(state(), (LogState{2180, 3160, 1, log.nextId + 1, WRAP_TRUE, 1, log.inFile + 1, 0, 0,
-                                 0}));
+    EXPECT_EQ(state(),
+              (LogState{2180, 3160, 1, log.nextId + 1, WRAP_TRUE, 1, log.inFile + 1, 0, 0, 0}));
 }
 
 TEST_F(WrappedState, RecordWithTheNextIdElsewhereInTheGapStopsEveryStart) {

@@ -263,8 +263,7 @@ TEST_F(FindTest, WorkSpaceKeepsTheBodyOfARecordThatFailed) {
     image.add(bad).flip(300).add(Record::dummy(65535));
     EXPECT_EQ(find(image), 560);
     EXPECT_EQ(workSpace(160), logimage::slice(image.bytes, 560, 160));
-    EXPECT_EQ(logimage::slice(workSpace(4064), 160, 400),
-              logimage::slice(image.bytes, 160, 400));
+    EXPECT_EQ(logimage::slice(workSpace(4064), 160, 400), logimage::slice(image.bytes, 160, 400));
     EXPECT_EQ(logimage::slice(workSpace(4064), 560, 3504), logimage::zeros(3504));
 }
 
@@ -286,8 +285,7 @@ TEST_F(FindTest, ReadErrorIsAnEmptyDumpAndEndsTheSearch) {
     hooks::state.reads.failAt = 1;
     hooks::state.reads.failOn = true;
     uint32_t gap = 5;
-    std::string text =
-        outputOf([&] { EXPECT_EQ(empFindValidEventEntry(0, &gap), EMP_E_GENERR); });
+    std::string text = outputOf([&] { EXPECT_EQ(empFindValidEventEntry(0, &gap), EMP_E_GENERR); });
     EXPECT_EQ(text, "\n");
     EXPECT_EQ(gap, 5U);
 }
@@ -327,9 +325,7 @@ class ScanFile : public StoreTest {
     static bool has(const std::string& text, const std::string& part) {
         return text.find(part) != std::string::npos;
     }
-    static Image twoGaps() {
-        return logimage::unwrapped(10, 40).dummyToEnd().flip(650).flip(1450);
-    }
+    static Image twoGaps() { return logimage::unwrapped(10, 40).dummyToEnd().flip(650).flip(1450); }
     EMP_SCAN_OUTCOME_e outcome = EMP_E_SCAN_DONE;
 };
 
@@ -432,7 +428,8 @@ TEST_F(ScanFile, OverlongRecordWithAGoodChecksumIsIndexed) {
     image.add(Record::first()).add(record).event(2, 0).dummyToEnd();
     putImage(image);
     scan();
-    EXPECT_EQ(state(), (LogState{200 + 65'695 + 160, END_OF_FILE, 0, 3, WRAP_FALSE, 0, 3, 0, 0, 0}));
+    EXPECT_EQ(state(),
+              (LogState{200 + 65'695 + 160, END_OF_FILE, 0, 3, WRAP_FALSE, 0, 3, 0, 0, 0}));
 }
 
 TEST_F(ScanFile, BugChecksOfTheScanEndTheProcess) {

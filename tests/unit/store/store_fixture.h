@@ -19,9 +19,9 @@
 
 /** How a child process ended. */
 struct ChildEnd {
-    bool aborted = false; ///< by SIGABRT
-    int exitStatus = -1;  ///< of a normal end
-    std::string output{}; ///< standard output, time stamps removed
+    bool aborted = false;   ///< by SIGABRT
+    int exitStatus = -1;    ///< of a normal end
+    std::string output{};   ///< standard output, time stamps removed
     std::string message{};  ///< of the bug-check box; empty without one
     std::string function{}; ///< of the bug-check box
 };
@@ -86,7 +86,7 @@ class StoreTest : public testing::Test {
     std::string logPath;
     std::string debugPath;
     std::string outputBeforeBugCheck; ///< of the last outputOf() that ended in a thrown bug-check
-    int msmPeer = -1; ///< other end of socketFdMSM
+    int msmPeer = -1;                 ///< other end of socketFdMSM
 
   private:
     static MPU_PARAMS_t parameters;
