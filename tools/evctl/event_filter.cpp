@@ -26,6 +26,7 @@ void addListOption(CLI::App& command, const std::string& flag, std::vector<U32_t
             },
             "Only events of this " + what + "; several: comma-separated or repeated")
         ->delimiter(',')
+        ->allow_extra_args(false)
         ->type_name("LIST")
         ->group("Filters");
 }

@@ -24,7 +24,7 @@ std::string dumpLine(size_t offset, std::span<const U8_t> bytes) {
         line += text.data();
         characters += isPrintable(byte) ? static_cast<char>(byte) : '.';
     }
-    line.resize(6 + 3 * 16, ' ');
+    line.resize(5 + 3 * 16, ' ');
     return line + "  |" + characters + "|\n";
 }
 

@@ -106,6 +106,11 @@ void Session::takeIn() {
     if (count == 0) {
         throw SessionError("the message switch closed the connection");
     }
+    // Much is moved only when as much has been received since the last time.
+    if (taken_ > input_.size() / 2) {
+        input_.erase(input_.begin(), input_.begin() + static_cast<std::ptrdiff_t>(taken_));
+        taken_ = 0;
+    }
     input_.insert(input_.end(), piece, piece + count);
 }
 
@@ -130,21 +135,21 @@ void Session::send(const Bytes& message) {
 }
 
 std::optional<Bytes> Session::nextWhole() {
-    if (input_.size() < sizeof(MMCH_t)) {
+    size_t available = input_.size() - taken_;
+    if (available < sizeof(MMCH_t)) {
         return std::nullopt;
     }
-    size_t length = mmchOf(input_).mmsg_length;
+    const U8_t* begin = input_.data() + taken_;
+    size_t length = reinterpret_cast<const MMCH_t*>(begin)->mmsg_length;
     if (length < sizeof(MMCH_t)) {
         throw SessionError("a message of length " + std::to_string(length) +
                            " came, less than its header");
     }
-    if (input_.size() < length) {
+    if (available < length) {
         return std::nullopt;
     }
-    auto end = input_.begin() + static_cast<std::ptrdiff_t>(length);
-    Bytes message(input_.begin(), end);
-    input_.erase(input_.begin(), end);
-    return message;
+    taken_ += length;
+    return Bytes(begin, begin + length);
 }
 
 std::optional<Bytes> Session::receive(Deadline deadline) {

@@ -77,7 +77,8 @@ class Session {
     std::optional<Bytes> nextWhole();
 
     int descriptor_ = -1;
-    Bytes input_;
+    Bytes input_;      // what has arrived
+    size_t taken_ = 0; // bytes of it that have been received
     U32_t nextHandle_;
 };
 

@@ -1,0 +1,236 @@
+/** evctl file on real files: what it says, and that it leaves them as they are. */
+#include "../../unit/evlog/log_image.h"
+
+#include "process.h"
+#include "program.h"
+#include "temp_directory.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+namespace {
+
+/** Newest 1000 and 1001, a gap of 77 bytes, oldest 500 to 502, the bottom dummy. */
+test::LogImage wrappedLog() {
+    test::LogImage log;
+    log.events(1000, 2);
+    log.raw(std::string(77, 'g'));
+    log.events(500, 3);
+    log.dummy();
+    log.zerosTo();
+    return log;
+}
+
+struct Outcome {
+    support::Ending ending;
+    std::string output;
+    std::string errors;
+};
+
+class File : public testing::Test {
+  protected:
+    Outcome run(const std::string& command, const std::vector<std::string>& more = {}) {
+        std::vector<std::string> arguments = {"file", command, path()};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        support::Process evctl(support::commandOf("evctl", arguments), directory_.file("evctl"));
+        support::Ending ending = evctl.wait();
+        return {ending, evctl.output(), evctl.errorOutput()};
+    }
+    std::string path() const { return directory_.file("kelta_eventlog"); }
+    void write(const test::LogImage& log) { support::writeFile(path(), log.bytes); }
+
+    support::TempDirectory directory_;
+};
+
+std::string line(const char* id) {
+    return "      " + std::string(id) +
+           "  2006-11-21T14:00:00Z  warning      startup          disk           "
+           "300                   40 bytes\n";
+}
+
+/** All that tells of a change to a file, its access time left out. */
+std::vector<long> traces(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0);
+    return {static_cast<long>(status.st_ino),         static_cast<long>(status.st_mode),
+            static_cast<long>(status.st_nlink),       static_cast<long>(status.st_size),
+            static_cast<long>(status.st_mtim.tv_sec), static_cast<long>(status.st_mtim.tv_nsec),
+            static_cast<long>(status.st_ctim.tv_sec), static_cast<long>(status.st_ctim.tv_nsec),
+            static_cast<long>(status.st_uid)};
+}
+
+} // namespace
+
+TEST_F(File, ListIsOldestFirst) {
+    write(wrappedLog());
+    Outcome outcome = run("list");
+    EXPECT_EQ(outcome.ending, support::exitedWith(0));
+    EXPECT_EQ(outcome.output,
+              line(" 500") + line(" 501") + line(" 502") + line("1000") + line("1001"));
+    EXPECT_EQ(outcome.errors, "");
+}
+
+TEST_F(File, ListInFileOrderAndFiltered) {
+    write(wrappedLog());
+    EXPECT_EQ(run("list", {"--file-order", "--seq", "502:1000"}).output,
+              line("1000") + line(" 502"));
+    EXPECT_EQ(run("list", {"--type", "error"}).output, "");
+    EXPECT_EQ(run("list", {"--source", "18", "--id", "300", "--seq", "501"}).output, line(" 501"));
+}
+
+TEST_F(File, ListSaysThatTheFileIsDamaged) {
+    test::LogImage log = wrappedLog();
+    log.damage(700);
+    write(log);
+    Outcome outcome = run("list");
+    EXPECT_EQ(outcome.ending, support::exitedWith(0));
+    EXPECT_EQ(outcome.errors, "evctl: the file is damaged; see 'evctl file verify'\n");
+    EXPECT_EQ(outcome.output, line(" 500") + line(" 502") + line("1000") + line("1001"));
+}
+
+TEST_F(File, ListAsJson) {
+    write(wrappedLog());
+    std::string data;
+    for (int count = 0; count < 40; count++) {
+        data += "65";
+    }
+    EXPECT_EQ(run("list", {"--json", "--seq", "500"}).output,
+              R"({"offset":477,"part":"oldest","taken":true,"sequenceId":500,"instanceNumber":7,)"
+              R"("time":"2006-11-21T14:00:00Z","seconds":1164117600,"type":2,"typeName":"warning",)"
+              R"("source":18,"sourceName":"startup","category":4,"categoryName":"disk","id":300,)"
+              R"("idName":null,"idVersion":1,"enclosureId":"CHASSIS-1","bladeId":"BLADE-A",)"
+              R"("slotId":2,"length":40,"data":")" +
+                  data + "\"}\n");
+}
+
+TEST_F(File, ShowHasAllFieldsAndTheData) {
+    test::LogImage log;
+    log.firstEntry();
+    log.dummy();
+    log.zerosTo();
+    write(log);
+    Outcome outcome = run("show", {"--seq", "0"});
+    EXPECT_EQ(outcome.ending, support::exitedWith(0));
+    std::string crc = log.bytes.substr(4, 4);
+    char checksum[16];
+    snprintf(checksum, sizeof(checksum), "0x%X",
+             static_cast<unsigned>(static_cast<uint8_t>(crc[0])) << 24 |
+                 static_cast<unsigned>(static_cast<uint8_t>(crc[1])) << 16 |
+                 static_cast<unsigned>(static_cast<uint8_t>(crc[2])) << 8 |
+                 static_cast<unsigned>(static_cast<uint8_t>(crc[3])));
+    EXPECT_EQ(outcome.output,
+              "offset       0\n"
+              "part         newest\n"
+              "version      1\n"
+              "checksum     " +
+                  std::string(checksum) +
+                  "\n"
+                  "sequence id  0\n"
+                  "instance     7\n"
+                  "time         2006-11-21T14:00:00Z\n"
+                  "type         information(1)\n"
+                  "source       eventlog(27)\n"
+                  "category     management(2)\n"
+                  "id           first(2)\n"
+                  "id version   1\n"
+                  "enclosure    CHASSIS-1\n"
+                  "blade        BLADE-A\n"
+                  "slot         2\n"
+                  "length       40\n"
+                  "0000  43 48 41 53 53 49 53 2d 31 00 00 00 00 00 00 00  |CHASSIS-1.......|\n"
+                  "0010  00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00  |................|\n"
+                  "0020  00 00 00 00 00 00 00 00                          |........|\n");
+}
+
+TEST_F(File, ShowByOffsetReachesTheDummy) {
+    write(wrappedLog());
+    Outcome outcome = run("show", {"--offset", "1077", "--json"});
+    EXPECT_EQ(outcome.ending, support::exitedWith(0));
+    EXPECT_EQ(outcome.output.find(R"({"offset":1077,"part":"dummy","taken":false,)"), 0U);
+}
+
+TEST_F(File, ShowOfNoRecordCannot) {
+    write(wrappedLog());
+    Outcome outcome = run("show", {"--seq", "503"});
+    EXPECT_EQ(outcome.ending, support::exitedWith(2));
+    EXPECT_EQ(outcome.errors, "evctl: " + path() + ": no such record\n");
+    EXPECT_EQ(run("show", {"--seq", "0"}).ending, support::exitedWith(2));
+}
+
+TEST_F(File, VerifyOfASoundFileSaysNothing) {
+    write(wrappedLog());
+    Outcome outcome = run("verify");
+    EXPECT_EQ(outcome.ending, support::exitedWith(0));
+    EXPECT_EQ(outcome.output + outcome.errors, "");
+}
+
+TEST_F(File, VerifySaysOffsetBytesAndReason) {
+    test::LogImage log = wrappedLog();
+    log.damage(700);
+    log.bytes.resize(2000);
+    write(log);
+    Outcome outcome = run("verify");
+    EXPECT_EQ(outcome.ending, support::exitedWith(1));
+    EXPECT_EQ(outcome.output, "offset 677, 200 bytes: checksum does not match\n"
+                              "offset 2000, 1598000 bytes: file ends before 1600000 bytes\n");
+    EXPECT_EQ(run("verify", {"--json"}).output,
+              R"({"offset":677,"bytes":200,"reason":"checksum does not match"})"
+              "\n"
+              R"({"offset":2000,"bytes":1598000,"reason":"file ends before 1600000 bytes"})"
+              "\n");
+}
+
+TEST_F(File, InfoAsJson) {
+    write(wrappedLog());
+    Outcome outcome = run("info", {"--json"});
+    EXPECT_EQ(outcome.ending, support::exitedWith(0));
+    auto part = [](const char* records, const char* first, const char* last) {
+        return std::string(R"({"records":)") + records + R"(,"firstSequenceId":)" + first +
+               R"(,"lastSequenceId":)" + last +
+               R"(,"firstTime":"2006-11-21T14:00:00Z","lastTime":"2006-11-21T14:00:00Z"})";
+    };
+    EXPECT_EQ(outcome.output,
+              R"({"file":")" + path() +
+                  R"(","bytes":1600000,"verdict":"wrapped",)"
+                  R"("meaning":"a log that has gone round its end","findings":0,"oldest":)" +
+                  part("3", "500", "502") + R"(,"newest":)" + part("2", "1000", "1001") +
+                  R"(,"types":{"warning":5},"sources":{"startup":5},)"
+                  R"("start":{"empWrite":400,"empStart":477,"empStartSequenceId":500,)"
+                  R"("empSequenceId":1002,"empInstanceNumber":7,"empEventInLogFile":5,)"
+                  R"("empWrapOver":true,"foundGap":true}})"
+                  "\n");
+}
+
+TEST_F(File, InfoJudgesTheIdentityThatItIsGiven) {
+    write(wrappedLog());
+    EXPECT_NE(run("info", {"--enclosure", "CHASSIS-1", "--slot", "3"})
+                  .output.find("\nverdict               foreign\n"),
+              std::string::npos);
+    EXPECT_NE(run("info", {"--enclosure", "CHASSIS-1", "--slot", "2"})
+                  .output.find("\nverdict               wrapped\n"),
+              std::string::npos);
+}
+
+TEST_F(File, InfoOfAnEmptyFile) {
+    write(test::LogImage());
+    Outcome outcome = run("info");
+    EXPECT_EQ(outcome.ending, support::exitedWith(0));
+    EXPECT_NE(outcome.output.find("\nverdict               fresh\n"), std::string::npos);
+    EXPECT_NE(outcome.output.find("\n  records             0\n"), std::string::npos);
+}
+
+TEST_F(File, NothingChangesTheFile) {
+    test::LogImage log = wrappedLog();
+    log.damage(700);
+    write(log);
+    ASSERT_EQ(chmod(path().c_str(), 0400), 0);
+    std::vector<long> before = traces(path());
+    for (const char* command : {"list", "verify", "info"}) {
+        run(command);
+        run(command, {"--json"});
+    }
+    run("show", {"--seq", "500"});
+    EXPECT_EQ(traces(path()), before);
+    EXPECT_EQ(support::readFile(path()), log.bytes);
+}
