@@ -1,4 +1,4 @@
-#include "evctl/event_view.h"
+#include "evctl/event_filter.h"
 
 #include "common/names.h"
 #include "evctl/options.h"

@@ -5,6 +5,7 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 namespace evctl {
 namespace {

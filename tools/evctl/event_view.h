@@ -1,6 +1,6 @@
 /**
  * @file
- * How an event is shown: as a line, as JSON, as a hex dump; and which events are shown.
+ * How an event is shown: as a line, as JSON, as a hex dump.
  *
  * An event in a message and an event in a file have the same 152-byte header, so both are shown
  * from there.
@@ -8,15 +8,12 @@
 #ifndef EVCTL_EVENT_VIEW_H
 #define EVCTL_EVENT_VIEW_H
 
-#include "common/cli.h"
 #include "emp_mesgs.h"
 #include "evlog/evlog.h"
 
-#include <nlohmann/json.hpp>
-#include <optional>
+#include <nlohmann/json_fwd.hpp>
 #include <span>
 #include <string>
-#include <vector>
 
 namespace evctl {
 
@@ -58,21 +55,6 @@ std::string hexDigits(std::span<const U8_t> bytes);
 
 /** Lines of 16 bytes: offset, hexadecimal, printable characters. */
 std::string hexDump(std::span<const U8_t> bytes);
-
-/** Which events are shown: every list that is not empty must hold the event's value. */
-struct EventFilter {
-    std::vector<U32_t> types;
-    std::vector<U32_t> sources;
-    std::vector<U32_t> categories;
-    std::vector<U32_t> ids;
-    std::optional<U32_t> firstSequenceId;
-    std::optional<U32_t> lastSequenceId;
-
-    bool matches(const EmpEvLogHeader_t& header) const;
-};
-
-/** Adds --type, --source, --category, --id and --seq. */
-void addFilterOptions(CLI::App& command, EventFilter& filter);
 
 } // namespace evctl
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <iostream>
 #include <map>
+#include <nlohmann/json.hpp>
 
 namespace evctl {
 namespace {

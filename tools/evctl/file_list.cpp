@@ -1,10 +1,12 @@
 /** evctl file list: the events of a log file, one line each. */
 #include "evctl/commands.h"
+#include "evctl/event_filter.h"
 #include "evctl/event_view.h"
 #include "evctl/file.h"
 
 #include <algorithm>
 #include <iostream>
+#include <nlohmann/json.hpp>
 
 namespace evctl {
 namespace {

@@ -5,6 +5,7 @@
 #include "evctl/options.h"
 
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 namespace evctl {

@@ -4,6 +4,7 @@
 #include "evctl/file.h"
 
 #include <iostream>
+#include <nlohmann/json.hpp>
 
 namespace evctl {
 namespace {

@@ -1,9 +1,11 @@
 /** evctl follow: prints events as the event manager passes them on. */
 #include "evctl/commands.h"
+#include "evctl/event_filter.h"
 #include "evctl/event_message.h"
 #include "evctl/options.h"
 
 #include <iostream>
+#include <nlohmann/json.hpp>
 
 namespace evctl {
 namespace {

@@ -4,6 +4,7 @@
 #include "evctl/params_view.h"
 
 #include <iostream>
+#include <nlohmann/json.hpp>
 
 namespace evctl {
 namespace {

@@ -1,8 +1,13 @@
 #include "run.h"
 
+#include "program.h"
+#include "temp_directory.h"
 #include "version.h"
 
 #include <gmock/gmock.h>
+
+#include <regex>
+#include <set>
 
 using test::run;
 using test::Said;
@@ -141,4 +146,21 @@ TEST(CommandLine, FiltersThatNameNothingAreRefused) {
     expectRefused({"file", "list", "--id", "1,65536", "/nowhere/log"}, "65536");
     expectRefused({"file", "list", "--seq", ":", "/nowhere/log"}, "--seq");
     expectRefused({"file", "list", "--seq", "5:x", "/nowhere/log"}, "--seq");
+}
+
+TEST(CommandLine, ManualNamesEveryOption) {
+    std::string manual = support::readFile(support::sourceFile("docs/man/evctl.1"));
+    std::set<std::string> options;
+    for (const auto& command : ALL_COMMANDS) {
+        std::string help = run(with(command, "--help")).output;
+        std::regex option("--([a-z]+)(-[a-z]+)?");
+        for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at) {
+            options.insert(at->str());
+        }
+    }
+    EXPECT_GE(options.size(), 20U);
+    for (const std::string& option : options) {
+        std::string quoted = std::regex_replace(option, std::regex("-"), "\\-");
+        EXPECT_THAT(manual, HasSubstr(quoted));
+    }
 }

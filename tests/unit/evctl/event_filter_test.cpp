@@ -1,4 +1,4 @@
-#include "evctl/event_view.h"
+#include "evctl/event_filter.h"
 
 #include <gtest/gtest.h>
 

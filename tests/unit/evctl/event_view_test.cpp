@@ -1,6 +1,7 @@
 #include "evctl/event_view.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <cstring>
 
