@@ -63,6 +63,7 @@ class HelpFormatter : public CLI::Formatter {
 } // namespace
 
 void setUpCommandLine(CLI::App& app, const std::string& footer) {
+    app.description(app.get_description() + "\n");
     app.set_help_flag("-h,--help", "Print this help and exit");
     app.set_help_all_flag("");
     app.set_version_flag(

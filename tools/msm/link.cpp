@@ -1,8 +1,11 @@
 #include "link.h"
 
-#include "say.h"
+#include "common/say.h"
 
 namespace msm {
+
+using tools::say;
+
 namespace {
 
 constexpr std::chrono::milliseconds RETRY_INTERVAL{100};

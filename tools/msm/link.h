@@ -9,9 +9,13 @@
 #ifndef MSM_LINK_H
 #define MSM_LINK_H
 
-#include "connection.h"
+#include "common/connection.h"
 
 namespace msm {
+
+using tools::Connection;
+using tools::End;
+using tools::Socket;
 
 class Link {
   public:

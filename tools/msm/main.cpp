@@ -1,5 +1,5 @@
 #include "common/cli.h"
-#include "say.h"
+#include "common/say.h"
 #include "switch.h"
 
 #include <csignal>
@@ -48,21 +48,14 @@ void declareOptions(CLI::App& app, SwitchOptions& options) {
     app.add_flag("--trace", options.trace, "Print the header of every message and where it went");
 }
 
-void sayLines(const std::string& text) {
-    for (size_t start = 0, end = 0; (end = text.find('\n', start)) != std::string::npos;
-         start = end + 1) {
-        say(text.substr(start, end - start));
-    }
-}
-
 int run(const SwitchOptions& options) {
     asio::io_context loop(1);
     asio::signal_set signals(loop, SIGINT, SIGTERM);
     Switch messageSwitch(loop, options);
-    say("listening in " + options.directory);
+    tools::say("listening in " + options.directory);
     signals.async_wait([&loop](std::error_code, int) { loop.stop(); });
     loop.run();
-    sayLines(messageSwitch.counters().text());
+    tools::sayLines(messageSwitch.counters().text());
     return tools::EXIT_DONE;
 }
 

@@ -1,6 +1,6 @@
 #include "switch.h"
 
-#include "say.h"
+#include "common/say.h"
 #include "trace.h"
 
 #include <filesystem>
@@ -8,6 +8,9 @@
 #include <unistd.h>
 
 namespace msm {
+
+using tools::say;
+
 namespace {
 
 constexpr std::chrono::milliseconds ACCEPT_PAUSE{100};

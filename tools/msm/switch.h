@@ -5,7 +5,7 @@
 #ifndef MSM_SWITCH_H
 #define MSM_SWITCH_H
 
-#include "connection.h"
+#include "common/connection.h"
 #include "counters.h"
 #include "directory.h"
 #include "link.h"

@@ -1,8 +1,8 @@
-#include "frame.h"
+#include "common/frame.h"
 
 #include <cstring>
 
-namespace msm {
+namespace tools {
 
 FrameReader::FrameReader() : bytes_(new U8_t[CAPACITY]) {}
 
@@ -46,4 +46,4 @@ U16_t FrameReader::announcedLength() const {
     return length;
 }
 
-} // namespace msm
+} // namespace tools

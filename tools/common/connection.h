@@ -1,11 +1,11 @@
 /**
  * @file
- * One connection of the switch: reads messages, sends messages, never waits for its peer.
+ * One connection that carries local messages: reads, sends, never waits for its peer.
  */
-#ifndef MSM_CONNECTION_H
-#define MSM_CONNECTION_H
+#ifndef TOOLS_CONNECTION_H
+#define TOOLS_CONNECTION_H
 
-#include "frame.h"
+#include "common/frame.h"
 
 #include <asio.hpp>
 
@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-namespace msm {
+namespace tools {
 
 using Socket = asio::local::stream_protocol::socket;
 
@@ -24,7 +24,7 @@ using Socket = asio::local::stream_protocol::socket;
 enum class End {
     Closed,    ///< by its peer, between two messages
     Broken,    ///< by its peer, in the middle of a message
-    BadLength, ///< by the switch, because of a bad mmsg_length
+    BadLength, ///< from this side, because of a bad mmsg_length
     Failed,    ///< by an error of the socket
 };
 
@@ -84,6 +84,6 @@ class Connection : public std::enable_shared_from_this<Connection> {
     bool canSend_ = true; ///< false once the peer takes nothing any more
 };
 
-} // namespace msm
+} // namespace tools
 
 #endif

@@ -1,4 +1,4 @@
-#include "msm/frame.h"
+#include "common/frame.h"
 
 #include "mmsg_client.h"
 
@@ -6,10 +6,10 @@
 
 #include <cstring>
 
-using msm::FrameReader;
 using support::Bytes;
 using support::headerOf;
 using support::makeMmsg;
+using tools::FrameReader;
 
 static void feed(FrameReader& reader, const Bytes& bytes) {
     std::span<U8_t> space = reader.space();

@@ -1,8 +1,8 @@
-#include "connection.h"
+#include "common/connection.h"
 
-#include "say.h"
+#include "common/say.h"
 
-namespace msm {
+namespace tools {
 
 Connection::Connection(Socket socket, std::string name, size_t queueMax, Callbacks callbacks)
     : socket_(std::move(socket)), name_(std::move(name)), queueMax_(queueMax),
@@ -132,4 +132,4 @@ void Connection::finish(End end, const std::string& why) {
     callbacks_.end(*this, end);
 }
 
-} // namespace msm
+} // namespace tools

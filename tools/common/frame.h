@@ -2,8 +2,8 @@
  * @file
  * Cuts a stream of bytes into messages.
  */
-#ifndef MSM_FRAME_H
-#define MSM_FRAME_H
+#ifndef TOOLS_FRAME_H
+#define TOOLS_FRAME_H
 
 #include "mmsg.h"
 
@@ -11,7 +11,7 @@
 #include <memory>
 #include <span>
 
-namespace msm {
+namespace tools {
 
 /** Collects what one connection sends and gives it out message by message. */
 class FrameReader {
@@ -51,6 +51,6 @@ class FrameReader {
     size_t end_ = 0;
 };
 
-} // namespace msm
+} // namespace tools
 
 #endif

@@ -1,0 +1,128 @@
+#include "blade_fixture.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <sstream>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace support;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+
+static void sendOneMessage(const BladeUnderTest& blade) {
+    MmsgClient snmp(blade.slotFile("mmsg/snmp"));
+    snmp.send(makeMmsg({.requestor = 28, .local = {27}}));
+}
+
+static void expectNothingLeft(const BladeUnderTest& blade) {
+    EXPECT_FALSE(blade.key.exists());
+    EXPECT_NE(access(blade.slotFile("mmsg/eventlog").c_str(), F_OK), 0);
+}
+
+TEST(BladeDeath, EventManagerThatExitsEndsTheBlade) {
+    BladeUnderTest blade({}, {{"STANDIN", "exit"}});
+    EXPECT_EQ(blade.process.wait(), exitedWith(1));
+    EXPECT_THAT(blade.process.output(), ContainsRegex("blade: emp \\(pid [0-9]+\\) exited with "
+                                                      "status 3\nblade: down\n"));
+    expectNothingLeft(blade);
+}
+
+TEST(BladeDeath, EventManagerThatAbortsEndsTheBlade) {
+    BladeUnderTest blade({}, {{"STANDIN", "abort"}});
+    blade.waitUntilUp();
+    sendOneMessage(blade);
+    EXPECT_EQ(blade.process.wait(), exitedWith(1));
+    EXPECT_THAT(
+        blade.process.output(),
+        ContainsRegex("emp \\(pid [0-9]+\\) died of signal 6 \\(Aborted\\)\nblade: down\n"));
+    expectNothingLeft(blade);
+}
+
+TEST(BladeDeath, SilentEventManagerEndsTheBladeAfterTheTimeout) {
+    BladeUnderTest blade({"--timeout", "1"}, {{"STANDIN", "mute"}});
+    EXPECT_EQ(blade.process.wait(), exitedWith(1));
+    EXPECT_EQ(blade.process.output(),
+              "blade: emp has not said that it is initialised within 1 seconds\nblade: down\n");
+    expectNothingLeft(blade);
+}
+
+/** The child of @p parent whose command line contains @p word; throws when there is none. */
+static pid_t childOf(pid_t parent, const std::string& word) {
+    std::string directory = "/proc/" + std::to_string(parent) + "/task/" + std::to_string(parent);
+    std::istringstream children(readFile(directory + "/children"));
+    for (pid_t child = 0; children >> child;) {
+        std::string file = "/proc/" + std::to_string(child) + "/cmdline";
+        if (readFile(file).find(word) != std::string::npos) {
+            return child;
+        }
+    }
+    throw std::runtime_error("no child with " + word);
+}
+
+TEST(BladeDeath, SwitchThatDiesEndsTheBlade) {
+    BladeUnderTest blade;
+    blade.waitUntilUp();
+    kill(childOf(blade.process.pid(), blade.slotFile("mmsg")), SIGKILL);
+    EXPECT_EQ(blade.process.wait(), exitedWith(1));
+    EXPECT_THAT(blade.process.output(), ContainsRegex("msm \\(pid [0-9]+\\) died of signal 9"));
+    EXPECT_FALSE(blade.key.exists());
+}
+
+TEST(BladeDeath, SwitchThatCannotStartEndsTheBlade) {
+    BladeUnderTest blade({"--msm", standIn()}, {{"STANDIN", "exit"}});
+    EXPECT_EQ(blade.process.wait(), exitedWith(1));
+    EXPECT_THAT(blade.process.output(), ContainsRegex("msm \\(pid [0-9]+\\) exited with status 2"));
+    EXPECT_FALSE(blade.key.exists());
+}
+
+TEST(BladeDeath, KeptBladeStaysUpForAnEventManagerStartedByHand) {
+    BladeUnderTest blade({"--keep"}, {{"STANDIN", "abort"}});
+    blade.waitUntilUp();
+    sendOneMessage(blade);
+    std::string line = blade.process.waitForOutput("the blade stays up");
+    EXPECT_THAT(line,
+                ContainsRegex("emp \\(pid [0-9]+\\) died of signal 6 \\(Aborted\\); the blade "
+                              "stays up, start it again with: emp " +
+                              blade.key.text()));
+    Process byHand(commandOf("tests/standin_emp", {blade.key.text()}), blade.base.file("hand"));
+    byHand.waitForOutput("key ");
+    MmsgClient snmp(blade.slotFile("mmsg/snmp"));
+    requireSoon(
+        [&] { return blade.process.output().rfind("the event manager is initialised") > 200; },
+        "the second notice");
+    snmp.send(makeMmsg({.requestor = 28, .local = {27}, .handle = 4}));
+    EXPECT_EQ(headerOf(snmp.receive()).handle, 4U);
+    byHand.signal(SIGKILL);
+    byHand.wait();
+    blade.stop(SIGTERM, 1);
+}
+
+TEST(BladeDeath, SecondSignalKillsWhatDoesNotEnd) {
+    TempDirectory directory;
+    std::string stubborn = directory.file("stubborn");
+    writeFile(stubborn, "#!/bin/sh\ntrap '' TERM\necho up\nwhile :; do sleep 1; done\n");
+    ASSERT_EQ(chmod(stubborn.c_str(), 0700), 0);
+    BladeUnderTest blade({"--runner", stubborn, "--msm-log", directory.file("log")});
+    waitForLine(directory.file("log"), "up");
+    blade.process.signal(SIGTERM);
+    blade.process.waitForOutput("stopping: Terminated");
+    blade.process.signal(SIGTERM);
+    EXPECT_EQ(blade.process.wait(std::chrono::seconds(4)), exitedWith(0));
+    EXPECT_THAT(blade.process.output(), HasSubstr("blade: stopping at once\nblade: down\n"));
+}
+
+TEST(BladeDeath, ChildThatIgnoresItsSignalIsKilledInTheEnd) {
+    TempDirectory directory;
+    std::string stubborn = directory.file("stubborn");
+    writeFile(stubborn, "#!/bin/sh\ntrap '' TERM\necho up\nwhile :; do sleep 1; done\n");
+    ASSERT_EQ(chmod(stubborn.c_str(), 0700), 0);
+    BladeUnderTest blade({"--runner", stubborn, "--msm-log", directory.file("log")});
+    waitForLine(directory.file("log"), "up");
+    blade.process.signal(SIGTERM);
+    EXPECT_EQ(blade.process.wait(), exitedWith(0));
+    EXPECT_FALSE(blade.key.exists());
+}

@@ -1,0 +1,306 @@
+#include "blade.h"
+
+#include "common/cli.h"
+#include "common/endpoint.h"
+#include "common/say.h"
+#include "startup.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace blade {
+
+using tools::say;
+
+namespace {
+
+constexpr std::chrono::milliseconds RETRY_INTERVAL{20};
+constexpr std::chrono::seconds END_TIMEOUT{5};
+constexpr size_t QUEUE_MAX = 64;
+
+void makeDirectories(const std::string& path) {
+    for (size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+        std::string part = path.substr(0, end);
+        if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
+            throw BladeError("cannot make directory " + part + ": " + strerror(errno));
+        }
+        if (end == std::string::npos) {
+            break;
+        }
+    }
+    if (!std::filesystem::is_directory(path)) {
+        throw BladeError(path + " is not a directory");
+    }
+}
+
+/** Throws when a switch listens in @p directory: a second blade there would disturb the first. */
+void requireNoSwitch(const std::string& directory) {
+    int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor < 0) {
+        throw BladeError("cannot open directory " + directory + ": " + strerror(errno));
+    }
+    bool taken = flock(descriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    close(descriptor);
+    if (taken) {
+        throw BladeError("another msm already listens in " + directory);
+    }
+}
+
+/** @return path of a program that stands beside this one, or @p given */
+std::string programPath(const std::string& given, const char* name) {
+    std::string path =
+        given.empty()
+            ? (std::filesystem::read_symlink("/proc/self/exe").parent_path() / name).string()
+            : given;
+    if (access(path.c_str(), X_OK) != 0) {
+        throw BladeError("cannot execute " + path + ": " + strerror(errno));
+    }
+    return path;
+}
+
+/** The log file of a child, until it is started. */
+class LogFile {
+  public:
+    explicit LogFile(const std::string& path) {
+        if (path != "-") {
+            descriptor_ = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+            if (descriptor_ < 0) {
+                throw BladeError("cannot write " + path + ": " + strerror(errno));
+            }
+        }
+    }
+    ~LogFile() {
+        if (descriptor_ >= 0) {
+            close(descriptor_);
+        }
+    }
+    LogFile(const LogFile&) = delete;
+    LogFile& operator=(const LogFile&) = delete;
+
+    int descriptor() const { return descriptor_; } ///< -1: this process's standard output
+
+  private:
+    int descriptor_ = -1;
+};
+
+bool isInitComplete(const MMCH_t& header) {
+    return header.opcode.request.protocol == MMSG_E_PROTOCOL_STARTUP &&
+           header.opcode.request.type == U32_t{SUS_E_MMSG_NOTIFY_INIT_COMPLETE} &&
+           header.requestor == MMSG_E_EPID_EVENTLOGMP && header.mmsg_length == MMCH_SIZE;
+}
+
+} // namespace
+
+Blade::Blade(asio::io_context& loop, BladeOptions options)
+    : loop_(loop), options_(std::move(options)), block_(options_.source, options_.key),
+      endSignals_(loop, SIGINT, SIGTERM, SIGHUP), childSignals_(loop, SIGCHLD), retry_(loop),
+      deadline_(loop), socket_(loop) {
+    options_.msm = programPath(options_.msm, "msm");
+    if (!options_.noEmp) {
+        options_.emp = programPath(options_.emp, "emp");
+    }
+    std::string logs =
+        block_.logDirectory().empty() ? block_.mmsgDirectory() : block_.logDirectory();
+    for (const std::string& directory : {block_.mmsgDirectory(), block_.nvramDirectory(), logs}) {
+        makeDirectories(directory);
+    }
+    requireNoSwitch(block_.mmsgDirectory());
+    options_.empLog = options_.empLog.empty() ? logs + "/emp.log" : options_.empLog;
+    options_.msmLog = options_.msmLog.empty() ? logs + "/msm.log" : options_.msmLog;
+}
+
+int Blade::run() {
+    watchSignals();
+    watchChildren();
+    startSwitch();
+    expectWithinTimeout("msm has not listened");
+    connectStartup();
+    loop_.run();
+    return status_;
+}
+
+std::vector<std::string> Blade::commandOf(const std::string& program,
+                                          const std::vector<std::string>& arguments) const {
+    std::vector<std::string> command = options_.runner;
+    command.push_back(program);
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return command;
+}
+
+void Blade::startSwitch() {
+    std::vector<std::string> arguments = {block_.mmsgDirectory()};
+    if (options_.trace) {
+        arguments.emplace_back("--trace");
+    }
+    if (options_.other) {
+        arguments.emplace_back("--link");
+        arguments.push_back(mmsgDirectoryOf(options_.source.base, *options_.other) + "/link");
+    }
+    LogFile log(options_.msmLog);
+    msm_.start("msm", commandOf(options_.msm, arguments), log.descriptor());
+}
+
+void Blade::startEventManager() {
+    LogFile log(options_.empLog);
+    emp_.start("emp", commandOf(options_.emp, {std::to_string(block_.key())}), log.descriptor());
+}
+
+void Blade::connectStartup() {
+    socket_ = tools::Socket(loop_);
+    std::string path = tools::endpointSocketPath(block_.mmsgDirectory(), MMSG_E_EPID_STARTUPMP);
+    if (path.size() > tools::SOCKET_PATH_MAX) {
+        return; // the switch cannot listen there either; it says so and ends the blade
+    }
+    socket_.async_connect(asio::local::stream_protocol::endpoint(path),
+                          [this](std::error_code error) {
+                              if (stopping_) {
+                                  return;
+                              }
+                              if (!error) {
+                                  startupConnected();
+                                  return;
+                              }
+                              retry_.expires_after(RETRY_INTERVAL);
+                              retry_.async_wait([this](std::error_code cancelled) {
+                                  if (!cancelled && !stopping_) {
+                                      connectStartup();
+                                  }
+                              });
+                          });
+}
+
+void Blade::startupConnected() {
+    // The event manager must not keep the Startup process's connection open.
+    fcntl(socket_.native_handle(), F_SETFD, FD_CLOEXEC);
+    tools::Connection::Callbacks callbacks;
+    callbacks.message = [this](tools::Connection&, std::span<U8_t> message) {
+        startupMessage(message);
+    };
+    callbacks.end = [this](tools::Connection&, tools::End) { startup_.reset(); };
+    startup_ = std::make_shared<tools::Connection>(std::move(socket_), "startup", QUEUE_MAX,
+                                                   std::move(callbacks));
+    startup_->start();
+    if (options_.noEmp) {
+        deadline_.cancel();
+        sayUp();
+        say("the event manager is to be started by hand: emp " + std::to_string(block_.key()));
+    } else {
+        startEventManager();
+        expectWithinTimeout("emp has not said that it is initialised");
+    }
+}
+
+void Blade::expectWithinTimeout(const std::string& what) {
+    deadline_.expires_after(std::chrono::seconds(options_.timeout));
+    deadline_.async_wait([this, what](std::error_code cancelled) {
+        if (!cancelled && !stopping_) {
+            status_ = tools::EXIT_FINDING;
+            stop(what + " within " + std::to_string(options_.timeout) + " seconds");
+        }
+    });
+}
+
+void Blade::startupMessage(std::span<U8_t> message) {
+    const auto& header = *reinterpret_cast<const MMCH_t*>(message.data());
+    if (stopping_ || !isInitComplete(header)) {
+        return;
+    }
+    say("the event manager is initialised");
+    deadline_.cancel();
+    sayUp();
+}
+
+void Blade::sayUp() {
+    if (!up_) {
+        up_ = true;
+        say("up: slot " + std::to_string(block_.slot()) + ", key " + std::to_string(block_.key()) +
+            ", messages in " + block_.mmsgDirectory() + ", nvram in " + block_.nvramDirectory());
+    }
+}
+
+void Blade::watchSignals() {
+    endSignals_.async_wait([this](std::error_code error, int number) {
+        if (error) {
+            return;
+        }
+        if (stopping_) {
+            say("stopping at once");
+            emp_.signal(SIGKILL);
+            msm_.signal(SIGKILL);
+        } else {
+            stop(std::string("stopping: ") + strsignal(number));
+        }
+        watchSignals();
+    });
+}
+
+void Blade::watchChildren() {
+    childSignals_.async_wait([this](std::error_code error, int) {
+        if (error) {
+            return;
+        }
+        watchChildren();
+        for (Child* child : {&emp_, &msm_}) {
+            if (child->reap()) {
+                childEnded(*child);
+            }
+        }
+    });
+}
+
+void Blade::childEnded(Child& child) {
+    if (stopping_) {
+        stopNext();
+        return;
+    }
+    status_ = tools::EXIT_FINDING;
+    if (&child == &emp_ && options_.keep) {
+        deadline_.cancel();
+        say(child.ending() + "; the blade stays up, start it again with: emp " +
+            std::to_string(block_.key()));
+        sayUp();
+    } else {
+        stop(child.ending());
+    }
+}
+
+/** The event manager first: it must not see its switch go. */
+void Blade::stop(const std::string& why) {
+    say(why);
+    stopping_ = true;
+    stopNext();
+}
+
+void Blade::stopNext() {
+    deadline_.cancel();
+    retry_.cancel();
+    for (Child* child : {&emp_, &msm_}) {
+        if (child->running()) {
+            child->signal(SIGTERM);
+            waitForEnd();
+            return;
+        }
+    }
+    say("down");
+    loop_.stop();
+}
+
+void Blade::waitForEnd() {
+    deadline_.expires_after(END_TIMEOUT);
+    deadline_.async_wait([this](std::error_code cancelled) {
+        if (!cancelled) {
+            for (Child* child : {&emp_, &msm_}) {
+                child->signal(SIGKILL);
+            }
+        }
+    });
+}
+
+} // namespace blade

@@ -1,0 +1,53 @@
+/**
+ * @file
+ * The processes that a blade consists of.
+ */
+#ifndef BLADE_CHILD_H
+#define BLADE_CHILD_H
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace blade {
+
+/** A process started by this one. It is told to end when this process dies. */
+class Child {
+  public:
+    Child() = default;
+    ~Child(); ///< kills and reaps it, should it still run
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    /**
+     * Starts a program in a process group of its own, so that a terminal's interrupt reaches this
+     * process alone, which then ends its children in order. Throws BladeError when it cannot fork.
+     * @param name    for lines
+     * @param command the program and its arguments; the first word is searched along PATH
+     * @param output  descriptor for its standard output; -1: that of this process
+     */
+    void start(std::string name, const std::vector<std::string>& command, int output);
+
+    bool running() const { return pid_ > 0; }
+    pid_t pid() const { return pid_; }
+    const std::string& name() const { return name_; }
+
+    /** Sends a signal while it runs. */
+    void signal(int number) const;
+
+    /** Looks whether it has ended since. @return whether it has, once; then ending() tells how */
+    bool reap();
+
+    /** How it ended: "emp (pid 17) exited with status 3", "emp (pid 17) died of signal 6
+     * (Aborted)". */
+    const std::string& ending() const { return ending_; }
+
+  private:
+    std::string name_;
+    pid_t pid_ = -1;
+    std::string ending_;
+};
+
+} // namespace blade
+
+#endif
