@@ -16,7 +16,7 @@ bool isPrintable(U8_t byte) {
 
 /** One line of at most 16 bytes. */
 std::string dumpLine(size_t offset, std::span<const U8_t> bytes) {
-    std::array<char, 16> text{};
+    std::array<char, 24> text{};
     snprintf(text.data(), text.size(), "%04zx ", offset);
     std::string line = text.data();
     std::string characters;
