@@ -3,6 +3,8 @@
  * block. This file holds the start-up sequence and the loop; ARCHITECTURE.md shows the rest of the
  * house.
  */
+#include "archiver/pass.h"
+#include "archiver/select_sets.h"
 #include "diag/debug_line.h"
 #include "dispatch.h"
 #include "mmsg/message.h"
@@ -20,7 +22,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/select.h>
 #include <unistd.h>
 
 namespace {
@@ -79,24 +80,20 @@ void startUp() {
     empProcessAlternateEventLogFiles();
     empDebugLine(
         "main(): Finish processing of Alternate Event Log Files. Wait for Event Messages.\n");
+    empInitSelectSets();
     empControl.selectTimeout = {1, 0};
 }
 
-/** One pass of the loop: wait, then at most one local message. */
+/** One pass of the loop: wait, then at most one local message and one of the archiver. */
 void servePass() {
-    fd_set readSet;
-    FD_ZERO(&readSet);
-    FD_SET(empControl.socketFdMSM, &readSet);
-    struct timeval timeout = empControl.selectTimeout;
-    empFlushOutput();
-    if (select(empControl.socketFdMSM + 1, &readSet, nullptr, nullptr, &timeout) == -1) {
-        EMP_BUGCHECK(EMP_HERE_IN("main"), "Linux select function fails");
-    }
-    if (FD_ISSET(empControl.socketFdMSM, &readSet)) {
+    empUpdateSelectSets();
+    empSelect();
+    if (empMsmSelected()) {
         empDebugLine("main(): The socket to MSM is selected.\n");
         empReceiveMmsg();
         empProcEventMmsgMsg(reinterpret_cast<MMSG_t*>(empControl.empInMsg));
     }
+    empServeEventArchiver();
 }
 
 } // namespace
