@@ -46,6 +46,10 @@ Bytes operator+(Bytes left, const Bytes& right) {
     return left;
 }
 
+Bytes slice(const Bytes& bytes, size_t from, size_t to) {
+    return Bytes(bytes.data() + from, bytes.data() + to);
+}
+
 Bytes counting(size_t count, unsigned first) {
     Bytes bytes;
     for (size_t i = 0; i < count; i++) {
@@ -228,12 +232,15 @@ S64_t LinkTest::filePosition() {
 
 namespace {
 
-std::string withoutStamps(std::string text) {
+std::string withoutStamps(const std::string& text) {
     const std::string stamp = STAMP;
-    for (size_t at = text.find(stamp); at != std::string::npos; at = text.find(stamp, at)) {
-        text.erase(at, stamp.size());
+    std::string result;
+    size_t from = 0;
+    for (size_t at = text.find(stamp); at != std::string::npos; at = text.find(stamp, from)) {
+        result.append(text, from, at - from);
+        from = at + stamp.size();
     }
-    return text;
+    return result.append(text, from);
 }
 
 std::string captured() {

@@ -103,6 +103,9 @@ void putText(Bytes& to, const std::string& text, size_t size); ///< padded with 
 void putZeros(Bytes& to, size_t count);
 Bytes operator+(Bytes left, const Bytes& right);
 
+/** The bytes from offset @p from to before @p to. */
+Bytes slice(const Bytes& bytes, size_t from, size_t to);
+
 /** @p count bytes that count up from @p first. */
 Bytes counting(size_t count, unsigned first = 1);
 

@@ -1,0 +1,631 @@
+#include "requests/inquiry.h"
+
+#include "link_bench.h"
+
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr U32_t FIRST = 1;
+constexpr U32_t NEXT = 2;
+constexpr U32_t EXACT = 3;
+constexpr U32_t PREVIOUS = 4;
+constexpr U32_t LAST = 5;
+
+constexpr char CASES[][9] = {"", "First", "Next", "Exact", "Previous", "Last"};
+
+/** Ids 100 to 109 are in the log, from offset 0 on; no archiver. */
+class Inquiry : public LinkTest {
+  protected:
+    Inquiry() {
+        storeRange(100, 110);
+        lseek(empControl.eventLogFileFd, 555, SEEK_SET);
+    }
+
+    static std::string ask(const Bytes& message) {
+        return linesOf([&] { empRcvEventInquiryMsg(received(message)); });
+    }
+    static std::string ask(U32_t type, U32_t id) {
+        return ask(localMessage(2, inquiryBody(type, id)));
+    }
+    static std::vector<Bytes> replies() { return sentTo(MSM_SOCKET); }
+    static std::vector<Bytes> relayed() { return sentTo(ARCHIVER_SOCKET); }
+
+    /** The reply that carries an event. */
+    static Bytes answer(U32_t id) {
+        return replyHeader(2, 256, 1) + eventHeader(id, 40) + dataOf(id);
+    }
+    /** The reply that says no. */
+    static Bytes failure(U32_t id, const std::string& enclosure = ENCLOSURE,
+                         const std::string& blade = BLADE, U32_t slot = SLOT,
+                         U32_t instance = INSTANCE) {
+        Bytes bytes = replyHeader(2, 216, 2);
+        putText(bytes, enclosure, 64);
+        putText(bytes, blade, 64);
+        put32(bytes, slot);
+        put32(bytes, instance);
+        put32(bytes, id);
+        putZeros(bytes, 12);
+        return bytes;
+    }
+    /** The one reply to a question. */
+    static Bytes replyTo(U32_t type, U32_t id) {
+        bench.sends.clear();
+        ask(type, id);
+        return replies().size() == 1 ? replies()[0] : Bytes{};
+    }
+    static std::string beginning(U32_t type, U32_t id) {
+        return "empRcvEventInquiryMsg(): Current File Position is at [555]\n"
+               "empRcvEventInquiryMsg(): This Inquiry Message is from Local Blade.\n"
+               "empRcvEventInquiryMsg(): Inquiry " +
+               std::string(CASES[type]) + " Case wit Sequence Id [" +
+               std::to_string(static_cast<int>(id)) + "]\n";
+    }
+    static std::string readLines() {
+        return "empRcvEventInquiryMsg(): Read [160] bytes of Event Record to Temp place.\n"
+               "empRcvEventInquiryMsg(): Read [40] bytes of Event Structure to Temp place.\n";
+    }
+    static std::string ending() {
+        return "empRcvEventInquiryMsg(): Send out a MMSG from the Event Manager to Requestor.\n"
+               "<MMSG>\n"
+               "empRcvEventInquiryMsg(): Switch back to the original File Position [555]\n";
+    }
+    static std::string failureLines() {
+        return "empSendEventInquiryMsgFailureToRequestor(): This Inquiry Message is from Local Blade.\n"
+               "empSendEventInquiryMsgFailureToRequestor(): Send out a MMSG from the Event Manager to Requestor.\n"
+               "<MMSG>\n";
+    }
+};
+
+// --- What all types share ------------------------------------------------------------------------
+
+TEST_F(Inquiry, ResponseIsIgnored) {
+    for (unsigned cont : {0x40U, 0xC0U, 0xFFU}) {
+        EXPECT_EQ(
+            ask(localMessage(2, inquiryBody(EXACT, 104), 29, cont)),
+            "empRcvEventInquiryMsg(): Response Message for Event Inquiry Test Message from Event Manager. Do nothing and return.\n\n");
+    }
+    EXPECT_TRUE(bench.sends.empty());
+    EXPECT_EQ(empControl.mmsgEventInquiryMsgInvalid, 0U);
+}
+
+TEST_F(Inquiry, UnknownTypeIsCountedAfterTheHeaderAndGetsNoReply) {
+    for (U32_t type : {0U, 6U, 0x0103U, 0xFFFFFFFFU}) {
+        EXPECT_EQ(ask(type, 104),
+                  "empRcvEventInquiryMsg(): Current File Position is at [555]\n"
+                  "empRcvEventInquiryMsg(): This Inquiry Message is from Local Blade.\n");
+    }
+    EXPECT_EQ(empControl.mmsgEventInquiryMsgInvalid, 4U);
+    EXPECT_TRUE(bench.sends.empty());
+}
+
+TEST_F(Inquiry, HeaderOnlyMessageIsOfTypeZero) {
+    ask(localMessage(2, {}));
+    EXPECT_EQ(empControl.mmsgEventInquiryMsgInvalid, 1U);
+    EXPECT_TRUE(bench.sends.empty());
+}
+
+TEST_F(Inquiry, ReplyIsTheEventBehindTheRequestorsHeader) {
+    ask(EXACT, 104);
+    EXPECT_THAT(replies(), ElementsAre(answer(104)));
+    EXPECT_EQ(bench.sends[0].flags, 0);
+    EXPECT_THAT(bench.printedMmsgs, ElementsAre(answer(104)));
+    EXPECT_EQ(empControl.mmsgEventResponseMsgSendSuccess, 1U);
+    EXPECT_EQ(empControl.mmsgEventResponseMsgSendFail, 0U);
+    EXPECT_EQ(filePosition(), 555);
+}
+
+TEST_F(Inquiry, RequestorOfTheOtherBladeIsInTheOtherBitmap) {
+    EXPECT_THAT(ask(localMessage(2, inquiryBody(EXACT, 104), 33, 0x80, 9)),
+                HasSubstr("empRcvEventInquiryMsg(): This Inquiry Message is from Other Blade.\n"));
+    EXPECT_THAT(replies(), ElementsAre(replyHeader(2, 256, 1, 33, 9, 3, 2) + eventHeader(104, 40) +
+                                       dataOf(104)));
+    ask(localMessage(2, inquiryBody(EXACT, 1), 33, 0xBF, 9));
+    EXPECT_EQ(slice(replies()[1], 0, 64), replyHeader(2, 216, 2, 33, 9, 3, 2));
+}
+
+TEST_F(Inquiry, RequestorsFrom64OnGetTheirReplyWithoutABit) {
+    ask(localMessage(2, inquiryBody(EXACT, 104), 200));
+    EXPECT_THAT(replies(), ElementsAre(replyHeader(2, 256, 1, 200, 0x12345678, -1) +
+                                       eventHeader(104, 40) + dataOf(104)));
+}
+
+TEST_F(Inquiry, EventWithoutDataIs216BytesAndTheLargest4064) {
+    store(104, 3000);
+    EXPECT_EQ(replyTo(EXACT, 104), replyHeader(2, 216, 1) + eventHeader(104, 0));
+    store(104, 3000, counting(3848));
+    EXPECT_EQ(replyTo(EXACT, 104),
+              replyHeader(2, 4064, 1) + eventHeader(104, 3848) + counting(3848));
+}
+
+TEST_F(Inquiry, FailureReplyEchoesTheQuestion) {
+    EXPECT_EQ(ask(localMessage(2, inquiryBody(EXACT, 0xFEDCBA98, "ENC-9", "BLADE-9", 9, 11))),
+              beginning(EXACT, 0xFEDCBA98) + failureLines());
+    EXPECT_THAT(replies(), ElementsAre(failure(0xFEDCBA98, "ENC-9", "BLADE-9", 9, 11)));
+    EXPECT_EQ(empControl.mmsgEventResponseMsgSendFail, 1U);
+    EXPECT_EQ(empControl.mmsgEventResponseMsgSendSuccess, 0U);
+}
+
+TEST_F(Inquiry, IdsWithoutANulAreComparedOver64Bytes) {
+    const std::string full(64, 'E');
+    memset(empControl.empEnclosureId, 'E', 64);
+    memset(empControl.empBladeId, 'B', 64);
+    ask(localMessage(2, inquiryBody(EXACT, 104, full, std::string(64, 'B'))));
+    EXPECT_EQ(empControl.mmsgEventResponseMsgSendSuccess, 1U);
+    std::string other = full;
+    other[63] = 'F';
+    EXPECT_THAT(ask(localMessage(2, inquiryBody(NEXT, 104, other, std::string(64, 'B')))),
+                HasSubstr("empRcvEventInquiryMsg(): empEnclosureId = [" + full +
+                          "]\n"
+                          "empRcvEventInquiryMsg(): evEnclosureId = [" +
+                          other + "]\n"));
+    EXPECT_EQ(empControl.mmsgEventResponseMsgSendFail, 1U);
+}
+
+// --- FIRST ---------------------------------------------------------------------------------------
+
+TEST_F(Inquiry, FirstIsTheOldest) {
+    EXPECT_EQ(
+        ask(FIRST, 7),
+        beginning(FIRST, 7) +
+            "empRcvEventInquiryMsg(): empStartSequenceId = [100], Read Event Entry at evOffset = [0].\n"
+            "empRcvEventInquiryMsg(): Read [160] bytes of Event Record to temp place.\n"
+            "empRcvEventInquiryMsg(): Read [40] bytes of Event Structur into Event Log Message.\n" +
+            ending());
+    EXPECT_THAT(replies(), ElementsAre(answer(100)));
+}
+
+TEST_F(Inquiry, FirstAsksTheArchiverBeforeTheLogEvenForThisBlade) {
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    EXPECT_EQ(ask(FIRST, 7), beginning(FIRST, 7));
+    EXPECT_TRUE(replies().empty());
+    EXPECT_EQ(relayed().size(), 1U);
+    // Refused there, it is answered here.
+    empControl.responsePendingListCount = 64;
+    EXPECT_EQ(replyTo(FIRST, 7), answer(100));
+}
+
+TEST_F(Inquiry, FirstOfNoEnclosureIsAnsweredHereAtOnce) {
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    ask(localMessage(2, inquiryBody(FIRST, 7, "", "X", 99, 99)));
+    EXPECT_THAT(replies(), ElementsAre(answer(100)));
+    EXPECT_TRUE(relayed().empty());
+}
+
+TEST_F(Inquiry, FirstComparesOnlyEnclosureAndSlot) {
+    ask(localMessage(2, inquiryBody(FIRST, 7, ENCLOSURE, "X", SLOT, 99)));
+    EXPECT_THAT(replies(), ElementsAre(answer(100)));
+    bench.sends.clear();
+    ask(localMessage(2, inquiryBody(FIRST, 7, "ENC-2", BLADE, SLOT, INSTANCE)));
+    EXPECT_THAT(replies(), ElementsAre(failure(7, "ENC-2")));
+    bench.sends.clear();
+    ask(localMessage(2, inquiryBody(FIRST, 7, ENCLOSURE, BLADE, SLOT + 1, INSTANCE)));
+    EXPECT_THAT(replies(), ElementsAre(failure(7, ENCLOSURE, BLADE, SLOT + 1)));
+}
+
+TEST_F(Inquiry, FirstAndLastIgnoreTheFlagOfTheEntry) {
+    setRange(500, 501);
+    EXPECT_EQ(replyTo(FIRST, 0), answer(100)); // the record at offset 0
+    EXPECT_EQ(replyTo(LAST, 0), answer(100));
+}
+
+// --- NEXT ----------------------------------------------------------------------------------------
+
+TEST_F(Inquiry, NextIsTheFirstValidBehindTheId) {
+    EXPECT_EQ(ask(NEXT, 103), beginning(NEXT, 103) +
+                                  "empRcvEventInquiryMsg(): Current Entry Index = [103].\n"
+                                  "empRcvEventInquiryMsg(): Found Entry with Index = [104].\n"
+                                  "empRcvEventInquiryMsg(): Move File Position to [800].\n" +
+                                  readLines() + ending());
+    EXPECT_THAT(replies(), ElementsAre(answer(104)));
+}
+
+TEST_F(Inquiry, NextPassesOverGaps) {
+    eventEntryDatabase[104].evFlag = eventEntryDatabase[105].evFlag = 0;
+    EXPECT_EQ(replyTo(NEXT, 103), answer(106));
+}
+
+TEST_F(Inquiry, NextOfTheIdBeforeTheLogIsTheOldest) {
+    EXPECT_EQ(replyTo(NEXT, 99), answer(100));
+    EXPECT_THAT(ask(NEXT, 99), Not(HasSubstr("below the range")));
+}
+
+TEST_F(Inquiry, NextBelowTheLogIsOfferedToTheArchiverFirst) {
+    EXPECT_THAT(
+        ask(NEXT, 98),
+        StartsWith(
+            beginning(NEXT, 98) +
+            "empRcvEventInquiryMsg(): SeqId [98] in Inquiry Msg below the range for Get Next Case.\n"
+            "empRcvEventInquiryMsg(): Current Entry Index = [99].\n"));
+    EXPECT_THAT(replies(), ElementsAre(answer(100)));
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    bench.sends.clear();
+    EXPECT_THAT(ask(NEXT, 98), EndsWith("Get Next Case.\n"));
+    EXPECT_EQ(relayed().size(), 1U);
+    EXPECT_TRUE(replies().empty());
+    empControl.responsePendingListCount = 64;
+    EXPECT_EQ(replyTo(NEXT, 0), answer(100));
+}
+
+TEST_F(Inquiry, NextInALogFromZeroStartsAtTheIdItself) {
+    storeRange(0, 5);
+    EXPECT_EQ(replyTo(NEXT, 0), answer(1));
+    EXPECT_EQ(replyTo(NEXT, 3), answer(4));
+    EXPECT_THAT(ask(NEXT, 2), Not(HasSubstr("below the range")));
+}
+
+TEST_F(Inquiry, NextOfTheNewestIsRelayedOrFails) {
+    EXPECT_EQ(replyTo(NEXT, 109), failure(109));
+    EXPECT_EQ(replyTo(NEXT, 0xFFFFFFFF), failure(0xFFFFFFFF));
+    EXPECT_EQ(replyTo(NEXT, 108), answer(109));
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    bench.sends.clear();
+    ask(NEXT, 109);
+    EXPECT_EQ(relayed().size(), 1U);
+    EXPECT_TRUE(replies().empty());
+}
+
+TEST_F(Inquiry, NextWithNothingValidExaminesTheStartingSlotLast) {
+    for (U32_t id = 100; id < 110; id++) {
+        eventEntryDatabase[id].evFlag = 0;
+    }
+    EXPECT_THAT(
+        ask(NEXT, 103),
+        EndsWith(
+            "empRcvEventInquiryMsg(): Reach the bottom. Start searching from the top.\n"
+            "empRcvEventInquiryMsg(): Can not find the next valid Entry after Sequence ID [103]?n" +
+            // the stamp of the next line follows at once
+            failureLines()));
+    EXPECT_THAT(replies(), ElementsAre(failure(103)));
+    eventEntryDatabase[103].evFlag = 1;
+    EXPECT_THAT(ask(NEXT, 103), HasSubstr("Found Entry with Index = [103]."));
+}
+
+TEST_F(Inquiry, NextGoesRoundTheEndOfTheIndex) {
+    store(19'999, 4000, dataOf(19'999));
+    store(20'000, 4200, dataOf(20'000));
+    setRange(19'999, 20'001);
+    EXPECT_THAT(
+        ask(NEXT, 19'999),
+        HasSubstr("empRcvEventInquiryMsg(): Current Entry Index = [9999].\n"
+                  "empRcvEventInquiryMsg(): Reach the bottom. Start searching from the top.\n"
+                  "empRcvEventInquiryMsg(): Found Entry with Index = [0].\n"));
+    EXPECT_THAT(replies(), ElementsAre(answer(20'000)));
+}
+
+TEST_F(Inquiry, NextDoesNotCompareTheRecordsId) {
+    store(5, 4000, dataOf(5));
+    eventEntryDatabase[104].evOffset = 4000;
+    EXPECT_EQ(replyTo(NEXT, 103), answer(5));
+}
+
+TEST_F(Inquiry, NextAboutAnotherBladeTellsWhy) {
+    struct Case {
+        Bytes body;
+        std::string lines;
+    };
+    const std::string instance =
+        "empRcvEventInquiryMsg(): empInstanceNumbe [5] != evInstanceNumber [6]\n";
+    const std::string enclosure = "empRcvEventInquiryMsg(): empEnclosureId = [ENC-1]\n"
+                                  "empRcvEventInquiryMsg(): evEnclosureId = [ENC-2]\n";
+    const std::string blade = "empRcvEventInquiryMsg(): empBladeId = [BLADE-1]\n"
+                              "empRcvEventInquiryMsg(): evBladeId = [BLADE-2]\n";
+    const std::string slot = "empRcvEventInquiryMsg(): empSlotId [3] != evSlotId [4]\n";
+    for (const Case& test : {
+             Case{inquiryBody(NEXT, 1, "ENC-2", BLADE, SLOT, INSTANCE), enclosure},
+             Case{inquiryBody(NEXT, 1, "ENC-2", "BLADE-2", 4, 6), enclosure + instance},
+             Case{inquiryBody(NEXT, 1, ENCLOSURE, "BLADE-2", SLOT, INSTANCE), blade},
+             Case{inquiryBody(NEXT, 1, ENCLOSURE, "BLADE-2", SLOT, 6), blade + instance},
+             Case{inquiryBody(NEXT, 1, ENCLOSURE, "BLADE-2", 4, INSTANCE), slot},
+             Case{inquiryBody(NEXT, 1, ENCLOSURE, BLADE, 4, 6), slot + instance},
+             Case{inquiryBody(NEXT, 1, ENCLOSURE, BLADE, SLOT, 6), instance},
+         }) {
+        EXPECT_EQ(ask(localMessage(2, test.body)),
+                  beginning(NEXT, 1) +
+                      "empRcvEventInquiryMsg(): This Event Inquiry Message is NOT for us.\n" +
+                      test.lines + failureLines());
+    }
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    bench.sends.clear();
+    ask(localMessage(2, inquiryBody(NEXT, 1, "ENC-2")));
+    EXPECT_EQ(relayed().size(), 1U);
+    EXPECT_TRUE(replies().empty());
+}
+
+// --- EXACT ---------------------------------------------------------------------------------------
+
+TEST_F(Inquiry, ExactIsTheRecordOfTheSlot) {
+    EXPECT_EQ(ask(EXACT, 104),
+              beginning(EXACT, 104) +
+                  "empRcvEventInquiryMsg(): Found the exact valid Entry with Sequence ID [104]\n"
+                  "empRcvEventInquiryMsg(): Found Entry Offset = [800]\n" +
+                  readLines() + ending());
+    EXPECT_EQ(replyTo(EXACT, 100), answer(100));
+    EXPECT_EQ(replyTo(EXACT, 109), answer(109));
+}
+
+TEST_F(Inquiry, ExactOutsideTheLogIsRelayedOrFailsWithoutExplanation) {
+    for (U32_t id : {99U, 110U, 0U, 0xFFFFFFFFU}) {
+        EXPECT_EQ(ask(EXACT, id), beginning(EXACT, id) + failureLines());
+    }
+    EXPECT_EQ(ask(localMessage(2, inquiryBody(EXACT, 104, "ENC-2"))),
+              beginning(EXACT, 104) + failureLines());
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    bench.sends.clear();
+    ask(EXACT, 99);
+    ask(localMessage(2, inquiryBody(EXACT, 104, ENCLOSURE, BLADE, SLOT, INSTANCE + 1)));
+    EXPECT_EQ(relayed().size(), 2U);
+    EXPECT_TRUE(replies().empty());
+}
+
+TEST_F(Inquiry, ExactOfAGapFailsWithoutAskingTheArchiver) {
+    eventEntryDatabase[104].evFlag = 0;
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    EXPECT_EQ(
+        ask(EXACT, 104),
+        beginning(EXACT, 104) +
+            "empRcvEventInquiryMsg(): Can not find the exact valid Entry with Sequence ID [104]?n" +
+            failureLines());
+    EXPECT_TRUE(relayed().empty());
+}
+
+TEST_F(Inquiry, ExactDoesNotCompareTheRecordsId) {
+    store(5, 4000, dataOf(5));
+    eventEntryDatabase[104].evOffset = 4000;
+    EXPECT_EQ(replyTo(EXACT, 104), answer(5));
+}
+
+// --- PREVIOUS ------------------------------------------------------------------------------------
+
+TEST_F(Inquiry, PreviousIsTheLastValidBeforeTheId) {
+    EXPECT_EQ(ask(PREVIOUS, 104), beginning(PREVIOUS, 104) +
+                                      "empRcvEventInquiryMsg(): Current Entry Index = [104].\n"
+                                      "empRcvEventInquiryMsg(): New Entry Index = [103].\n"
+                                      "empRcvEventInquiryMsg(): Found Entry with Index = [103].\n"
+                                      "empRcvEventInquiryMsg(): Move File Position to [600].\n" +
+                                      readLines() + ending());
+    EXPECT_THAT(replies(), ElementsAre(answer(103)));
+    EXPECT_EQ(replyTo(PREVIOUS, 101), answer(100));
+}
+
+TEST_F(Inquiry, PreviousOfTheOldestIsRelayedOrFails) {
+    EXPECT_EQ(replyTo(PREVIOUS, 100), failure(100));
+    EXPECT_EQ(replyTo(PREVIOUS, 0), failure(0));
+    bench.sends.clear();
+    EXPECT_EQ(ask(localMessage(2, inquiryBody(PREVIOUS, 104, "ENC-2"))),
+              beginning(PREVIOUS, 104) + failureLines());
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    bench.sends.clear();
+    ask(PREVIOUS, 100);
+    EXPECT_EQ(relayed().size(), 1U);
+    EXPECT_TRUE(replies().empty());
+}
+
+TEST_F(Inquiry, PreviousOfTheNextIdStartsThereWithoutTheArchiver) {
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    EXPECT_EQ(replyTo(PREVIOUS, 110), answer(109));
+    EXPECT_TRUE(relayed().empty());
+}
+
+TEST_F(Inquiry, PreviousBeyondTheLogIsTheNewestAfterTheArchiverWasAsked) {
+    EXPECT_EQ(replyTo(PREVIOUS, 111), answer(109));
+    EXPECT_EQ(replyTo(PREVIOUS, 0xFFFFFFFF), answer(109));
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    bench.sends.clear();
+    ask(PREVIOUS, 111);
+    EXPECT_EQ(relayed().size(), 1U);
+    EXPECT_TRUE(replies().empty());
+    empControl.responsePendingListCount = 64;
+    EXPECT_EQ(replyTo(PREVIOUS, 111), answer(109));
+}
+
+TEST_F(Inquiry, PreviousWithTheLargestNextIdTakesEveryIdForBeyond) {
+    // The next id plus one wraps to 0.
+    storeRange(0xFFFFFFFA, 0xFFFFFFFF);
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    ask(PREVIOUS, 0xFFFFFFFC);
+    EXPECT_EQ(relayed().size(), 1U);
+    empControl.responsePendingListCount = 64;
+    EXPECT_EQ(replyTo(PREVIOUS, 0xFFFFFFFC), answer(0xFFFFFFFE));
+}
+
+TEST_F(Inquiry, PreviousThroughTheTopExaminesTheSpareEntry) {
+    store(9'999, 4000, dataOf(9'999));
+    store(10'000, 4200, dataOf(10'000));
+    eventEntryDatabase[0].evFlag = 0;
+    setRange(9'999, 10'003);
+    EXPECT_THAT(
+        ask(PREVIOUS, 10'001),
+        HasSubstr("empRcvEventInquiryMsg(): Current Entry Index = [1].\n"
+                  "empRcvEventInquiryMsg(): New Entry Index = [0].\n"
+                  "empRcvEventInquiryMsg(): New Entry Index = [-1].\n"
+                  "empRcvEventInquiryMsg(): Reach the top. Start searching from the bottom.\n"
+                  "empRcvEventInquiryMsg(): New Entry Index = [9999].\n"
+                  "empRcvEventInquiryMsg(): Found Entry with Index = [9999].\n"));
+    EXPECT_THAT(replies(), ElementsAre(answer(9'999)));
+}
+
+TEST_F(Inquiry, PreviousSearchesTenThousandStepsOneOfThemInVain) {
+    for (U32_t id = 100; id < 110; id++) {
+        eventEntryDatabase[id].evFlag = 0;
+    }
+    // From 104 down: 104 steps to slot 0, one for the spare entry, and 9895 down to slot 105.
+    eventEntryDatabase[104].evFlag = 1;
+    std::string lines = ask(PREVIOUS, 104);
+    EXPECT_THAT(
+        lines,
+        EndsWith(
+            "empRcvEventInquiryMsg(): New Entry Index = [105].\n"
+            "empRcvEventInquiryMsg(): New Entry Index = [104].\n"
+            "empRcvEventInquiryMsg(): Can not find the previous valid Entry before Sequence ID [104]?n" +
+            failureLines()));
+    EXPECT_THAT(replies(), ElementsAre(failure(104)));
+    eventEntryDatabase[105].evFlag = 1;
+    EXPECT_THAT(ask(PREVIOUS, 104), HasSubstr("Found Entry with Index = [105]."));
+}
+
+// --- LAST ----------------------------------------------------------------------------------------
+
+TEST_F(Inquiry, LastIsTheNewest) {
+    EXPECT_EQ(ask(LAST, 7), beginning(LAST, 7) +
+                                "empRcvEventInquiryMsg(): Move File Position to [1800].\n" +
+                                readLines() + ending());
+    EXPECT_THAT(replies(), ElementsAre(answer(109)));
+}
+
+TEST_F(Inquiry, LastOfNoEnclosureOrThisBladeIsAnsweredHereThoughAnArchiverIsThere) {
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    ask(localMessage(2, inquiryBody(LAST, 7, "", "X", 99, 99)));
+    ask(LAST, 7);
+    EXPECT_THAT(replies(), ElementsAre(answer(109), answer(109)));
+    EXPECT_TRUE(relayed().empty());
+}
+
+TEST_F(Inquiry, LastNeedsAFullMatchOtherwise) {
+    for (const Bytes& body : {inquiryBody(LAST, 7, "ENC-2"), inquiryBody(LAST, 7, ENCLOSURE, "X"),
+                              inquiryBody(LAST, 7, ENCLOSURE, BLADE, 99),
+                              inquiryBody(LAST, 7, ENCLOSURE, BLADE, SLOT, 99)}) {
+        EXPECT_EQ(ask(localMessage(2, body)), beginning(LAST, 7) + failureLines());
+    }
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    bench.sends.clear();
+    ask(localMessage(2, inquiryBody(LAST, 7, "ENC-2")));
+    EXPECT_EQ(relayed().size(), 1U);
+}
+
+TEST_F(Inquiry, LastWithANextIdOfZeroLooksAtTheSlotOfTheLargestId) {
+    store(0xFFFFFFFF, 4000, dataOf(0xFFFFFFFF));
+    setRange(100, 0);
+    EXPECT_EQ(replyTo(LAST, 0), answer(0xFFFFFFFF));
+}
+
+// --- Bug-checks ----------------------------------------------------------------------------------
+
+struct Sites {
+    U32_t type;
+    int seek;
+    int record;
+    int signature;
+    int data;
+    const char* seekText;
+    const char* signatureText;
+};
+
+constexpr char SEEK_FUNCTION[] = "Linux lseek function fails for Event Log File!";
+constexpr char SEEK_CALL[] = "Linux lseek function call fails!";
+constexpr char READ[] = "Linux read function fails for Event Log File!";
+constexpr char INVALID[] = "Start points to invalid Event Entry?";
+
+const Sites allSites[] = {
+    {FIRST, 5706, 5723, 5738, 5758, SEEK_FUNCTION,
+     "empStartSequenceId = [100] points to invalid Event Entry?"},
+    {NEXT, 6032, 6049, 6065, 6083, SEEK_CALL, INVALID},
+    {EXACT, 6184, 6202, 6210, 6227, SEEK_FUNCTION, INVALID},
+    {PREVIOUS, 6469, 6485, 6501, 6519, SEEK_CALL, INVALID},
+    {LAST, 6625, 6642, 6657, 6675, SEEK_CALL, INVALID},
+};
+
+class InquiryBugCheck : public Inquiry {
+  protected:
+    void expectBugCheck(U32_t type, int line, const std::string& message) {
+        BugCheck bugCheck = bugCheckOf(
+            [&] { empRcvEventInquiryMsg(received(localMessage(2, inquiryBody(type, 104)))); });
+        EXPECT_EQ(bugCheck.file, "empmain");
+        EXPECT_EQ(bugCheck.line, line);
+        EXPECT_EQ(bugCheck.function, "empRcvEventInquiryMsg");
+        EXPECT_EQ(bugCheck.message, message);
+    }
+    /** Offset of the record that answers a question about 104. */
+    static U32_t offsetFor(U32_t type) {
+        constexpr U32_t offsets[] = {0, 0, 1000, 800, 600, 1800};
+        return offsets[type];
+    }
+};
+
+TEST_F(InquiryBugCheck, SavingThePosition) {
+    bench.failSeek = 1;
+    expectBugCheck(EXACT, 5600, SEEK_FUNCTION);
+    EXPECT_EQ(output, "");
+}
+
+TEST_F(InquiryBugCheck, Seeking) {
+    for (const Sites& sites : allSites) {
+        bench.failSeek = 2;
+        expectBugCheck(sites.type, sites.seek, sites.seekText);
+    }
+}
+
+TEST_F(InquiryBugCheck, ReadingTheRecord) {
+    for (const Sites& sites : allSites) {
+        bench.failRead = 1;
+        bench.shortRead = 6;
+        expectBugCheck(sites.type, sites.record, READ);
+        EXPECT_THAT(output, EndsWith("place.\nB68F0100 C1C2\n"));
+    }
+}
+
+TEST_F(InquiryBugCheck, SignatureIsDumpedExceptForExact) {
+    for (const Sites& sites : allSites) {
+        const U8_t bad = 0xB7;
+        ASSERT_EQ(pwrite(empControl.eventLogFileFd, &bad, 1, offsetFor(sites.type)), 1);
+        expectBugCheck(sites.type, sites.signature, sites.signatureText);
+        if (sites.type == EXACT) {
+            EXPECT_THAT(output, EndsWith("place.\n"));
+        } else {
+            EXPECT_THAT(output, HasSubstr("place.\nB78F0100 C1C2C3C4 454E432D 31"));
+        }
+    }
+}
+
+TEST_F(InquiryBugCheck, ReadingTheData) {
+    for (const Sites& sites : allSites) {
+        bench.failRead = 2;
+        bench.shortRead = 0;
+        expectBugCheck(sites.type, sites.data, READ);
+        EXPECT_THAT(output, EndsWith(".\n\n"));
+    }
+}
+
+TEST_F(InquiryBugCheck, OverlongRecordIsDumpedAndTakesTheDataReadsSite) {
+    for (const Sites& sites : allSites) {
+        const U8_t length[] = {0x0F, 0x09}; // 3849
+        ASSERT_EQ(pwrite(empControl.eventLogFileFd, length, 2, offsetFor(sites.type) + 152), 2);
+        expectBugCheck(sites.type, sites.data, READ);
+        EXPECT_THAT(output, HasSubstr("[3849] bytes of Event Struct"));
+        EXPECT_THAT(output, HasSubstr(".\nB68F0100 C1C2C3C4 454E432D 31"));
+        EXPECT_TRUE(bench.sends.empty());
+    }
+}
+
+TEST_F(InquiryBugCheck, ShortReply) {
+    bench.msmTakes = {4};
+    expectBugCheck(EXACT, 6740, "Linux send function fails, sendSize = [4] is wrong");
+    EXPECT_THAT(output, EndsWith("<MMSG>\n00000000 \n"));
+    EXPECT_EQ(empControl.mmsgEventResponseMsgSendSuccess, 1U);
+}
+
+TEST_F(InquiryBugCheck, RestoringThePosition) {
+    bench.failSeek = 3;
+    expectBugCheck(EXACT, 6750, SEEK_FUNCTION);
+    EXPECT_EQ(bench.sends.size(), 1U);
+}
+
+TEST_F(InquiryBugCheck, ShortFailureReply) {
+    bench.msmTakes = {-1};
+    BugCheck bugCheck =
+        bugCheckOf([] { empRcvEventInquiryMsg(received(localMessage(2, inquiryBody(EXACT, 1)))); });
+    EXPECT_EQ(bugCheck.line, 5557);
+    EXPECT_EQ(bugCheck.function, "empSendEventInquiryMsgFailureToRequestor");
+    EXPECT_EQ(bugCheck.message, "Linux send function fails, sendSize = [-1] is wrong");
+    EXPECT_THAT(output, EndsWith("<MMSG>\n\n"));
+    EXPECT_EQ(empControl.mmsgEventResponseMsgSendFail, 1U);
+}
+
+} // namespace
