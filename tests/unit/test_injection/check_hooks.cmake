@@ -1,0 +1,10 @@
+# Fails unless the functions that only a debugger calls are defined in PROGRAM.
+execute_process(COMMAND ${NM} -C ${PROGRAM} OUTPUT_VARIABLE symbols RESULT_VARIABLE result)
+if(NOT result EQUAL 0)
+    message(FATAL_ERROR "${NM} cannot read ${PROGRAM}")
+endif()
+foreach(hook empTestMsg empTestAlternateEventLog empEvRecordPrint)
+    if(NOT symbols MATCHES " T ${hook}\\(")
+        message(FATAL_ERROR "${hook} is not in ${PROGRAM}")
+    endif()
+endforeach()
