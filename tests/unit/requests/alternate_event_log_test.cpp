@@ -84,15 +84,14 @@ class AlternateEventLog : public EmpTest {
         return outputOf([mmsg] { empRcvAlternateEventLogMsg(mmsg); });
     }
     void expectRejected(const Bytes& bytes, const std::string& lines) const {
-        static EmpControl_t before;
         std::string file = log();
         MMSG_t* mmsg = place(bytes);
-        memcpy(static_cast<void*>(&before), &empControl, sizeof(before));
+        Bytes before = bytesAt(&empControl, sizeof(empControl));
         std::string output = outputOf([mmsg] { empRcvAlternateEventLogMsg(mmsg); });
         EXPECT_EQ(output.find(stamped(lines + "MMCH protocol            = [8]\n")), 0U) << output;
         EXPECT_NE(output.find(STAMP "< This is an Alternate Event LOG Message\n"),
                   std::string::npos);
-        EXPECT_EQ(memcmp(&before, &empControl, sizeof(before)), 0) << "no id, no counter";
+        EXPECT_TRUE(bytesAt(&empControl, sizeof(empControl)) == before) << "no id, no counter";
         EXPECT_EQ(log(), file);
         EXPECT_FALSE(msmHasData()) << "no reply, no copy";
     }

@@ -67,9 +67,8 @@ extern "C" DIR* __wrap_opendir(const char* name) {
 extern "C" struct dirent* __real_readdir64(DIR* directory);
 extern "C" struct dirent* __wrap_readdir64(DIR* directory) {
     if (listed.empty()) {
-        listed.reserve(64);
         while (const struct dirent* found = __real_readdir64(directory)) {
-            listed.push_back(*found);
+            listed.insert(listed.end(), *found);
         }
         std::sort(listed.begin(), listed.end(), [](const auto& left, const auto& right) {
             int order = strcmp(left.d_name, right.d_name);

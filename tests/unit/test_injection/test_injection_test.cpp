@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <numeric>
 #include <sys/socket.h>
 
 using namespace support;
@@ -70,10 +71,8 @@ class TestInjection : public EmpTest {
     }
 
     static Bytes countingBytes() {
-        Bytes bytes;
-        for (int i = 0; i < 50; i++) {
-            bytes.push_back(static_cast<U8_t>(i));
-        }
+        Bytes bytes(50);
+        std::iota(bytes.begin(), bytes.end(), U8_t{0});
         return bytes;
     }
 
@@ -143,7 +142,7 @@ TEST_F(TestInjection, AlternateEventBecomesAFile) {
     EXPECT_EQ(empTestAlternateEventLog(), 0);
     std::vector<fs::path> files;
     for (const auto& entry : fs::directory_iterator(directory_.file("aelfiles"))) {
-        files.push_back(entry.path());
+        files.insert(files.end(), entry.path());
     }
     ASSERT_EQ(files.size(), 1U);
     std::string file = readFile(files[0]);
