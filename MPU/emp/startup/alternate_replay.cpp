@@ -37,7 +37,7 @@ struct FilePath_t {
 
 FilePath_t pathOf(const char* name) {
     FilePath_t path;
-    snprintf(path.text, sizeof(path.text), "%s/%s", directoryPath, name);
+    snprintf(path.text, sizeof(path.text), "%s/%.*s", directoryPath, NAME_MAX, name);
     return path;
 }
 
@@ -106,7 +106,7 @@ EmpAelFileNameEntry_t* newEntry(const char* name, const FilePath_t& path,
     if (entry == nullptr) {
         return nullptr;
     }
-    snprintf(entry->name, sizeof(entry->name), "%s", name);
+    snprintf(entry->name, sizeof(entry->name), "%.*s", NAME_MAX, name);
     memcpy(entry->aelFileName, path.text, strnlen(path.text, sizeof(entry->aelFileName) - 1));
     entry->mtime = static_cast<S32_t>(status.st_mtime);
     empDebugLine("empProcessAlternateEventLogFile(): AEL File [%s], st_mtime = [%d].\n",

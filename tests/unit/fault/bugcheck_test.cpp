@@ -108,7 +108,7 @@ std::string indexDump() {
         text += STAMP;
         text += i == 0 ? "01000000 " : i == 1 ? "011869A0 " : i == 9999 ? "00ABCDEF " : "00000000 ";
         if ((i + 1) % 128 == 0) {
-            text += "\n[" + std::to_string(i + 1) + "]\n";
+            text.append("\n[").append(std::to_string(i + 1)).append("]\n");
         } else if ((i + 1) % 16 == 0) {
             text += "\n";
         }
@@ -186,7 +186,7 @@ TEST_F(BugCheck, PrintsTheWholeReport) {
 TEST_F(BugCheck, FirstAndLastLineOfTheBoxAreEquallyLong) {
     std::string out = bugCheck().output;
     EXPECT_EQ(out.find('\n'), strlen(STAMP) + 59);
-    EXPECT_NE(out.find("\n" + std::string(59, '*') + "\n"), std::string::npos);
+    EXPECT_NE(out.find(std::string("\n").append(59, '*').append("\n")), std::string::npos);
 }
 
 TEST_F(BugCheck, NearTheStartTheSecondDumpBeginsAtZero) {
@@ -334,7 +334,7 @@ TEST_F(BugCheck, MessageOf1024BytesIsCut) {
     std::string text(5000, 'm');
     ChildEnd result = endOf([&] { EMP_BUGCHECK(EMP_HERE_IN("f"), "%s", text.c_str()); });
     EXPECT_EQ(result.signal, SIGABRT);
-    EXPECT_NE(result.output.find("| Message:   " + std::string(1023, 'm') + "\n***"),
+    EXPECT_NE(result.output.find(std::string("| Message:   ").append(1023, 'm') + "\n***"),
               std::string::npos);
     EXPECT_EQ(written->count, 24);
 }
