@@ -35,6 +35,8 @@ class Log {
     void restart();
     /** Walks the file. @return true when it was damaged and has been started again */
     bool scan();
+    /** Searches from @p from on; @p gap is untouched when there is nothing. */
+    bool find(uint32_t from, uint32_t& gap);
     /** Stores an event that takes the next id. */
     void append(const Bytes& body, uint8_t source, uint16_t evId);
 
@@ -82,7 +84,6 @@ class Log {
     static Header parse(const Bytes& header);
     void toWorkSpace(size_t offset, const Bytes& bytes);
 
-    bool find(uint32_t from, uint32_t& gap);
     bool findOnce(uint32_t from, uint32_t& gap, bool& over);
     static bool isPlausible(const Header& header);
     bool isSound(const Header& header, bool& cut);

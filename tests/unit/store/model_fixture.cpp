@@ -30,6 +30,14 @@ std::string ModelTest::scanBoth(const logimage::Image& image) {
     return restartBoth();
 }
 
+void ModelTest::openImage(const logimage::Image& image) {
+    putImage(image);
+    restart();
+    model.file = image.bytes;
+    model.restart();
+    empControl.eventLogFileFd = open(logPath.c_str(), O_RDWR);
+}
+
 std::string ModelTest::restartBoth() {
     restart();
     model.debugPath = debugPath;

@@ -18,11 +18,16 @@ class ModelTest : public StoreTest {
 
     /** Scans an image with both. @return the text of the bug-check that both end in, or "" */
     std::string scanBoth(const logimage::Image& image);
+    /** Opens an image in both without the scan. */
+    void openImage(const logimage::Image& image);
     /** A new start of both on the file as it is. */
     std::string restartBoth();
     /** Appends an event with both. @return as scanBoth() */
     std::string appendBoth(size_t size, uint8_t source = 17, uint16_t evId = 7);
     std::string appendBodyBoth(const logimage::Bytes& body, uint8_t source = 17, uint16_t evId = 7);
+
+    /** One step of both, compared. @return as scanBoth() */
+    std::string both(const std::function<void()>& product, const std::function<void()>& modelled);
 
     /** Gives empDebug this value at each start: 0 makes long series faster. */
     void debugLines(bool on) { debugLines_ = on; }
@@ -34,7 +39,6 @@ class ModelTest : public StoreTest {
     std::string where{};        ///< said with every difference
 
   private:
-    std::string both(const std::function<void()>& product, const std::function<void()>& modelled);
     void expectSame(const std::string& bugCheck);
     void expectSameFile(const std::string& path, const logimage::Bytes& wanted);
 

@@ -218,6 +218,31 @@ TEST_P(RandomDamage, IsJudgedAlike) {
     EXPECT_GT(started, 0U);
 }
 
+TEST_P(RandomDamage, IsSearchedAlike) {
+    for (int round = 0; round < 150; round++) {
+        where = "round " + std::to_string(round);
+        Image image = smallImage();
+        for (uint32_t i = 1 + below(12); i > 0 && image.size() > 0; i--) {
+            damage(image);
+        }
+        openImage(image);
+        uint32_t from = below(image.size() + 2);
+        uint32_t gap = 12'345;
+        uint32_t wanted = 12'345;
+        EMP_CODE_e result = EMP_E_OK;
+        std::string bugCheck = both([&] { result = empFindValidEventEntry(from, &gap); },
+                                    [&] { model.find(from, wanted); });
+        EXPECT_EQ(gap, wanted) << where;
+        if (bugCheck.empty()) {
+            EXPECT_EQ(result == EMP_E_OK, wanted != 12'345) << where;
+            EXPECT_TRUE(std::equal(eventEntryWorkSpace, eventEntryWorkSpace + 4064,
+                                   model.workSpace.begin()))
+                << where;
+        }
+        ASSERT_FALSE(HasFailure()) << where;
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Seeds, RandomDamage, testing::Range(1U, 5U));
 
 } // namespace

@@ -175,6 +175,7 @@ void StoreTest::appendBody(const logimage::Bytes& body, uint8_t source, uint16_t
     }
     record.source = source;
     record.evId = evId;
+    record.time = hooks::state.clock != 0 ? hooks::state.clock : logimage::TIME;
     logimage::Bytes entry = logimage::encode(record);
     // Behind the 64 bytes of the message header come the record's bytes from 8 on.
     static logimage::Bytes message;
