@@ -230,15 +230,15 @@ void put16(Bytes& bytes, size_t offset, uint16_t value) {
     bytes.at(offset + 1) = static_cast<uint8_t>(value & 0xFF);
 }
 
-Bytes slice(const Bytes& bytes, size_t offset, size_t length) {
-    size_t begin = std::min(offset, bytes.size());
-    size_t end = std::min(offset + length, bytes.size());
+Bytes slice(const Bytes& bytes, uint64_t offset, uint64_t length) {
+    uint64_t begin = std::min<uint64_t>(offset, bytes.size());
+    uint64_t end = std::min<uint64_t>(offset + length, bytes.size());
     return {bytes.begin() + static_cast<std::ptrdiff_t>(begin),
             bytes.begin() + static_cast<std::ptrdiff_t>(end)};
 }
 
-Bytes zeros(size_t count) {
-    Bytes result(count, 0);
+Bytes zeros(uint64_t count) {
+    Bytes result(static_cast<size_t>(count), 0);
     return result;
 }
 

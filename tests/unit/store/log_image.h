@@ -121,9 +121,9 @@ void put32(Bytes& bytes, size_t offset, uint32_t value);
 void put16(Bytes& bytes, size_t offset, uint16_t value);
 
 /** Part of a file; what lies behind its end is missing from the result. */
-Bytes slice(const Bytes& bytes, size_t offset, size_t length);
+Bytes slice(const Bytes& bytes, uint64_t offset, uint64_t length);
 
-Bytes zeros(size_t count);
+Bytes zeros(uint64_t count);
 
 /** The bytes of hexadecimal digits. */
 Bytes hex(const std::string& digits);

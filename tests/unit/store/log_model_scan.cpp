@@ -48,7 +48,7 @@ void Log::writeFile(const Bytes& bytes) {
         return;
     }
     if (file.size() < position + bytes.size()) {
-        file.resize(position + bytes.size(), 0);
+        file.resize(static_cast<size_t>(position + bytes.size()), 0);
     }
     std::copy(bytes.begin(), bytes.end(), file.begin() + static_cast<std::ptrdiff_t>(position));
     position += bytes.size();
