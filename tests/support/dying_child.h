@@ -55,12 +55,19 @@ inline ChildEnd endOf(const std::function<void()>& call) {
     return end;
 }
 
-/** What a bug-check prints behind its first line and before its line number. */
-inline std::string boxOfFunction(const std::string& function) {
-    return "********************** Critical Error *********************\n"
-           "| File:      empmain\n"
-           "| Function:  " +
-           function + "\n| Line:      ";
+/** Expects one bug-check report, with this function and message, in @p output. */
+inline void expectReport(const std::string& output, const std::string& function,
+                         const std::string& message) {
+    std::string box = "********************** Critical Error *********************\n"
+                      "| File:      empmain\n"
+                      "| Function:  " +
+                      function + "\n| Line:      ";
+    std::string text = "\n| Message:   " + message +
+                       "\n***********************************************************\n";
+    size_t at = output.find(box);
+    EXPECT_NE(at, std::string::npos) << output.substr(0, 2000);
+    EXPECT_NE(output.find(text), std::string::npos) << output.substr(0, 2000);
+    EXPECT_EQ(output.find("Critical Error", at + box.size()), std::string::npos);
 }
 
 /** Expects that @p call is the bug-check with this function and message. @return its output */
@@ -68,14 +75,7 @@ inline std::string expectBugCheck(const std::function<void()>& call, const std::
                                   const std::string& message) {
     ChildEnd end = endOf(call);
     EXPECT_EQ(end.signal, SIGABRT) << end.output.substr(0, 2000);
-    std::string box = boxOfFunction(function);
-    size_t at = end.output.find(box);
-    EXPECT_NE(at, std::string::npos) << end.output.substr(0, 2000);
-    std::string text = "\n| Message:   " + message +
-                       "\n***********************************************************\n";
-    EXPECT_NE(end.output.find(text), std::string::npos) << end.output.substr(0, 2000);
-    // One report only.
-    EXPECT_EQ(end.output.find("Critical Error", at + box.size()), std::string::npos);
+    expectReport(end.output, function, message);
     return end.output;
 }
 
