@@ -6,7 +6,6 @@
 #include <csignal>
 #include <sstream>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace support;
@@ -103,10 +102,8 @@ TEST(BladeDeath, KeptBladeStaysUpForAnEventManagerStartedByHand) {
 
 TEST(BladeDeath, SecondSignalKillsWhatDoesNotEnd) {
     TempDirectory directory;
-    std::string stubborn = directory.file("stubborn");
-    writeFile(stubborn, "#!/bin/sh\ntrap '' TERM\necho up\nwhile :; do sleep 1; done\n");
-    ASSERT_EQ(chmod(stubborn.c_str(), 0700), 0);
-    BladeUnderTest blade({"--runner", stubborn, "--msm-log", directory.file("log")});
+    BladeUnderTest blade({"--msm", standIn(), "--msm-log", directory.file("log")},
+                         {{"STANDIN", "stubborn"}});
     waitForLine(directory.file("log"), "up");
     blade.process.signal(SIGTERM);
     blade.process.waitForOutput("stopping: Terminated");
@@ -117,10 +114,8 @@ TEST(BladeDeath, SecondSignalKillsWhatDoesNotEnd) {
 
 TEST(BladeDeath, ChildThatIgnoresItsSignalIsKilledInTheEnd) {
     TempDirectory directory;
-    std::string stubborn = directory.file("stubborn");
-    writeFile(stubborn, "#!/bin/sh\ntrap '' TERM\necho up\nwhile :; do sleep 1; done\n");
-    ASSERT_EQ(chmod(stubborn.c_str(), 0700), 0);
-    BladeUnderTest blade({"--runner", stubborn, "--msm-log", directory.file("log")});
+    BladeUnderTest blade({"--msm", standIn(), "--msm-log", directory.file("log")},
+                         {{"STANDIN", "stubborn"}});
     waitForLine(directory.file("log"), "up");
     blade.process.signal(SIGTERM);
     EXPECT_EQ(blade.process.wait(), exitedWith(0));

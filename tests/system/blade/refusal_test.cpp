@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 
 using namespace support;
@@ -21,13 +22,19 @@ std::string refusal(const std::vector<std::string>& command, const std::string& 
 class BladeRefusal : public testing::Test {
   protected:
     std::string refusalOf(const std::vector<std::string>& arguments) {
-        return refusal(bladeCommand(base.path(), key.text(), arguments), base.file("refused"));
+        // A later --emp would be a second one, so the stand-in is for those who name none.
+        std::vector<std::string> all = arguments;
+        if (std::ranges::find(all, "--emp") == all.end()) {
+            all.insert(all.end(), {"--emp", standIn()});
+        }
+        return refusal(bladeCommand(base.path(), key.text(), all), base.file("refused"));
     }
     /** A parameter file of one's own, without --base. */
     std::string refusalOfFile(const std::string& content) {
         writeFile(base.file("own.conf"), content);
-        return refusal(commandOf("blade", {base.file("own.conf"), "--key", key.text()}),
-                       base.file("refused"));
+        return refusal(
+            commandOf("blade", {base.file("own.conf"), "--key", key.text(), "--emp", standIn()}),
+            base.file("refused"));
     }
 
     TempDirectory base;
@@ -85,7 +92,8 @@ TEST_F(BladeRefusal, OtherBladeNeedsABase) {
 TEST_F(BladeRefusal, KeyThatIsInUse) {
     BladeUnderTest up;
     up.waitUntilUp();
-    EXPECT_THAT(refusal(bladeCommand(base.path(), up.key.text(), {}), base.file("refused")),
+    EXPECT_THAT(refusal(bladeCommand(base.path(), up.key.text(), {"--emp", standIn()}),
+                        base.file("refused")),
                 HasSubstr("a parameter block under key " + up.key.text() + " is in use"));
     up.stop(SIGTERM, 0);
 }

@@ -1,7 +1,7 @@
 // Stands in for the event manager: standin_emp <key>. What it does comes from the environment
 // variable STANDIN: "serve" (default) sends the notice and answers every message to the Startup
 // process with its own header; "mute" connects and says nothing; "exit" ends with status 3 before
-// the notice; "abort" dies of SIGABRT at the first message after it.
+// the notice; "abort" dies of SIGABRT at the first message after it; "stubborn" ignores SIGTERM.
 
 #include "mmsg_client.h"
 #include "mpu_gbl.h"
@@ -24,7 +24,13 @@ static void describe(int key, const MPU_PARAMS_t& block) {
     fflush(stdout);
 }
 
-static void serve(MmsgClient& msm, const std::string& mode) {
+[[noreturn]] static void waitForEver() {
+    for (;;) {
+        pause();
+    }
+}
+
+[[noreturn]] static void serve(MmsgClient& msm, const std::string& mode) {
     msm.send(
         makeMmsg({.protocol = 12, .type = 1, .requestor = 27, .local = {MMSG_E_EPID_STARTUPMP}}));
     for (;;) {
@@ -43,6 +49,12 @@ static void serve(MmsgClient& msm, const std::string& mode) {
 int main(int argc, char** argv) {
     const char* environment = getenv("STANDIN");
     std::string mode = environment != nullptr ? environment : "serve";
+    if (mode == "stubborn") {
+        signal(SIGTERM, SIG_IGN);
+        puts("up");
+        fflush(stdout);
+        waitForEver();
+    }
     int key = argc == 2 ? atoi(argv[1]) : 0;
     const MPU_PARAMS_t* block = MPU_getMpuParams(key);
     if (block == nullptr) {
@@ -54,9 +66,7 @@ int main(int argc, char** argv) {
     }
     MmsgClient msm(std::string(block->mmsgDirectory) + "/eventlog");
     if (mode == "mute") {
-        for (;;) {
-            pause();
-        }
+        waitForEver();
     }
     serve(msm, mode);
 }
