@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+#include <stdexcept>
+
 #include <unistd.h>
 
 using namespace support;
@@ -36,4 +39,16 @@ void BladeUnderTest::stop(int signal, int status) {
     EXPECT_EQ(process.wait(), exitedWith(status)) << process.output() << process.errorOutput();
     EXPECT_FALSE(key.exists());
     EXPECT_NE(access(slotFile("mmsg/eventlog").c_str(), F_OK), 0);
+}
+
+pid_t childOf(pid_t parent, const std::string& word) {
+    std::string directory = "/proc/" + std::to_string(parent) + "/task/" + std::to_string(parent);
+    std::istringstream children(readFile(directory + "/children"));
+    for (pid_t child = 0; children >> child;) {
+        std::string file = "/proc/" + std::to_string(child) + "/cmdline";
+        if (readFile(file).find(word) != std::string::npos) {
+            return child;
+        }
+    }
+    throw std::runtime_error("no child with " + word);
 }

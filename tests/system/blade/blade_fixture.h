@@ -40,4 +40,7 @@ std::vector<std::string> bladeCommand(const std::string& base, const std::string
 /** Path of the stand-in. */
 std::string standIn();
 
+/** The child of @p parent whose command line contains @p word; throws when there is none. */
+pid_t childOf(pid_t parent, const std::string& word);
+
 #endif

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <sstream>
 
 #include <unistd.h>
 
@@ -47,19 +46,6 @@ TEST(BladeDeath, SilentEventManagerEndsTheBladeAfterTheTimeout) {
     EXPECT_EQ(blade.process.output(),
               "blade: emp has not said that it is initialised within 1 seconds\nblade: down\n");
     expectNothingLeft(blade);
-}
-
-/** The child of @p parent whose command line contains @p word; throws when there is none. */
-static pid_t childOf(pid_t parent, const std::string& word) {
-    std::string directory = "/proc/" + std::to_string(parent) + "/task/" + std::to_string(parent);
-    std::istringstream children(readFile(directory + "/children"));
-    for (pid_t child = 0; children >> child;) {
-        std::string file = "/proc/" + std::to_string(child) + "/cmdline";
-        if (readFile(file).find(word) != std::string::npos) {
-            return child;
-        }
-    }
-    throw std::runtime_error("no child with " + word);
 }
 
 TEST(BladeDeath, SwitchThatDiesEndsTheBlade) {
