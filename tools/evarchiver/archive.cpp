@@ -200,7 +200,7 @@ U64_t Archive::countGaps() {
     U64_t gaps = 0;
     for (const GenerationKey& generation : touched_) {
         U64_t runs = 0;
-        store_.forEachRun(generation, [&runs](const Run&) { ++runs; });
+        store_.forEachRun(generation, [&runs](const IdRun&) { ++runs; });
         gaps += runs > 0 ? runs - 1 : 0;
     }
     return gaps;

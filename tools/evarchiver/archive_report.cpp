@@ -16,19 +16,19 @@ using Json = nlohmann::ordered_json;
 struct Generation {
     GenerationInfo info;
     bool isNewest = true;
-    std::vector<Run> runs;
+    std::vector<IdRun> runs;
     std::vector<U32_t> damaged; // ids of events that do not fit their place
 
     U64_t events() const {
         U64_t events = 0;
-        for (const Run& run : runs) {
+        for (const IdRun& run : runs) {
             events += U64_t{run.last} - run.first + 1;
         }
         return events;
     }
 
-    std::vector<Run> gaps() const {
-        std::vector<Run> gaps;
+    std::vector<IdRun> gaps() const {
+        std::vector<IdRun> gaps;
         for (std::size_t i = 1; i < runs.size(); ++i) {
             gaps.push_back({runs[i - 1].last + 1, runs[i].first - 1});
         }
@@ -56,7 +56,7 @@ std::vector<Generation> readGenerations(StoreReader& store, bool withEvents) {
         Generation& generation = generations.emplace_back();
         generation.info = std::move(info);
         const GenerationKey number = generation.info.number;
-        store.forEachRun(number, [&](const Run& run) { generation.runs.push_back(run); });
+        store.forEachRun(number, [&](const IdRun& run) { generation.runs.push_back(run); });
         if (withEvents) {
             store.forEachEvent(number, [&](const StoredEvent& event) {
                 if (!fitsItsPlace(generation.info.key, event)) {
@@ -76,13 +76,13 @@ std::string timeText(S64_t seconds) {
     return {text, strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
 
-Json rangeJson(const Run& run) {
+Json rangeJson(const IdRun& run) {
     return {{"first", run.first}, {"last", run.last}};
 }
 
-Json rangesJson(const std::vector<Run>& runs) {
+Json rangesJson(const std::vector<IdRun>& runs) {
     Json list = Json::array();
-    for (const Run& run : runs) {
+    for (const IdRun& run : runs) {
         list.push_back(rangeJson(run));
     }
     return list;
@@ -119,8 +119,8 @@ void printLine(const Generation& generation, std::ostream& out) {
 U64_t printFindings(const Generation& generation, std::ostream& out) {
     const std::string name = nameOf(generation.info.key) + " generation " +
                              std::to_string(generation.info.number.generation);
-    const std::vector<Run> gaps = generation.gaps();
-    for (const Run& gap : gaps) {
+    const std::vector<IdRun> gaps = generation.gaps();
+    for (const IdRun& gap : gaps) {
         out << name << ": ids " << gap.first << " to " << gap.last << " are missing\n";
     }
     for (const U32_t id : generation.damaged) {

@@ -49,7 +49,8 @@ void addMainOptions(CLI::App& app, Options& options, std::string& listen, unsign
         ->required();
     app.add_option("--clear", options.archive.clear,
                    "Ask each blade, once, to drop from its own log what the archive holds")
-        ->transform(CLI::CheckedTransformer(CLEAR_NAMES));
+        ->transform(CLI::CheckedTransformer(CLEAR_NAMES))
+        ->option_text("all-but-newest|all");
     app.add_option("--progress", progress, "Seconds between progress lines; 0: none")
         ->capture_default_str();
 }
@@ -87,7 +88,8 @@ void addTestSwitches(CLI::App& app, Options& options, unsigned& late) {
     tests
         ->add_option("--test-answers", bad.onlyType,
                      "Which answers are late, sent twice or spoilt; default: all")
-        ->transform(CLI::CheckedTransformer(ANSWER_NAMES));
+        ->transform(CLI::CheckedTransformer(ANSWER_NAMES))
+        ->option_text("all|inquiries|status");
     tests
         ->add_option("--receive-buffer", options.receiveBuffer,
                      "Bytes of the sockets' receive buffers; default: the system's choice")

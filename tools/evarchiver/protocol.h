@@ -22,6 +22,10 @@ using View = std::span<const U8_t>;
 constexpr std::size_t HEADER_SIZE = sizeof(EmpEvArchiverMsgHeader_t);
 constexpr U16_t HEADER_VERSION = 1;
 
+/** Bytes of a header that tell a border: version, length, type, flag. Return code and handle may be
+ * anything. */
+constexpr std::size_t BORDER_SIZE = offsetof(EmpEvArchiverMsgHeader_t, evArchiverMsgReturnCode);
+
 /** Four bytes follow a status request that its header does not announce: 196 on the wire. */
 constexpr std::size_t STATUS_REQUEST_TRAILER = 4;
 constexpr std::size_t STATUS_REQUEST_SIZE =

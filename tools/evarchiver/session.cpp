@@ -13,12 +13,12 @@ Verdict Session::receive(View bytes) {
     Verdict verdict = Verdict::GO_ON;
     while (verdict == Verdict::GO_ON) {
         const View rest = View(input_).subspan(used);
+        if (hasBorderBehind(rest)) {
+            verdict = settle();
+        }
         const Judgement judgement = judgeBorder(rest);
         if (judgement.border == Border::LOST) {
             return giveUp(judgement.reason);
-        }
-        if (hasBorderBehind(rest)) {
-            verdict = settle();
         }
         if (judgement.border == Border::MORE || verdict == Verdict::CLOSE) {
             break;
@@ -40,7 +40,8 @@ Verdict Session::receive(View bytes) {
 }
 
 bool Session::hasBorderBehind(View rest) const {
-    return event_ && rest.size() >= HEADER_SIZE;
+    return event_ && rest.size() >= BORDER_SIZE &&
+           judgeBorder(rest.first(BORDER_SIZE)).border != Border::LOST;
 }
 
 Verdict Session::take(View request) {

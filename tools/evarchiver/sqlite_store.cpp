@@ -124,7 +124,7 @@ class SqliteStore final : public Store {
     std::vector<GenerationInfo> listGenerations() override;
 
     void forEachRun(const GenerationKey& generation,
-                    const std::function<void(const Run&)>& take) override;
+                    const std::function<void(const IdRun&)>& take) override;
 
     void forEachEvent(const GenerationKey& generation,
                       const std::function<void(const StoredEvent&)>& take) override {
@@ -206,9 +206,9 @@ std::vector<GenerationInfo> SqliteStore::listGenerations() {
 }
 
 void SqliteStore::forEachRun(const GenerationKey& generation,
-                             const std::function<void(const Run&)>& take) {
+                             const std::function<void(const IdRun&)>& take) {
     idsFrom_.with(generation.series, generation.generation, U32_t{0});
-    std::optional<Run> run;
+    std::optional<IdRun> run;
     while (idsFrom_.step()) {
         const U32_t id = idsFrom_.id(0);
         if (run && id == U64_t{run->last} + 1) {
@@ -218,7 +218,7 @@ void SqliteStore::forEachRun(const GenerationKey& generation,
         if (run) {
             take(*run);
         }
-        run = Run{id, id};
+        run = IdRun{id, id};
     }
     idsFrom_.reset();
     if (run) {

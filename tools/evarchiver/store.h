@@ -73,11 +73,11 @@ struct GenerationInfo {
 };
 
 /** Ids without a hole, both ends included. */
-struct Run {
+struct IdRun {
     U32_t first = 0;
     U32_t last = 0;
 
-    bool operator==(const Run&) const = default;
+    bool operator==(const IdRun&) const = default;
 };
 
 /** What can be asked of an archive without changing it. */
@@ -112,7 +112,7 @@ class StoreReader {
 
     /** The runs of a generation, ascending. The callback must not call the store. */
     virtual void forEachRun(const GenerationKey& generation,
-                            const std::function<void(const Run&)>& take) = 0;
+                            const std::function<void(const IdRun&)>& take) = 0;
 
     /** The events of a generation, ascending. The callback must not call the store. */
     virtual void forEachEvent(const GenerationKey& generation,

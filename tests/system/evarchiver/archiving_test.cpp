@@ -1,0 +1,220 @@
+#include "blade_link.h"
+
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <thread>
+
+using namespace support;
+using testing::HasSubstr;
+
+constexpr Claim NO_DATA{0, 1};
+
+class ArchivingTest : public ArchiverProcessTest {};
+
+TEST_F(ArchivingTest, HandshakeOfAnUnknownBladeIsAnsweredWithNoData) {
+    start();
+    BladeLink link(port_);
+    const Bytes request = statusOf(event(3), 1000);
+    ASSERT_EQ(request.size(), 196U);
+    const Bytes answer = link.ask(request);
+    Bytes expected = {0, 1, 0, 176, 0, 6, 0, 2, 0, 0, 0, 1, 0, 0, 3, 0xE8};
+    expected.insert(expected.end(), request.begin() + 16, request.begin() + 16 + 168);
+    put32(expected, 0);
+    put32(expected, 1);
+    EXPECT_EQ(answer, expected);
+    EXPECT_EQ(stop(), exitedWith(0));
+}
+
+TEST_F(ArchivingTest, EventsAreClaimedAndAnswered) {
+    start();
+    BladeLink link(port_);
+    EXPECT_EQ(claim(link, event(10)), NO_DATA);
+    link.send(events(10, 400));
+    EXPECT_EQ(claim(link, event(10)), (Claim{400, 0}));
+    const auto found = [&link](U32_t type, U32_t id) {
+        const Bytes answer = link.ask(inquiryMessage(type, {}, id, 7));
+        EXPECT_EQ(get32(answer, 8), 1U);
+        EXPECT_EQ(get32(answer, 12), 7U);
+        return Bytes(answer.begin() + 16, answer.end());
+    };
+    EXPECT_EQ(found(FIRST, 0), eventBody(event(10)));
+    EXPECT_EQ(found(NEXT, 10), eventBody(event(11)));
+    EXPECT_EQ(found(EXACT, 299), eventBody(event(299)));
+    EXPECT_EQ(found(PREVIOUS, 300), eventBody(event(299)));
+    EXPECT_EQ(found(LAST, 0), eventBody(event(400)));
+    EXPECT_EQ(stop(), exitedWith(0));
+}
+
+TEST_F(ArchivingTest, WhatIsNotHeldIsAnsweredWithTheIdentityAndTheId) {
+    start();
+    BladeLink link(port_);
+    link.send(events(0, 5));
+    const LogName other{"ENC-A", "BLADE-1", 1, 2}; // the next instance
+    for (const U32_t type : {FIRST, NEXT, EXACT, PREVIOUS, LAST}) {
+        Bytes expected = {0, 1, 0, 152, 0, 1, 0, 2, 0, 0, 0, 2, 0, 0, 0, 9};
+        putLog(expected, other);
+        put32(expected, 3);
+        expected.resize(168);
+        EXPECT_EQ(link.ask(inquiryMessage(type, other, 3, 9)), expected) << type;
+    }
+}
+
+TEST_F(ArchivingTest, OneBladeAsksAboutAnother) {
+    start();
+    const LogName other{"ENC-A", "BLADE-2", 2, 1};
+    BladeLink first(port_);
+    BladeLink second(port_);
+    claim(first, event(0));
+    claim(second, event(0, other));
+    second.send(events(0, 50, other));
+    ASSERT_EQ(claim(second, event(0, other)), (Claim{50, 0}));
+    const Bytes answer = first.ask(inquiryMessage(LAST, other, 0, 3));
+    EXPECT_EQ(Bytes(answer.begin() + 16, answer.end()), eventBody(event(50, other)));
+    EXPECT_EQ(claim(first, event(0)), NO_DATA);
+}
+
+TEST_F(ArchivingTest, LargestEventTravelsWhole) {
+    start();
+    BladeLink link(port_);
+    const EventFields largest = {.id = 0, .data = Bytes(3848, 0xD7)};
+    link.send(eventMessage(largest));
+    const Bytes answer = link.ask(inquiryMessage(EXACT, {}, 0, 1));
+    EXPECT_EQ(answer.size(), 4016U);
+    EXPECT_EQ(Bytes(answer.begin() + 16, answer.end()), eventBody(largest));
+}
+
+TEST_F(ArchivingTest, LoneEventIsKeptWithoutAnythingBehindIt) {
+    start();
+    BladeLink link(port_);
+    link.send(eventMessage(event(0)));
+    BladeLink other(port_);
+    const auto isHeld = [&] { return get32(other.ask(inquiryMessage(EXACT, {}, 0, 1)), 8) == 1; };
+    EXPECT_TRUE(waitUntil(isHeld));
+}
+
+TEST_F(ArchivingTest, AnswersThatNobodyReadsYetWaitAndComeWholeAndInOrder) {
+    start({"--answer-limit", "10000000"});
+    BladeLink link(port_);
+    link.send(eventMessage({.id = 0, .data = Bytes(3848, 0xD7)}));
+    // About 4 MB of answers: more than the sockets take.
+    for (U32_t handle = 0; handle < 1000; ++handle) {
+        link.send(inquiryMessage(LAST, {}, 0, handle));
+    }
+    for (U32_t handle = 0; handle < 1000; ++handle) {
+        const Bytes answer = link.receivePatiently();
+        ASSERT_EQ(get32(answer, 12), handle);
+        ASSERT_EQ(answer.size(), 4016U);
+    }
+    EXPECT_EQ(claim(link, {.id = 0, .data = Bytes(3848, 0xD7)}), (Claim{0, 0}));
+}
+
+TEST_F(ArchivingTest, BladeThatNeverReadsItsAnswersIsDisconnected) {
+    start({"--answer-limit", "8192"});
+    BladeLink link(port_);
+    link.send(eventMessage({.id = 0, .data = Bytes(3848, 0xD7)}));
+    const auto askOn = [&] {
+        while (true) {
+            link.send(inquiryMessage(LAST, {}, 0, 1));
+        }
+    };
+    EXPECT_THROW(askOn(), std::runtime_error);
+    EXPECT_THAT(archiver_->waitForOutput("does not read its answers"), HasSubstr("closed"));
+}
+
+TEST_F(ArchivingTest, RestartKeepsEverything) {
+    start();
+    {
+        BladeLink link(port_);
+        link.send(events(0, 250));
+        ASSERT_EQ(claim(link, event(0)), (Claim{250, 0}));
+    }
+    EXPECT_EQ(stop(), exitedWith(0));
+    start();
+    BladeLink link(port_);
+    EXPECT_EQ(claim(link, event(0)), (Claim{250, 0}));
+    const Bytes answer = link.ask(inquiryMessage(EXACT, {}, 123, 1));
+    EXPECT_EQ(Bytes(answer.begin() + 16, answer.end()), eventBody(event(123)));
+    EXPECT_EQ(stop(), exitedWith(0));
+}
+
+TEST_F(ArchivingTest, EventAtHandIsKeptWhenTheArchiverIsStopped) {
+    start();
+    BladeLink link(port_);
+    link.ask(events(0, 0) + inquiryMessage(FIRST, {}, 0, 1) + events(1, 1) +
+             inquiryMessage(FIRST, {}, 0, 2));
+    EXPECT_EQ(stop(), exitedWith(0));
+    start();
+    BladeLink again(port_);
+    EXPECT_EQ(claim(again, event(0)), (Claim{1, 0}));
+}
+
+// Kills the archiver while a blade sends, and lets the blade go on from what the next one claims.
+TEST_F(ArchivingTest, KilledInMidStreamItResumesWithNothingMissing) {
+    constexpr U32_t LAST_ID = 6000;
+    U32_t next = 0;
+    for (int round = 0; round < 4; ++round) {
+        start({"--batch", "50", "--progress", "0"});
+        BladeLink link(port_);
+        const Claim held = claim(link, event(0));
+        next = held == NO_DATA ? 0 : held.last + 1;
+        ASSERT_EQ(held.flag, next == 0 ? 1U : 0U);
+        // Up to where it shall die: the answer shows that it has come that far.
+        const U32_t killAt = next + 700;
+        link.ask(events(next, killAt) + inquiryMessage(LAST, {}, 0, 1));
+        std::thread sender([&] {
+            try {
+                link.send(events(killAt + 1, killAt + 800));
+            } catch (const std::runtime_error&) {
+                // killed before all of it was taken
+            }
+        });
+        archiver_->signal(SIGKILL);
+        archiver_->wait();
+        sender.join();
+    }
+    start();
+    BladeLink link(port_);
+    const Claim held = claim(link, event(0));
+    ASSERT_EQ(held.flag, 0U);
+    EXPECT_GE(held.last, 4 * 650U); // what was committed in batches of 50 is there
+    link.send(events(held.last + 1, LAST_ID));
+    EXPECT_EQ(claim(link, event(0)), (Claim{LAST_ID, 0}));
+    U32_t id = 0;
+    for (id = 0; id <= LAST_ID; id += 97) {
+        const Bytes answer = link.ask(inquiryMessage(EXACT, {}, id, 1));
+        ASSERT_EQ(Bytes(answer.begin() + 16, answer.end()), eventBody(event(id)));
+    }
+    EXPECT_EQ(stop(), exitedWith(0));
+    EXPECT_THAT(archiver_->output(), HasSubstr(" 0 generations opened"));
+    EXPECT_THAT(archiver_->output(), HasSubstr(" 0 gaps"));
+}
+
+TEST_F(ArchivingTest, ByteSentTwiceClosesTheLinkAndTheNextOneResumes) {
+    start();
+    {
+        BladeLink link(port_);
+        claim(link, event(0));
+        Bytes stalled = eventMessage(event(11));
+        stalled.insert(stalled.begin() + 170, stalled[169]);
+        link.send(events(0, 10) + stalled + events(12, 20));
+        EXPECT_TRUE(link.isClosed());
+    }
+    EXPECT_THAT(archiver_->waitForOutput("lost its message borders"),
+                HasSubstr("event with id 11 given up, closed"));
+    BladeLink link(port_);
+    ASSERT_EQ(claim(link, event(0)), (Claim{10, 0}));
+    link.send(events(11, 20));
+    EXPECT_EQ(claim(link, event(0)), (Claim{20, 0}));
+    EXPECT_EQ(stop(), exitedWith(1));
+    EXPECT_THAT(archiver_->output(), HasSubstr(" 1 streams without borders, 1 events given up"));
+}
+
+TEST_F(ArchivingTest, ClearNamesWhatIsHeldOnce) {
+    start({"--clear", "all"});
+    BladeLink link(port_);
+    EXPECT_EQ(claim(link, event(0)), NO_DATA);
+    link.send(events(0, 9));
+    EXPECT_EQ(claim(link, event(0)), (Claim{9, 2}));
+    EXPECT_EQ(claim(link, event(0)), (Claim{9, 0}));
+}

@@ -1,0 +1,192 @@
+#include "sqlite_store.h"
+
+#include "link_messages.h"
+#include "temp_directory.h"
+
+#include <fstream>
+#include <gmock/gmock.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+using namespace evarchive;
+using support::TempDirectory;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::ThrowsMessage;
+
+namespace {
+
+class SqliteStoreTest : public testing::Test {
+  protected:
+    static StoredEvent event(U32_t id, bool own = true) {
+        return {id, own, support::eventBody({.id = id})};
+    }
+
+    // One generation with these events, committed.
+    GenerationKey fill(Store& store, const std::vector<U32_t>& ids) {
+        store.begin();
+        const GenerationKey generation{store.addSeries(key_), 1};
+        store.addGeneration(generation, 1'700'000'000);
+        for (const U32_t id : ids) {
+            store.addEvent(generation, event(id));
+        }
+        store.commit();
+        return generation;
+    }
+
+    static void executeOn(const std::string& path, const char* sql) {
+        sqlite3* database = nullptr;
+        ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(database, sql, nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close(database);
+    }
+
+    TempDirectory directory_;
+    std::string path_ = directory_.file("events.db");
+    SeriesKey key_{{"E", "B", 3}, 1};
+};
+
+} // namespace
+
+TEST_F(SqliteStoreTest, EventsAreThereAfterAReopening) {
+    fill(*openArchive(path_), {0, 1, 5});
+    const auto store = openArchive(path_);
+    const auto series = store->findSeries(key_);
+    ASSERT_TRUE(series);
+    const GenerationKey generation{*series, store->newestGeneration(*series)};
+    EXPECT_EQ(generation.generation, 1U);
+    EXPECT_EQ(store->highestId(generation), 5U);
+    EXPECT_EQ(store->endOfRun(generation, 0), 1U);
+    EXPECT_EQ(store->rowCount(), 3U);
+    EXPECT_EQ(store->heldEvent(generation, 5)->image, support::eventBody({.id = 5}));
+}
+
+TEST_F(SqliteStoreTest, UncommittedEventsAreNotThereAfterAReopening) {
+    {
+        const auto store = openArchive(path_);
+        const GenerationKey generation = fill(*store, {0});
+        store->begin();
+        store->addEvent(generation, event(1));
+    }
+    EXPECT_EQ(openArchive(path_)->rowCount(), 1U);
+}
+
+TEST_F(SqliteStoreTest, RunsAreSeparatedByHoles) {
+    const auto store = openArchive(path_);
+    const GenerationKey generation = fill(*store, {0, 1, 5, 0xFFFFFFFE, 0xFFFFFFFF});
+    std::vector<IdRun> runs;
+    store->forEachRun(generation, [&](const IdRun& run) { runs.push_back(run); });
+    EXPECT_THAT(runs, ElementsAre(IdRun{0, 1}, IdRun{5, 5}, IdRun{0xFFFFFFFE, 0xFFFFFFFF}));
+}
+
+TEST_F(SqliteStoreTest, EmptyGenerationHasNoRunAndNoHighestId) {
+    const auto store = openArchive(path_);
+    const GenerationKey generation = fill(*store, {});
+    EXPECT_EQ(store->highestId(generation), std::nullopt);
+    store->forEachRun(generation, [](const IdRun&) { FAIL(); });
+    EXPECT_EQ(store->heldEvent(generation, 0), std::nullopt);
+}
+
+TEST_F(SqliteStoreTest, EventsOfAnotherIdentityHoldIdsButAreNotFound) {
+    const auto store = openArchive(path_);
+    const GenerationKey generation = fill(*store, {1});
+    store->begin();
+    store->addEvent(generation, event(2, false));
+    store->commit();
+    EXPECT_TRUE(store->heldEvent(generation, 2));
+    EXPECT_EQ(store->endOfRun(generation, 1), 2U);
+    EXPECT_FALSE(store->findEvent(generation, EMP_E_INQUIRY_TYPE_EXACT, 2));
+    EXPECT_EQ(store->findEvent(generation, EMP_E_INQUIRY_TYPE_LAST, 0)->sequenceId, 1U);
+}
+
+TEST_F(SqliteStoreTest, SecondEventUnderAnIdIsRefused) {
+    const auto store = openArchive(path_);
+    const GenerationKey generation = fill(*store, {1});
+    store->begin();
+    EXPECT_THROW(store->addEvent(generation, event(1)), StoreError);
+}
+
+TEST_F(SqliteStoreTest, ColumnsCanBeReadByAnySqliteClient) {
+    fill(*openArchive(path_), {7});
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(path_.c_str(), &database), SQLITE_OK);
+    sqlite3_stmt* row = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(database,
+                                 "SELECT id, time, source, events.type, category, event, enclosure "
+                                 "FROM events JOIN series USING (series)",
+                                 -1, &row, nullptr),
+              SQLITE_OK);
+    ASSERT_EQ(sqlite3_step(row), SQLITE_ROW);
+    EXPECT_EQ(sqlite3_column_int(row, 0), 7);
+    EXPECT_EQ(sqlite3_column_int(row, 1), 1000);
+    EXPECT_EQ(sqlite3_column_int(row, 2), 27);
+    EXPECT_EQ(sqlite3_column_int(row, 3), 1);
+    EXPECT_EQ(sqlite3_column_int(row, 4), 2);
+    EXPECT_EQ(sqlite3_column_int(row, 5), 3);
+    EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(row, 6)), "E");
+    sqlite3_finalize(row);
+    sqlite3_close(database);
+}
+
+TEST_F(SqliteStoreTest, SecondArchiverIsKeptOut) {
+    const auto store = openArchive(path_);
+    EXPECT_THAT([this] { openArchive(path_); },
+                ThrowsMessage<StoreError>(HasSubstr("another archiver has this archive open")));
+}
+
+TEST_F(SqliteStoreTest, FileThatIsNoDatabaseIsLeftAlone) {
+    support::writeFile(path_, std::string(4096, 'x'));
+    EXPECT_THROW(openArchive(path_), StoreError);
+    EXPECT_EQ(support::readFile(path_), std::string(4096, 'x'));
+}
+
+TEST_F(SqliteStoreTest, DatabaseOfAnotherProgramIsLeftAlone) {
+    executeOn(path_, "CREATE TABLE t (a)");
+    const std::string before = support::readFile(path_);
+    EXPECT_THAT([this] { openArchive(path_); },
+                ThrowsMessage<StoreError>(HasSubstr("not an event archive")));
+    EXPECT_EQ(support::readFile(path_), before);
+}
+
+TEST_F(SqliteStoreTest, LaterLayoutIsRefused) {
+    fill(*openArchive(path_), {});
+    executeOn(path_, "PRAGMA user_version = 2");
+    EXPECT_THAT([this] { openArchive(path_); },
+                ThrowsMessage<StoreError>(HasSubstr("version 2 of the archive's layout")));
+}
+
+TEST_F(SqliteStoreTest, DirectoryThatDoesNotExistIsAnError) {
+    EXPECT_THROW(openArchive(directory_.file("none/events.db")), StoreError);
+}
+
+TEST_F(SqliteStoreTest, ReaderMakesNoArchive) {
+    EXPECT_THROW(openArchiveForReading(path_), StoreError);
+    EXPECT_FALSE(std::ifstream(path_).good());
+}
+
+TEST_F(SqliteStoreTest, ReaderSeesWhatTheWriterCommitted) {
+    const auto writer = openArchive(path_);
+    fill(*writer, {0, 1, 2});
+    EXPECT_EQ(openArchiveForReading(path_)->rowCount(), 3U);
+}
+
+TEST_F(SqliteStoreTest, ReaderLeavesBytesAndTimesAsTheyAre) {
+    fill(*openArchive(path_), {0, 1, 2});
+    const std::string bytes = support::readFile(path_);
+    struct stat before {};
+    ASSERT_EQ(stat(path_.c_str(), &before), 0);
+    openArchiveForReading(path_)->rowCount();
+    struct stat after {};
+    ASSERT_EQ(stat(path_.c_str(), &after), 0);
+    EXPECT_EQ(support::readFile(path_), bytes);
+    EXPECT_EQ(before.st_mtim.tv_sec, after.st_mtim.tv_sec);
+    EXPECT_EQ(before.st_mtim.tv_nsec, after.st_mtim.tv_nsec);
+}
+
+TEST_F(SqliteStoreTest, ReaderCannotWrite) {
+    fill(*openArchive(path_), {0});
+    const auto reader = openArchiveForReading(path_);
+    auto* writer = dynamic_cast<Store*>(reader.get());
+    ASSERT_NE(writer, nullptr);
+    EXPECT_THROW(writer->addSeries({{"X", "Y", 1}, 1}), StoreError);
+}
