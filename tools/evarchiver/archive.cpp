@@ -16,12 +16,19 @@ std::string printable(const std::string& text) {
     return shown;
 }
 
+// Whether a stored event is one that can be sent: the file may have been damaged since.
+bool isWhole(const StoredEvent& event) {
+    return event.image.size() >= sizeof(EmpEvLogHeader_t) &&
+           event.image.size() <= LARGEST_EVENT_BODY &&
+           event.image.size() ==
+               sizeof(EmpEvLogHeader_t) + imageOf<EmpEvLogHeader_t>(event.image).evStructLength;
+}
+
 bool haveSameFirstData(const StoredEvent& event, const EmpGetEvArchiverStatusMsg_t& request) {
     const View data = View(event.image).subspan(EMP_EVENT_HEADER_SIZE);
-    const std::size_t length = request.evStructLength;
-    return data.size() == length &&
-           std::equal(data.begin(), data.begin() + std::min(length, sizeof(request.evRandom)),
-                      request.evRandom);
+    const std::size_t compared = std::min(data.size(), sizeof(request.evRandom));
+    return data.size() == request.evStructLength &&
+           std::ranges::equal(data.first(compared), View(request.evRandom).first(compared));
 }
 
 } // namespace
@@ -149,7 +156,7 @@ StatusVerdict Archive::answerStatus(const EmpGetEvArchiverStatusMsg_t& request) 
     const U32_t first = request.evSequenceIdFirst;
     const auto series = findSeries(key);
     const auto held = series ? store_.heldEvent(series->newest, first) : std::nullopt;
-    if (!held || !haveSameFirstData(*held, request)) {
+    if (!held || !isWhole(*held) || !haveSameFirstData(*held, request)) {
         return {0, EMP_E_ARCHIVER_CONTROL_NO_DATA};
     }
     StatusVerdict verdict{store_.endOfRun(series->newest, first), 0};
@@ -177,6 +184,10 @@ std::optional<StoredEvent> Archive::answerInquiry(const EmpEvInquiryMsg_t& inqui
     const auto type = static_cast<EMP_INQUIRY_TYPE_e>(U32_t{inquiry.evInquiryType});
     auto event =
         series ? store_.findEvent(series->newest, type, inquiry.evSeqIdInquiry) : std::nullopt;
+    if (event && !isWhole(*event)) {
+        say_(nameOf(key) + ": event " + std::to_string(event->sequenceId) + " is damaged");
+        event.reset();
+    }
     ++(event ? counts_.found : counts_.notFound);
     return event;
 }

@@ -1,4 +1,7 @@
 #include "archive_fixture.h"
+#include "temp_directory.h"
+
+#include <sqlite3.h>
 
 using namespace evarchive;
 using support::LogName;
@@ -304,4 +307,47 @@ TEST_F(ClearTest, WhatIsNotHeldIsNeverCleared) {
     fileRange(11, 12);
     archive_.commit();
     EXPECT_EQ(status(archive, event(3)), (StatusVerdict{9, 2}));
+}
+
+class DamagedArchiveTest : public ArchiveTest {
+  protected:
+    // An archive of two events, the first of which has been spoilt in the file.
+    void SetUp() override {
+        store_ = openArchive(path_);
+        Archive archive = make();
+        archive.fileEvent(nullptr, support::eventBody(event(0)));
+        archive.fileEvent(nullptr, support::eventBody(event(1)));
+        archive.commit();
+        sqlite3* database = nullptr;
+        ASSERT_EQ(sqlite3_open(path_.c_str(), &database), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(database, "UPDATE events SET image = x'0000' WHERE id = 0", nullptr,
+                               nullptr, nullptr),
+                  SQLITE_OK);
+        sqlite3_close(database);
+    }
+
+    support::TempDirectory directory_;
+    std::string path_ = directory_.file("events.db");
+};
+
+TEST_F(DamagedArchiveTest, DamagedEventIsNotHeld) {
+    Archive archive = make();
+    EXPECT_EQ(status(archive, event(0)), NO_DATA);
+    EXPECT_EQ(status(archive, event(1)), heldTo(1));
+}
+
+TEST_F(DamagedArchiveTest, DamagedEventIsNoAnswer) {
+    Archive archive = make();
+    const auto ask = [&](U32_t type) {
+        return archive.answerInquiry(imageOf<EmpEvInquiryMsg_t>(support::inquiryBody(type, {}, 0)));
+    };
+    EXPECT_FALSE(ask(support::EXACT));
+    EXPECT_TRUE(ask(support::NEXT));
+    EXPECT_THAT(said_, ElementsAre(HasSubstr("event 0 is damaged")));
+}
+
+TEST_F(DamagedArchiveTest, DamagedEventThatComesAgainIsKept) {
+    Archive archive = make();
+    EXPECT_EQ(archive.fileEvent(nullptr, support::eventBody(event(0))), Filed::NEW_GENERATION);
+    EXPECT_EQ(status(archive, event(0)), heldTo(0));
 }
