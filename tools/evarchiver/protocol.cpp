@@ -149,9 +149,9 @@ Bytes makeResponse(U16_t type, U32_t returnCode, U32_t handle, View body) {
     header.evArchiverMsgFlag = U16_t{EMP_E_EVENT_ARCHIVER_MSG_RESPONSE};
     header.evArchiverMsgReturnCode = returnCode;
     header.evArchiverMsgHandle = handle;
-    const View head = viewOf(header);
-    Bytes message(head.begin(), head.end());
-    message.insert(message.end(), body.begin(), body.end());
+    Bytes message(sizeof(header) + body.size());
+    std::ranges::copy(viewOf(header), message.begin());
+    std::ranges::copy(body, message.begin() + sizeof(header));
     return message;
 }
 
