@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdarg>
+#include <cstring>
 #include <fcntl.h>
 #include <pthread.h>
 #include <semaphore.h>
@@ -27,7 +28,12 @@ int __wrap_shmget(key_t key, size_t size, int flags) {
 
 void* __real_shmat(int id, const void* address, int flags);
 void* __wrap_shmat(int id, const void* address, int flags) {
-    return failingShmat.fails() ? reinterpret_cast<void*>(-1) : __real_shmat(id, address, flags);
+    if (failingShmat.fails()) {
+        void* failed;
+        memset(&failed, 0xFF, sizeof(failed));
+        return failed;
+    }
+    return __real_shmat(id, address, flags);
 }
 
 int __real_shmdt(const void* block);

@@ -14,7 +14,7 @@ class Params : public testing::Test {
     int makeSegment(size_t size, const std::string& bytes) {
         int id = shmget(key, size, IPC_CREAT | IPC_EXCL | 0600);
         auto* block = static_cast<char*>(shmat(id, nullptr, 0));
-        memcpy(block, bytes.data(), bytes.size());
+        bytes.copy(block, bytes.size());
         shmdt(block);
         return id;
     }

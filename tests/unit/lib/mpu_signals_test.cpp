@@ -134,8 +134,10 @@ INSTANTIATE_TEST_SUITE_P(All, EachSignal,
 TEST_F(Signals, RegistersAreThoseOfTheInterruptedCode) {
     ChildEnd end = die([] {
         // A jump to nowhere: the program counter is the address itself.
-        volatile uintptr_t nowhere = 0x10;
-        reinterpret_cast<void (*)()>(static_cast<uintptr_t>(nowhere))();
+        const uintptr_t address = 0x10;
+        void (*volatile nowhere)();
+        memcpy(const_cast<void (**)()>(&nowhere), &address, sizeof(address));
+        nowhere();
     });
     std::string file = onlyFile();
     checkFile(file, end.pid);
