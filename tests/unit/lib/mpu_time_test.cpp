@@ -2,6 +2,7 @@
 #include "mpu_gbl.h"
 #include "other_time_zone.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -45,7 +46,7 @@ ssize_t __wrap_readlink(const char* path, char* buffer, size_t size) {
         return -1;
     }
     size_t length = std::min(strlen(linkTarget), size);
-    memcpy(buffer, linkTarget, length);
+    std::copy_n(linkTarget, length, buffer);
     return static_cast<ssize_t>(length);
 }
 }
