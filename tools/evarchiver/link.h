@@ -55,7 +55,7 @@ class Link : public std::enable_shared_from_this<Link> {
     Listener listener_;
     Say say_;
     Session session_;
-    std::array<U8_t, 32 * 1024> input_{};
+    std::array<U8_t, 32'768> input_{};
     std::deque<Bytes> output_;
     std::size_t outputBytes_ = 0;
     bool isWaitingForRoom_ = false;

@@ -35,11 +35,11 @@ int serve(const Options& options) {
 
 int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
-    const auto options = evarchive::parseOptions(argc, argv);
-    if (const int* status = std::get_if<int>(&options)) {
-        return *status;
-    }
     try {
+        const auto options = evarchive::parseOptions(argc, argv);
+        if (const int* status = std::get_if<int>(&options)) {
+            return *status;
+        }
         return serve(std::get<Options>(options));
     } catch (const std::exception& error) {
         return tools::sayCouldNot("evarchiver", error.what());
