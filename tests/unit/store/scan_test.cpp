@@ -226,6 +226,14 @@ TEST_F(FindTest, OffsetOfTheFilesEndIsStillLookedAt) {
     EXPECT_EQ(output, "empFindValidEventEntry(): Can't find valid Event Entry. tmpGap = [11]\n");
 }
 
+TEST_F(FindTest, SignatureInTheLastByteIsSteppedOver) {
+    Image image;
+    image.fill(1'599'999, 0x11).fill(1, 0xB6).fill(1, 0x8F).fill(1000, 0x11);
+    EXPECT_EQ(find(image), -1);
+    EXPECT_EQ(output,
+              "empFindValidEventEntry(): Can't find valid Event Entry. tmpGap = [1600001]\n");
+}
+
 TEST_F(FindTest, GiveUpAtTheEndBehindAMismatch) {
     Bytes bytes = encode(Record::event(1, 0));
     logimage::put32(bytes, 4, 0);
