@@ -93,17 +93,20 @@ TEST_F(Flow, DeathInTheMiddleOfAMessageTakesTheMessageOnly) {
 }
 
 TEST_F(Flow, LastWordsOfADeadPeerAreDelivered) {
+    // More than the switch reads at once, all of it there before the switch looks again; each
+    // message goes to the dead peer, too, so that the switch finds it gone while it still reads.
+    constexpr U32_t COUNT = 20;
     MmsgClient eventlog = connect("eventlog");
     MmsgClient management = connect("smi_ind");
     {
         MmsgClient dying = connect("startup");
-        // Each message goes to the dying peer, too, so that the switch finds it gone while there
-        // is more to read from it.
-        for (U32_t i = 0; i < 40; ++i) {
-            dying.send(makeMmsg({.local = {18, 27}, .handle = i}));
+        msm.process().signal(SIGSTOP);
+        for (U32_t i = 0; i < COUNT; ++i) {
+            dying.send(makeMmsg({.local = {18, 27}, .handle = i}, Bytes(4000)));
         }
     }
-    for (U32_t i = 0; i < 40; ++i) {
+    msm.process().signal(SIGCONT);
+    for (U32_t i = 0; i < COUNT; ++i) {
         ASSERT_EQ(headerOf(eventlog.receive()).handle, i);
     }
     expectNothingBefore(management, eventlog, 27);
