@@ -3,6 +3,7 @@
 #include "evctl/commands.h"
 
 #include <exception>
+#include <iostream>
 
 namespace evctl {
 namespace {
@@ -15,7 +16,11 @@ constexpr AddCommand COMMANDS[] = {addLogCommand, addFollowCommand, addFileComma
 
 int runChosen(const Chosen& chosen) {
     try {
-        return chosen.run();
+        int status = chosen.run();
+        if (!std::cout.flush()) {
+            return tools::sayCouldNot(PROGRAM, "cannot write standard output");
+        }
+        return status;
     } catch (const std::exception& problem) {
         return tools::sayCouldNot(PROGRAM, problem.what());
     }

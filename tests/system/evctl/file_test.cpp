@@ -220,6 +220,17 @@ TEST_F(File, InfoOfAnEmptyFile) {
     EXPECT_NE(outcome.output.find("\n  records             0\n"), std::string::npos);
 }
 
+TEST_F(File, OutputThatCannotBeWrittenIsNotDone) {
+    write(wrappedLog());
+    std::string command;
+    for (const std::string& word : support::commandOf("evctl", {"file", "list", path()})) {
+        command += "'" + word + "' ";
+    }
+    support::Process shell({"sh", "-c", command + "> /dev/full"}, directory_.file("sh"));
+    EXPECT_EQ(shell.wait(), support::exitedWith(2));
+    EXPECT_EQ(shell.errorOutput(), "evctl: cannot write standard output\n");
+}
+
 TEST_F(File, NothingChangesTheFile) {
     test::LogImage log = wrappedLog();
     log.damage(700);
