@@ -121,7 +121,8 @@ std::string plainText(const Json& value) {
     }
     std::string text;
     for (const Json& element : value) {
-        text += (text.empty() ? "" : " ") + plainText(element);
+        text += text.empty() ? "" : " ";
+        text += plainText(element);
     }
     return text;
 }

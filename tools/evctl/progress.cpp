@@ -16,8 +16,9 @@ constexpr char CLEAR_LINE[] = "\r\x1B[K";
 std::string progressBar(U64_t done, U64_t total) {
     auto filled = static_cast<size_t>(static_cast<double>(done) / static_cast<double>(total) *
                                       static_cast<double>(BAR_WIDTH));
-    return "[" + std::string(filled, '#') + std::string(BAR_WIDTH - filled, ' ') + "] " +
-           std::to_string(done) + "/" + std::to_string(total);
+    std::string bar = "[";
+    bar.append(filled, '#').append(BAR_WIDTH - filled, ' ').append("] ");
+    return bar.append(std::to_string(done)).append("/").append(std::to_string(total));
 }
 
 Progress::Progress(U64_t total)

@@ -116,17 +116,24 @@ TEST(Verdict, MissingDummyLeavesStartAtWrite) {
 }
 
 TEST(Verdict, ClosingDummyLengthIsTakenModulo65536) {
-    LogImage log; // 1,599,840 - 26,876 = 24 * 65,536 + 100
-    log.event(0, 3848);
-    for (U32_t id = 1; id < 6; id++) {
-        log.event(id, 3848);
+    struct Case {
+        U32_t end; // of the last record
+        U32_t length;
+    };
+    // 1,599,840 - 26,876 = 24 * 65,536 + 100
+    for (const Case& dummy : {Case{26'876, 100}, Case{26'876 - 3744, 3844},
+                              Case{26'876 - 3745, 0xFFFF}, Case{26'976, 0}}) {
+        LogImage log;
+        for (U32_t id = 0; id < 5; id++) {
+            log.event(id, 3848);
+        }
+        log.event(5, (dummy.end - log.bytes.size()) / 2 - 160);
+        log.event(6, dummy.end - log.bytes.size() - 160);
+        log.zerosTo();
+        EvlogState_t state = walk(log.bytes).state;
+        EXPECT_EQ(state.dummyOffset, dummy.end);
+        EXPECT_EQ(state.dummyLength, dummy.length);
     }
-    log.event(6, 26'876 - 6 * 4008 - 160);
-    ASSERT_EQ(log.bytes.size(), 26'876U);
-    log.zerosTo();
-    EvlogState_t state = walk(log.bytes).state;
-    EXPECT_EQ(state.dummyOffset, 26'876U);
-    EXPECT_EQ(state.dummyLength, 100U);
 }
 
 TEST(Verdict, BodyCutByTheEndOfTheFileEndsTheSearch) {
