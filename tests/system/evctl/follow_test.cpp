@@ -6,13 +6,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 using support::Bytes;
 
 namespace {
 
 /** The event manager's copy of an event for the management interface. */
 Bytes eventCopy(U32_t sequenceId, U8_t type, const std::string& data, U8_t opcode = 1) {
-    Bytes body(152);
+    Bytes body(152 + data.size());
     body[0] = 'E';
     body[64] = 'B';
     body[131] = 2; // evSlotId
@@ -31,7 +33,7 @@ Bytes eventCopy(U32_t sequenceId, U8_t type, const std::string& data, U8_t opcod
     body[148] = 4;
     body[149] = 1;
     body[151] = 3;
-    body.insert(body.end(), data.begin(), data.end());
+    std::copy(data.begin(), data.end(), body.begin() + 152);
     return support::makeMmsg(
         {.type = opcode, .requestor = MMSG_E_EPID_EVENTLOGMP, .local = {30}, .other = {30}}, body);
 }

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 using support::Bytes;
 
 namespace {
@@ -25,8 +27,8 @@ class Log : public testing::Test {
 /** The 216 bytes of an event message, then its data. */
 Bytes eventMessage(U8_t requestor, U8_t type, U8_t category, U8_t idVersion, U16_t id,
                    const std::string& data) {
-    Bytes bytes(216);
     size_t length = 216 + data.size();
+    Bytes bytes(length);
     bytes[8] = 14;
     bytes[9] = 1;
     bytes[10] = static_cast<U8_t>(length >> 8);
@@ -40,7 +42,7 @@ Bytes eventMessage(U8_t requestor, U8_t type, U8_t category, U8_t idVersion, U16
     bytes[213] = idVersion;
     bytes[214] = static_cast<U8_t>(id >> 8);
     bytes[215] = static_cast<U8_t>(id);
-    bytes.insert(bytes.end(), data.begin(), data.end());
+    std::copy(data.begin(), data.end(), bytes.begin() + 216);
     return bytes;
 }
 
