@@ -312,12 +312,7 @@ TEST_F(Dispatch, GetEventManagerStatusIsCountedThenHandledThenReported) {
 }
 
 TEST_F(Dispatch, AlternateEventHasNoCompletionLine) {
-    Header header;
-    header.opcode = 0x08000007;
-    std::string output = dispatch(header);
-    EXPECT_EQ(output.find(stamped(OURS)), 0U);
-    EXPECT_EQ(output.find("EMP completes"), std::string::npos);
-    EXPECT_EQ(counters(), only("7"));
+    expectHandled(7, "alternate", "");
 }
 
 TEST_F(Dispatch, ResponseBitDoesNotKeepAnEventOut) {
