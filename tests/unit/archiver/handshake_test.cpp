@@ -228,15 +228,14 @@ TEST_F(StatusResponse, IdBeyondTheLogRestartsFromTheOldest) {
     for (U32_t last : {8U, 9U, 0x80000000U, 0xFFFFFFFFU}) {
         bench.sends.clear();
         setLink(EMP_E_ARCHIVER_SOCKET_ST_GET_STATUS_SENT);
-        std::string id = std::to_string(static_cast<int>(last));
-        EXPECT_THAT(
-            respond(last, 0),
-            testing::StartsWith(
-                "empRcvGetEventArchiverStatusMsg(): Event Archiver has data up to Event Log Seq Id = [" +
-                id +
-                "]\n"
-                "empRcvGetEventArchiverStatusMsg(): SeqId [" +
-                id + "] in Event Archiver > SeqId [8] in Event Log File.\n"));
+        const std::string id = std::to_string(static_cast<int>(last));
+        std::string lines =
+            "empRcvGetEventArchiverStatusMsg(): Event Archiver has data up to Event Log Seq Id = [";
+        lines += id;
+        lines += "]\nempRcvGetEventArchiverStatusMsg(): SeqId [";
+        lines += id;
+        lines += "] in Event Archiver > SeqId [8] in Event Log File.\n";
+        EXPECT_THAT(respond(last, 0), testing::StartsWith(lines));
         EXPECT_EQ(empControl.empEventArchiverSequenceId, 3U);
         EXPECT_THAT(sentTo(ARCHIVER_SOCKET), testing::ElementsAre(archiverEvent(3, dataOf(3))));
     }
