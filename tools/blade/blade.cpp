@@ -247,7 +247,8 @@ void Blade::watchChildren() {
             return;
         }
         watchChildren();
-        for (Child* child : {&emp_, &msm_}) {
+        // The switch first: when it dies the event manager follows, and the cause is to be said.
+        for (Child* child : {&msm_, &emp_}) {
             if (child->reap()) {
                 childEnded(*child);
             }

@@ -1,6 +1,6 @@
 /**
  * @file
- * The state machine of the archiver link: evArchiverSocketState as a table. docs/archiver-link.md
+ * The state machine of the archiver link: evArchiverSocketState as a table. ARCHITECTURE.md
  * tells what leads to each event and what goes with it.
  */
 #ifndef EMP_ARCHIVER_LINK_STATE_H

@@ -1,36 +1,15 @@
-// The worked examples of docs/formats-archiver.md are what the event manager sends and takes.
+// The worked examples of docs/formats.md are what the event manager sends and takes.
 #include "archiver/forward.h"
 #include "archiver/handshake.h"
 #include "archiver/message.h"
 #include "archiver/relay.h"
 #include "link_bench.h"
+#include "worked_example.h"
 
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <unistd.h>
 
 namespace {
-
-/** The hex dump behind "<!-- example: name -->". */
-Bytes example(const std::string& name) {
-    std::ifstream file(FORMATS_FILE);
-    std::string line;
-    while (std::getline(file, line) && line != "<!-- example: " + name + " -->") {
-    }
-    std::getline(file, line); // ```
-    Bytes bytes;
-    while (std::getline(file, line) && line != "```") {
-        std::istringstream fields(line);
-        std::string field;
-        fields >> field; // the offset
-        EXPECT_EQ(std::stoul(field, nullptr, 16), bytes.size());
-        while (fields >> field) {
-            put8(bytes, static_cast<unsigned>(std::stoul(field, nullptr, 16)));
-        }
-    }
-    return bytes;
-}
 
 class ArchiverFormats : public LinkTest {
   protected:
@@ -46,7 +25,7 @@ class ArchiverFormats : public LinkTest {
 
     /** Stores the first entry and the example event. */
     static void storeExamples() {
-        Bytes event = example("event");
+        Bytes event = workedExample("event");
         Bytes first = {0xB6, 0x8F, 1, 0, 0, 0, 0, 0};
         first = first + slice(event, 16, 16 + 136);
         put32(first, 0);
@@ -66,25 +45,25 @@ class ArchiverFormats : public LinkTest {
 
 TEST_F(ArchiverFormats, StatusRequestIsTheExample) {
     storeExamples();
-    ASSERT_EQ(example("status request").size(), 196U);
+    ASSERT_EQ(workedExample("status request").size(), 196U);
     empSendGetEventArchiverStatusMsg();
-    EXPECT_THAT(sentTo(ARCHIVER_SOCKET), testing::ElementsAre(example("status request")));
+    EXPECT_THAT(sentTo(ARCHIVER_SOCKET), testing::ElementsAre(workedExample("status request")));
 }
 
 TEST_F(ArchiverFormats, ExampleResponseIsAnsweredWithTheExampleEvent) {
     storeExamples();
-    ASSERT_EQ(example("status response").size(), 192U);
-    ASSERT_EQ(example("event").size(), 181U);
-    empProcEventArchiverMsg(receivedFromArchiver(example("status response")));
-    EXPECT_THAT(sentTo(ARCHIVER_SOCKET), testing::ElementsAre(example("event")));
+    ASSERT_EQ(workedExample("status response").size(), 192U);
+    ASSERT_EQ(workedExample("event").size(), 181U);
+    empProcEventArchiverMsg(receivedFromArchiver(workedExample("status response")));
+    EXPECT_THAT(sentTo(ARCHIVER_SOCKET), testing::ElementsAre(workedExample("event")));
 }
 
 TEST_F(ArchiverFormats, RelayedInquiryIsTheExample) {
     setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
     empSendEventInquiryToEventArchiver(
         received(localMessage(2, inquiryBody(2, 41, "ENC-0002", "BLADE-B", 1, 0), 29, 0, 1234)));
-    ASSERT_EQ(example("inquiry").size(), 160U);
-    EXPECT_THAT(sentTo(ARCHIVER_SOCKET), testing::ElementsAre(example("inquiry")));
+    ASSERT_EQ(workedExample("inquiry").size(), 160U);
+    EXPECT_THAT(sentTo(ARCHIVER_SOCKET), testing::ElementsAre(workedExample("inquiry")));
 }
 
 } // namespace

@@ -3,14 +3,13 @@
 #include "dispatch.h"
 #include "startup/event_log_file.h"
 #include "state/control.h"
+#include "worked_example.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -24,26 +23,6 @@ extern "C" int __wrap_gettimeofday(struct timeval* tv, void*) {
     tv->tv_sec = EXAMPLE_TIME;
     tv->tv_usec = 0;
     return 0;
-}
-
-/** The hex dump behind "<!-- example: name -->". */
-static Bytes example(const std::string& name) {
-    std::ifstream file(FORMATS_FILE);
-    std::string line;
-    while (std::getline(file, line) && line != "<!-- example: " + name + " -->") {
-    }
-    std::getline(file, line); // ```
-    Bytes bytes;
-    while (std::getline(file, line) && line != "```") {
-        std::istringstream fields(line);
-        std::string field;
-        fields >> field; // the offset
-        EXPECT_EQ(std::stoul(field, nullptr, 16), bytes.size());
-        while (fields >> field) {
-            bytes.push_back(static_cast<U8_t>(std::stoul(field, nullptr, 16)));
-        }
-    }
-    return bytes;
 }
 
 class Formats : public testing::Test {
@@ -76,14 +55,14 @@ class Formats : public testing::Test {
 };
 
 TEST_F(Formats, FreshLogIsTheExample) {
-    Bytes bytes = example("fresh log");
+    Bytes bytes = workedExample("fresh log");
     ASSERT_EQ(bytes.size(), 360U);
     EXPECT_EQ(fileBytes(0, 360), bytes);
 }
 
 TEST_F(Formats, EventMessageIsStoredAsTheRecordExample) {
-    Bytes message = example("event message");
-    Bytes record = example("record");
+    Bytes message = workedExample("event message");
+    Bytes record = workedExample("record");
     ASSERT_EQ(message.size(), 229U);
     ASSERT_EQ(record.size(), 173U);
     memcpy(empControl.empInMsg, message.data(), message.size());
