@@ -52,6 +52,7 @@ S32_t altEventLogM(const EmpEvLogMsg_t* evLogMsgPtr, const MPU_PARAMS_t* mpuPara
 
 /**
  * Creates a new, uniquely named, empty alternate event log file, and its directory if need be.
+ * @param mpuParamsPtr the attached parameter block, not NULL
  * @return its descriptor, open for reading and writing, owned by the caller; negative when it could
  * not be created, with lines on standard output (directory) or standard error (file)
  */

@@ -284,6 +284,7 @@ CmapParams_t* MPU_createCmapParams(int* shmid, int key) {
         int error = errno;
         fprintf(stderr, "Failed to attached CMAP shared memory segment.\n");
         mpuPrintError(error);
+        shmctl(id, IPC_RMID, nullptr);
         return nullptr;
     }
     initialiseCmap(static_cast<CmapParams_t*>(block));

@@ -18,12 +18,12 @@ bool empEventArchiverConfigured() {
 
 void empOpenEventArchiverSocket(EmpSite_t site) {
     int descriptor = socket(AF_INET, SOCK_STREAM, 0);
+    empControl.socketFdEventArchiver = descriptor;
     // A descriptor that no select set can hold is of no use.
     if (descriptor == -1 || descriptor >= FD_SETSIZE) {
         EMP_BUGCHECK(site, "Linux socket function fails for EMP socket!");
     }
     fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
-    empControl.socketFdEventArchiver = descriptor;
 }
 
 EmpConnectResult_t empConnectEventArchiverSocket() {

@@ -45,8 +45,11 @@ void sendTimeoutReply(const EvMsgRecordEntry_t* entry) {
                  EMP_E_SHORT_SEND_SHOWS_RESULT);
 }
 
-/** Whether a walk stands on a record. A freed record's link leads into the free list: it ends
- * there. */
+/**
+ * Whether a walk stands on a record.
+ * KEEP: the link is read after the record was handled. That of a freed one leads into the free
+ * list, where the walk ends: two inquiries that expire together are answered one pass apart.
+ */
 bool stillListed(const EvMsgRecordEntry_t* entry) {
     return entry != nullptr && entry->state != EMP_E_EVMSG_RECORD_ST_NOT_USED;
 }

@@ -5,7 +5,11 @@
 #ifndef EMP_ARCHIVER_RESPONSE_TIMER_H
 #define EMP_ARCHIVER_RESPONSE_TIMER_H
 
-/** Call once a pass. Counts the time of every pending message down and answers what has expired. */
+/**
+ * Call once a pass. Counts the time of pending inquiries down and answers those that have expired;
+ * events on the forward list have no time. What lies behind a record that was freed waits for the
+ * next pass.
+ */
 void empProcessResponseTimeout();
 
 #endif

@@ -1,7 +1,7 @@
 #include "fault/control_image.h"
 
 #include "diag/debug_line.h"
-#include "fault/report.h"
+#include "fault/report_label.h"
 #include "state/control.h"
 #include "state/text64.h"
 

@@ -4,6 +4,7 @@
 #include "diag/hex_dump.h"
 #include "fault/control_image.h"
 #include "fault/log_file_dump.h"
+#include "fault/report_label.h"
 #include "state/control.h"
 
 #include <algorithm>
@@ -56,7 +57,7 @@ void reportIndex() {
     empDebugLine(EMP_REPORT_LABEL "= 0X\n[0]\n", "eventEntryDatabase");
     for (U32_t i = 0; i < EMP_INDEX_ENTRIES; i++) {
         const EmpEvDatabase_t& entry = eventEntryDatabase[i];
-        // KEEP: every word has a time stamp of its own; readers of old traces know the lines so.
+        // KEEP: every word has a time stamp of its own.
         empDebugLine("%08X ", (U32_t{entry.evFlag} << 24U) | entry.evOffset);
         U32_t n = i + 1;
         if (n % 128 == 0) {

@@ -6,9 +6,6 @@
 #ifndef EMP_FAULT_REPORT_H
 #define EMP_FAULT_REPORT_H
 
-/** The label column of a report line: the equals sign stands in column 56. */
-#define EMP_REPORT_LABEL "%-56s"
-
 /** Where and what, in a frame. */
 void empReportError(const char* fileName, int lineNo, const char* fnName, const char* message);
 

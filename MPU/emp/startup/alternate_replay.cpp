@@ -18,7 +18,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// The lines of this file name the function without its last letter, as they always did.
+// KEEP: the lines of this file name the function without its last letter.
 
 namespace {
 

@@ -4,9 +4,9 @@
 #include "diag/debug_line.h"
 #include "diag/hex_dump.h"
 #include "emp_mesgs.h"
+#include "store/find.h"
 #include "store/log_file.h"
 #include "store/record.h"
-#include "store/scan.h"
 
 #include <cstring>
 #include <unistd.h>
@@ -311,7 +311,7 @@ Append_t beginAppend(const MMSG_t* mmsgPtr) {
     U16_t structLength = append.event->evLogHdr.evStructLength;
     append.newEvRecord.evRdSignature = EMP_RECORD_SIGNATURE;
     append.newEvRecord.evRdVersion = EMP_RECORD_VERSION;
-    memcpy(append.newEvRecord.evEnclosureId, &append.event->evLogHdr, EMP_EVENT_HEADER_SIZE);
+    memcpy(empCoveredBytes(&append.newEvRecord), &append.event->evLogHdr, EMP_EVENT_HEADER_SIZE);
     append.newEvRecord.evRdCRCChecksum =
         computeCRC32(&append.event->evLogHdr, U32_t{EMP_EVENT_HEADER_SIZE} + structLength);
     append.newEventEntryLen = static_cast<U16_t>(structLength + EMP_RECORD_SIZE);

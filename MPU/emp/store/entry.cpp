@@ -2,6 +2,7 @@
 
 #include "diag/hex_dump.h"
 #include "store/log_file.h"
+#include "store/record.h"
 
 #include <cstring>
 
@@ -37,5 +38,5 @@ void empReadRecordData(const EmpEvRecord_t* record, void* to, EmpSite_t site) {
 }
 
 void empCopyEventHeader(EmpEvLogHeader_t* to, const EmpEvRecord_t* from) {
-    memcpy(to, reinterpret_cast<const U8_t*>(from) + EMP_CRC_START, EMP_EVENT_HEADER_SIZE);
+    memcpy(to, empCoveredBytes(from), EMP_EVENT_HEADER_SIZE);
 }

@@ -4,13 +4,14 @@
  * signature bytes; the outcome, the debug lines, the hex dumps, the final content of the work space
  * and the file position are those of the search byte by byte.
  */
+#include "store/find.h"
+
 #include "altEventLog.h"
 #include "diag/debug_line.h"
 #include "diag/hex_dump.h"
 #include "mmsg.h"
 #include "store/log_file.h"
 #include "store/record.h"
-#include "store/scan.h"
 
 #include <cstring>
 #include <unistd.h>
@@ -117,7 +118,7 @@ Verdict_e judgeCandidate(const Search_t& search) {
         }
         covered += structLength;
     }
-    U32_t calculated = computeCRC32(record->evEnclosureId, covered);
+    U32_t calculated = computeCRC32(empCoveredBytes(record), covered);
     if (calculated == record->evRdCRCChecksum) {
         return VALID;
     }
@@ -182,6 +183,9 @@ EMP_CODE_e findRecord(Search_t& search) {
                    record->evRdVersion <= EMP_RECORD_VERSION &&
                    record->evType <= EMP_E_TYPE_ERROR &&
                    record->evSource > MMSG_E_MAX_DEFINED_EPIDS) {
+            // The report shows the file from where the read of this header has left it.
+            empLogSeek(static_cast<S64_t>(search.offset) + EMP_RECORD_SIZE, EMP_HERE_IN(FIND),
+                       LSEEK_CALL_FAILS);
             EMP_BUGCHECK(
                 EMP_HERE_IN(FIND),
                 "Bad Event Source [%d] in the Corrupted Event Log File! Please Delete the File.",

@@ -66,7 +66,7 @@ void writeZeroTail(U32_t offset) {
 void writeDummyHeader(U32_t length) {
     U16_t structLength = length <= EMP_DUMMY_TO_END ? static_cast<U16_t>(length) : U16_t{0xFFFF};
     EmpEvRecord_t* record = buildOwnRecord(EMP_E_ID_EVENTMGRMP_DUMMY, 0, structLength);
-    record->evRdCRCChecksum = computeCRC32(record->evEnclosureId, EMP_EVENT_HEADER_SIZE);
+    record->evRdCRCChecksum = computeCRC32(empCoveredBytes(record), EMP_EVENT_HEADER_SIZE);
     empDebugLine("empWriteDummyEntryToLogFile(): Dummy Entry CRCChecksum = [0x%X].\n",
                  U32_t{record->evRdCRCChecksum});
     empLogWrite(record, EMP_RECORD_SIZE, EMP_HERE_IN(DUMMY_ENTRY));
@@ -95,7 +95,7 @@ void empWriteFirstEventEntryToLogFile() {
     auto* data = reinterpret_cast<EmpEventData_t*>(eventEntryWorkSpace + EMP_RECORD_SIZE);
     memcpy(data->random, empControl.empEnclosureId, sizeof(data->random));
     record->evRdCRCChecksum =
-        computeCRC32(record->evEnclosureId, EMP_EVENT_HEADER_SIZE + sizeof(EmpEventData_t));
+        computeCRC32(empCoveredBytes(record), EMP_EVENT_HEADER_SIZE + sizeof(EmpEventData_t));
     U32_t sequenceId = empControl.empSequenceId++;
 
     empLogSeek(0, EMP_HERE_IN(FIRST_ENTRY));

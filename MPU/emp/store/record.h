@@ -12,6 +12,15 @@
 /** Whether a record is a dummy entry: source 27 and id 1, nothing else. */
 bool empIsDummy(const EmpEvRecord_t* record);
 
+/** What the checksum covers of a record, from its enclosure id on; event messages carry these
+ * bytes. */
+inline const U8_t* empCoveredBytes(const EmpEvRecord_t* record) {
+    return reinterpret_cast<const U8_t*>(record) + EMP_CRC_START;
+}
+inline U8_t* empCoveredBytes(EmpEvRecord_t* record) {
+    return reinterpret_cast<U8_t*>(record) + EMP_CRC_START;
+}
+
 /** Whether @p offset + @p length lies beyond the end of the log file. */
 constexpr bool empBeyondLogEnd(U32_t offset, U32_t length) {
     return U64_t{offset} + length > EMP_LOG_FILE_SIZE;

@@ -1,7 +1,9 @@
 #include "store/scan.h"
 
 #include "diag/debug_line.h"
+#include "state/control.h"
 #include "state/text64.h"
+#include "store/find.h"
 #include "store/log_file.h"
 #include "store/record.h"
 

@@ -355,6 +355,7 @@ TEST_F(Create, FailedCmapMappingSaysWhy) {
               "   Permission denied\n");
     EXPECT_EQ(shmid, -1);
     EXPECT_EQ(pCmapParams, nullptr);
+    EXPECT_EQ(shmget(key, 0, 0), -1); // the new segment is gone
 }
 
 TEST_F(Create, FailedSemaphoreEndsTheProcessWith8) {

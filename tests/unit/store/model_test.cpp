@@ -2,6 +2,7 @@
  * Thousands of random appends, with restarts between them, compared with the model after each one.
  */
 #include "model_fixture.h"
+#include "store/find.h"
 
 #include <algorithm>
 
