@@ -24,8 +24,9 @@ struct ListOptions {
 
 /** Oldest first: the ring's oldest records lie behind its newest ones. */
 void sortByAge(std::vector<EvlogRecord_t>& records) {
-    std::ranges::stable_partition(
-        records, [](const EvlogRecord_t& record) { return record.role == EVLOG_E_ROLE_OLDEST; });
+    std::stable_partition(records.begin(), records.end(), [](const EvlogRecord_t& record) {
+        return record.role == EVLOG_E_ROLE_OLDEST;
+    });
 }
 
 int runList(const ListOptions& options) {
