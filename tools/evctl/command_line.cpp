@@ -11,8 +11,9 @@ namespace {
 constexpr char PROGRAM[] = "evctl";
 
 /** A new subcommand is one more file and one more line here. */
-constexpr AddCommand COMMANDS[] = {addLogCommand, addFollowCommand, addFileCommands,
-                                   addParamsCommands};
+constexpr AddCommand COMMANDS[] = {addLogCommand,   addFollowCommand,    addGetCommands,
+                                   addWalkCommand,  addArchiverCommands, addStatusCommand,
+                                   addFileCommands, addArchiveCommands,  addParamsCommands};
 
 int runChosen(const Chosen& chosen) {
     try {
@@ -29,7 +30,7 @@ int runChosen(const Chosen& chosen) {
 } // namespace
 
 int runCommandLine(int argc, const char* const* argv) {
-    CLI::App app("Log, follow and show the events of the blade.", PROGRAM);
+    CLI::App app("Log, follow, ask for and show the events of the blade.", PROGRAM);
     tools::setUpCommandLine(app, "'evctl SUBCOMMAND --help' describes a subcommand.");
     app.require_subcommand(1);
     Chosen chosen;

@@ -42,11 +42,16 @@ void onChosen(CLI::App& command, Chosen& chosen, std::shared_ptr<Options> option
 
 void addLogCommand(CLI::App& parent, Chosen& chosen);
 void addFollowCommand(CLI::App& parent, Chosen& chosen);
+void addGetCommands(CLI::App& parent, Chosen& chosen);
+void addWalkCommand(CLI::App& parent, Chosen& chosen);
+void addArchiverCommands(CLI::App& parent, Chosen& chosen);
+void addStatusCommand(CLI::App& parent, Chosen& chosen);
 void addFileCommands(CLI::App& parent, Chosen& chosen);
 void addFileListCommand(CLI::App& parent, Chosen& chosen);
 void addFileShowCommand(CLI::App& parent, Chosen& chosen);
 void addFileVerifyCommand(CLI::App& parent, Chosen& chosen);
 void addFileInfoCommand(CLI::App& parent, Chosen& chosen);
+void addArchiveCommands(CLI::App& parent, Chosen& chosen);
 void addParamsCommands(CLI::App& parent, Chosen& chosen);
 
 } // namespace evctl

@@ -2,10 +2,10 @@
 #include "evctl/commands.h"
 #include "evctl/event_filter.h"
 #include "evctl/event_message.h"
+#include "evctl/event_output.h"
 #include "evctl/options.h"
 
 #include <iostream>
-#include <nlohmann/json.hpp>
 
 namespace evctl {
 namespace {
@@ -18,23 +18,10 @@ struct FollowOptions {
     SwitchOptions where;
     U32_t endpoint = MMSG_E_EPID_SMI_IND;
     EventFilter filter;
-    bool json = false;
-    bool data = false;
+    OutputOptions output;
     U64_t count = 0;    // 0: without end
     double timeout = 0; // seconds; 0: without end
 };
-
-void print(const EventView& event, const FollowOptions& options) {
-    if (options.json) {
-        std::cout << jsonLine(eventJson(event)) << std::flush;
-        return;
-    }
-    std::cout << eventLine(event) << "\n";
-    if (options.data) {
-        std::cout << hexDump(event.data);
-    }
-    std::cout << std::flush;
-}
 
 Deadline deadlineOf(const FollowOptions& options) {
     if (options.timeout <= 0) {
@@ -59,7 +46,7 @@ int runFollow(const FollowOptions& options) {
             std::cerr << "evctl: event message of " << message->size() << " bytes is too short\n";
             status = tools::EXIT_FINDING;
         } else if (kind == MessageKind::EVENT && options.filter.matches(*event.header)) {
-            print(event, options);
+            printEvent(event, options.output);
             printed++;
         }
     }
@@ -76,8 +63,7 @@ void addFollowCommand(CLI::App& parent, Chosen& chosen) {
     addNamedOption(command, "--endpoint", options->endpoint, tools::endpointNames,
                    MMSG_E_MAX_DEFINED_EPIDS - 1, "Endpoint to listen as");
     addFilterOptions(command, options->filter);
-    command.add_flag("--json", options->json, "One JSON object a line");
-    command.add_flag("--data", options->data, "A hex dump of its data below each event");
+    addOutputOptions(command, options->output);
     command.add_option("--count", options->count, "End after this many events [without end]")
         ->type_name("NUMBER")
         ->check(CLI::PositiveNumber);

@@ -1,0 +1,198 @@
+/** evctl walk: all events of a log, asked for one after the other. */
+#include "evctl/commands.h"
+#include "evctl/copies.h"
+#include "evctl/event_filter.h"
+#include "evctl/event_message.h"
+#include "evctl/event_output.h"
+#include "evctl/inquiry.h"
+
+#include <charconv>
+#include <iostream>
+
+namespace evctl {
+namespace {
+
+constexpr char EXAMPLES[] =
+    "Examples:\n"
+    "  evctl walk --key 0x1234 --type error\n"
+    "  evctl walk --dir /tmp/msm --after 1:4711 --follow --json\n"
+    "  evctl walk --key 0x1234 --enclosure ENC-2 --blade BLADE-9 --slot 1 --instance 1";
+
+struct WalkOptions {
+    RequestOptions request;
+    IdentityOptions identity;
+    std::optional<U32_t> after; // its instance is in identity
+    bool follow = false;
+    EventFilter filter;
+    OutputOptions output;
+};
+
+class Walk {
+  public:
+    Walk(const WalkOptions& options, Copies* copies)
+        : options_(options), copies_(copies), requester_(options.request) {}
+
+    int run();
+
+  private:
+    int walkOn();
+    bool findStart();
+    void show(const EventView& event);
+    int end(const InquiryAnswer& refusal);
+    void follow();
+    std::string whereToGoOn() const;
+
+    const WalkOptions& options_;
+    Copies* copies_; // nothing: does not follow
+    Requester requester_;
+    LogPosition shown_;
+    bool started_ = false; // shown_.sequenceId means something
+};
+
+std::string Walk::whereToGoOn() const {
+    return "; go on with --after " + std::to_string(shown_.log.instance) + ":" +
+           std::to_string(shown_.sequenceId);
+}
+
+void Walk::show(const EventView& event) {
+    if (options_.filter.matches(*event.header)) {
+        printEvent(event, options_.output);
+    }
+}
+
+/** @return false when there is no first event, which has been said */
+bool Walk::findStart() {
+    shown_.log = resolveIdentity(requester_, options_.identity, options_.request.where);
+    if (options_.after) {
+        shown_.sequenceId = *options_.after;
+        started_ = true;
+        return true;
+    }
+    bool named = options_.identity.given();
+    InquiryAnswer first =
+        inquire(requester_, EMP_E_INQUIRY_TYPE_FIRST, named ? shown_.log : LogIdentity{}, 0);
+    if (!first.found()) {
+        sayNotFound(first);
+        return false;
+    }
+    // For its own enclosure and slot the event manager answers whatever the blade and instance are.
+    if (named && identityOf(*first.event().header) != shown_.log) {
+        std::cerr << "evctl: the first event that came is of another log\n";
+        return false;
+    }
+    show(first.event());
+    shown_.sequenceId = first.event().header->evSequenceId;
+    started_ = true;
+    return true;
+}
+
+/**
+ * No next event: either the log ends here, or nobody is asked any more. Then the event that the
+ * walk stands on, which is there for certain, is not to be had either.
+ */
+int Walk::end(const InquiryAnswer& refusal) {
+    if (refusal.returnCode != EMP_E_RESPONSE_FAILURE) {
+        return sayNotFound(refusal, whereToGoOn());
+    }
+    InquiryAnswer here =
+        inquire(requester_, EMP_E_INQUIRY_TYPE_EXACT, shown_.log, shown_.sequenceId);
+    if (here.found()) {
+        return tools::EXIT_DONE;
+    }
+    std::cerr << "evctl: the event manager refuses inquiries about this log, or its event "
+              << shown_.sequenceId
+              << " is gone: an event manager relays 64 inquiries to its archiver in its life"
+              << whereToGoOn() << "\n";
+    return tools::EXIT_FINDING;
+}
+
+int Walk::walkOn() {
+    for (;;) {
+        if (copies_ != nullptr) {
+            copies_->takeIn(shown_);
+        }
+        InquiryAnswer answer =
+            inquire(requester_, EMP_E_INQUIRY_TYPE_NEXT, shown_.log, shown_.sequenceId);
+        if (!answer.found()) {
+            return end(answer);
+        }
+        U32_t id = answer.event().header->evSequenceId;
+        if (id <= shown_.sequenceId) {
+            return tools::EXIT_DONE;
+        }
+        show(answer.event());
+        shown_.sequenceId = id;
+    }
+}
+
+void Walk::follow() {
+    for (;;) {
+        Bytes message = copies_->next(shown_);
+        EventView event{};
+        readEventMessage(message, &event);
+        show(event);
+        shown_.moveTo(*event.header);
+    }
+}
+
+int Walk::run() {
+    try {
+        if (!findStart()) {
+            return tools::EXIT_FINDING;
+        }
+        if (int status = walkOn(); status != tools::EXIT_DONE || copies_ == nullptr) {
+            return status;
+        }
+        follow();
+        return tools::EXIT_DONE;
+    } catch (const SessionError& problem) {
+        throw SessionError(problem.what() + (started_ ? whereToGoOn() : ""));
+    }
+}
+
+int runWalk(const WalkOptions& options) {
+    std::optional<Copies> copies;
+    if (options.follow) {
+        // Before anything is asked: what the walk does not find any more comes as a copy.
+        copies.emplace(switchDirectory(options.request.where));
+    }
+    return Walk(options, copies ? &*copies : nullptr).run();
+}
+
+void parseAfter(const std::string& text, WalkOptions& options) {
+    auto number = [&text](const std::string& part) {
+        U32_t value = 0;
+        const char* end = part.data() + part.size();
+        auto [stop, error] = std::from_chars(part.data(), end, value);
+        if (error != std::errc() || stop != end) {
+            throw CLI::ValidationError("--after", "'" + text + "' is not INSTANCE:ID");
+        }
+        return value;
+    };
+    size_t colon = text.find(':');
+    options.identity.instance = number(text.substr(0, colon));
+    options.after = number(colon == std::string::npos ? "" : text.substr(colon + 1));
+}
+
+} // namespace
+
+void addWalkCommand(CLI::App& parent, Chosen& chosen) {
+    auto options = std::make_shared<WalkOptions>();
+    CLI::App& command =
+        addCommand(parent, "walk", "Print all events of a log, oldest first.", EXAMPLES);
+    addRequestOptions(command, options->request);
+    addIdentityOptions(command, options->identity);
+    command
+        .add_option_function<std::string>(
+            "--after", [options](const std::string& text) { parseAfter(text, *options); },
+            "Begin behind this event instead of with the first one")
+        ->type_name("INSTANCE:ID")
+        ->excludes("--instance");
+    command.add_flag("--follow", options->follow,
+                     "Go on with new events as the event manager takes them in");
+    addFilterOptions(command, options->filter);
+    addOutputOptions(command, options->output);
+    onChosen(command, chosen, options, runWalk);
+}
+
+} // namespace evctl
