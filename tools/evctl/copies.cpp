@@ -37,25 +37,26 @@ void Copies::keep(Bytes message) {
     }
 }
 
-void Copies::takeIn(const LogPosition& shown) {
-    while (std::optional<Bytes> message = session_.receive(Clock::now())) {
-        keep(*std::move(message));
-    }
+void Copies::forget(const LogPosition& shown) {
     while (!kept_.empty() && !shown.isBefore(headerOf(kept_.front()))) {
         kept_.pop_front();
     }
 }
 
+void Copies::takeIn(const LogPosition& shown) {
+    while (std::optional<Bytes> message = session_.receive(Clock::now())) {
+        keep(*std::move(message));
+    }
+    forget(shown);
+}
+
 Bytes Copies::next(const LogPosition& shown) {
-    for (;;) {
-        takeIn(shown);
-        if (!kept_.empty()) {
-            Bytes message = std::move(kept_.front());
-            kept_.pop_front();
-            return message;
-        }
+    for (forget(shown); kept_.empty(); forget(shown)) {
         keep(*session_.receive(std::nullopt));
     }
+    Bytes message = std::move(kept_.front());
+    kept_.pop_front();
+    return message;
 }
 
 } // namespace evctl

@@ -38,6 +38,7 @@ class Copies {
 
   private:
     void keep(Bytes message);
+    void forget(const LogPosition& shown);
 
     Session session_;
     std::deque<Bytes> kept_; // whole event messages

@@ -99,10 +99,10 @@ int Walk::end(const InquiryAnswer& refusal) {
     if (here.found()) {
         return tools::EXIT_DONE;
     }
-    std::cerr << "evctl: the event manager refuses inquiries about this log, or its event "
-              << shown_.sequenceId
-              << " is gone: an event manager relays 64 inquiries to its archiver in its life"
-              << whereToGoOn() << "\n";
+    std::cerr
+        << "evctl: the event manager refuses further inquiries about this log (no archiver, or "
+           "64 relayed in its life already), or event "
+        << shown_.sequenceId << " is gone" << whereToGoOn() << "\n";
     return tools::EXIT_FINDING;
 }
 

@@ -19,6 +19,19 @@ const std::vector<std::vector<std::string>> ALL_COMMANDS = {
     {},
     {"log"},
     {"follow"},
+    {"get"},
+    {"get", "first"},
+    {"get", "last"},
+    {"get", "next"},
+    {"get", "previous"},
+    {"get", "exact"},
+    {"walk"},
+    {"archiver"},
+    {"archiver", "set"},
+    {"status"},
+    {"archive"},
+    {"archive", "list"},
+    {"archive", "check"},
     {"file"},
     {"file", "list"},
     {"file", "show"},
@@ -64,6 +77,9 @@ TEST(CommandLine, NoSubcommandIsRefused) {
     expectRefused({}, "subcommand");
     expectRefused({"file"}, "subcommand");
     expectRefused({"params"}, "subcommand");
+    expectRefused({"get"}, "subcommand");
+    expectRefused({"archiver"}, "subcommand");
+    expectRefused({"archive"}, "subcommand");
     expectRefused({"nonsense"}, "subcommand");
 }
 
@@ -71,6 +87,68 @@ TEST(CommandLine, OneOfDirAndKeyIsNeeded) {
     expectRefused({"log", "--id", "1"}, "--dir");
     expectRefused({"follow"}, "--dir");
     expectRefused({"follow", "--dir", "/tmp", "--key", "1234"}, "--key");
+}
+
+TEST(CommandLine, GetTakesAnIdOnlyWhereItMeansSomething) {
+    for (const char* mode : {"next", "previous", "exact"}) {
+        expectRefused({"get", mode, "--dir", "/nowhere"}, "ID");
+        expectRefused({"get", mode, "--dir", "/nowhere", "4294967296"}, "ID");
+        expectRefused({"get", mode, "--dir", "/nowhere", "x"}, "ID");
+        expectRefused({"get", mode, "--dir", "/nowhere", "4294967295"}, "/nowhere/snmp: No such");
+    }
+    for (const char* mode : {"first", "last"}) {
+        expectRefused({"get", mode, "--dir", "/nowhere", "5"}, "5");
+        expectRefused({"get", mode, "--dir", "/nowhere"}, "/nowhere/snmp: No such file");
+    }
+}
+
+TEST(CommandLine, IdentityHasTextsOf64BytesAtMost) {
+    std::vector<std::string> walk = {"walk", "--dir", "/nowhere"};
+    expectRefused(with(with(walk, "--enclosure"), std::string(65, 'e')), "1 to 64 bytes");
+    expectRefused(with(with(walk, "--enclosure"), std::string(64, 'e')), "/nowhere/snmp");
+    expectRefused(with(with(walk, "--blade"), ""), "1 to 64 bytes");
+    expectRefused(with(with(walk, "--slot"), "-1"), "--slot");
+    expectRefused(with(with(walk, "--instance"), "4294967296"), "--instance");
+}
+
+TEST(CommandLine, AfterIsInstanceAndId) {
+    std::vector<std::string> walk = {"walk", "--dir", "/nowhere", "--after"};
+    for (const char* text :
+         {"5", ":", "1:", ":5", "1:5:6", "-1:5", "1:-5", "1:4294967296", "a:b"}) {
+        expectRefused(with(walk, text), "is not INSTANCE:ID");
+    }
+    expectRefused(with(walk, "0:4294967295"), "/nowhere/snmp: No such file");
+    expectRefused(with(with(with(walk, "1:5"), "--instance"), "1"), "--instance");
+}
+
+TEST(CommandLine, WalkThatFollowsListensFirst) {
+    expectRefused({"walk", "--dir", "/nowhere", "--follow"}, "/nowhere/smi_ind: No such file");
+}
+
+TEST(CommandLine, ArchiverIsHostAndPortOrOff) {
+    std::vector<std::string> set = {"archiver", "set", "--dir", "/nowhere"};
+    expectRefused(set, "ARCHIVER");
+    for (const char* text : {"on", "9000", ":9000", ""}) {
+        expectRefused(with(set, text), "neither HOST:PORT nor off");
+    }
+    for (const char* text : {"127.0.0.1:", "127.0.0.1:0", "127.0.0.1:65536", "127.0.0.1:9x"}) {
+        expectRefused(with(set, text), "number from 1 to 65535");
+    }
+    expectRefused(with(set, "0.0.0.0:9000"), "no address of a host");
+    expectRefused(with(set, "127.0.0.1:65535"), "/nowhere/snmp: No such file");
+    expectRefused(with(set, "off"), "/nowhere/snmp: No such file");
+}
+
+TEST(CommandLine, TimeoutsArePositive) {
+    expectRefused({"status", "--dir", "/nowhere", "--timeout", "0"}, "--timeout");
+    expectRefused({"status", "--dir", "/nowhere", "--endpoint", "smis"}, "/nowhere/smis: No such");
+}
+
+TEST(CommandLine, ArchiveThatIsNotThereCannot) {
+    for (const char* command : {"list", "check"}) {
+        expectRefused({"archive", command}, "--db");
+        expectRefused({"archive", command, "--db", "/nowhere/events.db"}, "evctl: ");
+    }
 }
 
 TEST(CommandLine, KeysBelow100AndNonsenseAreRefused) {
@@ -158,7 +236,7 @@ TEST(CommandLine, ManualNamesEveryOption) {
             options.insert(at->str());
         }
     }
-    EXPECT_GE(options.size(), 20U);
+    EXPECT_GE(options.size(), 28U);
     for (const std::string& option : options) {
         std::string quoted = std::regex_replace(option, std::regex("-"), "\\-");
         EXPECT_THAT(manual, HasSubstr(quoted));
