@@ -172,6 +172,37 @@ TEST_F(ResponseTimer, FreedRecordEndsTheForwardWalkToo) {
     EXPECT_THAT(replies(), ElementsAre(timeoutReply(1), timeoutReply(2)));
 }
 
+TEST_F(ResponseTimer, InquiryBehindAQueuedEventIsAnswered) {
+    EvMsgRecordEntry_t* event = empEvMsgTake({1, "test"});
+    event->state = EMP_E_EVMSG_RECORD_ST_PARTIAL_FORWARD;
+    event->evMsgType = 1;
+    empEvMsgPush(&EvMsgRecordForwardList, event);
+    empControl.forwardPendingListCount = 1;
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_FULL);
+    relay();
+    ASSERT_THAT(listed(&EvMsgRecordForwardList), testing::SizeIs(2));
+    ASSERT_EQ(EvMsgRecordForwardList, event);
+    passes(15);
+    EXPECT_TRUE(replies().empty());
+    passes(1);
+    EXPECT_THAT(replies(), ElementsAre(timeoutReply()));
+    EXPECT_THAT(listed(&EvMsgRecordForwardList), ElementsAre(event));
+}
+
+TEST_F(ResponseTimer, PartlySentInquiryDoesNotEndTheWalk) {
+    bench.archiverTakes = {10};
+    relay(1);
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_FULL);
+    relay(2);
+    ASSERT_THAT(listed(&EvMsgRecordForwardList), testing::SizeIs(2));
+    passes(15);
+    EXPECT_TRUE(replies().empty());
+    passes(1);
+    EXPECT_THAT(replies(), ElementsAre(timeoutReply(1), timeoutReply(2)));
+    ASSERT_THAT(listed(&EvMsgRecordForwardList), testing::SizeIs(1));
+    EXPECT_EQ(EvMsgRecordForwardList->handle, 1U);
+}
+
 TEST_F(ResponseTimer, BothListsAreWalkedInOnePass) {
     relay(1);
     setLink(EMP_E_ARCHIVER_SOCKET_ST_FULL);

@@ -1,5 +1,6 @@
 #include "archiver/stream.h"
 
+#include "archiver/message.h"
 #include "link_bench.h"
 
 #include <algorithm>
@@ -50,6 +51,44 @@ TEST_F(ArchiverStream, LongestBodyIsReadWhole) {
     EXPECT_TRUE(empReceiveEventArchiverMsg());
     EXPECT_EQ(bench.recvCalls[1].length, 65'551U);
     EXPECT_EQ(inMsg(message.size()), message);
+}
+
+/** An answer whose body is as long as any may be: @p structLength announced, 3912 bytes there. */
+Bytes longestAnswer(size_t structLength, U32_t handle) {
+    return archiverMessage(1, eventHeader(9, structLength) + counting(3912), 1, handle);
+}
+
+TEST_F(ArchiverStream, BodyOf4064BytesIsReadAndHandedOn) {
+    // With an unknown handle; with data that no event may have; with the longest that one may.
+    const struct {
+        U32_t handle;
+        size_t structLength;
+        size_t answers;
+    } cases[] = {{78, 3848, 0}, {78, 3912, 0}, {77, 3849, 0}, {77, 3912, 0}, {77, 3848, 1}};
+    EvMsgRecordEntry_t* asked = empEvMsgTake({1, "test"});
+    asked->handle = 77;
+    asked->requestor = 29;
+    asked->evInquiryType = EMP_E_INQUIRY_TYPE_FIRST;
+    empEvMsgPush(&EvMsgRecordResponseList, asked);
+    for (const auto& test : cases) {
+        EXPECT_THAT(listed(&EvMsgRecordResponseList), testing::ElementsAre(asked));
+        Bytes message = longestAnswer(test.structLength, test.handle);
+        ASSERT_EQ(message.size(), 4080U);
+        bench.receives = {{headerOf(message)}, {message}};
+        ASSERT_TRUE(empReceiveEventArchiverMsg());
+        EXPECT_EQ(bench.recvCalls.back().length, 4080U);
+        EXPECT_EQ(inMsg(4080), message);
+        linesOf([] {
+            empProcEventArchiverMsg(
+                reinterpret_cast<const EmpEvArchiverMsg_t*>(empControl.empInMsg));
+        });
+        EXPECT_EQ(bench.printedMessages.back(), message);
+        EXPECT_EQ(sentTo(MSM_SOCKET).size(), test.answers);
+    }
+    EXPECT_EQ(empControl.EAmsgEventLogMsgReceive, 5U);
+    EXPECT_THAT(sentTo(MSM_SOCKET), testing::ElementsAre(replyHeader(2, 4064, 1, 29, 77) +
+                                                         eventHeader(9, 3848) + counting(3848)));
+    EXPECT_EQ(EvMsgRecordResponseList, nullptr);
 }
 
 TEST_F(ArchiverStream, EveryIncompleteHeaderCloses) {

@@ -82,6 +82,24 @@ TEST_F(InquiryBugCheck, SignatureIsDumpedExceptForExact) {
     }
 }
 
+TEST_F(InquiryBugCheck, SlotThatWasNeverFilledPointsToOffsetZero) {
+    for (const Sites& sites : {allSites[0], allSites[4]}) {
+        setRange(500, 501);
+        const Bytes nothing(160, 0);
+        ASSERT_EQ(pwrite(empControl.eventLogFileFd, nothing.data(), 160, 0), 160);
+        BugCheck bugCheck = bugCheckOf([&] {
+            empRcvEventInquiryMsg(received(localMessage(2, inquiryBody(sites.type, 7, ""))));
+        });
+        EXPECT_EQ(bugCheck.line, sites.type == FIRST ? 5738 : 6657);
+        EXPECT_EQ(bugCheck.function, "empRcvEventInquiryMsg");
+        EXPECT_EQ(bugCheck.message,
+                  sites.type == FIRST ? "empStartSequenceId = [500] points to invalid Event Entry?"
+                                      : "Start points to invalid Event Entry?");
+        EXPECT_THAT(output, EndsWith("emp place.\n" + hexDumpOf(nothing)));
+        EXPECT_TRUE(bench.sends.empty());
+    }
+}
+
 TEST_F(InquiryBugCheck, ReadingTheData) {
     for (const Sites& sites : allSites) {
         bench.failRead = 2;

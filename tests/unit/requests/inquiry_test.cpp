@@ -1,5 +1,6 @@
 #include "requests/inquiry.h"
 
+#include "dispatch.h"
 #include "inquiry_fixture.h"
 
 #include <cstring>
@@ -22,6 +23,22 @@ TEST_F(Inquiry, ResponseIsIgnored) {
     }
     EXPECT_TRUE(bench.sends.empty());
     EXPECT_EQ(empControl.mmsgEventInquiryMsgInvalid, 0U);
+}
+
+TEST_F(Inquiry, ResponseChangesNothingButTheCountOfMessages) {
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    for (U32_t type : {FIRST, NEXT, EXACT, PREVIOUS, LAST, 6U}) {
+        MMSG_t* response = received(localMessage(2, inquiryBody(type, 104, "ENC-2"), 29, 0x40));
+        // Byte for byte, with what lies between the fields.
+        Bytes expected(sizeof(empControl));
+        empControl.mmsgEventInquiryMsgReceive++;
+        memcpy(expected.data(), &empControl, sizeof(empControl));
+        empControl.mmsgEventInquiryMsgReceive--;
+        linesOf([&] { empProcEventMmsgMsg(response); });
+        EXPECT_EQ(memcmp(expected.data(), &empControl, sizeof(empControl)), 0) << "type " << type;
+    }
+    EXPECT_EQ(empControl.mmsgEventInquiryMsgReceive, 6U);
+    EXPECT_TRUE(bench.sends.empty());
 }
 
 TEST_F(Inquiry, UnknownTypeIsCountedAfterTheHeaderAndGetsNoReply) {
@@ -95,6 +112,21 @@ TEST_F(Inquiry, IdsWithoutANulAreComparedOver64Bytes) {
                           "empRcvEventInquiryMsg(): evEnclosureId = [" +
                           other + "]\n"));
     EXPECT_EQ(empControl.mmsgEventResponseMsgSendFail, 1U);
+}
+
+TEST_F(Inquiry, RefusedRelayIsAFailureReplyThoughTheFlagIsSet) {
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    empControl.responsePendingListCount = 64;
+    for (U32_t type : {FIRST, NEXT, EXACT, PREVIOUS, LAST}) {
+        bench.sends.clear();
+        EXPECT_THAT(ask(localMessage(2, inquiryBody(type, 104, "ENC-2", "BLADE-2"))),
+                    EndsWith(failureLines()));
+        EXPECT_THAT(replies(), ElementsAre(failure(104, "ENC-2", "BLADE-2"))) << "type " << type;
+        EXPECT_TRUE(relayed().empty());
+    }
+    EXPECT_EQ(empControl.mmsgEventResponseMsgSendFail, 5U);
+    EXPECT_EQ(EvMsgRecordForwardList, nullptr);
+    EXPECT_EQ(EvMsgRecordResponseList, nullptr);
 }
 
 // --- FIRST ---------------------------------------------------------------------------------------
