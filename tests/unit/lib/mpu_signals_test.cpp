@@ -8,6 +8,7 @@
 #include "startup.h"
 
 #include <cerrno>
+#include <csetjmp>
 #include <cstring>
 #include <ucontext.h>
 #include <vector>
@@ -101,6 +102,9 @@ std::string padded(std::string name) {
     name.resize(20);
     return name;
 }
+
+/** Where abort() leads instead of to the end. */
+sigjmp_buf insteadOfTheEnd;
 
 const char* const installationTexts[] = {
     "     - Unable to set sigaction for illegal instruction event.\n",
@@ -272,6 +276,22 @@ TEST_F(Signals, SuccessDoesNotFlushStandardOutput) {
         raise(SIGTERM);
     });
     EXPECT_EQ(end.output, "");
+}
+
+TEST_F(Signals, SuccessAllocatesNothing) {
+    ChildEnd end = runInChild([] {
+        handleUnexpectedSignals();
+        signal(SIGABRT, [](int) { siglongjmp(insteadOfTheEnd, 1); });
+        const int counted = allocationsOf([] { free(strdup("counted")); });
+        const int taken = allocationsOf([] {
+            if (sigsetjmp(insteadOfTheEnd, 1) == 0) {
+                raise(SIGTERM);
+            }
+        });
+        _exit(counted > 0 ? taken : 99);
+    });
+    EXPECT_TRUE(end.exitedWith(0)) << end.status;
+    checkFile(onlyFile(), end.pid);
 }
 
 TEST_F(Signals, SecondSignalDuringTheFirstAborts) {

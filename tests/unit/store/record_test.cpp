@@ -75,6 +75,27 @@ TEST_F(RecordTest, VersionAndReservedByteAreOutsideTheChecksum) {
     EXPECT_EQ(empFindValidEventEntry(0, &gap), EMP_E_OK);
 }
 
+TEST_F(RecordTest, SignatureIsOutsideTheChecksum) {
+    const Bytes good = encode(Record::event(5, 24));
+    Record other = Record::event(5, 24);
+    other.signature = 0x1234;
+    EXPECT_EQ(slice(encode(other), 4, 4), slice(good, 4, 4));
+    for (size_t at : {0U, 1U}) {
+        Bytes changed = good;
+        changed[at] ^= 0x01;
+        putImage(changed);
+        uint32_t gap = 1;
+        // No record any more, but not for its checksum: no line says that it does not match.
+        EXPECT_EQ(outputOf([&] {
+                      EXPECT_EQ(empFindValidEventEntry(0, &gap), EMP_E_GENERR);
+                  }).find("CRCChecksum"),
+                  std::string::npos);
+        // What the checksum covers is what it was.
+        EXPECT_EQ(computeCRC32(changed.data() + 8, static_cast<uint32_t>(changed.size() - 8)),
+                  logimage::get32(changed, 4));
+    }
+}
+
 // --- First entry ---
 
 TEST_F(RecordTest, FirstEntryIsTwoHundredBytes) {
