@@ -35,6 +35,14 @@ TEST_F(Connection, NoSocketIsABugCheck) {
     EXPECT_EQ(bugCheck.function, "opener");
 }
 
+TEST_F(Connection, FailedSocketStandsInTheControlBlock) {
+    // The report of the bug-check shows it.
+    bench.sockets = {-1};
+    bugCheckOf([] { empOpenEventArchiverSocket(site); });
+    EXPECT_EQ(empControl.socketFdEventArchiver, -1);
+    EXPECT_EQ(bench.nonBlocking, -1);
+}
+
 TEST_F(Connection, DescriptorThatNoSetHoldsIsNoSocket) {
     bench.sockets = {1023, 1024};
     empOpenEventArchiverSocket(site);

@@ -150,6 +150,32 @@ TEST_F(FindTest, BadEventSourceIsFatalWithoutAGoodChecksumAndWithVersionZero) {
     }
 }
 
+TEST_F(FindTest, BadEventSourceLeavesTheFileBehindItsHeader) {
+    Record record = Record::event(1, 40);
+    record.source = 40;
+    record.type = 2;
+    const struct {
+        size_t garbage;
+        uint32_t start;
+        int position;
+    } cases[] = {
+        {0, 0, 160}, {1000, 0, 1160}, {1000, 700, 1160}, {1000, 1000, 1160}, {70'000, 0, 70'160}};
+    for (const auto& test : cases) {
+        putImage(Image().fill(test.garbage, 1).add(encode(record)));
+        reopen();
+        ChildEnd end = expectBugCheck(
+            [&] {
+                uint32_t gap = 0;
+                empFindValidEventEntry(test.start, &gap);
+            },
+            "Bad Event Source [40] in the Corrupted Event Log File! Please Delete the File.", FIND);
+        EXPECT_NE(end.output.find("of Event Log File at current file position [" +
+                                  std::to_string(test.position) + "].\n"),
+                  std::string::npos)
+            << test.position;
+    }
+}
+
 TEST_F(FindTest, BadEventSourceWithAnUnknownTypeOrVersionIsPassedOver) {
     Record record = Record::event(1, 40);
     record.source = 40;
