@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <regex>
 #include <stdexcept>
@@ -184,6 +185,29 @@ TEST(Startup, NoticeToADeadPeerShowsItsLength) {
     expectReport(lines, "main", "Linux send function fails, sendSize = [64] is wrong");
     EXPECT_EQ(lines.find("sends the message to the Startup process"), std::string::npos);
     EXPECT_EQ(blade.alternateFiles(), 24U);
+}
+
+/** The 460 bytes that the last bug-check tells of the control block. */
+std::string controlImage(const Blade& blade) {
+    for (const auto& entry : std::filesystem::directory_iterator(blade.file("n/aelfiles"))) {
+        if (entry.file_size() == 160 + 460) {
+            return readFile(entry.path()).substr(160);
+        }
+    }
+    return "no image";
+}
+
+TEST(Startup, LoopBeginsWithAWaitOfOneSecond) {
+    Blade blade;
+    RunningEmp emp(blade);
+    emp.process.waitForOutput("Wait for Event Messages.");
+    emp.msm.close(); // the notice is still in it: a bug-check, whose report has the time
+    std::string output =
+        emp.expectBugCheck("main", "Linux recv function fails, MSG_PEEK readSize = [-1] is wrong");
+    const std::string label = "empControl.selectTimeout.tv_sec";
+    EXPECT_NE(output.find(label + std::string(56 - label.size(), ' ') + "= [1]\n"),
+              std::string::npos);
+    EXPECT_EQ(controlImage(blade).substr(0, 8), std::string("\0\0\0\1\0\0\0\0", 8));
 }
 
 TEST(Startup, LogFileIsMadeForItsOwner) {
