@@ -94,6 +94,10 @@ void addTestSwitches(CLI::App& app, Options& options, unsigned& late) {
         ->add_option("--receive-buffer", options.receiveBuffer,
                      "Bytes of the sockets' receive buffers; default: the system's choice")
         ->check(CLI::Range(1, 1'073'741'824));
+    tests
+        ->add_option("--segment-size", options.segmentSize,
+                     "Largest TCP segment in bytes; a small one keeps a blade's send buffer small")
+        ->check(CLI::Range(88, 32'767));
 }
 
 } // namespace

@@ -34,6 +34,7 @@ struct Options {
     U32_t answerLimit = 1'048'576;     ///< bytes of answers that wait for one link, at most
     std::chrono::seconds progress{10}; ///< between two progress lines; 0: none
     int receiveBuffer = 0;             ///< SO_RCVBUF in bytes; 0: the system's choice
+    int segmentSize = 0;               ///< TCP_MAXSEG in bytes; 0: the system's choice
     Misbehaviour misbehaviour;
 };
 

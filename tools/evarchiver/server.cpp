@@ -1,5 +1,9 @@
 #include "server.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
 namespace evarchive {
 namespace {
 
@@ -40,6 +44,11 @@ Server::Server(const Options& options, Archive& archive, Say say)
     if (options.receiveBuffer > 0) {
         // Before listen(): connections take the window scale that they get from it.
         acceptor_.set_option(asio::socket_base::receive_buffer_size(options.receiveBuffer));
+    }
+    if (options.segmentSize > 0) {
+        // A failure shows as segments of the usual size.
+        setsockopt(acceptor_.native_handle(), IPPROTO_TCP, TCP_MAXSEG, &options.segmentSize,
+                   sizeof(options.segmentSize));
     }
     acceptor_.bind(options.listen);
     if (!options.misbehaviour.refuse) {

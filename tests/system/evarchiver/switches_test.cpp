@@ -34,6 +34,12 @@ TEST_F(SwitchesTest, SmallReceiveBufferIsSoonerFull) {
     EXPECT_LT(narrow.sendUntilFull(), withDefault / 2);
 }
 
+TEST_F(SwitchesTest, SmallSegmentsKeepTheBladesSendBufferSmall) {
+    start({"--test-never-read", "--receive-buffer", "4096", "--segment-size", "536"});
+    BladeLink narrow(port_);
+    EXPECT_LT(narrow.sendUntilFull(), 400'000U);
+}
+
 TEST_F(SwitchesTest, ClosesAfterSoManyMessagesAndKeepsThem) {
     start({"--test-close-after", "4"});
     BladeLink link(port_);

@@ -77,6 +77,8 @@ TEST(CommandLine, EverySwitchArrives) {
                                     "2304",
                                     "--test-refuse",
                                     "--test-never-read",
+                                    "--segment-size",
+                                    "536",
                                     "--test-close-after",
                                     "9",
                                     "--test-late",
@@ -93,6 +95,7 @@ TEST(CommandLine, EverySwitchArrives) {
     EXPECT_EQ(options.archive.batch, 7U);
     EXPECT_EQ(options.progress.count(), 0);
     EXPECT_EQ(options.receiveBuffer, 2304);
+    EXPECT_EQ(options.segmentSize, 536);
     EXPECT_TRUE(options.misbehaviour.refuse && options.misbehaviour.neverRead &&
                 options.misbehaviour.twice && options.misbehaviour.unknownHandle &&
                 options.misbehaviour.wrongVersion);
