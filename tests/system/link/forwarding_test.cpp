@@ -67,4 +67,20 @@ TEST_F(Stall, RestOfTheMessageFollowsTheNextHandshakeAndAgainTheWholeEvent) {
     EXPECT_EQ(end.receive(all.size() - taken), Bytes(rest, all.end()));
 }
 
+TEST_F(Stall, DrainedWithAnInquiryOutItEndsTheEventManager) {
+    ArchiverEnd end = open(0, 0);
+    Bytes all;
+    for (int i = 0; i < 8; ++i) {
+        all = std::move(all) + log(Bytes(3848, 0x61)); // as yet there is room
+    }
+    emp_.msm.send(inquiry(EXACT, other_, 5, 5));
+    const size_t taken = fill().second;
+    emp_.process.signal(SIGSTOP); // no pass of its own
+    end.receive(all.size() + 160 + taken);
+    emp_.process.signal(SIGCONT);
+    emp_.msm.send(eventMessage(18, {1}));
+    emp_.expectBugCheck("empSendForwardListToEventArchiver",
+                        "Item on Forward Pending List isn't FORWARD or PARTIAL FORWARD?");
+}
+
 } // namespace
