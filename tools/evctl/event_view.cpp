@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdio>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 namespace evctl {
 namespace {
@@ -35,6 +36,12 @@ std::span<const U8_t> textOf(const U8_t (&field)[EMP_ID_TEXT_SIZE]) {
 
 Json nameOrNull(const tools::NameTable& names, U32_t value) {
     return names.find(value) != nullptr ? Json(names.brief(value)) : Json(nullptr);
+}
+
+/** "warning(2)", or "77" for a value without a name. */
+std::string named(const tools::NameTable& names, U32_t value) {
+    std::string number = std::to_string(value);
+    return names.find(value) != nullptr ? names.brief(value) + "(" + number + ")" : number;
 }
 
 } // namespace
@@ -76,9 +83,7 @@ std::string escapedText(std::span<const U8_t> field) {
 }
 
 std::string eventIdText(U32_t source, U32_t id) {
-    const tools::NameTable& names = tools::eventNamesOf(source);
-    std::string number = std::to_string(id);
-    return names.find(id) != nullptr ? names.brief(id) + "(" + number + ")" : number;
+    return named(tools::eventNamesOf(source), id);
 }
 
 std::string eventLine(const EventView& event) {
@@ -91,6 +96,27 @@ std::string eventLine(const EventView& event) {
              tools::categoryNames.brief(header.evCategory).c_str(),
              eventIdText(header.evSource, header.evId).c_str(), event.data.size());
     return text.data();
+}
+
+std::string recordLines(const EmpEvRecord_t& header, std::span<const U8_t> data) {
+    std::ostringstream lines;
+    lines << "version      " << U32_t{header.evRdVersion} << "\n"
+          << "checksum     0x" << std::hex << std::uppercase << U32_t{header.evRdCRCChecksum}
+          << std::dec << "\n"
+          << "sequence id  " << U32_t{header.evSequenceId} << "\n"
+          << "instance     " << U32_t{header.evInstanceNumber} << "\n"
+          << "time         " << isoTime(header.evTime) << "\n"
+          << "type         " << named(tools::eventTypeNames, header.evType) << "\n"
+          << "source       " << named(tools::endpointNames, header.evSource) << "\n"
+          << "category     " << named(tools::categoryNames, header.evCategory) << "\n"
+          << "id           " << eventIdText(header.evSource, header.evId) << "\n"
+          << "id version   " << U32_t{header.evIdVersion} << "\n"
+          << "enclosure    " << escapedText(header.evEnclosureId) << "\n"
+          << "blade        " << escapedText(header.evBladeId) << "\n"
+          << "slot         " << U32_t{header.evSlotId} << "\n"
+          << "length       " << U32_t{header.evStructLength} << "\n"
+          << hexDump(data);
+    return lines.str();
 }
 
 Json eventJson(const EventView& event) {

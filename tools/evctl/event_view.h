@@ -40,6 +40,9 @@ std::string eventIdText(U32_t source, U32_t id);
 /** The event as one line, without data and line feed. */
 std::string eventLine(const EventView& event);
 
+/** A record, a line a field, with a hex dump of its data. */
+std::string recordLines(const EmpEvRecord_t& header, std::span<const U8_t> data);
+
 /** The event as an object: numbers, names, and the data as hexadecimal digits. */
 Json eventJson(const EventView& event);
 

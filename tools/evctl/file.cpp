@@ -3,6 +3,7 @@
 
 #include "evctl/commands.h"
 
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
@@ -14,6 +15,7 @@ void addFileCommands(CLI::App& parent, Chosen& chosen) {
     addFileShowCommand(group, chosen);
     addFileVerifyCommand(group, chosen);
     addFileInfoCommand(group, chosen);
+    addFileCrashCommand(group, chosen);
 }
 
 void addFileArgument(CLI::App& command, std::string& path) {
@@ -41,6 +43,12 @@ LogContent readLog(const EvlogImage_t& image, const EvlogIdentity_t* identity) {
              [&content](const EvlogFinding_t& finding) { content.findings.push_back(finding); }},
         identity);
     return content;
+}
+
+void sortByAge(std::vector<EvlogRecord_t>& records) {
+    std::stable_partition(records.begin(), records.end(), [](const EvlogRecord_t& record) {
+        return record.role == EVLOG_E_ROLE_OLDEST;
+    });
 }
 
 } // namespace evctl

@@ -28,6 +28,9 @@ struct LogContent {
 
 LogContent readLog(const EvlogImage_t& image, const EvlogIdentity_t* identity = nullptr);
 
+/** Oldest first: the ring's oldest records lie behind its newest ones. */
+void sortByAge(std::vector<EvlogRecord_t>& records);
+
 } // namespace evctl
 
 #endif

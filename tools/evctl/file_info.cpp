@@ -2,6 +2,7 @@
 #include "evctl/commands.h"
 #include "evctl/event_view.h"
 #include "evctl/file.h"
+#include "evctl/lines.h"
 #include "evctl/options.h"
 
 #include <algorithm>
@@ -93,21 +94,6 @@ Json infoJson(const InfoOptions& options, const EvlogImage_t& image, const LogCo
     return json;
 }
 
-/** "name value" lines; objects are indented below their name. */
-void printLines(const Json& json, const std::string& indent) {
-    for (const auto& [name, value] : json.items()) {
-        if (value.is_object()) {
-            std::cout << indent << name << "\n";
-            printLines(value, indent + "  ");
-            continue;
-        }
-        std::string padded = indent + name;
-        padded.resize(std::max<size_t>(padded.size() + 1, 22), ' ');
-        std::cout << padded << (value.is_string() ? value.get<std::string>() : value.dump())
-                  << "\n";
-    }
-}
-
 int runInfo(const InfoOptions& options) {
     EvlogImage_t image = loadLog(options.path);
     EvlogIdentity_t identity{};
@@ -116,11 +102,7 @@ int runInfo(const InfoOptions& options) {
     }
     LogContent content = readLog(image, options.enclosure ? &identity : nullptr);
     Json json = infoJson(options, image, content);
-    if (options.json) {
-        std::cout << jsonLine(json);
-    } else {
-        printLines(json, "");
-    }
+    std::cout << (options.json ? jsonLine(json) : namedLines(json, 22));
     return tools::EXIT_DONE;
 }
 

@@ -4,7 +4,6 @@
 #include "evctl/event_view.h"
 #include "evctl/file.h"
 
-#include <algorithm>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
@@ -21,13 +20,6 @@ struct ListOptions {
     bool json = false;
     bool fileOrder = false;
 };
-
-/** Oldest first: the ring's oldest records lie behind its newest ones. */
-void sortByAge(std::vector<EvlogRecord_t>& records) {
-    std::stable_partition(records.begin(), records.end(), [](const EvlogRecord_t& record) {
-        return record.role == EVLOG_E_ROLE_OLDEST;
-    });
-}
 
 int runList(const ListOptions& options) {
     EvlogImage_t image = loadLog(options.path);

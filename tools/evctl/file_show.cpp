@@ -22,32 +22,10 @@ struct ShowOptions {
     bool json = false;
 };
 
-/** "warning(2)", or "77" for a value without a name. */
-std::string named(const tools::NameTable& names, U32_t value) {
-    std::string number = std::to_string(value);
-    return names.find(value) != nullptr ? names.brief(value) + "(" + number + ")" : number;
-}
-
 void printRecord(const EvlogRecord_t& record) {
-    const EmpEvRecord_t& header = *record.header;
     std::cout << "offset       " << record.offset << "\n"
               << "part         " << roleName(record.role) << "\n"
-              << "version      " << U32_t{header.evRdVersion} << "\n"
-              << "checksum     0x" << std::hex << std::uppercase << U32_t{header.evRdCRCChecksum}
-              << std::nouppercase << std::dec << "\n"
-              << "sequence id  " << U32_t{header.evSequenceId} << "\n"
-              << "instance     " << U32_t{header.evInstanceNumber} << "\n"
-              << "time         " << isoTime(header.evTime) << "\n"
-              << "type         " << named(tools::eventTypeNames, header.evType) << "\n"
-              << "source       " << named(tools::endpointNames, header.evSource) << "\n"
-              << "category     " << named(tools::categoryNames, header.evCategory) << "\n"
-              << "id           " << eventIdText(header.evSource, header.evId) << "\n"
-              << "id version   " << U32_t{header.evIdVersion} << "\n"
-              << "enclosure    " << escapedText(header.evEnclosureId) << "\n"
-              << "blade        " << escapedText(header.evBladeId) << "\n"
-              << "slot         " << U32_t{header.evSlotId} << "\n"
-              << "length       " << U32_t{header.evStructLength} << "\n"
-              << hexDump(record.body);
+              << recordLines(*record.header, record.body);
 }
 
 bool isWanted(const EvlogRecord_t& record, const ShowOptions& options) {

@@ -1,7 +1,6 @@
 /** evctl log: sends events to the event manager. */
-#include "evctl/event_message.h"
-
 #include "evctl/commands.h"
+#include "evctl/event_options.h"
 #include "evctl/options.h"
 #include "evctl/progress.h"
 #include "evctl/session.h"
@@ -16,38 +15,10 @@ constexpr char EXAMPLES[] =
 
 struct LogOptions {
     SwitchOptions where;
-    U32_t source = MMSG_E_EPID_SNMPMP;
-    U32_t type = EMP_E_TYPE_INFORMATION;
-    U32_t category = EMP_E_CATEGORY_SYSTEM;
-    std::string id;
-    U32_t idVersion = 1;
-    std::string text;
-    std::string hex;
-    std::string file;
+    EventOptions event;
     U64_t count = 1;
     double rate = 0; // events a second; 0: as fast as they go
 };
-
-Bytes dataOf(const LogOptions& options) {
-    if (!options.hex.empty()) {
-        return parseHexData(options.hex);
-    }
-    if (!options.file.empty()) {
-        return readDataFile(options.file);
-    }
-    return {options.text.begin(), options.text.end()};
-}
-
-Bytes messageOf(const LogOptions& options) {
-    return makeEventMessage(
-        {.source = options.source,
-         .type = static_cast<U8_t>(options.type),
-         .category = static_cast<U8_t>(options.category),
-         .idVersion = static_cast<U8_t>(options.idVersion),
-         .id = static_cast<U16_t>(
-             parseNamed("--id", options.id, tools::eventNamesOf(options.source), UINT16_MAX))},
-        dataOf(options));
-}
 
 /** When event number @p index is due. */
 Clock::time_point dueTime(Clock::time_point start, U64_t index, double rate) {
@@ -56,8 +27,8 @@ Clock::time_point dueTime(Clock::time_point start, U64_t index, double rate) {
 }
 
 int runLog(const LogOptions& options) {
-    Bytes message = messageOf(options);
-    Session session(switchDirectory(options.where), options.source);
+    Bytes message = makeEventMessage(fieldsOf(options.event), dataOf(options.event));
+    Session session(switchDirectory(options.where), options.event.source);
     Progress progress(options.count);
     Clock::time_point start = Clock::now();
     for (U64_t index = 0; index < options.count; index++) {
@@ -69,36 +40,13 @@ int runLog(const LogOptions& options) {
     return tools::EXIT_DONE;
 }
 
-void addEventOptions(CLI::App& command, LogOptions& options) {
-    addNamedOption(command, "--source", options.source, tools::endpointNames,
-                   MMSG_E_MAX_DEFINED_EPIDS - 1, "Endpoint that the events come from");
-    addNamedOption(command, "--type", options.type, tools::eventTypeNames, UINT8_MAX, "Event type");
-    addNamedOption(command, "--category", options.category, tools::categoryNames, UINT8_MAX,
-                   "Event category");
-    command.add_option("--id", options.id, "Event id within the source")
-        ->type_name("NAME|NUMBER")
-        ->required();
-    command.add_option("--id-version", options.idVersion, "Version of the data's layout [1]")
-        ->type_name("NUMBER")
-        ->check(CLI::Range(0, UINT8_MAX));
-}
-
-void addDataOptions(CLI::App& command, LogOptions& options) {
-    CLI::Option_group* data = command.add_option_group("Data", "At most 3848 bytes; none: no data");
-    data->add_option("--text", options.text, "Data as text, without a terminator");
-    data->add_option("--hex", options.hex, "Data as pairs of hexadecimal digits; blanks between");
-    data->add_option("--file", options.file, "Data is the content of a file")->type_name("FILE");
-    data->require_option(0, 1);
-}
-
 } // namespace
 
 void addLogCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<LogOptions>();
     CLI::App& command = addCommand(parent, "log", "Send events to the event manager.", EXAMPLES);
     addSwitchOptions(command, options->where);
-    addEventOptions(command, *options);
-    addDataOptions(command, *options);
+    addEventOptions(command, options->event, MMSG_E_MAX_DEFINED_EPIDS - 1);
     command.add_option("--count", options->count, "Number of events [1]")
         ->type_name("NUMBER")
         ->check(CLI::PositiveNumber);

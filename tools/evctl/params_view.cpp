@@ -1,5 +1,7 @@
 #include "evctl/params_view.h"
 
+#include "evctl/lines.h"
+
 #include <array>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -111,22 +113,6 @@ void addPlaces(Json& json, const MPU_PARAMS_t& params) {
                  {"adapters", valueOf(params.adapters)}});
 }
 
-/** An array as "1 2 3". */
-std::string plainText(const Json& value) {
-    if (value.is_string()) {
-        return value.get<std::string>();
-    }
-    if (!value.is_array()) {
-        return value.dump();
-    }
-    std::string text;
-    for (const Json& element : value) {
-        text += text.empty() ? "" : " ";
-        text += plainText(element);
-    }
-    return text;
-}
-
 } // namespace
 
 Json paramsJson(const MPU_PARAMS_t& params) {
@@ -138,13 +124,7 @@ Json paramsJson(const MPU_PARAMS_t& params) {
 }
 
 std::string paramsLines(const Json& json) {
-    std::string lines;
-    for (const auto& [name, value] : json.items()) {
-        std::string padded = name;
-        padded.resize(24, ' ');
-        lines += padded + plainText(value) + "\n";
-    }
-    return lines;
+    return namedLines(json, 24);
 }
 
 } // namespace evctl

@@ -37,6 +37,11 @@ const std::vector<std::vector<std::string>> ALL_COMMANDS = {
     {"file", "show"},
     {"file", "verify"},
     {"file", "info"},
+    {"file", "crash"},
+    {"ael"},
+    {"ael", "write"},
+    {"ael", "list"},
+    {"ael", "show"},
     {"params"},
     {"params", "show"},
 };
@@ -202,7 +207,7 @@ TEST(CommandLine, NobodyListeningCannot) {
 }
 
 TEST(CommandLine, FilesThatCannotBeRead) {
-    for (const char* command : {"list", "verify", "info"}) {
+    for (const char* command : {"list", "verify", "info", "crash"}) {
         expectRefused({"file", command, "/nowhere/log"}, "/nowhere/log: No such file");
         expectRefused({"file", command, "/tmp"}, "/tmp: not a regular file");
         expectRefused({"file", command}, "FILE");
@@ -217,6 +222,27 @@ TEST(CommandLine, ShowNeedsOneRecord) {
 TEST(CommandLine, InfoNeedsEnclosureAndSlotTogether) {
     expectRefused({"file", "info", "/nowhere/log", "--enclosure", "X"}, "--slot");
     expectRefused({"file", "info", "/nowhere/log", "--slot", "1"}, "--enclosure");
+}
+
+TEST(CommandLine, AlternateEventsTheLibraryWouldAbortOn) {
+    std::vector<std::string> write = {"ael", "write", "--key", "0x7FFFFFF0", "--id", "1"};
+    expectRefused(write, "needs at least 1 byte of data");
+    expectRefused(with(with(write, "--text"), std::string(3849, 'x')), "more than 3848 bytes");
+    expectRefused(with(with(write, "--source"), "35"), "35");
+    expectRefused(with(with(write, "--seq"), "1"), "--seq: only events of source startup");
+    expectRefused({"ael", "write", "--id", "1", "--text", "x"}, "--key");
+}
+
+TEST(CommandLine, AlternateEventDirectories) {
+    for (const char* command : {"list", "show"}) {
+        expectRefused({"ael", command}, "--dir");
+        expectRefused({"ael", command, "--dir", "/nowhere"}, "/nowhere: No such file");
+        expectRefused({"ael", command, "--dir", "/tmp", "--key", "100"}, "--key");
+    }
+}
+
+TEST(CommandLine, CrashTakesSummaryOrAllOfTheIndex) {
+    expectRefused({"file", "crash", "/nowhere/log", "--index", "some"}, "some");
 }
 
 TEST(CommandLine, FiltersThatNameNothingAreRefused) {

@@ -1,0 +1,164 @@
+/** evctl ael list and evctl ael show: what the event manager's next start will find. */
+#include "common/names.h"
+#include "evctl/ael_files.h"
+#include "evctl/commands.h"
+#include "evctl/options.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <system_error>
+
+namespace evctl {
+namespace {
+
+constexpr char LIST_EXAMPLES[] =
+    "The exit status is 1 when the next start will delete something without storing it.\n"
+    "Example:\n"
+    "  evctl ael list --key 0x1234";
+constexpr char SHOW_EXAMPLES[] =
+    "Examples:\n"
+    "  evctl ael show --key 0x1234\n"
+    "  evctl ael show --dir /nvram/aelfiles kelta_alteventlog77.a1B2c3";
+
+struct AelOptions {
+    std::string directory;
+    std::optional<int> key;
+    std::vector<std::string> names; ///< show: only these
+    bool json = false;
+};
+
+std::vector<AelFile> filesOf(const AelOptions& options) {
+    if (!options.key) {
+        return readAelDirectory(options.directory);
+    }
+    const MPU_PARAMS_t& params = attachParams(*options.key);
+    try {
+        return readAelDirectory(fieldText(params.nvramDirectory, sizeof(params.nvramDirectory)) +
+                                EMP_AEL_DIRECTORY_NAME);
+    } catch (const std::system_error& problem) {
+        if (problem.code() == std::errc::no_such_file_or_directory) {
+            return {}; // The first event that is left makes the directory.
+        }
+        throw;
+    }
+}
+
+std::string orderText(const AelFile& file) {
+    return file.order ? std::to_string(*file.order) : "-";
+}
+
+std::string verdictText(const AelFile& file) {
+    std::string fate = aelFateName(file.fate);
+    return file.reason.empty() ? fate : fate + ": " + file.reason;
+}
+
+/** What the names of a shell do not show may come from anywhere. */
+std::string nameText(const std::string& name) {
+    return escapedText({reinterpret_cast<const U8_t*>(name.data()), name.size()});
+}
+
+std::string listLine(const AelFile& file) {
+    std::array<char, 64> text{};
+    snprintf(text.data(), text.size(), "%4s  %s  %8llu bytes  ", orderText(file).c_str(),
+             isoTime(static_cast<U32_t>(file.modified)).c_str(),
+             static_cast<unsigned long long>(file.size));
+    std::string line = text.data() + nameText(file.name) + "  " + verdictText(file);
+    if (file.fate == AelFate::STORED) {
+        const EmpEvRecord_t& header = file.header();
+        line += ": " + tools::eventTypeNames.brief(header.evType) + " " +
+                tools::endpointNames.brief(header.evSource) + " " +
+                eventIdText(header.evSource, header.evId);
+    }
+    return line + "\n";
+}
+
+std::string showLines(const AelFile& file) {
+    std::string lines = "file         " + nameText(file.name) + "\n" + "order        " +
+                        orderText(file) + "\n" + "verdict      " + verdictText(file) + "\n" +
+                        "modified     " + isoTime(static_cast<U32_t>(file.modified)) + "\n" +
+                        "size         " + std::to_string(file.size) + "\n";
+    return file.hasHeader() ? lines + recordLines(file.header(), file.data()) : lines;
+}
+
+std::string jsonText(const AelFile& file) {
+    Json json = {{"file", nameText(file.name)},
+                 {"order", file.order ? Json(*file.order) : Json(nullptr)},
+                 {"fate", aelFateName(file.fate)},
+                 {"reason", file.reason.empty() ? Json(nullptr) : Json(file.reason)},
+                 {"modified", isoTime(static_cast<U32_t>(file.modified))},
+                 {"modifiedSeconds", file.modified},
+                 {"bytes", file.size},
+                 {"event", file.hasHeader() ? eventJson(file.event()) : Json(nullptr)}};
+    return jsonLine(json);
+}
+
+/** Only the named ones; throws for a name that is not there. */
+std::vector<AelFile> chosenOf(std::vector<AelFile> files, const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+        if (std::ranges::find(files, name, &AelFile::name) == files.end()) {
+            throw std::runtime_error(name + ": no such file in the directory");
+        }
+    }
+    if (!names.empty()) {
+        std::erase_if(files, [&names](const AelFile& file) {
+            return std::ranges::find(names, file.name) == names.end();
+        });
+    }
+    return files;
+}
+
+bool isLost(const AelFile& file) {
+    return file.fate == AelFate::DELETED || file.fate == AelFate::UNKNOWN;
+}
+
+int printFiles(const AelOptions& options, std::string (*textOf)(const AelFile&),
+               const char* between) {
+    std::vector<AelFile> files = chosenOf(filesOf(options), options.names);
+    for (const AelFile& file : files) {
+        std::cout << (&file == files.data() ? "" : between)
+                  << (options.json ? jsonText(file) : textOf(file));
+    }
+    return std::ranges::any_of(files, isLost) ? tools::EXIT_FINDING : tools::EXIT_DONE;
+}
+
+int runList(const AelOptions& options) {
+    return printFiles(options, listLine, "");
+}
+
+int runShow(const AelOptions& options) {
+    return printFiles(options, showLines, options.json ? "" : "\n");
+}
+
+void addWhere(CLI::App& command, AelOptions& options) {
+    CLI::Option_group* where = command.add_option_group("Directory");
+    where->add_option("--dir", options.directory, "Directory of the alternate event log files")
+        ->type_name("DIR");
+    addKeyOption(*where, options.key);
+    where->require_option(1);
+    command.add_flag("--json", options.json, "One JSON object a line, events with their data");
+}
+
+} // namespace
+
+void addAelListCommand(CLI::App& parent, Chosen& chosen) {
+    auto options = std::make_shared<AelOptions>();
+    CLI::App& command =
+        addCommand(parent, "list", "List the files and what becomes of them.", LIST_EXAMPLES);
+    addWhere(command, *options);
+    onChosen(command, chosen, options, runList);
+}
+
+void addAelShowCommand(CLI::App& parent, Chosen& chosen) {
+    auto options = std::make_shared<AelOptions>();
+    CLI::App& command =
+        addCommand(parent, "show", "Show files with their events and data.", SHOW_EXAMPLES);
+    addWhere(command, *options);
+    command.add_option("NAME", options->names, "Only these files [all]");
+    onChosen(command, chosen, options, runShow);
+}
+
+} // namespace evctl

@@ -1,0 +1,125 @@
+#include "evctl/crash.h"
+
+#include "mmsg.h"
+
+#include <algorithm>
+
+namespace evctl {
+namespace {
+
+/** Writing all files takes less; a process that is started again after its end takes part of it. */
+constexpr U32_t LONGEST_PAUSE = 10; // seconds
+
+using Records = std::vector<const EvlogRecord_t*>;
+
+U32_t idOf(const EvlogRecord_t& record) {
+    return record.header->evId;
+}
+
+bool isOfCrash(const EvlogRecord_t& record) {
+    U32_t id = idOf(record);
+    return record.role != EVLOG_E_ROLE_DUMMY && record.header->evSource == MMSG_E_EPID_EVENTLOGMP &&
+           id >= CRASH_FIRST_ID && id < EMP_E_ID_EVENTMGRMP_NEXT_ID &&
+           record.body.size() == crashDataLength(id);
+}
+
+/** The records of one second, by id; each list in the order of the log. */
+class Second {
+  public:
+    explicit Second(std::span<const EvlogRecord_t* const> records) {
+        for (const EvlogRecord_t* record : records) {
+            byId_.at(idOf(*record) - CRASH_FIRST_ID).push_back(record);
+        }
+    }
+
+    /** Whether this second's records are so many whole bug-checks and nothing else. */
+    bool isWhole() const {
+        size_t count = byId_.front().size();
+        return count > 0 && std::ranges::all_of(
+                                byId_, [count](const Records& of) { return of.size() == count; });
+    }
+
+    /** Gives @p crash one record of each id from place @p from on. @return whether it got any */
+    bool give(Crash& crash, size_t from) {
+        bool given = false;
+        for (size_t place = from; place < CRASH_RECORDS; place++) {
+            Records& records = byId_[place];
+            if (!records.empty()) {
+                crash.records[place] = records.front();
+                records.erase(records.begin());
+                given = true;
+            }
+        }
+        return given;
+    }
+
+  private:
+    std::array<Records, CRASH_RECORDS> byId_;
+};
+
+/** The place behind a crash's last record. */
+size_t endOf(const Crash& crash) {
+    size_t end = CRASH_RECORDS;
+    while (end > 0 && crash.records[end - 1] == nullptr) {
+        end--;
+    }
+    return end;
+}
+
+/** Whether a crash may go on in a later second: files are written in the order of their ids. */
+bool mayGoOn(const Crash& crash, U32_t time) {
+    size_t end = endOf(crash);
+    if (end == 0 || end == CRASH_RECORDS) {
+        return false;
+    }
+    U32_t last = crash.records[end - 1]->header->evTime;
+    return time > last && time - last <= LONGEST_PAUSE;
+}
+
+void addSecond(std::vector<Crash>& crashes, std::span<const EvlogRecord_t* const> records) {
+    Second second(records);
+    if (!crashes.empty() && !second.isWhole() &&
+        mayGoOn(crashes.back(), records.front()->header->evTime)) {
+        second.give(crashes.back(), endOf(crashes.back()));
+    }
+    for (Crash crash; second.give(crash, 0); crash = {}) {
+        crashes.push_back(crash);
+    }
+}
+
+} // namespace
+
+U32_t crashDataLength(U32_t id) {
+    switch (id) {
+    case EMP_E_ID_EVENTMGRMP_BUGCHECK_ERROR_MSG:
+        return sizeof(EmpErrorMsg_t);
+    case EMP_E_ID_EVENTMGRMP_BUGCHECK_INFO:
+        return sizeof(EmpInfo_t);
+    case EMP_E_ID_EVENTMGRMP_BUGCHECK_MSG_BUFFER:
+    case EMP_E_ID_EVENTMGRMP_BUGCHECK_WORKSPACE_BUFFER:
+        return 256;
+    default:
+        return 2000;
+    }
+}
+
+std::vector<Crash> findCrashes(std::span<const EvlogRecord_t> records) {
+    Records all;
+    for (const EvlogRecord_t& record : records) {
+        if (isOfCrash(record)) {
+            all.push_back(&record);
+        }
+    }
+    std::vector<Crash> crashes;
+    for (auto first = all.begin(); first != all.end();) {
+        U32_t time = (*first)->header->evTime;
+        auto end = std::find_if(first, all.end(), [time](const EvlogRecord_t* record) {
+            return record->header->evTime != time;
+        });
+        addSecond(crashes, {first, end});
+        first = end;
+    }
+    return crashes;
+}
+
+} // namespace evctl

@@ -1,0 +1,65 @@
+/** evctl file crash: the event manager's bug-checks, each as one report. */
+#include "evctl/commands.h"
+#include "evctl/crash_view.h"
+#include "evctl/file.h"
+
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+namespace evctl {
+namespace {
+
+constexpr char EXAMPLES[] = "The exit status is 1 when the log holds a bug-check.\n"
+                            "Examples:\n"
+                            "  evctl file crash kelta_eventlog\n"
+                            "  evctl file crash kelta_eventlog --all --index all --json";
+
+struct CrashOptions {
+    std::string path;
+    std::string index = "summary";
+    bool all = false;
+    bool json = false;
+};
+
+/** @param number from 1, the newest, to @p count */
+void printCrash(const Crash& crash, const CrashOptions& options, size_t number, size_t count) {
+    Json json = {{"crash", number}, {"crashes", count}};
+    json.update(crashJson(crash, options.index == "all"));
+    if (options.json) {
+        std::cout << jsonLine(json);
+        return;
+    }
+    std::cout << (number > 1 ? "\n" : "") << "bug-check " << number << " of " << count
+              << ", newest first\n"
+              << crashLines(json);
+}
+
+int runCrash(const CrashOptions& options) {
+    EvlogImage_t image = loadLog(options.path);
+    LogContent content = readLog(image);
+    sortByAge(content.records);
+    std::vector<Crash> crashes = findCrashes(content.records);
+    size_t shown = options.all ? crashes.size() : std::min<size_t>(crashes.size(), 1);
+    for (size_t number = 1; number <= shown; number++) {
+        printCrash(crashes[crashes.size() - number], options, number, crashes.size());
+    }
+    return crashes.empty() ? tools::EXIT_DONE : tools::EXIT_FINDING;
+}
+
+} // namespace
+
+void addFileCrashCommand(CLI::App& parent, Chosen& chosen) {
+    auto options = std::make_shared<CrashOptions>();
+    CLI::App& command =
+        addCommand(parent, "crash",
+                   "Report the newest bug-check of the event manager in a log file.", EXAMPLES);
+    addFileArgument(command, options->path);
+    command.add_flag("--all", options->all, "All bug-checks, newest first");
+    command.add_option("--index", options->index, "The index: summary, or all valid entries")
+        ->type_name("summary|all")
+        ->check(CLI::IsMember({"summary", "all"}));
+    command.add_flag("--json", options->json, "One JSON object a line");
+    onChosen(command, chosen, options, runCrash);
+}
+
+} // namespace evctl
