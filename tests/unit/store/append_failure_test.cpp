@@ -186,6 +186,22 @@ TEST_F(AppendFailure, ShortDummyEndsTheProcess) {
     expectBugCheck([&] { append(100); }, "Reach Dummy Entry but still not enough space!", SAVE);
 }
 
+TEST_F(AppendFailure, FailedLookForTheEndBehindAShortDummy) {
+    logimage::Wrapped log = logimage::wrapped(3, 500, 500);
+    scanImage(log.image);
+    Bytes dummy = encode(Record::dummy(10));
+    std::copy(dummy.begin(), dummy.end(), log.image.bytes.begin() + log.start);
+    putImage(log.image);
+    // The position is noted and the dummy at empStart sought before.
+    expectBugCheck(
+        [&] {
+            hooks::state.seeks.failAt = 3;
+            append(600);
+        },
+        LSEEK_FAILS, SAVE);
+    expectBugCheck([&] { append(600); }, "Reach Dummy Entry but still not enough space!", SAVE);
+}
+
 TEST_F(AppendFailure, ReservedByteAndMessageHeaderDoNotReachTheFile) {
     scanImage(Image());
     outputOf([&] { append(40); });

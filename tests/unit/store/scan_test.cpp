@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <set>
 #include <sys/stat.h>
 
 namespace {
@@ -509,6 +510,48 @@ TEST_F(ScanFile, EveryFailingSeekIsABugCheckWithOneOfTheTexts) {
                     (end.function == SCAN && end.message == LSEEK_FAILS))
             << call << " " << end.function << " " << end.message;
     }
+}
+
+TEST_F(ScanFile, BothSeeksOfTheSearchAreBugChecksOfItsOwnText) {
+    // Data longer than the first window is sought and read behind its header.
+    putImage(logimage::unwrapped(1, 3848).dummyToEnd());
+    outputOf([] { empScanEventLogFile(); });
+    int total = hooks::state.seeks.count;
+    std::set<std::string> lines;
+    for (int call = 1; call <= total; call++) {
+        restart();
+        ChildEnd end = inChild([call] {
+            hooks::state.seeks.failAt = call;
+            empScanEventLogFile();
+        });
+        EXPECT_TRUE(end.aborted) << call;
+        if (end.function == FIND && end.message == LSEEK_CALL_FAILS) {
+            size_t at = end.output.find("| Line:      ");
+            lines.insert(end.output.substr(at, end.output.find('\n', at) - at));
+        }
+    }
+    EXPECT_EQ(lines.size(), 2U);
+}
+
+TEST_F(ScanFile, FailedReadOfAFoundHeaderIsABugCheckOfTheScan) {
+    Image image = logimage::unwrapped(3, 40).dummyToEnd();
+    putImage(image);
+    outputOf([] { empScanEventLogFile(); });
+    int total = hooks::state.reads.count;
+    int bugChecks = 0;
+    for (int call = 1; call <= total; call++) {
+        restart();
+        putImage(image); // a failed read of the search makes it a fresh log
+        ChildEnd end = inChild([call] {
+            hooks::state.reads.failAt = call;
+            empScanEventLogFile();
+        });
+        if (end.aborted && end.function == SCAN) {
+            EXPECT_EQ(end.message, "Linux read function fails for Event Log File!");
+            bugChecks++;
+        }
+    }
+    EXPECT_EQ(bugChecks, 5) << "the first entry, three events and the dummy";
 }
 
 // --- The debugging copy ---
