@@ -247,8 +247,7 @@ void Blade::watchChildren() {
             return;
         }
         watchChildren();
-        // The switch first: when it dies the event manager follows, and the cause is to be said.
-        for (Child* child : {&msm_, &emp_}) {
+        for (Child* child : {&emp_, &msm_}) {
             if (child->reap()) {
                 childEnded(*child);
             }
@@ -258,6 +257,10 @@ void Blade::watchChildren() {
 
 void Blade::childEnded(Child& child) {
     if (stopping_) {
+        // A switch that dies takes the event manager along, whose end may be seen first.
+        if (child.diedByItself()) {
+            say(child.ending());
+        }
         stopNext();
         return;
     }

@@ -70,9 +70,10 @@ void Child::start(std::string name, const std::vector<std::string>& command, int
     }
 }
 
-void Child::signal(int number) const {
+void Child::signal(int number) {
     if (running()) {
         kill(pid_, number);
+        sent_.insert(number);
     }
 }
 
@@ -82,6 +83,7 @@ bool Child::reap() {
         return false;
     }
     ending_ = describe(name_, pid_, status);
+    diedByItself_ = WIFSIGNALED(status) && !sent_.contains(WTERMSIG(status));
     pid_ = -1;
     return true;
 }

@@ -5,6 +5,7 @@
 #ifndef BLADE_CHILD_H
 #define BLADE_CHILD_H
 
+#include <set>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -33,7 +34,7 @@ class Child {
     const std::string& name() const { return name_; }
 
     /** Sends a signal while it runs. */
-    void signal(int number) const;
+    void signal(int number);
 
     /** Looks whether it has ended since. @return whether it has, once; then ending() tells how */
     bool reap();
@@ -42,10 +43,15 @@ class Child {
      * (Aborted)". */
     const std::string& ending() const { return ending_; }
 
+    /** Whether it died of a signal that signal() had not sent. */
+    bool diedByItself() const { return diedByItself_; }
+
   private:
     std::string name_;
     pid_t pid_ = -1;
     std::string ending_;
+    std::set<int> sent_; ///< signals that it was sent
+    bool diedByItself_ = false;
 };
 
 } // namespace blade
