@@ -10,8 +10,8 @@
 #include "log_image.h"
 #include "state/control.h"
 #include "store/append.h"
-#include "store/record.h"
 #include "store/find.h"
+#include "store/record.h"
 #include "store/scan.h"
 
 #include <functional>
