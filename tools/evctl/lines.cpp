@@ -54,7 +54,12 @@ std::string namedLines(const Json& json, size_t width, const std::string& indent
         line.resize(std::max(line.size() + 1, width), ' ');
         std::string name = nameOf(json, member);
         std::string text = plainText(value);
-        lines += line + (name.empty() ? text : name + "(" + text + ")") + "\n";
+        if (!name.empty()) {
+            line.append(name).append("(").append(text).append(")\n");
+        } else {
+            line.append(text).append("\n");
+        }
+        lines += line;
     }
     return lines;
 }
