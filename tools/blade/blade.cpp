@@ -21,7 +21,6 @@ using tools::say;
 
 namespace {
 
-constexpr std::chrono::milliseconds RETRY_INTERVAL{20};
 constexpr std::chrono::seconds END_TIMEOUT{5};
 constexpr size_t QUEUE_MAX = 64;
 
@@ -100,7 +99,7 @@ bool isInitComplete(const MMCH_t& header) {
 
 Blade::Blade(asio::io_context& loop, BladeOptions options)
     : loop_(loop), options_(std::move(options)), block_(options_.source, options_.key),
-      endSignals_(loop, SIGINT, SIGTERM, SIGHUP), childSignals_(loop, SIGCHLD), retry_(loop),
+      endSignals_(loop, SIGINT, SIGTERM, SIGHUP), childSignals_(loop, SIGCHLD), ready_(loop),
       deadline_(loop), socket_(loop) {
     options_.msm = programPath(options_.msm, "msm");
     if (!options_.noEmp) {
@@ -120,8 +119,8 @@ int Blade::run() {
     watchSignals();
     watchChildren();
     startSwitch();
-    expectWithinTimeout("msm has not listened");
-    connectStartup();
+    expectWithinTimeout("msm has not said that it listens");
+    waitForSwitch();
     loop_.run();
     return status_;
 }
@@ -143,8 +142,26 @@ void Blade::startSwitch() {
         arguments.emplace_back("--link");
         arguments.push_back(mmsgDirectoryOf(options_.source.base, *options_.other) + "/link");
     }
+    int ready[2];
+    if (pipe2(ready, O_CLOEXEC) != 0) {
+        throw BladeError(std::string("cannot make a pipe: ") + strerror(errno));
+    }
+    ready_.assign(ready[0]);
+    asio::posix::stream_descriptor theirs(loop_, ready[1]);
+    arguments.emplace_back("--ready-fd");
+    arguments.push_back(std::to_string(ready[1]));
     LogFile log(options_.msmLog);
-    msm_.start("msm", commandOf(options_.msm, arguments), log.descriptor());
+    msm_.start("msm", commandOf(options_.msm, arguments), log.descriptor(), ready[1]);
+}
+
+/** Only when all endpoints listen: the event manager does not try again. */
+void Blade::waitForSwitch() {
+    ready_.async_read_some(asio::buffer(readyText_), [this](std::error_code error, size_t) {
+        // An end without a word is that of the process, which is said when it is reaped.
+        if (!error && !stopping_) {
+            connectStartup();
+        }
+    });
 }
 
 void Blade::startEventManager() {
@@ -153,26 +170,17 @@ void Blade::startEventManager() {
 }
 
 void Blade::connectStartup() {
-    socket_ = tools::Socket(loop_);
     std::string path = tools::endpointSocketPath(block_.mmsgDirectory(), MMSG_E_EPID_STARTUPMP);
-    if (path.size() > tools::SOCKET_PATH_MAX) {
-        return; // the switch cannot listen there either; it says so and ends the blade
-    }
     socket_.async_connect(asio::local::stream_protocol::endpoint(path),
-                          [this](std::error_code error) {
+                          [this, path](std::error_code error) {
                               if (stopping_) {
                                   return;
                               }
-                              if (!error) {
+                              if (error) {
+                                  fail("cannot connect to " + path + ": " + error.message());
+                              } else {
                                   startupConnected();
-                                  return;
                               }
-                              retry_.expires_after(RETRY_INTERVAL);
-                              retry_.async_wait([this](std::error_code cancelled) {
-                                  if (!cancelled && !stopping_) {
-                                      connectStartup();
-                                  }
-                              });
                           });
 }
 
@@ -201,8 +209,7 @@ void Blade::expectWithinTimeout(const std::string& what) {
     deadline_.expires_after(std::chrono::seconds(options_.timeout));
     deadline_.async_wait([this, what](std::error_code cancelled) {
         if (!cancelled && !stopping_) {
-            status_ = tools::EXIT_FINDING;
-            stop(what + " within " + std::to_string(options_.timeout) + " seconds");
+            fail(what + " within " + std::to_string(options_.timeout) + " seconds");
         }
     });
 }
@@ -264,15 +271,21 @@ void Blade::childEnded(Child& child) {
         stopNext();
         return;
     }
-    status_ = tools::EXIT_FINDING;
-    if (&child == &emp_ && options_.keep) {
-        deadline_.cancel();
+    if (!up_) {
+        fail(child.ending() + " before the blade was up" +
+             (&child == &emp_ && options_.empLog != "-" ? ", see " + options_.empLog : ""));
+    } else if (&child == &emp_ && options_.keep) {
+        status_ = tools::EXIT_FINDING;
         say(child.ending() + "; the blade stays up, start it again with: emp " +
             std::to_string(block_.key()));
-        sayUp();
     } else {
-        stop(child.ending());
+        fail(child.ending());
     }
+}
+
+void Blade::fail(const std::string& why) {
+    status_ = tools::EXIT_FINDING;
+    stop(why);
 }
 
 /** The event manager first: it must not see its switch go. */
@@ -284,7 +297,6 @@ void Blade::stop(const std::string& why) {
 
 void Blade::stopNext() {
     deadline_.cancel();
-    retry_.cancel();
     for (Child* child : {&emp_, &msm_}) {
         if (child->running()) {
             child->signal(SIGTERM);

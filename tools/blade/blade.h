@@ -12,6 +12,7 @@
 
 #include <asio.hpp>
 
+#include <array>
 #include <memory>
 #include <optional>
 #include <string>
@@ -50,6 +51,7 @@ class Blade {
 
   private:
     void startSwitch();
+    void waitForSwitch();
     void startEventManager();
     void connectStartup();
     void startupConnected();
@@ -59,6 +61,7 @@ class Blade {
     void watchSignals();
     void watchChildren();
     void childEnded(Child& child);
+    void fail(const std::string& why);
     void stop(const std::string& why);
     void stopNext();
     void waitForEnd();
@@ -71,7 +74,8 @@ class Blade {
     ParameterBlock block_;
     asio::signal_set endSignals_;
     asio::signal_set childSignals_;
-    asio::steady_timer retry_;    ///< of the connection to the switch
+    asio::posix::stream_descriptor ready_; ///< on which the switch says that it listens
+    std::array<char, 16> readyText_{};
     asio::steady_timer deadline_; ///< of coming up, later of a child's end
     tools::Socket socket_;
     std::shared_ptr<tools::Connection> startup_; ///< the Startup process's endpoint

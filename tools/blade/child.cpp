@@ -18,7 +18,7 @@ namespace {
 constexpr int CANNOT_EXECUTE = 127;
 
 /** The child's side; never returns. Nothing here allocates: the parent may have held locks. */
-[[noreturn]] void become(char* const* words, int output, pid_t parent) {
+[[noreturn]] void become(char* const* words, int output, int kept, pid_t parent) {
     setpgid(0, 0);
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != parent) {
@@ -28,6 +28,9 @@ constexpr int CANNOT_EXECUTE = 127;
     dup2(empty, STDIN_FILENO);
     if (output >= 0) {
         dup2(output, STDOUT_FILENO);
+    }
+    if (kept >= 0) {
+        fcntl(kept, F_SETFD, 0);
     }
     execvp(words[0], words);
     dprintf(STDERR_FILENO, "blade: cannot execute %s: %s\n", words[0], strerror(errno));
@@ -52,7 +55,7 @@ Child::~Child() {
     }
 }
 
-void Child::start(std::string name, const std::vector<std::string>& command, int output) {
+void Child::start(std::string name, const std::vector<std::string>& command, int output, int kept) {
     name_ = std::move(name);
     std::vector<char*> words;
     words.reserve(command.size() + 1);
@@ -66,7 +69,7 @@ void Child::start(std::string name, const std::vector<std::string>& command, int
         throw BladeError("cannot start " + name_ + ": " + strerror(errno));
     }
     if (pid_ == 0) {
-        become(words.data(), output, parent);
+        become(words.data(), output, kept, parent);
     }
 }
 

@@ -26,8 +26,10 @@ class Child {
      * @param name    for lines
      * @param command the program and its arguments; the first word is searched along PATH
      * @param output  descriptor for its standard output; -1: that of this process
+     * @param kept    a descriptor that it shall have under the same number; -1: none
      */
-    void start(std::string name, const std::vector<std::string>& command, int output);
+    void start(std::string name, const std::vector<std::string>& command, int output,
+               int kept = -1);
 
     bool running() const { return pid_ > 0; }
     pid_t pid() const { return pid_; }

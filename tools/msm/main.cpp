@@ -2,9 +2,12 @@
 #include "common/say.h"
 #include "switch.h"
 
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <exception>
-#include <iostream>
+
+#include <unistd.h>
 
 using namespace msm;
 
@@ -46,6 +49,22 @@ void declareOptions(CLI::App& app, SwitchOptions& options) {
         ->check(CLI::Range(1, 1000000))
         ->type_name("N");
     app.add_flag("--trace", options.trace, "Print the header of every message and where it went");
+    app.add_option(
+           "--ready-fd", options.readyFd,
+           "Write the line \"ready\" to descriptor N, and close it, once all sockets listen: "
+           "for a program that starts the switch and waits for it")
+        ->check(CLI::Range(3, 1000000))
+        ->type_name("N");
+}
+
+/** Throws when nothing can be written to @p descriptor: whoever waits for it would wait in vain. */
+void tellReady(int descriptor) {
+    constexpr char READY[] = "ready\n";
+    if (write(descriptor, READY, sizeof(READY) - 1) < 0) {
+        throw std::runtime_error("cannot write to descriptor " + std::to_string(descriptor) + ": " +
+                                 strerror(errno));
+    }
+    close(descriptor);
 }
 
 int run(const SwitchOptions& options) {
@@ -53,6 +72,9 @@ int run(const SwitchOptions& options) {
     asio::signal_set signals(loop, SIGINT, SIGTERM);
     Switch messageSwitch(loop, options);
     tools::say("listening in " + options.directory);
+    if (options.readyFd >= 0) {
+        tellReady(options.readyFd);
+    }
     signals.async_wait([&loop](std::error_code, int) { loop.stop(); });
     loop.run();
     tools::sayLines(messageSwitch.counters().text());
@@ -62,6 +84,8 @@ int run(const SwitchOptions& options) {
 } // namespace
 
 int main(int argc, char** argv) {
+    // A reader that goes away is an error of a write, not the end of the switch.
+    signal(SIGPIPE, SIG_IGN);
     try {
         SwitchOptions options;
         CLI::App app(DESCRIPTION, "msm");

@@ -21,6 +21,7 @@ struct SwitchOptions {
     std::string link;       ///< link socket of the other blade's switch; empty: no other blade
     size_t queueMax = 8192; ///< messages that may wait for one connection
     bool trace = false;     ///< say every message
+    int readyFd = -1;       ///< descriptor that is told when all sockets listen; -1: none
 };
 
 class Switch {

@@ -10,6 +10,7 @@
 using namespace support;
 using testing::ContainsRegex;
 using testing::HasSubstr;
+using testing::Not;
 
 static void sendOneMessage(const BladeUnderTest& blade) {
     MmsgClient snmp(blade.slotFile("mmsg/snmp"));
@@ -24,9 +25,30 @@ static void expectNothingLeft(const BladeUnderTest& blade) {
 TEST(BladeDeath, EventManagerThatExitsEndsTheBlade) {
     BladeUnderTest blade({}, {{"STANDIN", "exit"}});
     EXPECT_EQ(blade.process.wait(), exitedWith(1));
-    EXPECT_THAT(blade.process.output(), ContainsRegex("blade: emp \\(pid [0-9]+\\) exited with "
-                                                      "status 3\nblade: down\n"));
+    EXPECT_THAT(blade.process.output(),
+                ContainsRegex("blade: emp \\(pid [0-9]+\\) exited with "
+                              "status 3 before the blade was up, see " +
+                              blade.slotFile("log/emp.log") + "\nblade: down\n"));
     expectNothingLeft(blade);
+}
+
+TEST(BladeDeath, EventManagerThatNeverCameUpIsNotKeptFor) {
+    BladeUnderTest blade({"--keep"}, {{"STANDIN", "exit"}});
+    EXPECT_EQ(blade.process.wait(), exitedWith(1));
+    EXPECT_THAT(blade.process.output(), HasSubstr("exited with status 3 before the blade was up"));
+    EXPECT_THAT(blade.process.output(), Not(HasSubstr("blade: up: ")));
+    expectNothingLeft(blade);
+}
+
+TEST(BladeDeath, EventManagerIsNotStartedBeforeTheSwitchSaysReady) {
+    BladeUnderTest blade({"--msm", standIn(), "--timeout", "1"}, {{"STANDIN", "idle"}});
+    waitForLine(blade.slotFile("log/msm.log"), "up");
+    // That one endpoint listens says nothing of the others.
+    MmsgListener startup(blade.slotFile("mmsg/startup"));
+    EXPECT_EQ(blade.process.wait(), exitedWith(1));
+    EXPECT_EQ(blade.process.output(),
+              "blade: msm has not said that it listens within 1 seconds\nblade: down\n");
+    EXPECT_NE(access(blade.slotFile("log/emp.log").c_str(), F_OK), 0);
 }
 
 TEST(BladeDeath, EventManagerThatAbortsEndsTheBlade) {
@@ -60,7 +82,9 @@ TEST(BladeDeath, SwitchThatDiesEndsTheBlade) {
 TEST(BladeDeath, SwitchThatCannotStartEndsTheBlade) {
     BladeUnderTest blade({"--msm", standIn()}, {{"STANDIN", "exit"}});
     EXPECT_EQ(blade.process.wait(), exitedWith(1));
-    EXPECT_THAT(blade.process.output(), ContainsRegex("msm \\(pid [0-9]+\\) exited with status 2"));
+    EXPECT_THAT(
+        blade.process.output(),
+        ContainsRegex("msm \\(pid [0-9]+\\) exited with status 2 before the blade was up\n"));
     EXPECT_FALSE(blade.key.exists());
 }
 

@@ -1,7 +1,8 @@
 // Stands in for the event manager: standin_emp <key>. What it does comes from the environment
 // variable STANDIN: "serve" (default) sends the notice and answers every message to the Startup
 // process with its own header; "mute" connects and says nothing; "exit" ends with status 3 before
-// the notice; "abort" dies of SIGABRT at the first message after it; "stubborn" ignores SIGTERM.
+// the notice; "abort" dies of SIGABRT at the first message after it; "stubborn" ignores SIGTERM;
+// "idle" does nothing, whatever its arguments.
 
 #include "mmsg_client.h"
 #include "mpu_gbl.h"
@@ -49,8 +50,8 @@ static void describe(int key, const MPU_PARAMS_t& block) {
 int main(int argc, char** argv) {
     const char* environment = getenv("STANDIN");
     std::string mode = environment != nullptr ? environment : "serve";
-    if (mode == "stubborn") {
-        signal(SIGTERM, SIG_IGN);
+    if (mode == "stubborn" || mode == "idle") {
+        signal(SIGTERM, mode == "idle" ? SIG_DFL : SIG_IGN);
         puts("up");
         fflush(stdout);
         waitForEver();

@@ -7,7 +7,9 @@
 
 #include <csignal>
 
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 using namespace support;
@@ -37,6 +39,46 @@ TEST(SwitchDirectory, SocketsComeAndGoWithTheSwitch) {
     for (const char* name : ENDPOINT_SOCKETS) {
         EXPECT_FALSE(exists(directory.file(name))) << name;
     }
+}
+
+/** Connects at once or not at all. */
+static bool connectsNow(const std::string& path) {
+    int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    bool connected =
+        connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    close(descriptor);
+    return connected;
+}
+
+TEST(SwitchDirectory, ReadyMeansThatEveryEndpointListens) {
+    TempDirectory directory;
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    Process msm(commandOf("msm", {directory.path(), "--ready-fd", std::to_string(ready[1]),
+                                  "--link", directory.file("nowhere")}),
+                directory.file("msm"));
+    close(ready[1]);
+    char text[16];
+    ASSERT_EQ(read(ready[0], text, sizeof(text)), 6);
+    EXPECT_EQ(std::string(text, 6), "ready\n");
+    for (const char* name : ENDPOINT_SOCKETS) {
+        EXPECT_TRUE(connectsNow(directory.file(name))) << name;
+    }
+    EXPECT_TRUE(connectsNow(directory.file("link")));
+    // The descriptor is closed: nothing of it reaches the life of the switch.
+    EXPECT_EQ(read(ready[0], text, sizeof(text)), 0);
+    close(ready[0]);
+}
+
+TEST(SwitchDirectory, ReadinessThatCannotBeToldIsAClearError) {
+    TempDirectory directory;
+    TempDirectory logs;
+    EXPECT_THAT(refusalOf(logs, {directory.path(), "--ready-fd", "777"}),
+                HasSubstr("cannot write to descriptor 777: Bad file descriptor"));
+    EXPECT_FALSE(exists(directory.file("eventlog")));
 }
 
 TEST(SwitchDirectory, StaleSocketsAreReplaced) {
