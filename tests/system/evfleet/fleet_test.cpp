@@ -1,0 +1,66 @@
+/** A fleet of simulated blades against a real archiver. */
+#include "process.h"
+#include "program.h"
+#include "temp_directory.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+namespace {
+
+using support::Process;
+
+class FleetSystemTest : public testing::Test {
+  protected:
+    FleetSystemTest() {
+        const std::string line = archiver_.waitForOutput("listening on 127.0.0.1:");
+        place_ = "127.0.0.1:" + line.substr(line.rfind(':') + 1);
+    }
+
+    ~FleetSystemTest() override {
+        archiver_.signal(SIGTERM);
+        archiver_.wait();
+    }
+
+    /** Runs a fleet to its end. @return its exit status */
+    int run(std::vector<std::string> arguments) {
+        const std::vector<std::string> always = {"--to",    place_,        "--check",
+                                                 database_, "--json",      "--progress",
+                                                 "0",       "--reconnect", "100"};
+        arguments.insert(arguments.end(), always.begin(), always.end());
+        Process fleet(support::commandOf("evfleet", arguments), directory_.file("fleet"));
+        const support::Ending ending = fleet.wait(std::chrono::seconds(90));
+        output_ = fleet.output();
+        return ending.exited ? ending.status : -1;
+    }
+
+    support::TempDirectory directory_;
+    std::string database_ = directory_.file("events.db");
+    Process archiver_{
+        support::commandOf("evarchiver", {"--listen", "127.0.0.1:0", "--db", database_}),
+        directory_.file("archiver")};
+    std::string place_;
+    std::string output_;
+};
+
+TEST_F(FleetSystemTest, QuietFleetIsArchivedByContent) {
+    EXPECT_EQ(run({"--blades", "50", "--events", "99", "--size", "0:1000"}), 0) << output_;
+    EXPECT_NE(output_.find("\"held\":5000,\"missing\":0,\"twice\":0,\"corrupt\":0"),
+              std::string::npos)
+        << output_;
+}
+
+TEST_F(FleetSystemTest, RebuiltLogsAreArchivedAnew) {
+    EXPECT_EQ(run({"--blades", "20", "--events", "100", "--rate", "100", "--rebuilds", "1"}), 0)
+        << output_;
+}
+
+TEST_F(FleetSystemTest, AnotherFleetsArchiveIsFoundOut) {
+    ASSERT_EQ(run({"--blades", "2", "--events", "10"}), 0) << output_;
+    // The same blades with other events, into the archive that holds the first ones.
+    EXPECT_EQ(run({"--blades", "2", "--events", "10", "--seed", "2", "--settle", "1"}), 1);
+    EXPECT_NE(output_.find("\"corrupt\":22"), std::string::npos) << output_;
+}
+
+} // namespace

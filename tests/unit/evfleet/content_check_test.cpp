@@ -1,0 +1,109 @@
+#include "evfleet/content_check.h"
+
+#include "sqlite_store.h"
+#include "temp_directory.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using evarchive::GenerationKey;
+using evarchive::StoredEvent;
+using evfleet::CheckResult;
+using evfleet::SimulatedLog;
+
+/** An archive of one simulated blade with the events 1 to 5. */
+class ContentCheckTest : public testing::Test {
+  protected:
+    ContentCheckTest() {
+        log_.log(4);
+        store_->begin();
+        const auto series = store_->addSeries({{shape_.enclosure, log_.bladeName(), 0}, 1});
+        generation_ = {series, 1};
+        store_->addGeneration(generation_, 0);
+    }
+
+    static StoredEvent eventOf(const SimulatedLog& log, U32_t id) {
+        StoredEvent event;
+        event.sequenceId = id;
+        log.appendEvent(event.image, id, log.rebuilt());
+        return event;
+    }
+
+    void hold(U32_t first, U32_t last) {
+        for (U32_t id = first; id <= last; ++id) {
+            store_->addEvent(generation_, eventOf(log_, id));
+        }
+    }
+
+    void openGeneration() {
+        ++generation_.generation;
+        store_->addGeneration(generation_, 0);
+    }
+
+    CheckResult check() {
+        store_->commit();
+        return evfleet::checkContent(path_, shape_.enclosure, 1, [this](U32_t) { return &log_; });
+    }
+
+    support::TempDirectory directory_;
+    std::string path_ = directory_.file("events.db");
+    std::unique_ptr<evarchive::Store> store_ = evarchive::openArchive(path_);
+    GenerationKey generation_;
+    evfleet::LogShape shape_;
+    SimulatedLog log_{shape_, 0};
+};
+
+TEST_F(ContentCheckTest, WholeLogIsClean) {
+    hold(1, 5);
+    const CheckResult result = check();
+    EXPECT_TRUE(result.isClean());
+    EXPECT_EQ(result.held, 5U);
+}
+
+TEST_F(ContentCheckTest, MissingEventIsFound) {
+    hold(1, 3);
+    hold(5, 5);
+    const CheckResult result = check();
+    EXPECT_EQ(result.missing, 1U);
+    EXPECT_EQ(result.findings, std::vector<std::string>{"SIM-000000: event 4 is missing"});
+}
+
+TEST_F(ContentCheckTest, BladeWithoutAnyEventMissesAll) {
+    const CheckResult result =
+        evfleet::checkContent(path_, "another enclosure", 1, [this](U32_t) { return &log_; });
+    EXPECT_EQ(result.missing, 5U);
+    EXPECT_EQ(result.held, 0U);
+}
+
+TEST_F(ContentCheckTest, ChangedByteIsFound) {
+    hold(1, 4);
+    StoredEvent event = eventOf(log_, 5);
+    event.image.back() ^= 1;
+    store_->addEvent(generation_, event);
+    const CheckResult result = check();
+    EXPECT_EQ(result.corrupt, 1U);
+    EXPECT_EQ(result.missing, 1U);
+}
+
+TEST_F(ContentCheckTest, EventInTwoGenerationsIsFound) {
+    hold(1, 5);
+    openGeneration();
+    hold(2, 2);
+    const CheckResult result = check();
+    EXPECT_EQ(result.twice, 1U);
+    EXPECT_EQ(result.missing, 4U) << "the newest generation must be whole";
+}
+
+TEST_F(ContentCheckTest, RebuiltLogNeedsItsOwnGenerationOnly) {
+    hold(1, 3);
+    openGeneration();
+    log_.rebuild();
+    log_.log(2);
+    hold(1, 3);
+    const CheckResult result = check();
+    EXPECT_TRUE(result.isClean());
+    EXPECT_EQ(result.held, 6U);
+}
+
+} // namespace
