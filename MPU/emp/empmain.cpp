@@ -4,9 +4,9 @@
  * house.
  */
 #include "archiver/pass.h"
-#include "archiver/select_sets.h"
 #include "diag/debug_line.h"
 #include "dispatch.h"
+#include "loop/wait.h"
 #include "mmsg/message.h"
 #include "mmsg/stream.h"
 #include "mpu_gbl.h"
@@ -87,8 +87,8 @@ void startUp() {
 /** One pass of the loop: wait, then at most one local message and one of the archiver. */
 void servePass() {
     empUpdateSelectSets();
-    empSelect();
-    if (empMsmSelected()) {
+    empWaitForSockets();
+    if (empMsmReadable()) {
         empDebugLine("main(): The socket to MSM is selected.\n");
         empReceiveMmsg();
         empProcEventMmsgMsg(reinterpret_cast<MMSG_t*>(empControl.empInMsg));

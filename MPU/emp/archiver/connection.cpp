@@ -1,8 +1,8 @@
 #include "archiver/connection.h"
 
 #include "archiver/link_state.h"
-#include "archiver/select_sets.h"
 #include "diag/debug_line.h"
+#include "loop/wait.h"
 #include "state/control.h"
 
 #include <cerrno>

@@ -6,15 +6,15 @@
 #include "archiver/message.h"
 #include "archiver/reconnect.h"
 #include "archiver/response_timer.h"
-#include "archiver/select_sets.h"
 #include "archiver/stream.h"
 #include "diag/debug_line.h"
+#include "loop/wait.h"
 #include "state/control.h"
 
 namespace {
 
 bool connectEnded() {
-    return empArchiverSelectedToWrite() &&
+    return empArchiverWritable() &&
            empControl.evArchiverSocketState == EMP_E_ARCHIVER_SOCKET_ST_CONNECTED;
 }
 
@@ -33,10 +33,10 @@ bool finishConnect() {
 }
 
 /** Looks whether a silent link still stands. @return false when it is broken and has been closed */
-bool probe() {
+bool probe(EmpArchiverPeek_t peek) {
     empDebugLine(
         "main(): Event Archiver FD isn't set. Check whether Event Archiver is still connected?\n");
-    if (!empEventArchiverConnectionBroken()) {
+    if (!empEventArchiverConnectionBroken(peek)) {
         return true;
     }
     empDebugLine("main(): Connection to Event Archiver is broken. Close current connection.\n");
@@ -46,14 +46,23 @@ bool probe() {
 
 /** Reads a message and acts on it. @return false when there was none and the link has been closed
  */
-bool receive() {
+bool receive(EmpArchiverPeek_t peek) {
     empDebugLine(
         "main(): Event Archiver FD is set. Check the data in the Event Archiver socket.\n");
-    if (!empReceiveEventArchiverMsg()) {
+    if (!empReceiveEventArchiverMsg(peek)) {
         return false;
     }
     empProcEventArchiverMsg(reinterpret_cast<const EmpEvArchiverMsg_t*>(empControl.empInMsg));
     return true;
+}
+
+/** Reads or probes, with one peek for both. @return false when the link has been closed */
+bool serveLink() {
+    EMP_READABLE_e readable = empArchiverReadable();
+    EmpArchiverPeek_t peek = empPeekEventArchiverHeader();
+    bool read = readable == EMP_E_READABLE_NOT_ASKED ? empPeekFoundSomething(peek)
+                                                     : readable == EMP_E_READABLE_YES;
+    return read ? receive(peek) : probe(peek);
 }
 
 } // namespace
@@ -67,8 +76,7 @@ void empServeEventArchiver() {
         return;
     }
     // The handshake may have closed the link; the pass goes on all the same.
-    bool linkStands = empArchiverSelectedToRead() ? receive() : probe();
-    if (linkStands) {
+    if (serveLink()) {
         empProcessResponseTimeout();
         empProcessForwardTimeout();
     }

@@ -17,22 +17,22 @@ EmpEvArchiverMsgHeader_t peekedHeader;
 
 constexpr S32_t headerSize = sizeof(peekedHeader);
 
-/** Result of a peek at the next header, and errno right after it, stale when nothing failed. */
-struct Peek_t {
-    S32_t result;
-    int error;
-};
+} // namespace
 
-Peek_t peekHeader() {
+EmpArchiverPeek_t empPeekEventArchiverHeader() {
+    if (empControl.socketFdEventArchiver == 0) {
+        return {-1, 0};
+    }
     S32_t result = static_cast<S32_t>(
         recv(empControl.socketFdEventArchiver, &peekedHeader, headerSize, MSG_PEEK));
     return {result, errno};
 }
 
-} // namespace
+bool empPeekFoundSomething(EmpArchiverPeek_t peek) {
+    return peek.result != -1 || (peek.error != EAGAIN && peek.error != EWOULDBLOCK);
+}
 
-bool empReceiveEventArchiverMsg() {
-    Peek_t peek = peekHeader();
+bool empReceiveEventArchiverMsg(EmpArchiverPeek_t peek) {
     if (peek.result != headerSize) {
         empDebugLine("main(): recvSize = [%d], errno = [%d]\n", peek.result, peek.error);
         empDebugLine("main(): Event Archiver connection receives error. Close the connection.\n");
@@ -54,11 +54,7 @@ bool empReceiveEventArchiverMsg() {
     return true;
 }
 
-bool empEventArchiverConnectionBroken() {
-    if (empControl.socketFdEventArchiver == 0) {
-        return false;
-    }
-    Peek_t peek = peekHeader();
+bool empEventArchiverConnectionBroken(EmpArchiverPeek_t peek) {
     // KEEP: only these two errors tell of a broken link; after an end of stream or a partial header
     // it is whatever an earlier call left behind.
     return peek.result != headerSize && (peek.error == ECONNRESET || peek.error == ECONNREFUSED);

@@ -4,6 +4,7 @@
 #include "diag/hex_dump.h"
 #include "fault/bugcheck.h"
 #include "mmsg.h"
+#include "mmsg/read_ahead.h"
 #include "state/control.h"
 
 #include <cstring>
@@ -24,7 +25,7 @@ U8_t headerBuffer[MMCH_SIZE];
 void receive(U8_t* buffer, U32_t length, int flags) {
     U32_t got = 0;
     while (got < length) {
-        ssize_t result = recv(empControl.socketFdMSM, buffer, length - got, flags);
+        ssize_t result = empReceiveFromMsm(buffer, length - got, flags);
         if (result == -1) {
             // KEEP: the header is dumped, with the result as its length, also when the body failed.
             empHexDump(headerBuffer, -1);

@@ -108,7 +108,8 @@ TEST(BugCheck, LeavesFilesThatTheNextStartTakesAndTheReportShows) {
     std::string report = outputOf(blade, {"file", "crash", blade.logPath()}, 1);
     EXPECT_EQ(report.find("bug-check 1 of 1, newest first\ntime          20"), 0U);
     EXPECT_THAT(report, HasSubstr("\nmessage       " + std::string(READ_FAILS).substr(0, 64) +
-                                  "\nfunction      main\nline          31\nfile          empmain\n"
+                                  "\nfunction      main\nline          "));
+    EXPECT_THAT(report, HasSubstr("\nfile          empmain\n"
                                   "enclosure     CHASSIS-7\nblade         BLADE-42\n"
                                   "slot          3\n"
                                   "records       24 of 24, sequence ids 1 to 24\n"));

@@ -1,7 +1,7 @@
 #include "archiver/connection.h"
 
-#include "archiver/select_sets.h"
 #include "link_bench.h"
+#include "loop/wait.h"
 
 #include <arpa/inet.h>
 
@@ -126,7 +126,7 @@ TEST_F(Connection, ClosingTakesTheDescriptorOutOfTheSets) {
     empUpdateSelectSets();
     empCloseEventArchiverConnection();
     empUpdateSelectSets();
-    empSelect();
+    empWaitForSockets();
     EXPECT_THAT(bench.selects[0].read, testing::ElementsAre(MSM_SOCKET));
     EXPECT_THAT(bench.selects[0].write, testing::IsEmpty());
     EXPECT_EQ(bench.selects[0].count, MSM_SOCKET + 1);

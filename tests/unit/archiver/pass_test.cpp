@@ -1,7 +1,8 @@
 #include "archiver/pass.h"
 
-#include "archiver/select_sets.h"
 #include "link_bench.h"
+#include "loop/wait.h"
+#include "mmsg/read_ahead.h"
 #include "requests/archiver_settings.h"
 
 #include <arpa/inet.h>
@@ -16,6 +17,12 @@ using testing::StartsWith;
 
 constexpr char NOT_SET[] =
     "main(): Event Archiver FD isn't set. Check whether Event Archiver is still connected?\n";
+
+/** A set-archiver request for 127.0.0.1, port 0x1234. */
+void setArchiver(U8_t lastByte) {
+    Bytes bytes = localMessage(3, {127, 0, 0, lastByte, 0x12, 0x34, 0, 0});
+    empRcvSetEventArchiverMsg(reinterpret_cast<MMSG_t*>(bytes.data()));
+}
 
 /** Timers show: the pending inquiry loses a second when the response timer runs, and selectTimeout
  * becomes 1 s when the forward timer runs. */
@@ -38,7 +45,7 @@ class Pass : public LinkTest {
         empControl.selectTimeout = {0, 100};
         return linesOf([&] {
             empUpdateSelectSets();
-            empSelect();
+            empWaitForSockets();
             if (local) {
                 local();
             }
@@ -49,6 +56,14 @@ class Pass : public LinkTest {
     static bool forwardTimerRan() { return empControl.selectTimeout.tv_sec == 1; }
     bool noTimerRan() const { return !responseTimerRan() && !forwardTimerRan(); }
     bool bothTimersRan() const { return responseTimerRan() && forwardTimerRan(); }
+
+    /** Has local bytes read ahead, so that the passes that follow do not wait. */
+    static void readAhead() {
+        bench.receives = {{counting(65)}};
+        U8_t byte = 0;
+        ASSERT_EQ(empReceiveFromMsm(&byte, 1, 0), 1);
+        bench.recvCalls.clear();
+    }
 
     EvMsgRecordEntry_t* waiting;
     std::function<void()> local; ///< what a local message does
@@ -164,6 +179,66 @@ TEST_F(Pass, EndOfStreamClosesWithoutTimers) {
     EXPECT_EQ(empControl.evManagerStatusFlag, 0);
 }
 
+// --- Passes that do not wait because a local message is here
+
+TEST_F(Pass, SilentLinkBesideALocalMessageIsProbedWithOneCall) {
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    readAhead();
+    EXPECT_EQ(pass(), "main(): Event Archiver is connected.\n" + std::string(NOT_SET));
+    EXPECT_TRUE(bothTimersRan());
+    EXPECT_TRUE(bench.selects.empty());
+    ASSERT_EQ(bench.recvCalls.size(), 1U);
+    EXPECT_EQ(bench.recvCalls[0].descriptor, ARCHIVER_SOCKET);
+}
+
+TEST_F(Pass, MessageBesideALocalOneIsReadAndTheTimersRun) {
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    readAhead();
+    Bytes message = archiverMessage(7, {});
+    bench.receives = {{message}, {message}};
+    EXPECT_THAT(pass(), HasSubstr("main(): Event Archiver FD is set."));
+    EXPECT_EQ(empControl.EAmsgEventUnknownMsgReceive, 1U);
+    EXPECT_EQ(bench.recvCalls.size(), 2U);
+    EXPECT_TRUE(bothTimersRan());
+}
+
+TEST_F(Pass, ResetBesideALocalMessageIsWhatSelectWouldHaveNamed) {
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    readAhead();
+    bench.receives = {{{}, -1, ECONNRESET}};
+    EXPECT_THAT(pass(), HasSubstr("main(): recvSize = [-1], errno = [104]\n"
+                                  "main(): Event Archiver connection receives error. Close"));
+    EXPECT_EQ(bench.recvCalls.size(), 1U) << "the error shows once";
+    EXPECT_TRUE(noTimerRan());
+}
+
+TEST_F(Pass, EndOfStreamBesideALocalMessageClosesWithoutTimers) {
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    readAhead();
+    bench.receives = {{{}, 0, EAGAIN}};
+    EXPECT_THAT(pass(), HasSubstr("main(): recvSize = [0], errno = [11]\n"));
+    EXPECT_TRUE(noTimerRan());
+}
+
+TEST_F(Pass, FinishedConnectBesideALocalMessageIsLearnedWithoutWaiting) {
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_CONNECTED);
+    readAhead();
+    bench.writable = {ARCHIVER_SOCKET};
+    EXPECT_THAT(pass(), HasSubstr("Send [Get Status Msg]."));
+    ASSERT_EQ(bench.selects.size(), 1U);
+    EXPECT_EQ(bench.selects[0].timeout.tv_sec, 0);
+    EXPECT_EQ(bench.selects[0].timeout.tv_usec, 0);
+}
+
+TEST_F(Pass, SetRequestInAPassThatDidNotWaitLeadsToAProbe) {
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    readAhead();
+    bench.nextSocket = ARCHIVER_SOCKET;
+    local = [] { setArchiver(1); };
+    bench.receives = {{{}, -1, ECONNREFUSED}};
+    EXPECT_THAT(pass(), HasSubstr("main(): Connection to Event Archiver is broken."));
+}
+
 TEST_F(Pass, StatusResponseSendsOneEventAndTheForwardTimerAnother) {
     setLink(EMP_E_ARCHIVER_SOCKET_ST_GET_STATUS_SENT);
     bench.readable = {ARCHIVER_SOCKET};
@@ -173,12 +248,6 @@ TEST_F(Pass, StatusResponseSendsOneEventAndTheForwardTimerAnother) {
     EXPECT_THAT(sentTo(ARCHIVER_SOCKET),
                 ElementsAre(archiverEvent(5, dataOf(5)), archiverEvent(6, dataOf(6))));
     EXPECT_EQ(empControl.selectTimeout.tv_usec, 100);
-}
-
-/** A set-archiver request for 127.0.0.1, port 0x1234. */
-void setArchiver(U8_t lastByte) {
-    Bytes bytes = localMessage(3, {127, 0, 0, lastByte, 0x12, 0x34, 0, 0});
-    empRcvSetEventArchiverMsg(reinterpret_cast<MMSG_t*>(bytes.data()));
 }
 
 TEST_F(Pass, SetRequestLeadsTheSamePassIntoTheArchiverPart) {

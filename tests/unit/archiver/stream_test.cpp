@@ -26,7 +26,7 @@ class ArchiverStream : public LinkTest {
 TEST_F(ArchiverStream, HeaderIsPeekedAndTheMessageReadInOneCall) {
     Bytes message = archiverMessage(6, statusBody(1, 2));
     bench.receives = {{headerOf(message)}, {message}};
-    EXPECT_TRUE(empReceiveEventArchiverMsg());
+    EXPECT_TRUE(empReceiveEventArchiverMsg(empPeekEventArchiverHeader()));
     EXPECT_EQ(inMsg(message.size()), message);
     ASSERT_EQ(bench.recvCalls.size(), 2U);
     EXPECT_EQ(bench.recvCalls[0].descriptor, ARCHIVER_SOCKET);
@@ -39,7 +39,7 @@ TEST_F(ArchiverStream, HeaderIsPeekedAndTheMessageReadInOneCall) {
 TEST_F(ArchiverStream, NothingStaleStandsBehindTheMessage) {
     Bytes message = archiverMessage(6, {});
     bench.receives = {{message}, {message}};
-    EXPECT_TRUE(empReceiveEventArchiverMsg());
+    EXPECT_TRUE(empReceiveEventArchiverMsg(empPeekEventArchiverHeader()));
     Bytes expected = message;
     expected.resize(4064, 0);
     EXPECT_EQ(inMsg(4064), expected);
@@ -48,7 +48,7 @@ TEST_F(ArchiverStream, NothingStaleStandsBehindTheMessage) {
 TEST_F(ArchiverStream, LongestBodyIsReadWhole) {
     Bytes message = archiverMessage(1, counting(65535));
     bench.receives = {{headerOf(message)}, {message}};
-    EXPECT_TRUE(empReceiveEventArchiverMsg());
+    EXPECT_TRUE(empReceiveEventArchiverMsg(empPeekEventArchiverHeader()));
     EXPECT_EQ(bench.recvCalls[1].length, 65'551U);
     EXPECT_EQ(inMsg(message.size()), message);
 }
@@ -75,7 +75,7 @@ TEST_F(ArchiverStream, BodyOf4064BytesIsReadAndHandedOn) {
         Bytes message = longestAnswer(test.structLength, test.handle);
         ASSERT_EQ(message.size(), 4080U);
         bench.receives = {{headerOf(message)}, {message}};
-        ASSERT_TRUE(empReceiveEventArchiverMsg());
+        ASSERT_TRUE(empReceiveEventArchiverMsg(empPeekEventArchiverHeader()));
         EXPECT_EQ(bench.recvCalls.back().length, 4080U);
         EXPECT_EQ(inMsg(4080), message);
         linesOf([] {
@@ -98,11 +98,12 @@ TEST_F(ArchiverStream, EveryIncompleteHeaderCloses) {
         bench.receives = {peek};
         ssize_t result = peek.data.empty() ? peek.result : static_cast<ssize_t>(peek.data.size());
         bool received = true;
-        EXPECT_EQ(linesOf([&] { received = empReceiveEventArchiverMsg(); }),
-                  "main(): recvSize = [" + std::to_string(result) +
-                      "], errno = [11]\n"
-                      "main(): Event Archiver connection receives error. Close the connection.\n"
-                      "empCloseEventArchiverConnection(): Close the Event Archiver connection.\n");
+        EXPECT_EQ(
+            linesOf([&] { received = empReceiveEventArchiverMsg(empPeekEventArchiverHeader()); }),
+            "main(): recvSize = [" + std::to_string(result) +
+                "], errno = [11]\n"
+                "main(): Event Archiver connection receives error. Close the connection.\n"
+                "empCloseEventArchiverConnection(): Close the Event Archiver connection.\n");
         EXPECT_FALSE(received);
         EXPECT_EQ(empControl.socketFdEventArchiver, 0);
     }
@@ -112,7 +113,8 @@ TEST_F(ArchiverStream, EveryIncompleteHeaderCloses) {
 TEST_F(ArchiverStream, ShortMessageIsDumpedAndFatal) {
     Bytes message = archiverMessage(1, {1, 2, 3, 4});
     bench.receives = {{headerOf(message)}, {Bytes(message.begin(), message.begin() + 18)}};
-    BugCheck bugCheck = bugCheckOf([] { empReceiveEventArchiverMsg(); });
+    BugCheck bugCheck =
+        bugCheckOf([] { empReceiveEventArchiverMsg(empPeekEventArchiverHeader()); });
     EXPECT_EQ(bugCheck.message,
               "Linux recv function fails, Event Archiver Msg length readSize = [18] is wrong");
     EXPECT_EQ(bugCheck.function, "main");
@@ -121,7 +123,8 @@ TEST_F(ArchiverStream, ShortMessageIsDumpedAndFatal) {
 
 TEST_F(ArchiverStream, FailedReadOfTheMessageIsFatalWithTheResult) {
     bench.receives = {{archiverMessage(1, {})}, {{}, -1, ECONNRESET}};
-    BugCheck bugCheck = bugCheckOf([] { empReceiveEventArchiverMsg(); });
+    BugCheck bugCheck =
+        bugCheckOf([] { empReceiveEventArchiverMsg(empPeekEventArchiverHeader()); });
     EXPECT_EQ(bugCheck.message,
               "Linux recv function fails, Event Archiver Msg length readSize = [-1] is wrong");
     EXPECT_EQ(output, "\n");
@@ -131,7 +134,8 @@ TEST_F(ArchiverStream, ShortReadOfAnOverlongMessageIsDumpedWhole) {
     Bytes message = archiverMessage(1, counting(65535));
     Bytes piece(message.begin(), message.end() - 1);
     bench.receives = {{headerOf(message)}, {piece}};
-    BugCheck bugCheck = bugCheckOf([] { empReceiveEventArchiverMsg(); });
+    BugCheck bugCheck =
+        bugCheckOf([] { empReceiveEventArchiverMsg(empPeekEventArchiverHeader()); });
     EXPECT_EQ(bugCheck.message,
               "Linux recv function fails, Event Archiver Msg length readSize = [65550] is wrong");
     EXPECT_EQ(output, hexDumpOf(piece));
@@ -140,11 +144,11 @@ TEST_F(ArchiverStream, ShortReadOfAnOverlongMessageIsDumpedWhole) {
 TEST_F(ArchiverStream, ProbeBreaksOnlyOnResetAndRefused) {
     for (int error : {ECONNRESET, ECONNREFUSED}) {
         bench.receives = {{{}, -1, error}};
-        EXPECT_TRUE(empEventArchiverConnectionBroken());
+        EXPECT_TRUE(empEventArchiverConnectionBroken(empPeekEventArchiverHeader()));
     }
     for (int error : {EAGAIN, EPIPE, ETIMEDOUT, ENOTCONN}) {
         bench.receives = {{{}, -1, error}};
-        EXPECT_FALSE(empEventArchiverConnectionBroken());
+        EXPECT_FALSE(empEventArchiverConnectionBroken(empPeekEventArchiverHeader()));
     }
     EXPECT_EQ(bench.recvCalls[0].length, 16U);
     EXPECT_EQ(bench.recvCalls[0].flags, MSG_PEEK);
@@ -153,22 +157,31 @@ TEST_F(ArchiverStream, ProbeBreaksOnlyOnResetAndRefused) {
 TEST_F(ArchiverStream, ProbeJudgesAStaleErrorAfterAnEndOfStreamOrAPartialHeader) {
     for (const RecvStep& peek : {RecvStep{{}, 0, ECONNRESET}, RecvStep{{1, 2}, 0, ECONNREFUSED}}) {
         bench.receives = {peek};
-        EXPECT_TRUE(empEventArchiverConnectionBroken());
+        EXPECT_TRUE(empEventArchiverConnectionBroken(empPeekEventArchiverHeader()));
     }
     bench.receives = {{{}, 0, EAGAIN}};
-    EXPECT_FALSE(empEventArchiverConnectionBroken());
+    EXPECT_FALSE(empEventArchiverConnectionBroken(empPeekEventArchiverHeader()));
 }
 
 TEST_F(ArchiverStream, ProbeOfAWholeHeaderIsFineWhateverTheError) {
     bench.receives = {{counting(16), 0, ECONNRESET}};
-    EXPECT_FALSE(empEventArchiverConnectionBroken());
+    EXPECT_FALSE(empEventArchiverConnectionBroken(empPeekEventArchiverHeader()));
 }
 
 TEST_F(ArchiverStream, ProbeWithoutASocketAsksNobody) {
     empControl.socketFdEventArchiver = 0;
     errno = ECONNRESET;
-    EXPECT_FALSE(empEventArchiverConnectionBroken());
+    EXPECT_FALSE(empEventArchiverConnectionBroken(empPeekEventArchiverHeader()));
     EXPECT_TRUE(bench.recvCalls.empty());
+}
+
+TEST_F(ArchiverStream, PeekFindsWhatSelectWouldName) {
+    for (const RecvStep& found : {RecvStep{counting(16)}, RecvStep{{1}}, RecvStep{{}, 0, EAGAIN},
+                                  RecvStep{{}, -1, ECONNRESET}}) {
+        bench.receives = {found};
+        EXPECT_TRUE(empPeekFoundSomething(empPeekEventArchiverHeader()));
+    }
+    EXPECT_FALSE(empPeekFoundSomething(empPeekEventArchiverHeader())) << "nothing is there";
 }
 
 TEST_F(ArchiverStream, SocketErrorIsTaken) {

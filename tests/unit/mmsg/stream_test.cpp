@@ -5,6 +5,7 @@
 #include "emp_fixture.h"
 #include "fixed_time_stamp.h"
 #include "mmsg.h"
+#include "mmsg/read_ahead.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -92,17 +93,22 @@ class Stream : public EmpTest {
 
     /** Bytes that have not been consumed. */
     static size_t unread() {
-        Bytes space(200'000);
-        ssize_t got = __real_recv(empControl.socketFdMSM, space.data(), space.size(),
-                                  MSG_PEEK | MSG_DONTWAIT);
-        return got < 0 ? 0 : static_cast<size_t>(got);
+        Bytes space(65536);
+        bool inSocket = __real_recv(empControl.socketFdMSM, space.data(), space.size(),
+                                    MSG_PEEK | MSG_DONTWAIT) > 0;
+        if (!inSocket && !empMsmReadAhead()) {
+            return 0;
+        }
+        return static_cast<size_t>(empReceiveFromMsm(space.data(), space.size(), MSG_PEEK));
     }
+
+    static constexpr size_t AHEAD = 65536;
 };
 
-TEST_F(Stream, HeaderIsPeekedThenTheWholeMessageTaken) {
+TEST_F(Stream, MessageTakesOneReceive) {
     msm_.send(message(300, 0x31));
     empReceiveMmsg();
-    EXPECT_EQ(calls, (std::vector<Call>{{64, MSG_PEEK, 64}, {300, 0, 300}}));
+    EXPECT_EQ(calls, (std::vector<Call>{{AHEAD, 0, 300}}));
     EXPECT_EQ(buffer(), padded(message(300, 0x31)));
     EXPECT_EQ(unread(), 0U);
 }
@@ -122,6 +128,7 @@ TEST_F(Stream, MessagesInOnePieceAreTakenOneByOne) {
     EXPECT_EQ(buffer(), message(4064, 2));
     empReceiveMmsg();
     EXPECT_EQ(buffer(), padded(message(65, 3)));
+    EXPECT_EQ(calls, (std::vector<Call>{{AHEAD, 0, 64 + 4064 + 65}})) << "one receive for all";
     EXPECT_EQ(unread(), 0U);
 }
 
@@ -152,11 +159,9 @@ TEST_F(Stream, LengthZeroReadsNothingAndLeavesTheBufferAlone) {
     empReceiveMmsg();
     msm_.send(message(64, 0x52, 0));
     for (int pass = 0; pass < 3; pass++) {
-        calls.clear();
         empReceiveMmsg();
-        EXPECT_EQ(calls, (std::vector<Call>{{64, MSG_PEEK, 64}})) << "the header is seen again";
         EXPECT_EQ(buffer(), padded(message(300, 0x51)));
-        EXPECT_EQ(unread(), 64U);
+        EXPECT_EQ(unread(), 64U) << "the header is seen again";
     }
 }
 
@@ -172,7 +177,7 @@ TEST_F(Stream, LengthsBelowAHeaderConsumeOnlyThatMuch) {
         EXPECT_EQ(buffer(), expected) << "the rest is the message before";
         EXPECT_EQ(unread(), 64 - length) << "the stream is out of step";
         Bytes rest(64 - length);
-        ASSERT_EQ(__real_recv(empControl.socketFdMSM, rest.data(), rest.size(), 0),
+        ASSERT_EQ(empReceiveFromMsm(rest.data(), rest.size(), 0),
                   static_cast<ssize_t>(rest.size()));
     }
 }
@@ -183,13 +188,11 @@ TEST_F(Stream, TwelveBytesArePeekedSixTimes) {
     calls.clear();
     msm_.send(message(12, 0x72, 12));
     empReceiveMmsg();
-    EXPECT_EQ(calls, (std::vector<Call>{{64, MSG_PEEK, 12},
-                                        {52, MSG_PEEK, 12},
-                                        {40, MSG_PEEK, 12},
-                                        {28, MSG_PEEK, 12},
-                                        {16, MSG_PEEK, 12},
-                                        {4, MSG_PEEK, 4},
-                                        {12, 0, 12}}));
+    // Four more peeks ask for more than waits, and each looks for it.
+    std::vector<Call> expected(5, Call{AHEAD - 12, MSG_DONTWAIT, -1});
+    expected[0] = {AHEAD, 0, 12};
+    EXPECT_EQ(calls, expected);
+    EXPECT_EQ(buffer(), padded(joined({message(12, 0x72, 12), Bytes(52, 0x71)})));
     EXPECT_EQ(unread(), 0U);
 }
 
@@ -197,12 +200,22 @@ TEST_F(Stream, OneByteIsPeekedSixtyFourTimesAndTheEarlierHeaderGivesTheLength) {
     msm_.send(message(64, 0x73));
     empReceiveMmsg();
     calls.clear();
-    beforeCall[65] = [this] { msm_.send(Bytes(63, 0x74)); };
+    // The last peek asks for one byte and is content; then the body is asked for.
+    beforeCall[64] = [this] { msm_.send(Bytes(63, 0x74)); };
     msm_.send({0x75});
     empReceiveMmsg();
-    EXPECT_EQ(calls.size(), 65U);
-    EXPECT_EQ(calls.back(), (Call{64, 0, 64}));
+    EXPECT_EQ(calls.size(), 64U);
+    EXPECT_EQ(calls.back(), (Call{AHEAD - 1, MSG_DONTWAIT, 63}));
     EXPECT_EQ(buffer(), padded(joined({{0x75}, Bytes(63, 0x74)})));
+}
+
+TEST_F(Stream, RestOfAMessageThatArrivesBeforeItIsAskedForIsNotSplitOff) {
+    Bytes whole = message(300, 0x77);
+    msm_.send(joined({message(100, 0x78), Bytes(whole.begin(), whole.begin() + 70)}));
+    empReceiveMmsg();
+    msm_.send(Bytes(whole.begin() + 70, whole.end()));
+    empReceiveMmsg();
+    EXPECT_EQ(buffer(), padded(whole));
 }
 
 TEST_F(Stream, FirstPeekThatDoesNotReachTheLengthMeetsZero) {
@@ -220,7 +233,8 @@ TEST_F(Stream, OfASplitMessageOnlyTheLastPieceIsLeftAndZerosBehindIt) {
     beforeCall[3] = [this] { msm_.send(Bytes(60, 0x83)); };
     msm_.send(Bytes(whole.begin(), whole.begin() + 240));
     empReceiveMmsg();
-    EXPECT_EQ(calls, (std::vector<Call>{{64, MSG_PEEK, 64}, {300, 0, 240}, {60, 0, 60}}));
+    EXPECT_EQ(calls, (std::vector<Call>{
+                         {AHEAD, 0, 240}, {AHEAD - 240, MSG_DONTWAIT, -1}, {AHEAD, 0, 60}}));
     Bytes expected = padded(Bytes(whole.begin(), whole.begin() + 240));
     std::fill_n(expected.begin(), 60, U8_t{0x83});
     EXPECT_EQ(buffer(), expected) << "bytes 240 to 299 were covered by no piece";
@@ -243,7 +257,7 @@ TEST_F(Stream, FailedHeaderIsABugCheck) {
 
 TEST_F(Stream, FailedBodyReportsThePeekToo) {
     failingCall = 2;
-    msm_.send(message(64, 1));
+    msm_.send(message(64, 1, 300));
     expectEmptyDumpBeforeReport(expectBugCheck(empReceiveMmsg, "main", READ_FAILS));
 }
 

@@ -1,6 +1,11 @@
-#include "archiver/select_sets.h"
+#include "loop/wait.h"
 
+#include "diag/debug_line.h"
 #include "link_bench.h"
+#include "mmsg/read_ahead.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -14,7 +19,7 @@ class SelectSets : public LinkTest {
     /** What select is asked in a pass that begins now. */
     static SelectCall pass() {
         empUpdateSelectSets();
-        empSelect();
+        empWaitForSockets();
         return bench.selects.back();
     }
 };
@@ -100,7 +105,7 @@ TEST_F(SelectSets, OnlyBitZeroOfTheFlagCounts) {
 
 TEST_F(SelectSets, FailedSelectIsABugCheckOfMain) {
     bench.selectResult = -1;
-    BugCheck bugCheck = bugCheckOf([] { empSelect(); });
+    BugCheck bugCheck = bugCheckOf([] { empWaitForSockets(); });
     EXPECT_EQ(bugCheck.message, "Linux select function fails");
     EXPECT_EQ(bugCheck.function, "main");
 }
@@ -108,19 +113,20 @@ TEST_F(SelectSets, FailedSelectIsABugCheckOfMain) {
 TEST_F(SelectSets, TellWhatIsReady) {
     setLink(EMP_E_ARCHIVER_SOCKET_ST_CONNECTED);
     pass();
-    EXPECT_FALSE(empMsmSelected() || empArchiverSelectedToRead() || empArchiverSelectedToWrite());
+    EXPECT_FALSE(empMsmReadable() || empArchiverWritable());
+    EXPECT_EQ(empArchiverReadable(), EMP_E_READABLE_NO);
     bench.readable = {MSM_SOCKET};
     bench.writable = {ARCHIVER_SOCKET};
     pass();
-    EXPECT_TRUE(empMsmSelected());
-    EXPECT_FALSE(empArchiverSelectedToRead());
-    EXPECT_TRUE(empArchiverSelectedToWrite());
+    EXPECT_TRUE(empMsmReadable());
+    EXPECT_EQ(empArchiverReadable(), EMP_E_READABLE_NO);
+    EXPECT_TRUE(empArchiverWritable());
     bench.readable = {ARCHIVER_SOCKET};
     bench.writable = {};
     pass();
-    EXPECT_FALSE(empMsmSelected());
-    EXPECT_TRUE(empArchiverSelectedToRead());
-    EXPECT_FALSE(empArchiverSelectedToWrite());
+    EXPECT_FALSE(empMsmReadable());
+    EXPECT_EQ(empArchiverReadable(), EMP_E_READABLE_YES);
+    EXPECT_FALSE(empArchiverWritable());
 }
 
 TEST_F(SelectSets, ReadinessOfAClosedSocketNeverReachesTheNextOneOfItsNumber) {
@@ -129,8 +135,8 @@ TEST_F(SelectSets, ReadinessOfAClosedSocketNeverReachesTheNextOneOfItsNumber) {
     pass();
     empForgetArchiverDescriptor();
     EXPECT_EQ(empControl.socketFdEventArchiverSet, 0);
-    EXPECT_FALSE(empArchiverSelectedToRead());
-    EXPECT_FALSE(empArchiverSelectedToWrite());
+    EXPECT_EQ(empArchiverReadable(), EMP_E_READABLE_NO);
+    EXPECT_FALSE(empArchiverWritable());
     // The next pass waits for the new socket as for any other.
     SelectCall call = pass();
     EXPECT_THAT(call.read, ElementsAre(MSM_SOCKET, ARCHIVER_SOCKET));
@@ -144,10 +150,105 @@ TEST_F(SelectSets, DescriptorZeroIsNoArchiver) {
     SelectCall call = pass();
     EXPECT_THAT(call.read, ElementsAre(MSM_SOCKET));
     EXPECT_THAT(call.write, IsEmpty());
-    EXPECT_FALSE(empArchiverSelectedToRead());
-    EXPECT_FALSE(empArchiverSelectedToWrite());
+    EXPECT_EQ(empArchiverReadable(), EMP_E_READABLE_NO);
+    EXPECT_FALSE(empArchiverWritable());
     empForgetArchiverDescriptor();
     EXPECT_EQ(empControl.socketFdEventArchiverSet, 0);
+}
+
+// --- Passes that find a local message read ahead
+
+/** Bytes in the file that standard output is. */
+off_t writtenSoFar() {
+    struct stat status = {};
+    return fstat(STDOUT_FILENO, &status) == 0 ? status.st_size : -1;
+}
+
+class ReadAhead : public SelectSets {
+  protected:
+    ReadAhead() {
+        bench.receives = {{counting(10)}};
+        U8_t byte = 0;
+        EXPECT_EQ(empReceiveFromMsm(&byte, 1, 0), 1);
+    }
+
+    static void takeTheRest() {
+        U8_t rest[9];
+        ASSERT_EQ(empReceiveFromMsm(rest, sizeof(rest), 0), 9);
+    }
+};
+
+TEST_F(ReadAhead, PassDoesNotAskSelectAndFindsTheMessage) {
+    empUpdateSelectSets();
+    empWaitForSockets();
+    EXPECT_TRUE(bench.selects.empty());
+    EXPECT_TRUE(empMsmReadable());
+    EXPECT_FALSE(empArchiverWritable());
+    EXPECT_EQ(empArchiverReadable(), EMP_E_READABLE_NO) << "there is none";
+}
+
+TEST_F(ReadAhead, PassBehindTheLastByteWaitsAgain) {
+    takeTheRest();
+    pass();
+    EXPECT_EQ(bench.selects.size(), 1U);
+    EXPECT_FALSE(empMsmReadable());
+}
+
+TEST_F(ReadAhead, ArchiverWasNotAsked) {
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
+    empUpdateSelectSets();
+    empWaitForSockets();
+    EXPECT_TRUE(bench.selects.empty());
+    EXPECT_EQ(empArchiverReadable(), EMP_E_READABLE_NOT_ASKED);
+    empForgetArchiverDescriptor();
+    EXPECT_EQ(empArchiverReadable(), EMP_E_READABLE_NO) << "the next one of its number is new";
+}
+
+TEST_F(ReadAhead, ConnectIsAskedAboutWithoutWaiting) {
+    setLink(EMP_E_ARCHIVER_SOCKET_ST_CONNECTED);
+    bench.writable = {ARCHIVER_SOCKET};
+    SelectCall call = pass();
+    EXPECT_EQ(call.timeout.tv_sec, 0);
+    EXPECT_EQ(call.timeout.tv_usec, 0);
+    EXPECT_THAT(call.write, ElementsAre(ARCHIVER_SOCKET));
+    EXPECT_TRUE(empArchiverWritable());
+    EXPECT_EQ(empArchiverReadable(), EMP_E_READABLE_NO);
+    EXPECT_TRUE(empMsmReadable()) << "whatever select says";
+}
+
+TEST_F(ReadAhead, OutputIsWrittenInTheSixtyFourthPassAtTheLatest) {
+    testing::internal::CaptureStdout();
+    empBufferOutput();
+    empDebugLine("main(): a first line\n");
+    empFlushOutput();
+    off_t start = writtenSoFar();
+    empDebugLine("main(): a line\n");
+    for (int i = 1; i <= 63; i++) {
+        empWaitForSockets();
+    }
+    off_t before = writtenSoFar();
+    empWaitForSockets();
+    off_t after = writtenSoFar();
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(before, start);
+    EXPECT_GT(after, start);
+}
+
+TEST_F(ReadAhead, OutputIsWrittenBeforeAPassThatWaits) {
+    testing::internal::CaptureStdout();
+    empBufferOutput();
+    empDebugLine("main(): a first line\n");
+    empFlushOutput();
+    off_t start = writtenSoFar();
+    empDebugLine("main(): a line\n");
+    empWaitForSockets();
+    off_t before = writtenSoFar();
+    takeTheRest();
+    empWaitForSockets();
+    off_t after = writtenSoFar();
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(before, start);
+    EXPECT_GT(after, start);
 }
 
 } // namespace

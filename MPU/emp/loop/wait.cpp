@@ -1,7 +1,8 @@
-#include "archiver/select_sets.h"
+#include "loop/wait.h"
 
 #include "diag/debug_line.h"
 #include "fault/bugcheck.h"
+#include "mmsg/read_ahead.h"
 #include "state/control.h"
 
 #include <sys/select.h>
@@ -13,6 +14,11 @@ fd_set masterWriteSet;
 fd_set readSet;
 fd_set writeSet;
 int highestDescriptor;
+bool selectAsked;    ///< in the running pass; else its sets are what would have been asked
+int passesUnwritten; ///< since output was written
+
+/** No line waits for longer, however many messages are read ahead. */
+constexpr int PASSES_PER_WRITE = 64;
 
 void addArchiverDescriptor(bool toWriteSet) {
     int descriptor = empControl.socketFdEventArchiver;
@@ -26,6 +32,12 @@ void addArchiverDescriptor(bool toWriteSet) {
         }
         empControl.socketFdEventArchiverSet = 1;
     }
+}
+
+/** Only select tells when a connect has ended. */
+bool awaitsConnect() {
+    return empControl.socketFdEventArchiver != 0 &&
+           FD_ISSET(empControl.socketFdEventArchiver, &masterWriteSet);
 }
 
 } // namespace
@@ -58,26 +70,40 @@ void empUpdateSelectSets() {
     }
 }
 
-void empSelect() {
-    empFlushOutput();
+void empWaitForSockets() {
+    bool messageHere = empMsmReadAhead();
+    if (!messageHere || ++passesUnwritten >= PASSES_PER_WRITE) {
+        empFlushOutput();
+        passesUnwritten = 0;
+    }
     readSet = masterReadSet;
     writeSet = masterWriteSet;
-    struct timeval timeout = empControl.selectTimeout;
+    selectAsked = !messageHere || awaitsConnect();
+    if (!selectAsked) {
+        return;
+    }
+    struct timeval timeout = {};
+    if (!messageHere) {
+        timeout = empControl.selectTimeout;
+    }
     if (select(highestDescriptor + 1, &readSet, &writeSet, nullptr, &timeout) == -1) {
         EMP_BUGCHECK(EMP_HERE_IN("main"), "Linux select function fails");
     }
 }
 
-bool empMsmSelected() {
-    return FD_ISSET(empControl.socketFdMSM, &readSet);
+bool empMsmReadable() {
+    return empMsmReadAhead() || FD_ISSET(empControl.socketFdMSM, &readSet);
 }
 
-bool empArchiverSelectedToRead() {
-    return empControl.socketFdEventArchiver != 0 &&
-           FD_ISSET(empControl.socketFdEventArchiver, &readSet);
+EMP_READABLE_e empArchiverReadable() {
+    if (empControl.socketFdEventArchiver == 0 ||
+        !FD_ISSET(empControl.socketFdEventArchiver, &readSet)) {
+        return EMP_E_READABLE_NO;
+    }
+    return selectAsked ? EMP_E_READABLE_YES : EMP_E_READABLE_NOT_ASKED;
 }
 
-bool empArchiverSelectedToWrite() {
+bool empArchiverWritable() {
     return empControl.socketFdEventArchiver != 0 &&
            FD_ISSET(empControl.socketFdEventArchiver, &writeSet);
 }

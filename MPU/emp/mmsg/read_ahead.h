@@ -1,0 +1,25 @@
+/**
+ * @file
+ * The message switch's socket, read ahead: one receive takes all that has arrived, and what is
+ * asked for is then served from memory just as the socket would have served it.
+ */
+#ifndef EMP_MMSG_READ_AHEAD_H
+#define EMP_MMSG_READ_AHEAD_H
+
+#include <cstddef>
+#include <sys/types.h>
+
+/**
+ * Receives from the message switch as recv does: what is there from the front of the stream, up to
+ * @p length bytes; waits only while nothing is there. The end of the stream and errors are met
+ * behind the bytes that came before them.
+ * @param length 1 to 65,536
+ * @param flags  0, or MSG_PEEK to leave the bytes in the stream
+ * @return bytes received, 0 at the end of the stream, or -1 with errno
+ */
+ssize_t empReceiveFromMsm(void* to, size_t length, int flags);
+
+/** Whether bytes of the stream wait here, where select does not see them. */
+bool empMsmReadAhead();
+
+#endif
