@@ -1,9 +1,12 @@
 #include "common/cli.h"
 
+#include "common/help.h"
+#include "common/nearest.h"
 #include "version.h"
 
+#include <charconv>
+#include <cmath>
 #include <iostream>
-#include <memory>
 #include <sstream>
 
 namespace tools {
@@ -14,51 +17,103 @@ constexpr char EXIT_STATUS_TEXT[] = "Exit status:\n"
                                     "  1  done, with a finding\n"
                                     "  2  could not";
 
-constexpr size_t HELP_WIDTH = 96;
-constexpr size_t OPTION_COLUMN = 26;
-
-/** Breaks @p text between words and indents every line. */
-std::string wrapped(const std::string& text, size_t indent) {
-    std::istringstream words(text);
-    std::string lines;
-    size_t column = 0;
-    for (std::string word; words >> word;) {
-        if (column == 0 || column + 1 + word.size() > HELP_WIDTH) {
-            lines += (column == 0 ? "" : "\n") + std::string(indent, ' ') + word;
-            column = indent + word.size();
-        } else {
-            lines += " " + word;
-            column += 1 + word.size();
+/** The subcommands that the arguments named, the program itself first. */
+std::vector<CLI::App*> namedCommands(CLI::App& app) {
+    std::vector<CLI::App*> commands = {&app};
+    for (;;) {
+        std::vector<CLI::App*> next = commands.back()->get_subcommands();
+        // Groups of options are commands without a name.
+        std::erase_if(next, [](const CLI::App* command) { return command->get_name().empty(); });
+        if (next.empty()) {
+            return commands;
         }
+        commands.push_back(next.back());
     }
-    return lines + "\n";
 }
 
-/** Options as a manual page shows them: names and value on the left, what they do on the right. */
-class HelpFormatter : public CLI::Formatter {
-  public:
-    std::string make_option(const CLI::Option* option, bool isPositional) const override {
-        std::string left = "  " + make_option_name(option, isPositional) + make_option_opts(option);
-        std::string text = option->get_description();
-        if (!option->get_default_str().empty()) {
-            text += " (default " + option->get_default_str() + ")";
+void addOptionNames(const CLI::App& command, std::vector<std::string>& names) {
+    for (const CLI::Option* option : command.get_options()) {
+        for (const std::string& name : option->get_lnames()) {
+            names.push_back("--" + name);
         }
-        std::string right = wrapped(text, OPTION_COLUMN);
-        if (left.size() >= OPTION_COLUMN) {
-            return left + "\n" + right;
-        }
-        return left + right.substr(left.size());
     }
+    for (const CLI::App* group :
+         command.get_subcommands([](const CLI::App* sub) { return sub->get_name().empty(); })) {
+        addOptionNames(*group, names);
+    }
+}
 
-    /** Only the value's name: checks speak for themselves when a value is refused. */
-    std::string make_option_opts(const CLI::Option* option) const override {
-        if (option->get_type_size() == 0) {
-            return "";
-        }
-        std::string type = option->get_type_name();
-        return option->get_positional() ? "" : " " + type.substr(0, type.find(':'));
+std::vector<std::string> commandNames(const CLI::App& command) {
+    std::vector<std::string> names;
+    for (const CLI::App* sub :
+         command.get_subcommands([](const CLI::App* each) { return !each->get_name().empty(); })) {
+        names.push_back(sub->get_name());
     }
-};
+    return names;
+}
+
+std::string joined(const std::vector<std::string>& texts, const std::string& between) {
+    std::string all;
+    for (const std::string& text : texts) {
+        all += (all.empty() ? "" : between) + text;
+    }
+    return all;
+}
+
+/** What is wrong with an argument that @p command does not know. */
+std::string whyUnknown(const CLI::App& command, const std::string& argument) {
+    if (argument.starts_with("-") && argument.size() > 1) {
+        std::string name = argument.substr(0, argument.find('='));
+        std::vector<std::string> names;
+        addOptionNames(command, names);
+        return "unknown option '" + name + "'" + didYouMean(name, names);
+    }
+    std::vector<std::string> names = commandNames(command);
+    if (names.empty()) {
+        return "unexpected argument '" + argument + "'";
+    }
+    std::string meant = didYouMean(argument, names);
+    return "unknown command '" + argument + "'" +
+           (meant.empty() ? "; there are " + joined(names, ", ") : meant);
+}
+
+/** The first argument that no command knew, if there is one. */
+std::optional<std::string> unknownArgument(const std::vector<CLI::App*>& commands) {
+    for (const CLI::App* command : commands) {
+        for (const std::string& argument : command->remaining()) {
+            if (argument != "--") {
+                return whyUnknown(*command, argument);
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+/** Says what is wrong, and which page tells more. */
+int sayWrongUse(CLI::App& app, const CLI::Error& error) {
+    std::vector<CLI::App*> commands = namedCommands(app);
+    std::vector<std::string> path;
+    for (const CLI::App* command : commands) {
+        path.push_back(command->get_name());
+    }
+    sayCouldNot(app.get_name(), unknownArgument(commands).value_or(error.what()));
+    std::cerr << "Try '" << joined(path, " ") << " --help'.\n";
+    return EXIT_COULD_NOT;
+}
+
+template <typename Number>
+std::optional<Number> parsed(const std::string& text) {
+    Number number{};
+    auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    bool whole = error == std::errc() && stop == text.data() + text.size();
+    return whole ? std::optional(number) : std::nullopt;
+}
+
+std::string shortNumber(double number) {
+    std::ostringstream text;
+    text << number;
+    return text.str();
+}
 
 } // namespace
 
@@ -68,7 +123,7 @@ void setUpCommandLine(CLI::App& app, const std::string& footer) {
     app.set_help_all_flag("");
     app.set_version_flag(
         "--version", [] { return std::string(VersionFullString()); }, "Print the version and exit");
-    app.formatter(std::make_shared<HelpFormatter>());
+    app.formatter(makeHelpFormatter());
     app.footer(footer.empty() ? EXIT_STATUS_TEXT : footer + "\n\n" + EXIT_STATUS_TEXT);
 }
 
@@ -83,10 +138,36 @@ std::optional<int> parseCommandLine(CLI::App& app, int argc, const char* const* 
         app.exit(help);
         return EXIT_DONE;
     } catch (const CLI::Error& error) {
-        sayCouldNot(app.get_name(), error.what());
-        std::cerr << "Try '" << app.get_name() << " --help'.\n";
-        return EXIT_COULD_NOT;
+        return sayWrongUse(app, error);
     }
+}
+
+CLI::Validator wholeNumber(U64_t min, U64_t max) {
+    std::string range = max == UINT64_MAX
+                            ? "from " + std::to_string(min) + " on"
+                            : "from " + std::to_string(min) + " to " + std::to_string(max);
+    auto check = [min, max, range](const std::string& text) -> std::string {
+        std::optional<U64_t> number = parsed<U64_t>(text);
+        bool fits = number && *number >= min && *number <= max;
+        return fits ? "" : "'" + text + "' is not a whole number " + range;
+    };
+    return CLI::Validator(check, "");
+}
+
+CLI::Validator decimalNumber(double min, double max) {
+    std::string range = "from " + shortNumber(min) + " to " + shortNumber(max);
+    auto check = [min, max, range](const std::string& text) -> std::string {
+        std::optional<double> number = parsed<double>(text);
+        // Not a number compares false.
+        bool fits = number && *number >= min && *number <= max;
+        return fits ? "" : "'" + text + "' is not a number " + range;
+    };
+    return CLI::Validator(check, "");
+}
+
+CLI::Validator notEmpty() {
+    return CLI::Validator(
+        [](const std::string& text) -> std::string { return text.empty() ? "is empty" : ""; }, "");
 }
 
 int sayCouldNot(const std::string& program, const std::string& text) {

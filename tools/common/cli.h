@@ -1,10 +1,12 @@
 /**
  * @file
- * What the command lines of all tools share: the version flag, how problems are said, and the exit
- * statuses.
+ * What the command lines of all tools share: the version flag, how problems are said, checks of
+ * numbers, and the exit statuses.
  */
 #ifndef TOOLS_CLI_H
 #define TOOLS_CLI_H
+
+#include "fixed_width.h"
 
 #include <CLI/CLI.hpp>
 
@@ -31,9 +33,19 @@ void setUpCommandLine(CLI::App& app, const std::string& footer);
 /**
  * Parses the command line.
  * @return nothing when the tool shall run; else the status to exit with, everything being said:
- * EXIT_DONE after --help and --version, EXIT_COULD_NOT after an error
+ * EXIT_DONE after --help and --version, EXIT_COULD_NOT after an error. Of an unknown command or
+ * option the nearest one is said.
  */
 std::optional<int> parseCommandLine(CLI::App& app, int argc, const char* const* argv);
+
+/** A check: the value is a whole decimal number from @p min to @p max. */
+CLI::Validator wholeNumber(U64_t min, U64_t max = UINT64_MAX);
+
+/** A check: the value is a decimal number, with a fraction or without, from @p min to @p max. */
+CLI::Validator decimalNumber(double min, double max);
+
+/** A check: the value is not empty. */
+CLI::Validator notEmpty();
 
 /** One line on standard error: "<program>: <text>". @return EXIT_COULD_NOT */
 int sayCouldNot(const std::string& program, const std::string& text);

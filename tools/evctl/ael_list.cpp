@@ -157,7 +157,7 @@ void addAelShowCommand(CLI::App& parent, Chosen& chosen) {
     CLI::App& command =
         addCommand(parent, "show", "Show files with their events and data.", SHOW_EXAMPLES);
     addWhere(command, *options);
-    command.add_option("NAME", options->names, "Only these files [all]");
+    command.add_option("NAME", options->names, "Only these files; none: all");
     onChosen(command, chosen, options, runShow);
 }
 

@@ -14,7 +14,7 @@ constexpr char EXAMPLES[] =
     "The event manager logs it at its next start, with the time of the writing.\n"
     "Examples:\n"
     "  evctl ael write --key 0x1234 --id 300 --type error --text \"switch is gone\"\n"
-    "  evctl ael write --key 0x1234 --source startup --id string --seq 7 --text \"boot\"";
+    "  evctl ael write --key 0x1234 --source startup --id string --text \"boot\"";
 
 struct WriteOptions {
     std::optional<int> key;
@@ -70,9 +70,9 @@ void addAelWriteCommand(CLI::App& parent, Chosen& chosen) {
     addKeyOption(command, options->key)->required();
     addEventOptions(command, options->event, MMSG_E_MAX_DEFINED_EPIDS);
     command
-        .add_option("--seq", options->sequenceId,
-                    "Order among the startup events of one second [0]")
-        ->type_name("NUMBER");
+        .add_option("--seq", options->sequenceId, "Order among the startup events of one second")
+        ->type_name("NUMBER")
+        ->default_str("0");
     onChosen(command, chosen, options, runWrite);
 }
 

@@ -47,6 +47,9 @@ void parseRange(const std::string& text, EventFilter& filter) {
     if (!filter.firstSequenceId && !filter.lastSequenceId) {
         throw CLI::ValidationError("--seq", "'" + text + "' names no sequence id");
     }
+    if (filter.firstSequenceId.value_or(0) > filter.lastSequenceId.value_or(UINT32_MAX)) {
+        throw CLI::ValidationError("--seq", "'" + text + "': the first id is above the last one");
+    }
 }
 
 } // namespace

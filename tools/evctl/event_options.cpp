@@ -26,9 +26,10 @@ void addEventOptions(CLI::App& command, EventOptions& options, U32_t maxSource) 
     command.add_option("--id", options.id, "Event id within the source")
         ->type_name("NAME|NUMBER")
         ->required();
-    command.add_option("--id-version", options.idVersion, "Version of the data's layout [1]")
+    command.add_option("--id-version", options.idVersion, "Version of the data's layout")
         ->type_name("NUMBER")
-        ->check(CLI::Range(0, UINT8_MAX));
+        ->default_str("1")
+        ->check(tools::wholeNumber(0, UINT8_MAX));
     addDataOptions(command, options);
 }
 

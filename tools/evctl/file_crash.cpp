@@ -55,8 +55,10 @@ void addFileCrashCommand(CLI::App& parent, Chosen& chosen) {
                    "Report the newest bug-check of the event manager in a log file.", EXAMPLES);
     addFileArgument(command, options->path);
     command.add_flag("--all", options->all, "All bug-checks, newest first");
-    command.add_option("--index", options->index, "The index: summary, or all valid entries")
+    command
+        .add_option("--index", options->index, "The index: a summary, or all of its valid entries")
         ->type_name("summary|all")
+        ->capture_default_str()
         ->check(CLI::IsMember({"summary", "all"}));
     command.add_flag("--json", options->json, "One JSON object a line");
     onChosen(command, chosen, options, runCrash);

@@ -64,14 +64,16 @@ void addFollowCommand(CLI::App& parent, Chosen& chosen) {
                    MMSG_E_MAX_DEFINED_EPIDS - 1, "Endpoint to listen as");
     addFilterOptions(command, options->filter);
     addOutputOptions(command, options->output);
-    command.add_option("--count", options->count, "End after this many events [without end]")
+    command
+        .add_option("--count", options->count,
+                    "End after this many events; without it, without end")
         ->type_name("NUMBER")
-        ->check(CLI::PositiveNumber);
+        ->check(tools::wholeNumber(1));
     command
         .add_option("--timeout", options->timeout,
-                    "End after this many seconds [without end]; status 1 when --count was not met")
+                    "End after this many seconds, with status 1 when --count was given and not met")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.001, 1e9));
+        ->check(tools::decimalNumber(0.001, 1e9));
     onChosen(command, chosen, options, runFollow);
 }
 

@@ -10,7 +10,8 @@ constexpr char EXAMPLES[] =
     "Examples:\n"
     "  evctl get last --key 0x1234\n"
     "  evctl get next 4711 --dir /tmp/msm --json\n"
-    "  evctl get first --key 0x1234 --enclosure ENC-2 --blade BLADE-9 --slot 1 --instance 1";
+    "  evctl get first --key 0x1234 --enclosure ENC-2 --blade BLADE-9 --slot 1 \\\n"
+    "      --instance 1";
 
 struct GetOptions {
     EMP_INQUIRY_TYPE_e type;

@@ -10,8 +10,10 @@ namespace {
 
 constexpr char EXAMPLES[] =
     "Examples:\n"
-    "  evctl log --key 0x1234 --id 300 --type warning --category disk --text \"drive 4 is slow\"\n"
-    "  evctl log --dir /tmp/msm --source startup --id 1 --hex 00ff10 --count 1000 --rate 200";
+    "  evctl log --key 0x1234 --id 300 --type warning --category disk \\\n"
+    "      --text \"drive 4 is slow\"\n"
+    "  evctl log --dir /tmp/msm --source startup --id 1 --hex 00ff10 --count 1000 \\\n"
+    "      --rate 200";
 
 struct LogOptions {
     SwitchOptions where;
@@ -47,12 +49,15 @@ void addLogCommand(CLI::App& parent, Chosen& chosen) {
     CLI::App& command = addCommand(parent, "log", "Send events to the event manager.", EXAMPLES);
     addSwitchOptions(command, options->where);
     addEventOptions(command, options->event, MMSG_E_MAX_DEFINED_EPIDS - 1);
-    command.add_option("--count", options->count, "Number of events [1]")
+    command.add_option("--count", options->count, "Number of events")
         ->type_name("NUMBER")
-        ->check(CLI::PositiveNumber);
-    command.add_option("--rate", options->rate, "Events a second [as fast as they are taken]")
+        ->default_str("1")
+        ->check(tools::wholeNumber(1));
+    command
+        .add_option("--rate", options->rate,
+                    "Events a second; without it, as fast as they are taken")
         ->type_name("NUMBER")
-        ->check(CLI::Range(0.001, 1e6));
+        ->check(tools::decimalNumber(0.001, 1e6));
     onChosen(command, chosen, options, runLog);
 }
 

@@ -1,5 +1,7 @@
 #include "evctl/options.h"
 
+#include "common/nearest.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -60,8 +62,13 @@ U32_t parseNamed(const std::string& option, const std::string& text, const tools
                  U32_t max) {
     std::optional<U32_t> value = names.valueOrNumber(text, max);
     if (!value) {
+        std::vector<std::string> known;
+        for (const tools::EnumName& row : names.rows()) {
+            known.emplace_back(row.brief);
+        }
         throw CLI::ValidationError(option, "'" + text + "' is neither a name nor a number up to " +
-                                               std::to_string(max));
+                                               std::to_string(max) +
+                                               tools::didYouMean(text, known));
     }
     return *value;
 }
@@ -75,7 +82,8 @@ CLI::Option* addNamedOption(CLI::App& command, const std::string& flags, U32_t& 
             [&value, &names, flags, max](const std::string& text) {
                 value = parseNamed(flags, text, names, max);
             },
-            description + " [" + names.brief(value) + "]")
+            description)
+        ->default_str(names.brief(value))
         ->type_name("NAME|NUMBER");
 }
 

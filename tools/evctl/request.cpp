@@ -9,9 +9,10 @@ void addRequestOptions(CLI::App& command, RequestOptions& options) {
     addSwitchOptions(command, options.where);
     addNamedOption(command, "--endpoint", options.endpoint, tools::endpointNames,
                    MMSG_E_MAX_DEFINED_EPIDS - 1, "Endpoint to ask as");
-    command.add_option("--timeout", options.timeout, "Wait so long for each answer [20]")
+    command.add_option("--timeout", options.timeout, "Wait so long for each answer")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.001, 1e6));
+        ->default_str("20")
+        ->check(tools::decimalNumber(0.001, 1e6));
 }
 
 void setFieldText(U8_t* field, size_t size, const std::string& text) {

@@ -16,7 +16,8 @@ constexpr char EXAMPLES[] =
     "Examples:\n"
     "  evctl walk --key 0x1234 --type error\n"
     "  evctl walk --dir /tmp/msm --after 1:4711 --follow --json\n"
-    "  evctl walk --key 0x1234 --enclosure ENC-2 --blade BLADE-9 --slot 1 --instance 1";
+    "  evctl walk --key 0x1234 --enclosure ENC-2 --blade BLADE-9 --slot 1 \\\n"
+    "      --instance 1";
 
 struct WalkOptions {
     RequestOptions request;

@@ -8,6 +8,7 @@
 
 #include <regex>
 #include <set>
+#include <sstream>
 
 using test::run;
 using test::Said;
@@ -85,7 +86,45 @@ TEST(CommandLine, NoSubcommandIsRefused) {
     expectRefused({"get"}, "subcommand");
     expectRefused({"archiver"}, "subcommand");
     expectRefused({"archive"}, "subcommand");
-    expectRefused({"nonsense"}, "subcommand");
+    expectRefused({"nonsense"}, "unknown command 'nonsense'; there are log, follow, get, walk");
+}
+
+TEST(CommandLine, UnknownWordIsNamedWithTheNearestAndThePage) {
+    expectRefused({"lgo", "--id", "1"}, "evctl: unknown command 'lgo'; did you mean 'log'?\n"
+                                        "Try 'evctl --help'.\n");
+    expectRefused({"log", "--sourc", "5"}, "evctl: unknown option '--sourc'; did you mean "
+                                           "'--source'?\nTry 'evctl log --help'.\n");
+    expectRefused({"log", "--kee", "100"}, "unknown option '--kee'; did you mean '--key'?");
+    expectRefused({"file", "lisst", "--json"}, "evctl: unknown command 'lisst'; did you mean "
+                                               "'list'?\nTry 'evctl file --help'.\n");
+    expectRefused({"file", "list", "/nowhere/log", "--type", "eror"},
+                  "'eror' is neither a name nor a number up to 255; did you mean 'error'?\n"
+                  "Try 'evctl file list --help'.\n");
+}
+
+TEST(CommandLine, HelpShowsRequiredOptionsDefaultsAndWholeTypeNames) {
+    EXPECT_THAT(run({"log", "--help"}).output, HasSubstr("Event id within the source (required)"));
+    EXPECT_THAT(run({"log", "--help"}).output, HasSubstr("Number of events (default 1)"));
+    EXPECT_THAT(run({"follow", "--help"}).output, HasSubstr("--seq FIRST:LAST"));
+    EXPECT_THAT(run({"archiver", "set", "--help"}).output, HasSubstr("ARCHIVER HOST:PORT|off"));
+    EXPECT_THAT(run({"file", "crash", "--help"}).output, HasSubstr("--index summary|all"));
+}
+
+TEST(CommandLine, HelpFitsAnOrdinaryTerminal) {
+    for (const auto& command : ALL_COMMANDS) {
+        std::istringstream lines(run(with(command, "--help")).output);
+        for (std::string line; std::getline(lines, line);) {
+            EXPECT_LE(line.size(), 80U) << line;
+        }
+    }
+}
+
+TEST(CommandLine, NumbersOutOfRangeAreRefusedClearly) {
+    std::vector<std::string> follow = {"follow", "--dir", "/nowhere"};
+    expectRefused(with(with(follow, "--count"), "0"), "'0' is not a whole number from 1 on");
+    expectRefused(with(with(follow, "--count"), "18446744073709551616"), "whole number from 1 on");
+    expectRefused(with(with(follow, "--timeout"), "nan"), "'nan' is not a number from 0.001");
+    expectRefused(with(with(follow, "--seq"), "10:5"), "'10:5': the first id is above the last");
 }
 
 TEST(CommandLine, OneOfDirAndKeyIsNeeded) {

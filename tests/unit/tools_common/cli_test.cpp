@@ -1,10 +1,12 @@
 #include "common/cli.h"
 
+#include "common/help.h"
 #include "version.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <sstream>
 
 using namespace tools;
@@ -21,6 +23,9 @@ struct Tool {
             ->capture_default_str()
             ->check(CLI::Range(1, 9))
             ->type_name("N");
+        app.add_option("--peer", peer, "Whom to ask")
+            ->type_name("HOST:PORT|off")
+            ->check(notEmpty());
         setUpCommandLine(app, "Examples:\n  tool /tmp");
     }
 
@@ -37,6 +42,7 @@ struct Tool {
     CLI::App app{"Does nothing.", "tool"};
     std::string directory;
     int count = 3;
+    std::string peer;
     std::string out;
     std::string err;
 };
@@ -66,12 +72,82 @@ TEST(CommandLine, HelpHasOptionsFooterAndExitStatuses) {
     EXPECT_EQ(tool.err, "");
 }
 
-TEST(CommandLine, HelpLinesAreNotLongerThan96) {
+TEST(CommandLine, HelpFitsTheWidthThatTheEnvironmentSays) {
+    for (const char* columns : {"40", "60", "80", "100"}) {
+        setenv("COLUMNS", columns, 1);
+        Tool tool;
+        tool.parse({"--help"});
+        std::istringstream lines(tool.out);
+        for (std::string line; std::getline(lines, line);) {
+            EXPECT_LE(line.size(), static_cast<size_t>(atoi(columns))) << line;
+        }
+    }
+    unsetenv("COLUMNS");
+}
+
+TEST(CommandLine, HelpWidthIsBoundedAndDefaultsTo80) {
+    for (auto [columns, width] : std::vector<std::pair<const char*, size_t>>{
+             {"1", 40}, {"4000000000", 120}, {"wide", 80}, {"-5", 80}, {"", 80}}) {
+        setenv("COLUMNS", columns, 1);
+        EXPECT_EQ(helpWidth(), width) << columns;
+    }
+    unsetenv("COLUMNS");
+    EXPECT_EQ(helpWidth(), 80U);
+}
+
+TEST(CommandLine, HelpShowsTypeNamesWithAColonWholeAndNoChecks) {
     Tool tool;
     tool.parse({"--help"});
-    std::istringstream lines(tool.out);
-    for (std::string line; std::getline(lines, line);) {
-        EXPECT_LE(line.size(), 96U) << line;
+    EXPECT_THAT(tool.out, HasSubstr("  --peer HOST:PORT|off    Whom to ask\n"));
+    EXPECT_THAT(tool.out, HasSubstr("  directory DIR           Where it works (required)\n"));
+    EXPECT_THAT(tool.out, testing::Not(HasSubstr("INT in [1 - 9]")));
+}
+
+TEST(CommandLine, UnknownOptionIsNamedWithTheNearest) {
+    Tool tool;
+    EXPECT_EQ(tool.parse({"/tmp", "--cuont=5"}), EXIT_COULD_NOT);
+    EXPECT_EQ(tool.err, "tool: unknown option '--cuont'; did you mean '--count'?\n"
+                        "Try 'tool --help'.\n");
+}
+
+TEST(CommandLine, UnknownOptionIsSaidBeforeWhatIsMissing) {
+    Tool tool;
+    EXPECT_EQ(tool.parse({"--directories"}), EXIT_COULD_NOT);
+    EXPECT_THAT(tool.err, testing::StartsWith("tool: unknown option '--directories'\n"));
+}
+
+TEST(CommandLine, UnexpectedArgumentIsNamed) {
+    Tool tool;
+    EXPECT_EQ(tool.parse({"/tmp", "/var"}), EXIT_COULD_NOT);
+    EXPECT_THAT(tool.err, testing::StartsWith("tool: unexpected argument '/var'\n"));
+}
+
+TEST(CommandLine, EmptyValueIsRefused) {
+    Tool tool;
+    EXPECT_EQ(tool.parse({"/tmp", "--peer", ""}), EXIT_COULD_NOT);
+    EXPECT_THAT(tool.err, testing::StartsWith("tool: --peer: is empty\n"));
+}
+
+TEST(CommandLine, WholeNumbersAreDecimalAndInRange) {
+    CLI::Validator one = wholeNumber(1);
+    for (std::string text : {"1", "18446744073709551615"}) {
+        EXPECT_EQ(one(text), "") << text;
+    }
+    for (std::string text :
+         {"0", "18446744073709551616", "-1", "+1", "1.5", "1e3", "", "x", "0x1", " 1", "nan"}) {
+        EXPECT_EQ(one(text), "'" + text + "' is not a whole number from 1 on");
+    }
+    std::string ten = "10";
+    EXPECT_EQ(wholeNumber(0, 9)(ten), "'10' is not a whole number from 0 to 9");
+}
+
+TEST(CommandLine, DecimalNumbersAreFinite) {
+    CLI::Validator seconds = decimalNumber(0.001, 1e6);
+    for (std::string text : {"0.001", "1", "1000000", "2.5"}) {
+        EXPECT_EQ(seconds(text), "") << text;
+    }
+    for (std::string text : {"nan", "-nan", "inf", "0", "-1", "1e7", "1e999", "", "1 s"}) {
+        EXPECT_EQ(seconds(text), "'" + text + "' is not a number from 0.001 to 1e+06");
     }
 }
 
