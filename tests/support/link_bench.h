@@ -84,7 +84,7 @@ struct Bench {
     int socketError = 0;            ///< SO_ERROR
     std::vector<int> closed;
     int nonBlocking = -1;  ///< descriptor that was made non-blocking
-    int failSeek = 0;      ///< fail the n-th lseek on the log file from now on
+    int failSeek = 0;      ///< the n-th read from the log file cannot be sought
     int failRead = 0;      ///< cut the n-th read from the log file
     ssize_t shortRead = 0; ///< to this result
     int reads = 0;

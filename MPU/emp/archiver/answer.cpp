@@ -51,7 +51,7 @@ bool namesThisBlade(const EmpEvLogHeader_t& event) {
 
 /** Puts a stored event in place of the archiver's answer. */
 void serveLocalEvent(U32_t sequenceId) {
-    S64_t position = empLogPosition(EMP_HERE_IN(answerFunction));
+    S64_t position = empLogFilePosition;
     // KEEP: the entry's flag is not looked at.
     empLogSeek(eventEntryDatabase[empIndexSlot(sequenceId)].evOffset, EMP_HERE_IN(answerFunction));
     EmpEvRecord_t record;
@@ -67,7 +67,7 @@ void serveLocalEvent(U32_t sequenceId) {
     empReply()->mmch.mmsg_length = static_cast<U16_t>(record.evStructLength + EMP_EVENT_MMSG_SIZE);
     empReply()->mmch.return_code = EMP_E_RESPONSE_SUCCESS;
     empCopyEventHeader(&empReplyEvent()->evLogHdr, &record);
-    empLogSeek(position, EMP_HERE_IN(answerFunction));
+    empLogReturnTo(position);
 }
 
 /** The archiver knows no next event of this blade: the log may. */

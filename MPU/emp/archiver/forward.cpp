@@ -112,7 +112,7 @@ void sendFrom(U32_t sequenceId) {
 } // namespace
 
 S32_t empSendEventLogToEventArchiver(U32_t sequenceId) {
-    S64_t position = empLogPosition(EMP_HERE);
+    S64_t position = empLogFilePosition;
     if (!empArchiverFlagSet() || !eventInLog(sequenceId)) {
         return EMP_E_GENERR;
     }
@@ -132,7 +132,7 @@ S32_t empSendEventLogToEventArchiver(U32_t sequenceId) {
     empDebugLine(
         "empSendEventLogToEventArchiver(): Switch back to the original File Position [%d]\n",
         static_cast<int>(position));
-    empLogSeek(position, EMP_HERE);
+    empLogReturnTo(position);
     return taken ? EMP_E_OK : EMP_E_GENERR;
 }
 

@@ -37,8 +37,7 @@ void buildStatusIdentity(EmpGetEvArchiverStatusMsg_t* status) {
 /** Tells the archiver which log this is: length and first data bytes of the oldest record. */
 void readOldestRecord(EmpGetEvArchiverStatusMsg_t* status) {
     static constexpr char function[] = "empSendGetEventArchiverStatusMsg";
-    // KEEP: this one failure names the inquiry.
-    S64_t position = empLogPosition(EMP_HERE_IN("empRcvEventInquiryMsg"));
+    S64_t position = empLogFilePosition;
     // KEEP: the entry's flag is not looked at; a cleared entry leads to the record at offset 0.
     U32_t offset = eventEntryDatabase[empIndexSlot(empControl.empStartSequenceId)].evOffset;
     empDebugLine("empSendGetEventArchiverStatusMsg(): Found Entry Offset = [%d]\n",
@@ -61,7 +60,7 @@ void readOldestRecord(EmpGetEvArchiverStatusMsg_t* status) {
     empDebugLine(
         "empSendGetEventArchiverStatusMsg(): Switch back to the original File Position [%d]\n",
         static_cast<int>(position));
-    empLogSeek(position, EMP_HERE_IN(function));
+    empLogReturnTo(position);
 }
 
 /** Drops the log entries up to and including an id. Only the index and the counters change. */

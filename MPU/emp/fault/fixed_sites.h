@@ -29,7 +29,6 @@ inline constexpr EmpSite_t EMP_SITE_SMI_COPY = {5198, "empSendEventLogMsgToSmi"}
 // --- Inquiry -------------------------------------------------------------------------------------
 inline constexpr EmpSite_t EMP_SITE_INQUIRY_FAILURE_SEND = {
     5557, "empSendEventInquiryMsgFailureToRequestor"};
-inline constexpr EmpSite_t EMP_SITE_INQUIRY_SAVE_POSITION = {5600, "empRcvEventInquiryMsg"};
 inline constexpr EmpEntrySites_t EMP_SITES_INQUIRY_FIRST =
     empFixedEntrySites("empRcvEventInquiryMsg", 5706, 5723, 5738, 5758);
 inline constexpr EmpEntrySites_t EMP_SITES_INQUIRY_NEXT =
@@ -41,7 +40,6 @@ inline constexpr EmpEntrySites_t EMP_SITES_INQUIRY_PREVIOUS =
 inline constexpr EmpEntrySites_t EMP_SITES_INQUIRY_LAST =
     empFixedEntrySites("empRcvEventInquiryMsg", 6625, 6642, 6657, 6675);
 inline constexpr EmpSite_t EMP_SITE_INQUIRY_SEND = {6740, "empRcvEventInquiryMsg"};
-inline constexpr EmpSite_t EMP_SITE_INQUIRY_RESTORE_POSITION = {6750, "empRcvEventInquiryMsg"};
 
 // --- Archiver settings and manager status --------------------------------------------------------
 inline constexpr EmpSite_t EMP_SITE_SET_ARCHIVER_SOCKET = {7040, "empRcvSetEventArchiverMsg"};

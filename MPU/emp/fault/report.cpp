@@ -23,8 +23,17 @@ U32_t logDumpLength(S64_t position) {
         std::clamp(S64_t{EMP_LOG_FILE_SIZE} - position, S64_t{0}, LOG_DUMP_SIZE));
 }
 
+/** Where the log file stands; before it is open, standard input. @return -1 when that is no file
+ * with a position */
+S64_t logFilePosition() {
+    if (empControl.eventLogFileFd == 0) {
+        return lseek(empControl.eventLogFileFd, 0, SEEK_CUR);
+    }
+    return lseek(empControl.eventLogFileFd, empLogFilePosition, SEEK_SET);
+}
+
 void reportLogFile() {
-    S64_t current = lseek(empControl.eventLogFileFd, 0, SEEK_CUR);
+    S64_t current = logFilePosition();
     U32_t length = logDumpLength(current);
     empDebugLine("Dump [%d] bytes of Event Log File at current file position [%d].\n",
                  static_cast<int>(length), static_cast<int>(current));

@@ -104,7 +104,7 @@ void sendAnswer() {
 void restorePosition(S64_t position) {
     empDebugLine("empRcvEventInquiryMsg(): Switch back to the original File Position [%d]\n",
                  static_cast<int>(position));
-    empLogSeek(position, EMP_SITE_INQUIRY_RESTORE_POSITION);
+    empLogReturnTo(position);
 }
 
 } // namespace
@@ -115,7 +115,7 @@ void empRcvEventInquiryMsg(MMSG_t* mmsg) {
             "empRcvEventInquiryMsg(): Response Message for Event Inquiry Test Message from Event Manager. Do nothing and return.\n\n");
         return;
     }
-    S64_t position = empLogPosition(EMP_SITE_INQUIRY_SAVE_POSITION);
+    S64_t position = empLogFilePosition;
     empDebugLine("empRcvEventInquiryMsg(): Current File Position is at [%d]\n",
                  static_cast<int>(position));
     buildReplyHeader(mmsg);

@@ -143,6 +143,13 @@ extern EmpEvDatabase_t eventEntryDatabase[EMP_INDEX_ENTRIES + 1];
  * count. */
 extern U8_t eventEntryWorkSpace[EMP_WORK_SPACE_PHYSICAL];
 
+/**
+ * The position in the log file. It is kept here, since the file is read and written by positional
+ * calls: each step moves it as a seek, a read or a write of the file would. A bug-check shows the
+ * file around it.
+ */
+extern S64_t empLogFilePosition;
+
 /** An empty enclosure id. */
 extern U8_t nullEmpEnclosureId[EMP_ID_TEXT_SIZE];
 

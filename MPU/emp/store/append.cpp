@@ -8,8 +8,8 @@
 #include "store/log_file.h"
 #include "store/record.h"
 
+#include <algorithm>
 #include <cstring>
-#include <unistd.h>
 
 namespace {
 
@@ -181,11 +181,7 @@ bool discardAtStart(Append_t& append) {
         return true;
     }
     if (dummy) {
-        S64_t endPosition = lseek(empControl.eventLogFileFd, 0, SEEK_END);
-        if (endPosition == -1) {
-            EMP_BUGCHECK(EMP_HERE_IN(APPEND), EMP_LSEEK_FAILS);
-        }
-        if (endPosition >= EMP_LOG_FILE_SIZE) {
+        if (empLogSeekEnd(EMP_HERE_IN(APPEND)) >= EMP_LOG_FILE_SIZE) {
             reachDummy(&currentEvRecord);
         }
         empControl.empStart = EMP_LOG_FILE_SIZE;
@@ -280,7 +276,7 @@ void wrapToTop(Append_t& append) {
         "empSaveEventLogMsgToLogFile(): Check Event Record from the top to wipe out # of eventEntryDatabase in the bottom.\n");
     empLogRead(&topRecord, EMP_RECORD_SIZE, EMP_HERE_IN(APPEND));
     checkSignature(&topRecord);
-    empLogSeek(append.originalPosition, EMP_HERE_IN(APPEND));
+    empLogReturnTo(append.originalPosition);
     wipeBottom(topRecord.evSequenceId);
 
     empDebugLine("empSaveEventLogMsgToLogFile(): Write Dummy Entry for wipping out space.\n");
@@ -304,7 +300,7 @@ void wrapToTop(Append_t& append) {
 
 Append_t beginAppend(const MMSG_t* mmsgPtr) {
     Append_t append = {};
-    append.originalPosition = empLogPosition(EMP_HERE_IN(APPEND));
+    append.originalPosition = empLogFilePosition;
     empDebugLine("empSaveEventLogMsgToLogFile(): Current File Position at [%d].\n",
                  static_cast<int>(append.originalPosition));
     append.event = reinterpret_cast<const EmpEvLogMsg_t*>(mmsgPtr->user_data_start);
@@ -333,14 +329,18 @@ void makeRoom(Append_t& append) {
     }
 }
 
+/** Header and data go out in one piece, and are judged each at its place. */
 void writeRecord(const Append_t& append) {
     U16_t structLength = append.newEvRecord.evStructLength;
     empLogSeek(empControl.empWrite, EMP_HERE_IN(APPEND_LAST_SEEK));
     printPositions();
-    empLogWrite(&append.newEvRecord, EMP_RECORD_SIZE, EMP_HERE_IN(APPEND));
+    S64_t written = empLogWriteRecord(&append.newEvRecord, append.event->evStruct, structLength);
+    empLogRequireWritten(&append.newEvRecord, std::min<S64_t>(written, EMP_RECORD_SIZE),
+                         EMP_RECORD_SIZE, EMP_HERE_IN(APPEND));
     empDebugLine("empSaveEventLogMsgToLogFile(): Write total [%d] bytes into Event Log File.\n",
                  EMP_RECORD_SIZE + structLength);
-    empLogWrite(append.event->evStruct, structLength, EMP_HERE_IN(APPEND));
+    empLogRequireWritten(append.event->evStruct, written - EMP_RECORD_SIZE, structLength,
+                         EMP_HERE_IN(APPEND));
 }
 
 void indexAndAdvance(const Append_t& append) {

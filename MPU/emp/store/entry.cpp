@@ -7,7 +7,7 @@
 #include <cstring>
 
 void empReadRecord(EmpEvRecord_t* record, EmpSite_t site) {
-    empLogRead(record, EMP_RECORD_SIZE, site);
+    empLogReadHeader(record, site);
 }
 
 bool empRecordSigned(const EmpEvRecord_t* record) {

@@ -14,7 +14,6 @@
 #include "store/record.h"
 
 #include <cstring>
-#include <unistd.h>
 
 namespace {
 
@@ -44,7 +43,7 @@ struct Window_t {
         size = size > LARGEST_WINDOW ? LARGEST_WINDOW : size;
         empLogSeek(static_cast<S64_t>(offset), EMP_HERE_IN(FIND), LSEEK_CALL_FAILS);
         base = offset;
-        length = read(empControl.eventLogFileFd, windowBytes, size);
+        length = empLogReadSome(windowBytes, size);
     }
 };
 
@@ -100,7 +99,7 @@ S64_t readData(const Search_t& search, U16_t structLength) {
         return structLength;
     }
     empLogSeek(static_cast<S64_t>(offset), EMP_HERE_IN(FIND), LSEEK_CALL_FAILS);
-    return read(empControl.eventLogFileFd, data, structLength);
+    return empLogReadSome(data, structLength);
 }
 
 enum Verdict_e { VALID, NOT_VALID, CUT_BY_END_OF_FILE };
@@ -184,8 +183,7 @@ EMP_CODE_e findRecord(Search_t& search) {
                    record->evType <= EMP_E_TYPE_ERROR &&
                    record->evSource > MMSG_E_MAX_DEFINED_EPIDS) {
             // The report shows the file from where the read of this header has left it.
-            empLogSeek(static_cast<S64_t>(search.offset) + EMP_RECORD_SIZE, EMP_HERE_IN(FIND),
-                       LSEEK_CALL_FAILS);
+            empLogReturnTo(static_cast<S64_t>(search.offset) + EMP_RECORD_SIZE);
             EMP_BUGCHECK(
                 EMP_HERE_IN(FIND),
                 "Bad Event Source [%d] in the Corrupted Event Log File! Please Delete the File.",
@@ -198,13 +196,13 @@ EMP_CODE_e findRecord(Search_t& search) {
 } // namespace
 
 EMP_CODE_e empFindValidEventEntry(U32_t start, U32_t* gap) {
-    S64_t notedPosition = empLogPosition(EMP_HERE);
+    S64_t notedPosition = empLogFilePosition;
     memset(eventEntryWorkSpace, 0, EMP_WORK_SPACE_SIZE);
     Search_t search = {start, start, {}};
     EMP_CODE_e result = findRecord(search);
     if (result == EMP_E_OK) {
         *gap = static_cast<U32_t>(search.offset - search.start);
     }
-    empLogSeek(notedPosition, EMP_HERE);
+    empLogReturnTo(notedPosition);
     return result;
 }

@@ -114,7 +114,7 @@ void empWriteFirstEventEntryToLogFile() {
 }
 
 void empWriteDummyEntryToLogFile(U32_t writePosition, U32_t dummyStructLength, int writeZeroFlag) {
-    S64_t notedPosition = empLogPosition(EMP_HERE);
+    S64_t notedPosition = empLogFilePosition;
     empLogSeek(writePosition, EMP_HERE);
     if (empBeyondLogEnd(writePosition, EMP_RECORD_SIZE)) {
         writeZeroTail(writePosition);
@@ -127,5 +127,5 @@ void empWriteDummyEntryToLogFile(U32_t writePosition, U32_t dummyStructLength, i
             writeZeros(dummyStructLength);
         }
     }
-    empLogSeek(notedPosition, EMP_HERE);
+    empLogReturnTo(notedPosition);
 }

@@ -63,7 +63,7 @@ void removeDebuggingCopy() {
 }
 
 void openLogFile() {
-    empControl.eventLogFileFd = open(logFilePath, O_RDWR | O_CREAT | O_CLOEXEC, 0700);
+    empLogTake(open(logFilePath, O_RDWR | O_CREAT | O_CLOEXEC, 0700));
     if (empControl.eventLogFileFd == -1) {
         EMP_BUGCHECK(EMP_HERE_IN(SCAN), "Linux open function fails for Event Log File!");
     }
@@ -291,6 +291,7 @@ EMP_SCAN_OUTCOME_e empScanEventLogFile() {
     buildPaths();
     removeDebuggingCopy();
     openLogFile();
+    empLogRequireSeekable(EMP_HERE_IN(SCAN));
     Scan_t scan;
     Step_e step = GO_ON;
     while (step == GO_ON) {

@@ -151,7 +151,7 @@ class BugCheck : public testing::Test {
         ASSERT_EQ(dup2(fileno(file), LOG_DESCRIPTOR), LOG_DESCRIPTOR);
         fclose(file);
     }
-    static void seekLog(off_t position) { lseek(LOG_DESCRIPTOR, position, SEEK_SET); }
+    static void seekLog(off_t position) { empLogFilePosition = position; }
 
     static ChildEnd bugCheck() {
         return endOf([] {
@@ -245,6 +245,16 @@ TEST_F(BugCheck, BeforeTheLogIsOpenStandardInputIsOnlySought) {
     ChildEnd result = bugCheck();
     EXPECT_EQ(result.signal, SIGABRT);
     EXPECT_EQ(written->count, 24);
+}
+
+TEST_F(BugCheck, BeforeTheLogIsOpenTheReportShowsStandardInputWhereItStands) {
+    empControl.eventLogFileFd = 0;
+    ASSERT_EQ(dup2(LOG_DESCRIPTOR, STDIN_FILENO), STDIN_FILENO);
+    ASSERT_EQ(lseek(STDIN_FILENO, 300, SEEK_SET), 300);
+    std::string out = bugCheck().output;
+    EXPECT_NE(out.find(logDump("Dump [256] bytes of Event Log File at current file position [300].",
+                               300, 256)),
+              std::string::npos);
 }
 
 TEST_F(BugCheck, StoresTwentyFourEventsInOrder) {

@@ -47,16 +47,11 @@ class InquiryBugCheck : public Inquiry {
     }
 };
 
-TEST_F(InquiryBugCheck, SavingThePosition) {
-    bench.failSeek = 1;
-    expectBugCheck(EXACT, 5600, SEEK_FUNCTION);
-    EXPECT_EQ(output, "");
-}
-
 TEST_F(InquiryBugCheck, Seeking) {
     for (const Sites& sites : allSites) {
-        bench.failSeek = 2;
+        bench.failSeek = 1;
         expectBugCheck(sites.type, sites.seek, sites.seekText);
+        EXPECT_EQ(empLogFilePosition, 555);
     }
 }
 
@@ -125,12 +120,6 @@ TEST_F(InquiryBugCheck, ShortReply) {
     expectBugCheck(EXACT, 6740, "Linux send function fails, sendSize = [4] is wrong");
     EXPECT_THAT(output, EndsWith("<MMSG>\n00000000 \n"));
     EXPECT_EQ(empControl.mmsgEventResponseMsgSendSuccess, 1U);
-}
-
-TEST_F(InquiryBugCheck, RestoringThePosition) {
-    bench.failSeek = 3;
-    expectBugCheck(EXACT, 6750, SEEK_FUNCTION);
-    EXPECT_EQ(bench.sends.size(), 1U);
 }
 
 TEST_F(InquiryBugCheck, ShortFailureReply) {

@@ -23,7 +23,7 @@ class Inquiry : public LinkTest {
   protected:
     Inquiry() {
         storeRange(100, 110);
-        lseek(empControl.eventLogFileFd, 555, SEEK_SET);
+        empLogFilePosition = 555;
     }
 
     static std::string ask(const Bytes& message) {

@@ -3,8 +3,11 @@
  * fits, every way out. Each step is also compared with the model.
  */
 #include "model_fixture.h"
+#include "store/entry.h"
 
 #include <algorithm>
+#include <cstring>
+#include <vector>
 
 namespace {
 
@@ -345,6 +348,65 @@ TEST_F(NearBottom, MissingOldRecordIsABugCheck) {
     model.file.resize(empControl.empStart + 159);
     putImage(model.file);
     ASSERT_EQ(appendBoth(0), READ_FAILS);
+}
+
+// --- Reading back ---
+
+class ReadBack : public Append {
+  protected:
+    static constexpr EmpSite_t SITE = {1, "readBack"};
+    /** The record at an offset, header and data, and how many calls it took to read it. */
+    static Bytes readAt(uint32_t offset, int& reads) {
+        Bytes bytes(160 + 3848);
+        EmpEvRecord_t record;
+        hooks::resetCounts();
+        empLogSeek(offset, SITE);
+        empReadRecord(&record, SITE);
+        memcpy(bytes.data(), &record, 160);
+        empReadRecordData(&record, bytes.data() + 160, SITE);
+        reads = hooks::state.reads.count;
+        bytes.resize(160U + record.evStructLength);
+        EXPECT_EQ(position(), static_cast<int64_t>(offset + bytes.size()));
+        return bytes;
+    }
+};
+
+TEST_F(ReadBack, RecordWrittenLastIsInMemory) {
+    ASSERT_EQ(scanBoth(Image()), "");
+    for (size_t size : {size_t{0}, size_t{100}, size_t{3848}}) {
+        uint32_t offset = empControl.empWrite;
+        ASSERT_EQ(appendBoth(size), "");
+        int reads = -1;
+        EXPECT_EQ(readAt(offset, reads), slice(model.file, offset, 160 + size));
+        EXPECT_EQ(reads, 0);
+    }
+}
+
+TEST_F(ReadBack, OlderRecordTakesOneReadAndLongDataAnother) {
+    ASSERT_EQ(scanBoth(Image()), "");
+    const size_t sizes[] = {0, 864, 865, 3848};
+    const int wanted[] = {1, 1, 2, 2};
+    std::vector<uint32_t> offsets;
+    for (size_t size : sizes) {
+        offsets.push_back(empControl.empWrite);
+        ASSERT_EQ(appendBoth(size), "");
+    }
+    ASSERT_EQ(appendBoth(0), "");
+    for (size_t i = 0; i < offsets.size(); i++) {
+        int reads = -1;
+        EXPECT_EQ(readAt(offsets[i], reads), slice(model.file, offsets[i], 160 + sizes[i]));
+        EXPECT_EQ(reads, wanted[i]) << sizes[i];
+    }
+}
+
+TEST_F(ReadBack, RecordThatWasWrittenOverIsReadFromTheFile) {
+    ASSERT_EQ(scanBoth(Image()), "");
+    uint32_t offset = empControl.empWrite;
+    ASSERT_EQ(appendBoth(100), "");
+    empWriteDummyEntryToLogFile(offset + 259, 0, 0);
+    int reads = -1;
+    EXPECT_EQ(readAt(offset, reads)[259], 0xB6);
+    EXPECT_EQ(reads, 1);
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 /**
- * The process killed before each write of one append, of a rebuild and of a clear: what the next
- * start makes of the file.
+ * The process killed before each write of one append, of a rebuild and of a clear, and in the write
+ * of a record, behind its header: what the next start makes of the file.
  */
 #include "store_fixture.h"
 
@@ -18,6 +18,16 @@ class Crash : public StoreTest {
     void killBefore(int write, const std::function<void()>& action) {
         ChildEnd end = inChild([&] {
             hooks::state.exitBeforeWrite = write;
+            action();
+        });
+        ASSERT_EQ(end.exitStatus, hooks::EXIT_STATUS) << "no write number " << write;
+        start();
+    }
+    /** Kills @p action in its write number @p write, behind a header, then starts anew. */
+    void killBehindHeader(int write, const std::function<void()>& action) {
+        ChildEnd end = inChild([&] {
+            hooks::state.exitInWrite = write;
+            hooks::state.exitInWriteBytes = 160;
             action();
         });
         ASSERT_EQ(end.exitStatus, hooks::EXIT_STATUS) << "no write number " << write;
@@ -67,30 +77,30 @@ TEST_F(CrashUnwrapped, BeforeTheHeaderNothingHasHappened) {
 }
 
 TEST_F(CrashUnwrapped, BeforeTheBodyTheEventIsLostAndTheDummyRewritten) {
-    killBefore(2, event);
+    killBehindHeader(1, event);
     EXPECT_EQ(state(), (LogState{2200, 2200, 0, 11, WRAP_FALSE, 0, 11, 0, 0, 0}));
     expectHealthy();
 }
 
 TEST_F(CrashUnwrapped, BeforeTheBodyAnEmptyEventIsStored) {
-    killBefore(2, [&] { append(0); });
+    killBehindHeader(1, [&] { append(0); });
     EXPECT_EQ(state(), (LogState{2360, 2360, 0, 12, WRAP_FALSE, 0, 12, 0, 0, 0}));
 }
 
 TEST_F(CrashUnwrapped, BeforeTheBodyAnEventOfZerosOverZerosIsStored) {
-    killBefore(2, [&] { appendBody(logimage::zeros(500)); });
+    killBehindHeader(1, [&] { appendBody(logimage::zeros(500)); });
     EXPECT_EQ(empControl.empSequenceId, 12U);
 }
 
 TEST_F(CrashUnwrapped, BeforeTheFreshDummyTheEventIsRecovered) {
-    killBefore(3, event);
+    killBefore(2, event);
     EXPECT_EQ(state(), (LogState{2860, 2860, 0, 12, WRAP_FALSE, 0, 12, 0, 0, 0}));
     EXPECT_EQ(offsetOf(11), 2200U);
     expectHealthy();
 }
 
-TEST_F(CrashUnwrapped, CompleteInThreeWrites) {
-    complete(3, event);
+TEST_F(CrashUnwrapped, CompleteInTwoWrites) {
+    complete(2, event);
     EXPECT_EQ(state(), (LogState{2860, END_OF_FILE, 0, 12, WRAP_FALSE, 0, 12, 0, 0, 0}));
 }
 
@@ -110,13 +120,13 @@ TEST_F(CrashInGap, BeforeTheHeaderNothingHasHappened) {
 }
 
 TEST_F(CrashInGap, BeforeTheBodyTheGapRemains) {
-    killBefore(2, [&] { append(100); });
+    killBehindHeader(1, [&] { append(100); });
     EXPECT_EQ(state(), (LogState{1980, 3160, 1, log.nextId, WRAP_TRUE, 1, log.inFile, 0, 0, 0}));
     expectHealthy();
 }
 
-TEST_F(CrashInGap, CompleteInTwoWrites) {
-    complete(2, [&] { append(100); });
+TEST_F(CrashInGap, CompleteInOneWrite) {
+    complete(1, [&] { append(100); });
     EXPECT_EQ(state(),
               (LogState{2240, 3160, 1, log.nextId + 1, WRAP_TRUE, 1, log.inFile + 1, 0, 0, 0}));
 }
@@ -127,7 +137,7 @@ TEST_F(CrashInGap, DiscardedOnlyInMemoryBeforeTheHeader) {
 }
 
 TEST_F(CrashInGap, DiscardedRecordIsFoundAgainBeforeTheBody) {
-    killBefore(2, [&] { append(3000); });
+    killBehindHeader(1, [&] { append(3000); });
     EXPECT_EQ(state(), (LogState{1980, 3160, 1, log.nextId, WRAP_TRUE, 1, log.inFile, 0, 0, 0}));
     expectHealthy();
 }
@@ -135,7 +145,7 @@ TEST_F(CrashInGap, DiscardedRecordIsFoundAgainBeforeTheBody) {
 TEST_F(CrashInGap, TornHeaderOverTheOldestRecordCostsOnlyThat) {
     logimage::Wrapped full = logimage::wrapped(3, 500, 500);
     scanImage(full.image);
-    killBefore(2, [&] { append(300); });
+    killBehindHeader(1, [&] { append(300); });
     EXPECT_EQ(state(),
               (LogState{1980, 2640, 4, full.nextId, WRAP_TRUE, 1, full.inFile - 1, 0, 0, 0}));
     expectHealthy();
@@ -157,28 +167,28 @@ class CrashAtBottom : public Crash {
 };
 
 TEST_F(CrashAtBottom, BeforeTheBodyItLooksUnwrapped) {
-    killBefore(2, event);
+    killBehindHeader(1, event);
     EXPECT_EQ(state(),
               (LogState{write, END_OF_FILE, 1000, nextId, WRAP_FALSE, 1, inFile - 1, 0, 0, 0}));
     expectHealthy();
 }
 
 TEST_F(CrashAtBottom, BeforeTheDummyTheEventIsRecovered) {
-    killBefore(3, event);
+    killBefore(2, event);
     EXPECT_EQ(state(), (LogState{write + 1000, write + 1000, 1000, nextId + 1, WRAP_FALSE, 0,
                                  inFile, 0, 0, 0}));
     expectHealthy();
 }
 
 TEST_F(CrashAtBottom, BeforeTheFillTheEventIsRecovered) {
-    killBefore(4, event);
+    killBefore(3, event);
     EXPECT_EQ(state(), (LogState{write + 1000, END_OF_FILE, 1000, nextId + 1, WRAP_FALSE, 0, inFile,
                                  0, 0, 0}));
     expectHealthy();
 }
 
 TEST_F(CrashAtBottom, BeforeTheLastZerosTheEventIsRecovered) {
-    killBefore(3, [&] { append(3848); }); // 152 bytes are left
+    killBefore(2, [&] { append(3848); }); // 152 bytes are left
     EXPECT_EQ(state(), (LogState{write + 4008, write + 4008, 1000, nextId + 1, WRAP_FALSE, 0,
                                  inFile, 0, 0, 0}));
     expectHealthy();
@@ -202,7 +212,7 @@ TEST_F(CrashWrapping, BeforeTheDummyAndBeforeTheHeaderNothingHasHappened) {
 }
 
 TEST_F(CrashWrapping, BeforeTheBodyTheTornHeaderIsTheGap) {
-    killBefore(3, event);
+    killBehindHeader(2, event);
     // The first entry lies under the torn header; record 1 at 200 has survived.
     EXPECT_EQ(state(),
               (LogState{1'599'000, END_OF_FILE, 1, nextId, WRAP_FALSE, 1, nextId - 1, 0, 0, 0}));
@@ -212,7 +222,7 @@ TEST_F(CrashWrapping, BeforeTheBodyTheTornHeaderIsTheGap) {
 }
 
 TEST_F(CrashWrapping, FirstWrapAfterATornHeaderStartsTheLogAgainWithThatEvent) {
-    killBefore(3, event);
+    killBehindHeader(2, event);
     uint32_t id = empControl.empSequenceId;
     // The torn header's id wipes the whole index: there is nothing to size from.
     outputOf(event);
@@ -224,7 +234,7 @@ TEST_F(CrashWrapping, FirstWrapAfterATornHeaderStartsTheLogAgainWithThatEvent) {
 }
 
 TEST_F(CrashWrapping, WrapAfterATornHeaderAndEventsThatFittedCostsAtMostOneBugCheck) {
-    killBefore(3, event);
+    killBehindHeader(2, event);
     outputOf([&] { append(100); });
     int bugChecks = 0;
     for (int i = 0; i < 4; i++) {
@@ -244,8 +254,8 @@ TEST_F(CrashWrapping, WrapAfterATornHeaderAndEventsThatFittedCostsAtMostOneBugCh
     EXPECT_LE(bugChecks, 1);
 }
 
-TEST_F(CrashWrapping, CompleteInThreeWrites) {
-    complete(3, event);
+TEST_F(CrashWrapping, CompleteInTwoWrites) {
+    complete(2, event);
     EXPECT_EQ(state(), (LogState{4008, 4208, 2, nextId + 1, WRAP_TRUE, 1, nextId - 1, 0, 0, 0}));
 }
 

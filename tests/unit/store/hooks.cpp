@@ -60,36 +60,11 @@ Result failed(int error) {
 
 extern "C" {
 
-ssize_t __real_write(int fd, const void* data, size_t length);
-ssize_t __wrap_write(int fd, const void* data, size_t length) {
-    if (!isLog(fd)) {
-        return __real_write(fd, data, length);
-    }
-    if (state.writes.due()) {
-        return failed<ssize_t>(EIO);
-    }
-    if (state.writes.count == state.exitBeforeWrite) {
-        _exit(hooks::EXIT_STATUS);
-    }
-    if (state.writes.count == state.shortWriteAt) {
-        return __real_write(fd, data, static_cast<size_t>(state.shortWriteBytes));
-    }
-    return __real_write(fd, data, length);
-}
-
-ssize_t __real_read(int fd, void* data, size_t length);
-ssize_t __wrap_read(int fd, void* data, size_t length) {
-    if (isLog(fd) && state.reads.due()) {
-        return failed<ssize_t>(EIO);
-    }
-    return __real_read(fd, data, length);
-}
-
 #define WRAP_SEEK(name, offset_type)                                                               \
     offset_type __real_##name(int fd, offset_type offset, int whence);                             \
     offset_type __wrap_##name(int fd, offset_type offset, int whence) {                            \
         if (isLog(fd) && state.seeks.due()) {                                                      \
-            return failed<offset_type>(EIO);                                                       \
+            return failed<offset_type>(ESPIPE);                                                    \
         }                                                                                          \
         return __real_##name(fd, offset, whence);                                                  \
     }
@@ -99,6 +74,9 @@ WRAP_SEEK(lseek64, off64_t)
 #define WRAP_PREAD(name, offset_type)                                                              \
     ssize_t __real_##name(int fd, void* data, size_t length, offset_type offset);                  \
     ssize_t __wrap_##name(int fd, void* data, size_t length, offset_type offset) {                 \
+        if (isLog(fd) && state.seeks.due()) {                                                      \
+            return failed<ssize_t>(ESPIPE);                                                        \
+        }                                                                                          \
         if (isLog(fd) && state.reads.due()) {                                                      \
             return failed<ssize_t>(EIO);                                                           \
         }                                                                                          \
@@ -106,6 +84,34 @@ WRAP_SEEK(lseek64, off64_t)
     }
 WRAP_PREAD(pread, off_t)
 WRAP_PREAD(pread64, off64_t)
+
+#define WRAP_PWRITE(name, offset_type)                                                             \
+    ssize_t __real_##name(int fd, const void* data, size_t length, offset_type offset);            \
+    ssize_t __wrap_##name(int fd, const void* data, size_t length, offset_type offset) {           \
+        if (!isLog(fd)) {                                                                          \
+            return __real_##name(fd, data, length, offset);                                        \
+        }                                                                                          \
+        if (state.seeks.due()) {                                                                   \
+            return failed<ssize_t>(ESPIPE);                                                        \
+        }                                                                                          \
+        if (state.writes.due()) {                                                                  \
+            return failed<ssize_t>(state.writeError);                                              \
+        }                                                                                          \
+        int call = state.writes.count;                                                             \
+        if (call == state.exitBeforeWrite) {                                                       \
+            _exit(hooks::EXIT_STATUS);                                                             \
+        }                                                                                          \
+        if (call == state.exitInWrite) {                                                           \
+            __real_##name(fd, data, static_cast<size_t>(state.exitInWriteBytes), offset);          \
+            _exit(hooks::EXIT_STATUS);                                                             \
+        }                                                                                          \
+        if (call == state.shortWriteAt) {                                                          \
+            length = static_cast<size_t>(state.shortWriteBytes);                                   \
+        }                                                                                          \
+        return __real_##name(fd, data, length, offset);                                            \
+    }
+WRAP_PWRITE(pwrite, off_t)
+WRAP_PWRITE(pwrite64, off64_t)
 
 #define WRAP_OPEN(name)                                                                            \
     int __real_##name(const char* path, int flags, unsigned mode);                                 \

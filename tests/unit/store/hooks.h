@@ -15,7 +15,7 @@ namespace hooks {
 /** One kind of call on the log file. Calls are numbered from 1 on since reset(). */
 struct Calls {
     int count = 0;       ///< calls so far
-    int failAt = 0;      ///< the call that fails with EIO; 0: none
+    int failAt = 0;      ///< the call that fails; 0: none
     bool failOn = false; ///< all later ones fail too
     bool due() {
         count++;
@@ -24,13 +24,16 @@ struct Calls {
 };
 
 struct State {
-    Calls reads;
-    Calls writes;
-    Calls seeks;
+    Calls reads;          ///< fail with EIO
+    Calls writes;         ///< fail with writeError
+    int writeError = 5;   ///< EIO
+    Calls seeks;          ///< all calls that name or move a position; fail with ESPIPE
     int shortWriteAt = 0; ///< the write that takes only shortWriteBytes
     long shortWriteBytes = 0;
     int exitBeforeWrite = 0; ///< the process ends before this write, status EXIT_STATUS
-    int failOpenAt = 0;      ///< the open of a path ending in openName that fails with EACCES
+    int exitInWrite = 0;     ///< the process ends in this write, behind exitInWriteBytes
+    long exitInWriteBytes = 0;
+    int failOpenAt = 0; ///< the open of a path ending in openName that fails with EACCES
     int opens = 0;
     std::string openName{};
     struct Opened {

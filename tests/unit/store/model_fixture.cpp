@@ -35,7 +35,7 @@ void ModelTest::openImage(const logimage::Image& image) {
     restart();
     model.file = image.bytes;
     model.restart();
-    empControl.eventLogFileFd = open(logPath.c_str(), O_RDWR);
+    empLogTake(open(logPath.c_str(), O_RDWR));
 }
 
 std::string ModelTest::restartBoth() {
@@ -111,9 +111,7 @@ void ModelTest::expectSame(const std::string& bugCheck) {
     if (model.debugCopyThere) {
         expectSameFile(debugPath, model.debugCopy);
     }
-    if (bugCheck.empty()) {
-        EXPECT_EQ(position(), static_cast<int64_t>(model.position)) << where;
-    }
+    EXPECT_EQ(position(), static_cast<int64_t>(model.position)) << where << " " << bugCheck;
     // Whether this one is preceded by a dump is open.
     if (debugLines_ && bugCheck != "Reach Dummy Entry but still not enough space!" &&
         lastOutput != model.output) {

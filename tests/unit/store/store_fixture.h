@@ -11,6 +11,7 @@
 #include "state/control.h"
 #include "store/append.h"
 #include "store/find.h"
+#include "store/log_file.h"
 #include "store/record.h"
 #include "store/scan.h"
 
