@@ -1,0 +1,1 @@
+// Nothing: this file carries the precompiled headers of headers.h.
