@@ -48,6 +48,12 @@ U32_t evlogBodyLength(const EmpEvRecord_t& header) {
     return evlogIsDummy(header) ? 0 : U32_t{header.evStructLength};
 }
 
+EvlogFinder_t::EvlogFinder_t(std::span<const U8_t> bytes)
+    : bytes_(bytes), checkpoints_(RangeCrc_t::checkpointsFor(bytes.size())),
+      crc_(bytes.data(), checkpoints_.data()) {
+    crc_.reach(static_cast<U32_t>(bytes.size()));
+}
+
 EVLOG_REASON_e EvlogFinder_t::judge(U32_t offset) const {
     if (size_t{offset} + EMP_RECORD_SIZE > bytes_.size()) {
         return isSignature(bytes_.subspan(offset)) ? EVLOG_E_REASON_CUT : EVLOG_E_REASON_NO_HEADER;

@@ -5,10 +5,11 @@
 #ifndef EVLOG_SEARCH_H
 #define EVLOG_SEARCH_H
 
+#include "checksum/range_crc.h"
 #include "evlog/evlog.h"
-#include "evlog/range_crc.h"
 
 #include <optional>
+#include <vector>
 
 /** The header at @p offset; 160 bytes must lie there. */
 inline const EmpEvRecord_t* evlogHeaderAt(std::span<const U8_t> bytes, U32_t offset) {
@@ -33,7 +34,9 @@ struct EvlogSearch_t {
 class EvlogFinder_t {
   public:
     /** @param bytes must outlive the object; at most EVLOG_REACHABLE */
-    explicit EvlogFinder_t(std::span<const U8_t> bytes) : bytes_(bytes), crc_(bytes) {}
+    explicit EvlogFinder_t(std::span<const U8_t> bytes);
+    EvlogFinder_t(const EvlogFinder_t&) = delete;
+    EvlogFinder_t& operator=(const EvlogFinder_t&) = delete;
 
     /** The next valid record at or behind @p start, and what the event manager would not have
      * passed on the way there. */
@@ -46,7 +49,8 @@ class EvlogFinder_t {
     std::optional<U32_t> nextSignature(U32_t start) const;
 
     std::span<const U8_t> bytes_;
-    EvlogRangeCrc_t crc_;
+    std::vector<U32_t> checkpoints_; // of crc_
+    RangeCrc_t crc_;
 };
 
 #endif

@@ -1,8 +1,10 @@
-#include "evlog/range_crc.h"
+#include "checksum/range_crc.h"
 
 #include "log_image.h"
 
 #include <gtest/gtest.h>
+
+#include <vector>
 
 namespace {
 
@@ -16,31 +18,49 @@ std::string noise(size_t size) {
     return bytes;
 }
 
-std::span<const U8_t> spanOf(const std::string& bytes) {
-    return {reinterpret_cast<const U8_t*>(bytes.data()), bytes.size()};
-}
+/** The checksum of a range, as it is stored. */
+class Ranges {
+  public:
+    explicit Ranges(const std::string& bytes)
+        : checkpoints_(RangeCrc_t::checkpointsFor(bytes.size())),
+          crc_(reinterpret_cast<const U8_t*>(bytes.data()), checkpoints_.data()) {}
+    std::string stored(uint32_t offset, uint32_t length) {
+        crc_.reach(offset + length);
+        return test::bigEndian(crc_.ofRange(offset, length), 4);
+    }
+
+  private:
+    std::vector<U32_t> checkpoints_;
+    RangeCrc_t crc_;
+};
 
 } // namespace
 
 TEST(RangeCrc, GivesTheCheckValue) {
-    std::string bytes = "xx123456789yy";
-    EXPECT_EQ(EvlogRangeCrc_t(spanOf(bytes)).ofRange(2, 9), 0x839206E3U);
+    EXPECT_EQ(Ranges(std::string("xx123456789yy")).stored(2, 9), "\x83\x92\x06\xE3");
 }
 
 TEST(RangeCrc, AgreesWithTheDirectSumAtEveryAlignment) {
-    std::string bytes = noise(70'000);
-    EvlogRangeCrc_t crc(spanOf(bytes));
-    for (uint32_t offset : {0U, 1U, 63U, 64U, 65U, 127U, 1000U, 4095U}) {
-        for (uint32_t length : {1U, 2U, 63U, 64U, 65U, 152U, 4000U, 4096U, 65'687U}) {
-            EXPECT_EQ(test::bigEndian(crc.ofRange(offset, length), 4),
-                      test::storedCrc(bytes.substr(offset, length)))
+    std::string bytes = noise(280'000);
+    Ranges ranges(bytes);
+    for (uint32_t offset : {0U, 1U, 7U, 8U, 15U, 16U, 17U, 33U, 1000U, 4095U}) {
+        for (uint32_t length : {1U, 2U, 15U, 16U, 17U, 63U, 64U, 65U, 152U, 511U, 512U, 4000U,
+                                4096U, 32'767U, 32'768U, 65'687U, 262'143U}) {
+            EXPECT_EQ(ranges.stored(offset, length), test::storedCrc(bytes.substr(offset, length)))
                 << offset << "+" << length;
         }
     }
 }
 
-TEST(RangeCrc, ReachesTheLastByte) {
+TEST(RangeCrc, OfNothingIsThatOfNothing) {
+    EXPECT_EQ(Ranges("abc").stored(2, 0), std::string(4, '\0'));
+}
+
+TEST(RangeCrc, ReachesTheLastByteInSteps) {
     std::string bytes = noise(1000);
-    EXPECT_EQ(test::bigEndian(EvlogRangeCrc_t(spanOf(bytes)).ofRange(0, 1000), 4),
-              test::storedCrc(bytes));
+    Ranges ranges(bytes);
+    EXPECT_EQ(ranges.stored(0, 1), test::storedCrc(bytes.substr(0, 1)));
+    EXPECT_EQ(ranges.stored(0, 33), test::storedCrc(bytes.substr(0, 33)));
+    EXPECT_EQ(ranges.stored(0, 1000), test::storedCrc(bytes));
+    EXPECT_EQ(ranges.stored(999, 1), test::storedCrc(bytes.substr(999)));
 }
