@@ -67,7 +67,7 @@ void serveLocalEvent(U32_t sequenceId) {
     empReply()->mmch.mmsg_length = static_cast<U16_t>(record.evStructLength + EMP_EVENT_MMSG_SIZE);
     empReply()->mmch.return_code = EMP_E_RESPONSE_SUCCESS;
     empCopyEventHeader(&empReplyEvent()->evLogHdr, &record);
-    empLogReturnTo(position);
+    empLogMoveTo(position);
 }
 
 /** The archiver knows no next event of this blade: the log may. */

@@ -132,7 +132,7 @@ S32_t empSendEventLogToEventArchiver(U32_t sequenceId) {
     empDebugLine(
         "empSendEventLogToEventArchiver(): Switch back to the original File Position [%d]\n",
         static_cast<int>(position));
-    empLogReturnTo(position);
+    empLogMoveTo(position);
     return taken ? EMP_E_OK : EMP_E_GENERR;
 }
 

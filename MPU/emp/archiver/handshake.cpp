@@ -60,7 +60,7 @@ void readOldestRecord(EmpGetEvArchiverStatusMsg_t* status) {
     empDebugLine(
         "empSendGetEventArchiverStatusMsg(): Switch back to the original File Position [%d]\n",
         static_cast<int>(position));
-    empLogReturnTo(position);
+    empLogMoveTo(position);
 }
 
 /** Drops the log entries up to and including an id. Only the index and the counters change. */

@@ -104,7 +104,7 @@ void sendAnswer() {
 void restorePosition(S64_t position) {
     empDebugLine("empRcvEventInquiryMsg(): Switch back to the original File Position [%d]\n",
                  static_cast<int>(position));
-    empLogReturnTo(position);
+    empLogMoveTo(position);
 }
 
 } // namespace

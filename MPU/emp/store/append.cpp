@@ -69,7 +69,7 @@ void discard(const EmpEvRecord_t* record) {
 
 void readHeader(U32_t offset, EmpEvRecord_t* record) {
     empLogSeek(offset, EMP_HERE_IN(APPEND));
-    empLogRead(record, EMP_RECORD_SIZE, EMP_HERE_IN(APPEND));
+    empLogReadInOrder(record, EMP_RECORD_SIZE, EMP_HERE_IN(APPEND));
 }
 
 void checkSignature(const EmpEvRecord_t* record) {
@@ -274,9 +274,9 @@ void wrapToTop(Append_t& append) {
     empLogSeek(0, EMP_HERE_IN(APPEND));
     empDebugLine(
         "empSaveEventLogMsgToLogFile(): Check Event Record from the top to wipe out # of eventEntryDatabase in the bottom.\n");
-    empLogRead(&topRecord, EMP_RECORD_SIZE, EMP_HERE_IN(APPEND));
+    empLogReadInOrder(&topRecord, EMP_RECORD_SIZE, EMP_HERE_IN(APPEND));
     checkSignature(&topRecord);
-    empLogReturnTo(append.originalPosition);
+    empLogMoveTo(append.originalPosition);
     wipeBottom(topRecord.evSequenceId);
 
     empDebugLine("empSaveEventLogMsgToLogFile(): Write Dummy Entry for wipping out space.\n");

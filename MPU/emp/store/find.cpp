@@ -1,18 +1,22 @@
 /*
- * The search for the next valid record. It is defined as a search byte by byte, one seek and one
- * read of a header at each offset. Here windows of the file are searched in memory for the two
- * signature bytes; the outcome, the debug lines, the hex dumps, the final content of the work space
- * and the file position are those of the search byte by byte.
+ * The search for the next valid record. Its outcome, the debug lines, the hex dumps, what it leaves
+ * in the work space and the file position are those of a search byte by byte, with a seek and a
+ * read of a header at each offset, and of the data behind it where the header is plausible. Here
+ * the file comes in windows that outlast the search, only the two signature bytes are looked for,
+ * and the work space is filled in when the search ends or its window moves on.
  */
 #include "store/find.h"
 
 #include "altEventLog.h"
+#include "checksum/range_crc.h"
 #include "diag/debug_line.h"
 #include "diag/hex_dump.h"
 #include "mmsg.h"
 #include "store/log_file.h"
 #include "store/record.h"
+#include "store/window.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -20,65 +24,81 @@ namespace {
 constexpr char FIND[] = "empFindValidEventEntry";
 constexpr char LSEEK_CALL_FAILS[] = "Linux lseek call fails for Event Log File!";
 
-/** Most searches end at their first bytes, so the first window is small; the next ones grow. */
-constexpr U32_t FIRST_WINDOW = 512;
-constexpr U32_t WINDOW_GROWTH = 16;
-constexpr U32_t LARGEST_WINDOW = 65'536;
-U8_t windowBytes[LARGEST_WINDOW];
+/** Data of a record as far as the work space shows it. */
+constexpr U32_t SHOWN_DATA = EMP_WORK_SPACE_SIZE - EMP_RECORD_SIZE;
 
-/** The stretch of the file that is in memory. */
-struct Window_t {
-    U64_t base = 0;
-    S64_t length = 0; ///< bytes in memory; -1 after a read error
-    U32_t size = FIRST_WINDOW / WINDOW_GROWTH;
-
-    /** Bytes in memory from @p offset on. */
-    S64_t available(U64_t offset) const {
-        return offset < base ? 0 : length - static_cast<S64_t>(offset - base);
-    }
-    const U8_t* at(U64_t offset) const { return windowBytes + (offset - base); }
-
-    void load(U64_t offset) {
-        size = size < LARGEST_WINDOW ? size * WINDOW_GROWTH : LARGEST_WINDOW;
-        size = size > LARGEST_WINDOW ? LARGEST_WINDOW : size;
-        empLogSeek(static_cast<S64_t>(offset), EMP_HERE_IN(FIND), LSEEK_CALL_FAILS);
-        base = offset;
-        length = empLogReadSome(windowBytes, size);
-    }
+/** Checksums of the ranges of a window. */
+struct Ranges_t {
+    bool begun = false;
+    U64_t from = 0; ///< offset of the first byte
+    RangeCrc_t crc;
 };
+U32_t checkpoints[RangeCrc_t::checkpointsFor(EMP_WINDOW_SIZE)];
 
 /** One search; offsets have 64 bits, since start plus gap may pass the end of the file. */
 struct Search_t {
     U64_t start;
-    U64_t offset; ///< of the header that is looked at
-    Window_t window;
+    U64_t offset;             ///< of the header that is looked at
+    S64_t lastHeader = -1;    ///< offset of the last header that was read; -1: none
+    U64_t lastData = 0;       ///< offset of the last data that was read
+    U32_t lastDataLength = 0; ///< what of it the work space is still to get
+    bool overlapping = false; ///< a plausible header has failed: later data may overlap its data
+    Ranges_t ranges = {};
 };
 
-EmpEvRecord_t* workRecord() {
-    return reinterpret_cast<EmpEvRecord_t*>(eventEntryWorkSpace);
+const EmpEvRecord_t* headerAt(U64_t offset) {
+    return reinterpret_cast<const EmpEvRecord_t*>(empWindowAt(offset));
 }
 
-/** Copies the header at @p offset, which is in memory whole, to where the read of it would have
- * left it. */
-void showHeader(const Window_t& window, U64_t offset) {
-    memcpy(eventEntryWorkSpace, window.at(offset), EMP_RECORD_SIZE);
-}
-
-/** Makes sure that a header is in memory. @return false when the file ends before its last byte */
-bool loadHeader(Search_t& search) {
-    Window_t& window = search.window;
-    if (window.available(search.offset) < EMP_RECORD_SIZE) {
-        window.load(search.offset);
+/** Fills in the work space as the reads so far would have left it. */
+void showReads(Search_t& search) {
+    if (search.lastHeader >= 0) {
+        memcpy(eventEntryWorkSpace, headerAt(static_cast<U64_t>(search.lastHeader)),
+               EMP_RECORD_SIZE);
+        search.lastHeader = -1;
     }
-    return window.available(search.offset) >= EMP_RECORD_SIZE;
+    memcpy(eventEntryWorkSpace + EMP_RECORD_SIZE, empWindowAt(search.lastData),
+           search.lastDataLength);
+    search.lastDataLength = 0;
+}
+
+/** Notes that the data behind the header has been read. */
+void noteData(Search_t& search, U32_t length) {
+    length = std::min(length, SHOWN_DATA);
+    // Of longer data that was read before, the rest stays visible behind this.
+    if (length < search.lastDataLength) {
+        memcpy(eventEntryWorkSpace + EMP_RECORD_SIZE + length,
+               empWindowAt(search.lastData) + length, search.lastDataLength - length);
+    }
+    search.lastData = search.offset + EMP_RECORD_SIZE;
+    search.lastDataLength = length;
+}
+
+/**
+ * Makes sure that @p wanted bytes from the header on are in the window.
+ * @return the bytes that are there, fewer at the end of the file; -1 after a read error
+ */
+S64_t bring(Search_t& search, U32_t wanted) {
+    U32_t available = empWindowAvailable(search.offset);
+    if (available >= wanted) {
+        return available;
+    }
+    if (search.lastHeader >= 0) {
+        empLogMoveTo(search.lastHeader + EMP_RECORD_SIZE);
+    }
+    showReads(search);
+    search.ranges.begun = false;
+    empLogSeek(static_cast<S64_t>(search.offset), EMP_HERE_IN(FIND), LSEEK_CALL_FAILS);
+    return empLogFillWindow(search.overlapping ? EMP_WINDOW_SIZE
+                                               : std::max(wanted, EMP_WINDOW_STEP));
 }
 
 /** The header is cut by the end of the file: what is there of it lies over the header before it. */
-void showCutHeader(const Window_t& window) {
-    if (window.length > 0) {
-        memcpy(eventEntryWorkSpace, window.at(window.base), static_cast<size_t>(window.length));
+void showCutHeader(const Search_t& search, S64_t arrived) {
+    if (arrived > 0) {
+        memcpy(eventEntryWorkSpace, empWindowAt(search.offset), static_cast<size_t>(arrived));
     }
-    empHexDump(eventEntryWorkSpace, static_cast<S32_t>(window.length));
+    empHexDump(eventEntryWorkSpace, static_cast<S32_t>(arrived));
 }
 
 bool isPlausible(const EmpEvRecord_t* record) {
@@ -90,40 +110,69 @@ bool isPlausible(const EmpEvRecord_t* record) {
             record->evSource == MMSG_E_EPID_EVENTLOGMP || record->evId == 1);
 }
 
-/** Reads a candidate's data behind its header. @return the bytes that arrived */
-S64_t readData(const Search_t& search, U16_t structLength) {
-    U64_t offset = search.offset + EMP_RECORD_SIZE;
-    U8_t* data = eventEntryWorkSpace + EMP_RECORD_SIZE;
-    if (search.window.available(offset) >= structLength) {
-        memcpy(data, search.window.at(offset), structLength);
-        return structLength;
+bool hasBadSource(const EmpEvRecord_t* record) {
+    return record->evRdSignature == EMP_RECORD_SIGNATURE &&
+           record->evRdVersion <= EMP_RECORD_VERSION && record->evType <= EMP_E_TYPE_ERROR &&
+           record->evSource > MMSG_E_MAX_DEFINED_EPIDS;
+}
+
+[[noreturn]] void badSource(Search_t& search) {
+    U8_t source = headerAt(search.offset)->evSource;
+    showReads(search);
+    // The report shows the file from where the read of this header has left it.
+    empLogMoveTo(static_cast<S64_t>(search.offset) + EMP_RECORD_SIZE);
+    EMP_BUGCHECK(EMP_HERE_IN(FIND),
+                 "Bad Event Source [%d] in the Corrupted Event Log File! Please Delete the File.",
+                 source);
+}
+
+/** Checksum of the record in the window. The first one of a search is summed up; where one has
+ * failed, data may overlap, and no byte is summed up for each header before it. */
+U32_t checksumOf(Search_t& search, U32_t covered) {
+    if (!search.overlapping) {
+        return computeCRC32(empCoveredBytes(headerAt(search.offset)), covered);
     }
-    empLogSeek(static_cast<S64_t>(offset), EMP_HERE_IN(FIND), LSEEK_CALL_FAILS);
-    return empLogReadSome(data, structLength);
+    Ranges_t& ranges = search.ranges;
+    if (!ranges.begun) {
+        ranges = {true, search.offset, RangeCrc_t(empWindowAt(search.offset), checkpoints)};
+    }
+    U32_t first = static_cast<U32_t>(search.offset - ranges.from) + EMP_CRC_START;
+    ranges.crc.reach(first + covered);
+    return ranges.crc.ofRange(first, covered);
 }
 
 enum Verdict_e { VALID, NOT_VALID, CUT_BY_END_OF_FILE };
 
-/** Judges the plausible header in the work space, reading its data there. */
-Verdict_e judgeCandidate(const Search_t& search) {
-    const EmpEvRecord_t* record = workRecord();
+/** Reads the data behind the plausible header. @return whether all of it is in the file */
+bool readData(Search_t& search, U32_t length) {
+    S64_t arrived = bring(search, EMP_RECORD_SIZE + length);
+    arrived = arrived < 0 ? arrived : std::max<S64_t>(arrived - EMP_RECORD_SIZE, 0);
+    noteData(search, static_cast<U32_t>(std::clamp<S64_t>(arrived, 0, length)));
+    if (arrived < length) {
+        empHexDump(empWindowAt(search.offset) + EMP_RECORD_SIZE, static_cast<S32_t>(arrived));
+    }
+    return arrived >= length;
+}
+
+/** Judges the plausible header. */
+Verdict_e judgeCandidate(Search_t& search) {
     U32_t covered = EMP_EVENT_HEADER_SIZE;
-    if (!empIsDummy(record)) {
-        U16_t structLength = record->evStructLength;
-        S64_t arrived = readData(search, structLength);
-        if (arrived != structLength) {
-            empHexDump(eventEntryWorkSpace + EMP_RECORD_SIZE, static_cast<S32_t>(arrived));
+    if (!empIsDummy(headerAt(search.offset))) {
+        U16_t structLength = headerAt(search.offset)->evStructLength;
+        if (!readData(search, structLength)) {
             return CUT_BY_END_OF_FILE;
         }
         covered += structLength;
     }
-    U32_t calculated = computeCRC32(empCoveredBytes(record), covered);
-    if (calculated == record->evRdCRCChecksum) {
+    U32_t stored = headerAt(search.offset)->evRdCRCChecksum;
+    U32_t calculated = checksumOf(search, covered);
+    if (calculated == stored) {
         return VALID;
     }
     empDebugLine(
         "empFindValidEventEntry(): Record CRCChecksum [0x%X] not match with calculated CRCChecksum [0x%X]\n",
-        U32_t{record->evRdCRCChecksum}, calculated);
+        stored, calculated);
+    search.overlapping = true;
     return NOT_VALID;
 }
 
@@ -143,13 +192,10 @@ bool stepOn(Search_t& search) {
  * signature. Skipped offsets cannot hold a plausible header nor one with a bad source.
  */
 void skipToSignature(Search_t& search) {
-    const Window_t& window = search.window;
-    U64_t end = window.base + static_cast<U64_t>(window.length) - EMP_RECORD_SIZE;
-    if (end > EMP_LOG_FILE_SIZE) {
-        end = EMP_LOG_FILE_SIZE;
-    }
+    U64_t end = search.offset + empWindowAvailable(search.offset) - EMP_RECORD_SIZE;
+    end = std::min<U64_t>(end, EMP_LOG_FILE_SIZE);
     while (search.offset < end) {
-        const U8_t* from = window.at(search.offset);
+        const U8_t* from = empWindowAt(search.offset);
         const void* found =
             memchr(from, EMP_RECORD_SIGNATURE >> 8, static_cast<size_t>(end - search.offset));
         if (found == nullptr) {
@@ -157,7 +203,7 @@ void skipToSignature(Search_t& search) {
             return;
         }
         search.offset += static_cast<U64_t>(static_cast<const U8_t*>(found) - from);
-        if (window.at(search.offset)[1] == (EMP_RECORD_SIGNATURE & 0xFF)) {
+        if (empWindowAt(search.offset)[1] == (EMP_RECORD_SIGNATURE & 0xFF)) {
             return;
         }
         search.offset++;
@@ -166,28 +212,20 @@ void skipToSignature(Search_t& search) {
 
 EMP_CODE_e findRecord(Search_t& search) {
     do {
-        if (!loadHeader(search)) {
-            showCutHeader(search.window);
+        S64_t arrived = bring(search, EMP_RECORD_SIZE);
+        if (arrived < EMP_RECORD_SIZE) {
+            showCutHeader(search, arrived);
             return EMP_E_GENERR;
         }
         skipToSignature(search);
-        showHeader(search.window, search.offset);
-        const EmpEvRecord_t* record = workRecord();
-        if (isPlausible(record)) {
+        search.lastHeader = static_cast<S64_t>(search.offset);
+        if (isPlausible(headerAt(search.offset))) {
             Verdict_e verdict = judgeCandidate(search);
             if (verdict != NOT_VALID) {
                 return verdict == VALID ? EMP_E_OK : EMP_E_GENERR;
             }
-        } else if (record->evRdSignature == EMP_RECORD_SIGNATURE &&
-                   record->evRdVersion <= EMP_RECORD_VERSION &&
-                   record->evType <= EMP_E_TYPE_ERROR &&
-                   record->evSource > MMSG_E_MAX_DEFINED_EPIDS) {
-            // The report shows the file from where the read of this header has left it.
-            empLogReturnTo(static_cast<S64_t>(search.offset) + EMP_RECORD_SIZE);
-            EMP_BUGCHECK(
-                EMP_HERE_IN(FIND),
-                "Bad Event Source [%d] in the Corrupted Event Log File! Please Delete the File.",
-                record->evSource);
+        } else if (hasBadSource(headerAt(search.offset))) {
+            badSource(search);
         }
     } while (stepOn(search));
     return EMP_E_GENERR;
@@ -198,11 +236,12 @@ EMP_CODE_e findRecord(Search_t& search) {
 EMP_CODE_e empFindValidEventEntry(U32_t start, U32_t* gap) {
     S64_t notedPosition = empLogFilePosition;
     memset(eventEntryWorkSpace, 0, EMP_WORK_SPACE_SIZE);
-    Search_t search = {start, start, {}};
+    Search_t search = {.start = start, .offset = start};
     EMP_CODE_e result = findRecord(search);
+    showReads(search);
     if (result == EMP_E_OK) {
         *gap = static_cast<U32_t>(search.offset - search.start);
     }
-    empLogReturnTo(notedPosition);
+    empLogMoveTo(notedPosition);
     return result;
 }

@@ -2,6 +2,7 @@
 
 #include "diag/hex_dump.h"
 #include "state/control.h"
+#include "store/window.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -73,8 +74,9 @@ void fetchFromFile() {
     fetched.length = readAtPosition(fetchedBytes, sizeof(fetchedBytes));
 }
 
-/** Forgets the newest record when it is written over. */
-void noteWrite(S64_t from, U32_t length) {
+/** Keeps what is in memory true to the file. */
+void noteWrite(S64_t from, const void* bytes, U32_t length) {
+    empWindowWrite(static_cast<U64_t>(from), bytes, length);
     if (from < newest.from + newest.length && newest.from < from + length) {
         newest = {};
     }
@@ -95,6 +97,7 @@ void empLogTake(S32_t fd) {
     pendingSeek.text = nullptr;
     fetched = {};
     newest = {};
+    empWindowOpen(0);
 }
 
 void empLogRequireSeekable(EmpSite_t site) {
@@ -109,7 +112,7 @@ void empLogSeek(S64_t offset, EmpSite_t site, const char* text) {
     fetched = {};
 }
 
-void empLogReturnTo(S64_t position) {
+void empLogMoveTo(S64_t position) {
     empLogFilePosition = position;
 }
 
@@ -146,12 +149,31 @@ void empLogReadHeader(EmpEvRecord_t* to, EmpSite_t site) {
     requireRead(to, arrived, EMP_RECORD_SIZE, site);
 }
 
+void empLogReadInOrder(void* to, U32_t length, EmpSite_t site) {
+    auto offset = static_cast<U64_t>(empLogFilePosition);
+    S64_t arrived = empWindowAvailable(offset);
+    if (arrived < length) {
+        arrived = empLogFillWindow(EMP_WINDOW_STEP);
+    }
+    arrived = std::min<S64_t>(arrived, length);
+    memcpy(to, empWindowAt(offset), static_cast<size_t>(std::max<S64_t>(arrived, 0)));
+    advance(arrived);
+    requireRead(to, arrived, length, site);
+}
+
+S64_t empLogFillWindow(U32_t size) {
+    U8_t* to = empWindowOpen(static_cast<U64_t>(empLogFilePosition));
+    S64_t arrived = readAtPosition(to, size);
+    empWindowHolds(static_cast<U32_t>(std::max<S64_t>(arrived, 0)));
+    return arrived;
+}
+
 S64_t empLogWriteSome(const void* from, U32_t length) {
     S64_t start = empLogFilePosition;
     S64_t result = pwrite(empControl.eventLogFileFd, from, length, start);
     judgePendingSeek(result);
     advance(result);
-    noteWrite(start, length);
+    noteWrite(start, from, length);
     return result;
 }
 

@@ -26,8 +26,9 @@ void empLogRequireSeekable(EmpSite_t site);
 /** Moves the position to @p offset from the start. @param text message of the bug-check */
 void empLogSeek(S64_t offset, EmpSite_t site, const char* text = EMP_LSEEK_FAILS);
 
-/** Moves the position back to one that was noted before. */
-void empLogReturnTo(S64_t position);
+/** Moves the position where no call is to follow: back to a noted one, or to where reads that were
+ * served from memory would have led. */
+void empLogMoveTo(S64_t position);
 
 /** Moves the position to the end of the file. @return that end */
 S64_t empLogSeekEnd(EmpSite_t site);
@@ -43,6 +44,14 @@ void empLogRead(void* to, U32_t length, EmpSite_t site);
 /** empLogRead() of a record's header, which brings the data behind it along: the next empLogRead()
  * finds it in memory. The record that was written last is not read at all. */
 void empLogReadHeader(EmpEvRecord_t* to, EmpSite_t site);
+
+/** empLogRead() by way of the window (store/window.h), for those who go through the file in order.
+ */
+void empLogReadInOrder(void* to, U32_t length, EmpSite_t site);
+
+/** Reads up to @p size bytes, at most EMP_WINDOW_SIZE, at the position into the window; the
+ * position stays. @return the bytes that arrived; -1: none, an error */
+S64_t empLogFillWindow(U32_t size);
 
 /** Writes @p length bytes at the position. @return the bytes that were taken; -1: none, an error */
 S64_t empLogWriteSome(const void* from, U32_t length);

@@ -127,5 +127,5 @@ void empWriteDummyEntryToLogFile(U32_t writePosition, U32_t dummyStructLength, i
             writeZeros(dummyStructLength);
         }
     }
-    empLogReturnTo(notedPosition);
+    empLogMoveTo(notedPosition);
 }

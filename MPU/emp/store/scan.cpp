@@ -276,8 +276,8 @@ Step_e scanNext(Scan_t& scan) {
         rebuildLog();
         return REBUILT;
     }
-    empLogSeek(S64_t{scan.readPosition} + scan.gap, EMP_HERE_IN(SCAN));
-    empLogRead(eventEntryWorkSpace, EMP_RECORD_SIZE, EMP_HERE_IN(SCAN));
+    // The search has left the header in the work space; the position is that of a read of it.
+    empLogMoveTo(S64_t{scan.readPosition} + scan.gap + EMP_RECORD_SIZE);
     if (empIsDummy(workRecord()) || empBeyondLogEnd(empControl.empStart, EMP_RECORD_SIZE)) {
         endAtDummy(scan);
         return DONE;

@@ -14,6 +14,7 @@
 #include "store/log_file.h"
 #include "store/record.h"
 #include "store/scan.h"
+#include "store/window.h"
 
 #include <functional>
 #include <gmock/gmock.h>
