@@ -20,6 +20,7 @@ constexpr int CANNOT_EXECUTE = 127;
 /** The child's side; never returns. Nothing here allocates: the parent may have held locks. */
 [[noreturn]] void become(char* const* words, int output, int kept, pid_t parent) {
     setpgid(0, 0);
+    ::signal(SIGPIPE, SIG_DFL);
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != parent) {
         _exit(CANNOT_EXECUTE);

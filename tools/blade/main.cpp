@@ -1,6 +1,8 @@
 #include "blade.h"
 #include "common/cli.h"
+#include "common/descriptors.h"
 #include "common/names.h"
+#include "common/say.h"
 
 #include <exception>
 #include <iterator>
@@ -123,6 +125,8 @@ void understand(BladeOptions& options, const Words& words) {
 } // namespace
 
 int main(int argc, char** argv) {
+    tools::guardStandardDescriptors();
+    tools::surviveReaders();
     try {
         BladeOptions options;
         Words words;

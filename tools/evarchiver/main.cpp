@@ -1,9 +1,10 @@
 #include "common/cli.h"
+#include "common/descriptors.h"
+#include "common/say.h"
 #include "server.h"
 #include "sqlite_store.h"
 
-#include <csignal>
-#include <iostream>
+#include <exception>
 
 namespace {
 
@@ -11,7 +12,7 @@ using evarchive::Archive;
 using evarchive::Options;
 
 void say(const std::string& line) {
-    std::cout << line << std::endl; // NOLINT(performance-avoid-endl): lines are waited for
+    tools::sayPlain(line);
 }
 
 int summarise(Archive& archive, const evarchive::SessionCounts& sessions) {
@@ -34,7 +35,8 @@ int serve(const Options& options) {
 } // namespace
 
 int main(int argc, char** argv) {
-    signal(SIGPIPE, SIG_IGN);
+    tools::guardStandardDescriptors();
+    tools::surviveReaders();
     try {
         const auto options = evarchive::parseOptions(argc, argv);
         if (const int* status = std::get_if<int>(&options)) {

@@ -1,4 +1,5 @@
 #include "common/cli.h"
+#include "common/descriptors.h"
 #include "common/say.h"
 #include "switch.h"
 
@@ -84,8 +85,8 @@ int run(const SwitchOptions& options) {
 } // namespace
 
 int main(int argc, char** argv) {
-    // A reader that goes away is an error of a write, not the end of the switch.
-    signal(SIGPIPE, SIG_IGN);
+    tools::guardStandardDescriptors();
+    tools::surviveReaders();
     try {
         SwitchOptions options;
         CLI::App app(DESCRIPTION, "msm");
