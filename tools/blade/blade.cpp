@@ -190,6 +190,7 @@ void Blade::startupConnected() {
     tools::Connection::Callbacks callbacks;
     callbacks.message = [this](tools::Connection&, std::span<U8_t> message) {
         startupMessage(message);
+        return true;
     };
     callbacks.end = [this](tools::Connection&, tools::End) { startup_.reset(); };
     startup_ = std::make_shared<tools::Connection>(std::move(socket_), "startup", QUEUE_MAX,

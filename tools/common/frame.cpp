@@ -4,6 +4,12 @@
 
 namespace tools {
 
+U16_t messageLength(const U8_t* header) {
+    U16be_t length;
+    memcpy(&length, header + offsetof(MMCH_t, mmsg_length), sizeof(length));
+    return length;
+}
+
 FrameReader::FrameReader() : bytes_(new U8_t[CAPACITY]) {}
 
 std::span<U8_t> FrameReader::space() {
@@ -38,12 +44,7 @@ FrameReader::Outcome FrameReader::next(std::span<U8_t>& message) {
 }
 
 U16_t FrameReader::announcedLength() const {
-    if (pending() < MMCH_SIZE) {
-        return 0;
-    }
-    U16be_t length;
-    memcpy(&length, bytes_.get() + begin_ + offsetof(MMCH_t, mmsg_length), sizeof(length));
-    return length;
+    return pending() < MMCH_SIZE ? U16_t{0} : messageLength(bytes_.get() + begin_);
 }
 
 } // namespace tools

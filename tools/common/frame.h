@@ -13,6 +13,9 @@
 
 namespace tools {
 
+/** mmsg_length of a header of 64 bytes. */
+U16_t messageLength(const U8_t* header);
+
 /** Collects what one connection sends and gives it out message by message. */
 class FrameReader {
   public:
@@ -36,6 +39,9 @@ class FrameReader {
      * @param message set for Outcome::Message: the message, writable, valid until the next space()
      */
     Outcome next(std::span<U8_t>& message);
+
+    /** Takes back the message that next() just gave: it is the next one again. */
+    void putBack(std::span<const U8_t> message) { begin_ -= message.size(); }
 
     size_t pending() const { return end_ - begin_; } ///< bytes that next() has not given out
 

@@ -17,7 +17,9 @@ std::string Counters::text() const {
           << ", reached nobody " << nobody << ", unknown recipients " << unknownEndpoint
           << ", bad lengths " << badLengths << ", broken messages " << brokenMessages << "\n"
           << "other blade: received " << linkReceived << ", sent " << linkDelivered << ", dropped "
-          << linkDropped << "\n";
+          << linkDropped << "\n"
+          << "event manager: senders held " << held << ", closed after waiting " << heldTooLong
+          << ", second ones refused " << secondManagers << "\n";
     for (U32_t number = 0; number < endpoints.size(); ++number) {
         const EndpointCounters& endpoint = endpoints[number];
         if (hadTraffic(endpoint)) {

@@ -30,6 +30,9 @@ struct Counters {
     U64_t linkDelivered = 0;   ///< messages handed to the other blade
     U64_t linkDropped = 0;     ///< messages for the other blade while it was too slow or not there
     U64_t unknownEndpoint = 0; ///< messages with a recipient bit of no endpoint
+    U64_t held = 0;            ///< times that a sender had to wait for the event manager
+    U64_t heldTooLong = 0;     ///< connections closed because they had waited too long
+    U64_t secondManagers = 0;  ///< connections refused because an event manager was connected
     std::array<EndpointCounters, tools::ENDPOINT_COUNT> endpoints{};
 
     /** The summary: one line for all, one for each endpoint that had traffic. */

@@ -17,8 +17,14 @@ Link::Link(asio::io_context& loop, std::string path, size_t queueMax)
     connect();
 }
 
-bool Link::send(std::span<const U8_t> message) {
-    return connection_ && connection_->send(message);
+bool Link::post(std::span<const U8_t> message) {
+    return connection_ && connection_->post(message);
+}
+
+void Link::flush() {
+    if (connection_) {
+        connection_->flush();
+    }
 }
 
 void Link::connect() {
@@ -53,9 +59,10 @@ void Link::connected() {
     // The other switch sends through our own link socket, never here.
     callbacks.message = [](Connection& connection, std::span<U8_t>) {
         say(connection.name() + ": ignored a message that came the wrong way");
+        return true;
     };
     callbacks.end = [this](Connection& connection, End) {
-        lost_ += connection.unsent();
+        lost_ += connection.unsent().count();
         connection_.reset();
         say("link: lost " + path_);
         retry("");

@@ -22,12 +22,15 @@ class Link {
     /** Begins to connect to the other switch's link socket. @param queueMax as for Connection */
     Link(asio::io_context& loop, std::string path, size_t queueMax);
 
-    /** Sends a message to the other blade. @return false when it was dropped: the other switch is
-     * not there, or too slow */
-    bool send(std::span<const U8_t> message);
+    /** Queues a message for the other blade, until flush(). @return false when it was dropped: the
+     * other switch is not there, or too slow */
+    bool post(std::span<const U8_t> message);
 
-    /** Messages that send() took and that never reached the other switch, or wait for it. */
-    size_t unsent() const { return lost_ + (connection_ ? connection_->unsent() : 0); }
+    /** Sends what is queued. */
+    void flush();
+
+    /** Messages that post() took and that never reached the other switch, or wait for it. */
+    size_t unsent() const { return lost_ + (connection_ ? connection_->unsent().count() : 0); }
 
   private:
     void connect();

@@ -22,7 +22,8 @@ constexpr char DESCRIPTION[] =
     "length of both in mmsg_length) and receives every message whose recipient bitmap has the bit\n"
     "of that endpoint. Several connections of one endpoint get a copy each.\n\n"
     "A connection that sends an mmsg_length outside 64 to 4064 is closed. A connection that does\n"
-    "not read is not waited for: messages for it are queued, then dropped; both is said.";
+    "not read is not waited for: messages for it are queued, then dropped; both is said. Nothing\n"
+    "for eventlog is dropped: its senders wait. A second event manager is refused.";
 
 constexpr char FOOTER[] =
     "On SIGINT or SIGTERM the switch prints a summary of its counters, removes its sockets and\n"
@@ -49,6 +50,16 @@ void declareOptions(CLI::App& app, SwitchOptions& options) {
         ->capture_default_str()
         ->check(CLI::Range(1, 1000000))
         ->type_name("N");
+    app.add_option("--hold", options.hold,
+                   "Seconds that a sender may wait for the event manager, while none is connected "
+                   "or the one that is takes nothing, before its connection is closed")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 86400))
+        ->type_name("SECONDS");
+    app.add_option(
+           "--group", options.group,
+           "Group whose members may connect, too (the sockets then have mode 0660, else 0600)")
+        ->type_name("NAME");
     app.add_flag("--trace", options.trace, "Print the header of every message and where it went");
     app.add_option(
            "--ready-fd", options.readyFd,

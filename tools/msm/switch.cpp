@@ -3,8 +3,13 @@
 #include "common/say.h"
 #include "trace.h"
 
+#include <bit>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 
+#include <grp.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace msm {
@@ -14,6 +19,15 @@ using tools::say;
 namespace {
 
 constexpr std::chrono::milliseconds ACCEPT_PAUSE{100};
+constexpr U32_t MANAGER = MMSG_E_EPID_EVENTLOGMP;
+
+gid_t groupId(const std::string& name) {
+    const struct group* entry = getgrnam(name.c_str());
+    if (entry == nullptr) {
+        throw DirectoryError("there is no group " + name);
+    }
+    return entry->gr_gid;
+}
 
 std::string unconnectedText(U64_t endpoints) {
     U32be_t bitmap[2] = {static_cast<U32_t>(endpoints), static_cast<U32_t>(endpoints >> 32)};
@@ -23,7 +37,11 @@ std::string unconnectedText(U64_t endpoints) {
 } // namespace
 
 Switch::Switch(asio::io_context& loop, SwitchOptions options)
-    : loop_(loop), options_(std::move(options)), claim_(options_.directory) {
+    : loop_(loop), options_(std::move(options)), claim_(options_.directory),
+      hold_(loop, std::chrono::seconds(options_.hold),
+            [this](Connection& from) { heldTooLong(from); }) {
+    // Sockets get their mode when they are bound, and are connected to from then on at the latest.
+    umask(options_.group.empty() ? 0177 : 0117);
     std::string ownLink = options_.directory + "/" + LINK_SOCKET_NAME;
     if (usesLink()) {
         checkSocketPath(options_.link);
@@ -62,11 +80,23 @@ void Switch::listen(U32_t number, const std::string& path) {
     }
     // From here on the socket in the directory is ours to remove.
     port.acceptor = std::move(acceptor);
+    openTo(path);
     port.acceptor.listen(asio::socket_base::max_listen_connections, error);
     if (error) {
         throw DirectoryError("cannot listen on " + path + ": " + error.message());
     }
     accept(number);
+}
+
+/** Gives a socket to the group that may use it, before anybody can connect. */
+void Switch::openTo(const std::string& path) const {
+    if (options_.group.empty()) {
+        return;
+    }
+    if (lchown(path.c_str(), static_cast<uid_t>(-1), groupId(options_.group)) != 0) {
+        throw DirectoryError("cannot give " + path + " to group " + options_.group + ": " +
+                             strerror(errno));
+    }
 }
 
 void Switch::accept(U32_t number) {
@@ -89,15 +119,22 @@ void Switch::accepted(U32_t number, Socket socket) {
     bool isLink = number == LINK_PORT;
     std::string name = (isLink ? std::string(LINK_SOCKET_NAME) : tools::endpointSocketName(number));
     name.append("#").append(std::to_string(++counters_.connections));
+    if (number == MANAGER && refuseSecondManager(name)) {
+        return;
+    }
     Connection::Callbacks callbacks;
     callbacks.message = [this, number, isLink](Connection& from, std::span<U8_t> message) {
         if (isLink) {
             takeFromLink(from, message);
-        } else {
-            takeLocal(number, from, message);
+            return true;
         }
+        return takeLocal(number, from, message);
     };
+    callbacks.batch = [this] { flush(); };
     callbacks.end = [this, number](Connection& from, End end) { ended(number, from, end); };
+    if (number == MANAGER) {
+        callbacks.progress = [this](Connection&) { managerProgressed(); };
+    }
     auto connection = std::make_shared<Connection>(std::move(socket), name, options_.queueMax,
                                                    std::move(callbacks));
     ports_.at(number)->connections.insert(connection);
@@ -105,15 +142,57 @@ void Switch::accepted(U32_t number, Socket socket) {
     if (options_.trace) {
         say(name + ": connected");
     }
+    if (number == MANAGER) {
+        adoptManager(std::move(connection));
+    }
+}
+
+/** Two event managers would write one log. */
+bool Switch::refuseSecondManager(const std::string& name) {
+    // One that died may have left more to read: its successor need not wait for that.
+    if (!manager_ || manager_->peerIsGone()) {
+        return false;
+    }
+    ++counters_.secondManagers;
+    say(name + ": refused, " + manager_->name() +
+        " is connected: a second event manager would write into the log of the first");
+    return true;
+}
+
+void Switch::adoptManager(std::shared_ptr<Connection> connection) {
+    releaseManager();
+    manager_ = std::move(connection);
+    counters_.endpoints.at(MANAGER).delivered += kept_.count();
+    manager_->unsent().append(kept_);
+    manager_->flush();
+    managerProgressed();
+}
+
+/** What the event manager had not taken waits for the next. */
+void Switch::releaseManager() {
+    if (!manager_) {
+        return;
+    }
+    if (size_t count = manager_->unsent().count(); count > 0) {
+        counters_.endpoints.at(MANAGER).delivered -= count;
+        say(manager_->name() + ": " + std::to_string(count) +
+            " messages that waited for it are kept for the next event manager");
+        kept_.append(manager_->unsent());
+    }
+    manager_.reset();
 }
 
 void Switch::ended(U32_t number, Connection& connection, End end) {
     counters_.badLengths += end == End::BadLength ? 1 : 0;
     counters_.brokenMessages += end == End::Broken ? 1 : 0;
-    if (number < tools::ENDPOINT_COUNT && connection.unsent() > 0) {
-        counters_.endpoints.at(number).delivered -= connection.unsent();
-        counters_.endpoints.at(number).dropped += connection.unsent();
-        say(connection.name() + ": " + std::to_string(connection.unsent()) +
+    if (&connection == manager_.get()) {
+        releaseManager();
+    }
+    size_t unsent = connection.unsent().count();
+    if (number < tools::ENDPOINT_COUNT && unsent > 0) {
+        counters_.endpoints.at(number).delivered -= unsent;
+        counters_.endpoints.at(number).dropped += unsent;
+        say(connection.name() + ": " + std::to_string(unsent) +
             " messages that waited for it are dropped");
     }
     if (options_.trace) {
@@ -122,16 +201,57 @@ void Switch::ended(U32_t number, Connection& connection, End end) {
     ports_.at(number)->connections.erase(connection.shared_from_this());
 }
 
-void Switch::takeLocal(U32_t endpoint, Connection& from, std::span<U8_t> message) {
+bool Switch::takeLocal(U32_t endpoint, Connection& from, std::span<U8_t> message) {
     const auto& header = *reinterpret_cast<const MMCH_t*>(message.data());
+    U64_t recipients = recipientsOf(header.recipient_loc_bm);
+    if (mustWait(endpoint, recipients)) {
+        holdSender(from);
+        return false;
+    }
     ++counters_.messages;
     ++counters_.endpoints.at(endpoint).received;
     Delivery delivery;
-    deliver(recipientsOf(header.recipient_loc_bm), message, delivery);
+    deliver(recipients, message, delivery);
     if (recipientsOf(header.recipient_ob_bm) != 0 && usesLink()) {
         sendOverLink(message, delivery);
     }
     conclude(from, header, delivery);
+    return true;
+}
+
+/** Nothing for the event manager is dropped: its sender waits. The event manager itself is always
+ * read, so that the two cannot wait for each other. */
+bool Switch::mustWait(U32_t endpoint, U64_t recipients) const {
+    return ((recipients >> MANAGER) & 1) != 0 && endpoint != MANAGER &&
+           !(manager_ && manager_->hasRoom());
+}
+
+void Switch::holdSender(Connection& from) {
+    ++counters_.held;
+    if (!manager_ && hold_.empty()) {
+        say(from.name() + ": waits for an event manager to connect, for " +
+            std::to_string(options_.hold) + " seconds at most");
+    } else if (options_.trace) {
+        say(from.name() + ": held, the event manager is slower");
+    }
+    hold_.add(from.shared_from_this());
+}
+
+void Switch::managerProgressed() {
+    if (!manager_) {
+        return;
+    }
+    hold_.restart();
+    if (manager_->unsent().count() <= options_.queueMax / 2) {
+        hold_.release();
+    }
+}
+
+void Switch::heldTooLong(Connection& from) {
+    ++counters_.heldTooLong;
+    from.close("closed, it waited " + std::to_string(options_.hold) + " seconds for " +
+               (manager_ ? manager_->name() + ", which takes nothing"
+                         : std::string("an event manager, but none is connected")));
 }
 
 void Switch::takeFromLink(Connection& from, std::span<U8_t> message) {
@@ -147,25 +267,47 @@ void Switch::deliver(U64_t recipients, std::span<const U8_t> message, Delivery& 
     if ((recipients >> tools::ENDPOINT_COUNT) != 0) {
         ++counters_.unknownEndpoint;
     }
-    for (U32_t endpoint = 0; endpoint < tools::ENDPOINT_COUNT; ++endpoint) {
-        if (((recipients >> endpoint) & 1) == 0) {
-            continue;
-        }
+    recipients &= (U64_t{1} << tools::ENDPOINT_COUNT) - 1;
+    for (; recipients != 0; recipients &= recipients - 1) {
+        auto endpoint = static_cast<U32_t>(std::countr_zero(recipients));
         EndpointCounters& counters = counters_.endpoints.at(endpoint);
-        if (ports_.at(endpoint)->connections.empty()) {
+        const auto& connections = ports_.at(endpoint)->connections;
+        if (endpoint == MANAGER ? !manager_ : connections.empty()) {
             ++counters.unconnected;
             delivery.unconnected |= U64_t{1} << endpoint;
-        }
-        for (const std::shared_ptr<Connection>& connection : ports_.at(endpoint)->connections) {
-            bool taken = connection->send(message);
-            ++(taken ? counters.delivered : counters.dropped);
-            ++(taken ? delivery.connections : delivery.dropped);
+        } else if (endpoint == MANAGER) {
+            deliverTo(*manager_, counters, message, delivery);
+        } else {
+            for (const std::shared_ptr<Connection>& connection : connections) {
+                deliverTo(*connection, counters, message, delivery);
+            }
         }
     }
 }
 
+void Switch::deliverTo(Connection& connection, EndpointCounters& counters,
+                       std::span<const U8_t> message, Delivery& delivery) {
+    bool taken = connection.post(message);
+    ++(taken ? counters.delivered : counters.dropped);
+    ++(taken ? delivery.connections : delivery.dropped);
+    if (taken && connection.unsent().count() == 1) {
+        posted_.push_back(&connection);
+    }
+}
+
+/** Sends what the messages of one read became, together for each connection. */
+void Switch::flush() {
+    for (Connection* connection : posted_) {
+        connection->flush();
+    }
+    posted_.clear();
+    if (link_) {
+        link_->flush();
+    }
+}
+
 void Switch::sendOverLink(std::span<const U8_t> message, Delivery& delivery) {
-    delivery.otherBlade = link_->send(message);
+    delivery.otherBlade = link_->post(message);
     ++(delivery.otherBlade ? counters_.linkDelivered : counters_.linkDropped);
     delivery.dropped += delivery.otherBlade ? 0 : 1;
 }
@@ -193,10 +335,11 @@ Counters Switch::counters() const {
     Counters counters = counters_;
     for (U32_t endpoint = 0; endpoint < tools::ENDPOINT_COUNT; ++endpoint) {
         for (const std::shared_ptr<Connection>& connection : ports_.at(endpoint)->connections) {
-            counters.endpoints.at(endpoint).delivered -= connection->unsent();
-            counters.endpoints.at(endpoint).dropped += connection->unsent();
+            counters.endpoints.at(endpoint).delivered -= connection->unsent().count();
+            counters.endpoints.at(endpoint).dropped += connection->unsent().count();
         }
     }
+    counters.endpoints.at(MANAGER).dropped += kept_.count();
     if (link_) {
         counters.linkDelivered -= link_->unsent();
         counters.linkDropped += link_->unsent();

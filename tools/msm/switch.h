@@ -8,21 +8,27 @@
 #include "common/connection.h"
 #include "counters.h"
 #include "directory.h"
+#include "hold.h"
 #include "link.h"
 
 #include <array>
 #include <optional>
 #include <set>
+#include <vector>
 
 namespace msm {
 
 struct SwitchOptions {
     std::string directory;  ///< where the sockets are
     std::string link;       ///< link socket of the other blade's switch; empty: no other blade
+    std::string group;      ///< that may use the sockets, too; empty: only their owner
     size_t queueMax = 8192; ///< messages that may wait for one connection
+    int hold = 30;          ///< seconds that a sender may wait for the event manager
     bool trace = false;     ///< say every message
     int readyFd = -1;       ///< descriptor that is told when all sockets listen; -1: none
 };
+
+using tools::OutQueue;
 
 class Switch {
   public:
@@ -66,10 +72,21 @@ class Switch {
     void accept(U32_t number);
     void accepted(U32_t number, Socket socket);
     void ended(U32_t number, Connection& connection, End end);
-    void takeLocal(U32_t endpoint, Connection& from, std::span<U8_t> message);
+    bool refuseSecondManager(const std::string& name);
+    void adoptManager(std::shared_ptr<Connection> connection);
+    void releaseManager();
+    bool takeLocal(U32_t endpoint, Connection& from, std::span<U8_t> message);
     void takeFromLink(Connection& from, std::span<U8_t> message);
+    bool mustWait(U32_t endpoint, U64_t recipients) const;
+    void holdSender(Connection& from);
+    void managerProgressed();
+    void heldTooLong(Connection& from);
     void deliver(U64_t recipients, std::span<const U8_t> message, Delivery& delivery);
+    void deliverTo(Connection& connection, EndpointCounters& counters,
+                   std::span<const U8_t> message, Delivery& delivery);
+    void flush();
     void sendOverLink(std::span<const U8_t> message, Delivery& delivery);
+    void openTo(const std::string& path) const;
     void conclude(const Connection& from, const MMCH_t& header, const Delivery& delivery);
     bool usesLink() const { return !options_.link.empty(); }
 
@@ -79,6 +96,10 @@ class Switch {
     Counters counters_;
     std::array<std::optional<Port>, LINK_PORT + 1> ports_;
     std::optional<Link> link_;
+    std::vector<Connection*> posted_;     ///< connections that flush() has to do with
+    std::shared_ptr<Connection> manager_; ///< the event manager, while it is connected
+    OutQueue kept_;                       ///< what an event manager that died had not taken
+    Hold hold_;
 };
 
 } // namespace msm

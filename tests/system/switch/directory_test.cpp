@@ -7,6 +7,7 @@
 
 #include <csignal>
 
+#include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -51,6 +52,53 @@ static bool connectsNow(const std::string& path) {
         connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
     close(descriptor);
     return connected;
+}
+
+/** Starts a switch under an umask of its own. */
+static std::vector<std::string> commandUnder(const std::string& mask,
+                                             const std::string& arguments) {
+    return {"sh", "-c",
+            "umask " + mask + "; exec " + runnerText() + " " + program("msm") + " " + arguments};
+}
+
+static mode_t modeOf(const std::string& path, gid_t* group = nullptr) {
+    struct stat status {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+    if (group != nullptr) {
+        *group = status.st_gid;
+    }
+    return status.st_mode & 07777U;
+}
+
+TEST(SwitchDirectory, SocketsAreTheOwnersAloneWhateverTheUmask) {
+    for (const char* mask : {"000", "022", "077"}) {
+        TempDirectory directory;
+        Process msm(commandUnder(mask, directory.path() + " --link " + directory.file("none")),
+                    directory.file("msm"));
+        msm.waitForOutput("listening in");
+        EXPECT_EQ(modeOf(directory.file("eventlog")), 0600U) << mask;
+        EXPECT_EQ(modeOf(directory.file("link")), 0600U) << mask;
+    }
+}
+
+TEST(SwitchDirectory, GroupMayUseTheSocketsWhenAsked) {
+    TempDirectory directory;
+    const struct group* own = getgrgid(getgid());
+    ASSERT_NE(own, nullptr);
+    Process msm(commandUnder("077", directory.path() + " --group " + own->gr_name),
+                directory.file("msm"));
+    msm.waitForOutput("listening in");
+    gid_t group = 0;
+    EXPECT_EQ(modeOf(directory.file("eventlog"), &group), 0660U);
+    EXPECT_EQ(group, getgid());
+}
+
+TEST(SwitchDirectory, UnknownGroupLeavesNoFileBehind) {
+    TempDirectory directory;
+    TempDirectory logs;
+    EXPECT_EQ(refusalOf(logs, {directory.path(), "--group", "no-such-group"}),
+              "msm: there is no group no-such-group\n");
+    EXPECT_FALSE(exists(directory.file("iscsi18p")));
 }
 
 TEST(SwitchDirectory, ReadyMeansThatEveryEndpointListens) {

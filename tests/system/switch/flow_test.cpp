@@ -114,27 +114,26 @@ TEST_F(Flow, LastWordsOfADeadPeerAreDelivered) {
 
 TEST_F(Flow, DeathOfAReaderLeavesTheOthersAlone) {
     MmsgClient startup = connect("startup");
-    MmsgClient eventlog = connect("eventlog");
-    MmsgClient dead = connect("eventlog");
+    MmsgClient eventlog = connect("snmp");
+    MmsgClient dead = connect("snmp");
     dead.close();
-    msm.process().waitForOutput("eventlog#3: disconnected");
-    expectNothingBefore(startup, eventlog, 27);
+    msm.process().waitForOutput("snmp#3: disconnected");
+    expectNothingBefore(startup, eventlog, 28);
 }
 
 TEST_F(Flow, SlowReaderStallsNobodyAndItsLossIsSaid) {
     MmsgClient startup = connect("startup");
-    MmsgClient slow = connect("eventlog");
-    MmsgClient fast = connect("eventlog");
+    MmsgClient slow = connect("snmp");
+    MmsgClient fast = connect("snmp");
     // Far more than the socket and the queue of 50 hold.
     constexpr U32_t COUNT = 1000;
     for (U32_t i = 0; i < COUNT; ++i) {
-        startup.send(makeMmsg({.local = {27}, .handle = i}, Bytes(4000)));
+        startup.send(makeMmsg({.local = {28}, .handle = i}, Bytes(4000)));
         ASSERT_EQ(headerOf(fast.receive()).handle, i);
     }
-    msm.process().waitForOutput(
-        "eventlog#2: 50 messages wait for it already, messages are dropped");
+    msm.process().waitForOutput("snmp#2: 50 messages wait for it already, messages are dropped");
     // What it gets is the beginning of the stream, whole messages in their order.
-    startup.send(makeMmsg({.local = {28}, .handle = COUNT}));
+    startup.send(makeMmsg({.local = {29}, .handle = COUNT}));
     U32_t received = 0;
     std::string dropped;
     while (dropped.empty()) {
@@ -143,27 +142,27 @@ TEST_F(Flow, SlowReaderStallsNobodyAndItsLossIsSaid) {
         dropped = findLine(msm.process().output(), "messages were dropped");
     }
     // The queue is empty now: all that is left waits in the socket.
-    EXPECT_EQ(dropped.rfind("msm: eventlog#2: ", 0), 0U);
-    U32_t lost = static_cast<U32_t>(std::stoul(dropped.substr(sizeof("msm: eventlog#2: ") - 1)));
+    EXPECT_EQ(dropped.rfind("msm: snmp#2: ", 0), 0U);
+    U32_t lost = static_cast<U32_t>(std::stoul(dropped.substr(sizeof("msm: snmp#2: ") - 1)));
     for (; received < COUNT - lost; ++received) {
         ASSERT_EQ(headerOf(slow.receive()).handle, received);
     }
     EXPECT_GT(received, 50U);
-    expectNothingBefore(startup, slow, 27);
+    expectNothingBefore(startup, slow, 28);
     EXPECT_EQ(headerOf(fast.receive()).handle & 0xF0000000U, 0xF0000000U);
-    EXPECT_THAT(msm.stop(), HasSubstr("eventlog: received 0, delivered " +
-                                      std::to_string(2 * COUNT - lost + 2) + ", dropped " +
-                                      std::to_string(lost) + ", unconnected 0"));
+    EXPECT_THAT(msm.stop(),
+                HasSubstr("snmp: received 0, delivered " + std::to_string(2 * COUNT - lost + 2) +
+                          ", dropped " + std::to_string(lost) + ", unconnected 0"));
 }
 
 TEST_F(Flow, SlowReaderIsStillRead) {
-    MmsgClient mute = connect("eventlog");
+    MmsgClient mute = connect("snmp");
     MmsgClient startup = connect("startup");
     // The peer of a full queue sends on: a switch that stopped to read it would block it.
     for (U32_t i = 0; i < 300; ++i) {
-        startup.send(makeMmsg({.local = {27}}, Bytes(4000)));
+        startup.send(makeMmsg({.local = {28}}, Bytes(4000)));
     }
-    msm.process().waitForOutput("eventlog#1: 50 messages wait for it already");
+    msm.process().waitForOutput("snmp#1: 50 messages wait for it already");
     for (U32_t i = 0; i < 300; ++i) {
         mute.send(makeMmsg({.requestor = 27, .local = {18}, .handle = i}, Bytes(4000)));
         ASSERT_EQ(headerOf(startup.receive()).handle, i);
@@ -173,14 +172,14 @@ TEST_F(Flow, SlowReaderIsStillRead) {
 TEST_F(Flow, MessagesThatWaitForADyingReaderCountAsDropped) {
     MmsgClient startup = connect("startup");
     {
-        MmsgClient slow = connect("eventlog");
+        MmsgClient slow = connect("snmp");
         for (U32_t i = 0; i < 300; ++i) {
-            startup.send(makeMmsg({.local = {27}}, Bytes(4000)));
+            startup.send(makeMmsg({.local = {28}}, Bytes(4000)));
         }
-        msm.process().waitForOutput("eventlog#2: 50 messages wait for it already");
+        msm.process().waitForOutput("snmp#2: 50 messages wait for it already");
     }
-    msm.process().waitForOutput("eventlog#2: 50 messages that waited for it are dropped");
-    msm.process().waitForOutput("eventlog#2: disconnected");
+    msm.process().waitForOutput("snmp#2: 50 messages that waited for it are dropped");
+    msm.process().waitForOutput("snmp#2: disconnected");
 }
 
 TEST_F(Flow, ReaderThatComesBackIsServed) {
