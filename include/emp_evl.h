@@ -63,47 +63,61 @@ struct EmpTimeval_s {
 };
 using EmpTimeval_t = EmpTimeval_s;
 
+/** A Unix-domain socket address of the board: 110 bytes. */
+struct EmpUnixAddress_s {
+    U16be_t sun_family; // 0
+    U8_t sun_path[108]; // 2  text
+};
+using EmpUnixAddress_t = EmpUnixAddress_s;
+static_assert(sizeof(EmpUnixAddress_t) == 110 && isWireImage<EmpUnixAddress_t>);
+
+/** An IPv4 socket address of the board: 16 bytes. */
+struct EmpInetAddress_s {
+    U16be_t sin_family; // 0
+    U16be_t sin_port;   // 2
+    U8_t sin_addr[4];   // 4
+    U8_t sin_zero[8];   // 8  0
+};
+using EmpInetAddress_t = EmpInetAddress_s;
+static_assert(sizeof(EmpInetAddress_t) == 16 && isWireImage<EmpInetAddress_t>);
+
 /**
  * Data of a bug-check's second record: the control block without its input buffer, as it lies in
  * the board's memory. 460 bytes; signed values are in two's complement.
  */
 struct EmpInfo_s {
-    EmpTimeval_t selectTimeout;                     //   0
-    U32be_t socketFdMSM;                            //   8
-    U16be_t sun_family;                             //  12  socketAddressMSM: family
-    U8_t sun_path[108];                             //  14  socketAddressMSM: text
-    U8_t pad1[2];                                   // 122  0
-    U32be_t socketFdEventArchiver;                  // 124
-    U16be_t sin_family;                             // 128  socketAddressEventArchiver: family
-    U16be_t sin_port;                               // 130  socketAddressEventArchiver: port
-    U8_t sin_addr[4];                               // 132  socketAddressEventArchiver: address
-    U8_t sin_zero[8];                               // 136  0
-    U32be_t socketFdEventArchiverSet;               // 144
-    U32be_t eventLogFileFd;                         // 148
-    U16be_t evManagerStatusFlag;                    // 152
-    U16be_t evArchiverSocketState;                  // 154
-    U32be_t empWrite;                               // 156
-    U32be_t empStart;                               // 160
-    U32be_t empStartSequenceId;                     // 164
-    U32be_t empSequenceId;                          // 168
-    U32be_t empEventArchiverSequenceId;             // 172
-    U32be_t empEventArchiverHandle;                 // 176
-    U8_t empEnclosureId[64];                        // 180
-    U8_t empBladeId[64];                            // 244
-    U32be_t empSlotId;                              // 308
-    U32be_t empInstanceNumber;                      // 312
-    U32be_t mmsgEventLogMsgReceive;                 // 316
-    U32be_t mmsgEventInquiryMsgReceive;             // 320
-    U32be_t mmsgEventInquiryMsgInvalid;             // 324
-    U32be_t mmsgEventSetEventArchiverReceive;       // 328
-    U32be_t mmsgEventGetEventArchiverReceive;       // 332
-    U32be_t mmsgEventGetEventManagerStatusReceive;  // 336
-    U32be_t mmsgEventGetEventArchiverStatusReceive; // 340
-    U32be_t mmsgEventAlternateEventLogMsgReceive;   // 344
-    U32be_t mmsgEventUnknownMsgReceive;             // 348
-    U32be_t mmsgEventLogMsgSend;                    // 352
-    U32be_t mmsgEventResponseMsgSendSuccess;        // 356
-    U32be_t mmsgEventResponseMsgSendFail;           // 360
+    EmpTimeval_t selectTimeout;                           //   0
+    U32be_t socketFdMSM;                                  //   8
+    EmpUnixAddress_t socketAddressMSM;                    //  12
+    U8_t pad1[2];                                         // 122  0
+    U32be_t socketFdEventArchiver;                        // 124
+    EmpInetAddress_t socketAddressEventArchiver;          // 128
+    U32be_t socketFdEventArchiverSet;                     // 144
+    U32be_t eventLogFileFd;                               // 148
+    U16be_t evManagerStatusFlag;                          // 152
+    U16be_t evArchiverSocketState;                        // 154
+    U32be_t empWrite;                                     // 156
+    U32be_t empStart;                                     // 160
+    U32be_t empStartSequenceId;                           // 164
+    U32be_t empSequenceId;                                // 168
+    U32be_t empEventArchiverSequenceId;                   // 172
+    U32be_t empEventArchiverHandle;                       // 176
+    U8_t empEnclosureId[64];                              // 180
+    U8_t empBladeId[64];                                  // 244
+    U32be_t empSlotId;                                    // 308
+    U32be_t empInstanceNumber;                            // 312
+    U32be_t mmsgEventLogMsgReceive;                       // 316
+    U32be_t mmsgEventInquiryMsgReceive;                   // 320
+    U32be_t mmsgEventInquiryMsgInvalid;                   // 324
+    U32be_t mmsgEventSetEventArchiverReceive;             // 328
+    U32be_t mmsgEventGetEventArchiverReceive;             // 332
+    U32be_t mmsgEventGetEventManagerStatusReceive;        // 336
+    U32be_t mmsgEventGetEventArchiverStatusReceive;       // 340
+    U32be_t mmsgEventAlternateEventLogMsgReceive;         // 344
+    U32be_t mmsgEventUnknownMsgReceive;                   // 348
+    U32be_t mmsgEventLogMsgSend;                          // 352
+    U32be_t mmsgEventResponseMsgSendSuccess;              // 356
+    U32be_t mmsgEventResponseMsgSendFail;                 // 360
     U32be_t mmsgEventResponseMsgSendResourceNotAvailable; // 364
     U32be_t EAmsgEventLogMsgReceive;                      // 368
     U32be_t EAmsgEventInquiryMsgReceive;                  // 372
@@ -133,9 +147,9 @@ struct EmpInfo_s {
 };
 using EmpInfo_t = EmpInfo_s;
 static_assert(sizeof(EmpInfo_t) == 460 && isWireImage<EmpInfo_t>);
-static_assert(offsetof(EmpInfo_t, socketFdMSM) == 8 && offsetof(EmpInfo_t, sun_family) == 12);
+static_assert(offsetof(EmpInfo_t, socketFdMSM) == 8 && offsetof(EmpInfo_t, socketAddressMSM) == 12);
 static_assert(offsetof(EmpInfo_t, socketFdEventArchiver) == 124 &&
-              offsetof(EmpInfo_t, sin_family) == 128);
+              offsetof(EmpInfo_t, socketAddressEventArchiver) == 128);
 static_assert(offsetof(EmpInfo_t, socketFdEventArchiverSet) == 144);
 static_assert(offsetof(EmpInfo_t, eventLogFileFd) == 148 &&
               offsetof(EmpInfo_t, evManagerStatusFlag) == 152);

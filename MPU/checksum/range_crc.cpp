@@ -2,6 +2,8 @@
 
 #include "crc32_register.h"
 
+using namespace mpu;
+
 namespace {
 
 constexpr U32_t NIBBLES = 8; // of a register

@@ -6,7 +6,7 @@
 #include "emp_mesgs.h"
 #include "mmsg/message.h"
 #include "state/control.h"
-#include "state/text64.h"
+#include "text64.h"
 
 #include <cstring>
 

@@ -18,9 +18,19 @@
 // --- The MPU parameter block ---------------------------------------------------------------------
 
 /** Values of iCharMode. */
-enum MPU_ICHAR_MODE_e : U8_t {};
+enum MPU_ICHAR_MODE_e : U8_t {
+    MPU_E_ICHAR_MODE_DRIVER = 1,
+    MPU_E_ICHAR_MODE_ISS = 2,
+    MPU_E_ICHAR_MODE_STUB_SERVER = 3,
+    MPU_E_ICHAR_MODE_STUB_CLIENT = 4,
+};
 /** Values of haccMode. */
-enum MPU_HACC_MODE_e : U8_t {};
+enum MPU_HACC_MODE_e : U8_t {
+    MPU_E_HACC_MODE_STAND_ALONE = 1,
+    MPU_E_HACC_MODE_DUAL_SIM = 2,
+    MPU_E_HACC_MODE_EBLADE = 3,
+    MPU_E_HACC_MODE_DEFAULT = 4,
+};
 
 /** A software or firmware version. */
 struct MpuVersion_s {

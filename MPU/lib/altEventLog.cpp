@@ -1,6 +1,7 @@
 #include "altEventLog.h"
 
 #include "mmsg.h"
+#include "text64.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -38,11 +39,6 @@ void checkEvent(const EmpEvLogHeader_t& event) {
     }
 }
 
-/** Copies a text of 64 bytes into a zeroed field of 64, where it ends in a NUL. */
-void copyText(U8_t* to, const U8_t* from) {
-    memcpy(to, from, strnlen(reinterpret_cast<const char*>(from), EMP_ID_TEXT_SIZE - 1));
-}
-
 /** Fills the record header: identity and time from the blade, the rest from the caller. */
 void buildHeader(EmpEvRecord_t& record, const EmpEvLogHeader_t& event,
                  const MPU_PARAMS_t& mpuParams) {
@@ -51,8 +47,8 @@ void buildHeader(EmpEvRecord_t& record, const EmpEvLogHeader_t& event,
     record = {};
     record.evRdSignature = EMP_RECORD_SIGNATURE;
     record.evRdVersion = EMP_RECORD_VERSION;
-    copyText(record.evEnclosureId, mpuParams.chassisSN);
-    copyText(record.evBladeId, mpuParams.serialStr);
+    empTextCopy(record.evEnclosureId, mpuParams.chassisSN);
+    empTextCopy(record.evBladeId, mpuParams.serialStr);
     record.evSlotId = mpuParams.slotId;
     if (event.evSource == MMSG_E_EPID_STARTUPMP) {
         record.evSequenceId = event.evSequenceId;

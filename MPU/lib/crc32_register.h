@@ -9,6 +9,8 @@
 
 #include "crc32_table.h"
 
+namespace mpu {
+
 /** Four bytes as the number whose lowest bits come first in the checksum; any alignment. */
 inline U32_t crc32LoadLittleEndian(const U8_t* bytes) {
     return static_cast<U32_t>(bytes[0]) | (static_cast<U32_t>(bytes[1]) << 8) |
@@ -42,5 +44,7 @@ inline U32_t crc32OfRegister(U32_t crc) {
     // every log file carries it so.
     return __builtin_bswap32(~crc);
 }
+
+} // namespace mpu
 
 #endif

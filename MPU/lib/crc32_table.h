@@ -8,6 +8,8 @@
 
 #include "fixed_width.h"
 
+namespace mpu {
+
 constexpr U32_t CRC32_POLYNOMIAL = 0x82F63B78U; ///< Castagnoli, reflected
 constexpr unsigned CRC32_SLICES = 8;            ///< bytes taken in one step
 
@@ -39,5 +41,7 @@ constexpr Crc32Table_t crc32MakeTable() {
 }
 
 inline constexpr Crc32Table_t crc32Table = crc32MakeTable();
+
+} // namespace mpu
 
 #endif

@@ -7,6 +7,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+using namespace mpu;
+
 namespace {
 
 // --- Where the contents of the parameter block come from -----------------------------------------

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <strings.h>
 
+using namespace mpu;
+
 namespace {
 
 /** Longer lines go on as lines of their own. */

@@ -7,6 +7,8 @@
 
 #include "fixed_width.h"
 
+namespace mpu {
+
 /** How the text of a value becomes bytes. */
 enum NonXML_types_e : int {
     NONXML_E_TYPE_U32 = 0,
@@ -56,5 +58,7 @@ extern const NonXML_Flag_s nonXML_Flags[];
  * @param value text behind the "="
  */
 void nonXMLStoreValue(const NonXML_s& row, const char* key, U32_t index, const char* value);
+
+} // namespace mpu
 
 #endif

@@ -1,13 +1,19 @@
 #include "mpu_gbl.h"
 #include "mpu_param_file.h"
 
+namespace mpu {
+
 namespace {
 
 const NonXML_Enums_s iCharMode[] = {
-    {"Driver", 1}, {"ISS", 2}, {"StubServer", 3}, {"StubClient", 4}, {nullptr, 1},
+    {"Driver", MPU_E_ICHAR_MODE_DRIVER},          {"ISS", MPU_E_ICHAR_MODE_ISS},
+    {"StubServer", MPU_E_ICHAR_MODE_STUB_SERVER}, {"StubClient", MPU_E_ICHAR_MODE_STUB_CLIENT},
+    {nullptr, MPU_E_ICHAR_MODE_DRIVER},
 };
 const NonXML_Enums_s haccMode[] = {
-    {"StandAlone", 1}, {"DualSim", 2}, {"eBlade", 3}, {"Default", 4}, {nullptr, 1},
+    {"StandAlone", MPU_E_HACC_MODE_STAND_ALONE}, {"DualSim", MPU_E_HACC_MODE_DUAL_SIM},
+    {"eBlade", MPU_E_HACC_MODE_EBLADE},          {"Default", MPU_E_HACC_MODE_DEFAULT},
+    {nullptr, MPU_E_HACC_MODE_STAND_ALONE},
 };
 const NonXML_Enums_s chassisType[] = {{"None", 1}, {"Model2", 2}, {"Model3", 3}, {nullptr, 1}};
 const NonXML_Enums_s portConfig[] = {{"1gige", 1}, {"10gige", 2}, {nullptr, 1}};
@@ -82,3 +88,5 @@ const NonXML_Flag_s nonXML_Flags[] = {
     {"CmapHaTracingEnabled", 0x2000000},
     {nullptr, 0},
 };
+
+} // namespace mpu

@@ -8,6 +8,8 @@
 
 // Numbers are read in 64 bits and then cut to their field, so that every host stores the same.
 
+namespace mpu {
+
 namespace {
 
 /** Where a value goes: one element of a field of the block. */
@@ -184,3 +186,5 @@ void nonXMLStoreValue(const NonXML_s& row, const char* key, U32_t index, const c
         return storeSize(to, value);
     }
 }
+
+} // namespace mpu

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
+namespace mpu {
+
 MPU_PARAMS_t* pMpuParams = nullptr;
 CmapParams_t* pCmapParams = nullptr;
 
@@ -15,6 +17,10 @@ void* mpuMapSegment(int id, int flags) {
     void* block = shmat(id, nullptr, flags);
     return reinterpret_cast<intptr_t>(block) == -1 ? nullptr : block;
 }
+
+} // namespace mpu
+
+using namespace mpu;
 
 namespace {
 

@@ -10,6 +10,8 @@
 
 #include <sys/shm.h>
 
+namespace mpu {
+
 extern MPU_PARAMS_t* pMpuParams;
 extern CmapParams_t* pCmapParams;
 
@@ -18,5 +20,7 @@ void mpuPrintError(int error);
 
 /** Maps a segment. @return NULL instead of the kernel's -1; errno is that of shmat */
 void* mpuMapSegment(int id, int flags);
+
+} // namespace mpu
 
 #endif

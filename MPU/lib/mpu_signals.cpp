@@ -12,6 +12,8 @@
 #include <ucontext.h>
 #include <unistd.h>
 
+using namespace mpu;
+
 namespace {
 
 pid_t myPid;
@@ -106,6 +108,8 @@ int handleUnexpectedSignals() {
     return result;
 }
 
+namespace mpu {
+
 void catchEvent(int /*sig*/, siginfo_t* info, void* context) {
     auto* event = reinterpret_cast<EmpEvLogMsg_t*>(bigEvent);
     fillBody(*reinterpret_cast<SignalEvent_t*>(bigEvent + EMP_EVENT_HEADER_SIZE), info, context);
@@ -117,3 +121,5 @@ void catchEvent(int /*sig*/, siginfo_t* info, void* context) {
     }
     abort();
 }
+
+} // namespace mpu

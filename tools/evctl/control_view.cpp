@@ -55,22 +55,22 @@ Json dotted(const U8_t (&address)[4]) {
     }
 
 void addSockets(Json& json, const EmpInfo_t& info) {
-    json.update(
-        {{"selectTimeout", timeOf(info.selectTimeout)},
-         {"socketFdMSM", signedOf(info.socketFdMSM)},
-         {"socketAddressMSM",
-          {{"sun_family", U16_t{info.sun_family}}, {"sun_path", escapedText(info.sun_path)}}},
-         {"socketFdEventArchiver", signedOf(info.socketFdEventArchiver)},
-         {"socketAddressEventArchiver",
-          {{"sin_family", U16_t{info.sin_family}},
-           {"sin_port", U16_t{info.sin_port}},
-           {"sin_addr", dotted(info.sin_addr)}}},
-         {"socketFdEventArchiverSet", signedOf(info.socketFdEventArchiverSet)},
-         {"eventLogFileFd", signedOf(info.eventLogFileFd)},
-         FIELD(evManagerStatusFlag),
-         {"evManagerStatusFlagName", nameOf(STATUS_FLAGS, info.evManagerStatusFlag)},
-         FIELD(evArchiverSocketState),
-         {"evArchiverSocketStateName", nameOf(SOCKET_STATES, info.evArchiverSocketState)}});
+    json.update({{"selectTimeout", timeOf(info.selectTimeout)},
+                 {"socketFdMSM", signedOf(info.socketFdMSM)},
+                 {"socketAddressMSM",
+                  {{"sun_family", U16_t{info.socketAddressMSM.sun_family}},
+                   {"sun_path", escapedText(info.socketAddressMSM.sun_path)}}},
+                 {"socketFdEventArchiver", signedOf(info.socketFdEventArchiver)},
+                 {"socketAddressEventArchiver",
+                  {{"sin_family", U16_t{info.socketAddressEventArchiver.sin_family}},
+                   {"sin_port", U16_t{info.socketAddressEventArchiver.sin_port}},
+                   {"sin_addr", dotted(info.socketAddressEventArchiver.sin_addr)}}},
+                 {"socketFdEventArchiverSet", signedOf(info.socketFdEventArchiverSet)},
+                 {"eventLogFileFd", signedOf(info.eventLogFileFd)},
+                 FIELD(evManagerStatusFlag),
+                 {"evManagerStatusFlagName", nameOf(STATUS_FLAGS, info.evManagerStatusFlag)},
+                 FIELD(evArchiverSocketState),
+                 {"evArchiverSocketStateName", nameOf(SOCKET_STATES, info.evArchiverSocketState)}});
 }
 
 void addLog(Json& json, const EmpInfo_t& info) {

@@ -6,7 +6,7 @@
 #include "mmsg/message.h"
 #include "mmsg/reply.h"
 #include "state/control.h"
-#include "state/text64.h"
+#include "text64.h"
 #include "store/entry.h"
 #include "store/log_file.h"
 

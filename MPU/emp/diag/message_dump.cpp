@@ -2,7 +2,7 @@
 
 #include "diag/debug_line.h"
 #include "diag/hex_dump.h"
-#include "state/text64.h"
+#include "text64.h"
 
 #include <algorithm>
 

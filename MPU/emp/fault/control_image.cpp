@@ -3,7 +3,7 @@
 #include "diag/debug_line.h"
 #include "fault/report_label.h"
 #include "state/control.h"
-#include "state/text64.h"
+#include "text64.h"
 
 #include <cstddef>
 #include <cstring>
@@ -29,23 +29,22 @@ struct ControlField_t {
     size_t imageAlignment; ///< on the board
 };
 
-#define CONTROL_FIELD(kind, name, labelSuffix, imageName, imageSize, imageAlignment)               \
+#define CONTROL_FIELD(kind, name, labelSuffix, imageAlignment)                                     \
     {                                                                                              \
         "empControl." #name labelSuffix, kind, offsetof(EmpControl_t, name),                       \
-            sizeof(EmpControl_t::name), offsetof(EmpInfo_t, imageName), imageSize, imageAlignment  \
+            sizeof(EmpControl_t::name), offsetof(EmpInfo_t, name), sizeof(EmpInfo_t::name),        \
+            imageAlignment                                                                         \
     }
-#define NUMBER(name)                                                                               \
-    CONTROL_FIELD(FIELD_E_NUMBER, name, "", name, sizeof(EmpInfo_t::name), sizeof(EmpInfo_t::name))
-#define TIME(name) CONTROL_FIELD(FIELD_E_TIME, name, ".tv_sec", name, sizeof(EmpTimeval_t), 4)
-#define TEXT(name) CONTROL_FIELD(FIELD_E_TEXT, name, "", name, EMP_ID_TEXT_SIZE, 1)
+#define NUMBER(name) CONTROL_FIELD(FIELD_E_NUMBER, name, "", sizeof(EmpInfo_t::name))
+#define TIME(name) CONTROL_FIELD(FIELD_E_TIME, name, ".tv_sec", 4)
+#define TEXT(name) CONTROL_FIELD(FIELD_E_TEXT, name, "", 1)
 
 constexpr ControlField_t CONTROL_FIELDS[] = {
     TIME(selectTimeout),
     NUMBER(socketFdMSM),
-    CONTROL_FIELD(FIELD_E_UNIX_ADDRESS, socketAddressMSM, ".sun_path", sun_family, 110, 2),
+    CONTROL_FIELD(FIELD_E_UNIX_ADDRESS, socketAddressMSM, ".sun_path", 2),
     NUMBER(socketFdEventArchiver),
-    CONTROL_FIELD(FIELD_E_INET_ADDRESS, socketAddressEventArchiver, ".sin_addr.s_addr", sin_family,
-                  16, 4),
+    CONTROL_FIELD(FIELD_E_INET_ADDRESS, socketAddressEventArchiver, ".sin_addr.s_addr", 4),
     NUMBER(socketFdEventArchiverSet),
     NUMBER(eventLogFileFd),
     NUMBER(evManagerStatusFlag),

@@ -6,6 +6,7 @@
 #include "fault/control_image.h"
 #include "mmsg.h"
 #include "state/control.h"
+#include "text64.h"
 
 #include <cstring>
 
@@ -51,15 +52,10 @@ void storeRecord(size_t id, const void* body, U16_t length) {
     altEventLogM(record(), oMpuParams);
 }
 
-/** Copies a text into a zeroed field: at most 63 bytes, so that it ends in a NUL. */
-void copyName(U8_t (&field)[64], const char* name) {
-    memcpy(field, name, strnlen(name, sizeof(field) - 1));
-}
-
 void storeError(const char* fileName, int lineNo, const char* fnName, const char* message) {
     EmpErrorMsg_t error = {};
-    copyName(error.empFileName, fileName);
-    copyName(error.empFunctionName, fnName);
+    empTextCopy(error.empFileName, reinterpret_cast<const U8_t*>(fileName));
+    empTextCopy(error.empFunctionName, reinterpret_cast<const U8_t*>(fnName));
     error.empLineNumber = static_cast<U32_t>(lineNo);
     static_assert(sizeof(error.empErrorMsg) == EMP_ERROR_TEXT_SIZE);
     memcpy(error.empErrorMsg, message, sizeof(error.empErrorMsg));

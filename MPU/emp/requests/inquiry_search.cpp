@@ -4,7 +4,7 @@
 #include "diag/debug_line.h"
 #include "requests/inquiry_failure.h"
 #include "state/control.h"
-#include "state/text64.h"
+#include "text64.h"
 
 #include <iterator>
 

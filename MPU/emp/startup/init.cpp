@@ -5,7 +5,7 @@
 #include "fault/bugcheck.h"
 #include "startup/ael_file_list.h"
 #include "state/control.h"
-#include "state/text64.h"
+#include "text64.h"
 
 #include <cstdio>
 #include <cstring>

@@ -2,7 +2,7 @@
 
 #include "diag/debug_line.h"
 #include "state/control.h"
-#include "state/text64.h"
+#include "text64.h"
 #include "store/find.h"
 #include "store/log_file.h"
 #include "store/record.h"

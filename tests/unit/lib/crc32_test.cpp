@@ -6,6 +6,8 @@
 
 #include <vector>
 
+using namespace mpu;
+
 namespace {
 
 /** The same checksum bit by bit, without any table. */

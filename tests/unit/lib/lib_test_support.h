@@ -21,6 +21,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+// The library's own names.
+namespace mpu {}
+using namespace mpu;
+
 /** A fresh directory, removed with all it holds. */
 class TempDirectory {
   public:

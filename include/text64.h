@@ -3,8 +3,8 @@
  * Texts of fixed size that may hold no NUL. They are never handed to strcmp, strcpy or a bare "%s":
  * compare and copy them here, print them with "%.64s" and empTextArg().
  */
-#ifndef EMP_STATE_TEXT64_H
-#define EMP_STATE_TEXT64_H
+#ifndef TEXT64_H
+#define TEXT64_H
 
 #include "configuration.h"
 #include "fixed_width.h"
