@@ -9,7 +9,8 @@
 #ifndef OSDEP_H
 #define OSDEP_H
 
-#include <climits>
+#include "fixed_width.h"
+
 #include <cstddef>
 #include <cstring>
 #include <sched.h>
@@ -23,12 +24,31 @@ struct MPU_SPINLOCK_s {
 using MPU_SPINLOCK_t = MPU_SPINLOCK_s;
 
 /**
+ * Reads the wall clock with 64 bits, which a 32-bit host's own time_t does not have.
+ * @param seconds      receives seconds since 1970-01-01 UTC
+ * @param microseconds receives 0 to 999,999
+ * @return the result of gettimeofday: 0, or -1 with errno and nothing stored
+ */
+int mpuGetTime64(S64_t* seconds, S32_t* microseconds);
+
+/** The seconds of mpuGetTime64(), for those who ask often: the clock's last tick will do. */
+S64_t mpuGetSecond();
+
+/**
  * Reads the wall clock.
- * @param tv receives seconds and microseconds since 1970-01-01 UTC
+ * @param tv receives seconds and microseconds since 1970-01-01 UTC. A 32-bit time_t holds the low
+ * 32 bits of the seconds: as a U32_t they are right until 2106.
  * @return the result of gettimeofday: 0, or -1 with errno
  */
 [[maybe_unused]] static int mpuGetTime(struct timeval* tv) {
-    return gettimeofday(tv, nullptr);
+    S64_t seconds;
+    S32_t microseconds;
+    int result = mpuGetTime64(&seconds, &microseconds);
+    if (result == 0) {
+        tv->tv_sec = static_cast<time_t>(seconds);
+        tv->tv_usec = microseconds;
+    }
+    return result;
 }
 
 /**

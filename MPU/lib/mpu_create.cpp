@@ -56,15 +56,16 @@ const char* findImagePath() {
 }
 
 bool hasImageSize(const char* path) {
-    struct stat status;
-    if (stat(path, &status) != 0) {
+    // A 32-bit host's stat would fail on a file that is dated after 2038.
+    struct statx status;
+    if (statx(AT_FDCWD, path, 0, STATX_SIZE, &status) != 0) {
         fprintf(stderr, "Unable to stat %s.\n", path);
         return false;
     }
-    if (status.st_size != static_cast<off_t>(MPU_PARAMS_SIZE)) {
+    if (status.stx_size != MPU_PARAMS_SIZE) {
         fprintf(stderr, "File size of %s does not match MPU Parameters structure size\n", path);
         fprintf(stderr, "  File size = %ld, structure size = %d\n",
-                static_cast<long>(status.st_size), static_cast<int>(MPU_PARAMS_SIZE));
+                static_cast<long>(status.stx_size), static_cast<int>(MPU_PARAMS_SIZE));
         return false;
     }
     return true;

@@ -1,6 +1,12 @@
+// The clock of a 32-bit host with 64 bits. Set before any header, and in this file alone: nothing
+// that it shares with another file may hold a time_t.
+#define _TIME_BITS 64
+
 #include "mpu_gbl.h"
 
 #include <ctime>
+
+static_assert(sizeof(time_t) == sizeof(S64_t));
 
 namespace {
 
@@ -9,12 +15,28 @@ const char* const months_list[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
 
 } // namespace
 
+int mpuGetTime64(S64_t* seconds, S32_t* microseconds) {
+    struct timeval now;
+    int result = gettimeofday(&now, nullptr);
+    if (result == 0) {
+        *seconds = now.tv_sec;
+        *microseconds = static_cast<S32_t>(now.tv_usec);
+    }
+    return result;
+}
+
+S64_t mpuGetSecond() {
+    return time(nullptr);
+}
+
 void get_timestamp(char* buf) {
     if (buf == nullptr) {
         return;
     }
-    time_t now = time(nullptr);
+    time_t now = mpuGetSecond();
     struct tm local;
+    // Notices a zone that was changed since the last call, which localtime_r alone does not.
+    tzset();
     if (localtime_r(&now, &local) == nullptr) {
         return;
     }

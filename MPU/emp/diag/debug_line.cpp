@@ -7,7 +7,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 namespace {
 
@@ -24,8 +23,8 @@ struct LinePrefix_t {
  */
 const LinePrefix_t& linePrefix() {
     static LinePrefix_t prefix;
-    static time_t second = -1;
-    time_t now = time(nullptr);
+    static S64_t second = -1;
+    S64_t now = mpuGetSecond();
     if (now != second) {
         second = now;
         prefix.text[0] = '\0';

@@ -22,8 +22,8 @@ struct EmpAelFileLink_s {
 struct EmpAelFileNameEntry_s {
     EmpAelFileLink_s link;
     char aelFileName[108];   ///< full path as debug lines show it; a longer one is cut
-    S32_t mtime;             ///< modification time in seconds, as stat gives it
     U32_t tmpEvSequenceId;   ///< stored in the file: not 0 only for source 18
+    S64_t mtime;             ///< modification time in seconds
     char name[NAME_MAX + 1]; ///< name in the directory, never cut: files are opened and removed by
                              ///< it
 };

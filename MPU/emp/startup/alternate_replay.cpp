@@ -55,8 +55,8 @@ void closeFile(int fd) {
 }
 
 bool isRegularFile(int fd) {
-    struct stat status = {};
-    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+    struct statx status = {};
+    return statx(fd, "", AT_EMPTY_PATH, STATX_TYPE, &status) == 0 && S_ISREG(status.stx_mode);
 }
 
 /** @return the bytes read; -1 without a file; 0 from what is no regular file, which is not read */
@@ -101,16 +101,16 @@ void removeUnrecognized(const char* name) {
 }
 
 EmpAelFileNameEntry_t* newEntry(const char* name, const FilePath_t& path,
-                                const struct stat& status) {
+                                const struct statx& status) {
     auto* entry = static_cast<EmpAelFileNameEntry_t*>(calloc(1, sizeof(EmpAelFileNameEntry_t)));
     if (entry == nullptr) {
         return nullptr;
     }
     snprintf(entry->name, sizeof(entry->name), "%.*s", NAME_MAX, name);
     memcpy(entry->aelFileName, path.text, strnlen(path.text, sizeof(entry->aelFileName) - 1));
-    entry->mtime = static_cast<S32_t>(status.st_mtime);
+    entry->mtime = status.stx_mtime.tv_sec;
     empDebugLine("empProcessAlternateEventLogFile(): AEL File [%s], st_mtime = [%d].\n",
-                 entry->aelFileName, entry->mtime);
+                 entry->aelFileName, static_cast<int>(entry->mtime));
     return entry;
 }
 
@@ -140,9 +140,10 @@ void collectFile(const char* name) {
         return;
     }
     FilePath_t path = pathOf(name);
-    struct stat status = {};
-    // A file that cannot be looked at keeps size 0.
-    if (stat(path.text, &status) != 0 || status.st_size == 0) {
+    // Its times have 64 bits on every host. A file that cannot be looked at keeps size 0.
+    struct statx status = {};
+    if (statx(AT_FDCWD, path.text, 0, STATX_SIZE | STATX_MTIME, &status) != 0 ||
+        status.stx_size == 0) {
         empDebugLine("empProcessAlternateEventLogFile(): Remove 0 byte File [%s].\n", path.text);
         remove(path.text);
         return;

@@ -7,16 +7,15 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 namespace {
 
-time_t clockSeconds;
+S64_t clockSeconds;
 int stampsMade;
 
 } // namespace
 
-extern "C" time_t __wrap_time(time_t* /*result*/) {
+extern "C" S64_t __wrap__Z12mpuGetSecondv() {
     return clockSeconds;
 }
 

@@ -108,6 +108,12 @@ TEST_F(AltEventLog, FileHoldsTheRecordByteForByte) {
     EXPECT_EQ(onlyFile(), expectedFile);
 }
 
+TEST_F(AltEventLog, TimeIsRightAfter2038) {
+    wallClock = {static_cast<time_t>(0x83AA7E80), 0}; // 2040-01-01
+    EXPECT_EQ(writeSilently(), 0);
+    EXPECT_EQ(onlyFile().substr(148, 4), "\x83\xAA\x7E\x80");
+}
+
 TEST_F(AltEventLog, FileIsNamedAfterPrefixAndProcessAndIsPrivate) {
     EXPECT_EQ(writeSilently(), 0);
     ASSERT_EQ(files().size(), 1U);

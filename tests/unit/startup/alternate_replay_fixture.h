@@ -19,6 +19,7 @@
 #include <fstream>
 #include <functional>
 #include <gmock/gmock.h>
+#include <map>
 #include <string>
 #include <sys/stat.h>
 #include <vector>
@@ -40,6 +41,8 @@ extern int readdirError;
 extern std::string hiddenFrom;  ///< text in the path for which a call fails
 extern std::string failingCall; ///< "stat", "open", "read", "calloc", "opendir"
 extern int openFlags;
+/** Modification times that not every host can give a file, by its name. */
+extern std::map<std::string, int64_t> farTimes;
 
 /** A file's size, whatever call is to fail. */
 off_t realSizeOf(const std::string& path);

@@ -130,6 +130,22 @@ TEST_F(AlternateReplay, TimesBefore1970ComeFirst) {
     EXPECT_THAT(ids(), ElementsAre(2, 1));
 }
 
+TEST_F(AlternateReplay, TimesAfter2038AreOrderedByTheirTrueValue) {
+    AelFile_t file;
+    const int64_t times[] = {0x1'0000'0001, 0x80000000, 0x7FFFFFFF, 800'000'000, 0xFFFFFFFF};
+    for (int id = 1; id <= 5; id++) {
+        file.id = static_cast<uint16_t>(id);
+        std::string name = "kelta_alteventlog" + std::to_string(id);
+        putEvent(name, file);
+        farTimes[name] = times[id - 1];
+    }
+    std::string text = replay();
+    EXPECT_THAT(ids(), ElementsAre(4, 3, 2, 5, 1));
+    EXPECT_THAT(text, HasSubstr("kelta_alteventlog2], st_mtime = [-2147483648].\n"));
+    EXPECT_THAT(text, HasSubstr("kelta_alteventlog1], st_mtime = [1].\n"));
+    EXPECT_THAT(left(), ElementsAre());
+}
+
 TEST_F(AlternateReplay, TiesKeepTheOrderOfTheDirectory) {
     for (bool order : {false, true}) {
         descending = order;
