@@ -6,9 +6,9 @@
 #include "mmsg/message.h"
 #include "mmsg/reply.h"
 #include "state/control.h"
-#include "text64.h"
 #include "store/entry.h"
 #include "store/log_file.h"
+#include "text64.h"
 
 #include <cstring>
 

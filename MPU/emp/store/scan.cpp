@@ -2,10 +2,10 @@
 
 #include "diag/debug_line.h"
 #include "state/control.h"
-#include "text64.h"
 #include "store/find.h"
 #include "store/log_file.h"
 #include "store/record.h"
+#include "text64.h"
 
 #include <cerrno>
 #include <cstdio>
