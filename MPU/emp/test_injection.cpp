@@ -130,5 +130,7 @@ S32_t empTestAlternateEventLog() {
     event->evLogHdr.evStructLength = sizeof(EmpTestEvStruct_t);
     event->evLogHdr.evSource = MMSG_E_EPID_EVENTLOGMP;
     buildTestEvent(event);
+    // It may print, and abort; its lines are stdio's.
+    empFlushOutput();
     return altEventLogM(event, oMpuParams);
 }

@@ -342,7 +342,7 @@ ssize_t __wrap_send(int descriptor, const void* buffer, size_t length, int flags
     const U8_t* bytes = static_cast<const U8_t*>(buffer);
     bench.sends.push_back({descriptor, flags, Bytes(bytes, bytes + length), result});
     if (result == -1) {
-        errno = EAGAIN;
+        errno = descriptor == MSM_SOCKET ? EPIPE : EAGAIN;
     }
     return result;
 }

@@ -136,12 +136,12 @@ S32_t empSendEventLogToEventArchiver(U32_t sequenceId) {
     return taken ? EMP_E_OK : EMP_E_GENERR;
 }
 
-void empSendCatchUpEvent(EmpNumbersText_t<2> aheadText) {
+void empSendCatchUpEvent(EmpLineFormat_t<int, int> aheadText) {
     U32_t cursor = empControl.empEventArchiverSequenceId;
     U32_t oldest = empControl.empStartSequenceId;
     U32_t next = empControl.empSequenceId;
     if (next <= cursor) {
-        empDebugLine(aheadText.format, static_cast<int>(cursor), static_cast<int>(next));
+        empDebugLine(aheadText, static_cast<int>(cursor), static_cast<int>(next));
         sendFrom(oldest);
     } else if (cursor < oldest) {
         sendFrom(oldest);

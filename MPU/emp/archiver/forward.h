@@ -7,7 +7,7 @@
 #ifndef EMP_ARCHIVER_FORWARD_H
 #define EMP_ARCHIVER_FORWARD_H
 
-#include "archiver/numbers_text.h"
+#include "diag/line_format.h"
 #include "fixed_width.h"
 
 /**
@@ -23,6 +23,6 @@ S32_t empSendEventLogToEventArchiver(U32_t sequenceId);
  * @param aheadText line for an archiver that claims events which the log has not given out yet; it
  * takes the cursor and the next id, and forwarding starts again from the oldest event
  */
-void empSendCatchUpEvent(EmpNumbersText_t<2> aheadText);
+void empSendCatchUpEvent(EmpLineFormat_t<int, int> aheadText);
 
 #endif

@@ -14,7 +14,7 @@ void forwardInOrder(U32_t sequenceId, const EmpForwardNewTexts_t& texts) {
         empSendCatchUpEvent(texts.aheadText);
         return;
     }
-    empDebugLine(texts.directText.format, static_cast<int>(sequenceId));
+    empDebugLine(texts.directText, static_cast<int>(sequenceId));
     // KEEP: unlike the catch-up step, this moves the cursor only when the event was taken.
     if (empSendEventLogToEventArchiver(sequenceId) == EMP_E_OK) {
         empControl.empEventArchiverSequenceId++;
@@ -35,7 +35,7 @@ void empForwardNewEvent(U32_t sequenceId, const EmpForwardNewTexts_t& texts) {
         empSendForwardListToEventArchiver();
         break;
     default:
-        empDebugLine("%s", texts.notOpenText.format);
+        empDebugLine(texts.notOpenText);
         break;
     }
 }

@@ -5,14 +5,14 @@
 #ifndef EMP_ARCHIVER_NEW_EVENT_H
 #define EMP_ARCHIVER_NEW_EVENT_H
 
-#include "archiver/numbers_text.h"
+#include "diag/line_format.h"
 #include "fixed_width.h"
 
 /** The lines of empForwardNewEvent(), under its caller's name. */
 struct EmpForwardNewTexts_t {
-    EmpNumbersText_t<1> directText;  ///< the new event itself is sent: its id
-    EmpNumbersText_t<2> aheadText;   ///< as for empSendCatchUpEvent(): the cursor, the next id
-    EmpNumbersText_t<0> notOpenText; ///< the link is up but takes no events yet
+    EmpLineFormat_t<int> directText;     ///< the new event itself is sent: its id
+    EmpLineFormat_t<int, int> aheadText; ///< as for empSendCatchUpEvent(): the cursor, the next id
+    EmpLineFormat_t<> notOpenText;       ///< the link is up but takes no events yet
 };
 
 /**

@@ -4,14 +4,9 @@
 #include "state/control.h"
 
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 
 namespace {
-
-constexpr size_t OUTPUT_BUFFER_SIZE = size_t{128} * 1024;
-char outputBuffer[OUTPUT_BUFFER_SIZE];
 
 /** What every debug line begins with. */
 struct LinePrefix_t {
@@ -26,38 +21,23 @@ const LinePrefix_t& linePrefix() {
     static S64_t second = -1;
     S64_t now = mpuGetSecond();
     if (now != second) {
+        int savedErrno = errno;
         second = now;
         prefix.text[0] = '\0';
         get_timestamp(prefix.text);
         size_t stampLength = strlen(prefix.text);
         memcpy(prefix.text + stampLength, "  ", 2);
         prefix.length = stampLength + 2;
+        errno = savedErrno;
     }
     return prefix;
 }
 
 } // namespace
 
-void empDebugLine(const char* format, ...) {
-    if (empControl.empDebug != 1) {
-        return;
-    }
-    int savedErrno = errno;
+char* empBeginDebugLine() {
     const LinePrefix_t& prefix = linePrefix();
-    fwrite(prefix.text, 1, prefix.length, stdout);
-    va_list arguments;
-    va_start(arguments, format);
-    vprintf(format, arguments);
-    va_end(arguments);
-    errno = savedErrno;
-}
-
-void empFlushOutput() {
-    int savedErrno = errno;
-    fflush(stdout);
-    errno = savedErrno;
-}
-
-void empBufferOutput() {
-    setvbuf(stdout, outputBuffer, _IOFBF, sizeof(outputBuffer));
+    char* at = empLineRoom();
+    memcpy(at, prefix.text, sizeof(prefix.text));
+    return at + prefix.length;
 }

@@ -1,21 +1,26 @@
 /**
  * @file
- * The one door for debug lines. Standard output is buffered as a whole and written once a loop
- * pass: whoever waits, loops on a receive or ends the process flushes it first.
+ * The one door for debug lines.
  */
 #ifndef EMP_DIAG_DEBUG_LINE_H
 #define EMP_DIAG_DEBUG_LINE_H
 
+#include "diag/output.h"
+#include "state/control.h"
+
+/** Begins a line with the time stamp and two blanks. @return where it goes on, as empLineRoom() */
+char* empBeginDebugLine();
+
 /**
  * Prints the time stamp, two blanks and the message when empDebug is 1. errno is left as it was.
- * @param format printf format; the line feed is part of it
+ * @param format printf format, a literal that the compiler checks; the line feed is part of it
  */
-void empDebugLine(const char* format, ...) __attribute__((format(printf, 1, 2)));
-
-/** Writes buffered output. errno is left as it was. */
-void empFlushOutput();
-
-/** Gives standard output its one large buffer. Call once, before anything is printed. */
-void empBufferOutput();
+template <typename... Arguments>
+[[gnu::always_inline]] inline void empDebugLine(EmpLineFormatFor_t<Arguments...> format,
+                                                Arguments... arguments) {
+    if (empControl.empDebug == 1) {
+        empLineEnds(empPutFormatted(empBeginDebugLine(), format, arguments...));
+    }
+}
 
 #endif

@@ -1,54 +1,67 @@
 #include "diag/hex_dump.h"
 
+#include "diag/output.h"
+
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
+#include <array>
 
 namespace {
 
 constexpr S32_t BYTES_A_LINE = 32;
 constexpr S32_t BYTES_A_GROUP = 4;
-/** Two digits a byte, a blank between groups, and the line feed of the line and of every second
- * line. */
-constexpr size_t LINE_TEXT_MAX = 2 * BYTES_A_LINE + BYTES_A_LINE / BYTES_A_GROUP - 1 + 2;
 
-constexpr char HEX_DIGITS[] = "0123456789ABCDEF";
+struct HexDigits_t {
+    char text[2];
+};
 
-/** Writes the text of one line with one call: dumps are part of every event's cost. */
-void writeLine(const U8_t* bytes, S32_t count, bool endsBlock) {
-    char text[LINE_TEXT_MAX];
-    char* end = text;
-    for (S32_t i = 0; i < count; i++) {
-        *end++ = HEX_DIGITS[bytes[i] >> 4U];
-        *end++ = HEX_DIGITS[bytes[i] & 0xFU];
-        S32_t n = i + 1;
-        if (n < BYTES_A_LINE && n % BYTES_A_GROUP == 0) {
-            *end++ = ' ';
+/** The two digits of every byte: dumps are part of every event's cost. */
+constexpr auto hexDigits = [] {
+    constexpr char digits[] = "0123456789ABCDEF";
+    std::array<HexDigits_t, 256> all{};
+    for (size_t i = 0; i < all.size(); i++) {
+        all[i] = {{digits[i / 16], digits[i % 16]}};
+    }
+    return all;
+}();
+
+char* putByte(char* at, U8_t byte) {
+    return std::copy_n(hexDigits[byte].text, 2, at);
+}
+
+/** Puts at most 32 bytes; a full line ends in a line feed, and a block of two in one more. */
+char* putLine(char* at, const U8_t* bytes, S32_t count, bool endsBlock) {
+    S32_t i = 0;
+    for (; i + BYTES_A_GROUP <= count; i += BYTES_A_GROUP) {
+        for (S32_t j = 0; j < BYTES_A_GROUP; j++) {
+            at = putByte(at, bytes[i + j]);
         }
+        *at++ = ' ';
+    }
+    for (; i < count; i++) {
+        at = putByte(at, bytes[i]);
     }
     if (count == BYTES_A_LINE) {
-        *end++ = '\n';
+        at[-1] = '\n'; // in place of the last group's blank
         if (endsBlock) {
-            *end++ = '\n';
+            *at++ = '\n';
         }
     }
-    fwrite(text, 1, static_cast<size_t>(end - text), stdout);
+    return at;
 }
 
 } // namespace
 
 int empHexDump(const void* buffer, S32_t length) {
-    int savedErrno = errno;
     const U8_t* bytes = static_cast<const U8_t*>(buffer);
     bool endsBlock = false;
     for (S32_t left = length; left > 0;) {
         S32_t count = std::min(left, BYTES_A_LINE);
-        writeLine(bytes, count, endsBlock);
+        empLineGrown(putLine(empLineRoom(), bytes, count, endsBlock));
         bytes += count;
         left -= count;
         endsBlock = !endsBlock;
     }
-    int result = fputc('\n', stdout) == EOF ? -1 : 1;
-    errno = savedErrno;
-    return result;
+    char* at = empLineRoom();
+    *at++ = '\n';
+    return empLineEnds(at) ? 1 : -1;
 }

@@ -3,7 +3,6 @@
 #include "diag/debug_line.h"
 #include "state/control.h"
 
-#include <cstdio>
 #include <unistd.h>
 
 namespace {
@@ -14,14 +13,14 @@ constexpr int LAST_PIECE_SHOWN = 30;
 /** Prints the bytes of one piece; the breaks are counted from its first byte. */
 void printPiece(const U8_t* bytes, int count) {
     for (int i = 0; i < count; i++) {
-        printf("%02X", bytes[i]);
+        empPrint("%02X", bytes[i]);
         int n = i + 1;
         if (n % 100 == 0) {
-            fputs("\n\n", stdout);
+            empPrint("\n\n");
         } else if (n % 32 == 0) {
-            fputs("\n", stdout);
+            empPrint("\n");
         } else if (n % 4 == 0) {
-            fputs(" ", stdout);
+            empPrint(" ");
         }
     }
 }

@@ -8,7 +8,6 @@
 #include "state/control.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <unistd.h>
 
 namespace {
@@ -70,12 +69,12 @@ void reportIndex() {
         empDebugLine("%08X ", (U32_t{entry.evFlag} << 24U) | entry.evOffset);
         U32_t n = i + 1;
         if (n % 128 == 0) {
-            printf("\n[%d]\n", static_cast<int>(n));
+            empPrint("\n[%d]\n", static_cast<int>(n));
         } else if (n % 16 == 0) {
-            fputs("\n", stdout);
+            empPrint("\n");
         }
     }
-    fputs("\n", stdout);
+    empPrint("\n");
 }
 
 } // namespace

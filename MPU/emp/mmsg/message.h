@@ -30,7 +30,7 @@ enum EMP_SHORT_SEND_e {
 };
 
 /**
- * Sends a message to the message switch in one blocking call.
+ * Sends a message to the message switch, waiting for room in the socket.
  * @return @p length; any other result of the call is the bug-check "Linux send function fails, ..."
  */
 S32_t empSendToMsm(const void* message, U16_t length, EmpSite_t site, EMP_SHORT_SEND_e onShortSend);

@@ -33,7 +33,7 @@ bool carriedFieldsAreGood(const MMSG_t* mmsg, const EmpEvLogHeader_t* header) {
         return false;
     }
     if (header->evSource > MMSG_E_MAX_DEFINED_EPIDS) {
-        empDebugLine(checkTexts.requestorText.format, int{header->evSource});
+        empDebugLine(checkTexts.requestorText, int{header->evSource});
         return false;
     }
     return true;

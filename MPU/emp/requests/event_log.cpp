@@ -45,13 +45,13 @@ void stamp(MMSG_t* mmsg, EmpEvLogHeader_t* header) {
 } // namespace
 
 void empRefuseEventLength(const MMSG_t* mmsg, const EmpEventCheckTexts_t& texts) {
-    empDebugLine(texts.lengthText.format, int{mmsg->mmch.mmsg_length});
-    empDebugLine(texts.senderText.format, int{mmsg->mmch.requestor});
+    empDebugLine(texts.lengthText, int{mmsg->mmch.mmsg_length});
+    empDebugLine(texts.senderText, int{mmsg->mmch.requestor});
 }
 
 bool empEventMmsgIsGood(const MMSG_t* mmsg, const EmpEventCheckTexts_t& texts) {
     if (mmsg->mmch.requestor > MMSG_E_MAX_DEFINED_EPIDS) {
-        empDebugLine(texts.requestorText.format, int{mmsg->mmch.requestor});
+        empDebugLine(texts.requestorText, int{mmsg->mmch.requestor});
         return false;
     }
     if (mmsg->mmch.mmsg_length < EMP_EVENT_MMSG_SIZE) {

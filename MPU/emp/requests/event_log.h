@@ -6,7 +6,7 @@
 #ifndef EMP_REQUESTS_EVENT_LOG_H
 #define EMP_REQUESTS_EVENT_LOG_H
 
-#include "archiver/numbers_text.h"
+#include "diag/line_format.h"
 #include "fixed_width.h"
 #include "mmsg.h"
 
@@ -16,9 +16,9 @@ void empRcvEventLogMsg(MMSG_t* mmsg);
 
 /** The lines of the checks below, under their caller's name. */
 struct EmpEventCheckTexts_t {
-    EmpNumbersText_t<1> requestorText; ///< unknown requestor: its number
-    EmpNumbersText_t<1> lengthText;    ///< bad length: mmsg_length
-    EmpNumbersText_t<1> senderText;    ///< bad length: the requestor
+    EmpLineFormat_t<int> requestorText; ///< unknown requestor: its number
+    EmpLineFormat_t<int> lengthText;    ///< bad length: mmsg_length
+    EmpLineFormat_t<int> senderText;    ///< bad length: the requestor
 };
 
 /** Whether the requestor is known and an event header is all there; otherwise says why. */

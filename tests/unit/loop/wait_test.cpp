@@ -1,10 +1,11 @@
 #include "loop/wait.h"
 
 #include "diag/debug_line.h"
+#include "dying_child.h"
+#include "fixed_time_stamp.h"
 #include "link_bench.h"
 #include "mmsg/read_ahead.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -158,12 +159,6 @@ TEST_F(SelectSets, DescriptorZeroIsNoArchiver) {
 
 // --- Passes that find a local message read ahead
 
-/** Bytes in the file that standard output is. */
-off_t writtenSoFar() {
-    struct stat status = {};
-    return fstat(STDOUT_FILENO, &status) == 0 ? status.st_size : -1;
-}
-
 class ReadAhead : public SelectSets {
   protected:
     ReadAhead() {
@@ -216,39 +211,36 @@ TEST_F(ReadAhead, ConnectIsAskedAboutWithoutWaiting) {
     EXPECT_TRUE(empMsmReadable()) << "whatever select says";
 }
 
+/** Shows in the output of a child what had been written so far. */
+void mark() {
+    EXPECT_EQ(write(STDOUT_FILENO, "|", 1), 1);
+}
+
 TEST_F(ReadAhead, OutputIsWrittenInTheSixtyFourthPassAtTheLatest) {
-    testing::internal::CaptureStdout();
-    empBufferOutput();
-    empDebugLine("main(): a first line\n");
-    empFlushOutput();
-    off_t start = writtenSoFar();
-    empDebugLine("main(): a line\n");
-    for (int i = 1; i <= 63; i++) {
+    ChildEnd end = endOf([] {
+        empBufferOutput();
+        empDebugLine("main(): a line\n");
+        for (int i = 1; i <= 63; i++) {
+            empWaitForSockets();
+        }
+        mark();
         empWaitForSockets();
-    }
-    off_t before = writtenSoFar();
-    empWaitForSockets();
-    off_t after = writtenSoFar();
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(before, start);
-    EXPECT_GT(after, start);
+        _exit(0);
+    });
+    EXPECT_EQ(end.output, "|" STAMP "main(): a line\n");
 }
 
 TEST_F(ReadAhead, OutputIsWrittenBeforeAPassThatWaits) {
-    testing::internal::CaptureStdout();
-    empBufferOutput();
-    empDebugLine("main(): a first line\n");
-    empFlushOutput();
-    off_t start = writtenSoFar();
-    empDebugLine("main(): a line\n");
-    empWaitForSockets();
-    off_t before = writtenSoFar();
-    takeTheRest();
-    empWaitForSockets();
-    off_t after = writtenSoFar();
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(before, start);
-    EXPECT_GT(after, start);
+    ChildEnd end = endOf([] {
+        empBufferOutput();
+        empDebugLine("main(): a line\n");
+        empWaitForSockets();
+        mark();
+        takeTheRest();
+        empWaitForSockets();
+        _exit(0);
+    });
+    EXPECT_EQ(end.output, "|" STAMP "main(): a line\n");
 }
 
 } // namespace

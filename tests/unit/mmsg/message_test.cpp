@@ -1,5 +1,6 @@
 #include "mmsg/message.h"
 
+#include "diag/debug_line.h"
 #include "dying_child.h"
 #include "emp_fixture.h"
 #include "fixed_time_stamp.h"
@@ -7,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/socket.h>
+#include <unistd.h>
 
 using namespace support;
 
@@ -15,7 +17,7 @@ namespace {
 bool sendFails;
 ssize_t sendResult;
 int sends;
-int sendFlags;
+bool socketFull; ///< a send that does not wait fails, one that waits leaves a mark in the output
 
 } // namespace
 
@@ -28,7 +30,13 @@ ssize_t __wrap_send(int fd, const void* buffer, size_t length, int flags) {
         return __real_send(fd, buffer, length, flags);
     }
     sends++;
-    sendFlags = flags;
+    if (socketFull) {
+        if ((flags & MSG_DONTWAIT) != 0) {
+            errno = EAGAIN;
+            return -1;
+        }
+        EXPECT_EQ(write(STDOUT_FILENO, "|", 1), 1);
+    }
     if (sendFails) {
         errno = EIO;
         return sendResult;
@@ -77,12 +85,33 @@ TEST(BuildMmch, EveryByteIsWritten) {
     EXPECT_EQ(bytesAt(&mmch, 64), expected);
 }
 
-TEST_F(Message, WholeSendIsOneCallWithoutFlags) {
+TEST_F(Message, WholeSendIsOneCall) {
     Bytes bytes(4064, 0x5A);
     EXPECT_EQ(empSendToMsm(bytes.data(), 4064, EMP_HERE, EMP_E_SHORT_SEND_SHOWS_RESULT), 4064);
     EXPECT_EQ(sends, 1);
-    EXPECT_EQ(sendFlags, 0);
     EXPECT_EQ(msm_.receivePiece(), bytesAt(bytes.data(), 4064));
+}
+
+TEST_F(Message, SendThatWaitsWritesTheLinesBefore) {
+    socketFull = true;
+    ChildEnd end = endOf([] {
+        empBufferOutput();
+        empDebugLine("empSomething(): a line\n");
+        empSendToMsm("ABCDEF", 6, EMP_HERE, EMP_E_SHORT_SEND_SHOWS_RESULT);
+        _exit(0);
+    });
+    EXPECT_EQ(end.output, STAMP "empSomething(): a line\n|");
+    EXPECT_EQ(msm_.receivePiece(), (Bytes{'A', 'B', 'C', 'D', 'E', 'F'}));
+}
+
+TEST_F(Message, SendThatDoesNotWaitLeavesTheLines) {
+    ChildEnd end = endOf([] {
+        empBufferOutput();
+        empDebugLine("empSomething(): a line\n");
+        empSendToMsm("ABCDEF", 6, EMP_HERE, EMP_E_SHORT_SEND_SHOWS_RESULT);
+        _exit(0);
+    });
+    EXPECT_EQ(end.output, "");
 }
 
 TEST_F(Message, ShortSendShowsTheIntendedLength) {
