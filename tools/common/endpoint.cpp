@@ -1,6 +1,6 @@
 #include "common/endpoint.h"
 
-#include "common/names.h"
+#include "mpu/event.h"
 
 #include <sys/un.h>
 
@@ -9,8 +9,7 @@ namespace tools {
 static_assert(sizeof(sockaddr_un::sun_path) == SOCKET_PATH_MAX + 1);
 
 std::string endpointSocketName(U32_t endpoint) {
-    const EnumName* row = endpointNames.find(endpoint);
-    return row ? std::string(row->brief) : std::string();
+    return endpoint < ENDPOINT_COUNT ? MPU_endpointName(static_cast<U8_t>(endpoint)) : "";
 }
 
 std::string endpointSocketPath(const std::string& directory, U32_t endpoint) {

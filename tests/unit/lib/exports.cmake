@@ -16,7 +16,8 @@ endforeach()
 # The sanitizers' marks of our own objects, and what the compiler itself shares between files.
 list(FILTER lines EXCLUDE REGEX "^(mpu::|__odr_asan|DW.ref)")
 
-file(GLOB headers "${SOURCE_DIR}/MPU/include/*.h" "${SOURCE_DIR}/include/*.h")
+file(GLOB headers "${SOURCE_DIR}/MPU/include/*.h" "${SOURCE_DIR}/MPU/include/mpu/*.h"
+    "${SOURCE_DIR}/include/*.h")
 set(declared "")
 foreach(header IN LISTS headers)
     file(READ "${header}" text)

@@ -1,5 +1,5 @@
 # Installs libmpu into a directory of its own, builds the consumer outside the tree and runs it.
-# -D: METHOD (cmake or pkgconfig), BUILD_DIR, SOURCE_DIR, CXX, FLAGS, TOOLCHAIN, EMULATOR, PKG_CONFIG
+# -D: METHOD (cmake or pkgconfig), BUILD_DIR, SOURCE_DIR, EXAMPLES_DIR, CC, CXX, FLAGS, TOOLCHAIN, EMULATOR, PKG_CONFIG
 cmake_minimum_required(VERSION 3.25)
 string(RANDOM LENGTH 8 suffix)
 set(work "/tmp/mpu-installed-${suffix}")
@@ -28,6 +28,11 @@ if(METHOD STREQUAL "cmake")
         "-DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN}" "-DCMAKE_CXX_COMPILER=${CXX}"
         "-DCMAKE_CXX_FLAGS=${FLAGS}" "-Dmpu_ROOT=${prefix}")
     run(Build ${CMAKE_COMMAND} --build "${work}/build")
+    run("Configuration of the examples" ${CMAKE_COMMAND} -S "${EXAMPLES_DIR}" -B "${work}/examples"
+        "-DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN}" "-DCMAKE_C_COMPILER=${CC}"
+        "-DCMAKE_CXX_COMPILER=${CXX}" "-DCMAKE_C_FLAGS=${FLAGS}" "-DCMAKE_CXX_FLAGS=${FLAGS}"
+        "-Dmpu_ROOT=${prefix}")
+    run("Build of the examples" ${CMAKE_COMMAND} --build "${work}/examples")
 else()
     file(GLOB_RECURSE descriptions "${prefix}/*/mpu.pc")
     get_filename_component(directory "${descriptions}" DIRECTORY)
@@ -39,7 +44,37 @@ else()
     file(MAKE_DIRECTORY "${work}/build")
     run(Compilation "${CXX}" -std=c++20 ${flags} -o "${work}/build/consumer"
         "${work}/source/consumer.cpp" ${package})
+    file(MAKE_DIRECTORY "${work}/examples")
+    # The compiler of C links it: libmpu asks for no library of C++.
+    run("Compilation of C" "${CC}" -std=c99 -Wall -Wextra -pedantic -Werror ${flags}
+        -o "${work}/examples/log_event" "${EXAMPLES_DIR}/log_event.c" ${package})
 endif()
+# Without arguments it says how it is used.
+execute_process(COMMAND ${EMULATOR} "${work}/examples/log_event"
+    RESULT_VARIABLE result ERROR_VARIABLE errors)
+if(NOT result EQUAL 2 OR NOT errors STREQUAL "Usage: log_event KEY TEXT\n")
+    file(REMOVE_RECURSE "${work}")
+    message(FATAL_ERROR "The example ended with ${result}: ${errors}")
+endif()
+
+# With the folder on the path no header hides one of the system or <event.h> of another library.
+execute_process(COMMAND "${CXX}" -E -v -x c++ /dev/null
+    OUTPUT_QUIET ERROR_VARIABLE search COMMAND_ERROR_IS_FATAL ANY)
+string(REGEX MATCHALL "\n /[^\n]+" search "${search}")
+file(GLOB headers RELATIVE "${prefix}/include/mpu" "${prefix}/include/mpu/*.h")
+list(LENGTH headers count)
+list(LENGTH search directories)
+if(count LESS 10 OR directories LESS 3 OR "event.h" IN_LIST headers)
+    message(FATAL_ERROR "Installed headers: ${headers}; searched: ${search}")
+endif()
+foreach(directory ${search})
+    string(STRIP "${directory}" directory)
+    foreach(header ${headers})
+        if(EXISTS "${directory}/${header}")
+            message(FATAL_ERROR "${header} hides ${directory}/${header}")
+        endif()
+    endforeach()
+endforeach()
 run(Consumer ${EMULATOR} "${work}/build/consumer")
 file(REMOVE_RECURSE "${work}")
 
