@@ -16,6 +16,11 @@ namespace {
 
 constexpr char answerFunction[] = "empRcvEventLogMsgFromEventArchiver";
 
+constexpr EmpInquirySourceTexts_t sourceTexts = {
+    "empRcvEventLogMsgFromEventArchiver(): This Inquiry Message is from Other Blade.\n",
+    "empRcvEventLogMsgFromEventArchiver(): This Inquiry Message is from Local Blade.\n",
+};
+
 /** KEEP: only the handle is compared, and the newest record that bears it wins. */
 EvMsgRecordEntry_t* findByHandle(U32_t handle) {
     EvMsgRecordEntry_t* entry = EvMsgRecordResponseList;
@@ -26,15 +31,7 @@ EvMsgRecordEntry_t* findByHandle(U32_t handle) {
 }
 
 void buildAnswer(const EvMsgRecordEntry_t* entry, const EmpEvArchiverMsg_t* message) {
-    if (empReplyTo(entry->mmsg_cont) == EMP_E_REPLY_TO_OTHER_BLADE) {
-        empDebugLine(
-            "empRcvEventLogMsgFromEventArchiver(): This Inquiry Message is from Other Blade.\n");
-    } else {
-        empDebugLine(
-            "empRcvEventLogMsgFromEventArchiver(): This Inquiry Message is from Local Blade.\n");
-    }
-    empBuildReplyMmch(&empReply()->mmch, EMP_E_MSGS_INQUIRY, entry->requestor, entry->handle,
-                      empReplyTo(entry->mmsg_cont));
+    empBeginInquiryReply(entry->mmsg_cont, entry->requestor, entry->handle, sourceTexts);
     const auto* event = reinterpret_cast<const EmpEvLogMsg_t*>(message->user_data_start);
     empReply()->mmch.return_code = message->evArchiverMsgHdr.evArchiverMsgReturnCode;
     empReply()->mmch.mmsg_length =

@@ -10,17 +10,22 @@ constexpr auto OPEN = EMP_E_ARCHIVER_SOCKET_ST_OPEN;
 constexpr auto FULL = EMP_E_ARCHIVER_SOCKET_ST_FULL;
 constexpr auto CLOSE = EMP_E_ARCHIVER_SOCKET_ST_CLOSE;
 
+/** A cell that no road leads to; the state would stay. */
+constexpr EMP_ARCHIVER_SOCKET_STATE_e never(EMP_ARCHIVER_SOCKET_STATE_e state) {
+    return state;
+}
+
 // KEEP: a status response opens the link in every state, asked for or not, even without a
 // connection; and so does a queued message that went out whole, even before the handshake.
 // clang-format off
 constexpr EMP_ARCHIVER_SOCKET_STATE_e nextState[EMP_E_LINK_EVENTS][linkStates] = {
-    // from:               CONNECTED    STATUS_SENT  OPEN       FULL       CLOSE
-    /* connect issued  */ {CONNECTED,   CONNECTED,   CONNECTED, CONNECTED, CONNECTED},
-    /* status sent     */ {STATUS_SENT, STATUS_SENT, OPEN,      FULL,      CLOSE},
-    /* status received */ {OPEN,        OPEN,        OPEN,      OPEN,      OPEN},
-    /* sent in part    */ {CONNECTED,   STATUS_SENT, FULL,      FULL,      CLOSE},
-    /* queued one sent */ {OPEN,        OPEN,        OPEN,      OPEN,      OPEN},
-    /* closed          */ {CLOSE,       CLOSE,       CLOSE,     CLOSE,     CLOSE},
+    // from:               CONNECTED         STATUS_SENT         OPEN         FULL         CLOSE
+    /* connect issued  */ {CONNECTED,        CONNECTED,          CONNECTED,   CONNECTED,   CONNECTED},
+    /* status sent     */ {STATUS_SENT,      never(STATUS_SENT), never(OPEN), never(FULL), never(CLOSE)},
+    /* status received */ {OPEN,             OPEN,               OPEN,        OPEN,        OPEN},
+    /* sent in part    */ {never(CONNECTED), never(STATUS_SENT), FULL,        never(FULL), never(CLOSE)},
+    /* queued one sent */ {OPEN,             OPEN,               OPEN,        OPEN,        OPEN},
+    /* closed          */ {CLOSE,            CLOSE,              CLOSE,       CLOSE,       CLOSE},
 };
 // clang-format on
 

@@ -2,6 +2,7 @@
 
 #include "archiver/pending.h"
 #include "diag/debug_line.h"
+#include "mmsg/reply.h"
 #include "state/control.h"
 
 #include <cstring>
@@ -19,12 +20,8 @@ struct InquiryMessage_t {
 };
 static_assert(sizeof(InquiryMessage_t) == 160 && isWireImage<InquiryMessage_t>);
 
-const EmpEvInquiryMsg_t* inquiryOf(const MMSG_t* mmsg) {
-    return reinterpret_cast<const EmpEvInquiryMsg_t*>(mmsg->user_data_start);
-}
-
 void fillRecord(EvMsgRecordEntry_t* entry, const MMSG_t* mmsg) {
-    const EmpEvInquiryMsg_t* inquiry = inquiryOf(mmsg);
+    const EmpEvInquiryMsg_t* inquiry = empInquiryOf(mmsg);
     entry->evMsgType = EMP_E_MSGS_INQUIRY;
     entry->mmch_version = mmsg->mmch.mmch_version;
     entry->requestor = mmsg->mmch.requestor;
@@ -48,7 +45,7 @@ InquiryMessage_t inquiryMessage(const MMSG_t* mmsg) {
     message.header.evArchiverMsgFlag = EMP_E_EVENT_ARCHIVER_MSG_REQUEST;
     message.header.evArchiverMsgReturnCode = 0;
     message.header.evArchiverMsgHandle = mmsg->mmch.handle;
-    message.inquiry = *inquiryOf(mmsg);
+    message.inquiry = *empInquiryOf(mmsg);
     return message;
 }
 

@@ -12,14 +12,13 @@
 
 namespace {
 
+constexpr EmpInquirySourceTexts_t sourceTexts = {
+    "empProcessResponseTimeout(): This Inquiry Message is from Other Blade.\n",
+    "empProcessResponseTimeout(): This Inquiry Message is from Local Blade.\n",
+};
+
 void buildTimeoutReply(const EvMsgRecordEntry_t* entry) {
-    if (empReplyTo(entry->mmsg_cont) == EMP_E_REPLY_TO_OTHER_BLADE) {
-        empDebugLine("empProcessResponseTimeout(): This Inquiry Message is from Other Blade.\n");
-    } else {
-        empDebugLine("empProcessResponseTimeout(): This Inquiry Message is from Local Blade.\n");
-    }
-    empBuildReplyMmch(&empReply()->mmch, EMP_E_MSGS_INQUIRY, entry->requestor, entry->handle,
-                      empReplyTo(entry->mmsg_cont));
+    empBeginInquiryReply(entry->mmsg_cont, entry->requestor, entry->handle, sourceTexts);
     empReply()->mmch.return_code = EMP_E_RESPONSE_RESOURCE_NOT_AVAILABLE;
     empReply()->mmch.mmsg_length = EMP_EVENT_MMSG_SIZE;
     // KEEP: the blade id stays zero.

@@ -1,5 +1,6 @@
 #include "mmsg/reply.h"
 
+#include "diag/debug_line.h"
 #include "mmsg/message.h"
 
 #include <iterator>
@@ -17,6 +18,13 @@ void empBuildReplyMmch(MMCH_t* mmch, U32_t type, U8_t requestor, U32_t handle, E
     if (word < std::size(bitmap)) {
         bitmap[word] = empEndpointBit(requestor);
     }
+}
+
+void empBeginInquiryReply(U8_t mmsgCont, U8_t requestor, U32_t handle,
+                          const EmpInquirySourceTexts_t& texts) {
+    EMP_REPLY_TO_e to = empReplyTo(mmsgCont);
+    empDebugLine(to == EMP_E_REPLY_TO_OTHER_BLADE ? texts.otherBlade : texts.localBlade);
+    empBuildReplyMmch(&empReply()->mmch, EMP_E_MSGS_INQUIRY, requestor, handle, to);
 }
 
 void empCountEventReply(const MMCH_t* mmch) {

@@ -5,10 +5,16 @@
 #ifndef EMP_MMSG_REPLY_H
 #define EMP_MMSG_REPLY_H
 
+#include "diag/line_format.h"
 #include "emp_mesgs.h"
 #include "fixed_width.h"
 #include "mmsg.h"
 #include "state/control.h"
+
+/** Body of an inquiry. */
+inline const EmpEvInquiryMsg_t* empInquiryOf(const MMSG_t* mmsg) {
+    return reinterpret_cast<const EmpEvInquiryMsg_t*>(mmsg->user_data_start);
+}
 
 /** The reply under construction, in the shared work space. */
 inline MMSG_t* empReply() {
@@ -38,6 +44,19 @@ constexpr EMP_REPLY_TO_e empReplyTo(U8_t mmsgCont) {
  * @param requestor endpoint; one of 64 or more is in neither bitmap and gets no bit
  */
 void empBuildReplyMmch(MMCH_t* mmch, U32_t type, U8_t requestor, U32_t handle, EMP_REPLY_TO_e to);
+
+/** Lines that tell where an inquiry came from, under their caller's name. */
+struct EmpInquirySourceTexts_t {
+    EmpLineFormat_t<> otherBlade;
+    EmpLineFormat_t<> localBlade;
+};
+
+/**
+ * Begins the reply to an inquiry, empReply(), and prints where that came from.
+ * @param mmsgCont of the inquiry
+ */
+void empBeginInquiryReply(U8_t mmsgCont, U8_t requestor, U32_t handle,
+                          const EmpInquirySourceTexts_t& texts);
 
 /** Counts a reply that carries an event, or its failure, by its return code. Call before sending.
  */

@@ -31,30 +31,23 @@ constexpr InquirySites_t inquirySites[] = {
     {EMP_SITES_INQUIRY_LAST, seekCallFails},
 };
 
-void buildReplyHeader(const MMSG_t* mmsg) {
-    EMP_REPLY_TO_e to = empReplyTo(mmsg->mmch.mmsg_cont);
-    if (to == EMP_E_REPLY_TO_OTHER_BLADE) {
-        empDebugLine("empRcvEventInquiryMsg(): This Inquiry Message is from Other Blade.\n");
-    } else {
-        empDebugLine("empRcvEventInquiryMsg(): This Inquiry Message is from Local Blade.\n");
-    }
-    empBuildReplyMmch(&empReply()->mmch, EMP_E_MSGS_INQUIRY, mmsg->mmch.requestor,
-                      mmsg->mmch.handle, to);
-}
+constexpr EmpInquirySourceTexts_t sourceTexts = {
+    "empRcvEventInquiryMsg(): This Inquiry Message is from Other Blade.\n",
+    "empRcvEventInquiryMsg(): This Inquiry Message is from Local Blade.\n",
+};
 
 void checkSignature(const EmpEvRecord_t* record, U32_t type, EmpSite_t site) {
-    if (empRecordSigned(record)) {
-        return;
-    }
-    // KEEP: all but EXACT dump the record.
-    if (type != EMP_E_INQUIRY_TYPE_EXACT) {
+    if (type == EMP_E_INQUIRY_TYPE_FIRST && !empRecordSigned(record)) {
         empHexDump(record, EMP_RECORD_SIZE);
-    }
-    if (type == EMP_E_INQUIRY_TYPE_FIRST) {
         EMP_BUGCHECK(site, "empStartSequenceId = [%d] points to invalid Event Entry?",
                      static_cast<int>(empControl.empStartSequenceId));
     }
-    EMP_BUGCHECK(site, EMP_INVALID_ENTRY);
+    // KEEP: EXACT alone does not dump the record.
+    if (type == EMP_E_INQUIRY_TYPE_EXACT) {
+        empRequireSignature(record, site);
+    } else {
+        empRequireSignatureOrDump(record, site);
+    }
 }
 
 void printRecordRead(U32_t type) {
@@ -118,14 +111,15 @@ void empRcvEventInquiryMsg(MMSG_t* mmsg) {
     S64_t position = empLogFilePosition;
     empDebugLine("empRcvEventInquiryMsg(): Current File Position is at [%d]\n",
                  static_cast<int>(position));
-    buildReplyHeader(mmsg);
+    empBeginInquiryReply(mmsg->mmch.mmsg_cont, mmsg->mmch.requestor, mmsg->mmch.handle,
+                         sourceTexts);
     U32_t type = empInquiryOf(mmsg)->evInquiryType;
     if (type < EMP_E_INQUIRY_TYPE_FIRST || type > EMP_E_INQUIRY_TYPE_LAST) {
         empControl.mmsgEventInquiryMsgInvalid++;
         return;
     }
     U32_t offset = 0;
-    if (!empFindInquiredEvent(mmsg, &offset)) {
+    if (!empFindEventOrPassOn(mmsg, &offset)) {
         return;
     }
     readAnswer(type, offset);

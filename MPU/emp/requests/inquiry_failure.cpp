@@ -12,20 +12,10 @@
 
 namespace {
 
-void buildReplyHeader(const MMSG_t* mmsg) {
-    EMP_REPLY_TO_e to = empReplyTo(mmsg->mmch.mmsg_cont);
-    if (to == EMP_E_REPLY_TO_OTHER_BLADE) {
-        empDebugLine(
-            "empSendEventInquiryMsgFailureToRequestor(): This Inquiry Message is from Other Blade.\n");
-    } else {
-        empDebugLine(
-            "empSendEventInquiryMsgFailureToRequestor(): This Inquiry Message is from Local Blade.\n");
-    }
-    empBuildReplyMmch(&empReply()->mmch, EMP_E_MSGS_INQUIRY, mmsg->mmch.requestor,
-                      mmsg->mmch.handle, to);
-    empReply()->mmch.mmsg_length = EMP_EVENT_MMSG_SIZE;
-    empReply()->mmch.return_code = EMP_E_RESPONSE_FAILURE;
-}
+constexpr EmpInquirySourceTexts_t sourceTexts = {
+    "empSendEventInquiryMsgFailureToRequestor(): This Inquiry Message is from Other Blade.\n",
+    "empSendEventInquiryMsgFailureToRequestor(): This Inquiry Message is from Local Blade.\n",
+};
 
 /** Echoes what was asked about; everything else of the event is zero. */
 void fillBody(const EmpEvInquiryMsg_t* inquiry) {
@@ -41,8 +31,11 @@ void fillBody(const EmpEvInquiryMsg_t* inquiry) {
 } // namespace
 
 S32_t empSendEventInquiryMsgFailureToRequestor(const MMSG_t* mmsg) {
-    buildReplyHeader(mmsg);
-    fillBody(reinterpret_cast<const EmpEvInquiryMsg_t*>(mmsg->user_data_start));
+    empBeginInquiryReply(mmsg->mmch.mmsg_cont, mmsg->mmch.requestor, mmsg->mmch.handle,
+                         sourceTexts);
+    empReply()->mmch.mmsg_length = EMP_EVENT_MMSG_SIZE;
+    empReply()->mmch.return_code = EMP_E_RESPONSE_FAILURE;
+    fillBody(empInquiryOf(mmsg));
     empDebugLine(
         "empSendEventInquiryMsgFailureToRequestor(): Send out a MMSG from the Event Manager to Requestor.\n");
     empMmsgPrint(empReply());

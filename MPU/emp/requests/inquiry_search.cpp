@@ -2,6 +2,7 @@
 
 #include "archiver/relay.h"
 #include "diag/debug_line.h"
+#include "mmsg/reply.h"
 #include "requests/inquiry_failure.h"
 #include "state/control.h"
 #include "text64.h"
@@ -251,6 +252,6 @@ static_assert(std::size(findEvent) == EMP_E_INQUIRY_TYPE_LAST + 1);
 
 } // namespace
 
-bool empFindInquiredEvent(const MMSG_t* mmsg, U32_t* offset) {
+bool empFindEventOrPassOn(const MMSG_t* mmsg, U32_t* offset) {
     return findEvent[empInquiryOf(mmsg)->evInquiryType](mmsg, offset);
 }

@@ -64,7 +64,7 @@ TEST(Clock, FilesOfAnyDateAreReplayedInTheOrderOfTheirTimes) {
     leaveEvent(blade, 3, "800000000");  // 1995
     RunningEmp emp(blade);
     emp.startQuietly();
-    for (uint8_t id : {3, 2, 1}) {
+    for (uint8_t id : {uint8_t{3}, uint8_t{2}, uint8_t{1}}) {
         Bytes copy = emp.msm.receive();
         EXPECT_EQ(copy[215], id);
         EXPECT_EQ(number32(copy, 204), 1000U) << "the time at which it was written";

@@ -234,6 +234,13 @@ TEST(Startup, ClosedStandardDescriptorsAreFilled) {
     EXPECT_EQ(emp.log(18, {1, 2, 3}), 1U);
 }
 
+TEST(Startup, ItsWaitsAreNotRoundedUp) {
+    Blade blade;
+    RunningEmp emp(blade);
+    emp.startQuietly();
+    EXPECT_EQ(readFile("/proc/" + std::to_string(emp.process.pid()) + "/timerslack_ns"), "1\n");
+}
+
 TEST(Startup, ClosedStandardInputAloneIsFilled) {
     Blade blade;
     RunningEmp emp(blade, blade.commandAfter("exec <&-"));
