@@ -1,8 +1,11 @@
 #include "blade.h"
 
+#include "bug_check.h"
 #include "common/cli.h"
 #include "common/endpoint.h"
 #include "common/say.h"
+#include "configuration.h"
+#include "directories.h"
 #include "startup.h"
 
 #include <cerrno>
@@ -22,22 +25,9 @@ using tools::say;
 namespace {
 
 constexpr std::chrono::seconds END_TIMEOUT{5};
+/** An event manager that stood so long starts with a clean record. */
+constexpr std::chrono::seconds STABLE{60};
 constexpr size_t QUEUE_MAX = 64;
-
-void makeDirectories(const std::string& path) {
-    for (size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
-        std::string part = path.substr(0, end);
-        if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
-            throw BladeError("cannot make directory " + part + ": " + strerror(errno));
-        }
-        if (end == std::string::npos) {
-            break;
-        }
-    }
-    if (!std::filesystem::is_directory(path)) {
-        throw BladeError(path + " is not a directory");
-    }
-}
 
 /** Throws when a switch listens in @p directory: a second blade there would disturb the first. */
 void requireNoSwitch(const std::string& directory) {
@@ -64,35 +54,17 @@ std::string programPath(const std::string& given, const char* name) {
     return path;
 }
 
-/** The log file of a child, until it is started. */
-class LogFile {
-  public:
-    explicit LogFile(const std::string& path) {
-        if (path != "-") {
-            descriptor_ = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-            if (descriptor_ < 0) {
-                throw BladeError("cannot write " + path + ": " + strerror(errno));
-            }
-        }
-    }
-    ~LogFile() {
-        if (descriptor_ >= 0) {
-            close(descriptor_);
-        }
-    }
-    LogFile(const LogFile&) = delete;
-    LogFile& operator=(const LogFile&) = delete;
-
-    int descriptor() const { return descriptor_; } ///< -1: this process's standard output
-
-  private:
-    int descriptor_ = -1;
-};
-
 bool isInitComplete(const MMCH_t& header) {
     return header.opcode.request.protocol == MMSG_E_PROTOCOL_STARTUP &&
            header.opcode.request.type == U32_t{SUS_E_MMSG_NOTIFY_INIT_COMPLETE} &&
            header.requestor == MMSG_E_EPID_EVENTLOGMP && header.mmsg_length == MMCH_SIZE;
+}
+
+bool isRefusalOfArchiver(const MMCH_t& header) {
+    return header.opcode.request.protocol == MMSG_E_PROTOCOL_EVENTMGR &&
+           header.opcode.request.type == U32_t{EMP_E_MSGS_SET_EVENT_ARCHIVER} &&
+           (header.mmsg_cont & MMSG_E_CONT_RESPONSE) != 0 &&
+           header.return_code != U32_t{EMP_E_RESPONSE_SUCCESS};
 }
 
 } // namespace
@@ -100,19 +72,25 @@ bool isInitComplete(const MMCH_t& header) {
 Blade::Blade(asio::io_context& loop, BladeOptions options)
     : loop_(loop), options_(std::move(options)), block_(options_.source, options_.key),
       endSignals_(loop, SIGINT, SIGTERM, SIGHUP), childSignals_(loop, SIGCHLD), ready_(loop),
-      deadline_(loop), socket_(loop) {
+      deadline_(loop), socket_(loop), msmOutput_(loop), empOutput_(loop) {
     options_.msm = programPath(options_.msm, "msm");
     if (!options_.noEmp) {
         options_.emp = programPath(options_.emp, "emp");
     }
     std::string logs =
         block_.logDirectory().empty() ? block_.mmsgDirectory() : block_.logDirectory();
-    for (const std::string& directory : {block_.mmsgDirectory(), block_.nvramDirectory(), logs}) {
-        makeDirectories(directory);
-    }
     requireNoSwitch(block_.mmsgDirectory());
     options_.empLog = options_.empLog.empty() ? logs + "/emp.log" : options_.empLog;
     options_.msmLog = options_.msmLog.empty() ? logs + "/msm.log" : options_.msmLog;
+    for (const std::string& file : {logs + "/emp.log", logs + "/msm.log"}) {
+        requireOwnFile(file);
+    }
+    if (options_.empLog != "-" && !options_.noEmp) {
+        empOutput_.keepIn(options_.empLog, options_.logSize, options_.logKeep);
+    }
+    if (options_.msmLog != "-") {
+        msmOutput_.keepIn(options_.msmLog, options_.logSize, options_.logKeep);
+    }
 }
 
 int Blade::run() {
@@ -150,8 +128,13 @@ void Blade::startSwitch() {
     asio::posix::stream_descriptor theirs(loop_, ready[1]);
     arguments.emplace_back("--ready-fd");
     arguments.push_back(std::to_string(ready[1]));
-    LogFile log(options_.msmLog);
-    msm_.start("msm", commandOf(options_.msm, arguments), log.descriptor(), ready[1]);
+    if (!options_.source.group.empty()) {
+        arguments.emplace_back("--group");
+        arguments.push_back(options_.source.group);
+    }
+    int output = msmOutput_.open();
+    msm_.start("msm", commandOf(options_.msm, arguments), output, ready[1]);
+    close(output);
 }
 
 /** Only when all endpoints listen: the event manager does not try again. */
@@ -165,8 +148,11 @@ void Blade::waitForSwitch() {
 }
 
 void Blade::startEventManager() {
-    LogFile log(options_.empLog);
-    emp_.start("emp", commandOf(options_.emp, {std::to_string(block_.key())}), log.descriptor());
+    int output = empOutput_.open();
+    emp_.start("emp", commandOf(options_.emp, {std::to_string(block_.key())}), output);
+    close(output);
+    empStarted_ = std::chrono::steady_clock::now();
+    expectWithinTimeout("emp has not said that it is initialised");
 }
 
 void Blade::connectStartup() {
@@ -202,7 +188,6 @@ void Blade::startupConnected() {
         say("the event manager is to be started by hand: emp " + std::to_string(block_.key()));
     } else {
         startEventManager();
-        expectWithinTimeout("emp has not said that it is initialised");
     }
 }
 
@@ -217,11 +202,26 @@ void Blade::expectWithinTimeout(const std::string& what) {
 
 void Blade::startupMessage(std::span<U8_t> message) {
     const auto& header = *reinterpret_cast<const MMCH_t*>(message.data());
-    if (stopping_ || !isInitComplete(header)) {
+    if (stopping_) {
         return;
     }
+    if (isInitComplete(header)) {
+        initialised();
+    } else if (isRefusalOfArchiver(header)) {
+        say("the event manager did not take the archiver's address (return code " +
+            std::to_string(U32_t{header.return_code}) + ")");
+    }
+}
+
+void Blade::initialised() {
     say("the event manager is initialised");
     deadline_.cancel();
+    if (options_.archiver) {
+        // It keeps no address over its end.
+        startup_->send(evctl::makeSetArchiver(MMSG_E_EPID_STARTUPMP, *options_.archiver));
+        say("the event manager is told its archiver: " + evctl::hostText(options_.archiver->host) +
+            ":" + std::to_string(options_.archiver->port));
+    }
     sayUp();
 }
 
@@ -264,12 +264,16 @@ void Blade::watchChildren() {
 }
 
 void Blade::childEnded(Child& child) {
+    linesOfEndedChild(child);
     if (stopping_) {
         // A switch that dies takes the event manager along, whose end may be seen first.
         if (child.diedByItself()) {
             say(child.ending());
         }
         stopNext();
+        return;
+    }
+    if (&child == &emp_ && up_ && startAgain()) {
         return;
     }
     if (!up_) {
@@ -282,6 +286,43 @@ void Blade::childEnded(Child& child) {
     } else {
         fail(child.ending());
     }
+}
+
+void Blade::linesOfEndedChild(const Child& child) {
+    if (&child == &msm_) {
+        msmOutput_.finish();
+        return;
+    }
+    empOutput_.finish();
+    std::optional<BugCheck> found = findBugCheck(empOutput_.tail());
+    if (found && child.failed()) {
+        say("bug-check of the event manager: " + found->message);
+        say("bug-check in " + found->function + ", line " + found->line + "; the report is in " +
+            (options_.empLog == "-" ? "the lines above" : options_.empLog) +
+            ", its records for the next start in " + block_.nvramDirectory() +
+            EMP_AEL_DIRECTORY_NAME + " (evctl ael list --dir, then evctl file crash)");
+    }
+}
+
+/** @return whether the event manager is on its way again */
+bool Blade::startAgain() {
+    if (!options_.restart || !emp_.failed()) {
+        return false;
+    }
+    if (std::chrono::steady_clock::now() - empStarted_ >= STABLE) {
+        restarts_ = 0;
+    }
+    if (restarts_ == options_.restartLimit) {
+        say("the event manager was started again " + std::to_string(restarts_) +
+            " times in a row: no more");
+        return false;
+    }
+    ++restarts_;
+    status_ = tools::EXIT_FINDING;
+    say(emp_.ending() + "; it is started again (" + std::to_string(restarts_) + " of " +
+        std::to_string(options_.restartLimit) + ")");
+    startEventManager();
+    return true;
 }
 
 void Blade::fail(const std::string& why) {

@@ -7,12 +7,15 @@
 #define BLADE_BLADE_H
 
 #include "child.h"
+#include "child_output.h"
 #include "common/connection.h"
+#include "evctl/archiver_address.h"
 #include "parameters.h"
 
 #include <asio.hpp>
 
 #include <array>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -33,6 +36,11 @@ struct BladeOptions {
     bool noEmp = false; ///< emp is started by hand
     bool keep = false;  ///< stay up when emp dies
     int timeout = 30;   ///< seconds that emp may take to initialise
+    U64_t logSize = U64_t{64} << 20;                ///< bytes at which a log file is put aside
+    U32_t logKeep = 3;                              ///< log files of each program, in all
+    bool restart = false;                           ///< emp when it fails
+    int restartLimit = 3;                           ///< times in a row
+    std::optional<evctl::ArchiverAddress> archiver; ///< that emp is told after each start
 };
 
 class Blade {
@@ -56,6 +64,9 @@ class Blade {
     void connectStartup();
     void startupConnected();
     void startupMessage(std::span<U8_t> message);
+    void initialised();
+    bool startAgain();
+    void linesOfEndedChild(const Child& child);
     void expectWithinTimeout(const std::string& what);
     void sayUp();
     void watchSignals();
@@ -79,8 +90,12 @@ class Blade {
     asio::steady_timer deadline_; ///< of coming up, later of a child's end
     tools::Socket socket_;
     std::shared_ptr<tools::Connection> startup_; ///< the Startup process's endpoint
+    ChildOutput msmOutput_;
+    ChildOutput empOutput_;
     Child msm_;
     Child emp_;
+    std::chrono::steady_clock::time_point empStarted_;
+    int restarts_ = 0; ///< of emp, since it last stood for long
     bool up_ = false;
     bool stopping_ = false;
     int status_ = 0;

@@ -1,6 +1,6 @@
 #include "child.h"
 
-#include "parameters.h"
+#include "error.h"
 
 #include <cerrno>
 #include <csignal>
@@ -38,6 +38,10 @@ constexpr int CANNOT_EXECUTE = 127;
     _exit(CANNOT_EXECUTE);
 }
 
+bool asksToEnd(int number) {
+    return number == SIGTERM || number == SIGINT || number == SIGHUP;
+}
+
 std::string describe(const std::string& name, pid_t pid, int status) {
     std::string who = name + " (pid " + std::to_string(pid) + ") ";
     if (WIFEXITED(status)) {
@@ -64,6 +68,7 @@ void Child::start(std::string name, const std::vector<std::string>& command, int
         words.push_back(const_cast<char*>(word.c_str()));
     }
     words.push_back(nullptr);
+    sent_.clear();
     pid_t parent = getpid();
     pid_ = fork();
     if (pid_ < 0) {
@@ -88,6 +93,7 @@ bool Child::reap() {
     }
     ending_ = describe(name_, pid_, status);
     diedByItself_ = WIFSIGNALED(status) && !sent_.contains(WTERMSIG(status));
+    failed_ = WIFSIGNALED(status) ? !asksToEnd(WTERMSIG(status)) : WEXITSTATUS(status) != 0;
     pid_ = -1;
     return true;
 }

@@ -48,12 +48,16 @@ class Child {
     /** Whether it died of a signal that signal() had not sent. */
     bool diedByItself() const { return diedByItself_; }
 
+    /** Whether its end is a failure: neither status 0 nor a signal that asks to end. */
+    bool failed() const { return failed_; }
+
   private:
     std::string name_;
     pid_t pid_ = -1;
     std::string ending_;
     std::set<int> sent_; ///< signals that it was sent
     bool diedByItself_ = false;
+    bool failed_ = false;
 };
 
 } // namespace blade

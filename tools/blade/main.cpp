@@ -15,22 +15,25 @@ namespace {
 constexpr char DESCRIPTION[] =
     "Brings a storage blade's management processes up on one machine.\n\n"
     "Creates the shared parameter block from the text file CONFIG, makes the directories that it\n"
-    "names (mode 0700) where they are missing, starts the message switch (msm) and the event\n"
+    "names where they are missing, starts the message switch (msm) and the event\n"
     "manager (emp), plays the Startup process (endpoint 18) and waits for the event manager's\n"
     "notice that it is initialised. Then the line \"blade: up: ...\" appears, and the blade stays up\n"
     "until SIGINT, SIGTERM or SIGHUP: emp is stopped, then msm, and the block is removed. A second\n"
     "signal kills what is left at once.\n\n"
-    "Nothing is started again by itself: when a process dies, blade says how, stops the rest and\n"
-    "exits with 1. The children die with blade.";
+    "When a process dies, blade says how, stops the rest and exits with 1; see --restart and --keep\n"
+    "for the event manager. The children die with blade.\n\n"
+    "The directories are made with mode 0700. One that is a link, belongs to somebody else or is\n"
+    "writable by others is refused. Where CONFIG names none they are below $XDG_RUNTIME_DIR/blade,\n"
+    "for root below /run/blade.";
 
 constexpr char FOOTER[] =
-    "CONFIG holds lines NAME=VALUE and bare flag names, # begins a comment line. Version=15,\n"
-    "MmsgDirectory and NvramDirectory are needed (the directories not with --base); Slot,\n"
-    "SerialNumber and ChassisSerialNumber are the blade's identity in its events.\n\n"
+    "CONFIG holds lines NAME=VALUE and bare flag names, # begins a comment line. Version=15 is\n"
+    "needed. MmsgDirectory, NvramDirectory and LogDirectory name the directories, all but the last\n"
+    "or none. Slot, SerialNumber and ChassisSerialNumber are the blade's identity in its events.\n\n"
     "Examples:\n"
     "  blade demo/blade.conf\n"
-    "  blade demo/blade.conf --base /tmp/bl --slot 0 --other 1 --set SerialNumber=BLADE-0 &\n"
-    "  blade demo/blade.conf --base /tmp/bl --slot 1 --other 0 --set SerialNumber=BLADE-1 &\n"
+    "  blade demo/blade.conf --base ~/bl --slot 0 --other 1 --set SerialNumber=BLADE-0 &\n"
+    "  blade demo/blade.conf --base ~/bl --slot 1 --other 0 --set SerialNumber=BLADE-1 &\n"
     "  blade demo/blade.conf --no-emp --key 4711 &  then by hand: emp 4711\n"
     "  build/dev/blade demo/blade.conf --emp build/powerpc/emp --msm build/powerpc/msm \\\n"
     "      --runner \"qemu-ppc -L /usr/powerpc-linux-gnu\"";
@@ -40,6 +43,8 @@ struct Words {
     std::string key;
     std::string runner;
     std::optional<U32_t> slot;
+    std::string restart = "never";
+    std::string archiver;
 };
 
 std::string checkKey(const std::string& text) {
@@ -93,11 +98,39 @@ void declareProcesses(CLI::App& app, BladeOptions& options, Words& words) {
         ->type_name("FILE");
     app.add_option("--msm-log", options.msmLog, "The same for msm (default: msm.log there)")
         ->type_name("FILE");
+    app.add_option("--log-size", options.logSize,
+                   "Size at which either log is put aside as FILE.1 and begun anew, from 4 KiB on")
+        ->type_name("SIZE")
+        ->default_str("64 MB")
+        ->transform(CLI::AsSizeValue(false));
+    app.add_option("--log-keep", options.logKeep, "Files of each log to keep in all")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 1000))
+        ->type_name("N");
+    app.add_option("--group", options.source.group,
+                   "Group whose members may connect to the switch, too")
+        ->type_name("NAME");
     app.add_flag("--trace", options.trace, "Have msm print the header of every message");
     app.add_option("--timeout", options.timeout, "Seconds that emp may take to initialise")
         ->capture_default_str()
         ->check(CLI::Range(1, 3600))
         ->type_name("SECONDS");
+    app.add_option(
+           "--restart", words.restart,
+           "Whether emp is started again when it fails after it was up: never, or on-failure "
+           "(not after SIGTERM, SIGINT or SIGHUP)")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"never", "on-failure"}))
+        ->type_name("WHEN");
+    app.add_option("--restart-limit", options.restartLimit,
+                   "Starts in a row, of which each lasted less than 60 seconds, after which there "
+                   "is no further one")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 1000000))
+        ->type_name("N");
+    app.add_option("--archiver", words.archiver,
+                   "The archiver that emp shall use, told to it after each of its starts")
+        ->type_name("HOST:PORT");
     auto* noEmp = app.add_flag("--no-emp", options.noEmp,
                                "Start everything but emp, which is then started by hand");
     app.add_flag("--keep", options.keep,
@@ -117,6 +150,15 @@ void understand(BladeOptions& options, const Words& words) {
     }
     if (options.other) {
         options.source.extras.emplace_back("OtherBladePresent");
+    }
+    constexpr U64_t LOG_SIZE_MIN = 4096;
+    if (options.logSize < LOG_SIZE_MIN) {
+        throw BladeError("--log-size: " + std::to_string(options.logSize) +
+                         " bytes are less than 4 KiB");
+    }
+    options.restart = words.restart == "on-failure";
+    if (!words.archiver.empty()) {
+        options.archiver = evctl::parseArchiver(words.archiver);
     }
     std::istringstream runner(words.runner);
     options.runner.assign(std::istream_iterator<std::string>(runner), {});

@@ -1,5 +1,8 @@
 #include "parameters.h"
 
+#include "configuration.h"
+#include "directories.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -74,11 +77,23 @@ void putText(char (&field)[EMP_DIRECTORY_TEXT_SIZE], const std::string& text) {
     memcpy(field, text.data(), text.size());
 }
 
+bool namesNoDirectory(const MPU_PARAMS_t& block) {
+    return textOf(block.mmsgDirectory).empty() && textOf(block.nvramDirectory).empty() &&
+           textOf(block.logDirectory).empty();
+}
+
 void putDirectories(MPU_PARAMS_t& block, const std::string& base) {
     std::string directory = slotDirectory(base, block.slotId);
     putText(block.mmsgDirectory, mmsgDirectoryOf(base, block.slotId));
     putText(block.nvramDirectory, directory + "/nvram");
     putText(block.logDirectory, directory + "/log");
+}
+
+/** What the event manager opens by name. */
+void requireOwnFiles(const std::string& nvram) {
+    requireOwnFile(nvram + EMP_LOG_FILE_NAME);
+    requireOwnFile(nvram + EMP_DEBUG_LOG_FILE_NAME);
+    requireOwnDirectory(nvram + EMP_AEL_DIRECTORY_NAME);
 }
 
 void check(const MPU_PARAMS_t& block, const std::string& file) {
@@ -108,14 +123,27 @@ ParameterBlock::ParameterBlock(const ParameterSource& source, int key) : key_(ke
         throw BladeError("cannot create the parameter block under key " + std::to_string(key_));
     }
     try {
-        if (!source.base.empty()) {
-            putDirectories(*block_, source.base);
-        }
-        check(*block_, source.file);
+        settle(source);
     } catch (...) {
         MPU_deleteMpuParams(id_);
         throw;
     }
+}
+
+void ParameterBlock::settle(const ParameterSource& source) {
+    bool inBase = !source.base.empty() || namesNoDirectory(*block_);
+    if (inBase) {
+        putDirectories(*block_, source.base.empty() ? defaultBase() : source.base);
+    }
+    check(*block_, source.file);
+    // Below a base, its own slot's directory and that itself are the blade's, too.
+    size_t ownDepth = inBase ? 3 : 1;
+    putText(block_->mmsgDirectory, ownDirectory(mmsgDirectory(), ownDepth, source.group));
+    putText(block_->nvramDirectory, ownDirectory(nvramDirectory(), ownDepth));
+    if (!logDirectory().empty()) {
+        putText(block_->logDirectory, ownDirectory(logDirectory(), ownDepth));
+    }
+    requireOwnFiles(nvramDirectory());
 }
 
 ParameterBlock::~ParameterBlock() {

@@ -5,25 +5,20 @@
 #ifndef BLADE_PARAMETERS_H
 #define BLADE_PARAMETERS_H
 
+#include "error.h"
 #include "mpu_gbl.h"
 
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace blade {
-
-/** Why a blade cannot come up; what() is a whole sentence for the user. */
-class BladeError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
 
 /** Where the contents of the block come from. */
 struct ParameterSource {
     std::string file;                ///< the text parameter file
     std::vector<std::string> extras; ///< lines that follow the file's, and so hold against them
     std::string base;                ///< not empty: directories are <base>/slot<n>/{mmsg,nvram,log}
+    std::string group; ///< that may pass through to the switch's sockets; empty: nobody else
 };
 
 /** Lowest key that the event manager takes. */
@@ -36,8 +31,10 @@ constexpr int KEY_DEFAULT = 0x0B1ADE00;
 class ParameterBlock {
   public:
     /**
-     * Creates the block. Throws BladeError when it cannot, when its version is not 15, when it
-     * lacks a directory, and when a block under the key is in use.
+     * Creates the block and its directories, which are in defaultBase() where nobody names one, and
+     * puts their paths without links into it. Throws BladeError when it cannot, when its version is
+     * not 15, when only some directories are named, when one of them is not for this user alone
+     * (see ownDirectory()), and when a block under the key is in use.
      * @param key System V key, at least KEY_MIN
      */
     ParameterBlock(const ParameterSource& source, int key);
@@ -52,6 +49,8 @@ class ParameterBlock {
     std::string logDirectory() const; ///< may be empty
 
   private:
+    void settle(const ParameterSource& source);
+
     int key_;
     int id_ = -1;
     MPU_PARAMS_t* block_ = nullptr;

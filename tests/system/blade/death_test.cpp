@@ -48,7 +48,7 @@ TEST(BladeDeath, EventManagerIsNotStartedBeforeTheSwitchSaysReady) {
     EXPECT_EQ(blade.process.wait(), exitedWith(1));
     EXPECT_EQ(blade.process.output(),
               "blade: msm has not said that it listens within 1 seconds\nblade: down\n");
-    EXPECT_NE(access(blade.slotFile("log/emp.log").c_str(), F_OK), 0);
+    EXPECT_EQ(readFile(blade.slotFile("log/emp.log")), "");
 }
 
 TEST(BladeDeath, EventManagerThatAbortsEndsTheBlade) {
@@ -108,6 +108,31 @@ TEST(BladeDeath, KeptBladeStaysUpForAnEventManagerStartedByHand) {
     byHand.signal(SIGKILL);
     byHand.wait();
     blade.stop(SIGTERM, 1);
+}
+
+TEST(BladeDeath, FailedEventManagerIsStartedAgainSoOften) {
+    BladeUnderTest blade({"--restart", "on-failure", "--restart-limit", "1"},
+                         {{"STANDIN", "abort"}});
+    blade.waitUntilUp();
+    sendOneMessage(blade);
+    blade.process.waitForOutput("(Aborted); it is started again (1 of 1)");
+    requireSoon(
+        [&] { return blade.process.output().rfind("the event manager is initialised") > 200; },
+        "the second notice");
+    sendOneMessage(blade);
+    EXPECT_EQ(blade.process.wait(), exitedWith(1));
+    EXPECT_THAT(blade.process.output(),
+                ContainsRegex("blade: the event manager was started again 1 times in a row: no "
+                              "more\nblade: emp .* died of signal 6 .Aborted.\nblade: down\n"));
+    expectNothingLeft(blade);
+}
+
+TEST(BladeDeath, EventManagerThatWasAskedToEndIsNotStartedAgain) {
+    BladeUnderTest blade({"--restart", "on-failure"});
+    blade.waitUntilUp();
+    kill(childOf(blade.process.pid(), "standin_emp"), SIGTERM);
+    EXPECT_EQ(blade.process.wait(), exitedWith(1));
+    EXPECT_THAT(blade.process.output(), Not(HasSubstr("started again")));
 }
 
 TEST(BladeDeath, SecondSignalKillsWhatDoesNotEnd) {

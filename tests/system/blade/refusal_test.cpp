@@ -54,7 +54,7 @@ TEST_F(BladeRefusal, VersionOtherThan15) {
 }
 
 TEST_F(BladeRefusal, MissingDirectories) {
-    EXPECT_THAT(refusalOfFile("Version=15\nMmsgDirectory=" + base.path() + "\n"),
+    EXPECT_THAT(refusalOfFile("Version=15\nMmsgDirectory=" + base.file("mmsg") + "\n"),
                 HasSubstr("MmsgDirectory and NvramDirectory must be given"));
     EXPECT_FALSE(key.exists());
 }

@@ -2,7 +2,7 @@
 // variable STANDIN: "serve" (default) sends the notice and answers every message to the Startup
 // process with its own header; "mute" connects and says nothing; "exit" ends with status 3 before
 // the notice; "abort" dies of SIGABRT at the first message after it; "stubborn" ignores SIGTERM;
-// "idle" does nothing, whatever its arguments.
+// "idle" does nothing, whatever its arguments; "chatty" prints 1000 numbered lines first.
 
 #include "mmsg_client.h"
 #include "mpu_gbl.h"
@@ -61,7 +61,14 @@ int main(int argc, char** argv) {
     if (block == nullptr) {
         return 2;
     }
-    describe(key, *block);
+    if (mode == "chatty") {
+        for (int i = 0; i < 1000; ++i) {
+            printf("line %d\n", i);
+        }
+        fflush(stdout);
+    } else {
+        describe(key, *block);
+    }
     if (mode == "exit") {
         return 3;
     }
