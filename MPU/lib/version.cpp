@@ -2,12 +2,16 @@
 
 #include <cstdio>
 
-// The compiler pads the day with a blank, as the field wants it, and takes both texts from
-// SOURCE_DATE_EPOCH when it is set: builds can be reproduced.
+// The build sets it from SOURCE_DATE_EPOCH, so that builds can be reproduced.
+#ifndef MPU_BUILD_TIME
+// The compiler pads the day with a blank, as the field wants it.
+#define MPU_BUILD_TIME __DATE__ " " __TIME__
+#endif
+
 const Version_Structure_t Version = {
-    1, 2, 0, 3, "Version 1.2.0.3", "build-BLD_1_2_0_3", __DATE__ " " __TIME__,
+    1, 2, 0, 3, "Version 1.2.0.3", "build-BLD_1_2_0_3", MPU_BUILD_TIME,
 };
-static_assert(sizeof(__DATE__ " " __TIME__) == sizeof(Version_Structure_t::build_time));
+static_assert(sizeof(MPU_BUILD_TIME) == sizeof(Version_Structure_t::build_time));
 
 char* VersionFullString() {
     static char text[127];

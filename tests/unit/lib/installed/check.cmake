@@ -1,6 +1,9 @@
 # Installs libmpu into a directory of its own, builds the consumer outside the tree and runs it.
-# -D: METHOD (cmake or pkgconfig), BUILD_DIR, SOURCE_DIR, EXAMPLES_DIR, CC, CXX, FLAGS, TOOLCHAIN, EMULATOR, PKG_CONFIG
+# -D: METHOD (cmake or pkgconfig), GENERATOR, BUILD_DIR, SOURCE_DIR, EXAMPLES_DIR, CC, CXX, FLAGS, TOOLCHAIN, EMULATOR,
+# PKG_CONFIG
 cmake_minimum_required(VERSION 3.25)
+# That of the build itself: no other one needs to be installed.
+set(ENV{CMAKE_GENERATOR} "${GENERATOR}")
 string(RANDOM LENGTH 8 suffix)
 set(work "/tmp/mpu-installed-${suffix}")
 set(prefix "${work}/prefix")

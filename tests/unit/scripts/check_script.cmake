@@ -1,0 +1,5 @@
+# Runs a script. -D: COMMAND (list), STATUS, PATTERN (of standard output and error together)
+execute_process(COMMAND bash ${COMMAND} RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE output)
+if(NOT status EQUAL STATUS OR NOT output MATCHES "${PATTERN}")
+    message(FATAL_ERROR "status ${status}, expected ${STATUS}; printed:\n${output}")
+endif()
