@@ -1,0 +1,143 @@
+"""The installed tree: what is in it, and what its readers say of it.
+
+Usage: install_test.py CMAKE BUILD_DIRECTORY PREFIX
+"""
+
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+CMAKE, BUILD, PREFIX = sys.argv[1:4]
+del sys.argv[1:4]
+
+SYSTEM_PROGRAMS = ("blade", "emp", "evarchiver", "evfleet", "msm")
+COMPLETED = ("blade", "evarchiver", "evctl", "evfleet", "msm")
+EXPECTED = [
+    "bin/evctl", *[f"sbin/{program}" for program in SYSTEM_PROGRAMS],
+    *[f"share/bash-completion/completions/{program}" for program in COMPLETED],
+    *[f"share/zsh/site-functions/_{program}" for program in COMPLETED],
+    *[f"share/fish/vendor_completions.d/{program}.fish" for program in COMPLETED],
+    "etc/default/evarchiver", "etc/event-manager/blade.conf",
+    "lib/systemd/system/blade@.service", "lib/systemd/system/evarchiver.service",
+    *[f"lib/{kind}.d/{name}.conf" for kind in ("sysusers", "tmpfiles") for name in ("evarchiver", "event-manager")],
+    "share/doc/event-manager/README.md", "share/doc/event-manager/operations.md",
+    "share/doc/event-manager/formats.md", "share/doc/libmpu-dev/examples/log_event.c",
+    "share/event-manager/kaitai/kelta_eventlog.ksy", "share/event-manager/wireshark/blade.lua",
+    "share/event-manager/wireshark/blade_record.py", "include/mpu/mpu/event.h", "include/mpu/mpu_gbl.h",
+]
+PAGES = ("blade", "evarchiver", "evctl", "evfleet", "msm", "mpu", "mpu_event", "kelta_eventlog")
+
+
+def run(*command, **options):
+    return subprocess.run(command, capture_output=True, text=True, timeout=60, **options)
+
+
+class InstallTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        directory = tempfile.TemporaryDirectory(prefix="install")
+        cls.addClassCleanup(directory.cleanup)
+        cls.root = pathlib.Path(directory.name)
+        done = run(CMAKE, "--install", BUILD, env={**os.environ, "DESTDIR": directory.name})
+        assert done.returncode == 0, done.stderr
+        cls.tree = cls.root / PREFIX.lstrip("/")
+        cls.units = sorted(cls.tree.glob("lib/systemd/system/*"))
+
+    def assert_silent(self, done):
+        self.assertEqual((done.returncode, done.stdout + done.stderr), (0, ""))
+
+    def test_everything_is_in_its_place(self):
+        self.assertEqual([name for name in EXPECTED if not (self.tree / name).is_file()], [])
+        pages = {page.name.rpartition(".")[0] for page in self.tree.glob("share/man/man[1-8]/*")}
+        self.assertEqual(set(PAGES) - pages, set())
+        for page in self.tree.glob("share/man/man[1-8]/*"):
+            self.assertEqual(page.parent.name[3:], page.suffix[1:])
+
+    def test_pages_are_well_formed(self):
+        self.assert_silent(run("mandoc", "-T", "lint", "-W", "warning", *self.tree.glob("share/man/man[1-8]/*")))
+
+    # --- Services
+
+    def test_units_are_well_formed(self):
+        self.assertEqual(len(self.units), 2)
+        # The system's own targets, which these units are ordered by.
+        system = self.root / "lib/systemd/system"
+        system.mkdir(parents=True)
+        for kind in ("target", "slice", "mount"):
+            for unit in pathlib.Path("/lib/systemd/system").glob(f"*.{kind}"):
+                shutil.copy(unit, system)
+        self.assert_silent(run("systemd-analyze", "verify", f"--root={self.root}", "--man=no", *self.units))
+
+    def test_units_expose_little(self):
+        for unit in self.units:
+            done = run("systemd-analyze", "security", "--offline=true", "--threshold=20", "--no-pager", unit)
+            self.assertEqual(done.returncode, 0, done.stdout)
+            exposure = re.search(r"Overall exposure level for \S+: ([0-9.]+)", done.stdout).group(1)
+            self.assertLessEqual(float(exposure), 2.0, unit.name)
+
+    def test_units_start_what_is_installed_as_users_that_are_made(self):
+        users = set(re.findall(r"^u (\w+)", "".join(
+            file.read_text() for file in self.tree.glob("lib/sysusers.d/*")), re.M))
+        for unit in self.units:
+            text = unit.read_text()
+            program = re.search(r"^ExecStart=(\S+)", text, re.M).group(1)
+            self.assertTrue(os.access(f"{self.root}{program}", os.X_OK), program)
+            self.assertIn(re.search(r"^User=(\w+)", text, re.M).group(1), users)
+            for option in re.findall(r"(?<= )--[a-z-]+", text):
+                self.assertIn(option, run(f"{self.root}{program}", "--help").stdout)
+            self.assertRegex(text, r"(?m)^StartLimitBurst=[0-9]+$")
+            self.assertRegex(text, r"(?m)^StartLimitIntervalSec=[0-9]+min$")
+            self.assertNotIn("@", re.sub(r"~?@(system-service|privileged|resources)|blade@", "", text))
+
+    def test_users_and_directories_are_well_formed(self):
+        for kind in ("sysusers", "tmpfiles"):
+            for file in self.tree.glob(f"lib/{kind}.d/*"):
+                option = ["--dry-run"] if kind == "sysusers" else ["--cat-config"]
+                done = run(f"systemd-{kind}", *option, file)
+                self.assertEqual(done.returncode, 0, done.stderr)
+        made = "".join(file.read_text() for file in self.tree.glob("lib/tmpfiles.d/*"))
+        for unit in self.units:
+            for kind, parent in (("State", "/var/lib/"), ("Logs", "/var/log/")):
+                for name in re.findall(rf"^{kind}Directory=(\w+)", unit.read_text(), re.M):
+                    self.assertIn(f"d {parent}{name} ", made)
+
+    # --- Completion
+
+    OFFERED = (
+        (("evctl", ""), {"file", "log", "--help"}), (("evctl", "file", ""), {"list", "verify", "--help"}),
+        (("evctl", "file", "list", "--"), {"--json", "--help"}), (("evctl", "log", "--text", "x", "--"), {"--hex"}),
+        (("msm", "--"), {"--help"}), (("blade", "--"), {"--slot", "--key"}), (("evarchiver", "--"), {"--listen"}),
+    )
+
+    def check_completion(self, offer):
+        path = f"{self.tree}/bin:{self.tree}/sbin:{os.environ['PATH']}"
+        for words, expected in self.OFFERED:
+            done = offer(words, {**os.environ, "PATH": path, "HOME": str(self.root)})
+            self.assertEqual(done.stderr, "", words)
+            self.assertEqual(expected - set(done.stdout.split()), set(), words)
+
+    def test_bash_completes_by_the_programs_help(self):
+        self.check_completion(lambda words, environment: run(
+            "bash", "--norc", "-c", 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _event_manager; '
+            'printf "%s\\n" "${COMPREPLY[@]}"', "bash",
+            str(self.tree / "share/bash-completion/completions" / words[0]), *words, env=environment))
+
+    def test_zsh_completes_by_the_programs_help(self):
+        self.check_completion(lambda words, environment: run(
+            "zsh", "-f", "-c", 'compadd() { print -l -- "${(P@)2}" }; _files() { }; file=$1; shift; words=("$@"); '
+            'CURRENT=$#; source $file', "zsh", str(self.tree / f"share/zsh/site-functions/_{words[0]}"), *words,
+            env=environment))
+
+    def test_fish_completes_by_the_programs_help(self):
+        self.check_completion(lambda words, environment: run(
+            "fish", "--no-config", "-c", f"source {self.tree}/share/fish/vendor_completions.d/{words[0]}.fish; "
+            f"complete -C '{' '.join(words)}'", env=environment))
+
+
+if __name__ == "__main__":
+    unittest.main()
