@@ -59,6 +59,7 @@ class Switch {
         std::set<std::shared_ptr<Connection>> connections;
     };
     static constexpr U32_t LINK_PORT = tools::ENDPOINT_COUNT;
+    static constexpr U32_t MANAGER = MMSG_E_EPID_EVENTLOGMP; ///< port of the event manager
 
     /** Where one message went. */
     struct Delivery {
