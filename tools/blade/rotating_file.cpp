@@ -60,7 +60,8 @@ size_t RotatingFile::fitting(std::string_view piece) const {
     if (!isRegular_ || piece.size() <= room) {
         return piece.size();
     }
-    size_t lastEnd = room == 0 ? std::string_view::npos : piece.rfind('\n', room - 1);
+    size_t lastEnd =
+        room == 0 ? std::string_view::npos : piece.rfind('\n', static_cast<size_t>(room - 1));
     if (lastEnd != std::string_view::npos) {
         return lastEnd + 1;
     }
