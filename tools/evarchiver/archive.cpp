@@ -1,13 +1,17 @@
 #include "archive.h"
 
 #include <algorithm>
-#include <ctime>
+#include <cstring>
+#include <utility>
 
 namespace evarchive {
 namespace {
 
 // Series known by heart at most: enough for a fleet, and a bound on memory.
 constexpr std::size_t KNOWN_SERIES = 100'000;
+
+// A run is written down when it has grown by so much: a start walks from there.
+constexpr U32_t RUN_GROWTH_NOTED = 4096;
 
 std::string printable(const std::string& text) {
     std::string shown = text.empty() ? "\"\"" : text;
@@ -16,19 +20,17 @@ std::string printable(const std::string& text) {
     return shown;
 }
 
-// Whether a stored event is one that can be sent: the file may have been damaged since.
-bool isWhole(const StoredEvent& event) {
-    return event.image.size() >= sizeof(EmpEvLogHeader_t) &&
-           event.image.size() <= LARGEST_EVENT_BODY &&
-           event.image.size() ==
-               sizeof(EmpEvLogHeader_t) + imageOf<EmpEvLogHeader_t>(event.image).evStructLength;
+SeriesKey keyOf(View body) {
+    const auto header = imageOf<EmpEvLogHeader_t>(body);
+    return {{textOf(header.evEnclosureId), textOf(header.evBladeId), header.evSlotId},
+            header.evInstanceNumber};
 }
 
-bool haveSameFirstData(const StoredEvent& event, const EmpGetEvArchiverStatusMsg_t& request) {
-    const View data = View(event.image).subspan(EMP_EVENT_HEADER_SIZE);
-    const std::size_t compared = std::min(data.size(), sizeof(request.evRandom));
-    return data.size() == request.evStructLength &&
-           std::ranges::equal(data.first(compared), View(request.evRandom).first(compared));
+Aside reasonOf(const Arrival& arrival) {
+    if (arrival.isSuperseded) {
+        return Aside::SUPERSEDED;
+    }
+    return arrival.certainty == Certainty::CERTAIN ? Aside::OTHER_IDENTITY : Aside::NEVER_CONFIRMED;
 }
 
 } // namespace
@@ -47,149 +49,363 @@ std::string nameOf(const SeriesKey& series) {
 }
 
 Archive::Archive(Store& store, const ArchiveSettings& settings, Say say)
-    : store_(store), settings_(settings), say_(std::move(say)), rows_(store.rowCount()) {}
+    : store_(store), settings_(settings), say_(std::move(say)),
+      rows_(settings.rowLimit > 0 ? store.rowCount() : 0), committedRows_(rows_) {}
 
-Filed Archive::fileEvent(const BladeKey* speaker, View body) {
-    const auto header = imageOf<EmpEvLogHeader_t>(body);
-    const SeriesKey key{{textOf(header.evEnclosureId), textOf(header.evBladeId), header.evSlotId},
-                        header.evInstanceNumber};
-    StoredEvent event{header.evSequenceId, true, Bytes(body.begin(), body.end())};
+Filed Archive::fileEvent(LinkNumber link, View body, Certainty certainty) {
     ensureTransaction();
-    const Filed filed = fileIn(key, event);
-    if (speaker != nullptr && *speaker != key.blade && filed != Filed::REFUSED) {
-        ++counts_.strangers;
-        event.own = false;
-        fileIn({*speaker, key.instance}, event);
+    const U32_t id = imageOf<EmpEvLogHeader_t>(body).evSequenceId;
+    Speaker& speaker = speakerOf(link, body);
+    const Arrival arrival{body, certainty, !speaker.isStranger, isSuperseded(speaker, link)};
+    const Filed filed = fileIn({*speaker.series, arrival, true, id});
+    if (!speaker.isStranger || filed == Filed::REFUSED) {
+        return filed;
     }
-    if (++uncommitted_ >= settings_.batch) {
-        commit();
-    }
-    return filed;
+    counts_.strangers += certainty == Certainty::CERTAIN ? 1 : 0;
+    Series& ownLog = seriesOf({*speaker.blade, speaker.series->key.instance});
+    return fileIn({ownLog, {body, certainty, true, arrival.isSuperseded}, false, id});
 }
 
-Filed Archive::fileIn(const SeriesKey& key, const StoredEvent& event) {
-    Series& series = seriesOf(key);
-    const bool canBeHeld = series.highestId && event.sequenceId <= *series.highestId;
-    const auto held = canBeHeld ? store_.heldEvent(series.newest, event.sequenceId) : std::nullopt;
-    if (held && held->image == event.image) {
-        ++counts_.duplicates;
-        touched_.insert(series.newest);
-        store_.countDuplicate(series.newest);
-        return Filed::DUPLICATE;
+Archive::Speaker& Archive::speakerOf(LinkNumber link, View body) {
+    Speaker& speaker = speakers_[link];
+    if (speaker.series == nullptr ||
+        memcmp(speaker.identity.data(), body.data(), IDENTITY_SIZE) != 0) {
+        std::copy_n(body.begin(), IDENTITY_SIZE, speaker.identity.begin());
+        speaker.series = &seriesOf(keyOf(body));
+        speaker.isStranger = speaker.blade && *speaker.blade != speaker.series->key.blade;
     }
-    if (rows_ >= settings_.rowLimit) {
-        refuse();
-        return Filed::REFUSED;
+    return speaker;
+}
+
+bool Archive::isSuperseded(const Speaker& speaker, LinkNumber link) const {
+    if (!speaker.blade) {
+        return false;
     }
+    const auto owner = owners_.find(*speaker.blade);
+    return owner != owners_.end() && owner->second != 0 && owner->second != link;
+}
+
+Filed Archive::fileIn(const Filing& filing) {
+    std::optional<StoredEvent> held;
+    const Place place = placeOf(filing.series, filing.id, held);
+    return act(filing, fateOf(filing.arrival, place), place);
+}
+
+Place Archive::placeOf(const Series& series, U32_t id, std::optional<StoredEvent>& held) {
+    Place place;
+    if (!series.highestId || id > *series.highestId) {
+        return place;
+    }
+    held = store_.heldEvent(series.newest, id);
     if (held) {
-        openGeneration(series);
-        ++counts_.generations;
-        say_(nameOf(key) + ": other bytes under id " + std::to_string(event.sequenceId) +
-             ", generation " + std::to_string(series.newest.generation) + " opened");
+        place.image = held->image;
+        place.isDoubtful = held->doubtful;
+    } else if (series.proven && series.proven->contains(id)) {
+        const auto oldest = store_.oldestEvent(series.newest);
+        const bool isKnown = oldest && isWholeEvent(oldest->image);
+        place.expiredBefore =
+            isKnown ? U32_t{imageOf<EmpEvLogHeader_t>(oldest->image).evTime} : U32_t{0};
     }
-    store(key, series, event);
-    return held ? Filed::NEW_GENERATION : Filed::STORED;
+    return place;
 }
 
-void Archive::refuse() {
+Filed Archive::act(const Filing& filing, Fate fate, const Place& place) {
+    Series& series = filing.series;
+    switch (fate) {
+    case Fate::STORE:
+        return store(filing);
+    case Fate::DUPLICATE:
+        ++counts_.duplicates;
+        ++series.duplicates;
+        hasDuplicates_.insert(&series);
+        touch(series);
+        return Filed::DUPLICATE;
+    case Fate::CONFIRM:
+        store_.confirmEvent(series.newest, filing.id);
+        extendRun(series, filing.id);
+        return Filed::STORED;
+    case Fate::REPLACE:
+        setAside(series, Aside::REPLACED, *place.image, filing.own);
+        removeFrom(series, filing.id);
+        return store(filing);
+    case Fate::OPEN_GENERATION:
+        return openAndStore(filing);
+    case Fate::SET_ASIDE:
+        setAside(series, reasonOf(filing.arrival), filing.arrival.image, filing.own);
+        return Filed::SET_ASIDE;
+    default:
+        return Filed::LEFT;
+    }
+}
+
+Filed Archive::refuse() {
     ++counts_.refused;
     if (!saidFull_) {
-        say_("the archive is full: " + std::to_string(rows_) + " events; further ones are refused");
+        say(Level::FAILURE,
+            "the archive is full: " + std::to_string(rows_) + " events; further ones are refused");
         saidFull_ = true;
     }
+    return Filed::REFUSED;
 }
 
-void Archive::store(const SeriesKey& key, Series& series, const StoredEvent& event) {
-    noteGap(key, series, event.sequenceId);
+Filed Archive::store(const Filing& filing) {
+    if (settings_.rowLimit > 0 && rows_ >= settings_.rowLimit) {
+        return refuse();
+    }
+    Series& series = filing.series;
+    const bool isDoubtful = filing.arrival.certainty != Certainty::CERTAIN;
+    noteGap(series, filing.id);
     if (series.newest.series == 0) {
-        series.newest.series = store_.addSeries(key);
+        series.newest.series = store_.addSeries(series.key);
     }
     if (series.newest.generation == 0) {
         openGeneration(series);
     }
-    store_.addEvent(series.newest, event);
-    touched_.insert(series.newest);
-    series.highestId = std::max(series.highestId.value_or(0), event.sequenceId);
+    store_.addEvent(series.newest, {filing.id, filing.arrival.image, filing.own, isDoubtful, now_});
+    series.highestId = std::max(series.highestId.value_or(0), filing.id);
+    touch(series);
+    if (!isDoubtful) {
+        extendRun(series, filing.id);
+    }
     ++rows_;
     ++counts_.stored;
+    counts_.bytes += filing.arrival.image.size();
+    return Filed::STORED;
 }
 
-void Archive::noteGap(const SeriesKey& key, const Series& series, U32_t id) {
-    // 64 bits: behind the last id of all there is none, the instance rises and ids begin at 0.
-    if (!series.highestId || U64_t{id} <= U64_t{*series.highestId} + 1) {
-        return;
+Filed Archive::openAndStore(const Filing& filing) {
+    if (settings_.rowLimit > 0 && rows_ >= settings_.rowLimit) {
+        return refuse();
     }
-    ++counts_.gaps;
-    say_(nameOf(key) + ": gap, ids " + std::to_string(*series.highestId + 1) + " to " +
-         std::to_string(id - 1) + " are missing");
+    openGeneration(filing.series);
+    ++counts_.generations;
+    say(Level::WARNING, nameOf(filing.series.key) + ": other bytes under id " +
+                            std::to_string(filing.id) + ", generation " +
+                            std::to_string(filing.series.newest.generation) + " opened");
+    store(filing);
+    return Filed::NEW_GENERATION;
+}
+
+void Archive::touch(Series& series) {
+    if (!series.isTouched) {
+        touched_.insert(series.newest);
+        series.isTouched = true;
+    }
+}
+
+void Archive::extendRun(Series& series, U32_t id) {
+    if (!series.proven) {
+        series.proven = IdRun{id, id};
+    } else if (id == U64_t{series.proven->last} + 1) {
+        series.proven->last = id;
+    }
 }
 
 void Archive::openGeneration(Series& series) {
+    writeDuplicates(); // they belong to the generation before
+    series.isTouched = false;
     ++series.newest.generation;
     series.highestId.reset();
-    store_.addGeneration(series.newest, time(nullptr));
+    series.proven.reset();
+    series.notedTo = 0;
+    store_.addGeneration(series.newest, now_);
 }
 
-Archive::Series& Archive::seriesOf(const SeriesKey& key) {
-    if (const auto known = series_.find(key); known != series_.end()) {
-        return known->second;
+void Archive::noteGap(const Series& series, U32_t id) {
+    const auto gap = gapBefore(series.highestId, id);
+    if (!gap) {
+        return;
     }
-    if (series_.size() >= KNOWN_SERIES) {
-        series_.clear();
-    }
-    return series_.emplace(key, findSeries(key).value_or(Series{})).first->second;
+    ++counts_.gaps;
+    say(Level::WARNING, nameOf(series.key) + ": gap, ids " + std::to_string(gap->first) + " to " +
+                            std::to_string(gap->last) + " are missing");
 }
 
-std::optional<Archive::Series> Archive::findSeries(const SeriesKey& key) {
-    const auto number = store_.findSeries(key);
-    if (!number) {
-        return std::nullopt;
+void Archive::takeBack(LinkNumber link, View body) {
+    ensureTransaction();
+    const U32_t id = imageOf<EmpEvLogHeader_t>(body).evSequenceId;
+    Speaker& speaker = speakerOf(link, body);
+    takeBackFrom(*speaker.series, id, body);
+    if (speaker.isStranger) {
+        takeBackFrom(seriesOf({*speaker.blade, speaker.series->key.instance}), id, body);
     }
-    const GenerationKey newest{*number, store_.newestGeneration(*number)};
-    return Series{newest, store_.highestId(newest)};
 }
 
-StatusVerdict Archive::answerStatus(const EmpGetEvArchiverStatusMsg_t& request) {
-    commit();
-    ++counts_.statusAnswers;
+void Archive::takeBackFrom(Series& series, U32_t id, View body) {
+    std::optional<StoredEvent> held;
+    const Place place = placeOf(series, id, held);
+    if (!held || !std::ranges::equal(*place.image, body)) {
+        return;
+    }
+    setAside(series, Aside::BORDERS_LOST, body, held->own);
+    removeFrom(series, id);
+    say(Level::NOTICE,
+        nameOf(series.key) + ": event " + std::to_string(id) + " taken back, it may be damaged");
+}
+
+void Archive::removeFrom(Series& series, U32_t id) {
+    store_.removeEvent(series.newest, id);
+    series.highestId = store_.highestId(series.newest);
+    if (series.proven && series.proven->contains(id)) {
+        // What follows it is found again by the next walk.
+        series.proven = id > series.proven->first
+                            ? std::optional(IdRun{series.proven->first, id - 1})
+                            : std::nullopt;
+        store_.noteProven(series.newest, series.proven.value_or(IdRun{1, 0}));
+        series.notedTo = series.proven ? series.proven->last : 0;
+    }
+    rows_ -= rows_ > 0 ? 1 : 0;
+}
+
+void Archive::setAside(const Series& series, Aside reason, View image, bool own) {
+    ++counts_.setAside;
+    store_.setAside(series.key, reason,
+                    {imageOf<EmpEvLogHeader_t>(image).evSequenceId, image, own, true, now_});
+}
+
+StatusVerdict Archive::answerStatus(LinkNumber link, const EmpGetEvArchiverStatusMsg_t& request) {
     const SeriesKey key{bladeOf(request), request.evInstanceNumber};
-    const U32_t first = request.evSequenceIdFirst;
-    const auto series = findSeries(key);
-    const auto held = series ? store_.heldEvent(series->newest, first) : std::nullopt;
-    if (!held || !isWhole(*held) || !haveSameFirstData(*held, request)) {
-        return {0, EMP_E_ARCHIVER_CONTROL_NO_DATA};
-    }
-    StatusVerdict verdict{store_.endOfRun(series->newest, first), 0};
-    clearUpTo(key, first, verdict);
+    ++counts_.statusAnswers;
+    Speaker& speaker = speakers_[link];
+    speaker.blade = key.blade;
+    speaker.series = nullptr;
+    LinkNumber& owner = owners_[key.blade];
+    ownersBefore_.emplace_back(key.blade, owner);
+    owner = link;
+    Series* series = findSeries(key);
+    const StatusVerdict verdict = series == nullptr ? NOTHING_HELD : verdictFor(request, *series);
+    say(Level::INFO, nameOf(key) + " from id " + std::to_string(U32_t{request.evSequenceIdFirst}) +
+                         (verdict == NOTHING_HELD
+                              ? ", nothing of it claimed"
+                              : ", claimed to id " + std::to_string(verdict.sequenceIdLast)));
     return verdict;
 }
 
-void Archive::clearUpTo(const SeriesKey& key, U32_t first, StatusVerdict& verdict) {
-    const U32_t kept = settings_.clear == Clear::ALL_BUT_NEWEST ? 1 : 0;
-    const bool isEmpty = verdict.sequenceIdLast - first < kept;
-    if (settings_.clear == Clear::NOTHING || isEmpty || !cleared_.insert(key).second) {
-        return;
+StatusVerdict Archive::verdictFor(const EmpGetEvArchiverStatusMsg_t& request, Series& series) {
+    const U32_t first = request.evSequenceIdFirst;
+    std::optional<StoredEvent> held;
+    const Place place = placeOf(series, first, held);
+    if (!isSameLog(request, place)) {
+        return NOTHING_HELD;
     }
-    verdict.sequenceIdLast -= kept;
-    verdict.controlFlag |= EMP_E_ARCHIVER_CONTROL_CLEAR;
-    say_(nameOf(key) + ": asked to drop its events up to id " +
-         std::to_string(verdict.sequenceIdLast));
+    const IdRun run = runFrom(series, first);
+    if (settings_.clear == Clear::NOTHING || !place.image) {
+        return claimOf(run);
+    }
+    const auto clear = clearOf(run, settings_.clear);
+    if (!clear || !cleared_.insert(series.key).second) {
+        return claimOf(run);
+    }
+    clearedNow_.push_back(series.key);
+    say(Level::NOTICE, nameOf(series.key) + ": asked to drop its events up to id " +
+                           std::to_string(clear->sequenceIdLast));
+    return *clear;
+}
+
+IdRun Archive::runFrom(Series& series, U32_t first) {
+    if (!series.proven || !series.proven->contains(first)) {
+        // Another run: from now on it is the one that is known.
+        series.proven = IdRun{first, first};
+        series.notedTo = 0;
+    }
+    const auto last = store_.heldEvent(series.newest, series.proven->last);
+    if (last && !last->doubtful) {
+        series.proven->last = store_.endOfRun(series.newest, series.proven->last);
+    }
+    if (series.proven->last - series.notedTo >= RUN_GROWTH_NOTED) {
+        ensureTransaction();
+        noteRun(series);
+    }
+    return {first, series.proven->last};
+}
+
+void Archive::noteRun(Series& series) {
+    store_.noteProven(series.newest, *series.proven);
+    series.notedTo = series.proven->last;
+}
+
+void Archive::noteRuns() {
+    for (auto& [key, series] : series_) {
+        if (series.proven && series.newest.generation > 0 &&
+            series.proven->last != series.notedTo) {
+            ensureTransaction();
+            noteRun(series);
+        }
+    }
 }
 
 std::optional<StoredEvent> Archive::answerInquiry(const EmpEvInquiryMsg_t& inquiry) {
     const SeriesKey key{
         {textOf(inquiry.evEnclosureId), textOf(inquiry.evBladeId), inquiry.evSlotId},
         inquiry.evInstanceNumber};
-    const auto series = findSeries(key);
+    const Series* series = findSeries(key);
     const auto type = static_cast<EMP_INQUIRY_TYPE_e>(U32_t{inquiry.evInquiryType});
-    auto event =
-        series ? store_.findEvent(series->newest, type, inquiry.evSeqIdInquiry) : std::nullopt;
-    if (event && !isWhole(*event)) {
-        say_(nameOf(key) + ": event " + std::to_string(event->sequenceId) + " is damaged");
+    auto event = series != nullptr ? store_.findEvent(series->newest, type, inquiry.evSeqIdInquiry)
+                                   : std::nullopt;
+    if (event && !isWholeEvent(event->image)) {
+        say(Level::WARNING,
+            nameOf(key) + ": event " + std::to_string(event->sequenceId) + " is damaged");
         event.reset();
     }
     ++(event ? counts_.found : counts_.notFound);
     return event;
+}
+
+void Archive::endLink(LinkNumber link) {
+    const auto speaker = speakers_.find(link);
+    if (speaker == speakers_.end()) {
+        return;
+    }
+    if (speaker->second.blade) {
+        const auto owner = owners_.find(*speaker->second.blade);
+        if (owner != owners_.end() && owner->second == link) {
+            owners_.erase(owner);
+        }
+    }
+    speakers_.erase(speaker);
+}
+
+Archive::Series& Archive::seriesOf(const SeriesKey& key) {
+    if (Series* known = findSeries(key); known != nullptr) {
+        return *known;
+    }
+    return series_.emplace(key, Series{.key = key}).first->second;
+}
+
+Archive::Series* Archive::findSeries(const SeriesKey& key) {
+    if (const auto known = series_.find(key); known != series_.end()) {
+        return &known->second;
+    }
+    const auto number = store_.findSeries(key);
+    if (!number) {
+        return nullptr;
+    }
+    Series series{.key = key, .newest = {*number, 0}};
+    if (const auto newest = store_.newestGeneration(*number)) {
+        series.newest = newest->number;
+        series.highestId = store_.highestId(series.newest);
+        if (newest->proven && newest->proven->last <= series.highestId.value_or(0)) {
+            series.proven = newest->proven;
+            series.notedTo = newest->proven->last;
+        }
+    }
+    return &series_.emplace(key, std::move(series)).first->second;
+}
+
+void Archive::forget() {
+    series_.clear();
+    hasDuplicates_.clear();
+    for (auto& [link, speaker] : speakers_) {
+        speaker.series = nullptr;
+    }
+}
+
+void Archive::writeDuplicates() {
+    for (Series* series : hasDuplicates_) {
+        store_.countDuplicates(series->newest, series->duplicates);
+        series->duplicates = 0;
+    }
+    hasDuplicates_.clear();
 }
 
 void Archive::ensureTransaction() {
@@ -201,20 +417,58 @@ void Archive::ensureTransaction() {
 
 void Archive::commit() {
     if (inTransaction_) {
+        writeDuplicates();
         store_.commit();
         inTransaction_ = false;
-        uncommitted_ = 0;
     }
+    committed_ = counts_;
+    committedRows_ = rows_;
+    clearedNow_.clear();
+    ownersBefore_.clear();
+    for (const auto& [level, text] : std::exchange(lines_, {})) {
+        say_(level, text);
+    }
+    if (series_.size() > KNOWN_SERIES) {
+        noteRuns();
+        if (inTransaction_) {
+            store_.commit();
+            inTransaction_ = false;
+        }
+        forget();
+    }
+}
+
+void Archive::abandon() noexcept {
+    if (inTransaction_) {
+        store_.rollback();
+        inTransaction_ = false;
+    }
+    for (auto before = ownersBefore_.rbegin(); before != ownersBefore_.rend(); ++before) {
+        owners_[before->first] = before->second;
+    }
+    ownersBefore_.clear();
+    for (const SeriesKey& key : clearedNow_) {
+        cleared_.erase(key);
+    }
+    clearedNow_.clear();
+    lines_.clear();
+    counts_ = committed_;
+    rows_ = committedRows_;
+    forget();
 }
 
 U64_t Archive::countGaps() {
     U64_t gaps = 0;
     for (const GenerationKey& generation : touched_) {
         U64_t runs = 0;
-        store_.forEachRun(generation, [&runs](const IdRun&) { ++runs; });
+        store_.forEachRun(generation, 0, [&runs](const IdRun&) { ++runs; });
         gaps += runs > 0 ? runs - 1 : 0;
     }
     return gaps;
+}
+
+void Archive::say(Level level, const std::string& text) {
+    lines_.emplace_back(level, text);
 }
 
 } // namespace evarchive

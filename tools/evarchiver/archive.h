@@ -1,63 +1,52 @@
 /**
  * @file
- * What is kept and what is answered: the rules of the archive, over any storage.
+ * What is kept and what is answered: the rules over a storage. Synchronous, for one thread.
  */
 #ifndef EVARCHIVER_ARCHIVE_H
 #define EVARCHIVER_ARCHIVE_H
 
+#include "say.h"
 #include "store.h"
 
+#include <array>
 #include <map>
 #include <set>
+#include <unordered_map>
 
 namespace evarchive {
 
-/** Where the archive and the server say what an operator should know, a line each. */
-using Say = std::function<void(const std::string& line)>;
-
-/** Which entries blades are asked to drop from their own logs, each blade's log once. */
-enum class Clear {
-    NOTHING,
-    /** All that the archive holds but the newest one: a blade whose log is empty to its last id
-     * goes round its loop without rest until the next event. */
-    ALL_BUT_NEWEST,
-    ALL,
-};
+/** A link's number, never given twice in one run; 0: none. */
+using LinkNumber = U64_t;
 
 /** What an operator sets. */
 struct ArchiveSettings {
-    U64_t rowLimit = 100'000'000; ///< events kept at most; further ones are refused
-    U32_t batch = 1000;           ///< events to a transaction at most, at least 1
+    U64_t rowLimit = 0; ///< events kept at most, further ones are refused; 0: no limit
     Clear clear = Clear::NOTHING;
 };
 
 /** What happened to an event. */
-enum class Filed {
+enum class Filed : U8_t {
     STORED,
     NEW_GENERATION, ///< stored, as the first of a new generation
     DUPLICATE,      ///< held already, with the same bytes: dropped
+    SET_ASIDE,      ///< kept, but not filed
+    LEFT,           ///< not yet filed: it comes again with more certainty
     REFUSED,        ///< the archive is full: not stored
 };
 
 /** What happened since the start. */
 struct ArchiveCounts {
     U64_t stored = 0;
+    U64_t bytes = 0; ///< of the events stored
     U64_t duplicates = 0;
     U64_t generations = 0; ///< opened because other bytes came under a key that was held
     U64_t gaps = 0;        ///< ids skipped on arrival, each stretch counted once
     U64_t strangers = 0;   ///< events of another identity in a blade's log
+    U64_t setAside = 0;
     U64_t refused = 0;
     U64_t statusAnswers = 0;
     U64_t found = 0;    ///< inquiries answered with an event
     U64_t notFound = 0; ///< inquiries answered with return code 2
-};
-
-/** What a status request is answered. */
-struct StatusVerdict {
-    U32_t sequenceIdLast = 0;
-    U32_t controlFlag = 0; ///< bits of EMP_ARCHIVER_CONTROL_FLAG_e
-
-    bool operator==(const StatusVerdict&) const = default;
 };
 
 /** Who speaks on a link, as its status request said. */
@@ -69,68 +58,139 @@ std::string nameOf(const BladeKey& blade);
 /** nameOf() of the blade and the instance. */
 std::string nameOf(const SeriesKey& series);
 
-/** The archive. All calls throw StoreError when the storage fails. */
+/**
+ * The archive. All calls but abandon() throw StoreError when the storage fails; abandon() is then
+ * the next call, and everything since the last commit() has to be done again.
+ */
 class Archive {
   public:
+    /** @param say called at commit() with the lines since the one before, nothing of it earlier:
+     * what is abandoned is not said */
     Archive(Store& store, const ArchiveSettings& settings, Say say);
+
+    /** The time that is written beside what comes from now on, seconds since 1970-01-01 UTC. */
+    void setTime(S64_t now) { now_ = now; }
 
     /**
      * Files an event under its enclosure, blade, slot, instance and sequence id. It is kept for
      * good with the next commit().
-     * @param speaker the blade on whose link it came, if that is known; when the event bears
-     *                another identity it is filed a second time, in the speaker's log, where it
-     *                holds its id
-     * @param body    EmpEvLogMsg_t, whole
+     * @param link who brings it. When that link has sent a status request and the event bears
+     *             another identity, it is filed a second time, in the speaker's log, where it holds
+     *             its id
+     * @param body EmpEvLogMsg_t, whole
      */
-    Filed fileEvent(const BladeKey* speaker, View body);
+    Filed fileEvent(LinkNumber link, View body, Certainty certainty = Certainty::CERTAIN);
+
+    /** An event that was filed without a border behind it turns out to be damaged. */
+    void takeBack(LinkNumber link, View body);
 
     /**
-     * Answers a status request. Commits first: only what is safe is claimed.
+     * Answers a status request; the answer must not leave before the next commit(). From now on
+     * the link is the one that its blade speaks on.
      *
-     * Claimed is the last id of the unbroken run, in the newest generation of the asked instance,
-     * that the request's evSequenceIdFirst belongs to. "No data" when that id is not held, or is
-     * held with another length or other first data bytes: that is another log.
+     * Claimed is the unbroken run, in the newest generation of the asked instance, that the
+     * request's evSequenceIdFirst belongs to, see claimOf().
      */
-    StatusVerdict answerStatus(const EmpGetEvArchiverStatusMsg_t& request);
+    StatusVerdict answerStatus(LinkNumber link, const EmpGetEvArchiverStatusMsg_t& request);
 
     /** The event that an inquiry asks for, only from the asked identity and its newest generation.
      */
     std::optional<StoredEvent> answerInquiry(const EmpEvInquiryMsg_t& inquiry);
 
-    /** Makes everything filed so far safe. */
+    /** The link is gone; its number does not come again. */
+    void endLink(LinkNumber link);
+
+    /** Makes everything since the last commit safe. */
     void commit();
 
-    const ArchiveCounts& counts() const { return counts_; }
+    /** Forgets everything since the last commit. */
+    void abandon() noexcept;
+
+    bool isUncommitted() const { return inTransaction_; }
+
+    /** As of the last commit. */
+    const ArchiveCounts& counts() const { return committed_; }
 
     /** The holes in all generations that events were filed in since the start. */
     U64_t countGaps();
 
+    /** Writes down what is known of unbroken runs: it saves the next start a walk. */
+    void noteRuns();
+
   private:
     /** What is known by heart of a series: it saves a look into the storage for each event. */
     struct Series {
-        GenerationKey newest;           ///< zeros: not in the storage yet
-        std::optional<U32_t> highestId; ///< of the newest generation
+        SeriesKey key;
+        GenerationKey newest = {};           ///< zeros: not in the storage yet
+        std::optional<U32_t> highestId = {}; ///< of the newest generation
+        std::optional<IdRun> proven = {};    ///< of the newest generation; grows with what comes
+        U32_t notedTo = 0;                   ///< the storage knows of the run up to here
+        U64_t duplicates = 0;                ///< not written yet
+        bool isTouched = false;              ///< the generation is in touched_
     };
 
-    Filed fileIn(const SeriesKey& key, const StoredEvent& event);
-    void refuse();
-    void store(const SeriesKey& key, Series& series, const StoredEvent& event);
+    // An event's place: its bytes from enclosure to instance.
+    static constexpr std::size_t IDENTITY_SIZE = offsetof(EmpEvLogHeader_t, evSequenceId);
+    using Identity = std::array<U8_t, IDENTITY_SIZE>;
+
+    /** What is known of a link. */
+    struct Speaker {
+        std::optional<BladeKey> blade;
+        Identity identity{};      ///< of its last event
+        Series* series = nullptr; ///< where that belongs; none after forget()
+        bool isStranger = false;  ///< whether that bears another identity than the link's blade
+    };
+
+    /** An event on its way into a series. */
+    struct Filing {
+        Series& series;
+        Arrival arrival;
+        bool own;
+        U32_t id;
+    };
+
+    Speaker& speakerOf(LinkNumber link, View body);
+    bool isSuperseded(const Speaker& speaker, LinkNumber link) const;
+    Filed fileIn(const Filing& filing);
+    Place placeOf(const Series& series, U32_t id, std::optional<StoredEvent>& held);
+    Filed act(const Filing& filing, Fate fate, const Place& place);
+    Filed store(const Filing& filing);
+    Filed openAndStore(const Filing& filing);
+    void takeBackFrom(Series& series, U32_t id, View body);
+    void removeFrom(Series& series, U32_t id);
+    void setAside(const Series& series, Aside reason, View image, bool own);
+    Filed refuse();
     void openGeneration(Series& series);
-    void noteGap(const SeriesKey& key, const Series& series, U32_t id);
+    void touch(Series& series);
+    static void extendRun(Series& series, U32_t id);
+    void noteGap(const Series& series, U32_t id);
+    IdRun runFrom(Series& series, U32_t first);
+    void noteRun(Series& series);
+    StatusVerdict verdictFor(const EmpGetEvArchiverStatusMsg_t& request, Series& series);
     Series& seriesOf(const SeriesKey& key);
-    std::optional<Series> findSeries(const SeriesKey& key);
+    Series* findSeries(const SeriesKey& key);
+    void forget();
+    void writeDuplicates();
     void ensureTransaction();
-    void clearUpTo(const SeriesKey& key, U32_t first, StatusVerdict& verdict);
+    void say(Level level, const std::string& text);
 
     Store& store_;
     ArchiveSettings settings_;
     Say say_;
     ArchiveCounts counts_;
+    ArchiveCounts committed_;
+    std::vector<std::pair<Level, std::string>> lines_; ///< since the last commit
     std::map<SeriesKey, Series> series_;
+    std::unordered_map<LinkNumber, Speaker> speakers_;
+    std::map<BladeKey, LinkNumber> owners_;                     ///< on which link each blade speaks
+    std::vector<std::pair<BladeKey, LinkNumber>> ownersBefore_; ///< those of the last commit
+    std::set<Series*> hasDuplicates_;
     std::set<GenerationKey> touched_;
     std::set<SeriesKey> cleared_;
-    U64_t rows_;
-    U32_t uncommitted_ = 0; ///< events and duplicates since begin()
+    std::vector<SeriesKey> clearedNow_; ///< since the last commit
+    S64_t now_ = 0;
+    U64_t rows_ = 0; ///< kept up only under a row limit
+    U64_t committedRows_ = 0;
     bool inTransaction_ = false;
     bool saidFull_ = false;
 };

@@ -56,7 +56,7 @@ std::vector<Generation> readGenerations(StoreReader& store, bool withEvents) {
         Generation& generation = generations.emplace_back();
         generation.info = std::move(info);
         const GenerationKey number = generation.info.number;
-        store.forEachRun(number, [&](const IdRun& run) { generation.runs.push_back(run); });
+        store.forEachRun(number, 0, [&](const IdRun& run) { generation.runs.push_back(run); });
         if (withEvents) {
             store.forEachEvent(number, [&](const StoredEvent& event) {
                 if (!fitsItsPlace(generation.info.key, event)) {

@@ -2,7 +2,11 @@
 
 #include "whole_send.h"
 
-#include <asio/buffer.hpp>
+#include <cerrno>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <utility>
 
 namespace evarchive {
 namespace {
@@ -10,8 +14,55 @@ namespace {
 // A handle that no blade has asked with: blades count theirs up from small numbers.
 constexpr U32_t HANDLE_SPOILER = 0x80000000;
 
+// How long a connection may say nothing at first. A blade's first message is its status request.
+constexpr std::chrono::seconds FIRST_REQUEST_TIME{10};
+
+// How long the archive may take for an answer.
+constexpr std::chrono::seconds ANSWER_TIME{10};
+
+// How long nothing must have come behind an event before it is certain. A blade that was stalled
+// goes on with the rest of a message after 5 s, which it counts in passes of its loop.
+constexpr std::chrono::seconds CERTAIN_TIME{15};
+
+// How long a link may take to end.
+constexpr std::chrono::seconds END_TIME{5};
+
+// How long an event manager can have an unanswered inquiry on its list, with some room.
+constexpr std::chrono::seconds INQUIRY_TIME{30};
+
+// Inquiries of which the handles are remembered: an event manager has 64 under way at most.
+constexpr std::size_t INQUIRIES_OF_ONE = 128;
+
+// Requests that wait for the archive: no blade has so many.
+constexpr std::size_t REQUESTS_OF_ONE = 10'000;
+
+// Bytes of answers that wait for one blade. It can have 64 inquiries under way.
+constexpr std::size_t UNSENT_OF_ONE = 1'048'576;
+
+// Between two looks whether an answer can go out.
+constexpr std::chrono::microseconds FIRST_FLUSH_DELAY{500};
+constexpr std::chrono::microseconds LONGEST_FLUSH_DELAY{50'000};
+
+// When a blade is gone without a word: after 60 s of silence it is asked, and unanswered bytes or
+// questions end the link.
+void watchPeer(int descriptor) {
+    const int one = 1;
+    const int idle = 60;
+    const int interval = 10;
+    const int count = 3;
+    const unsigned unanswered = 90'000;
+    setsockopt(descriptor, SOL_SOCKET, SO_KEEPALIVE, &one, sizeof(one));
+    setsockopt(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof(idle));
+    setsockopt(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof(interval));
+    setsockopt(descriptor, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof(count));
+    setsockopt(descriptor, IPPROTO_TCP, TCP_USER_TIMEOUT, &unanswered, sizeof(unanswered));
+}
+
 // Spoils a response as the test switches ask.
 void spoil(Bytes& response, const Misbehaviour& bad) {
+    if (response.empty()) {
+        return;
+    }
     auto header = imageOf<EmpEvArchiverMsgHeader_t>(response);
     if (bad.wrongVersion) {
         header.evArchiverMsgHdrVersion = U16_t{HEADER_VERSION + 1};
@@ -22,136 +73,378 @@ void spoil(Bytes& response, const Misbehaviour& bad) {
     std::ranges::copy(viewOf(header), response.begin());
 }
 
-void setUpSocket(asio::ip::tcp::socket& socket) {
-    asio::error_code ignored; // a socket that is gone shows at its first read
-    // Without it the end of a response waits for the blade to acknowledge its beginning.
-    socket.set_option(asio::ip::tcp::no_delay(true), ignored);
-    socket.set_option(asio::socket_base::send_buffer_size(SEND_BUFFER), ignored);
-    socket.set_option(asio::socket_base::keep_alive(true), ignored);
-}
-
 } // namespace
 
-Link::Link(asio::ip::tcp::socket socket, const std::string& peer, const Options& options,
-           Archive& archive, SessionCounts& counts, Listener listener, Say say)
-    : socket_(std::move(socket)), peer_(peer), options_(options), listener_(std::move(listener)),
-      say_(std::move(say)),
+Link::Link(asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer, LinkNumber number,
+           LinkHost& host)
+    : socket_(std::move(socket)), address_(peer.address()), peer_(textOfEndpoint(peer)),
+      number_(number), host_(host),
       session_(
-          archive, counts, peer, [this](Bytes response) { answer(std::move(response)); }, say_,
-          options.misbehaviour.closeAfter) {}
+          *this, host.counts().sessions,
+          [this](Level level, const std::string& line) { say(level, line); },
+          host.options().misbehaviour.closeAfter),
+      outbox_(host.options().answerLimit) {}
 
 void Link::start() {
-    setUpSocket(socket_);
-    if (!options_.misbehaviour.neverRead) {
+    socket_.non_blocking(true);
+    setUpWholeSending(socket_.native_handle());
+    watchPeer(socket_.native_handle());
+    if (!host_.options().misbehaviour.neverRead) {
         read();
     }
 }
 
-void Link::read() {
-    socket_.async_read_some(asio::buffer(input_),
-                            [self = shared_from_this()](asio::error_code error, std::size_t size) {
-                                if (error) {
-                                    self->close();
-                                } else {
-                                    self->received(size);
-                                }
-                            });
+void Link::say(Level level, const std::string& line) {
+    host_.say(level, peer_ + ": " + line);
 }
 
-void Link::received(std::size_t length) {
-    if (isClosed_) {
+void Link::read() {
+    if (isReading_) {
+        return;
+    }
+    isReading_ = true;
+    socket_.async_wait(asio::ip::tcp::socket::wait_read,
+                       [self = shared_from_this()](asio::error_code error) {
+                           self->isReading_ = false;
+                           if (self->isClosed_) {
+                               return;
+                           }
+                           if (error) {
+                               self->close();
+                           } else {
+                               self->readable();
+                           }
+                       });
+}
+
+void Link::readable() {
+    if (isEnding_) {
+        drain();
+        return;
+    }
+    if (!host_.hasRoom()) {
+        ++host_.counts().shed;
+        end();
+        return;
+    }
+    const std::span<U8_t> buffer = host_.receiveBuffer();
+    const ssize_t size = recv(socket_.native_handle(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (size < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+        read();
+        return;
+    }
+    if (size <= 0) {
+        close();
         return;
     }
     lastHeard_ = Clock::now();
-    const Verdict verdict = session_.receive(View(input_).first(length));
-    listener_.heard();
-    if (verdict == Verdict::CLOSE || isFailed_) {
+    host_.counts().received += static_cast<U64_t>(size);
+    const Verdict verdict = session_.receive(View(buffer).first(static_cast<std::size_t>(size)));
+    if (isClosed_) {
+        return;
+    }
+    if (verdict == Verdict::CLOSE) {
+        end();
+        return;
+    }
+    if (isFlooding_) {
+        end(Level::WARNING, "asks faster than it is answered, closed");
+        return;
+    }
+    if (session_.isUnsettled()) {
+        host_.unsettled(*this);
+    }
+    read();
+}
+
+// What the blade sends now is not kept: it sends it again on its next link.
+void Link::drain() {
+    const std::span<U8_t> buffer = host_.receiveBuffer();
+    const ssize_t size = recv(socket_.native_handle(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (size > 0 || (size < 0 && (errno == EAGAIN || errno == EINTR))) {
+        read();
+    } else {
+        close();
+    }
+}
+
+bool Link::settle(Clock::time_point since) {
+    if (isClosed_ || isEnding_ || !session_.isUnsettled()) {
+        return false;
+    }
+    if (lastHeard_ > since) {
+        return true;
+    }
+    session_.idle();
+    return false;
+}
+
+void Link::checkTime(Clock::time_point now) {
+    if (isClosed_ || host_.options().misbehaviour.neverRead) {
+        return;
+    }
+    if (isEnding_) {
+        if (now - endingSince_ > END_TIME) {
+            close();
+        }
+        return;
+    }
+    if (session_.messages() == 0 && now - begun_ > FIRST_REQUEST_TIME) {
+        end(Level::NOTICE, "said nothing, closed");
+        return;
+    }
+    if (now - lastHeard_ > CERTAIN_TIME) {
+        session_.idleForLong();
+    }
+    for (Awaited& awaited : awaited_) {
+        if (!awaited.isLate && now - awaited.since > ANSWER_TIME) {
+            giveUpWaiting(awaited);
+        }
+        if (isClosed_ || isEnding_) {
+            return;
+        }
+    }
+    lastHandles_.remove_if(
+        [now](const auto& handle) { return now - handle.second > INQUIRY_TIME; });
+}
+
+void Link::giveUpWaiting(Awaited& awaited) {
+    ++host_.counts().late;
+    if (!awaited.inquiry) {
+        end(Level::WARNING, "the archive does not answer, closed");
+        return;
+    }
+    awaited.isLate = true;
+    answer({emptyAnswer(awaited, EMP_E_RESPONSE_RESOURCE_NOT_AVAILABLE), {}});
+}
+
+void Link::takeEvent(View body, Certainty certainty) {
+    const Batch::Kind kind = certainty == Certainty::CERTAIN  ? Batch::Kind::EVENT
+                             : certainty == Certainty::SILENT ? Batch::Kind::SILENT
+                                                              : Batch::Kind::ENDED;
+    host_.submit(*this, kind, body);
+}
+
+void Link::takeBackEvent(View body) {
+    host_.submit(*this, Batch::Kind::TAKE_BACK, body);
+}
+
+void Link::takeInquiry(U32_t handle, const EmpEvInquiryMsg_t& inquiry) {
+    if (inquiry.evInquiryType == EMP_E_INQUIRY_TYPE_LAST) {
+        lastHandles_.emplace_back(handle, lastHeard_);
+        if (lastHandles_.size() > INQUIRIES_OF_ONE) {
+            lastHandles_.pop_front();
+        }
+    }
+    await({handle, inquiry, lastHeard_});
+    host_.submit(*this, Batch::Kind::INQUIRY, viewOf(inquiry));
+}
+
+void Link::await(Awaited awaited) {
+    awaited_.push_back(std::move(awaited));
+    if (awaited_.size() > REQUESTS_OF_ONE) {
+        isFlooding_ = true;
+    }
+}
+
+void Link::takeStatusRequest(U32_t handle, const EmpGetEvArchiverStatusMsg_t& request) {
+    status_ = std::make_unique<EmpGetEvArchiverStatusMsg_t>(request);
+    statusHandle_ = handle;
+    blade_ = bladeOf(request);
+    host_.speaks(*this, *blade_);
+    await({handle, {}, lastHeard_});
+    host_.submit(*this, Batch::Kind::STATUS, viewOf(request));
+}
+
+void Link::deliver(Reply reply) {
+    if (isClosed_ || isEnding_) {
+        return;
+    }
+    if (reply.kind == Reply::Kind::CLOSE) {
+        end(Level::WARNING, "the archive is full, closed");
+    } else if (reply.kind == Reply::Kind::RESEND) {
+        if (status_ && !std::exchange(hasResent_, true)) {
+            say(Level::NOTICE, "asked to send all its log again");
+            answerStatus(statusHandle_, NOTHING_HELD);
+        }
+    } else if (!awaited_.empty()) {
+        const Awaited awaited = std::move(awaited_.front());
+        awaited_.pop_front();
+        if (!awaited.inquiry) {
+            answerStatus(awaited.handle, reply.verdict);
+        } else if (!awaited.isLate) {
+            answerInquiry(awaited, reply.event);
+        }
+    }
+}
+
+void Link::answerStatus(U32_t handle, const StatusVerdict& verdict) {
+    answer({makeStatusAnswer(handle, *status_, verdict.sequenceIdLast, verdict.controlFlag), {}});
+}
+
+void Link::answerInquiry(const Awaited& awaited, const std::optional<StoredEvent>& event) {
+    if (!event) {
+        answer({emptyAnswer(awaited, EMP_E_RESPONSE_FAILURE), {}});
+    } else if (wouldStopAsker(awaited)) {
+        answer({emptyAnswer(awaited, EMP_E_RESPONSE_RESOURCE_NOT_AVAILABLE), {}});
+    } else {
+        answer({makeEventAnswer(awaited.handle, event->image), insteadOf(awaited)});
+    }
+}
+
+// The blade has the event after one of its own itself, and serves it when the archive has none.
+Bytes Link::insteadOf(const Awaited& awaited) const {
+    const bool canHelpItself =
+        namesAsker(*awaited.inquiry) && awaited.inquiry->evInquiryType == EMP_E_INQUIRY_TYPE_NEXT;
+    return emptyAnswer(awaited, canHelpItself ? EMP_E_RESPONSE_FAILURE
+                                              : EMP_E_RESPONSE_RESOURCE_NOT_AVAILABLE);
+}
+
+Bytes Link::emptyAnswer(const Awaited& awaited, EMP_RESPONSE_e code) const {
+    EmpEvInquiryMsg_t inquiry = *awaited.inquiry;
+    if (wouldStopAsker(awaited)) {
+        inquiry = {};
+        inquiry.evSeqIdInquiry = awaited.inquiry->evSeqIdInquiry;
+    }
+    return makeEmptyAnswer(awaited.handle, inquiry, code);
+}
+
+bool Link::namesAsker(const EmpEvInquiryMsg_t& inquiry) const {
+    return status_ &&
+           BladeKey{textOf(inquiry.evEnclosureId), textOf(inquiry.evBladeId), inquiry.evSlotId} ==
+               *blade_ &&
+           inquiry.evInstanceNumber == status_->evInstanceNumber;
+}
+
+// An event manager ends when an answer about itself meets an inquiry of type LAST on its list, and
+// it finds inquiries by their handles alone, which requestors choose.
+bool Link::wouldStopAsker(const Awaited& awaited) const {
+    return namesAsker(*awaited.inquiry) &&
+           std::ranges::any_of(lastHandles_, [&awaited](const auto& handle) {
+               return handle.first == awaited.handle;
+           });
+}
+
+void Link::answer(Answer answer) {
+    const Misbehaviour& bad = host_.options().misbehaviour;
+    if (bad.onlyType != 0 && typeOf(answer.message) != bad.onlyType) {
+        enqueue(std::move(answer));
+        return;
+    }
+    spoil(answer.message, bad);
+    spoil(answer.instead, bad);
+    for (int time = bad.twice ? 0 : 1; time < 2; ++time) {
+        if (bad.late.count() > 0) {
+            sendLate(answer);
+        } else {
+            enqueue(answer);
+        }
+    }
+}
+
+void Link::sendLate(const Answer& answer) {
+    auto timer = std::make_shared<asio::steady_timer>(socket_.get_executor(),
+                                                      host_.options().misbehaviour.late);
+    timer->async_wait([self = shared_from_this(), timer, answer](asio::error_code error) {
+        if (!error && !self->isClosed_) {
+            self->enqueue(answer);
+        }
+    });
+}
+
+void Link::enqueue(Answer answer) {
+    if (isClosed_ || isEnding_) {
+        return;
+    }
+    const std::size_t before = outbox_.bytes();
+    outbox_.add(std::move(answer));
+    const bool isTaken = host_.addUnsent(static_cast<std::ptrdiff_t>(outbox_.bytes() - before));
+    if (!isFlushing_) {
+        flush();
+    }
+    if (!isClosed_ && !outbox_.isEmpty() && (!isTaken || outbox_.bytes() > UNSENT_OF_ONE)) {
+        say(Level::WARNING, "does not read its answers, closed");
+        close(); // what has arrived is whole, and there is nobody to be polite to
+    }
+}
+
+void Link::flush() {
+    const std::size_t before = outbox_.bytes();
+    const Outbox::State state = outbox_.flush(socket_.native_handle());
+    host_.addUnsent(static_cast<std::ptrdiff_t>(outbox_.bytes()) -
+                    static_cast<std::ptrdiff_t>(before));
+    if (const auto shortened = outbox_.takeShortened(); shortened.count > 0) {
+        host_.counts().shortened += shortened.count;
+        say(Level::WARNING,
+            "an answer of " + std::to_string(shortened.length) + " bytes would arrive in pieces, " +
+                std::to_string(shortened.longest) + " arrive whole: answered without the event");
+    }
+    if (outbox_.bytes() != before) {
+        flushDelay_ = FIRST_FLUSH_DELAY;
+    }
+    switch (state) {
+    case Outbox::State::WAITING:
+        flushLater();
+        break;
+    case Outbox::State::TOO_LONG:
+        say(Level::WARNING, "its segments are too small for any answer, closed");
+        close();
+        break;
+    case Outbox::State::BROKEN:
+        close();
+        break;
+    default:
+        break;
+    }
+}
+
+// TCP does not say when everything is acknowledged, so it is asked again and again.
+void Link::flushLater() {
+    if (!flushTimer_) {
+        flushTimer_ = std::make_unique<asio::steady_timer>(socket_.get_executor());
+    }
+    isFlushing_ = true;
+    flushDelay_ = std::clamp(flushDelay_ * 2, FIRST_FLUSH_DELAY, LONGEST_FLUSH_DELAY);
+    flushTimer_->expires_after(flushDelay_);
+    flushTimer_->async_wait([self = shared_from_this()](asio::error_code error) {
+        self->isFlushing_ = false;
+        if (!error && !self->isClosed_) {
+            self->flush();
+        }
+        if (!self->isClosed_ && self->isEnding_) {
+            self->finishEnd();
+        }
+    });
+}
+
+void Link::end(Level level, const std::string& why) {
+    if (!isEnding_ && !isClosed_) {
+        say(level, why);
+        end();
+    }
+}
+
+void Link::end() {
+    if (isEnding_ || isClosed_) {
+        return;
+    }
+    session_.end();
+    isEnding_ = true;
+    endingSince_ = Clock::now();
+    finishEnd();
+    if (host_.options().misbehaviour.neverRead) {
         close();
     } else {
         read();
     }
 }
 
-void Link::idleSince(Clock::time_point since) {
-    if (!isClosed_ && lastHeard_ <= since && session_.idle() == Verdict::CLOSE) {
-        close();
+// Says the end to the blade once the answers have gone out.
+void Link::finishEnd() {
+    if (outbox_.isEmpty() && !isFlushing_) {
+        asio::error_code gone;
+        socket_.shutdown(asio::ip::tcp::socket::shutdown_send, gone);
     }
-}
-
-void Link::answer(Bytes response) {
-    const Misbehaviour& bad = options_.misbehaviour;
-    if (bad.onlyType != 0 && typeOf(response) != bad.onlyType) {
-        enqueue(std::move(response));
-        return;
-    }
-    spoil(response, bad);
-    for (int time = bad.twice ? 0 : 1; time < 2; ++time) {
-        if (bad.late.count() > 0) {
-            sendLate(response);
-        } else {
-            enqueue(response);
-        }
-    }
-}
-
-void Link::sendLate(Bytes response) {
-    auto timer =
-        std::make_shared<asio::steady_timer>(socket_.get_executor(), options_.misbehaviour.late);
-    timer->async_wait(
-        [self = shared_from_this(), timer, response = std::move(response)](asio::error_code error) {
-            if (!error && !self->isClosed_) {
-                self->enqueue(response);
-                if (self->isFailed_) {
-                    self->close();
-                }
-            }
-        });
-}
-
-void Link::enqueue(Bytes response) {
-    outputBytes_ += response.size();
-    output_.push_back(std::move(response));
-    flush();
-    if (outputBytes_ > options_.answerLimit && !isFailed_) {
-        say_(peer_ + ": does not read its answers, closed");
-        isFailed_ = true;
-    }
-}
-
-void Link::flush() {
-    while (!output_.empty() && !isFailed_) {
-        switch (sendWhole(socket_.native_handle(), output_.front())) {
-        case Sent::WHOLE:
-            outputBytes_ -= output_.front().size();
-            output_.pop_front();
-            break;
-        case Sent::LATER:
-            waitForRoom();
-            return;
-        case Sent::BROKEN:
-            isFailed_ = true;
-            return;
-        }
-    }
-}
-
-void Link::waitForRoom() {
-    if (isWaitingForRoom_) {
-        return;
-    }
-    isWaitingForRoom_ = true;
-    socket_.async_wait(asio::ip::tcp::socket::wait_write,
-                       [self = shared_from_this()](asio::error_code error) {
-                           self->isWaitingForRoom_ = false;
-                           if (self->isClosed_) {
-                               return;
-                           }
-                           self->isFailed_ = self->isFailed_ || error;
-                           self->flush();
-                           if (self->isFailed_) {
-                               self->close();
-                           }
-                       });
 }
 
 void Link::close() {
@@ -159,10 +452,15 @@ void Link::close() {
         return;
     }
     isClosed_ = true;
-    session_.end();
+    if (!isEnding_) {
+        session_.end();
+    }
+    host_.submit(*this, Batch::Kind::END_OF_LINK, {});
+    host_.addUnsent(-static_cast<std::ptrdiff_t>(outbox_.bytes()));
+    flushTimer_.reset();
     asio::error_code ignored;
     socket_.close(ignored);
-    listener_.closed(shared_from_this());
+    host_.closed(*this);
 }
 
 } // namespace evarchive

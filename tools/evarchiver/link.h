@@ -6,62 +6,150 @@
 #define EVARCHIVER_LINK_H
 
 #include "options.h"
+#include "outbox.h"
 #include "session.h"
 
-#include <array>
 #include <asio/ip/tcp.hpp>
 #include <asio/steady_timer.hpp>
-#include <deque>
+#include <list>
 #include <memory>
+#include <span>
 
 namespace evarchive {
 
 using Clock = std::chrono::steady_clock;
 
-/** A connection, kept alive by its own outstanding operations. It closes itself. */
-class Link : public std::enable_shared_from_this<Link> {
-  public:
-    /** What a link tells its server. */
-    struct Listener {
-        std::function<void()> heard;                              ///< after each piece received
-        std::function<void(const std::shared_ptr<Link>&)> closed; ///< once, at the end
-    };
+class Link;
 
-    Link(asio::ip::tcp::socket socket, const std::string& peer, const Options& options,
-         Archive& archive, SessionCounts& counts, Listener listener, Say say);
+/** Counted for all links together. */
+struct LinkCounts {
+    SessionCounts sessions;
+    U64_t received = 0;  ///< bytes
+    U64_t shortened = 0; ///< answers that would not have arrived whole
+    U64_t late = 0;      ///< requests that the archive did not answer in time
+    U64_t shed = 0;      ///< links closed because too much waits
+    U64_t refused = 0;   ///< connections not taken
+    U64_t replaced = 0;  ///< links closed because their blade has a later one
+};
+
+/** What a link needs of the server. All calls come from the loop's thread. */
+class LinkHost {
+  public:
+    virtual ~LinkHost() = default;
+
+    virtual const Options& options() const = 0;
+    virtual LinkCounts& counts() = 0;
+    virtual void say(Level level, const std::string& line) = 0;
+
+    /** One for all links: what is in it is gone with the next one's turn. */
+    virtual std::span<U8_t> receiveBuffer() = 0;
+
+    /** @return whether there is room in the spool for what a link brings */
+    virtual bool hasRoom() = 0;
+
+    /** Hands a request to the link's lane. */
+    virtual void submit(const Link& link, Batch::Kind kind, View body) = 0;
+
+    /** The link's blade has said who it is. */
+    virtual void speaks(Link& link, const BladeKey& blade) = 0;
+
+    /** An event on the link waits for the border behind it. */
+    virtual void unsettled(Link& link) = 0;
+
+    /** Answers wait on the link: so many bytes more, or fewer. @return whether they may */
+    virtual bool addUnsent(std::ptrdiff_t bytes) = 0;
+
+    /** The link is no more; called once. */
+    virtual void closed(Link& link) = 0;
+};
+
+/** A connection, kept alive by its own outstanding operations. It closes itself. */
+class Link : public std::enable_shared_from_this<Link>, private Requests {
+  public:
+    Link(asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer, LinkNumber number,
+         LinkHost& host);
 
     void start();
 
-    /** Lets the session settle when nothing has come since @p since. */
-    void idleSince(Clock::time_point since);
+    /** Something that the archive says. */
+    void deliver(Reply reply);
 
-    bool isUnsettled() const { return session_.isUnsettled(); }
+    /** Lets the session settle when nothing has come since @p since. @return whether it is to be
+     * called again */
+    bool settle(Clock::time_point since);
 
-    /** Files what is whole and closes. */
+    /** Looks at what has been waited for too long. Called every second or so. */
+    void checkTime(Clock::time_point now);
+
+    /** Ends the link: files what is whole, sends the answer under way to its end and reads what the
+     * blade still sends away, so that nothing that is on the wire is cut. */
+    void end(Level level, const std::string& why);
+    void end();
+
+    /** Closes at once. */
     void close();
 
+    LinkNumber number() const { return number_; }
+    const asio::ip::address& address() const { return address_; }
+    const std::string& peer() const { return peer_; }
+    const std::optional<BladeKey>& blade() const { return blade_; }
+
   private:
+    /** A request that the archive has not answered. */
+    struct Awaited {
+        U32_t handle = 0;
+        std::optional<EmpEvInquiryMsg_t> inquiry = {}; ///< none: it is a status request
+        Clock::time_point since = {};
+        bool isLate = false; ///< answered without the archive
+    };
+
+    void takeEvent(View body, Certainty certainty) override;
+    void takeBackEvent(View body) override;
+    void takeInquiry(U32_t handle, const EmpEvInquiryMsg_t& inquiry) override;
+    void takeStatusRequest(U32_t handle, const EmpGetEvArchiverStatusMsg_t& request) override;
+
+    void await(Awaited awaited);
+    void say(Level level, const std::string& line);
     void read();
-    void received(std::size_t length);
-    void answer(Bytes response);
-    void sendLate(Bytes response);
-    void enqueue(Bytes response);
+    void readable();
+    void drain();
+    void answerStatus(U32_t handle, const StatusVerdict& verdict);
+    void answerInquiry(const Awaited& awaited, const std::optional<StoredEvent>& event);
+    Bytes insteadOf(const Awaited& awaited) const;
+    Bytes emptyAnswer(const Awaited& awaited, EMP_RESPONSE_e code) const;
+    bool namesAsker(const EmpEvInquiryMsg_t& inquiry) const;
+    bool wouldStopAsker(const Awaited& awaited) const;
+    void giveUpWaiting(Awaited& awaited);
+    void answer(Answer answer);
+    void sendLate(const Answer& answer);
+    void enqueue(Answer answer);
     void flush();
-    void waitForRoom();
+    void flushLater();
+    void finishEnd();
 
     asio::ip::tcp::socket socket_;
+    asio::ip::address address_;
     std::string peer_;
-    const Options& options_;
-    Listener listener_;
-    Say say_;
+    LinkNumber number_;
+    LinkHost& host_;
     Session session_;
-    std::array<U8_t, 32'768> input_{};
-    std::deque<Bytes> output_;
-    std::size_t outputBytes_ = 0;
-    bool isWaitingForRoom_ = false;
-    bool isFailed_ = false; ///< to be closed once the session has returned
+    Outbox outbox_;
+    std::unique_ptr<asio::steady_timer> flushTimer_; ///< made when an answer has to wait
+    std::chrono::microseconds flushDelay_{0};
+    bool isFlushing_ = false;
+    bool isReading_ = false;
+    std::list<Awaited> awaited_;
+    std::list<std::pair<U32_t, Clock::time_point>> lastHandles_; ///< of inquiries of type LAST
+    std::optional<BladeKey> blade_;
+    std::unique_ptr<EmpGetEvArchiverStatusMsg_t> status_; ///< the last one
+    U32_t statusHandle_ = 0;
+    bool isFlooding_ = false;
+    bool hasResent_ = false; ///< a resend was asked for once
+    bool isEnding_ = false;
     bool isClosed_ = false;
-    Clock::time_point lastHeard_ = Clock::now();
+    Clock::time_point begun_ = Clock::now();
+    Clock::time_point lastHeard_ = begun_;
+    Clock::time_point endingSince_;
 };
 
 } // namespace evarchive

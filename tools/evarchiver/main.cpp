@@ -1,35 +1,56 @@
 #include "common/cli.h"
 #include "common/descriptors.h"
 #include "common/say.h"
+#include "lines.h"
+#include "metrics.h"
 #include "server.h"
 #include "sqlite_store.h"
 
-#include <exception>
+#include <csignal>
 
 namespace {
 
-using evarchive::Archive;
+using evarchive::Level;
 using evarchive::Options;
 
-void say(const std::string& line) {
-    tools::sayPlain(line);
+void say(Level level, const std::string& text) {
+    evarchive::writeLine(evarchive::stampedLine(level, text, time(nullptr)));
 }
 
-int summarise(Archive& archive, const evarchive::SessionCounts& sessions) {
-    const evarchive::ArchiveCounts& counts = archive.counts();
-    const U64_t gaps = archive.countGaps();
-    say("summary: " + progressLine(counts, sessions) + ", " + std::to_string(gaps) + " gaps");
-    const bool hasFinding =
-        gaps + counts.generations + counts.refused + sessions.bordersLost + sessions.givenUp > 0;
-    return hasFinding ? tools::EXIT_FINDING : tools::EXIT_DONE;
+// A service manager ends a program with SIGTERM and expects 0; a person with SIGINT, and wants to
+// know.
+int statusOf(const evarchive::ServerEnd& end, bool hasFinding) {
+    if (!end.failure.empty()) {
+        return tools::EXIT_COULD_NOT;
+    }
+    const bool isWorthTelling = end.signal == SIGINT && hasFinding;
+    return isWorthTelling || !end.isSafe ? tools::EXIT_FINDING : tools::EXIT_DONE;
+}
+
+int summarise(evarchive::Server& server, const evarchive::ServerEnd& end) {
+    const evarchive::ServerState state = server.state();
+    const U64_t gaps = end.failure.empty() ? server.countGaps() : 0;
+    const evarchive::ArchiveCounts& counts = state.lane.counts;
+    const evarchive::SessionCounts& sessions = state.counts.sessions;
+    say(Level::INFO,
+        "summary: " + progressLine(counts, sessions) + ", " + std::to_string(gaps) + " gaps");
+    if (!end.isSafe) {
+        say(Level::FAILURE, "not all that came is in the archive; the blades send it again");
+    }
+    return statusOf(
+        end,
+        gaps + counts.generations + counts.refused + sessions.bordersLost + sessions.givenUp > 0);
 }
 
 int serve(const Options& options) {
-    const auto store = evarchive::openArchive(options.database);
-    Archive archive(*store, options.archive, say);
-    evarchive::Server server(options, archive, say);
-    server.run();
-    return summarise(archive, server.counts());
+    evarchive::Server server(options, say);
+    std::optional<evarchive::Metrics> metrics;
+    if (options.metrics) {
+        metrics.emplace(
+            *options.metrics, [&server] { return server.state(); }, options.database);
+    }
+    const evarchive::ServerEnd end = server.run(evarchive::openArchive(options.database));
+    return summarise(server, end);
 }
 
 } // namespace

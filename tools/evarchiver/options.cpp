@@ -1,5 +1,6 @@
 #include "options.h"
 
+#include "admission.h"
 #include "common/cli.h"
 
 #include <charconv>
@@ -8,9 +9,9 @@ namespace evarchive {
 namespace {
 
 constexpr char FOOTER[] =
-    "SIGINT or SIGTERM ends the archiver: it commits, prints a summary and exits, with 1 when\n"
-    "ids are missing, a stream lost its message borders, a log counted again from the start, or\n"
-    "the archive was full.\n\n"
+    "SIGINT or SIGTERM ends the archiver: it commits, prints a summary and exits. After SIGTERM\n"
+    "the status is 0 when all is safe; after SIGINT it is 1 when ids are missing, a stream lost\n"
+    "its message borders, a log counted again from the start, or the archive was full.\n\n"
     "Example:\n"
     "  evarchiver --listen 4711 --db /var/lib/evarchiver/events.db";
 
@@ -39,37 +40,96 @@ std::string checkEndpoint(const std::string& text) {
     }
 }
 
-void addMainOptions(CLI::App& app, Options& options, std::string& listen, unsigned& progress) {
-    app.add_option("--listen", listen,
+/** What is parsed in another form than it is kept. */
+struct Parsed {
+    std::string listen;
+    std::string metrics;
+    unsigned progress = 10;
+    unsigned late = 0;
+    bool mayStopBlades = false;
+};
+
+std::string checkNetwork(const std::string& text) {
+    try {
+        networkOf(text);
+        return {};
+    } catch (const std::invalid_argument& error) {
+        return error.what();
+    }
+}
+
+void addMainOptions(CLI::App& app, Options& options, Parsed& parsed) {
+    app.add_option("--listen", parsed.listen,
                    "Where blades connect: PORT, ADDRESS:PORT or [ADDRESS]:PORT; port 0 takes a "
                    "free one, which the first line of output names")
         ->required()
         ->check(checkEndpoint);
     app.add_option("--db", options.database, "The archive, a file; made if it does not exist")
         ->required();
-    app.add_option("--clear", options.archive.clear,
-                   "Ask each blade, once, to drop from its own log what the archive holds")
+    app.add_option("--allow", options.allow,
+                   "Serve only blades of these networks: ADDRESS or ADDRESS/BITS, as often as "
+                   "needed; default: all addresses")
+        ->check(checkNetwork)
+        ->option_text("NETWORK...");
+    app.add_option("--metrics", parsed.metrics,
+                   "Serve Prometheus metrics at /metrics: PORT on the loopback, or ADDRESS:PORT")
+        ->check(checkEndpoint);
+    app.add_option("--clear", options.lane.archive.clear,
+                   "Ask each blade, once, to drop from its own log what the archive holds. A blade "
+                   "whose log has wrapped can stop at its next event then: needs --may-stop-blades")
         ->transform(CLI::CheckedTransformer(CLEAR_NAMES))
         ->option_text("all-but-newest|all");
-    app.add_option("--progress", progress, "Seconds between progress lines; 0: none")
+    app.add_flag("--may-stop-blades", parsed.mayStopBlades, "The second word that --clear needs");
+    app.add_option("--progress", parsed.progress, "Seconds between progress lines; 0: none")
+        ->capture_default_str();
+}
+
+void addRetention(CLI::App& app, Options& options) {
+    RetentionSettings& retention = options.lane.retention;
+    CLI::Option_group* group = app.add_option_group("What is kept, oldest go first; 0: no bound");
+    group->add_option("--keep-days", retention.keepDays, "Days since an event was received")
+        ->check(CLI::Range(0, 36'500))
+        ->capture_default_str();
+    group->add_option("--max-bytes", retention.maxBytes, "Bytes of the archive in use")
+        ->capture_default_str();
+    group->add_option("--blade-quota", retention.bladeQuota, "Events of one log")
+        ->capture_default_str();
+    group
+        ->add_option("--row-limit", options.lane.archive.rowLimit,
+                     "Events in all; a link that brings more is closed")
         ->capture_default_str();
 }
 
 void addLimits(CLI::App& app, Options& options) {
     CLI::Option_group* limits = app.add_option_group("Limits");
     limits
-        ->add_option("--row-limit", options.archive.rowLimit,
-                     "Events kept at most; a link that brings more is closed")
+        ->add_option("--connection-limit", options.connectionLimit,
+                     "Links at a time; the start is refused when there are too few descriptors. "
+                     "Default: 10000, or as many as there are descriptors for")
+        ->check(CLI::Range(1, 100'000));
+    limits->add_option("--per-host", options.hostLimit, "Links at a time from one address; 0: any")
         ->capture_default_str();
-    limits->add_option("--connection-limit", options.connectionLimit, "Links at a time")
-        ->check(CLI::Range(1, 100'000))
+    limits->add_option("--handshake-rate", options.handshakeRate, "Links taken a second, at most")
+        ->check(CLI::Range(10, 1'000'000))
         ->capture_default_str();
     limits
         ->add_option("--answer-limit", options.answerLimit,
-                     "Bytes of answers that wait for one blade to read, before its link is closed")
-        ->check(CLI::Range(8192, 1'073'741'824))
+                     "Longest answer in bytes, where segments are larger than the connection says; "
+                     "a blade dies of an answer in pieces. Default: what the connection says")
+        ->check(CLI::Range(192, 4016));
+    limits
+        ->add_option("--unsent-limit", options.unsentLimit,
+                     "Bytes of answers that wait for blades to read, in all; a link that brings "
+                     "more is closed")
+        ->check(CLI::Range(U64_t{8192}, U64_t{1} << 40))
         ->capture_default_str();
-    limits->add_option("--batch", options.archive.batch, "Events to a transaction at most")
+    limits
+        ->add_option("--spool", options.spool,
+                     "Bytes of events that wait while the archive cannot be written; above half "
+                     "of it no links are taken, above it links are closed")
+        ->check(CLI::Range(U64_t{65'536}, U64_t{1} << 40))
+        ->capture_default_str();
+    limits->add_option("--batch", options.lane.batch, "Events to a transaction at most")
         ->check(CLI::Range(1, 1'000'000))
         ->capture_default_str();
 }
@@ -102,41 +162,54 @@ void addTestSwitches(CLI::App& app, Options& options, unsigned& late) {
 
 } // namespace
 
-asio::ip::tcp::endpoint endpointOf(const std::string& text) {
+asio::ip::tcp::endpoint endpointOf(const std::string& text, const asio::ip::address& address) {
     const std::size_t colon = text.rfind(':');
     if (colon == std::string::npos) {
-        return {asio::ip::tcp::v4(), portOf(text)};
+        return {address, portOf(text)};
     }
-    std::string address = text.substr(0, colon);
-    if (address.size() > 1 && address.front() == '[' && address.back() == ']') {
-        address = address.substr(1, address.size() - 2);
+    std::string name = text.substr(0, colon);
+    if (name.size() > 1 && name.front() == '[' && name.back() == ']') {
+        name = name.substr(1, name.size() - 2);
     }
     asio::error_code error;
-    const auto parsed = asio::ip::make_address(address, error);
+    const auto parsed = asio::ip::make_address(name, error);
     if (error) {
-        throw std::invalid_argument("'" + address + "' is no IP address");
+        throw std::invalid_argument("'" + name + "' is no IP address");
     }
     return {parsed, portOf(text.substr(colon + 1))};
 }
 
+std::string textOfEndpoint(const asio::ip::tcp::endpoint& endpoint) {
+    const std::string address = endpoint.address().to_string();
+    return (endpoint.address().is_v6() ? "[" + address + "]" : address) + ":" +
+           std::to_string(endpoint.port());
+}
+
 std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
     Options options;
-    std::string listen;
-    unsigned progress = 10;
-    unsigned late = 0;
+    Parsed parsed;
     CLI::App app("An Event Archiver: takes the events of any number of blades, keeps them, and\n"
                  "answers the blades' inquiries.",
                  "evarchiver");
     tools::setUpCommandLine(app, FOOTER);
-    addMainOptions(app, options, listen, progress);
+    addMainOptions(app, options, parsed);
+    addRetention(app, options);
     addLimits(app, options);
-    addTestSwitches(app, options, late);
+    addTestSwitches(app, options, parsed.late);
     if (const auto status = tools::parseCommandLine(app, argc, argv)) {
         return *status;
     }
-    options.listen = endpointOf(listen);
-    options.progress = std::chrono::seconds(progress);
-    options.misbehaviour.late = std::chrono::milliseconds(late);
+    if (options.lane.archive.clear != Clear::NOTHING && !parsed.mayStopBlades) {
+        return tools::sayCouldNot("evarchiver",
+                                  "--clear empties logs on the blades, and a blade whose log has "
+                                  "wrapped can stop at its next event; add --may-stop-blades");
+    }
+    options.listen = endpointOf(parsed.listen);
+    if (!parsed.metrics.empty()) {
+        options.metrics = endpointOf(parsed.metrics, asio::ip::address_v4::loopback());
+    }
+    options.progress = std::chrono::seconds(parsed.progress);
+    options.misbehaviour.late = std::chrono::milliseconds(parsed.late);
     return options;
 }
 

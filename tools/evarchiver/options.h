@@ -5,10 +5,11 @@
 #ifndef EVARCHIVER_OPTIONS_H
 #define EVARCHIVER_OPTIONS_H
 
-#include "archive.h"
+#include "lane.h"
 
 #include <asio/ip/tcp.hpp>
 #include <chrono>
+#include <optional>
 #include <variant>
 
 namespace evarchive {
@@ -29,18 +30,32 @@ struct Misbehaviour {
 struct Options {
     asio::ip::tcp::endpoint listen;
     std::string database;
-    ArchiveSettings archive;
-    U32_t connectionLimit = 1024;
-    U32_t answerLimit = 1'048'576;     ///< bytes of answers that wait for one link, at most
-    std::chrono::seconds progress{10}; ///< between two progress lines; 0: none
-    int receiveBuffer = 0;             ///< SO_RCVBUF in bytes; 0: the system's choice
-    int segmentSize = 0;               ///< TCP_MAXSEG in bytes; 0: the system's choice
+    LaneSettings lane;
+    std::vector<std::string> allow;     ///< networks whose blades are served; empty: all
+    U32_t connectionLimit = 0;          ///< links at a time; 0: DEFAULT_LINKS, or what there are
+                                        ///< descriptors for
+    U32_t hostLimit = 0;                ///< links at a time from one address; 0: no limit
+    U32_t handshakeRate = 8000;         ///< links taken a second
+    U32_t answerLimit = 0;              ///< longest answer in bytes; 0: as the link's segments
+    U64_t unsentLimit = 64 * 1'048'576; ///< bytes of answers that wait, for all links together
+    U64_t spool = 256 * 1'048'576;      ///< bytes of events that wait for the archive
+    std::optional<asio::ip::tcp::endpoint> metrics; ///< where metrics are served
+    std::chrono::seconds progress{10};              ///< between two progress lines; 0: none
+    int receiveBuffer = 0;                          ///< SO_RCVBUF in bytes; 0: the system's choice
+    int segmentSize = 0;                            ///< TCP_MAXSEG in bytes; 0: the system's choice
     Misbehaviour misbehaviour;
 };
 
-/** "4711", "192.168.0.1:4711" or "[::1]:4711"; a port alone means every IPv4 address. Throws
+/** Links at a time where nothing else is asked for. */
+constexpr U32_t DEFAULT_LINKS = 10'000;
+
+/** "4711", "192.168.0.1:4711" or "[::1]:4711"; a port alone means @p address. Throws
  * std::invalid_argument. */
-asio::ip::tcp::endpoint endpointOf(const std::string& text);
+asio::ip::tcp::endpoint endpointOf(const std::string& text,
+                                   const asio::ip::address& address = asio::ip::address_v4::any());
+
+/** "192.168.0.1:4711" or "[::1]:4711". */
+std::string textOfEndpoint(const asio::ip::tcp::endpoint& endpoint);
 
 /** @return what was asked for, or the status to exit with, everything being said */
 std::variant<Options, int> parseOptions(int argc, const char* const* argv);

@@ -159,14 +159,14 @@ Bytes makeEventAnswer(U32_t handle, View event) {
     return makeResponse(EMP_E_MSGS_LOG, EMP_E_RESPONSE_SUCCESS, handle, event);
 }
 
-Bytes makeNothingFoundAnswer(U32_t handle, const EmpEvInquiryMsg_t& inquiry) {
+Bytes makeEmptyAnswer(U32_t handle, const EmpEvInquiryMsg_t& inquiry, EMP_RESPONSE_e returnCode) {
     EmpEvLogHeader_t body{};
     std::ranges::copy(inquiry.evEnclosureId, body.evEnclosureId);
     std::ranges::copy(inquiry.evBladeId, body.evBladeId);
     body.evSlotId = inquiry.evSlotId;
     body.evInstanceNumber = inquiry.evInstanceNumber;
     body.evSequenceId = inquiry.evSeqIdInquiry;
-    return makeResponse(EMP_E_MSGS_LOG, EMP_E_RESPONSE_FAILURE, handle, viewOf(body));
+    return makeResponse(EMP_E_MSGS_LOG, returnCode, handle, viewOf(body));
 }
 
 Bytes makeStatusAnswer(U32_t handle, const EmpGetEvArchiverStatusMsg_t& request,

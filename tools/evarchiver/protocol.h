@@ -87,9 +87,10 @@ Bytes makeResponse(U16_t type, U32_t returnCode, U32_t handle, View body);
 /** The answer to an inquiry that found an event: return code 1. @param event its stored body */
 Bytes makeEventAnswer(U32_t handle, View event);
 
-/** The answer to an inquiry that found nothing: return code 2, the identity and the id asked about
- * echoed, no data. */
-Bytes makeNothingFoundAnswer(U32_t handle, const EmpEvInquiryMsg_t& inquiry);
+/** The answer to an inquiry without an event: the identity and the id asked about echoed, no data.
+ * @param returnCode EMP_E_RESPONSE_FAILURE: there is none; EMP_E_RESPONSE_RESOURCE_NOT_AVAILABLE:
+ * it cannot be had now */
+Bytes makeEmptyAnswer(U32_t handle, const EmpEvInquiryMsg_t& inquiry, EMP_RESPONSE_e returnCode);
 
 /** The answer to a status request: its body echoed, but for the id and the flag. */
 Bytes makeStatusAnswer(U32_t handle, const EmpGetEvArchiverStatusMsg_t& request,

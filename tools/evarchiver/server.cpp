@@ -1,23 +1,35 @@
 #include "server.h"
 
+#include "lines.h"
+
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <utility>
 
 namespace evarchive {
 namespace {
 
-// How long nothing must have come before the event at hand counts as whole and is committed.
+// How long nothing must have come before the event at hand is filed as doubtful.
 constexpr std::chrono::milliseconds SETTLE_TIME{100};
 
-// After a failure to take a connection, which mostly is a lack of descriptors.
-constexpr std::chrono::milliseconds ACCEPT_PAUSE{500};
+// How long events may wait for more of them before the lane is woken.
+constexpr std::chrono::milliseconds HAND_OVER_TIME{5};
+constexpr std::size_t HAND_OVER_SIZE = 131'072;
 
-std::string textOfEndpoint(const asio::ip::tcp::endpoint& endpoint) {
-    const std::string address = endpoint.address().to_string();
-    return (endpoint.address().is_v6() ? "[" + address + "]" : address) + ":" +
-           std::to_string(endpoint.port());
-}
+// Before the next look for connections: after there was no descriptor, and when the pace is kept.
+constexpr std::chrono::milliseconds DESCRIPTOR_PAUSE{500};
+constexpr std::chrono::milliseconds PACE_PAUSE{5};
+
+// Connections that the system keeps for us; it may allow fewer.
+constexpr int BACKLOG = 65'535;
+
+// How long an end may take: for the links to end, then for the archive.
+constexpr std::chrono::milliseconds LINKS_END_TIME{1000};
+constexpr std::chrono::milliseconds ARCHIVE_END_TIME{5000};
+
+// Between two lines about connections that were not taken.
+constexpr std::chrono::seconds REFUSAL_PAUSE{10};
 
 std::string count(U64_t number, const char* what) {
     return std::to_string(number) + " " + what;
@@ -29,7 +41,8 @@ std::string progressLine(const ArchiveCounts& archive, const SessionCounts& sess
     return count(sessions.messages, "messages, ") + count(archive.stored, "events stored, ") +
            count(archive.duplicates, "duplicates dropped, ") +
            count(archive.generations, "generations opened, ") +
-           count(archive.strangers, "of another identity, ") + count(archive.refused, "refused, ") +
+           count(archive.strangers, "of another identity, ") +
+           count(archive.setAside, "set aside, ") + count(archive.refused, "refused, ") +
            count(archive.statusAnswers, "status answers, ") +
            count(archive.found, "inquiries answered, ") +
            count(archive.notFound, "answered with nothing, ") +
@@ -37,77 +50,257 @@ std::string progressLine(const ArchiveCounts& archive, const SessionCounts& sess
            count(sessions.givenUp, "events given up");
 }
 
-Server::Server(const Options& options, Archive& archive, Say say)
-    : options_(options), archive_(archive), say_(std::move(say)) {
-    acceptor_.open(options.listen.protocol());
+Server::Server(const Options& options, Say say)
+    : options_(options), say_(std::move(say)),
+      admission_(options.allow, reserveDescriptors(options.connectionLimit, DEFAULT_LINKS),
+                 options.hostLimit),
+      pace_(options.handshakeRate) {
+    bind();
+}
+
+void Server::bind() {
+    acceptor_.open(options_.listen.protocol());
     acceptor_.set_option(asio::socket_base::reuse_address(true));
-    if (options.receiveBuffer > 0) {
+    if (options_.receiveBuffer > 0) {
         // Before listen(): connections take the window scale that they get from it.
-        acceptor_.set_option(asio::socket_base::receive_buffer_size(options.receiveBuffer));
+        acceptor_.set_option(asio::socket_base::receive_buffer_size(options_.receiveBuffer));
     }
-    if (options.segmentSize > 0) {
+    if (options_.segmentSize > 0) {
         // A failure shows as segments of the usual size.
-        setsockopt(acceptor_.native_handle(), IPPROTO_TCP, TCP_MAXSEG, &options.segmentSize,
-                   sizeof(options.segmentSize));
+        setsockopt(acceptor_.native_handle(), IPPROTO_TCP, TCP_MAXSEG, &options_.segmentSize,
+                   sizeof(options_.segmentSize));
     }
-    acceptor_.bind(options.listen);
-    if (!options.misbehaviour.refuse) {
-        listen();
+    acceptor_.bind(options_.listen);
+    acceptor_.non_blocking(true);
+    if (!options_.misbehaviour.refuse) {
+        acceptor_.listen(BACKLOG);
     }
-    say_("listening on " + textOfEndpoint(acceptor_.local_endpoint()) +
-         (options.misbehaviour.refuse ? ", refusing all connections" : ""));
 }
 
-void Server::listen() {
-    acceptor_.listen();
-    accept();
-}
-
-void Server::accept() {
-    acceptor_.async_accept([this](asio::error_code error, asio::ip::tcp::socket socket) {
-        if (error == asio::error::operation_aborted) {
-            return;
-        }
-        if (error) {
-            say_("cannot take a connection: " + error.message());
-            acceptLater();
-            return;
-        }
-        accepted(std::move(socket));
-        accept();
-    });
-}
-
-void Server::acceptLater() {
-    acceptPause_.expires_after(ACCEPT_PAUSE);
-    acceptPause_.async_wait([this](asio::error_code error) {
+ServerEnd Server::run(std::unique_ptr<Store> store) {
+    lane_ = std::make_unique<Lane>(
+        std::move(store), options_.lane,
+        Lane::Callbacks{[this](std::vector<Reply> replies) {
+                            asio::post(context_, [this, replies = std::move(replies)]() mutable {
+                                deliver(std::move(replies));
+                            });
+                        },
+                        say_,
+                        [this](const std::string& why) {
+                            asio::post(context_, [this, why] { laneFailed(why); });
+                        }});
+    signals_.async_wait([this](asio::error_code error, int signal) {
         if (!error) {
-            accept();
+            beginStop(signal);
+        }
+    });
+    // For programs that wait for it: as it stands.
+    writeLine("listening on " + textOfEndpoint(acceptor_.local_endpoint()) +
+              (options_.misbehaviour.refuse ? ", refusing all connections" : ""));
+    if (options_.allow.empty() && options_.listen.address().is_unspecified()) {
+        say_(Level::WARNING, "every address that reaches this one is served, see --allow");
+    }
+    if (!options_.misbehaviour.refuse) {
+        awaitConnections();
+    }
+    armSecond();
+    context_.run();
+    end_.isSafe = lane_->stop(ARCHIVE_END_TIME);
+    everySecond();
+    return end_;
+}
+
+// --- Connections ---------------------------------------------------------------------------------
+
+void Server::awaitConnections() {
+    acceptor_.async_wait(asio::ip::tcp::acceptor::wait_read, [this](asio::error_code error) {
+        if (!error && !isStopping_) {
+            acceptAll();
         }
     });
 }
 
-void Server::accepted(asio::ip::tcp::socket socket) {
+void Server::acceptLater(std::chrono::milliseconds pause) {
+    acceptPause_.expires_after(pause);
+    acceptPause_.async_wait([this](asio::error_code error) {
+        if (!error && !isStopping_) {
+            acceptAll();
+        }
+    });
+}
+
+void Server::acceptAll() {
+    // Links that are there have their turn in between.
+    constexpr int AT_A_TIME = 64;
+    for (int taken = 0; taken < AT_A_TIME; ++taken) {
+        if (!pace_.take(Clock::now())) {
+            acceptLater(PACE_PAUSE);
+            return;
+        }
+        if (!acceptOne()) {
+            return;
+        }
+    }
+    asio::post(context_, [this] {
+        if (!isStopping_) {
+            acceptAll();
+        }
+    });
+}
+
+// @return whether there may be a further one at once; else somebody looks again
+bool Server::acceptOne() {
     asio::error_code error;
-    const auto endpoint = socket.remote_endpoint(error);
+    asio::ip::tcp::socket socket(context_);
+    acceptor_.accept(socket, error);
+    if (!error) {
+        take(std::move(socket));
+        return true;
+    }
+    if (error == asio::error::would_block || error == asio::error::try_again) {
+        awaitConnections();
+        return false;
+    }
+    if (error == asio::error::no_descriptors || error.value() == ENFILE) {
+        const bool wasThere = spare_.refuseOne(acceptor_.native_handle());
+        if (wasThere) {
+            refuse("a connection", "there is no descriptor left");
+            return true;
+        }
+        acceptLater(DESCRIPTOR_PAUSE);
+        return false;
+    }
+    // That connection is gone already, or memory is short.
+    acceptLater(PACE_PAUSE);
+    return false;
+}
+
+void Server::take(asio::ip::tcp::socket socket) {
+    asio::error_code error;
+    const auto peer = socket.remote_endpoint(error);
     if (error) {
         return; // gone already
     }
-    const std::string peer = textOfEndpoint(endpoint);
-    if (links_.size() >= options_.connectionLimit) {
-        say_(peer + ": closed, there are " + std::to_string(links_.size()) + " links already");
+    if (lane_->spooled() > options_.spool / 2) {
+        refuse(textOfEndpoint(peer), "too much waits for the archive");
         return;
     }
-    Link::Listener listener{[this] { armSettling(); },
-                            [this](const std::shared_ptr<Link>& link) {
-                                links_.erase(link);
-                                armSettling();
-                            }};
-    const auto link = std::make_shared<Link>(std::move(socket), peer, options_, archive_, counts_,
-                                             std::move(listener), say_);
-    links_.insert(link);
+    if (const auto why = admission_.enter(peer.address())) {
+        refuse(textOfEndpoint(peer), *why);
+        return;
+    }
+    const auto link = std::make_shared<Link>(std::move(socket), peer, ++lastNumber_,
+                                             static_cast<LinkHost&>(*this));
+    links_.emplace(lastNumber_, link);
     link->start();
 }
+
+void Server::refuse(const std::string& peer, const std::string& why) {
+    ++counts_.refused;
+    if (Clock::now() < saidRefused_ + REFUSAL_PAUSE) {
+        ++refusedSilently_;
+        return;
+    }
+    saidRefused_ = Clock::now();
+    const U64_t more = std::exchange(refusedSilently_, 0);
+    say_(Level::WARNING, peer + ": closed, " + why +
+                             (more > 0 ? "; so were " + std::to_string(more) + " others" : ""));
+}
+
+// --- What links ask for --------------------------------------------------------------------------
+
+bool Server::hasRoom() {
+    return lane_->spooled() + batch_.size() < options_.spool;
+}
+
+void Server::submit(const Link& link, Batch::Kind kind, View body) {
+    batch_.add(link.number(), kind, body);
+    armHandOver();
+}
+
+void Server::armHandOver() {
+    if (batch_.size() > HAND_OVER_SIZE) {
+        handOver();
+    } else if (batch_.isUrgent() && !isHandOverPosted_) {
+        // Behind what is ready now: it goes with what other links bring.
+        isHandOverPosted_ = true;
+        asio::post(context_, [this] {
+            isHandOverPosted_ = false;
+            handOver();
+        });
+    } else if (!isHandOverTimed_) {
+        isHandOverTimed_ = true;
+        handOverTimer_.expires_after(HAND_OVER_TIME);
+        handOverTimer_.async_wait([this](asio::error_code) {
+            isHandOverTimed_ = false;
+            handOver();
+        });
+    }
+}
+
+void Server::handOver() {
+    if (!batch_.isEmpty()) {
+        lane_->submit(batch_);
+        batch_.clear();
+    }
+}
+
+void Server::speaks(Link& link, const BladeKey& blade) {
+    LinkNumber& speaker = blades_[blade];
+    const LinkNumber before = std::exchange(speaker, link.number());
+    if (before == 0 || before == link.number()) {
+        return;
+    }
+    if (const auto found = links_.find(before); found != links_.end()) {
+        const auto old = found->second; // it leaves the map by this
+        ++counts_.replaced;
+        old->end(Level::NOTICE, nameOf(blade) + " speaks on " + link.peer() + ", closed");
+    }
+}
+
+void Server::unsettled(Link& link) {
+    unsettled_.push_back(link.number());
+    armSettling();
+}
+
+bool Server::addUnsent(std::ptrdiff_t bytes) {
+    unsent_ += static_cast<std::size_t>(bytes);
+    return unsent_ <= options_.unsentLimit;
+}
+
+void Server::closed(Link& link) {
+    if (link.blade()) {
+        const auto speaker = blades_.find(*link.blade());
+        if (speaker != blades_.end() && speaker->second == link.number()) {
+            blades_.erase(speaker);
+        }
+    }
+    admission_.leave(link.address());
+    links_.erase(link.number());
+    if (isStopping_ && links_.empty()) {
+        finishStop();
+    }
+}
+
+// --- What the lane says --------------------------------------------------------------------------
+
+void Server::deliver(std::vector<Reply> replies) {
+    for (Reply& reply : replies) {
+        const auto link = links_.find(reply.link);
+        if (link != links_.end()) {
+            const auto kept = link->second; // it may end by this
+            kept->deliver(std::move(reply));
+        }
+    }
+}
+
+void Server::laneFailed(const std::string& why) {
+    end_.failure = why;
+    say_(Level::FAILURE, why);
+    beginStop(0);
+}
+
+// --- Time ----------------------------------------------------------------------------------------
 
 void Server::armSettling() {
     if (isSettling_) {
@@ -125,52 +318,93 @@ void Server::armSettling() {
 
 void Server::settle() {
     const auto since = Clock::now() - SETTLE_TIME;
-    const auto links = links_; // a link that closes leaves the set
-    for (const auto& link : links) {
-        link->idleSince(since);
-    }
-    archive_.commit();
-    for (const auto& link : links_) {
-        if (link->isUnsettled()) {
-            armSettling();
+    for (const LinkNumber number : std::exchange(unsettled_, {})) {
+        const auto link = links_.find(number);
+        if (link != links_.end() && link->second->settle(since)) {
+            unsettled_.push_back(number);
         }
+    }
+    if (!unsettled_.empty()) {
+        armSettling();
     }
 }
 
-void Server::armProgress() {
-    if (options_.progress.count() == 0) {
+void Server::armSecond() {
+    second_.expires_after(std::chrono::seconds(1));
+    second_.async_wait([this](asio::error_code error) {
+        if (!error) {
+            everySecond();
+            armSecond();
+        }
+    });
+}
+
+void Server::everySecond() {
+    const auto now = Clock::now();
+    std::vector<std::shared_ptr<Link>> links; // one that closes leaves the map
+    links.reserve(links_.size());
+    for (const auto& [number, link] : links_) {
+        links.push_back(link);
+    }
+    for (const auto& link : links) {
+        link->checkTime(now);
+    }
+    const LaneState lane = lane_->state();
+    {
+        const std::lock_guard lock(stateMutex_);
+        state_ = {links_.size(), counts_, lane, unsent_};
+    }
+    ++secondsPassed_;
+    if (options_.progress.count() > 0 &&
+        secondsPassed_ % static_cast<U64_t>(options_.progress.count()) == 0) {
+        sayProgress();
+    }
+}
+
+void Server::sayProgress() {
+    const std::string line = progressLine(state_.lane.counts, counts_.sessions);
+    if (line != lastProgress_) {
+        say_(Level::INFO, line);
+        lastProgress_ = line;
+    }
+}
+
+ServerState Server::state() {
+    const std::lock_guard lock(stateMutex_);
+    return state_;
+}
+
+// --- The end -------------------------------------------------------------------------------------
+
+void Server::beginStop(int signal) {
+    if (isStopping_) {
         return;
     }
-    progress_.expires_after(options_.progress);
-    progress_.async_wait([this](asio::error_code error) {
-        if (error) {
-            return;
-        }
-        const std::string line = progressLine(archive_.counts(), counts_);
-        if (line != lastProgress_) {
-            say_(line);
-            lastProgress_ = line;
-        }
-        armProgress();
-    });
-}
-
-void Server::run() {
-    signals_.async_wait([this](asio::error_code error, int) {
-        if (!error) {
-            stop();
-        }
-    });
-    armProgress();
-    context_.run();
-}
-
-void Server::stop() {
-    const auto links = links_;
-    for (const auto& link : links) {
-        link->close();
+    isStopping_ = true;
+    end_.signal = signal;
+    asio::error_code ignored;
+    acceptor_.close(ignored);
+    endAllLinks();
+    if (links_.empty()) {
+        finishStop();
+        return;
     }
-    archive_.commit();
+    stopTimer_.expires_after(LINKS_END_TIME);
+    stopTimer_.async_wait([this](asio::error_code) { finishStop(); });
+}
+
+void Server::endAllLinks() {
+    std::vector<std::shared_ptr<Link>> links;
+    for (const auto& [number, link] : links_) {
+        links.push_back(link);
+    }
+    for (const auto& link : links) {
+        link->end();
+    }
+}
+
+void Server::finishStop() {
+    handOver();
     context_.stop();
 }
 

@@ -1,53 +1,119 @@
 /**
  * @file
- * The server: takes connections, lets links settle and the archive commit, prints progress.
+ * The server: one loop that takes connections, reads and answers, and never waits for the archive.
  */
 #ifndef EVARCHIVER_SERVER_H
 #define EVARCHIVER_SERVER_H
 
+#include "admission.h"
 #include "link.h"
 
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
-#include <set>
+#include <atomic>
+#include <unordered_map>
 
 namespace evarchive {
 
+/** How a server ended. */
+struct ServerEnd {
+    int signal = 0;      ///< the one that ended it; 0: the archive failed
+    bool isSafe = false; ///< whether all that links brought is
+    std::string failure; ///< of the archive
+};
+
+/** What is known of a running server; any thread may ask. */
+struct ServerState {
+    U64_t links = 0;
+    LinkCounts counts;
+    LaneState lane;
+    std::size_t unsent = 0; ///< bytes of answers that wait
+};
+
 /** One process's server. */
-class Server {
+class Server : private LinkHost {
   public:
-    /** Binds; throws std::system_error when it cannot. */
-    Server(const Options& options, Archive& archive, Say say);
+    /** Binds and listens, makes the first line of output; throws std::system_error when it cannot.
+     * Nothing is served yet. */
+    Server(const Options& options, Say say);
 
-    /** Serves until SIGINT or SIGTERM; then everything received is filed and committed. Throws
-     * StoreError when the storage fails. */
-    void run();
+    /** Serves an archive until SIGINT or SIGTERM; then everything received is filed. */
+    ServerEnd run(std::unique_ptr<Store> store);
 
-    const SessionCounts& counts() const { return counts_; }
+    /** Of the last second. */
+    ServerState state();
+
+    /** Only after run(). */
+    U64_t countGaps() { return lane_->countGaps(); }
 
   private:
-    void listen();
-    void accept();
-    void acceptLater();
-    void accepted(asio::ip::tcp::socket socket);
+    // Of a link.
+    const Options& options() const override { return options_; }
+    LinkCounts& counts() override { return counts_; }
+    void say(Level level, const std::string& line) override { say_(level, line); }
+    std::span<U8_t> receiveBuffer() override { return buffer_; }
+    bool hasRoom() override;
+    void submit(const Link& link, Batch::Kind kind, View body) override;
+    void speaks(Link& link, const BladeKey& blade) override;
+    void unsettled(Link& link) override;
+    bool addUnsent(std::ptrdiff_t bytes) override;
+    void closed(Link& link) override;
+
+    // Of the lane, from its thread.
+    void deliver(std::vector<Reply> replies);
+    void laneFailed(const std::string& why);
+
+    void bind();
+    void awaitConnections();
+    void acceptLater(std::chrono::milliseconds pause);
+    void acceptAll();
+    bool acceptOne();
+    void take(asio::ip::tcp::socket socket);
+    void refuse(const std::string& peer, const std::string& why);
+    void handOver();
+    void armHandOver();
     void armSettling();
     void settle();
-    void armProgress();
-    void stop();
+    void armSecond();
+    void everySecond();
+    void sayProgress();
+    void beginStop(int signal);
+    void finishStop();
+    void endAllLinks();
 
     const Options& options_;
-    Archive& archive_;
     Say say_;
-    SessionCounts counts_;
+    LinkCounts counts_;
+    std::array<U8_t, 65'536> buffer_{};
     asio::io_context context_{1};
     asio::ip::tcp::acceptor acceptor_{context_};
     asio::signal_set signals_{context_, SIGINT, SIGTERM};
-    asio::steady_timer settling_{context_};
-    asio::steady_timer progress_{context_};
     asio::steady_timer acceptPause_{context_};
-    std::set<std::shared_ptr<Link>> links_;
+    asio::steady_timer handOverTimer_{context_};
+    asio::steady_timer settling_{context_};
+    asio::steady_timer second_{context_};
+    asio::steady_timer stopTimer_{context_};
+    SpareDescriptor spare_;
+    Admission admission_;
+    Pace pace_;
+    std::unordered_map<LinkNumber, std::shared_ptr<Link>> links_;
+    std::map<BladeKey, LinkNumber> blades_; ///< on which link each one speaks
+    std::vector<LinkNumber> unsettled_;
+    LinkNumber lastNumber_ = 0;
+    Batch batch_; ///< not handed over yet
+    std::size_t unsent_ = 0;
+    bool isHandOverPosted_ = false;
+    bool isHandOverTimed_ = false;
     bool isSettling_ = false;
+    bool isStopping_ = false;
+    U64_t secondsPassed_ = 0;
+    Clock::time_point saidRefused_;
+    U64_t refusedSilently_ = 0;
     std::string lastProgress_;
+    ServerEnd end_;
+    std::mutex stateMutex_;
+    ServerState state_;
+    std::unique_ptr<Lane> lane_; ///< last: its thread calls back
 };
 
 /** The counts as one line. */

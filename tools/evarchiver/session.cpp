@@ -1,138 +1,164 @@
 #include "session.h"
 
 namespace evarchive {
+namespace {
 
-Session::Session(Archive& archive, SessionCounts& counts, std::string peer, Answer answer, Say say,
-                 U64_t closeAfter)
-    : archive_(archive), counts_(counts), peer_(std::move(peer)), answer_(std::move(answer)),
-      say_(std::move(say)), closeAfter_(closeAfter) {}
+// Enough of a stream to judge a request and the border behind it, whatever they are.
+constexpr std::size_t JUDGED_SIZE = LARGEST_REQUEST + BORDER_SIZE;
+
+Border borderAt(View bytes) {
+    return judgeBorder(bytes.first(std::min(bytes.size(), BORDER_SIZE))).border;
+}
+
+bool isBorderAt(View bytes) {
+    return bytes.size() >= BORDER_SIZE && borderAt(bytes) != Border::LOST;
+}
+
+} // namespace
+
+Session::Session(Requests& requests, SessionCounts& counts, Say say, U64_t closeAfter)
+    : requests_(requests), counts_(counts), say_(std::move(say)), closeAfter_(closeAfter) {}
 
 Verdict Session::receive(View bytes) {
-    input_.insert(input_.end(), bytes.begin(), bytes.end());
-    std::size_t used = 0;
     Verdict verdict = Verdict::GO_ON;
-    while (verdict == Verdict::GO_ON) {
-        const View rest = View(input_).subspan(used);
-        if (hasBorderBehind(rest)) {
-            verdict = settle();
+    if (!input_.empty()) {
+        // Only as much is copied as it takes to get through what has begun.
+        const std::size_t begun = input_.size();
+        const View more = bytes.first(std::min(bytes.size(), JUDGED_SIZE));
+        input_.insert(input_.end(), more.begin(), more.end());
+        const std::size_t used = parse(input_, verdict);
+        if (verdict == Verdict::CLOSE) {
+            input_.clear();
+            return verdict;
         }
-        const Judgement judgement = judgeBorder(rest);
-        if (judgement.border == Border::LOST) {
-            return giveUp(judgement.reason);
+        if (used < begun) {
+            input_.erase(input_.begin(), input_.begin() + static_cast<std::ptrdiff_t>(used));
+            return verdict;
         }
-        if (judgement.border == Border::MORE || verdict == Verdict::CLOSE) {
-            break;
-        }
-        const View request = rest.first(judgement.size);
-        const Judgement next = judgeBorder(rest.subspan(judgement.size));
-        if (next.border == Border::LOST) {
-            // The request is not what it seems either.
-            keepEvent(request);
-            return giveUp(next.reason);
-        }
-        used += judgement.size;
-        verdict = take(request);
+        input_ = {}; // gives the memory back: most links are idle
+        bytes = bytes.subspan(used - begun);
     }
-    input_.erase(input_.begin(), verdict == Verdict::CLOSE
-                                     ? input_.end()
-                                     : input_.begin() + static_cast<std::ptrdiff_t>(used));
+    const std::size_t used = parse(bytes, verdict);
+    const View rest = bytes.subspan(used);
+    input_.assign(rest.begin(), rest.end());
     return verdict;
 }
 
-bool Session::hasBorderBehind(View rest) const {
-    return event_ && rest.size() >= BORDER_SIZE &&
-           judgeBorder(rest.first(BORDER_SIZE)).border != Border::LOST;
+std::size_t Session::parse(View bytes, Verdict& verdict) {
+    std::size_t used = 0;
+    while (verdict == Verdict::GO_ON) {
+        const View rest = bytes.subspan(used);
+        if (atHand_ && isBorderAt(rest)) {
+            settle(Certainty::CERTAIN);
+        }
+        const Judgement judgement = judgeBorder(rest);
+        if (judgement.border == Border::LOST) {
+            verdict = giveUp(judgement.reason, {});
+        }
+        if (judgement.border != Border::WHOLE) {
+            break;
+        }
+        const View request = rest.first(judgement.size);
+        const View behind = rest.subspan(judgement.size);
+        if (const Judgement next = judgeBorder(behind.first(std::min(behind.size(), BORDER_SIZE)));
+            next.border == Border::LOST) {
+            // The request is not what it seems either.
+            verdict = giveUp(next.reason, typeOf(request) == EMP_E_MSGS_LOG ? request : View());
+            break;
+        }
+        used += judgement.size;
+        verdict = take(request, behind);
+    }
+    return verdict == Verdict::CLOSE ? bytes.size() : used;
 }
 
-Verdict Session::take(View request) {
+Verdict Session::take(View request, View behind) {
     ++counts_.messages;
     ++messages_;
     switch (typeOf(request)) {
     case EMP_E_MSGS_LOG:
-        keepEvent(request);
+        takeEvent(bodyOf(request), behind);
         break;
     case EMP_E_MSGS_INQUIRY:
-        takeInquiry(request);
+        requests_.takeInquiry(handleOf(request), imageOf<EmpEvInquiryMsg_t>(bodyOf(request)));
         break;
     default:
-        takeStatusRequest(request);
+        requests_.takeStatusRequest(handleOf(request),
+                                    imageOf<EmpGetEvArchiverStatusMsg_t>(bodyOf(request)));
         break;
     }
     if (messages_ == closeAfter_) {
-        settle();
-        say_(peer_ + ": closed after " + std::to_string(messages_) + " messages, as asked");
+        say_(Level::INFO, "closed after " + std::to_string(messages_) + " messages, as asked");
         return Verdict::CLOSE;
     }
     return Verdict::GO_ON;
 }
 
-void Session::keepEvent(View request) {
-    if (typeOf(request) == EMP_E_MSGS_LOG) {
-        const View body = bodyOf(request);
-        event_ = Bytes(body.begin(), body.end());
+void Session::takeEvent(View body, View behind) {
+    if (isBorderAt(behind)) {
+        requests_.takeEvent(body, Certainty::CERTAIN);
+        return;
     }
+    atHand_.emplace(body.begin(), body.end());
+    stage_ = Stage::FRESH;
 }
 
-Verdict Session::idle() {
+void Session::idle() {
     // A few bytes behind the event may yet turn out to be no header.
-    return input_.empty() ? settle() : Verdict::GO_ON;
-}
-
-Verdict Session::settle() {
-    if (!event_) {
-        return Verdict::GO_ON;
+    if (atHand_ && input_.empty() && stage_ == Stage::FRESH) {
+        requests_.takeEvent(*atHand_, Certainty::SILENT);
+        stage_ = Stage::DOUBTFUL;
     }
-    const Bytes body = std::move(*event_);
-    event_.reset();
-    const Filed filed = archive_.fileEvent(blade_ ? &*blade_ : nullptr, body);
-    return filed == Filed::REFUSED ? Verdict::CLOSE : Verdict::GO_ON;
 }
 
-void Session::takeInquiry(View request) {
-    const auto inquiry = imageOf<EmpEvInquiryMsg_t>(bodyOf(request));
-    const auto event = archive_.answerInquiry(inquiry);
-    answer_(event ? makeEventAnswer(handleOf(request), event->image)
-                  : makeNothingFoundAnswer(handleOf(request), inquiry));
+void Session::idleForLong() {
+    if (atHand_ && input_.empty() && stage_ != Stage::SETTLED) {
+        requests_.takeEvent(*atHand_, Certainty::CERTAIN);
+        stage_ = Stage::SETTLED;
+    }
 }
 
-void Session::takeStatusRequest(View request) {
-    const auto status = imageOf<EmpGetEvArchiverStatusMsg_t>(bodyOf(request));
-    blade_ = bladeOf(status);
-    const StatusVerdict verdict = archive_.answerStatus(status);
-    say_(peer_ + ": " + nameOf(*blade_) + " instance " +
-         std::to_string(U32_t{status.evInstanceNumber}) + " from id " +
-         std::to_string(U32_t{status.evSequenceIdFirst}) +
-         ((verdict.controlFlag & EMP_E_ARCHIVER_CONTROL_NO_DATA) != 0
-              ? ", nothing of it held"
-              : ", held to id " + std::to_string(verdict.sequenceIdLast)));
-    answer_(
-        makeStatusAnswer(handleOf(request), status, verdict.sequenceIdLast, verdict.controlFlag));
+void Session::settle(Certainty certainty) {
+    if (atHand_ && stage_ != Stage::SETTLED) {
+        requests_.takeEvent(*atHand_, certainty);
+    }
+    atHand_.reset();
 }
 
-Verdict Session::giveUp(const char* reason) {
+Verdict Session::giveUp(const char* reason, View event) {
     ++counts_.bordersLost;
-    std::string line = peer_ + ": the stream has lost its message borders (" + reason + ")";
-    if (event_) {
-        ++counts_.givenUp;
-        const auto header = imageOf<EmpEvLogHeader_t>(*event_);
-        line += ", event with id " + std::to_string(U32_t{header.evSequenceId}) + " given up";
-        event_.reset();
+    std::string line = std::string("the stream has lost its message borders (") + reason + ")";
+    if (atHand_ && stage_ != Stage::FRESH) {
+        requests_.takeBackEvent(*atHand_);
     }
-    input_.clear();
-    say_(line + ", closed");
+    View given = event.empty() ? event : bodyOf(event);
+    if (atHand_) {
+        given = *atHand_;
+    }
+    if (!given.empty()) {
+        ++counts_.givenUp;
+        line += ", event with id " +
+                std::to_string(U32_t{imageOf<EmpEvLogHeader_t>(given).evSequenceId}) + " given up";
+    }
+    atHand_.reset();
+    say_(Level::WARNING, line + ", closed");
     return Verdict::CLOSE;
 }
 
 void Session::end() {
-    if (!input_.empty() && event_) {
+    if (!input_.empty() && atHand_) {
         // Too little came behind the event to tell a border from a stray byte.
-        say_(peer_ + ": ended within a message, the event before it is given up");
+        say_(Level::NOTICE, "ended within a message, the event before it is given up");
         ++counts_.givenUp;
-        event_.reset();
+        if (stage_ == Stage::SETTLED) {
+            requests_.takeBackEvent(*atHand_);
+        }
+        atHand_.reset();
     } else if (!input_.empty()) {
-        say_(peer_ + ": ended within a message");
+        say_(Level::NOTICE, "ended within a message");
     }
-    settle();
+    input_.clear();
+    settle(Certainty::ENDED);
 }
 
 } // namespace evarchive

@@ -3,6 +3,25 @@
 #include <sqlite3.h>
 
 namespace evarchive {
+namespace {
+
+// What another process or a person may put right while the archive waits.
+StoreError::Kind kindOf(int result) {
+    switch (result & 0xFF) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+    case SQLITE_FULL:
+    case SQLITE_IOERR:
+    case SQLITE_NOMEM:
+    case SQLITE_CANTOPEN:
+    case SQLITE_PROTOCOL:
+        return StoreError::Kind::PASSING;
+    default:
+        return StoreError::Kind::LASTING;
+    }
+}
+
+} // namespace
 
 SqliteDatabase::SqliteDatabase(const std::string& uri, int flags, std::string name)
     : name_(std::move(name)) {
@@ -33,7 +52,15 @@ S64_t SqliteDatabase::lastRow() const {
 }
 
 void SqliteDatabase::fail() const {
-    throw StoreError(name_ + ": " + sqlite3_errmsg(handle_));
+    throw StoreError(name_ + ": " + sqlite3_errmsg(handle_), kindOf(sqlite3_errcode(handle_)));
+}
+
+void SqliteDatabase::tryToExecute(const char* sql) noexcept {
+    sqlite3_exec(handle_, sql, nullptr, nullptr, nullptr);
+}
+
+int SqliteDatabase::changes() const {
+    return sqlite3_changes(handle_);
 }
 
 SqliteStatement::SqliteStatement(SqliteDatabase& database, const char* sql) : database_(database) {
@@ -70,6 +97,10 @@ S64_t SqliteStatement::integer(int column) const {
     return sqlite3_column_int64(handle_, column);
 }
 
+bool SqliteStatement::isNull(int column) const {
+    return sqlite3_column_type(handle_, column) == SQLITE_NULL;
+}
+
 std::string SqliteStatement::text(int column) const {
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(handle_, column));
     return {text, static_cast<std::size_t>(sqlite3_column_bytes(handle_, column))};
@@ -89,7 +120,7 @@ void SqliteStatement::bind(int index, const std::string& value) {
                             SQLITE_STATIC));
 }
 
-void SqliteStatement::bind(int index, const Bytes& value) {
+void SqliteStatement::bind(int index, View value) {
     check(sqlite3_bind_blob(handle_, index, value.data(), static_cast<int>(value.size()),
                             SQLITE_STATIC));
 }

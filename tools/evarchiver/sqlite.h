@@ -29,6 +29,10 @@ class SqliteDatabase {
     S64_t lastRow() const;         ///< row number of the last insertion
     sqlite3* handle() const { return handle_; }
 
+    /** Does not throw. */
+    void tryToExecute(const char* sql) noexcept;
+    int changes() const; ///< rows that the last statement changed
+
     [[noreturn]] void fail() const;
 
   private:
@@ -60,6 +64,7 @@ class SqliteStatement {
 
     S64_t integer(int column) const;
     U32_t id(int column) const { return static_cast<U32_t>(integer(column)); }
+    bool isNull(int column) const;
     std::string text(int column) const;
     Bytes bytes(int column) const;
 
@@ -68,7 +73,8 @@ class SqliteStatement {
     void bind(int index, U32_t value) { bind(index, S64_t{value}); }
     void bind(int index, bool value) { bind(index, S64_t{value}); }
     void bind(int index, const std::string& value);
-    void bind(int index, const Bytes& value);
+    void bind(int index, View value);
+    void bind(int index, const Bytes& value) { bind(index, View(value)); }
     void check(int result) const;
 
     SqliteDatabase& database_;

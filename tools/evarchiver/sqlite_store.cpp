@@ -1,9 +1,10 @@
 #include "sqlite_store.h"
 
+#include "database_file.h"
 #include "sqlite.h"
-#include "writer_lock.h"
 
 #include <array>
+#include <ctime>
 #include <sqlite3.h>
 #include <unistd.h>
 
@@ -12,7 +13,7 @@ namespace {
 
 // "EVAR" in the file's header: other SQLite files are not taken for an archive.
 constexpr S64_t APPLICATION_ID = 0x45564152;
-constexpr S64_t LAYOUT_VERSION = 1;
+constexpr S64_t LAYOUT_VERSION = 2;
 
 constexpr char LAYOUT[] = R"(
 BEGIN;
@@ -21,45 +22,90 @@ CREATE TABLE series (
     slot INTEGER NOT NULL, instance INTEGER NOT NULL, UNIQUE (enclosure, blade, slot, instance));
 CREATE TABLE generations (
     series INTEGER NOT NULL, generation INTEGER NOT NULL, opened INTEGER NOT NULL,
-    duplicates INTEGER NOT NULL, PRIMARY KEY (series, generation)) WITHOUT ROWID;
+    duplicates INTEGER NOT NULL, proven_first INTEGER, proven_last INTEGER,
+    PRIMARY KEY (series, generation)) WITHOUT ROWID;
 CREATE TABLE events (
     series INTEGER NOT NULL, generation INTEGER NOT NULL, id INTEGER NOT NULL,
     own INTEGER NOT NULL, time INTEGER NOT NULL, source INTEGER NOT NULL, type INTEGER NOT NULL,
     category INTEGER NOT NULL, event INTEGER NOT NULL, image BLOB NOT NULL,
+    received INTEGER NOT NULL, doubtful INTEGER NOT NULL,
     UNIQUE (series, generation, id));
+CREATE TABLE set_aside (
+    enclosure TEXT NOT NULL, blade TEXT NOT NULL, slot INTEGER NOT NULL, instance INTEGER NOT NULL,
+    id INTEGER NOT NULL, reason INTEGER NOT NULL, received INTEGER NOT NULL, image BLOB NOT NULL,
+    UNIQUE (enclosure, blade, slot, instance, id, image));
 PRAGMA application_id = 0x45564152;
-PRAGMA user_version = 1;
+PRAGMA user_version = 2;
 COMMIT;
 )";
 
+// From layout 1. When its events came is not known: they count as received now.
+constexpr char UPGRADE[] = R"(
+BEGIN IMMEDIATE;
+ALTER TABLE generations ADD COLUMN proven_first INTEGER;
+ALTER TABLE generations ADD COLUMN proven_last INTEGER;
+ALTER TABLE events ADD COLUMN received INTEGER NOT NULL DEFAULT %NOW%;
+ALTER TABLE events ADD COLUMN doubtful INTEGER NOT NULL DEFAULT 0;
+CREATE TABLE set_aside (
+    enclosure TEXT NOT NULL, blade TEXT NOT NULL, slot INTEGER NOT NULL, instance INTEGER NOT NULL,
+    id INTEGER NOT NULL, reason INTEGER NOT NULL, received INTEGER NOT NULL, image BLOB NOT NULL,
+    UNIQUE (enclosure, blade, slot, instance, id, image));
+PRAGMA user_version = 2;
+COMMIT;
+)";
+
+// Pages of the "-wal" file before it is written back: fewer pages are then written twice.
+constexpr char SET_UP[] = "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;"
+                          "PRAGMA wal_autocheckpoint = 4000; PRAGMA busy_timeout = 1000";
+
+#define EVENT_COLUMNS "id, own, image, doubtful, received"
+
 StoredEvent eventOf(const SqliteStatement& row) {
-    return {row.id(0), row.integer(1) != 0, row.bytes(2)};
+    return {row.id(0), row.integer(1) != 0, row.bytes(2), row.integer(3) != 0, row.integer(4)};
+}
+
+std::optional<IdRun> runOf(const SqliteStatement& row, int column) {
+    const IdRun run{row.id(column), row.id(column + 1)};
+    return row.isNull(column) ? std::nullopt : std::optional(run);
 }
 
 // An inquiry's type as a condition and an order; all are walks of one index.
 constexpr std::array<const char*, 5> FIND = {
-    "SELECT id, own, image FROM events WHERE series = ?1 AND generation = ?2 AND own "
+    "SELECT " EVENT_COLUMNS " FROM events WHERE series = ?1 AND generation = ?2 AND own "
     "AND ?3 = ?3 ORDER BY id LIMIT 1",
-    "SELECT id, own, image FROM events WHERE series = ?1 AND generation = ?2 AND own "
+    "SELECT " EVENT_COLUMNS " FROM events WHERE series = ?1 AND generation = ?2 AND own "
     "AND id > ?3 ORDER BY id LIMIT 1",
-    "SELECT id, own, image FROM events WHERE series = ?1 AND generation = ?2 AND own "
+    "SELECT " EVENT_COLUMNS " FROM events WHERE series = ?1 AND generation = ?2 AND own "
     "AND id = ?3",
-    "SELECT id, own, image FROM events WHERE series = ?1 AND generation = ?2 AND own "
+    "SELECT " EVENT_COLUMNS " FROM events WHERE series = ?1 AND generation = ?2 AND own "
     "AND id < ?3 ORDER BY id DESC LIMIT 1",
-    "SELECT id, own, image FROM events WHERE series = ?1 AND generation = ?2 AND own "
+    "SELECT " EVENT_COLUMNS " FROM events WHERE series = ?1 AND generation = ?2 AND own "
     "AND ?3 = ?3 ORDER BY id DESC LIMIT 1",
 };
 static_assert(FIND.size() == EMP_E_INQUIRY_TYPE_LAST);
 
 class SqliteStore final : public Store {
   public:
-    // A store that is only read comes without a lock.
+    // A store that is only read, or lies in memory, comes without a file.
     explicit SqliteStore(std::unique_ptr<SqliteDatabase> database,
-                         std::unique_ptr<WriterLock> lock = nullptr)
-        : lock_(std::move(lock)), database_(std::move(database)) {}
+                         std::unique_ptr<DatabaseFile> file = nullptr)
+        : file_(std::move(file)), database_(std::move(database)) {}
 
-    void begin() override { database_->execute("BEGIN IMMEDIATE"); }
-    void commit() override { database_->execute("COMMIT"); }
+    void begin() override { begin_.run(); }
+
+    void commit() override {
+        if (file_) {
+            file_->requireInPlace();
+        }
+        commit_.run();
+    }
+
+    void rollback() noexcept override {
+        for (SqliteStatement* statement : {&idsFrom_, &eventsFrom_, &oldest_}) {
+            statement->reset();
+        }
+        database_->tryToExecute("ROLLBACK");
+    }
 
     SeriesNumber addSeries(const SeriesKey& key) override {
         addSeries_.with(key.blade.enclosure, key.blade.blade, key.blade.slot, key.instance).run();
@@ -70,17 +116,47 @@ class SqliteStore final : public Store {
         addGeneration_.with(generation.series, generation.generation, opened).run();
     }
 
-    void addEvent(const GenerationKey& generation, const StoredEvent& event) override {
+    void addEvent(const GenerationKey& generation, const NewEvent& event) override {
         const auto header = imageOf<EmpEvLogHeader_t>(event.image);
         addEvent_
             .with(generation.series, generation.generation, event.sequenceId, event.own,
                   U32_t{header.evTime}, U32_t{header.evSource}, U32_t{header.evType},
-                  U32_t{header.evCategory}, U32_t{header.evId}, event.image)
+                  U32_t{header.evCategory}, U32_t{header.evId}, event.image, event.received,
+                  event.doubtful)
             .run();
     }
 
-    void countDuplicate(const GenerationKey& generation) override {
-        countDuplicate_.with(generation.series, generation.generation).run();
+    void confirmEvent(const GenerationKey& generation, U32_t id) override {
+        confirmEvent_.with(generation.series, generation.generation, id).run();
+    }
+
+    void removeEvent(const GenerationKey& generation, U32_t id) override {
+        removeEvents_.with(generation.series, generation.generation, id, id).run();
+    }
+
+    U64_t removeOldest(const GenerationKey& generation, S64_t before, U64_t most) override;
+
+    void countDuplicates(const GenerationKey& generation, U64_t more) override {
+        countDuplicates_.with(static_cast<S64_t>(more), generation.series, generation.generation)
+            .run();
+    }
+
+    void noteProven(const GenerationKey& generation, const IdRun& run) override {
+        noteProven_
+            .with(S64_t{run.first}, S64_t{run.last}, generation.series, generation.generation)
+            .run();
+    }
+
+    void setAside(const SeriesKey& key, Aside reason, const NewEvent& event) override {
+        setAside_
+            .with(key.blade.enclosure, key.blade.blade, key.blade.slot, key.instance,
+                  event.sequenceId, static_cast<U32_t>(reason), event.received, event.image)
+            .run();
+    }
+
+    U64_t removeAside(S64_t before) override {
+        removeAside_.with(before).run();
+        return static_cast<U64_t>(database_->changes());
     }
 
     std::optional<SeriesNumber> findSeries(const SeriesKey& key) override {
@@ -88,18 +164,20 @@ class SqliteStore final : public Store {
             findSeries_.with(key.blade.enclosure, key.blade.blade, key.blade.slot, key.instance));
     }
 
-    U32_t newestGeneration(SeriesNumber series) override {
-        return static_cast<U32_t>(oneNumber(newestGeneration_.with(series)).value_or(0));
-    }
+    std::optional<GenerationInfo> newestGeneration(SeriesNumber series) override;
 
     std::optional<StoredEvent> findEvent(const GenerationKey& generation, EMP_INQUIRY_TYPE_e type,
                                          U32_t id) override {
-        return oneEvent(find_[static_cast<std::size_t>(type - EMP_E_INQUIRY_TYPE_FIRST)],
-                        generation, id);
+        return oneEvent(find_[static_cast<std::size_t>(type - EMP_E_INQUIRY_TYPE_FIRST)].with(
+            generation.series, generation.generation, id));
     }
 
     std::optional<StoredEvent> heldEvent(const GenerationKey& generation, U32_t id) override {
-        return oneEvent(held_, generation, id);
+        return oneEvent(held_.with(generation.series, generation.generation, id));
+    }
+
+    std::optional<StoredEvent> oldestEvent(const GenerationKey& generation) override {
+        return oneEvent(eventsFrom_.with(generation.series, generation.generation));
     }
 
     std::optional<U32_t> highestId(const GenerationKey& generation) override {
@@ -108,12 +186,12 @@ class SqliteStore final : public Store {
     }
 
     U32_t endOfRun(const GenerationKey& generation, U32_t from) override {
-        idsFrom_.with(generation.series, generation.generation, from);
+        certainFrom_.with(generation.series, generation.generation, from);
         U64_t next = from;
-        while (idsFrom_.step() && idsFrom_.id(0) == next) {
+        while (certainFrom_.step() && certainFrom_.id(0) == next && !certainFrom_.integer(1)) {
             ++next;
         }
-        idsFrom_.reset();
+        certainFrom_.reset();
         return static_cast<U32_t>(next - 1);
     }
 
@@ -123,7 +201,7 @@ class SqliteStore final : public Store {
 
     std::vector<GenerationInfo> listGenerations() override;
 
-    void forEachRun(const GenerationKey& generation,
+    void forEachRun(const GenerationKey& generation, U32_t from,
                     const std::function<void(const IdRun&)>& take) override;
 
     void forEachEvent(const GenerationKey& generation,
@@ -133,6 +211,14 @@ class SqliteStore final : public Store {
             take(eventOf(eventsFrom_));
         }
         eventsFrom_.reset();
+    }
+
+    void forEachAside(const std::function<void(const AsideEvent&)>& take) override;
+
+    U64_t bytesUsed() override {
+        const S64_t pages = database_->number("PRAGMA page_count");
+        const S64_t unused = database_->number("PRAGMA freelist_count");
+        return static_cast<U64_t>((pages - unused) * database_->number("PRAGMA page_size"));
     }
 
   private:
@@ -147,9 +233,7 @@ class SqliteStore final : public Store {
         return number;
     }
 
-    static std::optional<StoredEvent> oneEvent(SqliteStatement& statement,
-                                               const GenerationKey& generation, U32_t id) {
-        statement.with(generation.series, generation.generation, id);
+    static std::optional<StoredEvent> oneEvent(SqliteStatement& statement) {
         std::optional<StoredEvent> event;
         if (statement.step()) {
             event = eventOf(statement);
@@ -158,27 +242,46 @@ class SqliteStore final : public Store {
         return event;
     }
 
-    std::unique_ptr<WriterLock> lock_; // outlives the database
+    std::unique_ptr<DatabaseFile> file_; // outlives the database
     std::unique_ptr<SqliteDatabase> database_;
+    SqliteStatement begin_{*database_, "BEGIN IMMEDIATE"};
+    SqliteStatement commit_{*database_, "COMMIT"};
     SqliteStatement addSeries_{
         *database_, "INSERT INTO series (enclosure, blade, slot, instance) VALUES (?, ?, ?, ?)"};
-    SqliteStatement addGeneration_{*database_, "INSERT INTO generations VALUES (?, ?, ?, 0)"};
+    SqliteStatement addGeneration_{*database_,
+                                   "INSERT INTO generations (series, generation, opened, "
+                                   "duplicates) VALUES (?, ?, ?, 0)"};
     SqliteStatement addEvent_{*database_,
-                              "INSERT INTO events VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"};
-    SqliteStatement countDuplicate_{*database_,
-                                    "UPDATE generations SET duplicates = duplicates + 1 "
-                                    "WHERE series = ? AND generation = ?"};
+                              "INSERT INTO events (series, generation, id, own, time, source, "
+                              "type, category, event, image, received, doubtful) "
+                              "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"};
+    SqliteStatement confirmEvent_{*database_, "UPDATE events SET doubtful = 0 "
+                                              "WHERE series = ? AND generation = ? AND id = ?"};
+    SqliteStatement removeEvents_{*database_,
+                                  "DELETE FROM events WHERE series = ? AND generation = ? "
+                                  "AND id BETWEEN ? AND ?"};
+    SqliteStatement countDuplicates_{*database_,
+                                     "UPDATE generations SET duplicates = duplicates + ? "
+                                     "WHERE series = ? AND generation = ?"};
+    SqliteStatement noteProven_{*database_,
+                                "UPDATE generations SET proven_first = iif(?1 > ?2, NULL, ?1), "
+                                "proven_last = iif(?1 > ?2, NULL, ?2) "
+                                "WHERE series = ?3 AND generation = ?4"};
+    SqliteStatement setAside_{*database_,
+                              "INSERT OR IGNORE INTO set_aside VALUES (?, ?, ?, ?, ?, ?, ?, ?)"};
+    SqliteStatement removeAside_{*database_, "DELETE FROM set_aside WHERE received < ?"};
     SqliteStatement findSeries_{*database_,
                                 "SELECT series FROM series "
                                 "WHERE enclosure = ? AND blade = ? AND slot = ? AND instance = ?"};
-    SqliteStatement newestGeneration_{*database_, "SELECT generation FROM generations "
-                                                  "WHERE series = ? "
-                                                  "ORDER BY generation DESC LIMIT 1"};
+    SqliteStatement newestGeneration_{*database_,
+                                      "SELECT generation, opened, duplicates, proven_first, "
+                                      "proven_last FROM generations WHERE series = ? "
+                                      "ORDER BY generation DESC LIMIT 1"};
     std::array<SqliteStatement, FIND.size()> find_{
         SqliteStatement{*database_, FIND[0]}, SqliteStatement{*database_, FIND[1]},
         SqliteStatement{*database_, FIND[2]}, SqliteStatement{*database_, FIND[3]},
         SqliteStatement{*database_, FIND[4]}};
-    SqliteStatement held_{*database_, "SELECT id, own, image FROM events "
+    SqliteStatement held_{*database_, "SELECT " EVENT_COLUMNS " FROM events "
                                       "WHERE series = ? AND generation = ? AND id = ?"};
     SqliteStatement highest_{*database_,
                              "SELECT id FROM events WHERE series = ? AND generation = ? "
@@ -186,28 +289,64 @@ class SqliteStore final : public Store {
     SqliteStatement idsFrom_{*database_,
                              "SELECT id FROM events WHERE series = ? AND generation = ? "
                              "AND id >= ? ORDER BY id"};
-    SqliteStatement eventsFrom_{*database_, "SELECT id, own, image FROM events "
+    SqliteStatement certainFrom_{*database_, "SELECT id, doubtful FROM events WHERE series = ? AND "
+                                             "generation = ? AND id >= ? ORDER BY id"};
+    SqliteStatement oldest_{*database_,
+                            "SELECT id, received FROM events WHERE series = ? AND generation = ? "
+                            "ORDER BY id LIMIT ?"};
+    SqliteStatement eventsFrom_{*database_, "SELECT " EVENT_COLUMNS " FROM events "
                                             "WHERE series = ? AND generation = ? ORDER BY id"};
 };
+
+std::optional<GenerationInfo> SqliteStore::newestGeneration(SeriesNumber series) {
+    std::optional<GenerationInfo> newest;
+    if (newestGeneration_.with(series).step()) {
+        newest = {{},
+                  {series, newestGeneration_.id(0)},
+                  newestGeneration_.integer(1),
+                  static_cast<U64_t>(newestGeneration_.integer(2)),
+                  runOf(newestGeneration_, 3)};
+    }
+    newestGeneration_.reset();
+    return newest;
+}
+
+U64_t SqliteStore::removeOldest(const GenerationKey& generation, S64_t before, U64_t most) {
+    const auto newest = highestId(generation);
+    std::optional<U32_t> last;
+    U64_t count = 0;
+    oldest_.with(generation.series, generation.generation, static_cast<S64_t>(most));
+    while (oldest_.step() && oldest_.integer(1) < before && oldest_.id(0) != newest) {
+        last = oldest_.id(0);
+        ++count;
+    }
+    oldest_.reset();
+    if (last) {
+        removeEvents_.with(generation.series, generation.generation, U32_t{0}, *last).run();
+    }
+    return count;
+}
 
 std::vector<GenerationInfo> SqliteStore::listGenerations() {
     SqliteStatement rows(*database_,
                          "SELECT enclosure, blade, slot, instance, series, generation, opened, "
-                         "duplicates FROM series JOIN generations USING (series) "
+                         "duplicates, proven_first, proven_last "
+                         "FROM series JOIN generations USING (series) "
                          "ORDER BY enclosure, blade, slot, instance, generation");
     std::vector<GenerationInfo> list;
     while (rows.step()) {
         list.push_back({{{rows.text(0), rows.text(1), rows.id(2)}, rows.id(3)},
                         {rows.integer(4), rows.id(5)},
                         rows.integer(6),
-                        static_cast<U64_t>(rows.integer(7))});
+                        static_cast<U64_t>(rows.integer(7)),
+                        runOf(rows, 8)});
     }
     return list;
 }
 
-void SqliteStore::forEachRun(const GenerationKey& generation,
+void SqliteStore::forEachRun(const GenerationKey& generation, U32_t from,
                              const std::function<void(const IdRun&)>& take) {
-    idsFrom_.with(generation.series, generation.generation, U32_t{0});
+    idsFrom_.with(generation.series, generation.generation, from);
     std::optional<IdRun> run;
     while (idsFrom_.step()) {
         const U32_t id = idsFrom_.id(0);
@@ -226,11 +365,28 @@ void SqliteStore::forEachRun(const GenerationKey& generation,
     }
 }
 
+void SqliteStore::forEachAside(const std::function<void(const AsideEvent&)>& take) {
+    SqliteStatement rows(*database_,
+                         "SELECT enclosure, blade, slot, instance, id, reason, received, image "
+                         "FROM set_aside ORDER BY received, id");
+    while (rows.step()) {
+        take({{{rows.text(0), rows.text(1), rows.id(2)}, rows.id(3)},
+              rows.id(4),
+              static_cast<Aside>(rows.id(5)),
+              rows.integer(6),
+              rows.bytes(7)});
+    }
+}
+
 void requireArchive(SqliteDatabase& database, const std::string& path) {
     if (database.number("PRAGMA application_id") != APPLICATION_ID) {
         throw StoreError(path + ": not an event archive");
     }
     const S64_t version = database.number("PRAGMA user_version");
+    if (version == 1) {
+        throw StoreError(path + ": of an earlier version; an archiver that opens it brings it up "
+                                "to date");
+    }
     if (version != LAYOUT_VERSION) {
         throw StoreError(path + ": version " + std::to_string(version) +
                          " of the archive's layout is not known");
@@ -239,6 +395,18 @@ void requireArchive(SqliteDatabase& database, const std::string& path) {
 
 bool isEmpty(SqliteDatabase& database) {
     return database.number("SELECT count(*) FROM sqlite_schema") == 0;
+}
+
+void prepareLayout(SqliteDatabase& database, const std::string& path) {
+    if (isEmpty(database)) {
+        database.execute(LAYOUT);
+    } else if (database.number("PRAGMA application_id") == APPLICATION_ID &&
+               database.number("PRAGMA user_version") == 1) {
+        std::string upgrade = UPGRADE;
+        upgrade.replace(upgrade.find("%NOW%"), 5, std::to_string(time(nullptr)));
+        database.execute(upgrade.c_str());
+    }
+    requireArchive(database, path);
 }
 
 // "file:" address of a path, for the parameters that only an address can carry.
@@ -267,17 +435,31 @@ std::unique_ptr<StoreReader> readerOf(std::unique_ptr<SqliteDatabase> database,
 } // namespace
 
 std::unique_ptr<Store> openArchive(const std::string& path) {
-    auto lock = std::make_unique<WriterLock>(path);
-    auto database =
-        std::make_unique<SqliteDatabase>(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, path);
+    auto file = std::make_unique<DatabaseFile>(path);
+    auto database = std::make_unique<SqliteDatabase>(path, SQLITE_OPEN_READWRITE, path);
+    // So long a start waits for another program that has the file.
     database->execute("PRAGMA busy_timeout = 5000");
-    if (isEmpty(*database)) {
-        database->execute(LAYOUT);
-    }
-    requireArchive(*database, path);
+    prepareLayout(*database, path);
     // A status answer may make a blade drop its copy of what it names: a commit waits for the disk.
-    database->execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL");
-    return std::make_unique<SqliteStore>(std::move(database), std::move(lock));
+    database->execute(SET_UP);
+    DatabaseFile* const made = file.get();
+    auto store = std::make_unique<SqliteStore>(std::move(database), std::move(file));
+    made->keep();
+    return store;
+}
+
+std::unique_ptr<Store> openArchiveForUpkeep(const std::string& path) {
+    auto database = std::make_unique<SqliteDatabase>(path, SQLITE_OPEN_READWRITE, path);
+    database->execute("PRAGMA busy_timeout = 5000");
+    requireArchive(*database, path);
+    return std::make_unique<SqliteStore>(std::move(database));
+}
+
+std::unique_ptr<Store> openArchiveInMemory() {
+    auto database = std::make_unique<SqliteDatabase>(
+        ":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, "archive in memory");
+    database->execute(LAYOUT);
+    return std::make_unique<SqliteStore>(std::move(database));
 }
 
 std::unique_ptr<StoreReader> openArchiveForReading(const std::string& path) {

@@ -7,15 +7,15 @@
  * generations, counted from 1: a log that was rebuilt or deleted gives out its ids again, and the
  * events of before are kept. A generation holds at most one event of each sequence id.
  *
- * Every call throws StoreError when the engine fails; what was not committed by then may be lost.
+ * Every call throws StoreError when the engine fails; what was not committed by then is lost once
+ * rollback() has been called.
  */
 #ifndef EVARCHIVER_STORE_H
 #define EVARCHIVER_STORE_H
 
-#include "protocol.h"
+#include "rules.h"
 
 #include <functional>
-#include <optional>
 #include <stdexcept>
 
 namespace evarchive {
@@ -23,7 +23,16 @@ namespace evarchive {
 /** The storage cannot do what it was asked. The text says why. */
 class StoreError : public std::runtime_error {
   public:
-    using std::runtime_error::runtime_error;
+    /** Whether waiting may help: a lock that another process holds, a full disk. */
+    enum class Kind : U8_t { LASTING, PASSING };
+
+    explicit StoreError(const std::string& text, Kind kind = Kind::LASTING)
+        : std::runtime_error(text), kind_(kind) {}
+
+    bool isPassing() const { return kind_ == Kind::PASSING; }
+
+  private:
+    Kind kind_;
 };
 
 /** Which blade, in which place. Texts as in the messages, up to their NUL. */
@@ -61,7 +70,18 @@ struct StoredEvent {
      * identity (replayed alternate events keep theirs): such a one holds its place in the log's
      * numbering, but never answers an inquiry about the log. */
     bool own = true;
-    Bytes image; ///< EmpEvLogMsg_t: 152 bytes and the data
+    Bytes image;           ///< EmpEvLogMsg_t: 152 bytes and the data
+    bool doubtful = false; ///< nothing has been seen behind it yet: it may be damaged
+    S64_t received = 0;    ///< seconds since 1970-01-01 UTC
+};
+
+/** An event to be stored. */
+struct NewEvent {
+    U32_t sequenceId = 0;
+    View image;
+    bool own = true;
+    bool doubtful = false;
+    S64_t received = 0; ///< seconds since 1970-01-01 UTC
 };
 
 /** A generation, as lists of the archive show it. */
@@ -70,14 +90,27 @@ struct GenerationInfo {
     GenerationKey number;
     S64_t opened = 0;     ///< seconds since 1970-01-01 UTC
     U64_t duplicates = 0; ///< events that came again with the same bytes
+    /** Ids that were all held once, proven by a look at each; retention may have taken the first
+     * ones since. */
+    std::optional<IdRun> proven;
 };
 
-/** Ids without a hole, both ends included. */
-struct IdRun {
-    U32_t first = 0;
-    U32_t last = 0;
+/** Why an event was set aside. */
+enum class Aside : U8_t {
+    BORDERS_LOST = 1, ///< its stream had lost its message borders
+    NEVER_CONFIRMED,  ///< its stream ended behind it, and its place was taken
+    OTHER_IDENTITY,   ///< it differs from what its log holds, and did not come from its blade
+    SUPERSEDED,       ///< its blade had opened a later link
+    REPLACED,         ///< it was doubtful, and the true one came
+};
 
-    bool operator==(const IdRun&) const = default;
+/** An event that came and could not be filed. */
+struct AsideEvent {
+    SeriesKey key;
+    U32_t sequenceId = 0;
+    Aside reason = Aside::BORDERS_LOST;
+    S64_t received = 0; ///< seconds since 1970-01-01 UTC
+    Bytes image;
 };
 
 /** What can be asked of an archive without changing it. */
@@ -87,8 +120,8 @@ class StoreReader {
 
     virtual std::optional<SeriesNumber> findSeries(const SeriesKey& key) = 0;
 
-    /** @return the highest generation of a series, 0 when it has none */
-    virtual U32_t newestGeneration(SeriesNumber series) = 0;
+    /** The newest generation of a series, its key left empty; nothing when it has none. */
+    virtual std::optional<GenerationInfo> newestGeneration(SeriesNumber series) = 0;
 
     /** The event that an inquiry of this type (EMP_INQUIRY_TYPE_e) with this id means, among the
      * generation's own events: lowest, next above, exact, next below, highest. */
@@ -98,10 +131,14 @@ class StoreReader {
     /** The event that holds an id, own or not. */
     virtual std::optional<StoredEvent> heldEvent(const GenerationKey& generation, U32_t id) = 0;
 
+    /** The event with the lowest id, own or not. */
+    virtual std::optional<StoredEvent> oldestEvent(const GenerationKey& generation) = 0;
+
     /** @return the highest id held, own or not */
     virtual std::optional<U32_t> highestId(const GenerationKey& generation) = 0;
 
-    /** @return the last id of the unbroken run that @p from, which is held, belongs to */
+    /** @return the last id of the unbroken run of events, none of them doubtful, that begins at
+     * @p from, which is one of them */
     virtual U32_t endOfRun(const GenerationKey& generation, U32_t from) = 0;
 
     /** Events held, of all series. May have to count them. */
@@ -110,13 +147,19 @@ class StoreReader {
     /** All generations, by key and generation. */
     virtual std::vector<GenerationInfo> listGenerations() = 0;
 
-    /** The runs of a generation, ascending. The callback must not call the store. */
-    virtual void forEachRun(const GenerationKey& generation,
+    /** The runs of a generation from an id on, ascending. The callback must not call the store. */
+    virtual void forEachRun(const GenerationKey& generation, U32_t from,
                             const std::function<void(const IdRun&)>& take) = 0;
 
     /** The events of a generation, ascending. The callback must not call the store. */
     virtual void forEachEvent(const GenerationKey& generation,
                               const std::function<void(const StoredEvent&)>& take) = 0;
+
+    /** The events that were set aside. The callback must not call the store. */
+    virtual void forEachAside(const std::function<void(const AsideEvent&)>& take) = 0;
+
+    /** Bytes that the archive's events take. */
+    virtual U64_t bytesUsed() = 0;
 };
 
 /** An archive that is written. Changes belong to a transaction. */
@@ -127,16 +170,37 @@ class Store : public StoreReader {
     /** Returns once everything since begin() would survive a loss of power. */
     virtual void commit() = 0;
 
+    /** Forgets everything since begin(). Never throws. */
+    virtual void rollback() noexcept = 0;
+
     virtual SeriesNumber addSeries(const SeriesKey& key) = 0;
 
     /** @param opened seconds since 1970-01-01 UTC */
     virtual void addGeneration(const GenerationKey& generation, S64_t opened) = 0;
 
     /** The generation must not hold the event's id yet. */
-    virtual void addEvent(const GenerationKey& generation, const StoredEvent& event) = 0;
+    virtual void addEvent(const GenerationKey& generation, const NewEvent& event) = 0;
 
-    /** Adds one to the generation's duplicates. */
-    virtual void countDuplicate(const GenerationKey& generation) = 0;
+    /** A doubtful event is so no more. */
+    virtual void confirmEvent(const GenerationKey& generation, U32_t id) = 0;
+
+    virtual void removeEvent(const GenerationKey& generation, U32_t id) = 0;
+
+    /** Removes up to @p most of the generation's events with the lowest ids that came before
+     * @p before, but never its newest one. @return how many */
+    virtual U64_t removeOldest(const GenerationKey& generation, S64_t before, U64_t most) = 0;
+
+    virtual void countDuplicates(const GenerationKey& generation, U64_t more) = 0;
+
+    /** Remembers ids that are known to be held without a hole; none when @p run is empty, its first
+     * id behind its last. */
+    virtual void noteProven(const GenerationKey& generation, const IdRun& run) = 0;
+
+    /** Keeps an event that cannot be filed; the same one only once. */
+    virtual void setAside(const SeriesKey& key, Aside reason, const NewEvent& event) = 0;
+
+    /** Removes the events that were set aside before @p before. @return how many */
+    virtual U64_t removeAside(S64_t before) = 0;
 };
 
 } // namespace evarchive

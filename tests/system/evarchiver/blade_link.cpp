@@ -26,14 +26,15 @@ bool isReadable(int descriptor, std::chrono::milliseconds wait) {
 
 } // namespace
 
-BladeLink::BladeLink(U16_t port, int sendBuffer) : descriptor_(socket(AF_INET, SOCK_STREAM, 0)) {
+BladeLink::BladeLink(U16_t port, int sendBuffer, const std::string& host)
+    : descriptor_(socket(AF_INET, SOCK_STREAM, 0)) {
     if (sendBuffer > 0) {
         setsockopt(descriptor_, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof(sendBuffer));
     }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    inet_pton(AF_INET, host.c_str(), &address.sin_addr);
     if (connect(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
         const int error = errno;
         close(descriptor_);

@@ -19,7 +19,7 @@ namespace support {
 class BladeLink {
   public:
     /** @param sendBuffer SO_SNDBUF in bytes; 0: the system's choice */
-    explicit BladeLink(U16_t port, int sendBuffer = 0);
+    explicit BladeLink(U16_t port, int sendBuffer = 0, const std::string& host = "127.0.0.1");
     ~BladeLink();
     BladeLink(const BladeLink&) = delete;
     BladeLink& operator=(const BladeLink&) = delete;

@@ -19,9 +19,10 @@ class ReportTest : public testing::Test {
   protected:
     void fill(const std::vector<support::EventFields>& events) {
         const auto store = openArchive(path_);
-        Archive archive(*store, {}, [](const std::string&) {});
+        Archive archive(*store, {}, [](Level, const std::string&) {});
+        archive.setTime(2'000'000'000);
         for (const auto& event : events) {
-            archive.fileEvent(nullptr, support::eventBody(event));
+            archive.fileEvent(1, support::eventBody(event));
         }
         archive.commit();
     }

@@ -59,8 +59,8 @@ TEST_F(InquiryTest, OnlyTheAskedIdentityAnswers) {
         EXPECT_FALSE(ask(type, {.slot = 2}, 11)) << type;
         EXPECT_FALSE(ask(type, {.instance = 2}, 11)) << type;
     }
-    EXPECT_EQ(archive_.counts().found, 5U);
-    EXPECT_EQ(archive_.counts().notFound, 25U);
+    EXPECT_EQ(counts().found, 5U);
+    EXPECT_EQ(counts().notFound, 25U);
 }
 
 TEST_F(InquiryTest, NeighboursInTheStorageDoNotAnswer) {

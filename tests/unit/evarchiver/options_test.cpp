@@ -50,9 +50,20 @@ TEST(CommandLine, NeedsAPlaceToListenAndAnArchive) {
     EXPECT_EQ(status({"--version"}), 0);
 }
 
+TEST(CommandLine, ClearingNeedsASecondWord) {
+    EXPECT_EQ(status({"--listen", "0", "--db", "x", "--clear", "all"}), 2);
+    EXPECT_EQ(parsed({"--clear", "all", "--may-stop-blades"}).lane.archive.clear, Clear::ALL);
+}
+
+TEST(CommandLine, WhatIsNoNetworkIsRefused) {
+    for (const char* text : {"", "10.0.0.0/33", "10.0.0.0/", "fd00::/129", "host", "10.0.0/8"}) {
+        EXPECT_EQ(status({"--listen", "0", "--db", "x", "--allow", text}), 2) << text;
+    }
+}
+
 TEST(CommandLine, DefaultsAskNoBladeToClearAndDoNothingBad) {
     const Options options = parsed({});
-    EXPECT_EQ(options.archive.clear, Clear::NOTHING);
+    EXPECT_EQ(options.lane.archive.clear, Clear::NOTHING);
     EXPECT_FALSE(options.misbehaviour.refuse || options.misbehaviour.neverRead ||
                  options.misbehaviour.twice || options.misbehaviour.unknownHandle ||
                  options.misbehaviour.wrongVersion);
@@ -63,12 +74,33 @@ TEST(CommandLine, DefaultsAskNoBladeToClearAndDoNothingBad) {
 TEST(CommandLine, EverySwitchArrives) {
     const Options options = parsed({"--clear",
                                     "all-but-newest",
+                                    "--may-stop-blades",
+                                    "--allow",
+                                    "10.0.0.0/8",
+                                    "--allow",
+                                    "fd00::/8",
+                                    "--per-host",
+                                    "3",
+                                    "--handshake-rate",
+                                    "100",
+                                    "--unsent-limit",
+                                    "9000",
+                                    "--spool",
+                                    "70000",
+                                    "--keep-days",
+                                    "30",
+                                    "--max-bytes",
+                                    "1000000",
+                                    "--blade-quota",
+                                    "11",
+                                    "--metrics",
+                                    "9100",
                                     "--row-limit",
                                     "5",
                                     "--connection-limit",
                                     "6",
                                     "--answer-limit",
-                                    "8192",
+                                    "1448",
                                     "--batch",
                                     "7",
                                     "--progress",
@@ -88,11 +120,20 @@ TEST(CommandLine, EverySwitchArrives) {
                                     "--test-wrong-version",
                                     "--test-answers",
                                     "status"});
-    EXPECT_EQ(options.archive.clear, Clear::ALL_BUT_NEWEST);
-    EXPECT_EQ(options.archive.rowLimit, 5U);
+    EXPECT_EQ(options.lane.archive.clear, Clear::ALL_BUT_NEWEST);
+    EXPECT_EQ(options.lane.archive.rowLimit, 5U);
     EXPECT_EQ(options.connectionLimit, 6U);
-    EXPECT_EQ(options.answerLimit, 8192U);
-    EXPECT_EQ(options.archive.batch, 7U);
+    EXPECT_EQ(options.allow, (std::vector<std::string>{"10.0.0.0/8", "fd00::/8"}));
+    EXPECT_EQ(options.hostLimit, 3U);
+    EXPECT_EQ(options.handshakeRate, 100U);
+    EXPECT_EQ(options.unsentLimit, 9000U);
+    EXPECT_EQ(options.spool, 70'000U);
+    EXPECT_EQ(options.lane.retention.keepDays, 30U);
+    EXPECT_EQ(options.lane.retention.maxBytes, 1'000'000U);
+    EXPECT_EQ(options.lane.retention.bladeQuota, 11U);
+    EXPECT_EQ(textOfEndpoint(*options.metrics), "127.0.0.1:9100");
+    EXPECT_EQ(options.answerLimit, 1448U);
+    EXPECT_EQ(options.lane.batch, 7U);
     EXPECT_EQ(options.progress.count(), 0);
     EXPECT_EQ(options.receiveBuffer, 2304);
     EXPECT_EQ(options.segmentSize, 536);

@@ -142,7 +142,8 @@ TEST(Response, EventAnswerIsHeaderAndEvent) {
 TEST(Response, NothingFoundEchoesIdentityAndIdAndCarriesNoData) {
     const support::LogName log{"ENC", "BLD", 0x01020304, 0x05060708};
     const Bytes body = support::inquiryBody(support::EXACT, log, 0x0A0B0C0D);
-    const Bytes answer = makeNothingFoundAnswer(0xFFFFFFFF, imageOf<EmpEvInquiryMsg_t>(body));
+    const Bytes answer =
+        makeEmptyAnswer(0xFFFFFFFF, imageOf<EmpEvInquiryMsg_t>(body), EMP_E_RESPONSE_FAILURE);
     Bytes expected = {0, 1, 0, 152, 0, 1, 0, 2, 0, 0, 0, 2, 0xFF, 0xFF, 0xFF, 0xFF};
     support::putLog(expected, log);
     support::put32(expected, 0x0A0B0C0D);

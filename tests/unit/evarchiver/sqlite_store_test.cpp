@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace evarchive;
 using support::TempDirectory;
@@ -18,8 +19,10 @@ namespace {
 
 class SqliteStoreTest : public testing::Test {
   protected:
-    static StoredEvent event(U32_t id, bool own = true) {
-        return {id, own, support::eventBody({.id = id})};
+    static void add(Store& store, const GenerationKey& generation, U32_t id, bool own = true,
+                    bool doubtful = false, S64_t received = 1'700'000'000) {
+        const Bytes image = support::eventBody({.id = id});
+        store.addEvent(generation, {id, image, own, doubtful, received});
     }
 
     // One generation with these events, committed.
@@ -28,7 +31,7 @@ class SqliteStoreTest : public testing::Test {
         const GenerationKey generation{store.addSeries(key_), 1};
         store.addGeneration(generation, 1'700'000'000);
         for (const U32_t id : ids) {
-            store.addEvent(generation, event(id));
+            add(store, generation, id);
         }
         store.commit();
         return generation;
@@ -53,7 +56,7 @@ TEST_F(SqliteStoreTest, EventsAreThereAfterAReopening) {
     const auto store = openArchive(path_);
     const auto series = store->findSeries(key_);
     ASSERT_TRUE(series);
-    const GenerationKey generation{*series, store->newestGeneration(*series)};
+    const GenerationKey generation{*series, store->newestGeneration(*series)->number.generation};
     EXPECT_EQ(generation.generation, 1U);
     EXPECT_EQ(store->highestId(generation), 5U);
     EXPECT_EQ(store->endOfRun(generation, 0), 1U);
@@ -66,7 +69,7 @@ TEST_F(SqliteStoreTest, UncommittedEventsAreNotThereAfterAReopening) {
         const auto store = openArchive(path_);
         const GenerationKey generation = fill(*store, {0});
         store->begin();
-        store->addEvent(generation, event(1));
+        add(*store, generation, 1);
     }
     EXPECT_EQ(openArchive(path_)->rowCount(), 1U);
 }
@@ -75,7 +78,7 @@ TEST_F(SqliteStoreTest, RunsAreSeparatedByHoles) {
     const auto store = openArchive(path_);
     const GenerationKey generation = fill(*store, {0, 1, 5, 0xFFFFFFFE, 0xFFFFFFFF});
     std::vector<IdRun> runs;
-    store->forEachRun(generation, [&](const IdRun& run) { runs.push_back(run); });
+    store->forEachRun(generation, 0, [&](const IdRun& run) { runs.push_back(run); });
     EXPECT_THAT(runs, ElementsAre(IdRun{0, 1}, IdRun{5, 5}, IdRun{0xFFFFFFFE, 0xFFFFFFFF}));
 }
 
@@ -83,7 +86,7 @@ TEST_F(SqliteStoreTest, EmptyGenerationHasNoRunAndNoHighestId) {
     const auto store = openArchive(path_);
     const GenerationKey generation = fill(*store, {});
     EXPECT_EQ(store->highestId(generation), std::nullopt);
-    store->forEachRun(generation, [](const IdRun&) { FAIL(); });
+    store->forEachRun(generation, 0, [](const IdRun&) { FAIL(); });
     EXPECT_EQ(store->heldEvent(generation, 0), std::nullopt);
 }
 
@@ -91,7 +94,7 @@ TEST_F(SqliteStoreTest, EventsOfAnotherIdentityHoldIdsButAreNotFound) {
     const auto store = openArchive(path_);
     const GenerationKey generation = fill(*store, {1});
     store->begin();
-    store->addEvent(generation, event(2, false));
+    add(*store, generation, 2, false);
     store->commit();
     EXPECT_TRUE(store->heldEvent(generation, 2));
     EXPECT_EQ(store->endOfRun(generation, 1), 2U);
@@ -103,7 +106,7 @@ TEST_F(SqliteStoreTest, SecondEventUnderAnIdIsRefused) {
     const auto store = openArchive(path_);
     const GenerationKey generation = fill(*store, {1});
     store->begin();
-    EXPECT_THROW(store->addEvent(generation, event(1)), StoreError);
+    EXPECT_THROW(add(*store, generation, 1), StoreError);
 }
 
 TEST_F(SqliteStoreTest, ColumnsCanBeReadByAnySqliteClient) {
@@ -134,6 +137,101 @@ TEST_F(SqliteStoreTest, SecondArchiverIsKeptOut) {
                 ThrowsMessage<StoreError>(HasSubstr("another archiver has this archive open")));
 }
 
+TEST_F(SqliteStoreTest, LockIsOnTheFileNotOnItsName) {
+    const auto store = openArchive(path_);
+    const std::string other = directory_.file("other.db");
+    ASSERT_EQ(link(path_.c_str(), other.c_str()), 0);
+    EXPECT_THAT([&other] { openArchive(other); },
+                ThrowsMessage<StoreError>(HasSubstr("another archiver has this archive open")));
+}
+
+TEST_F(SqliteStoreTest, NamesThatKeepNothingAreRefused) {
+    for (const char* name : {"", ":memory:", "file:x.db", "file::memory:?cache=shared"}) {
+        EXPECT_THROW(openArchive(name), StoreError) << name;
+    }
+}
+
+TEST_F(SqliteStoreTest, NewArchiveIsForItsOwnerOnly) {
+    const mode_t mask = umask(0);
+    const auto store = openArchive(path_);
+    fill(*store, {0});
+    umask(mask);
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        struct stat state {};
+        ASSERT_EQ(stat((path_ + suffix).c_str(), &state), 0) << suffix;
+        EXPECT_EQ(state.st_mode & 0777U, 0600U) << suffix;
+    }
+}
+
+TEST_F(SqliteStoreTest, FailedOpeningLeavesNoFileBehind) {
+    support::writeFile(path_ + "-wal", std::string(10, 'x'));
+    ASSERT_EQ(mkdir((path_ + "-journal").c_str(), 0700), 0); // the layout cannot be written
+    EXPECT_THROW(openArchive(path_), StoreError);
+    EXPECT_FALSE(std::ifstream(path_).good());
+}
+
+TEST_F(SqliteStoreTest, DeletedFileIsNoticedAtTheNextCommit) {
+    const auto store = openArchive(path_);
+    const GenerationKey generation = fill(*store, {0});
+    ASSERT_EQ(unlink(path_.c_str()), 0);
+    store->begin();
+    add(*store, generation, 1);
+    EXPECT_THAT([&store] { store->commit(); },
+                ThrowsMessage<StoreError>(HasSubstr("was deleted or replaced")));
+}
+
+TEST_F(SqliteStoreTest, ReplacedFileIsNoticedAtTheNextCommit) {
+    const auto store = openArchive(path_);
+    const GenerationKey generation = fill(*store, {0});
+    support::writeFile(directory_.file("new"), "x");
+    ASSERT_EQ(rename(directory_.file("new").c_str(), path_.c_str()), 0);
+    store->begin();
+    add(*store, generation, 1);
+    EXPECT_THROW(store->commit(), StoreError);
+}
+
+TEST_F(SqliteStoreTest, LockOfAnotherProgramIsPassing) {
+    const auto store = openArchive(path_);
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(path_.c_str(), &other), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    try {
+        store->begin();
+        ADD_FAILURE() << "the file is locked";
+    } catch (const StoreError& error) {
+        EXPECT_TRUE(error.isPassing());
+    }
+    sqlite3_close(other);
+    EXPECT_NO_THROW(store->begin());
+}
+
+TEST_F(SqliteStoreTest, OldestGoButNeverTheNewest) {
+    const auto store = openArchive(path_);
+    const GenerationKey generation = fill(*store, {0, 1, 2, 3});
+    store->begin();
+    EXPECT_EQ(store->removeOldest(generation, 1'700'000'000, 10), 0U); // they are as old as that
+    EXPECT_EQ(store->removeOldest(generation, 1'700'000'001, 2), 2U);
+    EXPECT_EQ(store->removeOldest(generation, 1'700'000'001, 10), 1U);
+    store->commit();
+    EXPECT_EQ(store->oldestEvent(generation)->sequenceId, 3U);
+}
+
+TEST_F(SqliteStoreTest, ArchiveOfTheFirstLayoutIsBroughtUpToDate) {
+    fill(*openArchive(path_), {0, 1});
+    executeOn(path_, "ALTER TABLE events DROP COLUMN received;"
+                     "ALTER TABLE events DROP COLUMN doubtful;"
+                     "ALTER TABLE generations DROP COLUMN proven_first;"
+                     "ALTER TABLE generations DROP COLUMN proven_last;"
+                     "DROP TABLE set_aside; PRAGMA user_version = 1");
+    EXPECT_THAT([this] { openArchiveForReading(path_); },
+                ThrowsMessage<StoreError>(HasSubstr("brings it up to date")));
+    const auto store = openArchive(path_);
+    const auto newest = store->newestGeneration(*store->findSeries(key_));
+    EXPECT_EQ(store->heldEvent(newest->number, 1)->image, support::eventBody({.id = 1}));
+    EXPECT_GT(store->heldEvent(newest->number, 1)->received, 1'700'000'000);
+    EXPECT_EQ(newest->proven, std::nullopt);
+}
+
 TEST_F(SqliteStoreTest, FileThatIsNoDatabaseIsLeftAlone) {
     support::writeFile(path_, std::string(4096, 'x'));
     EXPECT_THROW(openArchive(path_), StoreError);
@@ -150,9 +248,9 @@ TEST_F(SqliteStoreTest, DatabaseOfAnotherProgramIsLeftAlone) {
 
 TEST_F(SqliteStoreTest, LaterLayoutIsRefused) {
     fill(*openArchive(path_), {});
-    executeOn(path_, "PRAGMA user_version = 2");
+    executeOn(path_, "PRAGMA user_version = 3");
     EXPECT_THAT([this] { openArchive(path_); },
-                ThrowsMessage<StoreError>(HasSubstr("version 2 of the archive's layout")));
+                ThrowsMessage<StoreError>(HasSubstr("version 3 of the archive's layout")));
 }
 
 TEST_F(SqliteStoreTest, DirectoryThatDoesNotExistIsAnError) {

@@ -1,0 +1,256 @@
+#include "lane.h"
+
+#include "link_messages.h"
+#include "sqlite_store.h"
+#include "wait.h"
+
+#include <gmock/gmock.h>
+
+using namespace evarchive;
+using namespace support;
+using testing::HasSubstr;
+
+namespace {
+
+/** A storage in memory of which the test can take the lock, as another program would. */
+class LockableStore : public Store {
+  public:
+    explicit LockableStore(std::atomic<int>& failures) : failures_(failures) {}
+
+    void begin() override { inner_->begin(); }
+    void commit() override {
+        if (failures_ > 0) {
+            --failures_;
+            throw StoreError("locked", StoreError::Kind::PASSING);
+        }
+        if (failures_ < 0) {
+            throw StoreError("broken");
+        }
+        inner_->commit();
+    }
+    void rollback() noexcept override { inner_->rollback(); }
+    SeriesNumber addSeries(const SeriesKey& key) override { return inner_->addSeries(key); }
+    void addGeneration(const GenerationKey& generation, S64_t opened) override {
+        inner_->addGeneration(generation, opened);
+    }
+    void addEvent(const GenerationKey& generation, const NewEvent& event) override {
+        inner_->addEvent(generation, event);
+    }
+    void confirmEvent(const GenerationKey& generation, U32_t id) override {
+        inner_->confirmEvent(generation, id);
+    }
+    void removeEvent(const GenerationKey& generation, U32_t id) override {
+        inner_->removeEvent(generation, id);
+    }
+    U64_t removeOldest(const GenerationKey& generation, S64_t before, U64_t most) override {
+        return inner_->removeOldest(generation, before, most);
+    }
+    void countDuplicates(const GenerationKey& generation, U64_t more) override {
+        inner_->countDuplicates(generation, more);
+    }
+    void noteProven(const GenerationKey& generation, const IdRun& run) override {
+        inner_->noteProven(generation, run);
+    }
+    void setAside(const SeriesKey& key, Aside reason, const NewEvent& event) override {
+        inner_->setAside(key, reason, event);
+    }
+    U64_t removeAside(S64_t before) override { return inner_->removeAside(before); }
+    std::optional<SeriesNumber> findSeries(const SeriesKey& key) override {
+        return inner_->findSeries(key);
+    }
+    std::optional<GenerationInfo> newestGeneration(SeriesNumber series) override {
+        return inner_->newestGeneration(series);
+    }
+    std::optional<StoredEvent> findEvent(const GenerationKey& generation, EMP_INQUIRY_TYPE_e type,
+                                         U32_t id) override {
+        return inner_->findEvent(generation, type, id);
+    }
+    std::optional<StoredEvent> heldEvent(const GenerationKey& generation, U32_t id) override {
+        return inner_->heldEvent(generation, id);
+    }
+    std::optional<StoredEvent> oldestEvent(const GenerationKey& generation) override {
+        return inner_->oldestEvent(generation);
+    }
+    std::optional<U32_t> highestId(const GenerationKey& generation) override {
+        return inner_->highestId(generation);
+    }
+    U32_t endOfRun(const GenerationKey& generation, U32_t from) override {
+        return inner_->endOfRun(generation, from);
+    }
+    U64_t rowCount() override { return inner_->rowCount(); }
+    std::vector<GenerationInfo> listGenerations() override { return inner_->listGenerations(); }
+    void forEachRun(const GenerationKey& generation, U32_t from,
+                    const std::function<void(const IdRun&)>& take) override {
+        inner_->forEachRun(generation, from, take);
+    }
+    void forEachEvent(const GenerationKey& generation,
+                      const std::function<void(const StoredEvent&)>& take) override {
+        inner_->forEachEvent(generation, take);
+    }
+    void forEachAside(const std::function<void(const AsideEvent&)>& take) override {
+        inner_->forEachAside(take);
+    }
+    U64_t bytesUsed() override { return inner_->bytesUsed(); }
+
+  private:
+    std::atomic<int>& failures_; ///< commits that fail; below 0: all, for good
+    std::unique_ptr<Store> inner_ = openArchiveInMemory();
+};
+
+class LaneTest : public testing::Test {
+  protected:
+    void start(const LaneSettings& settings = {}) {
+        lane_ = std::make_unique<Lane>(
+            std::make_unique<LockableStore>(failures_), settings,
+            Lane::Callbacks{[this](const std::vector<Reply>& replies) {
+                                const std::lock_guard lock(mutex_);
+                                replies_.insert(replies_.end(), replies.begin(), replies.end());
+                            },
+                            [this](Level, const std::string& line) {
+                                const std::lock_guard lock(mutex_);
+                                said_ += line + "\n";
+                            },
+                            [this](const std::string& why) {
+                                const std::lock_guard lock(mutex_);
+                                failed_ = why;
+                            }});
+    }
+
+    void addEvents(U32_t first, U32_t last) {
+        for (U32_t id = first; id <= last; ++id) {
+            batch_.add(1, Batch::Kind::EVENT, eventBody({.id = id}));
+        }
+    }
+    void addStatus() { batch_.add(1, Batch::Kind::STATUS, statusBody({}, 0, {1, 2, 3})); }
+    void submit() { lane_->submit(batch_); }
+
+    std::vector<Reply> waitForReplies(size_t count) {
+        requireSoon(
+            [&] {
+                const std::lock_guard lock(mutex_);
+                return replies_.size() >= count;
+            },
+            "replies");
+        const std::lock_guard lock(mutex_);
+        return replies_;
+    }
+
+    std::atomic<int> failures_ = 0;
+    Batch batch_;
+    std::mutex mutex_;
+    std::vector<Reply> replies_;
+    std::string said_;
+    std::string failed_;
+    std::unique_ptr<Lane> lane_;
+};
+
+} // namespace
+
+TEST_F(LaneTest, StatusAnswersComeAfterTheCommitOfAllBeforeThem) {
+    start();
+    addStatus();
+    addEvents(0, 9);
+    addStatus();
+    submit();
+    const auto replies = waitForReplies(2);
+    EXPECT_EQ(replies[0].verdict, NOTHING_HELD);
+    EXPECT_EQ(replies[1].verdict, (StatusVerdict{8, 0}));
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+    EXPECT_EQ(lane_->state().counts.stored, 10U);
+    EXPECT_EQ(lane_->state().spooled, 0U);
+}
+
+TEST_F(LaneTest, FailedCommitIsDoneAgainAndNothingIsAnsweredTwice) {
+    failures_ = 3;
+    start();
+    addStatus();
+    addEvents(0, 9);
+    batch_.add(1, Batch::Kind::INQUIRY, inquiryBody(LAST, {}, 0));
+    addStatus();
+    submit();
+    waitForReplies(3);
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+    const auto replies = waitForReplies(3);
+    ASSERT_EQ(replies.size(), 3U);
+    EXPECT_EQ(replies[0].event->sequenceId, 9U); // an inquiry waits for no commit
+    EXPECT_EQ(replies[2].verdict, (StatusVerdict{8, 0}));
+    EXPECT_EQ(lane_->state().counts.stored, 10U);
+    EXPECT_THAT(said_, HasSubstr("locked; events wait"));
+    EXPECT_THAT(said_, HasSubstr("can be written again"));
+}
+
+TEST_F(LaneTest, FailureBetweenTwoCommitsOfOneBatchRepeatsOnlyTheRest) {
+    LaneSettings settings;
+    settings.batch = 4;
+    start(settings);
+    addEvents(0, 9);
+    addStatus();
+    failures_ = 1;
+    submit();
+    EXPECT_EQ(waitForReplies(1)[0].verdict, (StatusVerdict{8, 0}));
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+    EXPECT_EQ(lane_->state().counts.stored, 10U);
+    EXPECT_EQ(lane_->state().counts.duplicates, 0U);
+}
+
+TEST_F(LaneTest, StorageThatIsAwayKeepsTheWorkAndTheCount) {
+    failures_ = 1'000'000;
+    start();
+    addEvents(0, 9);
+    const std::size_t size = batch_.size();
+    submit();
+    requireSoon([this] { return lane_->state().isAway; }, "the storage is away");
+    EXPECT_EQ(lane_->state().spooled, size);
+    EXPECT_FALSE(lane_->stop(std::chrono::milliseconds(0)));
+    EXPECT_EQ(lane_->state().counts.stored, 0U);
+}
+
+TEST_F(LaneTest, LastingFailureEndsTheLaneAndIsTold) {
+    failures_ = -1;
+    start();
+    addEvents(0, 9);
+    addStatus();
+    submit();
+    requireSoon(
+        [this] {
+            const std::lock_guard lock(mutex_);
+            return !failed_.empty();
+        },
+        "the failure");
+    EXPECT_EQ(failed_, "broken");
+    EXPECT_FALSE(lane_->stop(std::chrono::seconds(5)));
+    EXPECT_TRUE(replies_.empty());
+}
+
+TEST_F(LaneTest, OpenedGenerationAsksTheBladeToSendAgain) {
+    start();
+    addStatus();
+    addEvents(0, 9);
+    batch_.add(1, Batch::Kind::EVENT, eventBody({.id = 5, .time = 2000}));
+    submit();
+    EXPECT_EQ(waitForReplies(2)[1].kind, Reply::Kind::RESEND);
+}
+
+TEST_F(LaneTest, FullArchiveClosesTheLink) {
+    LaneSettings settings;
+    settings.archive.rowLimit = 3;
+    start(settings);
+    addEvents(0, 3);
+    submit();
+    EXPECT_EQ(waitForReplies(1)[0].kind, Reply::Kind::CLOSE);
+}
+
+TEST_F(LaneTest, QuotaOfALogKeepsItsNewestEvents) {
+    LaneSettings settings;
+    settings.retention.bladeQuota = 5;
+    start(settings);
+    addEvents(0, 20);
+    submit();
+    requireSoon([this] { return lane_->state().expired == 16; }, "the oldest to go");
+    batch_.add(1, Batch::Kind::INQUIRY, inquiryBody(FIRST, {}, 0));
+    batch_.add(1, Batch::Kind::STATUS, statusBody({}, 3, {1, 2, 3}));
+    submit();
+    const auto replies = waitForReplies(2);
+    EXPECT_EQ(replies[0].event->sequenceId, 16U);
+    EXPECT_EQ(replies[1].verdict, (StatusVerdict{19, 0})); // what has gone counts
+}

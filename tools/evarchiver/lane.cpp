@@ -1,0 +1,301 @@
+#include "lane.h"
+
+#include <algorithm>
+#include <ctime>
+#include <utility>
+
+namespace evarchive {
+namespace {
+
+// How long an event waits at most for others to be committed with.
+constexpr std::chrono::milliseconds COMMIT_TIME{100};
+
+// Between two tries of a storage that is away.
+constexpr std::chrono::milliseconds FIRST_DELAY{100};
+constexpr std::chrono::milliseconds LONGEST_DELAY{2000};
+
+// Between two lines that say so.
+constexpr std::chrono::seconds SAY_AGAIN{60};
+
+// Between two rounds of retention.
+constexpr std::chrono::seconds ROUND_TIME{60};
+
+// Between two looks at how large the archive is.
+constexpr std::chrono::seconds LOOK_TIME{10};
+
+// Empty batches kept for the next use.
+constexpr std::size_t SPARE_BATCHES = 8;
+
+Certainty certaintyOf(Batch::Kind kind) {
+    switch (kind) {
+    case Batch::Kind::SILENT:
+        return Certainty::SILENT;
+    case Batch::Kind::ENDED:
+        return Certainty::ENDED;
+    default:
+        return Certainty::CERTAIN;
+    }
+}
+
+} // namespace
+
+void Batch::add(LinkNumber link, Kind kind, View body) {
+    requests_.push_back(
+        {link, kind, static_cast<U32_t>(bytes_.size()), static_cast<U32_t>(body.size())});
+    bytes_.insert(bytes_.end(), body.begin(), body.end());
+    isUrgent_ = isUrgent_ || kind == Kind::STATUS || kind == Kind::INQUIRY;
+}
+
+void Batch::clear() {
+    bytes_.clear();
+    requests_.clear();
+    isUrgent_ = false;
+}
+
+Lane::Lane(std::unique_ptr<Store> store, const LaneSettings& settings, Callbacks callbacks)
+    : store_(std::move(store)), settings_(settings), callbacks_(std::move(callbacks)),
+      archive_(*store_, settings.archive, callbacks_.say), retention_(*store_, settings.retention),
+      thread_([this] { run(); }) {}
+
+Lane::~Lane() {
+    stop(std::chrono::milliseconds(0));
+}
+
+void Lane::submit(Batch& batch) {
+    auto handed = std::make_unique<Batch>();
+    {
+        const std::lock_guard lock(mutex_);
+        if (!spare_.empty()) {
+            handed = std::move(spare_.back());
+            spare_.pop_back();
+        }
+        std::swap(*handed, batch);
+        queued_ += handed->size();
+        queue_.push_back(std::move(handed));
+    }
+    wake_.notify_one();
+}
+
+LaneState Lane::state() {
+    const std::lock_guard lock(mutex_);
+    LaneState state = state_;
+    state.spooled = queued_;
+    state.isAway = isAway_;
+    return state;
+}
+
+bool Lane::stop(std::chrono::milliseconds patience) {
+    {
+        const std::lock_guard lock(mutex_);
+        isStopping_ = true;
+        deadline_ = Clock::now() + patience;
+    }
+    wake_.notify_one();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+    return isSafe_;
+}
+
+void Lane::run() {
+    try {
+        while (awaitWork()) {
+            try {
+                workOff();
+                retain();
+            } catch (const StoreError& error) {
+                undo(error);
+            }
+            publish();
+        }
+        if (isSafe_) {
+            archive_.noteRuns();
+            commit();
+        }
+    } catch (const StoreError& error) {
+        archive_.abandon();
+        isSafe_ = false;
+        callbacks_.failed(error.what());
+    }
+    publish();
+}
+
+void Lane::retain() {
+    if (!settings_.retention.isBound() || archive_.isUncommitted()) {
+        return;
+    }
+    if (Clock::now() >= nextRound_) {
+        retention_.beginRound(time(nullptr));
+        nextRound_ = Clock::now() + ROUND_TIME;
+    }
+    if (retention_.isInRound()) {
+        retention_.step();
+    }
+}
+
+// Waits until something is to be done. @return false: never again
+bool Lane::awaitWork() {
+    std::unique_lock lock(mutex_);
+    const auto hasWork = [this] { return !queue_.empty() || isStopping_; };
+    if (delay_.count() > 0) {
+        wake_.wait_for(lock, delay_, [this] { return isStopping_.load(); });
+    } else if (archive_.isUncommitted()) {
+        wake_.wait_until(lock, firstUncommitted_ + COMMIT_TIME, hasWork);
+    } else if (retention_.isInRound()) {
+        // A step of it follows at once.
+    } else if (settings_.retention.isBound()) {
+        wake_.wait_for(lock, ROUND_TIME, hasWork);
+    } else {
+        wake_.wait(lock, hasWork);
+    }
+    const bool isEverythingDone = queue_.empty() && work_.empty() && !archive_.isUncommitted();
+    if (isStopping_ && (isEverythingDone || (delay_.count() > 0 && Clock::now() >= deadline_))) {
+        isSafe_ = isEverythingDone;
+        return false;
+    }
+    while (!queue_.empty()) {
+        work_.push_back(std::move(queue_.front()));
+        queue_.pop_front();
+    }
+    return true;
+}
+
+void Lane::workOff() {
+    archive_.setTime(time(nullptr));
+    for (; batchAt_ < work_.size(); ++batchAt_, requestAt_ = 0) {
+        Batch& batch = *work_[batchAt_];
+        while (requestAt_ < batch.requests().size()) {
+            Batch::Request& request = batch.requests()[requestAt_];
+            work(request, batch.bodyOf(request));
+            ++requestAt_;
+            if (uncommitted_ >= settings_.batch) {
+                commit();
+            }
+        }
+    }
+    if (mustCommit()) {
+        commit();
+    }
+    delay_ = std::chrono::milliseconds(0);
+}
+
+void Lane::work(Batch::Request& request, View body) {
+    switch (request.kind) {
+    case Batch::Kind::EVENT:
+    case Batch::Kind::SILENT:
+    case Batch::Kind::ENDED:
+        fileEvent(request.link, body, certaintyOf(request.kind));
+        break;
+    case Batch::Kind::TAKE_BACK:
+        archive_.takeBack(request.link, body);
+        break;
+    case Batch::Kind::STATUS:
+        held_.push_back(
+            {request.link, Reply::Kind::STATUS,
+             archive_.answerStatus(request.link, imageOf<EmpGetEvArchiverStatusMsg_t>(body))});
+        break;
+    case Batch::Kind::INQUIRY:
+        // It has no part in what is to be committed, so it need not wait.
+        callbacks_.deliver({{request.link,
+                             Reply::Kind::INQUIRY,
+                             {},
+                             archive_.answerInquiry(imageOf<EmpEvInquiryMsg_t>(body))}});
+        request.kind = Batch::Kind::DONE;
+        break;
+    case Batch::Kind::END_OF_LINK:
+        archive_.endLink(request.link);
+        break;
+    default:
+        break;
+    }
+}
+
+void Lane::fileEvent(LinkNumber link, View body, Certainty certainty) {
+    if (uncommitted_ == 0) {
+        firstUncommitted_ = Clock::now();
+    }
+    ++uncommitted_;
+    const Filed filed = archive_.fileEvent(link, body, certainty);
+    if (filed == Filed::NEW_GENERATION) {
+        held_.push_back({link, Reply::Kind::RESEND});
+    } else if (filed == Filed::REFUSED) {
+        held_.push_back({link, Reply::Kind::CLOSE});
+    }
+}
+
+bool Lane::mustCommit() const {
+    return !archive_.isUncommitted() || !held_.empty() || isStopping_ ||
+           (uncommitted_ > 0 && Clock::now() >= firstUncommitted_ + COMMIT_TIME);
+}
+
+void Lane::commit() {
+    const auto begun = Clock::now();
+    if (archive_.isUncommitted()) {
+        archive_.commit();
+        const double seconds = std::chrono::duration<double>(Clock::now() - begun).count();
+        ++commits_;
+        commitSeconds_ += seconds;
+        worstCommit_ = std::max(worstCommit_, seconds);
+        if (isAway_.exchange(false)) {
+            callbacks_.say(Level::NOTICE, "the archive can be written again");
+        }
+    } else {
+        archive_.commit(); // it may have something to say
+    }
+    uncommitted_ = 0;
+    if (!held_.empty()) {
+        callbacks_.deliver(std::exchange(held_, {}));
+    }
+    dropDone();
+}
+
+// The batch that the work stands in stays, even when all of it is done: workOff() has it in hand.
+void Lane::dropDone() {
+    const std::lock_guard lock(mutex_);
+    for (; batchAt_ > 0; --batchAt_) {
+        queued_ -= work_.front()->size();
+        work_.front()->clear();
+        if (spare_.size() < SPARE_BATCHES) {
+            spare_.push_back(std::move(work_.front()));
+        }
+        work_.pop_front();
+    }
+    committedTo_ = requestAt_;
+}
+
+void Lane::undo(const StoreError& error) {
+    archive_.abandon();
+    if (!error.isPassing()) {
+        throw error;
+    }
+    held_.clear();
+    uncommitted_ = 0;
+    batchAt_ = 0;
+    requestAt_ = committedTo_;
+    backOff();
+    const bool isNew = !isAway_.exchange(true);
+    if (isNew || Clock::now() >= saidAway_ + SAY_AGAIN) {
+        saidAway_ = Clock::now();
+        callbacks_.say(Level::FAILURE, std::string(error.what()) + "; events wait, tried again");
+    }
+}
+
+void Lane::backOff() {
+    delay_ = delay_.count() == 0 ? FIRST_DELAY : std::min(delay_ * 2, LONGEST_DELAY);
+}
+
+void Lane::publish() {
+    if (Clock::now() >= nextLook_ && !isAway_) {
+        nextLook_ = Clock::now() + LOOK_TIME;
+        bytesUsed_ = store_->bytesUsed();
+    }
+    const std::lock_guard lock(mutex_);
+    state_.counts = archive_.counts();
+    state_.commits = commits_;
+    state_.commitSeconds = commitSeconds_;
+    state_.worstCommit = worstCommit_;
+    state_.expired = retention_.removed();
+    state_.bytesUsed = bytesUsed_;
+}
+
+} // namespace evarchive

@@ -1,0 +1,192 @@
+/**
+ * @file
+ * A lane: a thread that has the rules and a storage of its own, and works off what the loop hands
+ * it. The loop never waits for it. A log belongs to one lane, so its events keep their order.
+ *
+ * Work is done in groups: a transaction takes what has come meanwhile, and the answers to status
+ * requests wait for its commit. When the storage cannot be used for now, the lane keeps the work,
+ * undoes what was not committed, waits, and does it again.
+ */
+#ifndef EVARCHIVER_LANE_H
+#define EVARCHIVER_LANE_H
+
+#include "archive.h"
+#include "retention.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace evarchive {
+
+/** What links brought, in the order in which they brought it. One for many links. */
+class Batch {
+  public:
+    enum class Kind : U8_t {
+        EVENT,     ///< certain
+        SILENT,    ///< an event with nothing behind it yet
+        ENDED,     ///< an event with nothing behind it for ever
+        TAKE_BACK, ///< an event that was no such thing
+        STATUS,    ///< EmpGetEvArchiverStatusMsg_t
+        INQUIRY,   ///< EmpEvInquiryMsg_t
+        END_OF_LINK,
+        DONE, ///< answered already: nothing is left to do when the work is repeated
+    };
+
+    struct Request {
+        LinkNumber link = 0;
+        Kind kind = Kind::EVENT;
+        U32_t offset = 0;
+        U32_t size = 0;
+    };
+
+    void add(LinkNumber link, Kind kind, View body);
+
+    /** Whether somebody waits for an answer. */
+    bool isUrgent() const { return isUrgent_; }
+    bool isEmpty() const { return requests_.empty(); }
+
+    /** What it takes of the spool. */
+    std::size_t size() const { return bytes_.size() + requests_.size() * sizeof(Request); }
+
+    std::vector<Request>& requests() { return requests_; }
+    View bodyOf(const Request& request) const {
+        return View(bytes_).subspan(request.offset, request.size);
+    }
+
+    /** Empties it; its memory is kept for the next use. */
+    void clear();
+
+  private:
+    Bytes bytes_;
+    std::vector<Request> requests_;
+    bool isUrgent_ = false;
+};
+
+/** What a lane says to a link. Answers come in the order of the requests. */
+struct Reply {
+    enum class Kind : U8_t {
+        STATUS,  ///< answer to a status request
+        INQUIRY, ///< answer to an inquiry
+        RESEND,  ///< a generation was opened: the blade shall send all its log again
+        CLOSE,   ///< the archive is full
+    };
+
+    LinkNumber link = 0;
+    Kind kind = Kind::STATUS;
+    StatusVerdict verdict = {};            ///< STATUS
+    std::optional<StoredEvent> event = {}; ///< INQUIRY: what was found
+};
+
+/** How a lane is. */
+struct LaneState {
+    ArchiveCounts counts;
+    std::size_t spooled = 0; ///< bytes of work that is not committed yet
+    bool isAway = false;     ///< the storage cannot be used for now
+    U64_t commits = 0;
+    double commitSeconds = 0; ///< of all commits together
+    double worstCommit = 0;   ///< seconds, of the slowest one
+    U64_t expired = 0;        ///< events that retention took
+    U64_t bytesUsed = 0;      ///< by the archive, at the last look
+};
+
+/** What a lane is set to. */
+struct LaneSettings {
+    ArchiveSettings archive;
+    RetentionSettings retention;
+    U32_t batch = 1000; ///< events to a transaction at most, at least 1
+};
+
+/** One lane. */
+class Lane {
+  public:
+    /** How a lane reaches the loop; called from the lane's thread. */
+    struct Callbacks {
+        std::function<void(std::vector<Reply>)> deliver;
+        Say say;
+        /** The storage is of no use any more; the lane has ended. */
+        std::function<void(const std::string& why)> failed;
+    };
+
+    Lane(std::unique_ptr<Store> store, const LaneSettings& settings, Callbacks callbacks);
+
+    /** Ends the thread as stop() does, without patience. */
+    ~Lane();
+    Lane(const Lane&) = delete;
+    Lane& operator=(const Lane&) = delete;
+
+    /** Hands work over. Never waits for the storage. The batch comes back empty. */
+    void submit(Batch& batch);
+
+    LaneState state();
+
+    /** Bytes of work that is not safe yet. */
+    std::size_t spooled() const { return queued_; }
+
+    /** Works off what was handed over, within @p patience when the storage is away, and ends the
+     * thread. @return whether all of it is safe */
+    bool stop(std::chrono::milliseconds patience);
+
+    /** The holes in what was filed since the start. Only after stop(). */
+    U64_t countGaps() { return archive_.countGaps(); }
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    void run();
+    bool awaitWork();
+    void retain();
+    void workOff();
+    void work(Batch::Request& request, View body);
+    void fileEvent(LinkNumber link, View body, Certainty certainty);
+    void commit();
+    void dropDone();
+    bool mustCommit() const;
+    void undo(const StoreError& error);
+    void backOff();
+    void publish();
+
+    std::unique_ptr<Store> store_;
+    LaneSettings settings_;
+    Callbacks callbacks_;
+    Archive archive_;
+    Retention retention_;
+
+    // The lane's own.
+    std::deque<std::unique_ptr<Batch>> work_; ///< from the first batch that is not all committed
+    std::size_t batchAt_ = 0;                 ///< where in work_ the work goes on
+    std::size_t requestAt_ = 0;               ///< where in that batch
+    std::size_t committedTo_ = 0;             ///< requests of work_'s first batch that are safe
+    std::vector<Reply> held_;                 ///< they wait for the commit
+    U32_t uncommitted_ = 0;                   ///< events since the last commit
+    Clock::time_point firstUncommitted_;
+    std::chrono::milliseconds delay_{0}; ///< before the next try
+    Clock::time_point saidAway_;
+    U64_t commits_ = 0;
+    double commitSeconds_ = 0;
+    double worstCommit_ = 0;
+    U64_t bytesUsed_ = 0;
+    Clock::time_point nextLook_;
+    Clock::time_point nextRound_;
+    bool isSafe_ = true; ///< whether all work is; read by stop() when the thread has ended
+
+    // Both threads'.
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::deque<std::unique_ptr<Batch>> queue_;
+    std::vector<std::unique_ptr<Batch>> spare_;
+    LaneState state_;
+    std::atomic<std::size_t> queued_ = 0; ///< bytes handed over and not yet safe
+    std::atomic<bool> isAway_ = false;
+    std::atomic<bool> isStopping_ = false;
+    Clock::time_point deadline_;
+
+    std::thread thread_; ///< last: it uses all the others
+};
+
+} // namespace evarchive
+
+#endif
