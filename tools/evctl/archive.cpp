@@ -3,6 +3,7 @@
 
 #if EVCTL_READS_ARCHIVES
 #include "archive_report.h"
+#include "evctl/archive_commands.h"
 #endif
 
 #include <iostream>
@@ -57,6 +58,10 @@ void addArchiveCommands(CLI::App& parent, Chosen& chosen) {
     addOne(group, chosen, "list", "List the logs in it: ranges, gaps, duplicates.", runList);
     addOne(group, chosen, "check", "Name what is not as it should be; status 1 if anything is.",
            runCheck);
+#if EVCTL_READS_ARCHIVES
+    addArchiveEventCommands(group, chosen);
+    addArchiveUpkeepCommands(group, chosen);
+#endif
 }
 
 } // namespace evctl

@@ -1,0 +1,241 @@
+/** evctl archive events, get, stats and export: the events that an archive holds. */
+#include "archive.h"
+#include "evctl/archive_commands.h"
+#include "evctl/event_filter.h"
+#include "evctl/event_output.h"
+#include "sqlite_store.h"
+
+#include <cstring>
+#include <fcntl.h>
+#include <iostream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <unistd.h>
+
+namespace evctl {
+namespace {
+
+constexpr char EXAMPLES[] = "Examples:\n"
+                            "  evctl archive events --db events.db --type error --slot 3\n"
+                            "  evctl archive get 4711 --db events.db --blade BLADE-42 --data\n"
+                            "  evctl archive export --db events.db --to events.jsonl\n"
+                            "The archive is only read, and may be in use.";
+
+/** Which logs of an archive. */
+struct LogFilter {
+    std::string path;
+    std::optional<std::string> enclosure;
+    std::optional<std::string> blade;
+    std::optional<U32_t> slot;
+    std::optional<U32_t> instance;
+    bool allGenerations = false;
+
+    bool matches(const evarchive::SeriesKey& key) const {
+        return enclosure.value_or(key.blade.enclosure) == key.blade.enclosure &&
+               blade.value_or(key.blade.blade) == key.blade.blade &&
+               slot.value_or(key.blade.slot) == key.blade.slot &&
+               instance.value_or(key.instance) == key.instance;
+    }
+};
+
+struct EventsOptions {
+    LogFilter logs;
+    EventFilter filter;
+    OutputOptions output;
+    std::string target;
+    U32_t sequenceId = 0;
+};
+
+void addLogOptions(CLI::App& command, LogFilter& logs) {
+    command.add_option("--db", logs.path, "The archive")->type_name("FILE")->required();
+    command.add_option("--enclosure", logs.enclosure, "Only logs of this enclosure")
+        ->type_name("TEXT");
+    command.add_option("--blade", logs.blade, "Only logs of this blade")->type_name("TEXT");
+    command.add_option("--slot", logs.slot, "Only logs of this slot")->type_name("N");
+    command.add_option("--instance", logs.instance, "Only logs of this instance")->type_name("N");
+    command.add_flag("--all-generations", logs.allGenerations,
+                     "Also what logs held before they counted again from the start");
+}
+
+EventView viewOf(const evarchive::StoredEvent& event) {
+    const std::span<const U8_t> image(event.image);
+    return {reinterpret_cast<const EmpEvLogHeader_t*>(image.data()),
+            image.subspan(sizeof(EmpEvLogHeader_t))};
+}
+
+/** Calls @p take with each event of the logs, by log, generation and id; damaged ones are left
+ * out. Events of another identity are shown in their own log only. */
+template <typename Take>
+void forEachEvent(const LogFilter& logs, const Take& take) {
+    const auto store = evarchive::openArchiveForReading(logs.path);
+    const auto generations = store->listGenerations();
+    for (size_t i = 0; i < generations.size(); ++i) {
+        const bool isNewest =
+            i + 1 == generations.size() || generations[i + 1].key != generations[i].key;
+        if (!logs.matches(generations[i].key) || (!isNewest && !logs.allGenerations)) {
+            continue;
+        }
+        store->forEachEvent(generations[i].number, [&](const evarchive::StoredEvent& event) {
+            if (event.own && evarchive::isWholeEvent(event.image)) {
+                take(generations[i], event);
+            }
+        });
+    }
+}
+
+int runEvents(const EventsOptions& options) {
+    forEachEvent(options.logs, [&](const auto&, const evarchive::StoredEvent& event) {
+        if (options.filter.matches(*viewOf(event).header)) {
+            printEvent(viewOf(event), options.output);
+        }
+    });
+    return tools::EXIT_DONE;
+}
+
+int runGet(const EventsOptions& options) {
+    bool isFound = false;
+    forEachEvent(options.logs, [&](const auto&, const evarchive::StoredEvent& event) {
+        if (event.sequenceId == options.sequenceId) {
+            printEvent(viewOf(event), options.output);
+            isFound = true;
+        }
+    });
+    if (!isFound) {
+        std::cerr << "evctl: no log holds an event with id " << options.sequenceId << "\n";
+    }
+    return isFound ? tools::EXIT_DONE : tools::EXIT_FINDING;
+}
+
+/** A file that was not there before, for its owner only. */
+class NewFile {
+  public:
+    explicit NewFile(const std::string& path)
+        : descriptor_(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)),
+          stream_(descriptor_ < 0 ? nullptr : fdopen(descriptor_, "w")), path_(path) {
+        require(stream_ != nullptr);
+    }
+    ~NewFile() {
+        if (stream_ != nullptr) {
+            fclose(stream_);
+        }
+    }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    void write(const std::string& text) {
+        require(fwrite(text.data(), 1, text.size(), stream_) == text.size());
+    }
+    void finish() { require(fflush(stream_) == 0 && fsync(descriptor_) == 0); }
+
+  private:
+    void require(bool isGood) const {
+        if (!isGood) {
+            throw std::runtime_error(path_ + ": " + strerror(errno));
+        }
+    }
+
+    int descriptor_;
+    FILE* stream_;
+    std::string path_;
+};
+
+int runExport(const EventsOptions& options) {
+    NewFile file(options.target);
+    U64_t count = 0;
+    forEachEvent(options.logs, [&](const auto& generation, const evarchive::StoredEvent& event) {
+        if (options.filter.matches(*viewOf(event).header)) {
+            Json json = eventJson(viewOf(event));
+            json["generation"] = generation.number.generation;
+            json["received"] = event.received;
+            file.write(jsonLine(json));
+            ++count;
+        }
+    });
+    file.finish();
+    std::cout << count << " events written to " << options.target << "\n";
+    return tools::EXIT_DONE;
+}
+
+/** What an archive holds, in numbers. */
+struct Stats {
+    U64_t events = 0;
+    U64_t bytes = 0;
+    U64_t doubtful = 0;
+    std::map<U32_t, U64_t> types;
+    std::set<evarchive::SeriesKey> logs;
+};
+
+int runStats(const EventsOptions& options) {
+    Stats stats;
+    forEachEvent(options.logs, [&](const auto& generation, const evarchive::StoredEvent& event) {
+        if (!options.filter.matches(*viewOf(event).header)) {
+            return;
+        }
+        ++stats.events;
+        stats.bytes += event.image.size();
+        stats.doubtful += event.doubtful ? 1 : 0;
+        ++stats.types[viewOf(event).header->evType];
+        stats.logs.insert(generation.key);
+    });
+    U64_t aside = 0;
+    evarchive::openArchiveForReading(options.logs.path)
+        ->forEachAside([&](const evarchive::AsideEvent& event) {
+            aside += options.logs.matches(event.key) ? 1 : 0;
+        });
+    Json types = Json::object();
+    for (const auto& [type, count] : stats.types) {
+        types[std::to_string(type)] = count;
+    }
+    const Json json = {{"logs", stats.logs.size()}, {"events", stats.events},
+                       {"bytes", stats.bytes},      {"doubtful", stats.doubtful},
+                       {"setAside", aside},         {"types", types}};
+    if (options.output.json) {
+        std::cout << jsonLine(json);
+        return tools::EXIT_DONE;
+    }
+    for (const auto& [name, value] : json.items()) {
+        std::cout << name << " " << value.dump() << "\n";
+    }
+    return tools::EXIT_DONE;
+}
+
+std::pair<CLI::App*, std::shared_ptr<EventsOptions>> addOne(CLI::App& group, Chosen& chosen,
+                                                            const std::string& name,
+                                                            const std::string& what,
+                                                            int (*run)(const EventsOptions&)) {
+    auto options = std::make_shared<EventsOptions>();
+    CLI::App& command = addCommand(group, name, what, EXAMPLES);
+    addLogOptions(command, options->logs);
+    onChosen(command, chosen, options, run);
+    return {&command, options};
+}
+
+} // namespace
+
+void addArchiveEventCommands(CLI::App& group, Chosen& chosen) {
+    const auto [events, eventsOptions] =
+        addOne(group, chosen, "events", "Show the events of its logs.", runEvents);
+    addFilterOptions(*events, eventsOptions->filter);
+    addOutputOptions(*events, eventsOptions->output);
+
+    const auto [get, getOptions] = addOne(
+        group, chosen, "get", "Show the event with one id; status 1 when no log holds it.", runGet);
+    get->add_option("ID", getOptions->sequenceId, "Sequence id")->required();
+    addOutputOptions(*get, getOptions->output);
+
+    const auto [stats, statsOptions] =
+        addOne(group, chosen, "stats", "Count its logs, events and bytes.", runStats);
+    addFilterOptions(*stats, statsOptions->filter);
+    stats->add_flag("--json", statsOptions->output.json, "As JSON");
+
+    const auto [write, writeOptions] =
+        addOne(group, chosen, "export", "Write its events to a new file, a JSON object a line.",
+               runExport);
+    addFilterOptions(*write, writeOptions->filter);
+    write->add_option("--to", writeOptions->target, "The file, which must not be there yet")
+        ->type_name("FILE")
+        ->required();
+}
+
+} // namespace evctl

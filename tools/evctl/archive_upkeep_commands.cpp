@@ -1,0 +1,74 @@
+/** evctl archive backup, prune and vacuum: what an operator does with an archive. */
+#include "archive_upkeep.h"
+#include "evctl/archive_commands.h"
+
+#include <iostream>
+
+namespace evctl {
+namespace {
+
+constexpr char EXAMPLES[] = "Examples:\n"
+                            "  evctl archive backup --db events.db --to events-2026-11.db\n"
+                            "  evctl archive prune --db events.db --keep-days 30\n"
+                            "The archive may be in use; while vacuum runs, events wait.";
+
+struct UpkeepOptions {
+    std::string path;
+    std::string target;
+    evarchive::RetentionSettings retention;
+};
+
+int runBackup(const UpkeepOptions& options) {
+    evarchive::backupArchive(options.path, options.target);
+    std::cout << "copied to " << options.target << "\n";
+    return tools::EXIT_DONE;
+}
+
+int runPrune(const UpkeepOptions& options) {
+    if (!options.retention.isBound()) {
+        throw std::runtime_error("prune needs --keep-days, --max-bytes or --blade-quota");
+    }
+    std::cout << evarchive::pruneArchive(options.path, options.retention) << " events removed\n";
+    return tools::EXIT_DONE;
+}
+
+int runVacuum(const UpkeepOptions& options) {
+    std::cout << evarchive::vacuumArchive(options.path) << " bytes given back\n";
+    return tools::EXIT_DONE;
+}
+
+std::pair<CLI::App*, std::shared_ptr<UpkeepOptions>> addOne(CLI::App& group, Chosen& chosen,
+                                                            const std::string& name,
+                                                            const std::string& what,
+                                                            int (*run)(const UpkeepOptions&)) {
+    auto options = std::make_shared<UpkeepOptions>();
+    CLI::App& command = addCommand(group, name, what, EXAMPLES);
+    command.add_option("--db", options->path, "The archive")->type_name("FILE")->required();
+    onChosen(command, chosen, options, run);
+    return {&command, options};
+}
+
+} // namespace
+
+void addArchiveUpkeepCommands(CLI::App& group, Chosen& chosen) {
+    const auto [backup, backupOptions] =
+        addOne(group, chosen, "backup", "Copy it as it is at one moment, also while it is in use.",
+               runBackup);
+    backup->add_option("--to", backupOptions->target, "The copy, which must not be there yet")
+        ->type_name("FILE")
+        ->required();
+
+    const auto [prune, pruneOptions] =
+        addOne(group, chosen, "prune",
+               "Remove its oldest events; the newest one of each log always stays.", runPrune);
+    evarchive::RetentionSettings& bounds = pruneOptions->retention;
+    prune->add_option("--keep-days", bounds.keepDays, "Days since an event was received")
+        ->check(CLI::Range(0, 36'500));
+    prune->add_option("--max-bytes", bounds.maxBytes, "Bytes of the archive in use");
+    prune->add_option("--blade-quota", bounds.bladeQuota, "Events of one log");
+
+    addOne(group, chosen, "vacuum", "Give the room of removed events back to the file system.",
+           runVacuum);
+}
+
+} // namespace evctl
