@@ -93,8 +93,7 @@ void reduceNeed(Append_t& append, U32_t length) {
     append.newEventEntryLen = static_cast<U16_t>(append.newEventEntryLen - length);
 }
 
-// --- Case A: room before the oldest record
-// ---------------------------------------------------------
+// --- Case A: room before the oldest record ---
 
 /** Length of the entry at @p position, where only here a dummy may run to the end of the file. */
 U32_t lengthInGap(const EmpEvRecord_t* record, U32_t position) {
@@ -147,6 +146,9 @@ void makeRoomInGap(Append_t& append) {
         empControl.empStart = 0;
         empControl.empStartSequenceId++;
     }
+    // The search goes through the window, and rarely reads: the gap and the oldest record behind
+    // it, or the dummy, are there since they were read or written last, and nobody else writes the
+    // file.
     U32_t gap = 0;
     if (empFindValidEventEntry(empControl.empWrite, &gap) != EMP_E_OK ||
         empControl.empWrite + gap == empControl.empStart) {
@@ -159,8 +161,7 @@ void makeRoomInGap(Append_t& append) {
     discardInGap(append, empControl.empWrite + gap);
 }
 
-// --- Case B: room before the end of the file, when the oldest records go
-// ---------------------------
+// --- Case B: room before the end of the file, when the oldest records go ---
 
 /** @return true when the entry at empStart gave the last bytes that were needed */
 bool discardAtStart(Append_t& append) {
@@ -209,8 +210,7 @@ void makeRoomAtStart(Append_t& append) {
     empControl.empStart = EMP_LOG_FILE_SIZE;
 }
 
-// --- Case C: wrap to the top
-// -----------------------------------------------------------------------
+// --- Case C: wrap to the top ---
 
 /** Empties the slots of the records below empWrite, which the wrap leaves behind. */
 void wipeBottom(U32_t topSequenceId) {
@@ -295,8 +295,7 @@ void wrapToTop(Append_t& append) {
     printPositions();
 }
 
-// --- All cases
-// -------------------------------------------------------------------------------------
+// --- All cases ---
 
 Append_t beginAppend(const MMSG_t* mmsgPtr) {
     Append_t append = {};

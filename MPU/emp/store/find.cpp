@@ -24,6 +24,9 @@ namespace {
 constexpr char FIND[] = "empFindValidEventEntry";
 constexpr char LSEEK_CALL_FAILS[] = "Linux lseek call fails for Event Log File!";
 
+constexpr U8_t SIGNATURE_FIRST = EMP_RECORD_SIGNATURE >> 8;
+constexpr U8_t SIGNATURE_SECOND = EMP_RECORD_SIGNATURE & 0xFF;
+
 /** Data of a record as far as the work space shows it. */
 constexpr U32_t SHOWN_DATA = EMP_WORK_SPACE_SIZE - EMP_RECORD_SIZE;
 
@@ -187,27 +190,36 @@ bool stepOn(Search_t& search) {
     return true;
 }
 
-/**
- * Moves on, within what is in memory and within the log, to the next offset that holds the
- * signature. Skipped offsets cannot hold a plausible header nor one with a bad source.
- */
-void skipToSignature(Search_t& search) {
-    U64_t end = search.offset + empWindowAvailable(search.offset) - EMP_RECORD_SIZE;
-    end = std::min<U64_t>(end, EMP_LOG_FILE_SIZE);
-    while (search.offset < end) {
-        const U8_t* from = empWindowAt(search.offset);
-        const void* found =
-            memchr(from, EMP_RECORD_SIGNATURE >> 8, static_cast<size_t>(end - search.offset));
-        if (found == nullptr) {
-            search.offset = end;
-            return;
+/** Whether a header may begin here that is plausible or has a bad source: the signature, and a
+ * version that is read. */
+bool beginsHeader(const U8_t* at) {
+    return at[0] == SIGNATURE_FIRST && at[1] == SIGNATURE_SECOND && at[2] <= EMP_RECORD_VERSION;
+}
+
+/** The next first byte of a signature from @p at on; @p end when there is none. */
+const U8_t* nextSignature(const U8_t* at, const U8_t* end) {
+    // Where it is frequent, a look at the next few bytes costs less than a call for each.
+    for (int looked = 0; looked < 8; looked++, at++) {
+        if (at == end || *at == SIGNATURE_FIRST) {
+            return at;
         }
-        search.offset += static_cast<U64_t>(static_cast<const U8_t*>(found) - from);
-        if (empWindowAt(search.offset)[1] == (EMP_RECORD_SIGNATURE & 0xFF)) {
-            return;
-        }
-        search.offset++;
     }
+    const void* found = memchr(at, SIGNATURE_FIRST, static_cast<size_t>(end - at));
+    return found != nullptr ? static_cast<const U8_t*>(found) : end;
+}
+
+/** Moves on, within what is in memory and within the log, to the next offset at which a header is
+ * to be judged, or to the last offset there. */
+void skipToHeader(Search_t& search) {
+    U64_t last = search.offset + empWindowAvailable(search.offset) - EMP_RECORD_SIZE;
+    last = std::min<U64_t>(last, EMP_LOG_FILE_SIZE);
+    const U8_t* from = empWindowAt(search.offset);
+    const U8_t* end = from + (last - search.offset);
+    const U8_t* at = from;
+    while (at < end && !beginsHeader(at)) {
+        at = nextSignature(at + 1, end);
+    }
+    search.offset += static_cast<U64_t>(at - from);
 }
 
 EMP_CODE_e findRecord(Search_t& search) {
@@ -217,7 +229,7 @@ EMP_CODE_e findRecord(Search_t& search) {
             showCutHeader(search, arrived);
             return EMP_E_GENERR;
         }
-        skipToSignature(search);
+        skipToHeader(search);
         search.lastHeader = static_cast<S64_t>(search.offset);
         if (isPlausible(headerAt(search.offset))) {
             Verdict_e verdict = judgeCandidate(search);

@@ -7,11 +7,9 @@
 #include "store/record.h"
 #include "text64.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
