@@ -234,7 +234,9 @@ void release(MPU_EventLog_t* log) {
 } // namespace
 
 MPU_EventLog_t* MPU_openEventLog(int key, uint8_t endpoint, int waitMs) {
-    if (endpoint >= MPU_EVENT_ENDPOINTS || waitMs < 1 || waitMs > 60'000) {
+    // The event manager's place at the switch is its own.
+    if (endpoint >= MPU_EVENT_ENDPOINTS || endpoint == MMSG_E_EPID_EVENTLOGMP || waitMs < 1 ||
+        waitMs > 60'000) {
         errno = EINVAL;
         return nullptr;
     }

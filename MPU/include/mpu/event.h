@@ -85,7 +85,7 @@ typedef struct MPU_EventLog_s MPU_EventLog_t;
  * Opens an event log. The event manager need not be there.
  * @param key      System V key of the blade's parameter block, which says where switch and files
  * are
- * @param endpoint the process, MMSG_EPID_e, 0 to 33: the source of its events
+ * @param endpoint the process, MMSG_EPID_e, 0 to 33 but not 27: the source of its events
  * @param waitMs   longest time that a call may wait for the event manager, in milliseconds, 1 to
  * 60,000
  * @return NULL with errno: EINVAL (endpoint or time out of range), ENOENT (no parameter block under

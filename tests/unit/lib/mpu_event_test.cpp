@@ -127,7 +127,7 @@ class MpuEvent : public testing::Test {
 
 TEST_F(MpuEvent, RefusesWhatIsOutOfRange) {
     for (auto [endpoint, wait] :
-         {std::pair{34, 100}, {255, 100}, {26, 0}, {26, -1}, {26, 60'001}}) {
+         {std::pair{34, 100}, {255, 100}, {27, 100}, {26, 0}, {26, -1}, {26, 60'001}}) {
         errno = 0;
         EXPECT_EQ(MPU_openEventLog(key, static_cast<uint8_t>(endpoint), wait), nullptr);
         EXPECT_EQ(errno, EINVAL);
