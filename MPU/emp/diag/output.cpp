@@ -23,12 +23,12 @@ void writeOut(const char* from, const char* to) {
     int savedErrno = errno;
     while (from < to) {
         ssize_t written = write(STDOUT_FILENO, from, static_cast<size_t>(to - from));
-        if (written >= 0) {
+        if (written > 0) {
             from += written;
-        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        } else if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             struct pollfd output = {STDOUT_FILENO, POLLOUT, 0};
             poll(&output, 1, -1);
-        } else if (errno != EINTR) {
+        } else if (written == 0 || errno != EINTR) {
             break;
         }
     }
