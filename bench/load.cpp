@@ -1,0 +1,240 @@
+// Plays the message switch for one server and measures it: `bench_load MODE COUNT SERVER...`. The
+// server gets the key of a parameter block as its last argument. Prints one line of JSON.
+//   intake   COUNT events of 100 bytes, 256 in flight, one message a send, in a log that has gone
+//   round latency  COUNT events, one in flight start    COUNT starts on a full log of events of 100
+//   bytes, from the fork to the start-up notice
+// Server and driver share one processor: a wake-up across processors costs more, and less evenly,
+// than an event.
+#include "mmsg.h"
+#include "mpu_gbl.h"
+#include "startup.h"
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t MESSAGE_SIZE = EMP_EVENT_MMSG_SIZE + 100;
+constexpr int WINDOW = 256;
+constexpr int ROUND_THE_LOG = 7000; // events of 260 bytes in the log: 6150 fill it
+
+double nanoseconds(Clock::duration span) {
+    return std::chrono::duration<double, std::nano>(span).count();
+}
+
+void check(bool good, const char* what) {
+    if (!good) {
+        throw std::runtime_error(std::string(what) + ": " + strerror(errno));
+    }
+}
+
+/** Directories and a parameter block of this run, removed at its end. */
+class Blade {
+  public:
+    Blade() {
+        check(mkdtemp(directory_) != nullptr, "mkdtemp");
+        for (const char* name : {"/m", "/n"}) {
+            std::filesystem::create_directory(path(name));
+        }
+        std::ofstream(path("/p")) << "Version=15\nSlot=1\nSerialNumber=B\nChassisSerialNumber=E\n"
+                                  << "MmsgDirectory=" << path("/m")
+                                  << "\nNvramDirectory=" << path("/n") << '\n';
+        setenv("NONXML_FILE", path("/p").c_str(), 1);
+        key_ = static_cast<int>(std::random_device{}() & 0x3FFFFFFFU) + 100;
+        check(MPU_createMpuParams(&shmid_, key_) != nullptr, "parameter block");
+    }
+    ~Blade() {
+        MPU_deleteMpuParams(shmid_);
+        std::filesystem::remove_all(directory_);
+    }
+    Blade(const Blade&) = delete;
+    Blade& operator=(const Blade&) = delete;
+
+    std::string path(const std::string& name) const { return directory_ + name; }
+    std::string key() const { return std::to_string(key_); }
+
+  private:
+    char directory_[20] = "/tmp/benchXXXXXX";
+    int shmid_ = -1;
+    int key_ = 0;
+};
+
+int listenAt(const std::string& path) {
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    check(bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0 &&
+              listen(fd, 1) == 0,
+          "listen");
+    return fd;
+}
+
+/** A running server that has said it is ready. */
+class Server {
+  public:
+    Server(const Blade& blade, int listener, std::vector<std::string> words) {
+        words.push_back(blade.key());
+        std::vector<char*> arguments;
+        for (std::string& word : words) {
+            arguments.push_back(word.data());
+        }
+        arguments.push_back(nullptr);
+        std::string output = blade.path("/out");
+        begun_ = Clock::now();
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
+            execvp(arguments[0], arguments.data());
+            _exit(127);
+        }
+        socket_ = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        check(socket_ >= 0, "accept");
+        U8_t notice[MMCH_SIZE];
+        check(recv(socket_, notice, sizeof(notice), MSG_WAITALL) == MMCH_SIZE, "no notice");
+        ready_ = Clock::now();
+    }
+    ~Server() {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+        close(socket_);
+    }
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    double startNanoseconds() const { return nanoseconds(ready_ - begun_); }
+
+    double cpuNanoseconds() const {
+        clockid_t clock;
+        struct timespec used;
+        check(clock_getcpuclockid(pid_, &clock) == 0 && clock_gettime(clock, &used) == 0, "clock");
+        return static_cast<double>(used.tv_sec) * 1e9 + static_cast<double>(used.tv_nsec);
+    }
+
+    /** Sends events, at most @p window unanswered, and reads their copies. */
+    void log(int count, int window) {
+        int sent = 0;
+        size_t received = 0;
+        while (received < static_cast<size_t>(count) * MESSAGE_SIZE) {
+            while (sent < count && sent - static_cast<int>(received / MESSAGE_SIZE) < window) {
+                check(send(socket_, message_, sizeof(message_), MSG_NOSIGNAL) ==
+                          static_cast<ssize_t>(sizeof(message_)),
+                      "send");
+                sent++;
+            }
+            ssize_t size = recv(socket_, copies_, sizeof(copies_), 0);
+            check(size > 0, "the server is gone");
+            received += static_cast<size_t>(size);
+        }
+    }
+
+    void prepareMessage() {
+        auto& mmch = *reinterpret_cast<MMCH_t*>(message_);
+        mmch.message_type = MSG_E_TYPE_MMSG;
+        mmch.mmch_version = 1;
+        mmch.mmsg_length = MESSAGE_SIZE;
+        mmch.opcode.request.protocol = MMSG_E_PROTOCOL_EVENTMGR;
+        mmch.opcode.request.type = 1U;
+        mmch.requestor = MMSG_E_EPID_STARTUPMP;
+        mmch.recipient_loc_bm[0] = 1U << MMSG_E_EPID_EVENTLOGMP;
+    }
+
+  private:
+    pid_t pid_ = -1;
+    int socket_ = -1;
+    Clock::time_point begun_;
+    Clock::time_point ready_;
+    alignas(8) U8_t message_[MESSAGE_SIZE] = {};
+    U8_t copies_[65536];
+};
+
+void measureIntake(Server& server, int count) {
+    server.log(ROUND_THE_LOG, WINDOW);
+    double cpu = server.cpuNanoseconds();
+    auto begun = Clock::now();
+    server.log(count, WINDOW);
+    double span = nanoseconds(Clock::now() - begun);
+    printf("{\"cpu_ns\": %.0f, \"events_per_s\": %.0f}\n", (server.cpuNanoseconds() - cpu) / count,
+           count / span * 1e9);
+}
+
+void measureLatency(Server& server, int count) {
+    server.log(ROUND_THE_LOG, WINDOW);
+    std::vector<double> spans;
+    for (int i = 0; i < count; i++) {
+        auto begun = Clock::now();
+        server.log(1, 1);
+        spans.push_back(nanoseconds(Clock::now() - begun));
+    }
+    std::sort(spans.begin(), spans.end());
+    auto part = [&](double share) {
+        return spans[static_cast<size_t>(share * static_cast<double>(spans.size() - 1))];
+    };
+    printf("{\"p50_ns\": %.0f, \"p99_ns\": %.0f}\n", part(0.5), part(0.99));
+}
+
+void measureStart(const Blade& blade, int listener, const std::vector<std::string>& words,
+                  int count) {
+    std::vector<double> spans;
+    for (int i = 0; i < count; i++) {
+        spans.push_back(Server(blade, listener, words).startNanoseconds());
+    }
+    std::nth_element(spans.begin(), spans.begin() + count / 2, spans.end());
+    printf("{\"start_ns\": %.0f}\n", spans[static_cast<size_t>(count / 2)]);
+}
+
+void run(const std::string& mode, int count, const std::vector<std::string>& words) {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(sched_getcpu(), &one);
+    sched_setaffinity(0, sizeof(one), &one);
+    Blade blade;
+    int listener = listenAt(blade.path("/m/eventlog"));
+    {
+        Server server(blade, listener, words);
+        server.prepareMessage();
+        if (mode == "intake") {
+            measureIntake(server, count);
+        } else if (mode == "latency") {
+            measureLatency(server, count);
+        } else if (mode == "start") {
+            server.log(ROUND_THE_LOG, WINDOW);
+        } else {
+            throw std::runtime_error("no such mode: " + mode);
+        }
+    }
+    if (mode == "start") {
+        measureStart(blade, listener, words, count);
+    }
+}
+
+} // namespace
+
+int main(int argc, char* argv[]) {
+    try {
+        if (argc < 4 || atoi(argv[2]) < 1) {
+            throw std::runtime_error("usage: bench_load intake|latency|start COUNT SERVER...");
+        }
+        run(argv[1], atoi(argv[2]), {argv + 3, argv + argc});
+    } catch (const std::exception& error) {
+        fprintf(stderr, "bench_load: %s\n", error.what());
+        return 2;
+    }
+    return 0;
+}

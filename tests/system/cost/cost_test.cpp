@@ -1,0 +1,170 @@
+// What an event costs. Counts do not depend on the machine's load: a rise is a change of the
+// program.
+#include "blade.h"
+
+#include <algorithm>
+#include <cmath>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <sstream>
+
+using namespace support;
+
+namespace {
+
+// The most that an event may take: what it takes today. Lower a limit when its count has fallen.
+// One event in flight: the wait, the receive, the record, the dummy entry behind it while the log
+// is not full yet, the copy, the lines.
+constexpr double CALLS_OF_A_SINGLE_EVENT = 6.0;
+constexpr double CALLS_OF_A_SINGLE_EVENT_IN_A_FULL_LOG = 5.0;
+// Events that arrive together share the wait, the receive and the write of lines.
+constexpr double CALLS_OF_AN_EVENT_AMONG_MANY = 3.1;
+// One event in flight, the log not full; with room for another release of the compiler.
+constexpr double INSTRUCTIONS_OF_AN_EVENT = 11'000;
+
+constexpr size_t DATA_SIZE = 100;
+constexpr char COPY_SENT[] = "= 316"; // header, event header, data
+
+/** The event manager with its system calls written to a file. */
+std::vector<std::string> traced(const Blade& blade, const std::string& trace) {
+    std::vector<std::string> words = blade.command();
+    if (runner().empty()) {
+        // The tracer is the grandchild: the child is the event manager.
+        words.insert(words.begin(), {STRACE, "-D", "-o", trace});
+    } else {
+        words.insert(words.begin() + 1, {"-strace", "-D", trace});
+    }
+    return words;
+}
+
+/** The last send of a life may be cut off by its end. */
+bool isSendOfCopy(const std::string& line) {
+    return line.find("send") != std::string::npos && line.find(COPY_SENT) != std::string::npos;
+}
+
+/** The calls from behind the copy number @p first up to copy number @p last. */
+std::vector<std::string> callsBetween(const std::string& trace, size_t first, size_t last) {
+    std::istringstream text(readFile(trace));
+    std::vector<std::string> calls;
+    size_t copies = 0;
+    for (std::string line; copies < last && std::getline(text, line);) {
+        if (copies >= first) {
+            calls.push_back(line);
+        }
+        copies += isSendOfCopy(line) ? 1 : 0;
+    }
+    return copies == last ? calls : std::vector<std::string>();
+}
+
+/** Waits until the trace has that many copies, and gives the calls of one event. */
+double callsOfAnEvent(const std::string& trace, size_t first, size_t last) {
+    std::vector<std::string> calls;
+    requireSoon([&] { return !(calls = callsBetween(trace, first, last)).empty(); },
+                "the whole trace");
+    double each = static_cast<double>(calls.size()) / static_cast<double>(last - first);
+    std::ostringstream some;
+    for (size_t i = 0; i < std::min<size_t>(calls.size(), 12); i++) {
+        some << calls[i] << '\n';
+    }
+    std::cout << each << " system calls an event, such as\n" << some.str();
+    return each;
+}
+
+class Cost : public testing::Test {
+  protected:
+    Cost() { message_ = eventMessage(18, Bytes(DATA_SIZE, 0x5A)); }
+
+    /** Logs events one at a time. */
+    void logSingly(RunningEmp& emp, int count) const {
+        for (int i = 0; i < count; i++) {
+            emp.msm.send(message_);
+            emp.msm.receive();
+        }
+    }
+
+    /** Logs events that lie in the socket together. */
+    void logTogether(RunningEmp& emp, int count) const {
+        Bytes all;
+        for (int i = 0; i < count; i++) {
+            all.insert(all.end(), message_.begin(), message_.end());
+        }
+        emp.msm.send(all);
+        for (int i = 0; i < count; i++) {
+            emp.msm.receive();
+        }
+    }
+
+    /** Instructions from the start to the end of a life with that many events. */
+    double instructionsOf(int events) {
+        Blade blade;
+        std::string report = blade.file("counted");
+        std::vector<std::string> words = blade.command();
+        words.insert(words.begin(), {VALGRIND, "--tool=callgrind", "--log-file=" + report,
+                                     "--callgrind-out-file=/dev/null"});
+        RunningEmp emp(blade, words);
+        emp.startQuietly();
+        logSingly(emp, events);
+        emp.process.signal(SIGTERM);
+        EXPECT_EQ(emp.process.wait(), diedOf(SIGTERM));
+        std::string line = waitForLine(report, "Collected :");
+        return std::stod(line.substr(line.find(':') + 1));
+    }
+
+    Blade blade_;
+    Bytes message_;
+};
+
+TEST_F(Cost, SystemCallsOfASingleEvent) {
+    if (runner().empty() && std::string(STRACE).empty()) {
+        GTEST_SKIP() << "there is no strace here";
+    }
+    RunningEmp emp(blade_, traced(blade_, blade_.file("trace")));
+    emp.startQuietly();
+    logSingly(emp, 50);
+    emp.kill();
+    EXPECT_LE(callsOfAnEvent(blade_.file("trace"), 10, 45), CALLS_OF_A_SINGLE_EVENT);
+}
+
+TEST_F(Cost, SystemCallsOfASingleEventInAFullLog) {
+    if (runner().empty() && std::string(STRACE).empty()) {
+        GTEST_SKIP() << "there is no strace here";
+    }
+    {
+        RunningEmp before(blade_);
+        before.startQuietly();
+        for (int i = 0; i < 420; i++) { // more than fit
+            before.log(18, Bytes(EMP_MAX_STRUCT));
+        }
+        before.kill();
+    }
+    RunningEmp emp(blade_, traced(blade_, blade_.file("trace")));
+    emp.startQuietly();
+    logSingly(emp, 50);
+    emp.kill();
+    EXPECT_LE(callsOfAnEvent(blade_.file("trace"), 10, 45), CALLS_OF_A_SINGLE_EVENT_IN_A_FULL_LOG);
+}
+
+TEST_F(Cost, SystemCallsOfAnEventAmongMany) {
+    if (runner().empty() && std::string(STRACE).empty()) {
+        GTEST_SKIP() << "there is no strace here";
+    }
+    RunningEmp emp(blade_, traced(blade_, blade_.file("trace")));
+    emp.startQuietly();
+    logTogether(emp, 100);
+    emp.kill();
+    EXPECT_LE(callsOfAnEvent(blade_.file("trace"), 10, 90), CALLS_OF_AN_EVENT_AMONG_MANY);
+}
+
+TEST_F(Cost, InstructionsOfAnEvent) {
+    if (!std::string(COUNTER_REASON).empty()) {
+        GTEST_SKIP() << COUNTER_REASON;
+    }
+    constexpr int FEW = 100;
+    constexpr int MANY = 600;
+    double each = (instructionsOf(MANY) - instructionsOf(FEW)) / (MANY - FEW);
+    std::cout << std::lround(each) << " instructions an event\n";
+    EXPECT_LE(each, INSTRUCTIONS_OF_AN_EVENT);
+    EXPECT_GT(each, 1000) << "not counted";
+}
+
+} // namespace
