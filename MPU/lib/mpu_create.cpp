@@ -17,13 +17,13 @@ constexpr char CONFIG_FILE_NAME[] = "configMpu.bin";
 constexpr size_t CONFIG_PATH_MAX = 139;
 
 /** The open source of a new block: a text file, or a binary image with its path. */
-struct Source {
+struct Source_t {
     FILE* text = nullptr;
     int image = -1;
     const char* path = nullptr;
 };
 
-bool openText(Source& source, const char* path) {
+bool openText(Source_t& source, const char* path) {
     source.text = fopen(path, "r");
     if (source.text == nullptr) {
         int error = errno;
@@ -71,7 +71,7 @@ bool hasImageSize(const char* path) {
     return true;
 }
 
-bool openImage(Source& source) {
+bool openImage(Source_t& source) {
     source.path = findImagePath();
     if (source.path == nullptr || !hasImageSize(source.path)) {
         return false;
@@ -84,7 +84,7 @@ bool openImage(Source& source) {
     return source.image >= 0;
 }
 
-bool openSource(Source& source) {
+bool openSource(Source_t& source) {
     const char* text = getenv("NONXML_FILE");
     return text != nullptr ? openText(source, text) : openImage(source);
 }
@@ -102,7 +102,7 @@ void printCmapExists(int key) {
 }
 
 /** A kind of segment, and what is said while one is created. */
-struct SegmentKind {
+struct SegmentKind_t {
     size_t size;
     int mode;
     const char* failed;
@@ -110,21 +110,21 @@ struct SegmentKind {
     void (*printExists)(int key);
 };
 
-const SegmentKind mpuSegment = {
+const SegmentKind_t mpuSegment = {
     MPU_PARAMS_SIZE, 0600, "\nError opening the MPU shared memory area.\n",
     "Shared segment already existed.\nIt has successfully been removed and recreated.\n\n",
     printMpuExists};
-const SegmentKind cmapSegment = {
+const SegmentKind_t cmapSegment = {
     CMAP_PARAMS_SIZE, 0666, "\nError creating the CMAP shared memory area.\n",
     "CMAP shared memory segment already existed.\nIt has successfully been removed and recreated.\n\n",
     printCmapExists};
 
-int createSegment(const SegmentKind& kind, int key) {
+int createSegment(const SegmentKind_t& kind, int key) {
     return shmget(key, kind.size, IPC_CREAT | IPC_EXCL | kind.mode);
 }
 
 /** Removes the segment that stands under a key and creates a new one; negative on failure. */
-int recreateSegment(const SegmentKind& kind, int key) {
+int recreateSegment(const SegmentKind_t& kind, int key) {
     // KEEP: looked up with the full size, so a smaller segment is not found and stays.
     int old = shmget(key, kind.size, kind.mode);
     if (old >= 0) {
@@ -144,7 +144,7 @@ int recreateSegment(const SegmentKind& kind, int key) {
  * @param isTaken receives whether an old one was there
  * @return its id; negative on failure
  */
-int openNewSegment(const SegmentKind& kind, int key, bool& isTaken) {
+int openNewSegment(const SegmentKind_t& kind, int key, bool& isTaken) {
     int id = createSegment(kind, key);
     if (id >= 0) {
         return id;
@@ -161,7 +161,7 @@ int openNewSegment(const SegmentKind& kind, int key, bool& isTaken) {
 
 // --- Filling the parameter block -----------------------------------------------------------------
 
-void printShortImage(const Source& source, ssize_t length) {
+void printShortImage(const Source_t& source, ssize_t length) {
     fprintf(stderr, "%d bytes read from Configuration file '%s', %d expected.\n",
             static_cast<int>(length), source.path, static_cast<int>(MPU_PARAMS_SIZE));
 }
@@ -170,7 +170,7 @@ void printShortImage(const Source& source, ssize_t length) {
  * Reads the image into the block. The image and the block are both big-endian: nothing is
  * converted, on any host.
  */
-bool readImage(MPU_PARAMS_t* block, const Source& source) {
+bool readImage(MPU_PARAMS_t* block, const Source_t& source) {
     ssize_t length = read(source.image, block, MPU_PARAMS_SIZE);
     if (length < 0) {
         fprintf(stderr, "\nUnable to read the configuration data from file: '%s'\n", source.path);
@@ -195,7 +195,7 @@ bool readImage(MPU_PARAMS_t* block, const Source& source) {
     return true;
 }
 
-bool fillBlock(MPU_PARAMS_t* block, const Source& source) {
+bool fillBlock(MPU_PARAMS_t* block, const Source_t& source) {
     memset(block, 0, MPU_PARAMS_SIZE);
     if (source.text == nullptr) {
         return readImage(block, source);
@@ -205,7 +205,7 @@ bool fillBlock(MPU_PARAMS_t* block, const Source& source) {
 }
 
 /** Creates, attaches and fills the block; on failure no segment is left. */
-MPU_PARAMS_t* createFrom(const Source& source, int* shmid, int key) {
+MPU_PARAMS_t* createFrom(const Source_t& source, int* shmid, int key) {
     bool isTaken = false;
     int id = openNewSegment(mpuSegment, key, isTaken);
     if (id < 0 && !isTaken) {
@@ -259,7 +259,7 @@ void finishCmap(CmapParams_t* block) {
 MPU_PARAMS_t* MPU_createMpuParams(int* shmid, int key) {
     *shmid = -1;
     pMpuParams = nullptr;
-    Source source;
+    Source_t source;
     if (!openSource(source)) {
         return nullptr;
     }

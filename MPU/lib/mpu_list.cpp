@@ -47,12 +47,12 @@ bool insertLast(void* head, void* element) {
 }
 
 /** Holds the lock of all lists for the length of one operation. */
-class ListsLocked {
+class ListsLocked_t {
   public:
-    ListsLocked() { mpuSpinLock_Get(&spinlock); }
-    ~ListsLocked() { mpuSpinLock_Release(&spinlock); }
-    ListsLocked(const ListsLocked&) = delete;
-    ListsLocked& operator=(const ListsLocked&) = delete;
+    ListsLocked_t() { mpuSpinLock_Get(&spinlock); }
+    ~ListsLocked_t() { mpuSpinLock_Release(&spinlock); }
+    ListsLocked_t(const ListsLocked_t&) = delete;
+    ListsLocked_t& operator=(const ListsLocked_t&) = delete;
 };
 
 } // namespace
@@ -101,7 +101,7 @@ void MPU_lzero(void* ptr, U32_t count) {
 }
 
 void MPU_init_listhead_safe(void* head) {
-    ListsLocked locked;
+    ListsLocked_t locked;
     MPU_init_listhead(head);
 }
 
@@ -109,7 +109,7 @@ void MPU_init_listhead_safe(void* head) {
 
 void MPU_insert_on_list_head_safe(void* head, void* element) {
     bool isOrphan = [&] {
-        ListsLocked locked;
+        ListsLocked_t locked;
         return insertFirst(head, element);
     }();
     if (!isOrphan) {
@@ -119,7 +119,7 @@ void MPU_insert_on_list_head_safe(void* head, void* element) {
 
 void MPU_insert_on_list_tail_safe(void* head, void* element) {
     bool isOrphan = [&] {
-        ListsLocked locked;
+        ListsLocked_t locked;
         return insertLast(head, element);
     }();
     if (!isOrphan) {
@@ -128,21 +128,21 @@ void MPU_insert_on_list_tail_safe(void* head, void* element) {
 }
 
 void* MPU_remove_from_list_safe(void* element) {
-    ListsLocked locked;
+    ListsLocked_t locked;
     return MPU_remove_from_list(element);
 }
 
 void* MPU_remove_from_list_head_safe(void* head) {
-    ListsLocked locked;
+    ListsLocked_t locked;
     return MPU_remove_from_list_head(head);
 }
 
 void* MPU_remove_from_list_tail_safe(void* head) {
-    ListsLocked locked;
+    ListsLocked_t locked;
     return MPU_remove_from_list_tail(head);
 }
 
 bool MPU_list_mt_safe(const void* head) {
-    ListsLocked locked;
+    ListsLocked_t locked;
     return MPU_list_mt(head);
 }

@@ -13,7 +13,7 @@ namespace mpu {
 namespace {
 
 /** Where a value goes: one element of a field of the block. */
-struct Destination {
+struct Destination_t {
     size_t offset;
     size_t size;
 };
@@ -23,7 +23,7 @@ constexpr U32_t NONXML_TYPES = NONXML_E_TYPE_SIZE + 1;
 constexpr U16_t requiredSize[NONXML_TYPES] = {4, 1, 1, 2, 8, 0, 0, 8, 4, 8, 4, 4};
 
 /** KEEP: an index one past its field is accepted; only what lies behind the block is left out. */
-void storeByte(const Destination& to, size_t at, U8_t byte) {
+void storeByte(const Destination_t& to, size_t at, U8_t byte) {
     size_t offset = to.offset + at;
     if (offset < MPU_PARAMS_SIZE) {
         reinterpret_cast<U8_t*>(pMpuParams)[offset] = byte;
@@ -31,7 +31,7 @@ void storeByte(const Destination& to, size_t at, U8_t byte) {
 }
 
 /** Stores the low bytes of a number, as many as the element has, most significant first. */
-void storeNumber(const Destination& to, U64_t number) {
+void storeNumber(const Destination_t& to, U64_t number) {
     for (size_t i = to.size; i-- > 0; number >>= 8) {
         storeByte(to, i, static_cast<U8_t>(number));
     }
@@ -51,7 +51,7 @@ const char* nextPart(const char* part, char separator) {
     return end == nullptr ? nullptr : end + 1;
 }
 
-void storeEnum(const Destination& to, const NonXML_Enums_s* keyword, const char* value) {
+void storeEnum(const Destination_t& to, const NonXML_Enums_s* keyword, const char* value) {
     for (; keyword->name != nullptr; keyword++) {
         if (strcasecmp(keyword->name, value) == 0) {
             storeNumber(to, keyword->value);
@@ -64,7 +64,7 @@ void storeEnum(const Destination& to, const NonXML_Enums_s* keyword, const char*
 }
 
 /** Copies a text and fills the rest of its field. */
-void storeText(const Destination& to, const char* key, const char* value, U8_t fill) {
+void storeText(const Destination_t& to, const char* key, const char* value, U8_t fill) {
     size_t length = strlen(value);
     if (length > to.size) {
         fprintf(stderr, "String for %s too long.  Truncating to %d\n", key,
@@ -76,13 +76,13 @@ void storeText(const Destination& to, const char* key, const char* value, U8_t f
     }
 }
 
-void storeString(const Destination& to, const char* key, const char* value) {
+void storeString(const Destination_t& to, const char* key, const char* value) {
     storeText(to, key, value, 0);
     // KEEP: a text of exactly the field's length loses its last character without a warning.
     storeByte(to, to.size - 1, 0);
 }
 
-void storeMacAddress(const Destination& to, const char* part) {
+void storeMacAddress(const Destination_t& to, const char* part) {
     // KEEP: the parts are decimal, "17" is 0x11.
     for (size_t i = 0; i < sizeof(MpuMacAddress_t::address); i++) {
         storeByte(to, i, static_cast<U8_t>(part == nullptr ? 0 : decimal(part)));
@@ -90,7 +90,7 @@ void storeMacAddress(const Destination& to, const char* part) {
     }
 }
 
-void storeIpAddress(const Destination& to, const char* part) {
+void storeIpAddress(const Destination_t& to, const char* part) {
     // KEEP: missing parts still shift, "10.1" is 10.1.0.0.
     U32_t address = 0;
     for (int i = 0; i < 4; i++) {
@@ -103,7 +103,7 @@ void storeIpAddress(const Destination& to, const char* part) {
     storeNumber(to, address);
 }
 
-void storeVersion(const Destination& to, const char* part) {
+void storeVersion(const Destination_t& to, const char* part) {
     // KEEP: the third part is the build number; the maintenance number cannot be set by a file.
     constexpr size_t places[] = {offsetof(MpuVersion_t, major), offsetof(MpuVersion_t, minor),
                                  offsetof(MpuVersion_t, buildNum)};
@@ -112,7 +112,7 @@ void storeVersion(const Destination& to, const char* part) {
     }
 }
 
-void storeAdapters(const Destination& to, const char* value) {
+void storeAdapters(const Destination_t& to, const char* value) {
     U64_t adapters = anyBase(value) << 16;
     const char* second = nextPart(value, '/');
     if (second != nullptr) {
@@ -134,7 +134,7 @@ unsigned shiftOfSuffix(char suffix) {
     }
 }
 
-void storeSize(const Destination& to, const char* value) {
+void storeSize(const Destination_t& to, const char* value) {
     char* suffix;
     U64_t number = static_cast<U64_t>(strtoll(value, &suffix, 10));
     storeNumber(to, number << shiftOfSuffix(*suffix));
@@ -161,7 +161,7 @@ void nonXMLStoreValue(const NonXML_s& row, const char* key, U32_t index, const c
     if (!isSound(row)) {
         return;
     }
-    Destination to{size_t{row.offset} + size_t{index} * row.size, row.size};
+    Destination_t to{size_t{row.offset} + size_t{index} * row.size, row.size};
     switch (row.type) {
     case NONXML_E_TYPE_U32:
     case NONXML_E_TYPE_U8:

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr char answerFunction[] = "empRcvEventLogMsgFromEventArchiver";
+constexpr char ANSWER[] = "empRcvEventLogMsgFromEventArchiver";
 
 constexpr EmpInquirySourceTexts_t sourceTexts = {
     "empRcvEventLogMsgFromEventArchiver(): This Inquiry Message is from Other Blade.\n",
@@ -50,17 +50,17 @@ bool namesThisBlade(const EmpEvLogHeader_t& event) {
 void serveLocalEvent(U32_t sequenceId) {
     S64_t position = empLogFilePosition;
     // KEEP: the entry's flag is not looked at.
-    empLogSeek(eventEntryDatabase[empIndexSlot(sequenceId)].evOffset, EMP_HERE_IN(answerFunction));
+    empLogSeek(eventEntryDatabase[empIndexSlot(sequenceId)].evOffset, EMP_HERE_IN(ANSWER));
     EmpEvRecord_t record;
     empDebugLine(
         "empRcvEventLogMsgFromEventArchiver(): Read [%d] bytes of Event Record to Temp place.\n",
         EMP_RECORD_SIZE);
-    empReadRecord(&record, EMP_HERE_IN(answerFunction));
-    empRequireSignatureOrDump(&record, EMP_HERE_IN(answerFunction));
+    empReadRecord(&record, EMP_HERE_IN(ANSWER));
+    empRequireSignatureOrDump(&record, EMP_HERE_IN(ANSWER));
     empDebugLine(
         "empRcvEventLogMsgFromEventArchiver(): Read [%d] bytes of Event Structure to Temp place.\n",
         static_cast<int>(record.evStructLength));
-    empReadRecordData(&record, empReplyEvent()->evStruct, EMP_HERE_IN(answerFunction));
+    empReadRecordData(&record, empReplyEvent()->evStruct, EMP_HERE_IN(ANSWER));
     empReply()->mmch.mmsg_length = static_cast<U16_t>(record.evStructLength + EMP_EVENT_MMSG_SIZE);
     empReply()->mmch.return_code = EMP_E_RESPONSE_SUCCESS;
     empCopyEventHeader(&empReplyEvent()->evLogHdr, &record);
@@ -95,10 +95,9 @@ void fillIn(U8_t inquiryType) {
         fillInNext();
         break;
     case EMP_E_INQUIRY_TYPE_LAST:
-        EMP_BUGCHECK(EMP_HERE_IN(answerFunction), "Receive Get Last Msg from Event Archiver?");
+        EMP_BUGCHECK(EMP_HERE_IN(ANSWER), "Receive Get Last Msg from Event Archiver?");
     default:
-        EMP_BUGCHECK(EMP_HERE_IN(answerFunction),
-                     "Receive unsupported MSG type from Event Archiver?");
+        EMP_BUGCHECK(EMP_HERE_IN(ANSWER), "Receive unsupported MSG type from Event Archiver?");
     }
 }
 

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr char functionName[] = "empSendEventLogToEventArchiver";
+constexpr char FORWARD[] = "empSendEventLogToEventArchiver";
 
 EmpEvArchiverMsg_t* eventMessage() {
     return reinterpret_cast<EmpEvArchiverMsg_t*>(eventEntryWorkSpace);
@@ -31,18 +31,18 @@ void buildEventHeader(EmpEvArchiverMsgHeader_t* header, U16_t eventStructLength)
 
 /** Reads the event at an offset of the log file into its message. @return bytes on the wire */
 U32_t readEventMessage(U32_t offset) {
-    empLogSeek(offset, EMP_HERE_IN(functionName));
+    empLogSeek(offset, EMP_HERE_IN(FORWARD));
     EmpEvRecord_t record;
     empDebugLine(
         "empSendEventLogToEventArchiver(): Read [%d] bytes of Event Record to Temp place.\n",
         EMP_RECORD_SIZE);
-    empReadRecord(&record, EMP_HERE_IN(functionName));
-    empRequireSignature(&record, EMP_HERE_IN(functionName));
+    empReadRecord(&record, EMP_HERE_IN(FORWARD));
+    empRequireSignature(&record, EMP_HERE_IN(FORWARD));
     empDebugLine(
         "empSendEventLogToEventArchiver(): Read [%d] bytes of Event Structure to Temp place.\n",
         static_cast<int>(record.evStructLength));
     auto* event = reinterpret_cast<EmpEvLogMsg_t*>(eventMessage()->user_data_start);
-    empReadRecordData(&record, event->evStruct, EMP_HERE_IN(functionName));
+    empReadRecordData(&record, event->evStruct, EMP_HERE_IN(FORWARD));
     buildEventHeader(&eventMessage()->evArchiverMsgHdr, record.evStructLength);
     empCopyEventHeader(&event->evLogHdr, &record);
     return sizeof(EmpEvArchiverMsgHeader_t) + EMP_EVENT_HEADER_SIZE + record.evStructLength;
@@ -50,10 +50,10 @@ U32_t readEventMessage(U32_t offset) {
 
 /** A record that holds the built message; it is on no list yet. */
 EvMsgRecordEntry_t* keepEventMessage(U32_t length) {
-    EvMsgRecordEntry_t* entry = empEvMsgTake(EMP_HERE_IN(functionName));
+    EvMsgRecordEntry_t* entry = empEvMsgTake(EMP_HERE_IN(FORWARD));
     entry->state = EMP_E_EVMSG_RECORD_ST_PARTIAL_FORWARD;
     entry->evMsgType = EMP_E_MSGS_LOG;
-    empEvMsgKeepMessage(entry, eventMessage(), length, EMP_HERE_IN(functionName));
+    empEvMsgKeepMessage(entry, eventMessage(), length, EMP_HERE_IN(FORWARD));
     return entry;
 }
 

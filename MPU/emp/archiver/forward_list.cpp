@@ -13,8 +13,8 @@
 
 namespace {
 
-constexpr int forwardSeconds = 5;
-constexpr int catchUpMicroseconds = 100;
+constexpr int FORWARD_SECONDS = 5;
+constexpr int CATCH_UP_MICROSECONDS = 100;
 
 /** Where a record's write begins. */
 U32_t firstByteToSend(EvMsgRecordEntry_t* entry) {
@@ -96,7 +96,7 @@ void catchUp() {
     if (upToDate || !open) {
         empControl.selectTimeout = {1, 0};
     } else {
-        empControl.selectTimeout = {0, catchUpMicroseconds};
+        empControl.selectTimeout = {0, CATCH_UP_MICROSECONDS};
     }
 }
 
@@ -118,6 +118,6 @@ void empProcessForwardTimeout() {
     // KEEP: selectTimeout stays as it is, even at 100 us.
     if (empTimerExpired(&empControl.forwardTimeout)) {
         empSendForwardListToEventArchiverWithInterleave();
-        empControl.forwardTimeout = {forwardSeconds, 0};
+        empControl.forwardTimeout = {FORWARD_SECONDS, 0};
     }
 }

@@ -2,7 +2,7 @@
 
 namespace {
 
-constexpr int linkStates = 5;
+constexpr int LINK_STATES = 5;
 
 constexpr auto CONNECTED = EMP_E_ARCHIVER_SOCKET_ST_CONNECTED;
 constexpr auto STATUS_SENT = EMP_E_ARCHIVER_SOCKET_ST_GET_STATUS_SENT;
@@ -18,7 +18,7 @@ constexpr EMP_ARCHIVER_SOCKET_STATE_e never(EMP_ARCHIVER_SOCKET_STATE_e state) {
 // KEEP: a status response opens the link in every state, asked for or not, even without a
 // connection; and so does a queued message that went out whole, even before the handshake.
 // clang-format off
-constexpr EMP_ARCHIVER_SOCKET_STATE_e nextState[EMP_E_LINK_EVENTS][linkStates] = {
+constexpr EMP_ARCHIVER_SOCKET_STATE_e nextState[EMP_E_LINK_EVENTS][LINK_STATES] = {
     // from:               CONNECTED         STATUS_SENT         OPEN         FULL         CLOSE
     /* connect issued  */ {CONNECTED,        CONNECTED,          CONNECTED,   CONNECTED,   CONNECTED},
     /* status sent     */ {STATUS_SENT,      never(STATUS_SENT), never(OPEN), never(FULL), never(CLOSE)},

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr char noRecordText[] = "No more Event Message Record?";
+constexpr char NO_RECORD[] = "No more Event Message Record?";
 
 } // namespace
 
@@ -43,7 +43,7 @@ void empEvMsgEntryFree(EvMsgRecordEntry_t* entry) {
 EvMsgRecordEntry_t* empEvMsgTake(EmpSite_t site) {
     EvMsgRecordEntry_t* entry = EvMsgRecordFreeList;
     if (entry == nullptr) {
-        EMP_BUGCHECK(site, noRecordText);
+        EMP_BUGCHECK(site, NO_RECORD);
     }
     empEvMsgUnlink(entry);
     return entry;
@@ -53,7 +53,7 @@ void empEvMsgKeepMessage(EvMsgRecordEntry_t* entry, const void* message, U32_t l
                          EmpSite_t site) {
     entry->memAddressPtr = static_cast<U8_t*>(malloc(length));
     if (entry->memAddressPtr == nullptr) {
-        EMP_BUGCHECK(site, noRecordText);
+        EMP_BUGCHECK(site, NO_RECORD);
     }
     memcpy(entry->memAddressPtr, message, length);
     entry->msgLength = length;

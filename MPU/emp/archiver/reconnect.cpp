@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr int reconnectSeconds = 300;
+constexpr int RECONNECT_SECONDS = 300;
 
 void reconnect() {
     empControl.evArchiverConnectionAttempt++;
@@ -30,7 +30,7 @@ void reconnect() {
             "empProcessReconnectTimeout(): Event Manager connects to the Event Archiver during Reconnect Timeout.\n");
         empSendGetEventArchiverStatusMsg();
     }
-    empControl.reconnectTimeout = {reconnectSeconds, 0};
+    empControl.reconnectTimeout = {RECONNECT_SECONDS, 0};
 }
 
 } // namespace

@@ -10,8 +10,8 @@
 
 namespace {
 
-constexpr char functionName[] = "empSendEventInquiryToEventArchiver";
-constexpr int responseSeconds = 15;
+constexpr char RELAY[] = "empSendEventInquiryToEventArchiver";
+constexpr int RESPONSE_SECONDS = 15;
 
 /** An inquiry as it goes to the archiver: 160 bytes. */
 struct InquiryMessage_t {
@@ -33,7 +33,7 @@ void fillRecord(EvMsgRecordEntry_t* entry, const MMSG_t* mmsg) {
     entry->evInstanceNumber = inquiry->evInstanceNumber;
     entry->evSeqIdInquiry = inquiry->evSeqIdInquiry;
     entry->evInquiryType = static_cast<U8_t>(inquiry->evInquiryType);
-    entry->responseTimeout = {responseSeconds, 0};
+    entry->responseTimeout = {RESPONSE_SECONDS, 0};
     entry->msgLength = sizeof(InquiryMessage_t);
 }
 
@@ -64,7 +64,7 @@ void sendInquiryNow(EvMsgRecordEntry_t* entry, const InquiryMessage_t& message) 
         "empSendEventInquiryToEventArchiver(): Only send out partial [%d] bytes of Event Record from EMP to EA\n",
         result);
     entry->state = EMP_E_EVMSG_RECORD_ST_PARTIAL_FORWARD;
-    empEvMsgKeepMessage(entry, &message, sizeof(message), EMP_HERE_IN(functionName));
+    empEvMsgKeepMessage(entry, &message, sizeof(message), EMP_HERE_IN(RELAY));
     entry->byteSent = static_cast<U32_t>(result);
     empEvMsgPush(&EvMsgRecordForwardList, entry);
     empControl.forwardPendingListCount++;
@@ -72,7 +72,7 @@ void sendInquiryNow(EvMsgRecordEntry_t* entry, const InquiryMessage_t& message) 
 
 void queueInquiry(EvMsgRecordEntry_t* entry, const InquiryMessage_t& message) {
     entry->state = EMP_E_EVMSG_RECORD_ST_NOT_FORWARD;
-    empEvMsgKeepMessage(entry, &message, sizeof(message), EMP_HERE_IN(functionName));
+    empEvMsgKeepMessage(entry, &message, sizeof(message), EMP_HERE_IN(RELAY));
     empEvMsgAppend(&EvMsgRecordForwardList, entry);
     empControl.forwardPendingListCount++;
 }

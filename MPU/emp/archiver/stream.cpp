@@ -15,7 +15,7 @@ namespace {
 
 EmpEvArchiverMsgHeader_t peekedHeader;
 
-constexpr S32_t headerSize = sizeof(peekedHeader);
+constexpr S32_t HEADER_SIZE = sizeof(peekedHeader);
 
 } // namespace
 
@@ -24,7 +24,7 @@ EmpArchiverPeek_t empPeekEventArchiverHeader() {
         return {-1, 0};
     }
     S32_t result = static_cast<S32_t>(
-        recv(empControl.socketFdEventArchiver, &peekedHeader, headerSize, MSG_PEEK));
+        recv(empControl.socketFdEventArchiver, &peekedHeader, HEADER_SIZE, MSG_PEEK));
     return {result, errno};
 }
 
@@ -33,13 +33,13 @@ bool empPeekFoundSomething(EmpArchiverPeek_t peek) {
 }
 
 bool empReceiveEventArchiverMsg(EmpArchiverPeek_t peek) {
-    if (peek.result != headerSize) {
+    if (peek.result != HEADER_SIZE) {
         empDebugLine("main(): recvSize = [%d], errno = [%d]\n", peek.result, peek.error);
         empDebugLine("main(): Event Archiver connection receives error. Close the connection.\n");
         empCloseEventArchiverConnection();
         return false;
     }
-    S32_t length = headerSize + peekedHeader.evArchiverMsgBodyLength;
+    S32_t length = HEADER_SIZE + peekedHeader.evArchiverMsgBodyLength;
     memset(empControl.empInMsg, 0, EMP_WORK_SPACE_SIZE);
     S32_t result = static_cast<S32_t>(recv(empControl.socketFdEventArchiver, empControl.empInMsg,
                                            static_cast<size_t>(length), 0));
@@ -57,7 +57,7 @@ bool empReceiveEventArchiverMsg(EmpArchiverPeek_t peek) {
 bool empEventArchiverConnectionBroken(EmpArchiverPeek_t peek) {
     // KEEP: only these two errors tell of a broken link; after an end of stream or a partial header
     // it is whatever an earlier call left behind.
-    return peek.result != headerSize && (peek.error == ECONNRESET || peek.error == ECONNREFUSED);
+    return peek.result != HEADER_SIZE && (peek.error == ECONNRESET || peek.error == ECONNREFUSED);
 }
 
 int empEventArchiverSocketError() {

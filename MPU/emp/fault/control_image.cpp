@@ -39,7 +39,7 @@ struct ControlField_t {
 #define TIME(name) CONTROL_FIELD(FIELD_E_TIME, name, ".tv_sec", 4)
 #define TEXT(name) CONTROL_FIELD(FIELD_E_TEXT, name, "", 1)
 
-constexpr ControlField_t CONTROL_FIELDS[] = {
+constexpr ControlField_t controlFields[] = {
     TIME(selectTimeout),
     NUMBER(socketFdMSM),
     CONTROL_FIELD(FIELD_E_UNIX_ADDRESS, socketAddressMSM, ".sun_path", 2),
@@ -110,7 +110,7 @@ constexpr size_t alignUp(size_t offset, size_t alignment) {
 /** Whether the rows, laid out as the board's compiler does it, make up the image without a hole. */
 constexpr bool rowsMakeUpTheImage() {
     size_t end = 0;
-    for (const ControlField_t& field : CONTROL_FIELDS) {
+    for (const ControlField_t& field : controlFields) {
         if (field.imageOffset != alignUp(end, field.imageAlignment)) {
             return false;
         }
@@ -124,7 +124,7 @@ static_assert(rowsMakeUpTheImage());
  * are as wide there as in the image. */
 constexpr bool rowsFollowTheControlBlock() {
     size_t end = 0;
-    for (const ControlField_t& field : CONTROL_FIELDS) {
+    for (const ControlField_t& field : controlFields) {
         bool widthKept = field.kind != FIELD_E_NUMBER || field.size == field.imageSize;
         if (field.offset < end || !widthKept) {
             return false;
@@ -230,7 +230,7 @@ void storeField(const ControlField_t& field, const U8_t* from, U8_t* to) {
 
 void empControlPrint() {
     const U8_t* control = reinterpret_cast<const U8_t*>(&empControl);
-    for (const ControlField_t& field : CONTROL_FIELDS) {
+    for (const ControlField_t& field : controlFields) {
         printField(field, control + field.offset);
     }
 }
@@ -238,7 +238,7 @@ void empControlPrint() {
 void empControlBuildInfo(EmpInfo_t* info) {
     const U8_t* control = reinterpret_cast<const U8_t*>(&empControl);
     *info = EmpInfo_t{};
-    for (const ControlField_t& field : CONTROL_FIELDS) {
+    for (const ControlField_t& field : controlFields) {
         storeField(field, control + field.offset,
                    reinterpret_cast<U8_t*>(info) + field.imageOffset);
     }

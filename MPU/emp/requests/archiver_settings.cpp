@@ -15,9 +15,9 @@
 
 namespace {
 
-constexpr U16_t setReplySize = MMCH_SIZE + sizeof(EmpSetEvArchiverMsg_t);
-constexpr U16_t statusReplySize = MMCH_SIZE + sizeof(EmpGetEvManagerStatusMsg_t);
-static_assert(setReplySize == 72 && statusReplySize == 84);
+constexpr U16_t SET_REPLY_SIZE = MMCH_SIZE + sizeof(EmpSetEvArchiverMsg_t);
+constexpr U16_t STATUS_REPLY_SIZE = MMCH_SIZE + sizeof(EmpGetEvManagerStatusMsg_t);
+static_assert(SET_REPLY_SIZE == 72 && STATUS_REPLY_SIZE == 84);
 
 /** The address given, in network byte order as it stands on the wire. */
 in_addr_t addressOf(const EmpSetEvArchiverMsg_t* request) {
@@ -109,9 +109,9 @@ void empRcvSetEventArchiverMsg(MMSG_t* mmsg) {
     }
     empDebugLine(
         "empRcvSetEventArchiverMsg(): Send Response Msg for Set Event Archiver Msg to Requestor.\n");
-    buildReply(mmsg, EMP_E_MSGS_SET_EVENT_ARCHIVER, setReplySize);
+    buildReply(mmsg, EMP_E_MSGS_SET_EVENT_ARCHIVER, SET_REPLY_SIZE);
     memset(empReply()->user_data_start, 0, sizeof(EmpSetEvArchiverMsg_t));
-    empSendToMsm(empReply(), setReplySize, EMP_SITE_SET_ARCHIVER_SEND,
+    empSendToMsm(empReply(), SET_REPLY_SIZE, EMP_SITE_SET_ARCHIVER_SEND,
                  EMP_E_SHORT_SEND_DUMP_SHOWS_RESULT);
 }
 
@@ -122,11 +122,11 @@ void empRcvGetEventManagerStatusMsg(MMSG_t* mmsg) {
             "empRcvSetEventArchiverMsg(): Event Manager Response Msg for Get Event Manager Status Test Msg. Just return.\n\n");
         return;
     }
-    buildReply(mmsg, EMP_E_MSGS_GET_EVENT_MANAGER_STATUS, statusReplySize);
+    buildReply(mmsg, EMP_E_MSGS_GET_EVENT_MANAGER_STATUS, STATUS_REPLY_SIZE);
     fillManagerStatus(reinterpret_cast<EmpGetEvManagerStatusMsg_t*>(empReply()->user_data_start));
     empDebugLine(
         "empRcvGetEventManagerStatusMsg(): Send out a MMSG from the Event Manager to Requestor.\n");
     empMmsgPrint(empReply());
-    empSendToMsm(empReply(), statusReplySize, EMP_SITE_MANAGER_STATUS_SEND,
+    empSendToMsm(empReply(), STATUS_REPLY_SIZE, EMP_SITE_MANAGER_STATUS_SEND,
                  EMP_E_SHORT_SEND_DUMP_SHOWS_RESULT);
 }

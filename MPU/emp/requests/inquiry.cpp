@@ -13,7 +13,7 @@
 
 namespace {
 
-inline constexpr char seekCallFails[] = "Linux lseek function call fails!";
+inline constexpr char SEEK_CALL_FAILS[] = "Linux lseek function call fails!";
 
 /** Where reading the answer to an inquiry of one type may fail. */
 struct InquirySites_t {
@@ -25,10 +25,10 @@ struct InquirySites_t {
 constexpr InquirySites_t inquirySites[] = {
     {},
     {EMP_SITES_INQUIRY_FIRST, EMP_LSEEK_FAILS},
-    {EMP_SITES_INQUIRY_NEXT, seekCallFails},
+    {EMP_SITES_INQUIRY_NEXT, SEEK_CALL_FAILS},
     {EMP_SITES_INQUIRY_EXACT, EMP_LSEEK_FAILS},
-    {EMP_SITES_INQUIRY_PREVIOUS, seekCallFails},
-    {EMP_SITES_INQUIRY_LAST, seekCallFails},
+    {EMP_SITES_INQUIRY_PREVIOUS, SEEK_CALL_FAILS},
+    {EMP_SITES_INQUIRY_LAST, SEEK_CALL_FAILS},
 };
 
 constexpr EmpInquirySourceTexts_t sourceTexts = {
