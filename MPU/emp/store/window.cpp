@@ -31,8 +31,10 @@ void empWindowHolds(U32_t length) {
 }
 
 void empWindowWrite(U64_t offset, const void* bytes, U32_t length) {
+    // Writes make it no longer than a read does: more would only be resident.
+    U64_t room = std::max(windowLength, EMP_WINDOW_STEP);
     U64_t from = std::max(offset, windowBase);
-    U64_t to = std::min(offset + length, windowBase + EMP_WINDOW_SIZE);
+    U64_t to = std::min(offset + length, windowBase + room);
     // A write behind the window would leave a hole. One that begins at its end makes it longer.
     if (from >= to || from > windowBase + windowLength) {
         return;
