@@ -15,11 +15,14 @@ namespace {
 /** A storage in memory of which the test can take the lock, as another program would. */
 class LockableStore : public Store {
   public:
-    explicit LockableStore(std::atomic<int>& failures) : failures_(failures) {}
+    LockableStore(std::atomic<int>& good, std::atomic<int>& failures)
+        : good_(good), failures_(failures) {}
 
     void begin() override { inner_->begin(); }
     void commit() override {
-        if (failures_ > 0) {
+        if (good_ > 0) {
+            --good_;
+        } else if (failures_ > 0) {
             --failures_;
             throw StoreError("locked", StoreError::Kind::PASSING);
         }
@@ -93,6 +96,7 @@ class LockableStore : public Store {
     U64_t bytesUsed() override { return inner_->bytesUsed(); }
 
   private:
+    std::atomic<int>& good_;     ///< commits that succeed first
     std::atomic<int>& failures_; ///< commits that fail; below 0: all, for good
     std::unique_ptr<Store> inner_ = openArchiveInMemory();
 };
@@ -101,7 +105,7 @@ class LaneTest : public testing::Test {
   protected:
     void start(const LaneSettings& settings = {}) {
         lane_ = std::make_unique<Lane>(
-            std::make_unique<LockableStore>(failures_), settings,
+            std::make_unique<LockableStore>(good_, failures_), settings,
             Lane::Callbacks{[this](const std::vector<Reply>& replies) {
                                 const std::lock_guard lock(mutex_);
                                 replies_.insert(replies_.end(), replies.begin(), replies.end());
@@ -135,6 +139,7 @@ class LaneTest : public testing::Test {
         return replies_;
     }
 
+    std::atomic<int> good_ = 0;
     std::atomic<int> failures_ = 0;
     Batch batch_;
     std::mutex mutex_;
@@ -185,6 +190,7 @@ TEST_F(LaneTest, FailureBetweenTwoCommitsOfOneBatchRepeatsOnlyTheRest) {
     start(settings);
     addEvents(0, 9);
     addStatus();
+    good_ = 1;
     failures_ = 1;
     submit();
     EXPECT_EQ(waitForReplies(1)[0].verdict, (StatusVerdict{8, 0}));
