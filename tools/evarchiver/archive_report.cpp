@@ -1,6 +1,7 @@
 #include "archive_report.h"
 
 #include "archive.h"
+#include "common/text.h"
 #include "sqlite_store.h"
 
 #include <ctime>
@@ -90,8 +91,8 @@ Json rangesJson(const std::vector<IdRun>& runs) {
 
 Json headJson(const Generation& generation) {
     const SeriesKey& key = generation.info.key;
-    return {{"enclosure", key.blade.enclosure},
-            {"blade", key.blade.blade},
+    return {{"enclosure", tools::escapedText(key.blade.enclosure)},
+            {"blade", tools::escapedText(key.blade.blade)},
             {"slot", key.blade.slot},
             {"instance", key.instance},
             {"generation", generation.info.number.generation},
@@ -101,9 +102,9 @@ Json headJson(const Generation& generation) {
             {"duplicates", generation.info.duplicates}};
 }
 
-// Ids of blades may be any bytes; what is no text is replaced.
+// One object a line.
 void printJson(const Json& json, std::ostream& out) {
-    out << json.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
+    out << json.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
 }
 
 void printLine(const Generation& generation, std::ostream& out) {
@@ -153,17 +154,14 @@ bool hasFinding(const Generation& generation) {
 
 int listArchive(const std::string& path, ReportForm form, std::ostream& out) {
     const auto store = openArchiveForReading(path);
-    Json json = Json::array();
     for (const Generation& generation : readGenerations(*store, false)) {
         if (form == ReportForm::TEXT) {
             printLine(generation, out);
         } else {
-            json.push_back(headJson(generation));
-            json.back()["ranges"] = rangesJson(generation.runs);
+            Json json = headJson(generation);
+            json["ranges"] = rangesJson(generation.runs);
+            printJson(json, out);
         }
-    }
-    if (form == ReportForm::JSON) {
-        printJson(json, out);
     }
     return 0;
 }
@@ -176,13 +174,13 @@ int checkArchive(const std::string& path, ReportForm form, std::ostream& out) {
         printCheckText(generations, out);
         return found ? 1 : 0;
     }
-    Json list = Json::array();
     for (const Generation& generation : generations) {
-        list.push_back(headJson(generation));
-        list.back()["gaps"] = rangesJson(generation.gaps());
-        list.back()["damaged"] = generation.damaged;
+        Json json = headJson(generation);
+        json["gaps"] = rangesJson(generation.gaps());
+        json["damaged"] = generation.damaged;
+        json["finding"] = hasFinding(generation);
+        printJson(json, out);
     }
-    printJson({{"finding", found}, {"generations", list}}, out);
     return found ? 1 : 0;
 }
 

@@ -26,16 +26,16 @@ constexpr char SHOW_EXAMPLES[] =
 
 struct AelOptions {
     std::string directory;
-    std::optional<int> key;
+    KeyOptions block;
     std::vector<std::string> names; ///< show: only these
     bool json = false;
 };
 
 std::vector<AelFile> filesOf(const AelOptions& options) {
-    if (!options.key) {
+    if (!options.block.given()) {
         return readAelDirectory(options.directory);
     }
-    const MPU_PARAMS_t& params = attachParams(*options.key);
+    const MPU_PARAMS_t& params = attachParams(options.block);
     try {
         return readAelDirectory(fieldText(params.nvramDirectory, sizeof(params.nvramDirectory)) +
                                 EMP_AEL_DIRECTORY_NAME);
@@ -137,7 +137,7 @@ void addWhere(CLI::App& command, AelOptions& options) {
     CLI::Option_group* where = command.add_option_group("Directory");
     where->add_option("--dir", options.directory, "Directory of the alternate event log files")
         ->type_name("DIR");
-    addKeyOption(*where, options.key);
+    addKeyOption(*where, options.block);
     where->require_option(1);
     command.add_flag("--json", options.json, "One JSON object a line, events with their data");
 }

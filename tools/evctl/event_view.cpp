@@ -1,6 +1,7 @@
 #include "evctl/event_view.h"
 
 #include "common/names.h"
+#include "common/text.h"
 
 #include <array>
 #include <chrono>
@@ -66,20 +67,7 @@ std::string isoTime(U32_t seconds) {
 }
 
 std::string escapedText(std::span<const U8_t> field) {
-    std::string text;
-    for (U8_t byte : field) {
-        if (byte == 0) {
-            break;
-        }
-        if (isPrintable(byte) && byte != '\\') {
-            text += static_cast<char>(byte);
-            continue;
-        }
-        std::array<char, 8> escape{};
-        snprintf(escape.data(), escape.size(), "\\x%02X", static_cast<unsigned>(byte));
-        text += escape.data();
-    }
-    return text;
+    return tools::escapedText({reinterpret_cast<const char*>(field.data()), field.size()});
 }
 
 std::string eventIdText(U32_t source, U32_t id) {

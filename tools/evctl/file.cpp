@@ -2,6 +2,7 @@
 #include "evctl/file.h"
 
 #include "evctl/commands.h"
+#include "evlog/guess.h"
 
 #include <algorithm>
 #include <cstring>
@@ -31,6 +32,9 @@ EvlogImage_t loadLog(const std::string& path) {
     if (error != 0) {
         throw std::runtime_error(path + ": " + strerror(error));
     }
+    if (!evlogIsLog(image)) {
+        throw std::runtime_error(path + ": no event log; it is " + evlogGuess(image));
+    }
     return image;
 }
 
@@ -43,6 +47,10 @@ LogContent readLog(const EvlogImage_t& image, const EvlogIdentity_t* identity) {
              [&content](const EvlogFinding_t& finding) { content.findings.push_back(finding); }},
         identity);
     return content;
+}
+
+int statusOf(const LogContent& content) {
+    return content.findings.empty() ? tools::EXIT_DONE : tools::EXIT_FINDING;
 }
 
 void sortByAge(std::vector<EvlogRecord_t>& records) {

@@ -9,7 +9,7 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] = "The exit status is 1 when the log holds a bug-check.\n"
+constexpr char EXAMPLES[] = "The exit status is 1 when the log holds a bug-check, or is damaged.\n"
                             "Examples:\n"
                             "  evctl file crash kelta_eventlog\n"
                             "  evctl file crash kelta_eventlog --all --index all --json";
@@ -43,7 +43,7 @@ int runCrash(const CrashOptions& options) {
     for (size_t number = 1; number <= shown; number++) {
         printCrash(crashes[crashes.size() - number], options, number, crashes.size());
     }
-    return crashes.empty() ? tools::EXIT_DONE : tools::EXIT_FINDING;
+    return crashes.empty() ? statusOf(content) : tools::EXIT_FINDING;
 }
 
 } // namespace

@@ -1,4 +1,5 @@
 /** evctl file info: a log file at a glance, and what the event manager will make of it. */
+#include "common/text.h"
 #include "evctl/commands.h"
 #include "evctl/event_view.h"
 #include "evctl/file.h"
@@ -77,7 +78,7 @@ Json positionsJson(const EvlogState_t& state) {
 }
 
 Json infoJson(const InfoOptions& options, const EvlogImage_t& image, const LogContent& content) {
-    Json json = {{"file", options.path},
+    Json json = {{"file", tools::escapedText(options.path)},
                  {"bytes", image.fileSize},
                  {"verdict", evlogVerdictName(content.state.verdict)},
                  {"meaning", evlogVerdictText(content.state.verdict)},
@@ -103,7 +104,7 @@ int runInfo(const InfoOptions& options) {
     LogContent content = readLog(image, options.enclosure ? &identity : nullptr);
     Json json = infoJson(options, image, content);
     std::cout << (options.json ? jsonLine(json) : namedLines(json, 22));
-    return tools::EXIT_DONE;
+    return statusOf(content);
 }
 
 } // namespace

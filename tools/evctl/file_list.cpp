@@ -38,7 +38,7 @@ int runList(const ListOptions& options) {
     if (!content.findings.empty()) {
         std::cerr << "evctl: the file is damaged; see 'evctl file verify'\n";
     }
-    return tools::EXIT_DONE;
+    return statusOf(content);
 }
 
 } // namespace

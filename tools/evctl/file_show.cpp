@@ -6,7 +6,6 @@
 
 #include <iostream>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
 
 namespace evctl {
 namespace {
@@ -37,8 +36,9 @@ bool isWanted(const EvlogRecord_t& record, const ShowOptions& options) {
 
 int runShow(const ShowOptions& options) {
     EvlogImage_t image = loadLog(options.path);
+    LogContent content = readLog(image);
     bool found = false;
-    for (const EvlogRecord_t& record : readLog(image).records) {
+    for (const EvlogRecord_t& record : content.records) {
         if (!isWanted(record, options)) {
             continue;
         }
@@ -50,9 +50,10 @@ int runShow(const ShowOptions& options) {
         }
     }
     if (!found) {
-        throw std::runtime_error(options.path + ": no such record");
+        std::cerr << "evctl: " << options.path << ": no such record\n";
+        return tools::EXIT_FINDING;
     }
-    return tools::EXIT_DONE;
+    return statusOf(content);
 }
 
 } // namespace

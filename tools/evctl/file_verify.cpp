@@ -35,7 +35,7 @@ int runVerify(const VerifyOptions& options) {
     for (const EvlogFinding_t& finding : content.findings) {
         printFinding(finding, options.json);
     }
-    return content.findings.empty() ? tools::EXIT_DONE : tools::EXIT_FINDING;
+    return statusOf(content);
 }
 
 } // namespace

@@ -101,11 +101,11 @@ LogIdentity resolveIdentity(Requester& requester, const IdentityOptions& options
                             const SwitchOptions& where) {
     LogIdentity own;
     bool named = options.enclosure && options.blade && options.slot;
-    if (!options.instance || (!named && !where.key)) {
+    if (!options.instance || (!named && !where.block.given())) {
         own = askForIdentity(requester);
     }
-    if (where.key) {
-        const MPU_PARAMS_t& params = attachParams(*where.key);
+    if (where.block.given()) {
+        const MPU_PARAMS_t& params = attachParams(where.block);
         own.enclosure = fieldText(params.chassisSN, sizeof(params.chassisSN));
         own.blade = fieldText(params.serialStr, sizeof(params.serialStr));
         own.slot = params.slotId;

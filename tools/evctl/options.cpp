@@ -6,6 +6,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <unistd.h>
 
 namespace evctl {
 
@@ -24,9 +27,25 @@ int parseKey(const std::string& text) {
     return static_cast<int>(key);
 }
 
+/** Maker and owner: the one could, the other can, write into it. */
+void checkOwner(const KeyOptions& options, const struct ipc_perm& segment) {
+    for (uid_t user : {segment.cuid, segment.uid}) {
+        if (!options.anyOwner && user != 0 && user != geteuid()) {
+            throw std::runtime_error("the parameter block under key " +
+                                     std::to_string(*options.key) + " belongs to user " +
+                                     std::to_string(user) + "; --any-owner takes it all the same");
+        }
+    }
+}
+
 } // namespace
 
-CLI::Option* addKeyOption(CLI::App& command, std::optional<int>& key) {
+CLI::Option* addKeyOption(CLI::App& command, KeyOptions& options) {
+    // Not within an option group, which would count it.
+    CLI::App& whole = command.get_name().empty() ? *command.get_parent() : command;
+    whole.add_flag("--any-owner", options.anyOwner,
+                   "Take a parameter block that another user than you and root has made");
+    std::optional<int>& key = options.key;
     return command
         .add_option_function<std::string>(
             "--key", [&key](const std::string& text) { key = parseKey(text); },
@@ -38,23 +57,29 @@ void addSwitchOptions(CLI::App& command, SwitchOptions& options) {
     CLI::Option_group* where = command.add_option_group("Message switch");
     where->add_option("--dir", options.directory, "Directory of the message switch's sockets")
         ->type_name("DIR");
-    addKeyOption(*where, options.key);
+    addKeyOption(*where, options.block);
     where->require_option(1);
 }
 
-const MPU_PARAMS_t& attachParams(int key) {
-    const MPU_PARAMS_t* params = MPU_getMpuParams(key);
+const MPU_PARAMS_t& attachParams(const KeyOptions& options) {
+    int id = -1;
+    const MPU_PARAMS_t* params = MPU_getMpuParamsAndShmid(&id, *options.key);
     if (params == nullptr) {
-        throw std::runtime_error("no parameter block under key " + std::to_string(key));
+        throw std::runtime_error("no parameter block under key " + std::to_string(*options.key));
     }
+    struct shmid_ds segment {};
+    if (shmctl(id, IPC_STAT, &segment) != 0) {
+        throw std::runtime_error(std::string("shmctl: ") + strerror(errno));
+    }
+    checkOwner(options, segment.shm_perm);
     return *params;
 }
 
 std::string switchDirectory(const SwitchOptions& options) {
-    if (!options.key) {
+    if (!options.block.given()) {
         return options.directory;
     }
-    const MPU_PARAMS_t& params = attachParams(*options.key);
+    const MPU_PARAMS_t& params = attachParams(options.block);
     return fieldText(params.mmsgDirectory, sizeof(params.mmsgDirectory));
 }
 

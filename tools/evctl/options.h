@@ -14,10 +14,18 @@
 
 namespace evctl {
 
+/** The parameter block that is meant. */
+struct KeyOptions {
+    std::optional<int> key;
+    bool anyOwner = false; ///< also one that another user than this one and root has made
+
+    bool given() const { return key.has_value(); }
+};
+
 /** Where the message switch is: its directory, or the parameter block that names it. */
 struct SwitchOptions {
     std::string directory;
-    std::optional<int> key;
+    KeyOptions block;
 };
 
 /** Adds --dir and --key, of which one must be given. */
@@ -26,11 +34,13 @@ void addSwitchOptions(CLI::App& command, SwitchOptions& options);
 /** The switch's directory. Throws when the parameter block cannot be attached. */
 std::string switchDirectory(const SwitchOptions& options);
 
-/** Adds --key. @return the option, for further demands on it */
-CLI::Option* addKeyOption(CLI::App& command, std::optional<int>& key);
+/** Adds --key and --any-owner. @return the first, for further demands on it */
+CLI::Option* addKeyOption(CLI::App& command, KeyOptions& options);
 
-/** Attaches the parameter block; throws when it cannot, the library having said why. */
-const MPU_PARAMS_t& attachParams(int key);
+/** Attaches the parameter block, whose key is given; throws when it cannot, the library having said
+ * why, and when somebody else has made the block: what stands in it decides where is read and
+ * written. */
+const MPU_PARAMS_t& attachParams(const KeyOptions& options);
 
 /** Adds an option that takes a name of @p names or a number of at most @p max. */
 CLI::Option* addNamedOption(CLI::App& command, const std::string& flags, U32_t& value,

@@ -13,12 +13,12 @@ constexpr char EXAMPLES[] = "Example:\n"
                             "  evctl params show --key 0x1234 --json";
 
 struct ParamsOptions {
-    std::optional<int> key;
+    KeyOptions block;
     bool json = false;
 };
 
 int runShow(const ParamsOptions& options) {
-    Json json = paramsJson(attachParams(*options.key));
+    Json json = paramsJson(attachParams(options.block));
     std::cout << (options.json ? jsonLine(json) : paramsLines(json));
     return tools::EXIT_DONE;
 }
@@ -29,7 +29,7 @@ void addParamsCommands(CLI::App& parent, Chosen& chosen) {
     CLI::App& group = addCommandGroup(parent, "params", "The blade's parameter block.");
     auto options = std::make_shared<ParamsOptions>();
     CLI::App& show = addCommand(group, "show", "Show all fields of the parameter block.", EXAMPLES);
-    addKeyOption(show, options->key)->required();
+    addKeyOption(show, options->block)->required();
     show.add_flag("--json", options->json, "As a JSON object");
     onChosen(show, chosen, options, runShow);
 }

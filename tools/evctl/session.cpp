@@ -76,15 +76,17 @@ Session::~Session() {
 /** @return false at the deadline */
 bool Session::waitFor(short events, Deadline deadline, short* ready) {
     for (;;) {
-        struct pollfd entry {
-            .fd = descriptor_, .events = events, .revents = 0
-        };
-        int count = poll(&entry, 1, pollTimeout(deadline));
+        struct pollfd entries[2] = {{.fd = descriptor_, .events = events, .revents = 0},
+                                    {.fd = reader_, .events = 0, .revents = 0}};
+        int count = poll(entries, 2, pollTimeout(deadline));
         if (count < 0 && errno != EINTR) {
             fail("poll", errno);
         }
+        if (count > 0 && entries[1].revents != 0) {
+            throw ReaderGone("nobody reads standard output any more");
+        }
         if (count > 0) {
-            *ready = entry.revents;
+            *ready = entries[0].revents;
             return true;
         }
         if (deadline && Clock::now() >= *deadline) {
@@ -112,6 +114,12 @@ void Session::takeIn() {
         taken_ = 0;
     }
     input_.insert(input_.end(), piece, piece + count);
+}
+
+void Session::takeInArrived() {
+    for (short ready = 0; waitFor(POLLIN, Clock::now(), &ready);) {
+        takeIn();
+    }
 }
 
 void Session::send(const Bytes& message) {

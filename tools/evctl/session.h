@@ -28,6 +28,12 @@ class SessionError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+/** Nobody reads what is printed any more. */
+class ReaderGone : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
 /** The header of a message of at least 64 bytes. */
 inline MMCH_t& mmchOf(Bytes& message) {
     return *reinterpret_cast<MMCH_t*>(message.data());
@@ -68,6 +74,13 @@ class Session {
      */
     std::optional<Bytes> request(Bytes message, std::chrono::milliseconds timeout);
 
+    /** Takes in what has arrived without waiting, to be received later. Throws SessionError. */
+    void takeInArrived();
+
+    /** From now on a wait ends with ReaderGone when @p descriptor, to which what comes is written,
+     * is hung up. */
+    void watchReader(int descriptor) { reader_ = descriptor; }
+
     /** Waits until @p when, dropping what arrives: for senders that expect nothing. */
     void idleUntil(Clock::time_point when);
 
@@ -77,6 +90,7 @@ class Session {
     std::optional<Bytes> nextWhole();
 
     int descriptor_ = -1;
+    int reader_ = -1;
     Bytes input_;      // what has arrived
     size_t taken_ = 0; // bytes of it that have been received
     U32_t nextHandle_;

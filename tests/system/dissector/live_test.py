@@ -57,8 +57,8 @@ class LiveTest(unittest.TestCase):
     def wait_until_archived(self, events):
         deadline = time.monotonic() + DEADLINE
         while time.monotonic() < deadline:
-            logs = json.loads("[" + self.evctl("archive", "list", "--db", self.path("db"), "--json") + "]")
-            if sum(log["events"] for log in sum(logs, [])) == events:
+            logs = self.evctl("archive", "list", "--db", self.path("db"), "--json").splitlines()
+            if sum(json.loads(log)["events"] for log in logs) == events:
                 return
             time.sleep(0.05)
         self.fail(f"{events} events have not arrived")

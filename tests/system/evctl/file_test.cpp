@@ -84,7 +84,7 @@ TEST_F(File, ListSaysThatTheFileIsDamaged) {
     log.damage(700);
     write(log);
     Outcome outcome = run("list");
-    EXPECT_EQ(outcome.ending, support::exitedWith(0));
+    EXPECT_EQ(outcome.ending, support::exitedWith(1));
     EXPECT_EQ(outcome.errors, "evctl: the file is damaged; see 'evctl file verify'\n");
     EXPECT_EQ(outcome.output, line(" 500") + line(" 502") + line("1000") + line("1001"));
 }
@@ -150,12 +150,12 @@ TEST_F(File, ShowByOffsetReachesTheDummy) {
     EXPECT_EQ(outcome.output.find(R"({"offset":1077,"part":"dummy","taken":false,)"), 0U);
 }
 
-TEST_F(File, ShowOfNoRecordCannot) {
+TEST_F(File, ShowOfNoRecordIsAFinding) {
     write(wrappedLog());
     Outcome outcome = run("show", {"--seq", "503"});
-    EXPECT_EQ(outcome.ending, support::exitedWith(2));
+    EXPECT_EQ(outcome.ending, support::exitedWith(1));
     EXPECT_EQ(outcome.errors, "evctl: " + path() + ": no such record\n");
-    EXPECT_EQ(run("show", {"--seq", "0"}).ending, support::exitedWith(2));
+    EXPECT_EQ(run("show", {"--seq", "0"}).ending, support::exitedWith(1));
 }
 
 TEST_F(File, VerifyOfASoundFileSaysNothing) {
@@ -212,12 +212,47 @@ TEST_F(File, InfoJudgesTheIdentityThatItIsGiven) {
               std::string::npos);
 }
 
-TEST_F(File, InfoOfAnEmptyFile) {
-    write(test::LogImage());
+TEST_F(File, InfoOfAFileOfZeros) {
+    test::LogImage log;
+    log.zerosTo();
+    write(log);
     Outcome outcome = run("info");
-    EXPECT_EQ(outcome.ending, support::exitedWith(0));
+    EXPECT_EQ(outcome.ending, support::exitedWith(1));
     EXPECT_NE(outcome.output.find("\nverdict               fresh\n"), std::string::npos);
     EXPECT_NE(outcome.output.find("\n  records             0\n"), std::string::npos);
+}
+
+TEST_F(File, DamageIsAFindingInEveryReader) {
+    test::LogImage log = wrappedLog();
+    log.damage(700);
+    write(log);
+    for (const char* command : {"list", "verify", "info", "crash"}) {
+        EXPECT_EQ(run(command).ending, support::exitedWith(1)) << command;
+    }
+    EXPECT_EQ(run("show", {"--seq", "500"}).ending, support::exitedWith(1));
+}
+
+TEST_F(File, NoEventLogIsRefusedWithAGuess) {
+    for (auto [bytes, guess] : std::vector<std::pair<std::string, std::string>>{
+             {"", "empty"},
+             {"hello\n", "text"},
+             {"{\"a\":1}", "JSON"},
+             {std::string(5000, '\0'), "nothing but zeros"},
+             {std::string("SQLite format 3\0", 16), "an SQLite database"},
+             {"\x1F\x8B\x08", "compressed with gzip"},
+             {"\x7F"
+              "ELF",
+              "a program"},
+             {"\x01\x02\xFF", "data of an unknown kind"}}) {
+        support::writeFile(path(), bytes);
+        for (const char* command : {"list", "verify", "info", "crash"}) {
+            Outcome outcome = run(command);
+            EXPECT_EQ(outcome.ending, support::exitedWith(2)) << guess;
+            EXPECT_EQ(outcome.errors.find("evctl: " + path() + ": no event log; it is " + guess),
+                      0U)
+                << outcome.errors;
+        }
+    }
 }
 
 TEST_F(File, OutputThatCannotBeWrittenIsNotDone) {

@@ -7,6 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fcntl.h>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using support::Bytes;
 
@@ -59,6 +63,7 @@ TEST_F(Follow, PrintsEachEventAsItComes) {
               "         5  2006-11-21T14:00:00Z  warning      startup          disk           "
               "partial_mmsg(3)       4 bytes");
     peer.send(eventCopy(4'000'000'000U, 1, "", 7));
+    EXPECT_EQ(evctl.waitForOutput("gap"), "gap: 6 to 3999999999");
     EXPECT_EQ(evctl.waitForOutput("4000000000"),
               "4000000000  2006-11-21T14:00:00Z  information  startup          disk           "
               "partial_mmsg(3)       0 bytes");
@@ -143,4 +148,131 @@ TEST_F(Follow, ListensAsAnotherEndpoint) {
     support::Process evctl = start({"--endpoint", "smis", "--count", "1"});
     other.accept().send(eventCopy(6, 3, ""));
     EXPECT_EQ(evctl.wait(), support::exitedWith(0));
+}
+
+TEST_F(Follow, GapIsSaidAndMakesTheStatus) {
+    support::Process evctl = start({"--count", "3"});
+    support::MmsgClient peer = listener_.accept();
+    for (U32_t id : {8359, 15001, 15002}) {
+        peer.send(eventCopy(id, 2, ""));
+    }
+    EXPECT_EQ(evctl.wait(), support::exitedWith(1));
+    std::string output = evctl.output();
+    EXPECT_NE(output.find("4 bytes"), 0U);
+    EXPECT_NE(output.find("\ngap: 8360 to 15000\n     15001  "), std::string::npos) << output;
+}
+
+TEST_F(Follow, GapIsAnObjectOfItsOwn) {
+    support::Process evctl = start({"--count", "2", "--json"});
+    support::MmsgClient peer = listener_.accept();
+    peer.send(eventCopy(8359, 2, ""));
+    peer.send(eventCopy(15001, 2, ""));
+    EXPECT_EQ(evctl.wait(), support::exitedWith(1));
+    EXPECT_NE(evctl.output().find("}\n{\"gap\":{\"first\":8360,\"last\":15000,\"events\":6641,"
+                                  "\"enclosureId\":\"E\",\"bladeId\":\"B\",\"slotId\":2,"
+                                  "\"instanceNumber\":7}}\n{"),
+              std::string::npos)
+        << evctl.output();
+}
+
+TEST_F(Follow, GapOfFilteredEventsIsNone) {
+    support::Process evctl = start({"--type", "error", "--count", "2"});
+    support::MmsgClient peer = listener_.accept();
+    peer.send(eventCopy(5, 3, ""));
+    peer.send(eventCopy(6, 2, ""));
+    peer.send(eventCopy(7, 3, ""));
+    EXPECT_EQ(evctl.wait(), support::exitedWith(0));
+}
+
+/** Answers the question for the newest event, from which the own log is known. */
+void answerIdentity(support::MmsgClient& asked, const Bytes& newest) {
+    Bytes request = asked.receive();
+    EXPECT_EQ(request[67], 5); // LAST
+    asked.send(support::makeMmsg({.type = 2,
+                                  .requestor = 27,
+                                  .cont = 0x40,
+                                  .dest = 28,
+                                  .local = {28},
+                                  .returnCode = 1,
+                                  .handle = support::headerOf(request).handle},
+                                 newest));
+}
+
+/** Answers "next after @p after". An empty @p event: there is none. */
+void answerNext(support::MmsgClient& asked, U8_t after, const Bytes& event) {
+    Bytes request = asked.receive();
+    EXPECT_EQ(request[67], 2); // NEXT
+    EXPECT_EQ(request[207], after);
+    asked.send(support::makeMmsg({.type = 2,
+                                  .requestor = 27,
+                                  .cont = 0x40,
+                                  .dest = 28,
+                                  .local = {28},
+                                  .returnCode = event.empty() ? 2U : 1U,
+                                  .handle = support::headerOf(request).handle},
+                                 event.empty() ? Bytes(152) : event));
+}
+
+/** An event as an answer's body: the copy without its header. */
+Bytes eventBody(U32_t sequenceId) {
+    Bytes copy = eventCopy(sequenceId, 2, "");
+    return {copy.begin() + 64, copy.end()};
+}
+
+TEST_F(Follow, RefilledGapIsNoFinding) {
+    support::MmsgListener asked(directory_.file("snmp"));
+    support::Process evctl = start({"--count", "4", "--refill"});
+    support::MmsgClient peer = listener_.accept();
+    peer.send(eventCopy(5, 2, ""));
+    peer.send(eventCopy(8, 2, ""));
+    support::MmsgClient inquiries = asked.accept();
+    answerIdentity(inquiries, eventBody(8));
+    answerNext(inquiries, 5, eventBody(6));
+    answerNext(inquiries, 6, eventBody(7));
+    EXPECT_EQ(evctl.wait(), support::exitedWith(0));
+    std::istringstream lines(evctl.output());
+    for (int id = 5; id <= 8; id++) {
+        std::string line;
+        std::getline(lines, line);
+        EXPECT_EQ(line.substr(0, 12), "         " + std::to_string(id) + "  ");
+    }
+}
+
+TEST_F(Follow, WhatCannotBeRefilledStaysAGap) {
+    support::MmsgListener asked(directory_.file("snmp"));
+    support::Process evctl = start({"--count", "3", "--refill"});
+    support::MmsgClient peer = listener_.accept();
+    peer.send(eventCopy(5, 2, ""));
+    peer.send(eventCopy(10, 2, ""));
+    support::MmsgClient inquiries = asked.accept();
+    answerIdentity(inquiries, eventBody(10));
+    answerNext(inquiries, 5, eventBody(7));
+    answerNext(inquiries, 7, {});
+    EXPECT_EQ(evctl.wait(), support::exitedWith(1));
+    EXPECT_NE(evctl.output().find("gap: 6 to 6\n         7  "), std::string::npos);
+    EXPECT_NE(evctl.output().find("gap: 8 to 9\n        10  "), std::string::npos);
+}
+
+TEST_F(Follow, EndsAtOnceWhenNobodyReadsItsOutput) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    std::vector<std::string> command =
+        support::commandOf("evctl", {"follow", "--dir", directory_.path()});
+    std::vector<char*> argv;
+    for (std::string& word : command) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    pid_t child = fork();
+    if (child == 0) {
+        dup2(ends[1], STDOUT_FILENO);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    close(ends[1]);
+    support::MmsgClient peer = listener_.accept(); // it waits for events by now, or soon
+    close(ends[0]);
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }

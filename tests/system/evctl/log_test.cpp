@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <sys/socket.h>
 
 using support::Bytes;
 
@@ -126,4 +128,97 @@ TEST_F(Log, SwitchThatGoesAwayCannot) {
     listener.accept().close();
     EXPECT_EQ(evctl.wait(), support::exitedWith(2));
     EXPECT_NE(evctl.errorOutput().find("the message switch"), std::string::npos);
+}
+
+namespace {
+
+/** What the event manager makes of an event message for the management interface. */
+Bytes copyOf(const Bytes& message, U8_t sequenceId) {
+    Bytes copy = message;
+    copy[16] = 27;
+    copy[64] = 'E';
+    copy[64 + 139] = sequenceId;
+    copy[64 + 144] = static_cast<U8_t>((message.size() - 216) >> 8);
+    copy[64 + 145] = static_cast<U8_t>(message.size() - 216);
+    copy[64 + 146] = message[16];
+    return copy;
+}
+
+} // namespace
+
+TEST_F(Log, ConfirmPrintsTheIdOfEachEvent) {
+    support::MmsgListener listener(directory_.file("snmp"));
+    support::MmsgListener interface(directory_.file("smi_ind"));
+    support::Process evctl =
+        start({"--dir", dir(), "--id", "7", "--count", "2", "--text", "hi", "--confirm", "20"});
+    support::MmsgClient copies = interface.accept();
+    support::MmsgClient peer = listener.accept();
+    Bytes message = peer.receive();
+    copies.send(copyOf(eventMessage(28, 1, 1, 1, 8, "hi"), 40)); // somebody else's
+    copies.send(copyOf(message, 41));
+    copies.send(copyOf(peer.receive(), 42));
+    EXPECT_EQ(evctl.wait(), support::exitedWith(0));
+    EXPECT_EQ(evctl.output(), "41\n42\n");
+    EXPECT_EQ(evctl.errorOutput(), "");
+}
+
+TEST_F(Log, EventWithoutCopyIsAFinding) {
+    support::MmsgListener listener(directory_.file("snmp"));
+    support::MmsgListener interface(directory_.file("smi_ind"));
+    support::Process evctl = start({"--dir", dir(), "--id", "7", "--count", "2", "--confirm=0.1"});
+    support::MmsgClient copies = interface.accept();
+    support::MmsgClient peer = listener.accept();
+    copies.send(copyOf(peer.receive(), 9));
+    EXPECT_EQ(evctl.wait(), support::exitedWith(1));
+    EXPECT_EQ(evctl.output(), "9\n");
+    EXPECT_EQ(evctl.errorOutput(), "evctl: 1 of 2 events were not seen to be taken in\n");
+}
+
+TEST_F(Log, ConfirmDoesNotRunAheadOfTheCopies) {
+    support::MmsgListener listener(directory_.file("snmp"));
+    support::MmsgListener interface(directory_.file("smi_ind"));
+    support::Process evctl = start({"--dir", dir(), "--id", "7", "--count", "200", "--confirm=20"});
+    support::MmsgClient copies = interface.accept();
+    support::MmsgClient peer = listener.accept();
+    for (int count = 0; count < 64; count++) {
+        peer.receive();
+    }
+    char byte = 0;
+    EXPECT_EQ(recv(peer.descriptor(), &byte, 1, MSG_PEEK | MSG_DONTWAIT), -1);
+    for (int count = 0; count < 200; count++) {
+        copies.send(copyOf(eventMessage(28, 1, 1, 1, 7, ""), static_cast<U8_t>(count)));
+        if (count < 200 - 64) {
+            peer.receive();
+        }
+    }
+    EXPECT_EQ(evctl.wait(), support::exitedWith(0));
+}
+
+TEST_F(Log, EventThatDoesNotGetThroughIsLeftAsAFile) {
+    support::IpcKey key;
+    support::ParameterBlock block(key, dir());
+    memcpy(block.bytes() + 440, dir().data(), dir().size()); // nvramDirectory
+    support::Process evctl =
+        start({"--key", key.text(), "--id", "7", "--count", "2", "--text", "hi", "--or-ael"});
+    EXPECT_EQ(evctl.wait(), support::exitedWith(1));
+    EXPECT_NE(evctl.errorOutput().find("smi_ind: No such file"), std::string::npos)
+        << evctl.errorOutput();
+    EXPECT_NE(evctl.errorOutput().find("2 left as alternate event log files\n"), std::string::npos);
+    int files = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(dir() + "/aelfiles")) {
+        std::string bytes = support::readFile(entry.path());
+        EXPECT_EQ(bytes.size(), 162U);
+        EXPECT_EQ(bytes.substr(160), "hi");
+        files++;
+    }
+    EXPECT_EQ(files, 2);
+}
+
+TEST_F(Log, OrAelNeedsTheKeyAndData) {
+    support::Process evctl = start({"--dir", dir(), "--id", "7", "--text", "x", "--or-ael"});
+    EXPECT_EQ(evctl.wait(), support::exitedWith(2));
+    EXPECT_NE(evctl.errorOutput().find("--or-ael: needs --key"), std::string::npos);
+    support::Process empty = start({"--key", "0x7ffffff1", "--id", "7", "--or-ael"});
+    EXPECT_EQ(empty.wait(), support::exitedWith(2));
+    EXPECT_NE(empty.errorOutput().find("at least 1 byte"), std::string::npos);
 }

@@ -54,3 +54,21 @@ TEST_F(Params, NoBlockCannot) {
     EXPECT_EQ(evctl.wait(), support::exitedWith(2));
     EXPECT_FALSE(key_.exists());
 }
+
+TEST_F(Params, BlockOfAnotherUserIsRefusedUnlessTold) {
+    support::ParameterBlock block(key_, "/tmp/somewhere");
+    int id = shmget(key_.value(), 0, 0);
+    struct shmid_ds segment {};
+    ASSERT_EQ(shmctl(id, IPC_STAT, &segment), 0);
+    segment.shm_perm.uid = 4711;
+    ASSERT_EQ(shmctl(id, IPC_SET, &segment), 0);
+    support::Process refused = show();
+    EXPECT_EQ(refused.wait(), support::exitedWith(2));
+    EXPECT_EQ(refused.errorOutput(), "evctl: the parameter block under key " +
+                                         std::to_string(key_.value()) +
+                                         " belongs to user 4711; --any-owner takes it all the "
+                                         "same\n");
+    EXPECT_EQ(refused.output(), "");
+    support::Process told = show({"--any-owner"});
+    EXPECT_EQ(told.wait(), support::exitedWith(0));
+}

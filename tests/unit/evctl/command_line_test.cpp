@@ -304,6 +304,6 @@ TEST(CommandLine, ManualNamesEveryOption) {
     EXPECT_GE(options.size(), 28U);
     for (const std::string& option : options) {
         std::string quoted = std::regex_replace(option, std::regex("-"), "\\-");
-        EXPECT_THAT(manual, HasSubstr(quoted));
+        EXPECT_NE(manual.find(quoted), std::string::npos) << option;
     }
 }

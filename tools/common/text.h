@@ -1,0 +1,32 @@
+/**
+ * @file
+ * Texts from elsewhere, made fit to be shown.
+ */
+#ifndef TOOLS_TEXT_H
+#define TOOLS_TEXT_H
+
+#include <string>
+#include <string_view>
+
+namespace tools {
+
+/** Up to the first NUL, with everything but printable ASCII, and the backslash, as \\xNN. */
+std::string escapedText(std::string_view text);
+
+/** escapedText() that leaves UTF-8 characters but control ones as they are, and does not end at a
+ * NUL. */
+std::string escapedUtf8(std::string_view text);
+
+/** Bytes of the UTF-8 character that begins at @p at: 1 to 4; 0 when none that may be shown does
+ * (control characters, surrogates, over-long forms and the rest of what is no UTF-8). */
+size_t utf8CharacterAt(std::string_view text, size_t at);
+
+/** Columns that @p text takes on a terminal, a character each. */
+size_t columnsOf(std::string_view text);
+
+/** The first @p columns of @p text; when more was there, the last of them is an ellipsis. */
+std::string cutToColumns(const std::string& text, size_t columns);
+
+} // namespace tools
+
+#endif
