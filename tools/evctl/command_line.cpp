@@ -11,9 +11,10 @@ namespace {
 constexpr char PROGRAM[] = "evctl";
 
 /** A new subcommand is one more file and one more line here. */
-constexpr AddCommand COMMANDS[] = {
-    addLogCommand,    addFollowCommand, addGetCommands, addWalkCommand,     addArchiverCommands,
-    addStatusCommand, addFileCommands,  addAelCommands, addArchiveCommands, addParamsCommands};
+constexpr AddCommand COMMANDS[] = {addLogCommand,      addFollowCommand,    addGetCommands,
+                                   addWalkCommand,     addArchiverCommands, addStatusCommand,
+                                   addFileCommands,    addAelCommands,      addArchiveCommands,
+                                   addCatalogCommands, addParamsCommands};
 
 int runChosen(const Chosen& chosen) {
     try {

@@ -51,12 +51,14 @@ void addFileListCommand(CLI::App& parent, Chosen& chosen);
 void addFileShowCommand(CLI::App& parent, Chosen& chosen);
 void addFileVerifyCommand(CLI::App& parent, Chosen& chosen);
 void addFileInfoCommand(CLI::App& parent, Chosen& chosen);
+void addFilePredictCommand(CLI::App& parent, Chosen& chosen);
 void addFileCrashCommand(CLI::App& parent, Chosen& chosen);
 void addAelCommands(CLI::App& parent, Chosen& chosen);
 void addAelWriteCommand(CLI::App& parent, Chosen& chosen);
 void addAelListCommand(CLI::App& parent, Chosen& chosen);
 void addAelShowCommand(CLI::App& parent, Chosen& chosen);
 void addArchiveCommands(CLI::App& parent, Chosen& chosen);
+void addCatalogCommands(CLI::App& parent, Chosen& chosen);
 void addParamsCommands(CLI::App& parent, Chosen& chosen);
 
 } // namespace evctl

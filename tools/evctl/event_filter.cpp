@@ -1,9 +1,12 @@
 #include "evctl/event_filter.h"
 
 #include "common/names.h"
+#include "evctl/event_text.h"
 #include "evctl/options.h"
+#include "evctl/time_text.h"
 
 #include <algorithm>
+#include <ctime>
 
 namespace evctl {
 namespace {
@@ -52,6 +55,49 @@ void parseRange(const std::string& text, EventFilter& filter) {
     }
 }
 
+std::optional<U32_t> parseTimeOption(const std::string& flag, const std::string& text) {
+    std::optional<U32_t> time = parseTime(text, static_cast<U32_t>(::time(nullptr)));
+    if (!time) {
+        throw CLI::ValidationError(flag, "'" + text +
+                                             "' is no time: 2006-11-21, 2006-11-21T14:00:00, "
+                                             "@SECONDS, -2h, today, yesterday");
+    }
+    return time;
+}
+
+/** The library's own expressions are matched by recursion, which a long text makes too deep. */
+std::shared_ptr<const regex_t> parsePattern(const std::string& text) {
+    auto compiled = std::make_unique<regex_t>();
+    int error = regcomp(compiled.get(), text.c_str(), REG_EXTENDED | REG_NOSUB);
+    if (error != 0) {
+        char reason[128] = {};
+        regerror(error, compiled.get(), reason, sizeof(reason));
+        throw CLI::ValidationError("--grep", "'" + text + "': " + reason);
+    }
+    return {compiled.release(), [](regex_t* pattern) {
+                regfree(pattern);
+                delete pattern;
+            }};
+}
+
+void addTimeOptions(CLI::App& command, EventFilter& filter) {
+    command
+        .add_option_function<std::string>(
+            "--since",
+            [&filter](const std::string& text) { filter.since = parseTimeOption("--since", text); },
+            "Only events of this time or later: 2006-11-21, 2006-11-21T14:00:00 (UTC), @SECONDS, "
+            "-2h (also s, m, d, w), today, yesterday")
+        ->type_name("TIME")
+        ->group("Filters");
+    command
+        .add_option_function<std::string>(
+            "--until",
+            [&filter](const std::string& text) { filter.until = parseTimeOption("--until", text); },
+            "Only events of this time or earlier")
+        ->type_name("TIME")
+        ->group("Filters");
+}
+
 } // namespace
 
 bool EventFilter::matches(const EmpEvLogHeader_t& header) const {
@@ -59,7 +105,13 @@ bool EventFilter::matches(const EmpEvLogHeader_t& header) const {
     return holds(types, header.evType) && holds(sources, header.evSource) &&
            holds(categories, header.evCategory) && holds(ids, header.evId) &&
            sequenceId >= firstSequenceId.value_or(0) &&
-           sequenceId <= lastSequenceId.value_or(UINT32_MAX);
+           sequenceId <= lastSequenceId.value_or(UINT32_MAX) &&
+           header.evTime >= since.value_or(0) && header.evTime <= until.value_or(UINT32_MAX);
+}
+
+bool EventFilter::matches(const EventView& event) const {
+    return matches(*event.header) &&
+           (!pattern || regexec(pattern.get(), textColumn(event).c_str(), 0, nullptr, 0) == 0);
 }
 
 void addFilterOptions(CLI::App& command, EventFilter& filter) {
@@ -73,6 +125,14 @@ void addFilterOptions(CLI::App& command, EventFilter& filter) {
             "--seq", [&filter](const std::string& text) { parseRange(text, filter); },
             "Only sequence ids FIRST to LAST; one of them may be left out, \"7\" is \"7:7\"")
         ->type_name("FIRST:LAST")
+        ->group("Filters");
+    addTimeOptions(command, filter);
+    command
+        .add_option_function<std::string>(
+            "-g,--grep",
+            [&filter](const std::string& text) { filter.pattern = parsePattern(text); },
+            "Only events whose text this extended regular expression matches")
+        ->type_name("PATTERN")
         ->group("Filters");
 }
 

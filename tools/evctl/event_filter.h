@@ -6,10 +6,12 @@
 #define EVCTL_EVENT_FILTER_H
 
 #include "common/cli.h"
-#include "emp_mesgs.h"
+#include "evctl/event_view.h"
 #include "fixed_width.h"
 
+#include <memory>
 #include <optional>
+#include <regex.h>
 #include <vector>
 
 namespace evctl {
@@ -22,11 +24,17 @@ struct EventFilter {
     std::vector<U32_t> ids;
     std::optional<U32_t> firstSequenceId;
     std::optional<U32_t> lastSequenceId;
+    std::optional<U32_t> since;             ///< seconds since 1970
+    std::optional<U32_t> until;             ///< that second included
+    std::shared_ptr<const regex_t> pattern; ///< what the text column must hold
 
+    /** All but the pattern. */
     bool matches(const EmpEvLogHeader_t& header) const;
+
+    bool matches(const EventView& event) const;
 };
 
-/** Adds --type, --source, --category, --id and --seq. */
+/** Adds --type, --source, --category, --id, --seq, --since, --until and --grep. */
 void addFilterOptions(CLI::App& command, EventFilter& filter);
 
 } // namespace evctl

@@ -2,6 +2,7 @@
 
 #include "common/names.h"
 #include "common/text.h"
+#include "evctl/event_text.h"
 
 #include <array>
 #include <chrono>
@@ -77,13 +78,16 @@ std::string eventIdText(U32_t source, U32_t id) {
 std::string eventLine(const EventView& event) {
     const EmpEvLogHeader_t& header = *event.header;
     std::array<char, 256> text{};
-    snprintf(text.data(), text.size(), "%10u  %s  %-11s  %-15s  %-13s  %-20s  %zu bytes",
+    snprintf(text.data(), text.size(), "%10u  %s  %-11s  %-15s  %-13s  %-20s  ",
              U32_t{header.evSequenceId}, isoTime(header.evTime).c_str(),
              tools::eventTypeNames.brief(header.evType).c_str(),
              tools::endpointNames.brief(header.evSource).c_str(),
              tools::categoryNames.brief(header.evCategory).c_str(),
-             eventIdText(header.evSource, header.evId).c_str(), event.data.size());
-    return text.data();
+             eventIdText(header.evSource, header.evId).c_str());
+    std::string line = text.data() + textColumn(event);
+    line.erase(line.find_last_not_of(' ') + 1);
+    std::optional<size_t> columns = outputColumns();
+    return columns ? tools::cutToColumns(line, *columns) : line;
 }
 
 std::string recordLines(const EmpEvRecord_t& header, std::span<const U8_t> data) {
@@ -102,13 +106,23 @@ std::string recordLines(const EmpEvRecord_t& header, std::span<const U8_t> data)
           << "enclosure    " << escapedText(header.evEnclosureId) << "\n"
           << "blade        " << escapedText(header.evBladeId) << "\n"
           << "slot         " << U32_t{header.evSlotId} << "\n"
-          << "length       " << U32_t{header.evStructLength} << "\n"
-          << hexDump(data);
+          << "length       " << U32_t{header.evStructLength} << "\n";
+    const auto* bytes = reinterpret_cast<const U8_t*>(&header);
+    EventView event{reinterpret_cast<const EmpEvLogHeader_t*>(bytes + EMP_CRC_START), data};
+    if (std::optional<std::string> said = eventText(event)) {
+        lines << "text         " << *said << "\n";
+    }
+    lines << fieldLines(event);
+    if (std::string advice = adviceOf(event); !advice.empty()) {
+        lines << "advice       " << advice << "\n";
+    }
+    lines << hexDump(data);
     return lines.str();
 }
 
 Json eventJson(const EventView& event) {
     const EmpEvLogHeader_t& header = *event.header;
+    std::optional<std::string> text = eventText(event);
     return {
         {"sequenceId", U32_t{header.evSequenceId}},
         {"instanceNumber", U32_t{header.evInstanceNumber}},
@@ -128,6 +142,7 @@ Json eventJson(const EventView& event) {
         {"slotId", U32_t{header.evSlotId}},
         {"length", event.data.size()},
         {"data", hexDigits(event.data)},
+        {"text", text ? Json(*text) : Json(nullptr)},
     };
 }
 

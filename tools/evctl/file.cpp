@@ -16,6 +16,7 @@ void addFileCommands(CLI::App& parent, Chosen& chosen) {
     addFileShowCommand(group, chosen);
     addFileVerifyCommand(group, chosen);
     addFileInfoCommand(group, chosen);
+    addFilePredictCommand(group, chosen);
     addFileCrashCommand(group, chosen);
 }
 

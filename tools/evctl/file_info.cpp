@@ -3,11 +3,10 @@
 #include "evctl/commands.h"
 #include "evctl/event_view.h"
 #include "evctl/file.h"
+#include "evctl/file_identity.h"
 #include "evctl/lines.h"
 #include "evctl/options.h"
 
-#include <algorithm>
-#include <cstring>
 #include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -20,17 +19,9 @@ constexpr char EXAMPLES[] =
 
 struct InfoOptions {
     std::string path;
-    std::optional<std::string> enclosure;
-    std::optional<U32_t> slot;
+    IdentityOfFile identity;
     bool json = false;
 };
-
-EvlogIdentity_t identityOf(const InfoOptions& options) {
-    EvlogIdentity_t identity = {.enclosureId = {}, .slotId = *options.slot};
-    memcpy(identity.enclosureId, options.enclosure->data(),
-           std::min(options.enclosure->size(), sizeof(identity.enclosureId)));
-    return identity;
-}
 
 /** Count, ids and times of one part of the ring. */
 Json partJson(const std::vector<EvlogRecord_t>& records, EVLOG_ROLE_e role) {
@@ -97,11 +88,8 @@ Json infoJson(const InfoOptions& options, const EvlogImage_t& image, const LogCo
 
 int runInfo(const InfoOptions& options) {
     EvlogImage_t image = loadLog(options.path);
-    EvlogIdentity_t identity{};
-    if (options.enclosure) {
-        identity = identityOf(options);
-    }
-    LogContent content = readLog(image, options.enclosure ? &identity : nullptr);
+    std::optional<EvlogIdentity_t> identity = identityOf(options.identity);
+    LogContent content = readLog(image, identity ? &*identity : nullptr);
     Json json = infoJson(options, image, content);
     std::cout << (options.json ? jsonLine(json) : namedLines(json, 22));
     return statusOf(content);
@@ -115,13 +103,7 @@ void addFileInfoCommand(CLI::App& parent, Chosen& chosen) {
         addCommand(parent, "info",
                    "Counts, ranges and what the event manager will make of a log file.", EXAMPLES);
     addFileArgument(command, options->path);
-    CLI::Option* enclosure =
-        command.add_option("--enclosure", options->enclosure, "Enclosure id of the blade")
-            ->type_name("TEXT");
-    CLI::Option* slot = command.add_option("--slot", options->slot, "Slot of the blade")
-                            ->type_name("NUMBER")
-                            ->needs(enclosure);
-    enclosure->needs(slot);
+    addIdentityOfFile(command, options->identity);
     command.add_flag("--json", options->json, "As a JSON object");
     onChosen(command, chosen, options, runInfo);
 }

@@ -66,7 +66,7 @@ class Follow {
 };
 
 void Follow::show(const EventView& event) {
-    if (!isDone() && options_.filter.matches(*event.header)) {
+    if (!isDone() && options_.filter.matches(event)) {
         printEvent(event, options_.output);
         printed_++;
     }

@@ -56,7 +56,7 @@ std::string Walk::whereToGoOn() const {
 }
 
 void Walk::show(const EventView& event) {
-    if (options_.filter.matches(*event.header)) {
+    if (options_.filter.matches(event)) {
         printEvent(event, options_.output);
     }
 }

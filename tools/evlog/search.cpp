@@ -13,14 +13,13 @@ bool isSignature(std::span<const U8_t> bytes) {
            bytes[1] == (EMP_RECORD_SIGNATURE & 0xFF);
 }
 
-/** The fields on which the event manager bug-checks instead of stepping over the header. */
-bool isBadSource(const EmpEvRecord_t& header) {
+} // namespace
+
+bool evlogIsBadSource(const EmpEvRecord_t& header) {
     return header.evRdSignature == EMP_RECORD_SIGNATURE &&
            header.evRdVersion <= EMP_RECORD_VERSION && header.evType <= EMP_E_TYPE_ERROR &&
            header.evSource > MMSG_E_MAX_DEFINED_EPIDS;
 }
-
-} // namespace
 
 bool evlogIsDummy(const EmpEvRecord_t& header) {
     return header.evSource == MMSG_E_EPID_EVENTLOGMP && header.evId == EMP_E_ID_EVENTMGRMP_DUMMY;
@@ -101,7 +100,7 @@ EvlogSearch_t EvlogFinder_t::next(U32_t start) const {
         if (reason == EVLOG_E_REASON_CUT && !search.cut) {
             search.cut = at;
         }
-        if (!search.badSource && isBadSource(*evlogHeaderAt(bytes_, *at))) {
+        if (!search.badSource && evlogIsBadSource(*evlogHeaderAt(bytes_, *at))) {
             search.badSource = at;
             search.badSourceValue = evlogHeaderAt(bytes_, *at)->evSource;
         }

@@ -16,6 +16,9 @@ inline const EmpEvRecord_t* evlogHeaderAt(std::span<const U8_t> bytes, U32_t off
     return reinterpret_cast<const EmpEvRecord_t*>(bytes.data() + offset);
 }
 
+/** Whether the event manager bug-checks on a header instead of stepping over it. */
+bool evlogIsBadSource(const EmpEvRecord_t& header);
+
 /** What makes a header implausible: NO_HEADER, VERSION, SOURCE or LENGTH; NONE when plausible. */
 EVLOG_REASON_e evlogJudgeHeader(const EmpEvRecord_t& header);
 

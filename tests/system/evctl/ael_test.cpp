@@ -184,7 +184,7 @@ TEST_F(Ael, JsonHasFateAndEvent) {
                                   R"("reason":null,"modified":")"),
               0U);
     EXPECT_THAT(outcome.output, HasSubstr(R"("bytes":164,"event":{"sequenceId":0,)"));
-    EXPECT_THAT(outcome.output, HasSubstr(R"("data":"64617461"}})"));
+    EXPECT_THAT(outcome.output, HasSubstr(R"("data":"64617461")"));
     EXPECT_THAT(outcome.output, HasSubstr(R"({"file":"notes","order":null,"fate":"deleted",)"));
     EXPECT_THAT(outcome.output, HasSubstr(R"("event":null})"));
 }

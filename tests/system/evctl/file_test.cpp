@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <sys/stat.h>
 
 namespace {
@@ -46,7 +47,8 @@ class File : public testing::Test {
 std::string line(const char* id) {
     return "      " + std::string(id) +
            "  2006-11-21T14:00:00Z  warning      startup          disk           "
-           "300                   40 bytes\n";
+           "300                   " +
+           std::string(40, 'e') + "\n";
 }
 
 /** All that tells of a change to a file, its access time left out. */
@@ -101,7 +103,7 @@ TEST_F(File, ListAsJson) {
               R"("source":18,"sourceName":"startup","category":4,"categoryName":"disk","id":300,)"
               R"("idName":null,"idVersion":1,"enclosureId":"CHASSIS-1","bladeId":"BLADE-A",)"
               R"("slotId":2,"length":40,"data":")" +
-                  data + "\"}\n");
+                  data + R"(","text":")" + std::string(40, 'e') + "\"}\n");
 }
 
 TEST_F(File, ShowHasAllFieldsAndTheData) {
@@ -279,4 +281,118 @@ TEST_F(File, NothingChangesTheFile) {
     run("show", {"--seq", "500"});
     EXPECT_EQ(traces(path()), before);
     EXPECT_EQ(support::readFile(path()), log.bytes);
+}
+
+TEST_F(File, TextColumnIsOfTheCatalogueElseTextElseDigits) {
+    test::LogImage log;
+    log.firstEntry();
+    log.raw(test::record({.id = 1}, std::string("drive \xC3\xBC\0", 9)));
+    log.raw(test::record({.id = 2}, std::string("\x1B[2J", 4)));
+    log.raw(test::record({.id = 3}, std::string(40, '\xFF')));
+    log.raw(test::record({.id = 4, .source = 27, .eventId = 11},
+                         std::string(64, 'f') + "empInit" + std::string(57, '\0') +
+                             test::bigEndian(258, 4) + "It failed!" + std::string(54, '\0')));
+    log.dummy();
+    log.zerosTo();
+    write(log);
+    std::vector<std::string> texts;
+    std::istringstream lines(run("list").output);
+    for (std::string each; std::getline(lines, each);) {
+        texts.push_back(each.substr(102));
+    }
+    std::string digits;
+    for (int count = 0; count < 32; count++) {
+        digits += "ff";
+    }
+    EXPECT_EQ(texts, (std::vector<std::string>{
+                         "a new log begins, of enclosure CHASSIS-1", "drive \xC3\xBC", "1b5b324a",
+                         digits + "... (40 bytes)", "bug-check: It failed! (empInit, line 258)"}));
+}
+
+TEST_F(File, AdviceStandsBelowTheEvent) {
+    test::LogImage log;
+    log.firstEntry();
+    log.dummy();
+    log.zerosTo();
+    write(log);
+    EXPECT_NE(run("list", {"-x"}).output.find("CHASSIS-1\n            -- Expected on a new blade"),
+              std::string::npos);
+    EXPECT_NE(run("list", {"-x", "--json"}).output.find(R"("advice":"Expected on a new blade)"),
+              std::string::npos);
+    EXPECT_EQ(run("list", {"--json"}).output.find("advice"), std::string::npos);
+}
+
+TEST_F(File, CatalogueOfTheEnvironmentIsUsed) {
+    support::writeFile(directory_.file("own.json"),
+                       R"({"source":"startup","events":[{"id":300,"text":"own {n}",
+                           "fields":[{"name":"n","offset":0,"width":1}]}]})");
+    write(wrappedLog());
+    support::Process evctl(support::commandOf("evctl", {"file", "list", path(), "--seq", "500"}),
+                           directory_.file("evctl"),
+                           {{"EVENT_MANAGER_CATALOG", directory_.path()}});
+    EXPECT_EQ(evctl.wait(), support::exitedWith(0));
+    EXPECT_EQ(evctl.output().substr(102), "own 101\n");
+}
+
+TEST_F(File, PredictSaysWhatTheNextStartDoes) {
+    write(wrappedLog());
+    Outcome sound = run("predict");
+    EXPECT_EQ(sound.ending, support::exitedWith(0)) << sound.output;
+    EXPECT_EQ(sound.output,
+              "wrapped: a log that has gone round its end\n"
+              "5 events are taken; the next one gets sequence id 1002 of instance 7\n");
+    Outcome foreign = run("predict", {"--enclosure", "CHASSIS-1", "--slot", "3"});
+    EXPECT_EQ(foreign.ending, support::exitedWith(1));
+    EXPECT_NE(foreign.output.find("\n5 readable events are cleared\n"), std::string::npos)
+        << foreign.output;
+}
+
+TEST_F(File, PredictOfAFileThatTheEventManagerDoesNotComeUpWith) {
+    test::LogImage log;
+    log.firstEntry();
+    log.events(1, 3);
+    log.raw(std::string(77, 'x'));
+    log.events(4, 3);
+    log.dummy();
+    log.zerosTo();
+    write(log);
+    Outcome outcome = run("predict", {"--json"});
+    EXPECT_EQ(outcome.ending, support::exitedWith(2));
+    EXPECT_NE(outcome.output.find(R"("verdict":"continuous-with-gap",)"), std::string::npos);
+    EXPECT_NE(outcome.output.find(R"("fatal":true,)"), std::string::npos);
+    EXPECT_EQ(outcome.errors, "");
+    EXPECT_NE(run("predict").output.find("it does not come up, at any start"), std::string::npos);
+}
+
+TEST_F(File, LastEventsAndReverseOrder) {
+    write(wrappedLog());
+    EXPECT_EQ(run("list", {"-n", "2"}).output, line("1000") + line("1001"));
+    EXPECT_EQ(run("list", {"-n", "2", "-r"}).output, line("1001") + line("1000"));
+    EXPECT_EQ(run("list", {"-n", "1", "--seq", ":502"}).output, line(" 502"));
+    EXPECT_EQ(run("list", {"-n", "99", "--seq", "500"}).output, line(" 500"));
+}
+
+TEST_F(File, TimesAndTextAreFiltered) {
+    test::LogImage log;
+    log.firstEntry();
+    for (uint32_t id = 1; id <= 3; id++) {
+        log.raw(test::record({.id = id, .time = 1'000'000 * id}, "drive " + std::to_string(id)));
+    }
+    log.dummy();
+    log.zerosTo();
+    write(log);
+    auto ids = [this](const std::vector<std::string>& options) {
+        std::string found;
+        std::istringstream lines(run("list", options).output);
+        for (std::string each; std::getline(lines, each);) {
+            found += each.substr(9, 1);
+        }
+        return found;
+    };
+    EXPECT_EQ(ids({"--since", "@2000000"}), "023"); // the first entry is of 2006
+    EXPECT_EQ(ids({"--until", "@2000000"}), "12");
+    EXPECT_EQ(ids({"--since", "@1000001", "--until", "@2000000"}), "2");
+    EXPECT_EQ(ids({"--grep", "^drive [13]$"}), "13");
+    EXPECT_EQ(ids({"-g", "CHASSIS"}), "0");
+    EXPECT_EQ(ids({"-g", "nothing"}), "");
 }

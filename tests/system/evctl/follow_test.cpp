@@ -61,12 +61,12 @@ TEST_F(Follow, PrintsEachEventAsItComes) {
     peer.send(eventCopy(5, 2, "data"));
     EXPECT_EQ(evctl.waitForOutput("startup"),
               "         5  2006-11-21T14:00:00Z  warning      startup          disk           "
-              "partial_mmsg(3)       4 bytes");
+              "partial_mmsg(3)       a message that came only in part");
     peer.send(eventCopy(4'000'000'000U, 1, "", 7));
     EXPECT_EQ(evctl.waitForOutput("gap"), "gap: 6 to 3999999999");
     EXPECT_EQ(evctl.waitForOutput("4000000000"),
               "4000000000  2006-11-21T14:00:00Z  information  startup          disk           "
-              "partial_mmsg(3)       0 bytes");
+              "partial_mmsg(3)       a message that came only in part");
 }
 
 TEST_F(Follow, JsonIsOneObjectALine) {
@@ -81,7 +81,7 @@ TEST_F(Follow, JsonIsOneObjectALine) {
                R"("source":18,"sourceName":"startup","category":4,"categoryName":"disk",)"
                R"("id":3,"idName":"partial_mmsg","idVersion":1,"enclosureId":"E","bladeId":"B",)"
                R"("slotId":2,)" +
-               data + "}\n";
+               data + R"(,"text":"a message that came only in part"})" + "\n";
     };
     EXPECT_EQ(evctl.output(),
               line("5", R"("type":2,"typeName":"warning",)", R"("length":2,"data":"6869")") +
@@ -158,7 +158,6 @@ TEST_F(Follow, GapIsSaidAndMakesTheStatus) {
     }
     EXPECT_EQ(evctl.wait(), support::exitedWith(1));
     std::string output = evctl.output();
-    EXPECT_NE(output.find("4 bytes"), 0U);
     EXPECT_NE(output.find("\ngap: 8360 to 15000\n     15001  "), std::string::npos) << output;
 }
 

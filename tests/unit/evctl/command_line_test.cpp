@@ -38,11 +38,16 @@ const std::vector<std::vector<std::string>> ALL_COMMANDS = {
     {"file", "show"},
     {"file", "verify"},
     {"file", "info"},
+    {"file", "predict"},
     {"file", "crash"},
     {"ael"},
     {"ael", "write"},
     {"ael", "list"},
     {"ael", "show"},
+    {"catalog"},
+    {"catalog", "list"},
+    {"catalog", "show"},
+    {"catalog", "check"},
     {"params"},
     {"params", "show"},
 };
@@ -246,7 +251,7 @@ TEST(CommandLine, NobodyListeningCannot) {
 }
 
 TEST(CommandLine, FilesThatCannotBeRead) {
-    for (const char* command : {"list", "verify", "info", "crash"}) {
+    for (const char* command : {"list", "verify", "info", "predict", "crash"}) {
         expectRefused({"file", command, "/nowhere/log"}, "/nowhere/log: No such file");
         expectRefused({"file", command, "/tmp"}, "/tmp: not a regular file");
         expectRefused({"file", command}, "FILE");
@@ -289,6 +294,9 @@ TEST(CommandLine, FiltersThatNameNothingAreRefused) {
     expectRefused({"file", "list", "--id", "1,65536", "/nowhere/log"}, "65536");
     expectRefused({"file", "list", "--seq", ":", "/nowhere/log"}, "--seq");
     expectRefused({"file", "list", "--seq", "5:x", "/nowhere/log"}, "--seq");
+    expectRefused({"file", "list", "--since", "soon", "/nowhere/log"}, "'soon' is no time");
+    expectRefused({"file", "list", "--grep", "(", "/nowhere/log"}, "--grep: '('");
+    expectRefused({"file", "list", "-n", "0", "/nowhere/log"}, "whole number from 1 on");
 }
 
 TEST(CommandLine, ManualNamesEveryOption) {

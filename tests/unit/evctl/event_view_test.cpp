@@ -42,7 +42,7 @@ TEST(EventView, LineHasNamesForNumbers) {
     EmpEvLogHeader_t header = sample();
     EXPECT_EQ(evctl::eventLine({&header, DATA}),
               "2147483648  2006-11-21T14:00:00Z  warning      startup          disk           "
-              "signal(4)             3 bytes");
+              "signal(4)             process ? () died of signal ?");
 }
 
 TEST(EventView, LineShowsNumbersWithoutName) {
@@ -54,7 +54,7 @@ TEST(EventView, LineShowsNumbersWithoutName) {
     header.evId = 65535;
     EXPECT_EQ(evctl::eventLine({&header, {}}),
               "         5  2006-11-21T14:00:00Z  255          34               14             "
-              "65535                 0 bytes");
+              "65535");
 }
 
 TEST(EventView, JsonHasNumbersAndNames) {
@@ -65,7 +65,10 @@ TEST(EventView, JsonHasNumbersAndNames) {
               R"("type":2,"typeName":"warning","source":18,"sourceName":"startup",)"
               R"("category":4,"categoryName":"disk","id":4,"idName":"signal","idVersion":1,)"
               R"("enclosureId":"CHASSIS","bladeId":")" +
-                  std::string(64, 'B') + R"(","slotId":2,"length":3,"data":"0041ff"})" + "\n");
+                  std::string(64, 'B') +
+                  R"(","slotId":2,"length":3,"data":"0041ff",)"
+                  R"("text":"process ? () died of signal ?"})" +
+                  "\n");
 }
 
 TEST(EventView, JsonHasNullForNoName) {

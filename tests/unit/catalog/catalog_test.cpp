@@ -1,0 +1,216 @@
+#include "catalog/catalog.h"
+
+#include "program.h"
+#include "temp_directory.h"
+
+#include <gmock/gmock.h>
+
+using namespace catalog;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+std::vector<std::string> problemsOf(const std::string& json, Catalog* into = nullptr) {
+    Catalog catalog;
+    std::vector<Problem> problems;
+    (into == nullptr ? catalog : *into).add(json, "f", &problems);
+    std::vector<std::string> lines;
+    for (const Problem& problem : problems) {
+        lines.push_back(problemLine(problem));
+    }
+    return lines;
+}
+
+/** A catalogue of one event with one field. */
+Catalog withField(const std::string& field, const std::string& text = "{x}") {
+    Catalog catalog;
+    EXPECT_THAT(problemsOf(R"({"source": 18, "events": [{"id": 5, "text": ")" + text +
+                               R"(", "fields": [)" + field + "]}]}",
+                           &catalog),
+                IsEmpty());
+    return catalog;
+}
+
+std::string message(const Catalog& catalog, const std::vector<U8_t>& data) {
+    const Entry* entry = catalog.find(18, 5, 1);
+    return entry == nullptr ? "no entry" : messageOf(*entry, data);
+}
+
+std::vector<U8_t> bytesOf(const std::string& text) {
+    return {text.begin(), text.end()};
+}
+
+} // namespace
+
+TEST(Catalog, NumbersAreBigEndianUnlessTold) {
+    EXPECT_EQ(message(withField(R"({"name":"x","offset":1,"width":2})"), {9, 1, 2}), "258");
+    EXPECT_EQ(message(withField(R"({"name":"x","offset":0,"width":2,"order":"little"})"), {1, 2}),
+              "513");
+    Catalog either = withField(R"({"name":"x","offset":0,"width":4,"order":"either"})");
+    EXPECT_EQ(message(either, {0, 0, 1, 0}), "256");
+    EXPECT_EQ(message(either, {11, 0, 0, 0}), "11");
+}
+
+TEST(Catalog, NumbersOfOneToEightBytesHaveTheirWholeRange) {
+    EXPECT_EQ(message(withField(R"({"name":"x","offset":0,"width":8})"),
+                      {255, 255, 255, 255, 255, 255, 255, 255}),
+              "18446744073709551615");
+    EXPECT_EQ(message(withField(R"({"name":"x","offset":0,"width":8,"type":"signed"})"),
+                      {128, 0, 0, 0, 0, 0, 0, 0}),
+              "-9223372036854775808");
+    EXPECT_EQ(message(withField(R"({"name":"x","offset":0,"width":1,"type":"signed"})"), {255}),
+              "-1");
+}
+
+TEST(Catalog, UnitsAndNamesStandBesideTheNumber) {
+    EXPECT_EQ(message(withField(R"({"name":"x","offset":0,"width":1,"unit":"rpm"})"), {7}),
+              "7 rpm");
+    Catalog named =
+        withField(R"({"name":"x","offset":0,"width":1,"unit":"s","names":{"7":"seven"}})");
+    EXPECT_EQ(message(named, {7}), "seven(7)");
+    EXPECT_EQ(message(named, {8}), "8 s");
+}
+
+TEST(Catalog, TextsEndAtTheFirstNulAndAreEscaped) {
+    Catalog text = withField(R"({"name":"x","offset":0,"width":8,"type":"text"})", "[{x}]");
+    EXPECT_EQ(message(text, bytesOf(std::string("ab\0c", 4))), "[ab]");
+    EXPECT_EQ(message(text, bytesOf("a\x1B[2J\n")), "[a\\x1B[2J\\x0A]");
+    EXPECT_EQ(message(text, bytesOf("\u00e4\xFF")), "[\u00e4\\xFF]");
+    EXPECT_EQ(message(text, {}), "[?]");
+}
+
+TEST(Catalog, AddressesAndDigits) {
+    EXPECT_EQ(
+        message(withField(R"({"name":"x","offset":0,"width":4,"type":"ipv4"})"), {192, 0, 2, 255}),
+        "192.0.2.255");
+    EXPECT_EQ(message(withField(R"({"name":"x","offset":0,"width":2,"type":"hex"})"), {0xAB, 1}),
+              "ab01");
+}
+
+TEST(Catalog, DataThatEndsBeforeAFieldIsAQuestionMark) {
+    Catalog catalog = withField(R"({"name":"x","offset":2,"width":2})", "{x}!");
+    EXPECT_EQ(message(catalog, {1, 2, 3}), "?!");
+    EXPECT_EQ(message(catalog, {}), "?!");
+}
+
+TEST(Catalog, EntryOfTheVersionGoesBeforeTheOneOfAny) {
+    Catalog catalog;
+    EXPECT_THAT(problemsOf(R"({"source":"startup","events":[{"id":5,"text":"any"},
+                               {"id":5,"idVersion":2,"text":"two"},
+                               {"id":7,"lastId":9,"text":"range"}]})",
+                           &catalog),
+                IsEmpty());
+    EXPECT_EQ(catalog.find(18, 5, 1)->text, "any");
+    EXPECT_EQ(catalog.find(18, 5, 2)->text, "two");
+    EXPECT_EQ(catalog.find(18, 9, 0)->text, "range");
+    EXPECT_EQ(catalog.find(18, 6, 0), nullptr);
+    EXPECT_EQ(catalog.find(18, 10, 0), nullptr);
+    EXPECT_EQ(catalog.find(19, 5, 1), nullptr);
+    EXPECT_EQ(catalog.entries().size(), 3U);
+}
+
+TEST(Catalog, WhatIsWrongIsToldWithItsPlaceAndLeftOut) {
+    Catalog catalog;
+    EXPECT_THAT(
+        problemsOf(R"({"source":18,"evnts":1,"events":[
+        {"id":65536,"text":"a"}, {"id":1}, {"id":2,"text":"{y}"}, {"id":3,"text":"good"}, 7,
+        {"id":4,"text":"b","severity":"loud"}, {"id":3,"text":"again"},
+        {"id":5,"text":"c","fields":[{"name":"x","offset":3847,"width":2},
+                                     {"name":"x","offset":0,"width":9}, {"offset":-1}]}]})",
+                   &catalog),
+        ElementsAre("f: /evnts: unknown member",
+                    "f: /events/0/id: must be a number from 0 to 65535",
+                    "f: /events/1/text: is missing", "f: /events/2/text: no field is named 'y'",
+                    "f: /events/4: must be an object",
+                    "f: /events/5/severity: 'loud' is none of , information, warning, error",
+                    "f: /events/6: the same event stands in f",
+                    "f: /events/7/fields/0: reaches beyond the 3848 bytes that an event "
+                    "may have",
+                    "f: /events/7/fields/1/width: a number has 1 to 8 bytes",
+                    "f: /events/7/fields/1/name: another field bears the same name",
+                    "f: /events/7/fields/2/name: is missing",
+                    "f: /events/7/fields/2/offset: must be a number from 0 to 3847",
+                    "f: /events/7/fields/2/width: is missing"));
+    EXPECT_EQ(catalog.entries().size(), 1U);
+    EXPECT_EQ(catalog.find(18, 3, 0)->text, "good");
+}
+
+TEST(Catalog, AnythingMayBeInAFile) {
+    EXPECT_THAT(problemsOf(""), ElementsAre("f: no JSON"));
+    EXPECT_THAT(problemsOf("[]"), ElementsAre("f: must be an object"));
+    EXPECT_THAT(problemsOf("{}").size(), 2U);
+    EXPECT_THAT(problemsOf(R"({"source":[],"events":{}})").size(), 2U);
+    EXPECT_THAT(problemsOf(std::string(100'000, '[')), ElementsAre("f: no JSON"));
+    EXPECT_THAT(problemsOf(R"({"source":18,"events":[{"id":1,"text":"x","fields":7}]})"),
+                ElementsAre("f: /events/0/fields: must be an array"));
+}
+
+TEST(Catalog, OurOwnEventsAndTheDemonstrationsAreWithoutProblem) {
+    Catalog catalog;
+    std::vector<Problem> problems;
+    catalog.addDirectory(support::sourceFile("share/event-manager/catalog.d"), &problems);
+    catalog.addDirectory(support::sourceFile("demo/catalog.d"), &problems);
+    EXPECT_EQ(problems.size(), 0U);
+    for (U32_t id : {1, 2, 3, 4, 11, 12, 13, 14, 15, 34}) {
+        EXPECT_NE(catalog.find(27, id, 1), nullptr) << id;
+    }
+    for (U32_t id : {1, 2, 3, 4}) {
+        EXPECT_NE(catalog.find(18, id, 1), nullptr) << id;
+    }
+}
+
+TEST(Catalog, BugCheckIsReadFromItsBytes) {
+    Catalog catalog;
+    std::vector<Problem> problems;
+    catalog.addDirectory(support::sourceFile("share/event-manager/catalog.d"), &problems);
+    std::vector<U8_t> data(196);
+    std::string function = "empInit";
+    std::string text = "Linux connect function fails for MSM/EMP socket!";
+    std::copy(function.begin(), function.end(), data.begin() + 64);
+    data[130] = 1;
+    data[131] = 2;
+    std::copy(text.begin(), text.end(), data.begin() + 132);
+    EXPECT_EQ(messageOf(*catalog.find(27, 11, 1), data),
+              "bug-check: Linux connect function fails for MSM/EMP socket! (empInit, line 258)");
+}
+
+TEST(Catalog, DirectoriesAreThoseOfTheEnvironment) {
+    setenv("EVENT_MANAGER_CATALOG", "/a::/b:", 1);
+    EXPECT_THAT(catalogDirectories(), ElementsAre("/a", "/b"));
+    setenv("EVENT_MANAGER_CATALOG", "", 1);
+    EXPECT_THAT(catalogDirectories(), IsEmpty());
+    unsetenv("EVENT_MANAGER_CATALOG");
+    EXPECT_EQ(catalogDirectories().back(), "/etc/event-manager/catalog.d");
+}
+
+TEST(Catalog, OnlyFilesNamedJsonAreReadInTheOrderOfNames) {
+    support::TempDirectory directory;
+    auto event = [](const char* text) {
+        return std::string(R"({"source":18,"events":[{"id":1,"text":")") + text + "\"}]}";
+    };
+    support::writeFile(directory.file("b.json"), event("second"));
+    support::writeFile(directory.file("a.json"), event("first"));
+    support::writeFile(directory.file("c.json~"), "no JSON");
+    Catalog catalog;
+    std::vector<Problem> problems;
+    catalog.addDirectory(directory.path(), &problems);
+    EXPECT_EQ(catalog.find(18, 1, 0)->text, "first");
+    ASSERT_EQ(problems.size(), 1U);
+    EXPECT_EQ(problemLine(problems[0]), directory.file("b.json") +
+                                            ": /events/0: the same event stands in " +
+                                            directory.file("a.json"));
+    catalog.addDirectory(directory.file("nothing"), &problems);
+    EXPECT_EQ(problems.size(), 1U);
+}
+
+TEST(Catalog, PlainTextIsUtf8WithoutControls) {
+    EXPECT_EQ(plainText(bytesOf("drive 4")), "drive 4");
+    EXPECT_EQ(plainText(bytesOf(std::string("a\n\0\0", 4))), "a\\x0A");
+    EXPECT_EQ(plainText(bytesOf("\u00fcber")), "\u00fcber");
+    for (const std::string& other :
+         {std::string(), std::string(3, '\0'), std::string("a\0b", 3), std::string("\x1B[1m"),
+          std::string("\xC0\x80"), std::string("\xED\xA0\x80"), std::string("\xE2\x80\xAE")}) {
+        EXPECT_EQ(plainText(bytesOf(other)), std::nullopt) << other;
+    }
+}

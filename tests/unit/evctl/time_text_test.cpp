@@ -1,0 +1,66 @@
+#include "evctl/time_text.h"
+
+#include <gtest/gtest.h>
+
+using evctl::parseTime;
+
+namespace {
+
+constexpr U32_t NOW = 1'164'117'600; // 2006-11-21T14:00:00Z
+
+} // namespace
+
+TEST(TimeText, DatesAndTimesAreUtc) {
+    EXPECT_EQ(parseTime("2006-11-21", NOW), NOW - 14 * 3600);
+    EXPECT_EQ(parseTime("2006-11-21T14:00", NOW), NOW);
+    EXPECT_EQ(parseTime("2006-11-21 14:00:05", NOW), NOW + 5);
+    EXPECT_EQ(parseTime("2006-11-21T14:00:00Z", NOW), NOW);
+    EXPECT_EQ(parseTime("1970-01-01", NOW), 0U);
+    EXPECT_EQ(parseTime("2106-02-07T06:28:15Z", NOW), 0xFFFFFFFFU);
+    EXPECT_EQ(parseTime("2000-02-29", NOW), 951'782'400U);
+}
+
+TEST(TimeText, SecondsSince1970) {
+    EXPECT_EQ(parseTime("@0", NOW), 0U);
+    EXPECT_EQ(parseTime("@4294967295", NOW), 0xFFFFFFFFU);
+}
+
+TEST(TimeText, TimesRelativeToNow) {
+    EXPECT_EQ(parseTime("now", NOW), NOW);
+    EXPECT_EQ(parseTime("-90s", NOW), NOW - 90);
+    EXPECT_EQ(parseTime("-30m", NOW), NOW - 1800);
+    EXPECT_EQ(parseTime("-2h", NOW), NOW - 7200);
+    EXPECT_EQ(parseTime("-3d", NOW), NOW - 259'200);
+    EXPECT_EQ(parseTime("-1w", NOW), NOW - 604'800);
+    EXPECT_EQ(parseTime("today", NOW), NOW - 14 * 3600);
+    EXPECT_EQ(parseTime("yesterday", NOW), NOW - 38 * 3600);
+}
+
+TEST(TimeText, AnythingElseIsRefused) {
+    for (const char* text : {"",
+                             "-",
+                             "-h",
+                             "2h",
+                             "-2x",
+                             "-2",
+                             "--2h",
+                             "@",
+                             "@-1",
+                             "@4294967296",
+                             "2006",
+                             "2006-11",
+                             "2006-13-01",
+                             "2006-02-29",
+                             "2006-11-21T",
+                             "2006-11-21T24:00",
+                             "2006-11-21T14:60",
+                             "2006-11-21T14:00:60",
+                             "2006-11-21T14:00:00+01",
+                             "2106-02-07T06:28:16Z",
+                             "1969-12-31",
+                             "2006-11-21x",
+                             "-99999999w",
+                             "tomorrow"}) {
+        EXPECT_EQ(parseTime(text, NOW), std::nullopt) << text;
+    }
+}

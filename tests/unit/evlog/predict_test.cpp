@@ -1,0 +1,212 @@
+/**
+ * What is predicted of the events behind a start, against the event manager's own scan and appends:
+ * the same number of events is stored before a bug-check, or none comes.
+ */
+#include "evlog/predict.h"
+#include "log_image.h"
+
+#include "diag/debug_line.h"
+#include "state/control.h"
+#include "store/append.h"
+#include "store/scan.h"
+#include "temp_directory.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using test::LogImage;
+
+namespace {
+
+constexpr U32_t EVENTS_MAX = 520; // of the largest: once round and on
+
+/** In the child: scans, then appends; the number of events that were stored goes to @p to. */
+[[noreturn]] void work(const std::string& directory, U32_t dataLength, int to) {
+    int null = open("/dev/null", O_WRONLY);
+    dup2(null, STDOUT_FILENO);
+    static MPU_PARAMS_t params;
+    memcpy(params.nvramDirectory, directory.data(), directory.size());
+    oMpuParams = &params;
+    memcpy(empControl.empEnclosureId, "CHASSIS-1", 10);
+    empControl.empSlotId = 2;
+    empControl.empWrapOver = EMP_E_WRAP_OVER_FALSE;
+    empScanEventLogFile();
+    static U8_t message[65'536];
+    auto& header = *reinterpret_cast<EmpEvLogHeader_t*>(message + MMCH_SIZE);
+    header.evSource = 28;
+    header.evStructLength = static_cast<U16_t>(dataLength);
+    for (U32_t stored = 0; stored < EVENTS_MAX; stored++) {
+        ssize_t written = write(to, &stored, sizeof(stored));
+        header.evSequenceId = empControl.empSequenceId++;
+        empSaveEventLogMsgToLogFile(reinterpret_cast<const MMSG_t*>(message));
+        if (written < 0) {
+            _exit(9);
+        }
+    }
+    ssize_t written = write(to, &EVENTS_MAX, sizeof(EVENTS_MAX));
+    _exit(written == sizeof(EVENTS_MAX) ? 0 : 9);
+}
+
+/** @return how many events the event manager stores, at most EVENTS_MAX; nothing when it does not
+ * come up */
+std::optional<U32_t> storedBy(const std::string& bytes, U32_t dataLength) {
+    support::TempDirectory directory;
+    support::writeFile(directory.file("kelta_eventlog"), bytes);
+    int ends[2];
+    EXPECT_EQ(pipe(ends), 0);
+    pid_t child = fork();
+    if (child == 0) {
+        work(directory.path(), dataLength, ends[1]);
+    }
+    close(ends[1]);
+    std::optional<U32_t> stored;
+    for (U32_t number = 0; read(ends[0], &number, sizeof(number)) == sizeof(number);) {
+        stored = number;
+    }
+    close(ends[0]);
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) ? WTERMSIG(status) == SIGABRT : WEXITSTATUS(status) == 0);
+    return stored;
+}
+
+/** Compares for the largest events; smaller ones take too many to go round. */
+void expectAgreement(const LogImage& log, const std::string& what) {
+    SCOPED_TRACE(what);
+    EvlogPrediction_t prediction = evlogPredict(test::imageOf(log.bytes), nullptr, {3848});
+    std::optional<U32_t> stored = storedBy(log.bytes, 3848);
+    EXPECT_EQ(stored.has_value(), !evlogIsFatal(prediction.state.verdict));
+    if (!stored) {
+        return;
+    }
+    EXPECT_EQ(*stored, prediction.bugcheck ? prediction.bugcheck->events : EVENTS_MAX)
+        << (prediction.bugcheck ? prediction.bugcheck->message : "no bug-check");
+}
+
+LogImage unwrapped() {
+    LogImage log;
+    log.firstEntry();
+    log.events(1, 10);
+    log.dummy();
+    log.zerosTo();
+    return log;
+}
+
+LogImage wrapped(size_t gap) {
+    LogImage log;
+    log.events(1000, 20);
+    log.raw(std::string(gap, 'g'));
+    log.events(500, 30);
+    log.dummy();
+    log.zerosTo();
+    return log;
+}
+
+EvlogPrediction_t predict(const LogImage& log) {
+    return evlogPredict(test::imageOf(log.bytes), nullptr);
+}
+
+} // namespace
+
+TEST(Predict, AgreesOnSoundFiles) {
+    expectAgreement(LogImage(), "empty");
+    expectAgreement(unwrapped(), "unwrapped");
+    expectAgreement(wrapped(0), "wrapped, no gap");
+    expectAgreement(wrapped(77), "wrapped, small gap");
+    expectAgreement(wrapped(5000), "wrapped, large gap");
+}
+
+TEST(Predict, AgreesOnFilesWithoutDummy) {
+    LogImage cut;
+    cut.firstEntry();
+    cut.events(1, 10);
+    expectAgreement(cut, "ends behind a record");
+    cut.zerosTo();
+    expectAgreement(cut, "zeros behind a record");
+}
+
+TEST(Predict, AgreesOnEachDamagedRecordOfAnUnwrappedLog) {
+    for (size_t at : {0, 1, 3, 100}) {
+        for (size_t record : {size_t{0}, size_t{200}, size_t{1000}, size_t{2000}, size_t{2200}}) {
+            LogImage log = unwrapped();
+            log.damage(record + at);
+            expectAgreement(log, std::to_string(record + at));
+        }
+    }
+}
+
+TEST(Predict, AgreesOnDamagedRecordsOfAWrappedLog) {
+    for (size_t gap : {0, 77}) {
+        for (size_t record : {size_t{0}, size_t{3800}, size_t{4000} + gap, size_t{6000} + gap}) {
+            LogImage log = wrapped(gap);
+            log.damage(record + 100);
+            expectAgreement(log, std::to_string(gap) + " " + std::to_string(record));
+        }
+    }
+}
+
+TEST(Predict, AgreesOnAStaleDummyInTheGap) {
+    LogImage log;
+    log.events(1000, 20);
+    log.dummy(500);
+    log.raw(std::string(500, '\0'));
+    log.events(500, 30);
+    log.dummy();
+    log.zerosTo();
+    expectAgreement(log, "stale dummy");
+}
+
+TEST(Predict, SoundFileLosesNothing) {
+    EvlogPrediction_t prediction = predict(unwrapped());
+    EXPECT_EQ(prediction.taken, 11U);
+    EXPECT_EQ(prediction.lost, 0U);
+    EXPECT_FALSE(prediction.isFatal());
+    EXPECT_FALSE(prediction.bugcheck);
+}
+
+TEST(Predict, DestroyedFirstSignatureEndsInABugCheckAtTheWrap) {
+    LogImage log = unwrapped();
+    log.damage(0);
+    EvlogPrediction_t prediction = predict(log);
+    EXPECT_FALSE(prediction.isFatal());
+    ASSERT_TRUE(prediction.bugcheck);
+    EXPECT_STREQ(prediction.bugcheck->message, "Incorrect Signature in Event Entry!");
+    EXPECT_EQ(prediction.bugcheck->dataLength, 3848U);
+    EXPECT_EQ(prediction.bugcheck->events, (1'600'000U - 2200) / 4008);
+}
+
+TEST(Predict, DamagedRecordInsideIsFatalAtTheFirstEvent) {
+    LogImage log = unwrapped();
+    log.damage(1100);
+    EvlogPrediction_t prediction = predict(log);
+    EXPECT_FALSE(evlogIsFatal(prediction.state.verdict));
+    EXPECT_TRUE(prediction.isFatal());
+}
+
+TEST(Predict, SecondGapSetsTheEventsAside) {
+    LogImage log = unwrapped();
+    log.damage(500);
+    log.damage(1300);
+    EvlogPrediction_t prediction = predict(log);
+    EXPECT_EQ(prediction.state.verdict, EVLOG_E_VERDICT_REBUILT);
+    EXPECT_EQ(prediction.taken, 0U);
+    EXPECT_EQ(prediction.lost, 9U);
+    EXPECT_FALSE(prediction.isFatal());
+}
+
+TEST(Predict, AnythingMayBeInAFile) {
+    for (U8_t byte : {0x00, 0xB6, 0xFF}) {
+        LogImage log;
+        log.raw(std::string(test::RING, static_cast<char>(byte)));
+        EXPECT_EQ(predict(log).taken, 0U);
+    }
+    LogImage crafted; // plausible headers everywhere, each with a long body and a wrong checksum
+    while (crafted.bytes.size() < test::RING) {
+        crafted.raw(std::string("\xB6\x8F\x01\x00", 4));
+    }
+    EXPECT_EQ(predict(crafted).taken, 0U);
+}

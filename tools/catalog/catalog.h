@@ -1,0 +1,131 @@
+/**
+ * @file
+ * The event catalogue: what the events of a source mean, and how their data is laid out.
+ *
+ * It is data: JSON files, one or more for a source, each with "source" and "events"; the file
+ * share/event-manager/catalog.schema.json describes them for editors. An event is found by source,
+ * id and id version; an entry without a version stands for all versions that have none of their
+ * own. Nothing in a file makes a reader fail: what is wrong is left out, and told.
+ */
+#ifndef CATALOG_CATALOG_H
+#define CATALOG_CATALOG_H
+
+#include "fixed_width.h"
+
+#include <map>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace catalog {
+
+/** How the bytes of a field are read. */
+enum class Kind {
+    UNSIGNED, ///< 1 to 8 bytes
+    SIGNED,   ///< 1 to 8 bytes, two's complement
+    TEXT,     ///< up to the first NUL
+    HEX,      ///< any bytes
+    IPV4,     ///< 4 bytes
+};
+
+/** Which byte of a number comes first. */
+enum class Order {
+    BIG,
+    LITTLE,
+    EITHER, ///< whichever gives the smaller number: data in the byte order of its writer
+};
+
+/** A part of the data. */
+struct Field {
+    std::string name;
+    U32_t offset = 0;
+    U32_t width = 0; ///< bytes, at least 1; of a text: at most so many
+    Kind kind = Kind::UNSIGNED;
+    Order order = Order::BIG;
+    std::string unit;                   ///< behind the number; empty: none
+    std::map<S64_t, std::string> names; ///< of numbers
+};
+
+/** What one event means. */
+struct Entry {
+    U32_t source = 0;
+    U32_t firstId = 0;
+    U32_t lastId = 0;             ///< most entries: firstId
+    std::optional<U32_t> version; ///< evIdVersion; nothing: any
+    std::string name;             ///< one word
+    std::string severity;         ///< "information", "warning", "error" or empty
+    std::string text;             ///< template: {field} stands for a field's value
+    std::string advice;           ///< what an operator may do; empty: nothing
+    std::vector<Field> fields;
+    std::string file; ///< where it stands
+
+    const Field* field(const std::string& wanted) const;
+};
+
+/** Something wrong in a file. */
+struct Problem {
+    std::string file;
+    std::string place; ///< "/events/3/fields/0/offset"; empty: the whole file
+    std::string text;
+};
+
+/** "FILE: PLACE: TEXT" */
+std::string problemLine(const Problem& problem);
+
+/** All that is known. */
+class Catalog {
+  public:
+    /**
+     * Takes in the events of a file's content.
+     * @param json     the content; anything may be in it
+     * @param file     its name, for problems
+     * @param problems receives what is wrong; entries that have a problem are not taken
+     */
+    void add(const std::string& json, const std::string& file, std::vector<Problem>* problems);
+
+    /** add() for a file. */
+    void addFile(const std::string& path, std::vector<Problem>* problems);
+
+    /** addFile() for each file of a directory whose name ends in ".json", in the order of names. A
+     * directory that is not there has none. */
+    void addDirectory(const std::string& path, std::vector<Problem>* problems);
+
+    /** @return the entry of that version, else that of any version, else nullptr */
+    const Entry* find(U32_t source, U32_t id, U32_t version) const;
+
+    /** In the order of sources and ids. */
+    std::vector<const Entry*> entries() const;
+
+  private:
+    void take(Entry entry, const std::string& place, std::vector<Problem>* problems);
+
+    std::map<U32_t, std::vector<Entry>> bySource_;
+};
+
+/** Where catalogues stand: the directories that EVENT_MANAGER_CATALOG names, with colons between;
+ * when it is not set, those of the installation and of the site (/etc/event-manager/catalog.d). */
+std::vector<std::string> catalogDirectories();
+
+/** The catalogue of catalogDirectories(). */
+Catalog loadCatalog(std::vector<Problem>* problems);
+
+// --- Decoding ------------------------------------------------------------------------------------
+
+/** A field's value as text: number with unit, name with number, escaped text, digits; "?" when the
+ * data ends before it. */
+std::string valueText(const Field& field, std::span<const U8_t> data);
+
+/** The value as a number; nothing for a field that is none, and when the data ends before it. */
+std::optional<S64_t> valueNumber(const Field& field, std::span<const U8_t> data);
+
+/** The entry's text with the values of its fields in their places. */
+std::string messageOf(const Entry& entry, std::span<const U8_t> data);
+
+/** Data that is text as it is: UTF-8, perhaps with line ends and tabulators (escaped), NULs at its
+ * end left out. @return nothing when there is none, or other bytes are in it */
+std::optional<std::string> plainText(std::span<const U8_t> data);
+
+} // namespace catalog
+
+#endif

@@ -1,0 +1,63 @@
+#include "catalog/catalog.h"
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace catalog {
+namespace {
+
+constexpr char VARIABLE[] = "EVENT_MANAGER_CATALOG";
+constexpr char SITE[] = "/etc/event-manager/catalog.d";
+constexpr char BELOW_SHARE[] = "share/event-manager/catalog.d";
+
+std::vector<std::string> splitAtColons(const std::string& text) {
+    std::vector<std::string> parts;
+    for (size_t at = 0; at <= text.size();) {
+        size_t colon = std::min(text.find(':', at), text.size());
+        if (colon > at) {
+            parts.push_back(text.substr(at, colon - at));
+        }
+        at = colon + 1;
+    }
+    return parts;
+}
+
+/** Beside the program in a build folder, else where it is installed. */
+std::optional<std::string> ownDirectory() {
+    std::error_code error;
+    std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (error) {
+        return std::nullopt;
+    }
+    std::filesystem::path folder = program.parent_path();
+    for (const auto& base : {folder, folder.parent_path()}) {
+        if (std::filesystem::is_directory(base / BELOW_SHARE, error)) {
+            return base / BELOW_SHARE;
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+std::vector<std::string> catalogDirectories() {
+    if (const char* directories = getenv(VARIABLE); directories != nullptr) {
+        return splitAtColons(directories);
+    }
+    std::vector<std::string> directories;
+    if (std::optional<std::string> own = ownDirectory()) {
+        directories.push_back(*own);
+    }
+    directories.emplace_back(SITE);
+    return directories;
+}
+
+Catalog loadCatalog(std::vector<Problem>* problems) {
+    Catalog catalog;
+    for (const std::string& directory : catalogDirectories()) {
+        catalog.addDirectory(directory, problems);
+    }
+    return catalog;
+}
+
+} // namespace catalog

@@ -1,0 +1,122 @@
+/** evctl file predict: what the next start will do with a log file. */
+#include "common/text.h"
+#include "evctl/commands.h"
+#include "evctl/event_view.h"
+#include "evctl/file.h"
+#include "evctl/file_identity.h"
+#include "evlog/predict.h"
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+namespace evctl {
+namespace {
+
+constexpr char EXAMPLES[] =
+    "The exit status is 0 when nothing is lost, 1 when events are, or a bug-check will come\n"
+    "later, and 2 when the event manager cannot work with this file.\n"
+    "Whether the log belongs to this blade is judged only with --enclosure and --slot.\n"
+    "Example:\n"
+    "  evctl file predict kelta_eventlog";
+
+struct PredictOptions {
+    std::string path;
+    IdentityOfFile identity;
+    bool json = false;
+};
+
+std::string lossLine(const EvlogPrediction_t& prediction) {
+    std::string events = std::to_string(prediction.lost) + " readable events ";
+    switch (prediction.state.verdict) {
+    case EVLOG_E_VERDICT_REBUILT:
+        return events + "are set aside in the debugging copy, which the start after that deletes";
+    case EVLOG_E_VERDICT_FOREIGN:
+        return events + "are cleared";
+    default:
+        return events + "are not taken, and will be overwritten";
+    }
+}
+
+std::string bugcheckLine(const EvlogBugcheck_t& bugcheck) {
+    std::string text = "bug-check \"" + std::string(bugcheck.message) + "\" at ";
+    if (bugcheck.events == 0) {
+        return text + "the first event that is logged, after every start";
+    }
+    return text + "event " + std::to_string(bugcheck.events + 1) +
+           " after the start, if each has " + std::to_string(bugcheck.dataLength) +
+           " bytes of data";
+}
+
+void printLines(const EvlogPrediction_t& prediction) {
+    const EvlogState_t& state = prediction.state;
+    std::cout << evlogVerdictName(state.verdict) << ": " << evlogVerdictText(state.verdict) << "\n";
+    if (evlogIsFatal(state.verdict)) {
+        std::cout << "it does not come up, at any start, until the file is replaced (offset "
+                  << state.stopOffset << ")\n";
+        return;
+    }
+    std::cout << prediction.taken << " events are taken; the next one gets sequence id "
+              << state.empSequenceId << " of instance " << state.empInstanceNumber << "\n";
+    if (prediction.lost > 0) {
+        std::cout << lossLine(prediction) << "\n";
+    }
+    if (prediction.bugcheck) {
+        std::cout << bugcheckLine(*prediction.bugcheck) << "\n";
+    }
+}
+
+Json predictionJson(const PredictOptions& options, const EvlogPrediction_t& prediction) {
+    const EvlogState_t& state = prediction.state;
+    Json bugcheck = nullptr;
+    if (prediction.bugcheck) {
+        bugcheck = {{"message", prediction.bugcheck->message},
+                    {"eventsBefore", prediction.bugcheck->events},
+                    {"dataLength", prediction.bugcheck->dataLength}};
+    }
+    return {{"file", tools::escapedText(options.path)},
+            {"verdict", evlogVerdictName(state.verdict)},
+            {"meaning", evlogVerdictText(state.verdict)},
+            {"fatal", prediction.isFatal()},
+            {"taken", prediction.taken},
+            {"lost", prediction.lost},
+            {"nextSequenceId", state.empSequenceId},
+            {"bugcheck", bugcheck}};
+}
+
+int runPredict(const PredictOptions& options) {
+    EvlogImage_t image;
+    // Also of a file that is no log: the event manager takes any. One that is not there, too.
+    int error = evlogLoadFile(options.path.c_str(), &image);
+    if (error != 0) {
+        throw std::runtime_error(options.path + ": " +
+                                 (error == EINVAL ? "not a regular file" : strerror(error)));
+    }
+    std::optional<EvlogIdentity_t> identity = identityOf(options.identity);
+    EvlogPrediction_t prediction = evlogPredict(image, identity ? &*identity : nullptr);
+    if (options.json) {
+        std::cout << jsonLine(predictionJson(options, prediction));
+    } else {
+        printLines(prediction);
+    }
+    if (prediction.isFatal()) {
+        return tools::EXIT_COULD_NOT;
+    }
+    return prediction.lost > 0 || prediction.bugcheck ? tools::EXIT_FINDING : tools::EXIT_DONE;
+}
+
+} // namespace
+
+void addFilePredictCommand(CLI::App& parent, Chosen& chosen) {
+    auto options = std::make_shared<PredictOptions>();
+    CLI::App& command =
+        addCommand(parent, "predict",
+                   "Say what the event manager's next start will do with a log file.", EXAMPLES);
+    addFileArgument(command, options->path);
+    addIdentityOfFile(command, options->identity);
+    command.add_flag("--json", options->json, "As a JSON object");
+    onChosen(command, chosen, options, runPredict);
+}
+
+} // namespace evctl
