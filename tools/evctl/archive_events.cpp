@@ -86,7 +86,7 @@ void forEachEvent(const LogFilter& logs, const Take& take) {
 
 int runEvents(const EventsOptions& options) {
     forEachEvent(options.logs, [&](const auto&, const evarchive::StoredEvent& event) {
-        if (options.filter.matches(*viewOf(event).header)) {
+        if (options.filter.matches(viewOf(event))) {
             printEvent(viewOf(event), options.output);
         }
     });
@@ -144,7 +144,7 @@ int runExport(const EventsOptions& options) {
     NewFile file(options.target);
     U64_t count = 0;
     forEachEvent(options.logs, [&](const auto& generation, const evarchive::StoredEvent& event) {
-        if (options.filter.matches(*viewOf(event).header)) {
+        if (options.filter.matches(viewOf(event))) {
             Json json = eventJson(viewOf(event));
             json["generation"] = generation.number.generation;
             json["received"] = event.received;
@@ -169,7 +169,7 @@ struct Stats {
 int runStats(const EventsOptions& options) {
     Stats stats;
     forEachEvent(options.logs, [&](const auto& generation, const evarchive::StoredEvent& event) {
-        if (!options.filter.matches(*viewOf(event).header)) {
+        if (!options.filter.matches(viewOf(event))) {
             return;
         }
         ++stats.events;
