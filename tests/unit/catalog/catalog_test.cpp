@@ -112,26 +112,26 @@ TEST(Catalog, EntryOfTheVersionGoesBeforeTheOneOfAny) {
 
 TEST(Catalog, WhatIsWrongIsToldWithItsPlaceAndLeftOut) {
     Catalog catalog;
-    EXPECT_THAT(
-        problemsOf(R"({"source":18,"evnts":1,"events":[
+    EXPECT_THAT(problemsOf(R"({"source":18,"evnts":1,"events":[
         {"id":65536,"text":"a"}, {"id":1}, {"id":2,"text":"{y}"}, {"id":3,"text":"good"}, 7,
         {"id":4,"text":"b","severity":"loud"}, {"id":3,"text":"again"},
         {"id":5,"text":"c","fields":[{"name":"x","offset":3847,"width":2},
                                      {"name":"x","offset":0,"width":9}, {"offset":-1}]}]})",
-                   &catalog),
-        ElementsAre("f: /evnts: unknown member",
-                    "f: /events/0/id: must be a number from 0 to 65535",
-                    "f: /events/1/text: is missing", "f: /events/2/text: no field is named 'y'",
-                    "f: /events/4: must be an object",
-                    "f: /events/5/severity: 'loud' is none of , information, warning, error",
-                    "f: /events/6: the same event stands in f",
-                    "f: /events/7/fields/0: reaches beyond the 3848 bytes that an event "
-                    "may have",
-                    "f: /events/7/fields/1/width: a number has 1 to 8 bytes",
-                    "f: /events/7/fields/1/name: another field bears the same name",
-                    "f: /events/7/fields/2/name: is missing",
-                    "f: /events/7/fields/2/offset: must be a number from 0 to 3847",
-                    "f: /events/7/fields/2/width: is missing"));
+                           &catalog),
+                ElementsAre("f: /evnts: unknown member",
+                            "f: /events/0/id: must be a number from 0 to 65535",
+                            "f: /events/1/text: is missing",
+                            "f: /events/2/text: no field is named 'y'",
+                            "f: /events/4: must be an object",
+                            "f: /events/5/severity: 'loud' is none of information, warning, error",
+                            "f: /events/6: the same event stands in f",
+                            "f: /events/7/fields/0: reaches beyond the 3848 bytes that an event "
+                            "may have",
+                            "f: /events/7/fields/1/width: a number has 1 to 8 bytes",
+                            "f: /events/7/fields/1/name: another field bears the same name",
+                            "f: /events/7/fields/2/name: is missing",
+                            "f: /events/7/fields/2/offset: must be a number from 0 to 3847",
+                            "f: /events/7/fields/2/width: is missing"));
     EXPECT_EQ(catalog.entries().size(), 1U);
     EXPECT_EQ(catalog.find(18, 3, 0)->text, "good");
 }

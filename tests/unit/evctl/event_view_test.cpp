@@ -42,7 +42,7 @@ TEST(EventView, LineHasNamesForNumbers) {
     EmpEvLogHeader_t header = sample();
     EXPECT_EQ(evctl::eventLine({&header, DATA}),
               "2147483648  2006-11-21T14:00:00Z  warning      startup          disk           "
-              "signal(4)             process ? () died of signal ?");
+              "signal(4)             process ? (?) died of signal ?");
 }
 
 TEST(EventView, LineShowsNumbersWithoutName) {
@@ -67,7 +67,7 @@ TEST(EventView, JsonHasNumbersAndNames) {
               R"("enclosureId":"CHASSIS","bladeId":")" +
                   std::string(64, 'B') +
                   R"(","slotId":2,"length":3,"data":"0041ff",)"
-                  R"("text":"process ? () died of signal ?"})" +
+                  R"("text":"process ? (?) died of signal ?"})" +
                   "\n");
 }
 
