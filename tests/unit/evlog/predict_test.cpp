@@ -48,7 +48,7 @@ constexpr U32_t EVENTS_MAX = 520; // of the largest: once round and on
         }
     }
     ssize_t written = write(to, &EVENTS_MAX, sizeof(EVENTS_MAX));
-    _exit(written == sizeof(EVENTS_MAX) ? 0 : 9);
+    _exit(written == static_cast<ssize_t>(sizeof(EVENTS_MAX)) ? 0 : 9);
 }
 
 /** @return how many events the event manager stores, at most EVENTS_MAX; nothing when it does not
@@ -64,7 +64,8 @@ std::optional<U32_t> storedBy(const std::string& bytes, U32_t dataLength) {
     }
     close(ends[1]);
     std::optional<U32_t> stored;
-    for (U32_t number = 0; read(ends[0], &number, sizeof(number)) == sizeof(number);) {
+    for (U32_t number = 0;
+         read(ends[0], &number, sizeof(number)) == static_cast<ssize_t>(sizeof(number));) {
         stored = number;
     }
     close(ends[0]);
@@ -199,7 +200,7 @@ TEST(Predict, SecondGapSetsTheEventsAside) {
 }
 
 TEST(Predict, AnythingMayBeInAFile) {
-    for (U8_t byte : {0x00, 0xB6, 0xFF}) {
+    for (int byte : {0x00, 0xB6, 0xFF}) {
         LogImage log;
         log.raw(std::string(test::RING, static_cast<char>(byte)));
         EXPECT_EQ(predict(log).taken, 0U);
