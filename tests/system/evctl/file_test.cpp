@@ -298,15 +298,16 @@ TEST_F(File, TextColumnIsOfTheCatalogueElseTextElseDigits) {
     std::vector<std::string> texts;
     std::istringstream lines(run("list").output);
     for (std::string each; std::getline(lines, each);) {
-        texts.push_back(each.substr(102));
+        texts.push_back(each.substr(101));
     }
     std::string digits;
     for (int count = 0; count < 32; count++) {
         digits += "ff";
     }
-    EXPECT_EQ(texts, (std::vector<std::string>{
-                         "a new log begins, of enclosure CHASSIS-1", "drive \xC3\xBC", "1b5b324a",
-                         digits + "... (40 bytes)", "bug-check: It failed! (empInit, line 258)"}));
+    EXPECT_EQ(texts,
+              (std::vector<std::string>{"a new log begins, of enclosure CHASSIS-1",
+                                        "drive \xC3\xBC", "1b5b324a", digits + "... (40 bytes)",
+                                        "  bug-check: It failed! (empInit, line 258)"}));
 }
 
 TEST_F(File, AdviceStandsBelowTheEvent) {
@@ -331,7 +332,7 @@ TEST_F(File, CatalogueOfTheEnvironmentIsUsed) {
                            directory_.file("evctl"),
                            {{"EVENT_MANAGER_CATALOG", directory_.path()}});
     EXPECT_EQ(evctl.wait(), support::exitedWith(0));
-    EXPECT_EQ(evctl.output().substr(102), "own 101\n");
+    EXPECT_EQ(evctl.output().substr(101), "own 101\n");
 }
 
 TEST_F(File, PredictSaysWhatTheNextStartDoes) {
