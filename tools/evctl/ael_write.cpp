@@ -10,7 +10,7 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] =
+constexpr char AEL_WRITE_EXAMPLES[] =
     "The event manager logs it at its next start, with the time of the writing.\n"
     "Examples:\n"
     "  evctl ael write --key 0x1234 --id 300 --type error --text \"switch is gone\"\n"
@@ -39,8 +39,8 @@ int runWrite(const WriteOptions& options) {
 
 void addAelWriteCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<WriteOptions>();
-    CLI::App& command =
-        addCommand(parent, "write", "Leave an event for the event manager's next start.", EXAMPLES);
+    CLI::App& command = addCommand(
+        parent, "write", "Leave an event for the event manager's next start.", AEL_WRITE_EXAMPLES);
     addKeyOption(command, options->block)->required();
     addEventOptions(command, options->event, MMSG_E_MAX_DEFINED_EPIDS);
     command

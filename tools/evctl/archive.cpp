@@ -12,10 +12,10 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] = "Examples:\n"
-                            "  evctl archive list --db events.db\n"
-                            "  evctl archive check --db events.db --json\n"
-                            "The archive is only read, and may be in use.";
+constexpr char ARCHIVE_EXAMPLES[] = "Examples:\n"
+                                    "  evctl archive list --db events.db\n"
+                                    "  evctl archive check --db events.db --json\n"
+                                    "The archive is only read, and may be in use.";
 
 struct ArchiveOptions {
     std::string path;
@@ -45,7 +45,7 @@ constexpr auto runCheck = runList;
 void addOne(CLI::App& group, Chosen& chosen, const std::string& name, const std::string& what,
             int (*run)(const ArchiveOptions&)) {
     auto options = std::make_shared<ArchiveOptions>();
-    CLI::App& command = addCommand(group, name, what, EXAMPLES);
+    CLI::App& command = addCommand(group, name, what, ARCHIVE_EXAMPLES);
     command.add_option("--db", options->path, "The archive")->type_name("FILE")->required();
     command.add_flag("--json", options->json, "As JSON");
     onChosen(command, chosen, options, run);

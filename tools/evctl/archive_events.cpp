@@ -16,11 +16,12 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] = "Examples:\n"
-                            "  evctl archive events --db events.db --type error --slot 3\n"
-                            "  evctl archive get 4711 --db events.db --blade BLADE-42 --data\n"
-                            "  evctl archive export --db events.db --to events.jsonl\n"
-                            "The archive is only read, and may be in use.";
+constexpr char ARCHIVE_EVENTS_EXAMPLES[] =
+    "Examples:\n"
+    "  evctl archive events --db events.db --type error --slot 3\n"
+    "  evctl archive get 4711 --db events.db --blade BLADE-42 --data\n"
+    "  evctl archive export --db events.db --to events.jsonl\n"
+    "The archive is only read, and may be in use.";
 
 /** Which logs of an archive. */
 struct LogFilter {
@@ -205,7 +206,7 @@ std::pair<CLI::App*, std::shared_ptr<EventsOptions>> addOne(CLI::App& group, Cho
                                                             const std::string& what,
                                                             int (*run)(const EventsOptions&)) {
     auto options = std::make_shared<EventsOptions>();
-    CLI::App& command = addCommand(group, name, what, EXAMPLES);
+    CLI::App& command = addCommand(group, name, what, ARCHIVE_EVENTS_EXAMPLES);
     addLogOptions(command, options->logs);
     onChosen(command, chosen, options, run);
     return {&command, options};

@@ -7,10 +7,11 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] = "Examples:\n"
-                            "  evctl archive backup --db events.db --to events-2026-11.db\n"
-                            "  evctl archive prune --db events.db --keep-days 30\n"
-                            "The archive may be in use; while vacuum runs, events wait.";
+constexpr char ARCHIVE_UPKEEP_COMMANDS_EXAMPLES[] =
+    "Examples:\n"
+    "  evctl archive backup --db events.db --to events-2026-11.db\n"
+    "  evctl archive prune --db events.db --keep-days 30\n"
+    "The archive may be in use; while vacuum runs, events wait.";
 
 struct UpkeepOptions {
     std::string path;
@@ -42,7 +43,7 @@ std::pair<CLI::App*, std::shared_ptr<UpkeepOptions>> addOne(CLI::App& group, Cho
                                                             const std::string& what,
                                                             int (*run)(const UpkeepOptions&)) {
     auto options = std::make_shared<UpkeepOptions>();
-    CLI::App& command = addCommand(group, name, what, EXAMPLES);
+    CLI::App& command = addCommand(group, name, what, ARCHIVE_UPKEEP_COMMANDS_EXAMPLES);
     command.add_option("--db", options->path, "The archive")->type_name("FILE")->required();
     onChosen(command, chosen, options, run);
     return {&command, options};

@@ -8,9 +8,9 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] = "Examples:\n"
-                            "  evctl archiver set --key 0x1234 192.0.2.7:9000\n"
-                            "  evctl archiver set --dir /tmp/msm off";
+constexpr char ARCHIVER_EXAMPLES[] = "Examples:\n"
+                                     "  evctl archiver set --key 0x1234 192.0.2.7:9000\n"
+                                     "  evctl archiver set --dir /tmp/msm off";
 
 struct SetOptions {
     RequestOptions request;
@@ -35,8 +35,8 @@ int runSet(const SetOptions& options) {
 void addArchiverCommands(CLI::App& parent, Chosen& chosen) {
     CLI::App& group = addCommandGroup(parent, "archiver", "The event manager's archiver.");
     auto options = std::make_shared<SetOptions>();
-    CLI::App& set =
-        addCommand(group, "set", "Have the event manager use an archiver, or none.", EXAMPLES);
+    CLI::App& set = addCommand(group, "set", "Have the event manager use an archiver, or none.",
+                               ARCHIVER_EXAMPLES);
     set.add_option("ARCHIVER", options->archiver, "Its host, by name or IPv4 address, and TCP port")
         ->type_name("HOST:PORT|off")
         ->required();

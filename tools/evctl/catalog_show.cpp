@@ -12,10 +12,10 @@
 namespace evctl {
 namespace {
 
-constexpr char SHOW_EXAMPLES[] = "Examples:\n"
-                                 "  evctl catalog show eventlog 11\n"
-                                 "  evctl catalog show startup signal --json";
-constexpr char CHECK_EXAMPLES[] =
+constexpr char CATALOG_SHOW_EXAMPLES[] = "Examples:\n"
+                                         "  evctl catalog show eventlog 11\n"
+                                         "  evctl catalog show startup signal --json";
+constexpr char CATALOG_CHECK_EXAMPLES[] =
     "Without FILE, the catalogue in use is checked. The exit status is 1 when anything is wrong.\n"
     "Example:\n"
     "  evctl catalog check my-processes.json";
@@ -165,7 +165,7 @@ void addCatalogCommands(CLI::App& parent, Chosen& chosen) {
 
     auto show = std::make_shared<CatalogOptions>();
     CLI::App& showCommand =
-        addCommand(group, "show", "Show what is known of one event.", SHOW_EXAMPLES);
+        addCommand(group, "show", "Show what is known of one event.", CATALOG_SHOW_EXAMPLES);
     showCommand.add_option("SOURCE", show->source, "Endpoint that it comes from")
         ->type_name("NAME|NUMBER")
         ->required();
@@ -175,7 +175,7 @@ void addCatalogCommands(CLI::App& parent, Chosen& chosen) {
 
     auto check = std::make_shared<CatalogOptions>();
     CLI::App& checkCommand =
-        addCommand(group, "check", "Say what is wrong in a catalogue.", CHECK_EXAMPLES);
+        addCommand(group, "check", "Say what is wrong in a catalogue.", CATALOG_CHECK_EXAMPLES);
     checkCommand.add_option("FILE", check->files, "Files of a catalogue");
     onChosen(checkCommand, chosen, check, runCheck);
 }

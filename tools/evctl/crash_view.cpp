@@ -2,6 +2,7 @@
 
 #include "common/names.h"
 #include "configuration.h"
+#include "evctl/event_view.h"
 #include "evctl/lines.h"
 #include "mmsg.h"
 
@@ -29,10 +30,6 @@ std::string bytesOf(const Json& hex) {
 std::string dumpOf(const Json& hex) {
     std::string bytes = bytesOf(hex);
     return hexDump({reinterpret_cast<const U8_t*>(bytes.data()), bytes.size()});
-}
-
-Json nameOrNull(const tools::NameTable& names, U32_t value) {
-    return names.find(value) != nullptr ? Json(names.brief(value)) : Json(nullptr);
 }
 
 /** The endpoints in a bitmap, by name. */

@@ -36,10 +36,6 @@ std::span<const U8_t> textOf(const U8_t (&field)[EMP_ID_TEXT_SIZE]) {
     return field;
 }
 
-Json nameOrNull(const tools::NameTable& names, U32_t value) {
-    return names.find(value) != nullptr ? Json(names.brief(value)) : Json(nullptr);
-}
-
 /** "warning(2)", or "77" for a value without a name. */
 std::string named(const tools::NameTable& names, U32_t value) {
     std::string number = std::to_string(value);
@@ -47,6 +43,10 @@ std::string named(const tools::NameTable& names, U32_t value) {
 }
 
 } // namespace
+
+Json nameOrNull(const tools::NameTable& names, U32_t value) {
+    return names.find(value) != nullptr ? Json(names.brief(value)) : Json(nullptr);
+}
 
 EventView eventOf(const EvlogRecord_t& record) {
     // A record is its event behind signature, version and checksum.

@@ -8,6 +8,7 @@
 #ifndef EVCTL_EVENT_VIEW_H
 #define EVCTL_EVENT_VIEW_H
 
+#include "common/names.h"
 #include "emp_mesgs.h"
 #include "evlog/evlog.h"
 
@@ -33,6 +34,9 @@ std::string isoTime(U32_t seconds);
 
 /** A fixed-size text with everything but printable ASCII, and the backslash, as \\xNN. */
 std::string escapedText(std::span<const U8_t> field);
+
+/** The name of a value, null for a value without one. */
+Json nameOrNull(const tools::NameTable& names, U32_t value);
 
 /** "signal(4)", or "300" for an id without a name. */
 std::string eventIdText(U32_t source, U32_t id);

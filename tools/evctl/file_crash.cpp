@@ -9,10 +9,11 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] = "The exit status is 1 when the log holds a bug-check, or is damaged.\n"
-                            "Examples:\n"
-                            "  evctl file crash kelta_eventlog\n"
-                            "  evctl file crash kelta_eventlog --all --index all --json";
+constexpr char FILE_CRASH_EXAMPLES[] =
+    "The exit status is 1 when the log holds a bug-check, or is damaged.\n"
+    "Examples:\n"
+    "  evctl file crash kelta_eventlog\n"
+    "  evctl file crash kelta_eventlog --all --index all --json";
 
 struct CrashOptions {
     std::string path;
@@ -50,9 +51,9 @@ int runCrash(const CrashOptions& options) {
 
 void addFileCrashCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<CrashOptions>();
-    CLI::App& command =
-        addCommand(parent, "crash",
-                   "Report the newest bug-check of the event manager in a log file.", EXAMPLES);
+    CLI::App& command = addCommand(
+        parent, "crash", "Report the newest bug-check of the event manager in a log file.",
+        FILE_CRASH_EXAMPLES);
     addFileArgument(command, options->path);
     command.add_flag("--all", options->all, "All bug-checks, newest first");
     command

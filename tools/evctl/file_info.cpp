@@ -14,7 +14,7 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] =
+constexpr char FILE_INFO_EXAMPLES[] =
     "Whether the log belongs to this blade is judged only with --enclosure and --slot.";
 
 struct InfoOptions {
@@ -99,9 +99,9 @@ int runInfo(const InfoOptions& options) {
 
 void addFileInfoCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<InfoOptions>();
-    CLI::App& command =
-        addCommand(parent, "info",
-                   "Counts, ranges and what the event manager will make of a log file.", EXAMPLES);
+    CLI::App& command = addCommand(
+        parent, "info", "Counts, ranges and what the event manager will make of a log file.",
+        FILE_INFO_EXAMPLES);
     addFileArgument(command, options->path);
     addIdentityOfFile(command, options->identity);
     command.add_flag("--json", options->json, "As a JSON object");

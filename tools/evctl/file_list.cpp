@@ -11,9 +11,10 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] = "Examples:\n"
-                            "  evctl file list kelta_eventlog --type error --source startup,snmp\n"
-                            "  evctl file list kelta_eventlog --seq 1000: --json";
+constexpr char FILE_LIST_EXAMPLES[] =
+    "Examples:\n"
+    "  evctl file list kelta_eventlog --type error --source startup,snmp\n"
+    "  evctl file list kelta_eventlog --seq 1000: --json";
 
 struct ListOptions {
     std::string path;
@@ -55,8 +56,8 @@ int runList(const ListOptions& options) {
 
 void addFileListCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<ListOptions>();
-    CLI::App& command =
-        addCommand(parent, "list", "List the events of a log file, oldest first.", EXAMPLES);
+    CLI::App& command = addCommand(parent, "list", "List the events of a log file, oldest first.",
+                                   FILE_LIST_EXAMPLES);
     addFileArgument(command, options->path);
     addFilterOptions(command, options->filter);
     addOutputOptions(command, options->output);

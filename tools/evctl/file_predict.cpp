@@ -14,7 +14,7 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] =
+constexpr char FILE_PREDICT_EXAMPLES[] =
     "The exit status is 0 when nothing is lost, 1 when events are, or a bug-check will come\n"
     "later, and 2 when the event manager cannot work with this file.\n"
     "Whether the log belongs to this blade is judged only with --enclosure and --slot.\n"
@@ -110,9 +110,9 @@ int runPredict(const PredictOptions& options) {
 
 void addFilePredictCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<PredictOptions>();
-    CLI::App& command =
-        addCommand(parent, "predict",
-                   "Say what the event manager's next start will do with a log file.", EXAMPLES);
+    CLI::App& command = addCommand(
+        parent, "predict", "Say what the event manager's next start will do with a log file.",
+        FILE_PREDICT_EXAMPLES);
     addFileArgument(command, options->path);
     addIdentityOfFile(command, options->identity);
     command.add_flag("--json", options->json, "As a JSON object");

@@ -10,9 +10,9 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] = "Examples:\n"
-                            "  evctl file show kelta_eventlog --seq 1017\n"
-                            "  evctl file show kelta_eventlog --offset 200 --json";
+constexpr char FILE_SHOW_EXAMPLES[] = "Examples:\n"
+                                      "  evctl file show kelta_eventlog --seq 1017\n"
+                                      "  evctl file show kelta_eventlog --offset 200 --json";
 
 struct ShowOptions {
     std::string path;
@@ -60,8 +60,8 @@ int runShow(const ShowOptions& options) {
 
 void addFileShowCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<ShowOptions>();
-    CLI::App& command =
-        addCommand(parent, "show", "Show one record of a log file with its data.", EXAMPLES);
+    CLI::App& command = addCommand(parent, "show", "Show one record of a log file with its data.",
+                                   FILE_SHOW_EXAMPLES);
     addFileArgument(command, options->path);
     CLI::Option_group* which = command.add_option_group("Record", "Which one");
     which->add_option("--seq", options->sequenceId, "Its sequence id")->type_name("NUMBER");

@@ -9,7 +9,7 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] =
+constexpr char FILE_VERIFY_EXAMPLES[] =
     "The exit status is 1 when anything is damaged. The gap between the newest and the\n"
     "oldest records of a log that has gone round its end is no damage.";
 
@@ -42,8 +42,8 @@ int runVerify(const VerifyOptions& options) {
 
 void addFileVerifyCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<VerifyOptions>();
-    CLI::App& command =
-        addCommand(parent, "verify", "Name every damaged stretch of a log file.", EXAMPLES);
+    CLI::App& command = addCommand(parent, "verify", "Name every damaged stretch of a log file.",
+                                   FILE_VERIFY_EXAMPLES);
     addFileArgument(command, options->path);
     command.add_flag("--json", options->json, "One JSON object a line");
     onChosen(command, chosen, options, runVerify);

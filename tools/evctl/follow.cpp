@@ -14,10 +14,10 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] = "Examples:\n"
-                            "  evctl follow --key 0x1234 --type warning,error\n"
-                            "  evctl follow --key 0x1234 --refill --json\n"
-                            "  evctl follow --dir /tmp/msm --count 1 --timeout 10 --json";
+constexpr char FOLLOW_EXAMPLES[] = "Examples:\n"
+                                   "  evctl follow --key 0x1234 --type warning,error\n"
+                                   "  evctl follow --key 0x1234 --refill --json\n"
+                                   "  evctl follow --dir /tmp/msm --count 1 --timeout 10 --json";
 
 struct FollowOptions {
     SwitchOptions where;
@@ -160,8 +160,8 @@ int runFollow(const FollowOptions& options) {
 
 void addFollowCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<FollowOptions>();
-    CLI::App& command =
-        addCommand(parent, "follow", "Print events as the event manager takes them in.", EXAMPLES);
+    CLI::App& command = addCommand(
+        parent, "follow", "Print events as the event manager takes them in.", FOLLOW_EXAMPLES);
     addSwitchOptions(command, options->where);
     addNamedOption(command, "--endpoint", options->endpoint, tools::endpointNames,
                    MMSG_E_MAX_DEFINED_EPIDS - 1, "Endpoint to listen as");

@@ -6,7 +6,7 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] =
+constexpr char GET_EXAMPLES[] =
     "Examples:\n"
     "  evctl get last --key 0x1234\n"
     "  evctl get next 4711 --dir /tmp/msm --json\n"
@@ -59,7 +59,7 @@ constexpr Mode MODES[] = {
 void addMode(CLI::App& group, Chosen& chosen, const Mode& mode) {
     auto options = std::make_shared<GetOptions>();
     options->type = mode.type;
-    CLI::App& command = addCommand(group, mode.name, mode.description, EXAMPLES);
+    CLI::App& command = addCommand(group, mode.name, mode.description, GET_EXAMPLES);
     if (mode.takesId) {
         command.add_option("ID", options->sequenceId, "Sequence id")
             ->type_name("NUMBER")

@@ -13,7 +13,7 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] =
+constexpr char LOG_EXAMPLES[] =
     "Examples:\n"
     "  evctl log --key 0x1234 --id 300 --type warning --category disk \\\n"
     "      --text \"drive 4 is slow\"\n"
@@ -130,7 +130,8 @@ void addConfirmOptions(CLI::App& command, LogOptions& options) {
 
 void addLogCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<LogOptions>();
-    CLI::App& command = addCommand(parent, "log", "Send events to the event manager.", EXAMPLES);
+    CLI::App& command =
+        addCommand(parent, "log", "Send events to the event manager.", LOG_EXAMPLES);
     addSwitchOptions(command, options->where);
     addEventOptions(command, options->event, MMSG_E_MAX_DEFINED_EPIDS - 1);
     command.add_option("--count", options->count, "Number of events")

@@ -9,8 +9,8 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] = "Example:\n"
-                            "  evctl params show --key 0x1234 --json";
+constexpr char PARAMS_EXAMPLES[] = "Example:\n"
+                                   "  evctl params show --key 0x1234 --json";
 
 struct ParamsOptions {
     KeyOptions block;
@@ -28,7 +28,8 @@ int runShow(const ParamsOptions& options) {
 void addParamsCommands(CLI::App& parent, Chosen& chosen) {
     CLI::App& group = addCommandGroup(parent, "params", "The blade's parameter block.");
     auto options = std::make_shared<ParamsOptions>();
-    CLI::App& show = addCommand(group, "show", "Show all fields of the parameter block.", EXAMPLES);
+    CLI::App& show =
+        addCommand(group, "show", "Show all fields of the parameter block.", PARAMS_EXAMPLES);
     addKeyOption(show, options->block)->required();
     show.add_flag("--json", options->json, "As a JSON object");
     onChosen(show, chosen, options, runShow);

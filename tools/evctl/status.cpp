@@ -9,8 +9,8 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] = "Example:\n"
-                            "  evctl status --key 0x1234 --json";
+constexpr char STATUS_EXAMPLES[] = "Example:\n"
+                                   "  evctl status --key 0x1234 --json";
 
 struct StatusOptions {
     RequestOptions request;
@@ -36,8 +36,9 @@ int runStatus(const StatusOptions& options) {
 
 void addStatusCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<StatusOptions>();
-    CLI::App& command = addCommand(
-        parent, "status", "Show the state of the link to the archiver and its counters.", EXAMPLES);
+    CLI::App& command =
+        addCommand(parent, "status", "Show the state of the link to the archiver and its counters.",
+                   STATUS_EXAMPLES);
     addRequestOptions(command, options->request);
     command.add_flag("--json", options->json, "As a JSON object");
     onChosen(command, chosen, options, runStatus);

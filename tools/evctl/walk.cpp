@@ -12,7 +12,7 @@
 namespace evctl {
 namespace {
 
-constexpr char EXAMPLES[] =
+constexpr char WALK_EXAMPLES[] =
     "Examples:\n"
     "  evctl walk --key 0x1234 --type error\n"
     "  evctl walk --dir /tmp/msm --after 1:4711 --follow --json\n"
@@ -180,7 +180,7 @@ void parseAfter(const std::string& text, WalkOptions& options) {
 void addWalkCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<WalkOptions>();
     CLI::App& command =
-        addCommand(parent, "walk", "Print all events of a log, oldest first.", EXAMPLES);
+        addCommand(parent, "walk", "Print all events of a log, oldest first.", WALK_EXAMPLES);
     addRequestOptions(command, options->request);
     addIdentityOptions(command, options->identity);
     command
