@@ -88,7 +88,8 @@ install(PROGRAMS tools/dissector/blade_record.py
 
 # The archiver does not run on the board.
 if(TARGET evarchiver)
-    install_program(evarchiver ${CMAKE_INSTALL_SBINDIR} evarchiver evfleet)
+    install_program(evarchiver ${CMAKE_INSTALL_SBINDIR} evarchiver)
+    install_program(evarchiver ${CMAKE_INSTALL_BINDIR} evfleet)
     install_completion(evarchiver evarchiver evfleet)
     install_service(evarchiver evarchiver.service evarchiver)
     install(FILES ${PACKAGING}/etc/evarchiver

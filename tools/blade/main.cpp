@@ -70,6 +70,7 @@ void declareParameters(CLI::App& app, BladeOptions& options, Words& words) {
     auto* base = app.add_option("--base", options.source.base,
                                 "Put all directories below DIR: DIR/slot<SLOT>/mmsg, .../nvram and "
                                 ".../log, instead of where CONFIG says")
+                     ->check(tools::notEmpty())
                      ->type_name("DIR");
     app.add_option("--other", options.other,
                    "Link the switch to that of the blade in slot SLOT under the same --base; both "
@@ -86,8 +87,10 @@ void declareParameters(CLI::App& app, BladeOptions& options, Words& words) {
 
 void declareProcesses(CLI::App& app, BladeOptions& options, Words& words) {
     app.add_option("--emp", options.emp, "The event manager (default: emp beside this program)")
+        ->check(tools::notEmpty())
         ->type_name("PATH");
     app.add_option("--msm", options.msm, "The message switch (default: msm beside this program)")
+        ->check(tools::notEmpty())
         ->type_name("PATH");
     app.add_option("--runner", words.runner,
                    "Launcher that is put in front of both programs, its words divided by blanks")
@@ -95,8 +98,10 @@ void declareProcesses(CLI::App& app, BladeOptions& options, Words& words) {
     app.add_option("--emp-log", options.empLog,
                    "File to which emp's standard output is added, - for this program's own "
                    "(default: emp.log in LogDirectory, or in MmsgDirectory where there is none)")
+        ->check(tools::notEmpty())
         ->type_name("FILE");
     app.add_option("--msm-log", options.msmLog, "The same for msm (default: msm.log there)")
+        ->check(tools::notEmpty())
         ->type_name("FILE");
     app.add_option("--log-size", options.logSize,
                    "Size at which either log is put aside as FILE.1 and begun anew, from 4 KiB on")

@@ -7,6 +7,7 @@
 #include "evctl/options.h"
 
 #include <csignal>
+#include <fcntl.h>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <unistd.h>
@@ -146,6 +147,9 @@ int Follow::run() {
 }
 
 int runFollow(const FollowOptions& options) {
+    if ((fcntl(STDOUT_FILENO, F_GETFL) & O_ACCMODE) == O_RDONLY) {
+        throw std::runtime_error("cannot write standard output");
+    }
     // Whoever reads the lines may go at any time: that is met as a failed write.
     signal(SIGPIPE, SIG_IGN);
     try {

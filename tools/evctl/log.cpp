@@ -144,7 +144,8 @@ void addLogCommand(CLI::App& parent, Chosen& chosen) {
         ->type_name("NUMBER")
         ->check(tools::decimalNumber(0.001, 1e6));
     addConfirmOptions(command, *options);
-    command.final_callback([options] {
+    // Not the final callback: that one is the command's run.
+    command.parse_complete_callback([options] {
         if (options->orAel && !options->where.block.given()) {
             throw CLI::ValidationError("--or-ael", "needs --key: it names the directory");
         }

@@ -1,4 +1,5 @@
 #include "common/cli.h"
+#include "common/descriptors.h"
 #include "evfleet/options.h"
 
 #include <csignal>
@@ -61,6 +62,7 @@ void printText(const FleetResult& result) {
 } // namespace
 
 int main(int argc, char** argv) {
+    tools::guardStandardDescriptors();
     std::signal(SIGPIPE, SIG_IGN);
     try {
         const auto options = evfleet::parseOptions(argc, argv);

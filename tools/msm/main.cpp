@@ -23,7 +23,7 @@ constexpr char DESCRIPTION[] =
     "of that endpoint. Several connections of one endpoint get a copy each.\n\n"
     "A connection that sends an mmsg_length outside 64 to 4064 is closed. A connection that does\n"
     "not read is not waited for: messages for it are queued, then dropped; both is said. Nothing\n"
-    "for eventlog is dropped: its senders wait. A second event manager is refused.";
+    "of this blade for eventlog is dropped: its senders wait. A second event manager is refused.";
 
 constexpr char FOOTER[] =
     "On SIGINT or SIGTERM the switch prints a summary of its counters, removes its sockets and\n"
@@ -38,12 +38,14 @@ void declareOptions(CLI::App& app, SwitchOptions& options) {
                    "Directory of the sockets; it must exist, and its sockets' paths may have at "
                    "most 107 characters")
         ->required()
+        ->check(tools::notEmpty())
         ->type_name("DIR");
     app.add_option(
            "--link", options.link,
            "Link to the switch of another blade: PATH is its link socket, the file \"link\" "
            "in its DIR. Messages with bits in recipient_ob_bm go there. Both switches need "
            "the option; they may start in any order and find each other again")
+        ->check(tools::notEmpty())
         ->type_name("PATH");
     app.add_option("--queue", options.queueMax,
                    "Messages that may wait for one slow connection before more are dropped")

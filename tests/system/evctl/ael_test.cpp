@@ -88,6 +88,14 @@ TEST_F(Ael, WriteLeavesOneFileThatIsARecord) {
     EXPECT_EQ(all[0].substr(152), std::string("\0\4\x22\3\4\5\x01\x2Cgone", 12));
 }
 
+TEST_F(Ael, FileOfAfter2038IsListedAsTheEventThatItIs) {
+    EXPECT_EQ(write({"--source", "snmp", "--text", "late"}).ending, support::exitedWith(0));
+    ASSERT_EQ(std::system(("touch -d @4000000000 " + files() + "/*").c_str()), 0);
+    const Outcome outcome = list();
+    EXPECT_THAT(outcome.output, HasSubstr("snmp"));
+    EXPECT_THAT(outcome.output, testing::Not(HasSubstr("deleted")));
+}
+
 TEST_F(Ael, StartupEventsKeepTheirOrder) {
     EXPECT_EQ(write({"--source", "startup", "--seq", "7", "--hex", "00"}).ending,
               support::exitedWith(0));

@@ -73,6 +73,14 @@ TEST_F(File, ListIsOldestFirst) {
     EXPECT_EQ(outcome.errors, "");
 }
 
+TEST_F(File, LogOfAfter2038IsReadOnEveryHost) {
+    write(wrappedLog());
+    ASSERT_EQ(std::system(("touch -d @4000000000 " + path()).c_str()), 0);
+    const Outcome outcome = run("info");
+    EXPECT_EQ(outcome.ending, support::exitedWith(1)) << "the gap is a finding";
+    EXPECT_EQ(outcome.errors, "");
+}
+
 TEST_F(File, ListInFileOrderAndFiltered) {
     write(wrappedLog());
     EXPECT_EQ(run("list", {"--file-order", "--seq", "502:1000"}).output,
@@ -121,28 +129,33 @@ TEST_F(File, ShowHasAllFieldsAndTheData) {
                  static_cast<unsigned>(static_cast<uint8_t>(crc[1])) << 16 |
                  static_cast<unsigned>(static_cast<uint8_t>(crc[2])) << 8 |
                  static_cast<unsigned>(static_cast<uint8_t>(crc[3])));
-    EXPECT_EQ(outcome.output,
-              "offset       0\n"
-              "part         newest\n"
-              "version      1\n"
-              "checksum     " +
-                  std::string(checksum) +
-                  "\n"
-                  "sequence id  0\n"
-                  "instance     7\n"
-                  "time         2006-11-21T14:00:00Z\n"
-                  "type         information(1)\n"
-                  "source       eventlog(27)\n"
-                  "category     management(2)\n"
-                  "id           first(2)\n"
-                  "id version   1\n"
-                  "enclosure    CHASSIS-1\n"
-                  "blade        BLADE-A\n"
-                  "slot         2\n"
-                  "length       40\n"
-                  "0000  43 48 41 53 53 49 53 2d 31 00 00 00 00 00 00 00  |CHASSIS-1.......|\n"
-                  "0010  00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00  |................|\n"
-                  "0020  00 00 00 00 00 00 00 00                          |........|\n");
+    EXPECT_EQ(
+        outcome.output,
+        "offset       0\n"
+        "part         newest\n"
+        "version      1\n"
+        "checksum     " +
+            std::string(checksum) +
+            "\n"
+            "sequence id  0\n"
+            "instance     7\n"
+            "time         2006-11-21T14:00:00Z\n"
+            "type         information(1)\n"
+            "source       eventlog(27)\n"
+            "category     management(2)\n"
+            "id           first(2)\n"
+            "id version   1\n"
+            "enclosure    CHASSIS-1\n"
+            "blade        BLADE-A\n"
+            "slot         2\n"
+            "length       40\n"
+            "text         a new log begins, of enclosure CHASSIS-1\n"
+            "  enclosure  CHASSIS-1\n"
+            "advice       Expected on a new blade, in another slot, and after the log was deleted "
+            "or rebuilt.\n"
+            "0000  43 48 41 53 53 49 53 2d 31 00 00 00 00 00 00 00  |CHASSIS-1.......|\n"
+            "0010  00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00  |................|\n"
+            "0020  00 00 00 00 00 00 00 00                          |........|\n");
 }
 
 TEST_F(File, ShowByOffsetReachesTheDummy) {

@@ -93,6 +93,14 @@ TEST(SwitchDirectory, GroupMayUseTheSocketsWhenAsked) {
     EXPECT_EQ(group, getgid());
 }
 
+TEST(SwitchDirectory, EmptyNamesAreRefused) {
+    TempDirectory directory;
+    TempDirectory logs;
+    EXPECT_THAT(refusalOf(logs, {directory.path(), "--link", ""}), HasSubstr("--link"));
+    EXPECT_FALSE(exists(directory.file("eventlog")));
+    EXPECT_THAT(refusalOf(logs, {""}), HasSubstr("directory"));
+}
+
 TEST(SwitchDirectory, UnknownGroupLeavesNoFileBehind) {
     TempDirectory directory;
     TempDirectory logs;

@@ -8,7 +8,6 @@
 namespace {
 
 using evarchive::GenerationKey;
-using evarchive::StoredEvent;
 using evfleet::CheckResult;
 using evfleet::SimulatedLog;
 
@@ -23,16 +22,22 @@ class ContentCheckTest : public testing::Test {
         store_->addGeneration(generation_, 0);
     }
 
-    static StoredEvent eventOf(const SimulatedLog& log, U32_t id) {
-        StoredEvent event;
+    evfleet::Bytes imageOf(U32_t id) const {
+        evfleet::Bytes image;
+        log_.appendEvent(image, id, log_.rebuilt());
+        return image;
+    }
+
+    void hold(U32_t id, const evfleet::Bytes& image) {
+        evarchive::NewEvent event;
         event.sequenceId = id;
-        log.appendEvent(event.image, id, log.rebuilt());
-        return event;
+        event.image = image;
+        store_->addEvent(generation_, event);
     }
 
     void hold(U32_t first, U32_t last) {
         for (U32_t id = first; id <= last; ++id) {
-            store_->addEvent(generation_, eventOf(log_, id));
+            hold(id, imageOf(id));
         }
     }
 
@@ -78,9 +83,9 @@ TEST_F(ContentCheckTest, BladeWithoutAnyEventMissesAll) {
 
 TEST_F(ContentCheckTest, ChangedByteIsFound) {
     hold(1, 4);
-    StoredEvent event = eventOf(log_, 5);
-    event.image.back() ^= 1;
-    store_->addEvent(generation_, event);
+    evfleet::Bytes image = imageOf(5);
+    image.back() ^= 1;
+    hold(5, image);
     const CheckResult result = check();
     EXPECT_EQ(result.corrupt, 1U);
     EXPECT_EQ(result.missing, 1U);
