@@ -427,6 +427,11 @@ int __wrap_connect(int descriptor, const void* address, socklen_t length) {
 }
 
 int __wrap_getsockopt(int descriptor, int level, int option, void* value, socklen_t* length) {
+    if (descriptor == MSM_SOCKET && option == SO_SNDBUF) {
+        const int roomy = 212'992;
+        memcpy(value, &roomy, sizeof(roomy));
+        return 0;
+    }
     EXPECT_EQ(descriptor, empControl.socketFdEventArchiver);
     EXPECT_EQ(level, SOL_SOCKET);
     EXPECT_EQ(option, SO_ERROR);

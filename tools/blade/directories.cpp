@@ -27,7 +27,8 @@ constexpr int LOOK = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 /** A directory that is held open, so that what was looked at is what is used. */
 class Place {
   public:
-    Place() : path_("/"), descriptor_(open("/", LOOK)) {}
+    // The root by another name: under emulation "/" is the tree of the board's libraries.
+    Place() : path_("/"), descriptor_(open("/proc/..", LOOK)) {}
     ~Place() {
         if (descriptor_ >= 0) {
             close(descriptor_);

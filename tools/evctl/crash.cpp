@@ -87,6 +87,22 @@ void addSecond(std::vector<Crash>& crashes, std::span<const EvlogRecord_t* const
     }
 }
 
+/** Files are taken over in the order of their own times, whole seconds of a clock that may lag
+ * behind the events' one: what is at most a second apart is put into the order in which it
+ * happened. */
+void orderByTime(Records& records) {
+    auto timeOf = [](const EvlogRecord_t* record) { return U64_t{record->header->evTime}; };
+    for (auto first = records.begin(); first != records.end();) {
+        auto last =
+            std::adjacent_find(first, records.end(), [&](const auto* one, const auto* next) {
+                return timeOf(one) > timeOf(next) + 1 || timeOf(next) > timeOf(one) + 1;
+            });
+        auto end = last == records.end() ? last : last + 1;
+        std::ranges::stable_sort(first, end, {}, timeOf);
+        first = end;
+    }
+}
+
 } // namespace
 
 U32_t crashDataLength(U32_t id) {
@@ -110,6 +126,7 @@ std::vector<Crash> findCrashes(std::span<const EvlogRecord_t> records) {
             all.push_back(&record);
         }
     }
+    orderByTime(all);
     std::vector<Crash> crashes;
     for (auto first = all.begin(); first != all.end();) {
         U32_t time = (*first)->header->evTime;

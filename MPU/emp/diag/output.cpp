@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <poll.h>
 #include <unistd.h>
 
@@ -50,8 +52,10 @@ bool passOn(const char* from, const char* to) {
 /** Writes the whole lines; the one under construction moves to the front. */
 void passOnWholeLines() {
     passOn(buffer, line);
-    end = std::copy(line, end, buffer);
+    size_t begun = static_cast<size_t>(end - line);
+    memmove(buffer, line, begun);
     line = buffer;
+    end = buffer + begun;
 }
 
 void requireRoom(size_t length) {
@@ -69,6 +73,8 @@ void requireRoom(size_t length) {
 
 void empBufferOutput() {
     held = true;
+    // The library's ways out go through exit.
+    atexit(empFlushOutput);
 }
 
 void empFlushOutput() {

@@ -9,15 +9,33 @@
 
 namespace {
 
-/** One blocking send, before which lines are written only when it would wait. The socket takes a
- * message of a few kilobytes whole or not at all, so the first try leaves nothing half sent. */
+/** Twice what a message needs: a socket with less may take a message in pieces. */
+constexpr int SAFE_SEND_BUFFER = 4 * EMP_WORK_SPACE_SIZE;
+
+/** Whether the socket takes a message whole or not at all. */
+bool takesWholeMessages() {
+    int savedErrno = errno;
+    int size = 0;
+    socklen_t length = sizeof(size);
+    getsockopt(empControl.socketFdMSM, SOL_SOCKET, SO_SNDBUF, &size, &length);
+    errno = savedErrno;
+    return size >= SAFE_SEND_BUFFER;
+}
+
+/** One blocking send, before which lines are written only when it would wait, as far as that can be
+ * told without leaving a message half sent. */
 S32_t sendToMsm(const void* message, U16_t length) {
-    ssize_t result = send(empControl.socketFdMSM, message, length, MSG_DONTWAIT);
-    if (result == -1 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-        empFlushOutput();
-        result = send(empControl.socketFdMSM, message, length, 0);
+    static const bool tryFirst = takesWholeMessages();
+    int savedErrno = errno;
+    if (tryFirst) {
+        ssize_t result = send(empControl.socketFdMSM, message, length, MSG_DONTWAIT);
+        if (result != -1 || (errno != EAGAIN && errno != EWOULDBLOCK)) {
+            return static_cast<S32_t>(result);
+        }
+        errno = savedErrno;
     }
-    return static_cast<S32_t>(result);
+    empFlushOutput();
+    return static_cast<S32_t>(send(empControl.socketFdMSM, message, length, 0));
 }
 
 } // namespace

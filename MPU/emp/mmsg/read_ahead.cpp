@@ -30,8 +30,8 @@ ssize_t takeWhatIsThere(int flags) {
 /** Adds what has arrived since to the bytes that wait, without waiting for it. */
 void topUp() {
     int savedErrno = errno;
-    std::copy(ahead + front, ahead + end, ahead);
     end -= front;
+    memmove(ahead, ahead + front, end);
     front = 0;
     // The end of the stream shows again; an error shows only once.
     if (takeWhatIsThere(MSG_DONTWAIT) == -1 && errno != EAGAIN && errno != EWOULDBLOCK) {

@@ -60,9 +60,11 @@ void showReads(Search_t& search) {
                EMP_RECORD_SIZE);
         search.lastHeader = -1;
     }
-    memcpy(eventEntryWorkSpace + EMP_RECORD_SIZE, empWindowAt(search.lastData),
-           search.lastDataLength);
-    search.lastDataLength = 0;
+    if (search.lastDataLength != 0) {
+        memcpy(eventEntryWorkSpace + EMP_RECORD_SIZE, empWindowAt(search.lastData),
+               search.lastDataLength);
+        search.lastDataLength = 0;
+    }
 }
 
 /** Notes that the data behind the header has been read. */

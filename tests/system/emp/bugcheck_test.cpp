@@ -130,7 +130,7 @@ TEST(BugCheck, TwoOfThemAreTwoReports) {
     emp.process.waitForOutput("Wait for Event Messages.");
     std::string report = outputOf(blade, {"file", "crash", blade.logPath(), "--all"}, 1);
     size_t second = report.find("\nbug-check 2 of 2");
-    ASSERT_NE(second, std::string::npos);
+    ASSERT_NE(second, std::string::npos) << report.substr(0, 400);
     EXPECT_THAT(report.substr(0, second), HasSubstr("24 of 24, sequence ids 25 to 48\n"));
     EXPECT_THAT(report.substr(second), HasSubstr("24 of 24, sequence ids 1 to 24\n"));
     emp.kill();

@@ -77,8 +77,7 @@ TEST_F(File, LogOfAfter2038IsReadOnEveryHost) {
     write(wrappedLog());
     ASSERT_EQ(std::system(("touch -d @4000000000 " + path()).c_str()), 0);
     const Outcome outcome = run("info");
-    EXPECT_EQ(outcome.ending, support::exitedWith(1)) << "the gap is a finding";
-    EXPECT_EQ(outcome.errors, "");
+    EXPECT_EQ(outcome.ending, support::exitedWith(0)) << outcome.errors;
 }
 
 TEST_F(File, ListInFileOrderAndFiltered) {

@@ -50,6 +50,15 @@ TEST(Crash, RecordsOfOneSecondComeInAnyOrder) {
     EXPECT_EQ(grouped(log), Texts{times(24, 'a')});
 }
 
+TEST(Crash, RecordOfTheNextSecondMayComeBetweenThoseOfTheFirst) {
+    CrashLog log;
+    log.addRange(11, 15, 100, 'a');
+    log.add(20, 101, 'a');
+    log.addRange(16, 19, 100, 'a');
+    log.addRange(21, 34, 101, 'a');
+    EXPECT_EQ(grouped(log), Texts{times(24, 'a')});
+}
+
 TEST(Crash, OtherEventsBetweenAreNoPart) {
     CrashLog log;
     log.addRange(11, 20, 100, 'a');

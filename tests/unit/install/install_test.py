@@ -15,10 +15,10 @@ import unittest
 CMAKE, BUILD, PREFIX = sys.argv[1:4]
 del sys.argv[1:4]
 
-SYSTEM_PROGRAMS = ("blade", "emp", "evarchiver", "evfleet", "msm")
+SYSTEM_PROGRAMS = ("blade", "emp", "evarchiver", "msm")
 COMPLETED = ("blade", "evarchiver", "evctl", "evfleet", "msm")
 EXPECTED = [
-    "bin/evctl", *[f"sbin/{program}" for program in SYSTEM_PROGRAMS],
+    "bin/evctl", "bin/evfleet", *[f"sbin/{program}" for program in SYSTEM_PROGRAMS],
     *[f"share/bash-completion/completions/{program}" for program in COMPLETED],
     *[f"share/zsh/site-functions/_{program}" for program in COMPLETED],
     *[f"share/fish/vendor_completions.d/{program}.fish" for program in COMPLETED],

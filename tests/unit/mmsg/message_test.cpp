@@ -17,7 +17,8 @@ namespace {
 bool sendFails;
 ssize_t sendResult;
 int sends;
-bool socketFull; ///< a send that does not wait fails, one that waits leaves a mark in the output
+int waitingSends; ///< of these, sends that may wait
+bool socketFull;  ///< a send that does not wait fails, one that waits leaves a mark in the output
 
 } // namespace
 
@@ -30,6 +31,7 @@ ssize_t __wrap_send(int fd, const void* buffer, size_t length, int flags) {
         return __real_send(fd, buffer, length, flags);
     }
     sends++;
+    waitingSends += (flags & MSG_DONTWAIT) == 0 ? 1 : 0;
     if (socketFull) {
         if ((flags & MSG_DONTWAIT) != 0) {
             errno = EAGAIN;
@@ -90,6 +92,22 @@ TEST_F(Message, WholeSendIsOneCall) {
     EXPECT_EQ(empSendToMsm(bytes.data(), 4064, EMP_HERE, EMP_E_SHORT_SEND_SHOWS_RESULT), 4064);
     EXPECT_EQ(sends, 1);
     EXPECT_EQ(msm_.receivePiece(), bytesAt(bytes.data(), 4064));
+}
+
+TEST_F(Message, SocketThatMayTakePiecesIsGivenAllInOneWaitingSend) {
+    int size = 4608;
+    ASSERT_EQ(setsockopt(empControl.socketFdMSM, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)), 0);
+    EXPECT_EQ(empSendToMsm("ABCDEF", 6, EMP_HERE, EMP_E_SHORT_SEND_SHOWS_RESULT), 6);
+    EXPECT_EQ(sends, 1);
+    EXPECT_EQ(waitingSends, 1);
+}
+
+TEST_F(Message, SendThatWaitedLeavesErrnoAsItWas) {
+    socketFull = true;
+    errno = ECONNREFUSED;
+    EXPECT_EQ(empSendToMsm("ABCDEF", 6, EMP_HERE, EMP_E_SHORT_SEND_SHOWS_RESULT), 6);
+    EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_EQ(waitingSends, 1);
 }
 
 TEST_F(Message, SendThatWaitsWritesTheLinesBefore) {
