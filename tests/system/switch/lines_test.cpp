@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -66,8 +67,12 @@ TEST_F(SwitchLines, ReaderThatStallsDoesNotStallTheSwitch) {
 }
 
 TEST_F(SwitchLines, ReaderThatVanishesDoesNotEndTheSwitch) {
-    Process msm({"sh", "-c", shellCommand("| true")}, directory.file("msm"));
+    Process msm({"sh", "-c", shellCommand(">" + directory.file("lines"))}, directory.file("msm"));
+    waitForFile(directory.file("eventlog"));
+    close(std::exchange(reader, -1));
     expectTraffic();
+    msm.signal(SIGTERM);
+    EXPECT_EQ(msm.wait(), exitedWith(0));
 }
 
 TEST_F(SwitchLines, ClosedStandardDescriptorsAreNotTakenForSockets) {
