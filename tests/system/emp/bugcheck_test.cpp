@@ -141,7 +141,8 @@ TEST(BugCheck, StartupNoticeThatCannotBeSent) {
     {
         RunningEmp emp(blade);
         emp.startQuietly();
-        for (int i = 0; i < 200; i++) { // the next start has a line or more to say of each
+        // The next start has three lines to say of each: more than its buffer holds.
+        for (int i = 0; i < 1000; i++) {
             emp.log(18, {});
         }
         emp.kill();
