@@ -1,5 +1,5 @@
-# Every symbol that libmpu needs and does not define itself must be one of libc.
-# -D: NM, LIBRARY, CXX, SANITIZE
+# Every symbol that some libraries need and do not define themselves must be one of libc.
+# -D: NM, LIBRARIES (a blank between two), CXX, SANITIZE
 cmake_minimum_required(VERSION 3.25)
 
 function(list_symbols result)
@@ -10,10 +10,11 @@ function(list_symbols result)
     set(${result} "${lines}" PARENT_SCOPE)
 endfunction()
 
+separate_arguments(LIBRARIES)
 execute_process(COMMAND "${CXX}" -print-file-name=libc.so.6 OUTPUT_VARIABLE libc
     OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
-list_symbols(needed -u "${LIBRARY}")
-list_symbols(own --defined-only "${LIBRARY}")
+list_symbols(needed -u ${LIBRARIES})
+list_symbols(own --defined-only ${LIBRARIES})
 list_symbols(offered -D --defined-only "${libc}")
 foreach(expected IN ITEMS shmget mkstemp64 sigaction)
     if(NOT expected IN_LIST needed OR NOT expected IN_LIST offered)
@@ -21,8 +22,8 @@ foreach(expected IN ITEMS shmget mkstemp64 sigaction)
     endif()
 endforeach()
 
-# What the linker makes itself.
-list(APPEND offered _GLOBAL_OFFSET_TABLE_)
+# What the linker makes itself, and what stands in libc's second, static part.
+list(APPEND offered _GLOBAL_OFFSET_TABLE_ atexit)
 list(REMOVE_ITEM needed ${own} ${offered})
 if(SANITIZE)
     list(LENGTH needed before)
@@ -33,5 +34,5 @@ if(SANITIZE)
 endif()
 if(needed)
     list(REMOVE_DUPLICATES needed)
-    message(FATAL_ERROR "libmpu needs what libc does not have: ${needed}")
+    message(FATAL_ERROR "${LIBRARIES}: needs what libc does not have: ${needed}")
 endif()
