@@ -38,7 +38,10 @@ std::string unconnectedText(U64_t endpoints) {
 Switch::Switch(asio::io_context& loop, SwitchOptions options)
     : loop_(loop), options_(std::move(options)), claim_(options_.directory),
       hold_(loop, std::chrono::seconds(options_.hold),
-            [this](Connection& from) { heldTooLong(from); }) {
+            [this](Connection& from) { waitedForManager(from); }),
+      linkHold_(loop, std::chrono::seconds(options_.hold), [this](Connection& from) {
+          closeHeld(from, "the other blade's event manager, which takes nothing");
+      }) {
     // Sockets get their mode when they are bound, and are connected to from then on at the latest.
     umask(options_.group.empty() ? 0177 : 0117);
     std::string ownLink = options_.directory + "/" + LINK_SOCKET_NAME;
@@ -54,7 +57,7 @@ Switch::Switch(asio::io_context& loop, SwitchOptions options)
     }
     if (usesLink()) {
         listen(LINK_PORT, ownLink);
-        link_.emplace(loop_, options_.link, options_.queueMax);
+        link_.emplace(loop_, options_.link, options_.queueMax, [this] { linkProgressed(); });
     }
 }
 
@@ -123,11 +126,7 @@ void Switch::accepted(U32_t number, Socket socket) {
     }
     Connection::Callbacks callbacks;
     callbacks.message = [this, number, isLink](Connection& from, std::span<U8_t> message) {
-        if (isLink) {
-            takeFromLink(from, message);
-            return true;
-        }
-        return takeLocal(number, from, message);
+        return isLink ? takeFromLink(from, message) : takeLocal(number, from, message);
     };
     callbacks.batch = [this] { flush(); };
     callbacks.end = [this, number](Connection& from, End end) { ended(number, from, end); };
@@ -168,28 +167,42 @@ void Switch::ended(U32_t number, Connection& connection, End end) {
 bool Switch::takeLocal(U32_t endpoint, Connection& from, std::span<U8_t> message) {
     const auto& header = *reinterpret_cast<const MMCH_t*>(message.data());
     U64_t recipients = recipientsOf(header.recipient_loc_bm);
-    if (mustWait(endpoint, recipients)) {
-        holdSender(from);
+    U64_t others = recipientsOf(header.recipient_ob_bm);
+    // The event manager itself is always read, so that it and the switch cannot wait for each
+    // other.
+    if (endpoint != MANAGER && isForManager(recipients) && !managerHasRoom()) {
+        holdForManager(from);
+        return false;
+    }
+    if (endpoint != MANAGER && isForManager(others) && usesLink() && link_->eventsMustWait()) {
+        holdForLink(from);
         return false;
     }
     ++counters_.messages;
     ++counters_.endpoints.at(endpoint).received;
     Delivery delivery;
     deliver(recipients, message, delivery);
-    if (recipientsOf(header.recipient_ob_bm) != 0 && usesLink()) {
+    if (others != 0 && usesLink()) {
         sendOverLink(message, delivery);
     }
     conclude(from, header, delivery);
     return true;
 }
 
-void Switch::takeFromLink(Connection& from, std::span<U8_t> message) {
+bool Switch::takeFromLink(Connection& from, std::span<U8_t> message) {
     auto& header = *reinterpret_cast<MMCH_t*>(message.data());
+    U64_t recipients = recipientsOf(header.recipient_ob_bm);
+    if (isForManager(recipients) && !managerHasRoom()) {
+        // For as long as it takes: the senders of the other blade are who must not wait for ever.
+        heldLinks_.push_back(from.shared_from_this());
+        return false;
+    }
     ++counters_.linkReceived;
     header.mmsg_cont |= MMSG_E_CONT_OTHER_BLADE;
     Delivery delivery;
-    deliver(recipientsOf(header.recipient_ob_bm), message, delivery);
+    deliver(recipients, message, delivery);
     conclude(from, header, delivery);
+    return true;
 }
 
 void Switch::deliver(U64_t recipients, std::span<const U8_t> message, Delivery& delivery) {

@@ -77,11 +77,14 @@ class Switch {
     void adoptManager(std::shared_ptr<Connection> connection);
     void releaseManager();
     bool takeLocal(U32_t endpoint, Connection& from, std::span<U8_t> message);
-    void takeFromLink(Connection& from, std::span<U8_t> message);
-    bool mustWait(U32_t endpoint, U64_t recipients) const;
-    void holdSender(Connection& from);
+    bool takeFromLink(Connection& from, std::span<U8_t> message);
+    bool managerHasRoom() const { return manager_ && manager_->hasRoom(); }
+    void holdForManager(Connection& from);
+    void holdForLink(Connection& from);
     void managerProgressed();
-    void heldTooLong(Connection& from);
+    void linkProgressed();
+    void waitedForManager(Connection& from);
+    void closeHeld(Connection& from, const std::string& waitedFor);
     void deliver(U64_t recipients, std::span<const U8_t> message, Delivery& delivery);
     void deliverTo(Connection& connection, EndpointCounters& counters,
                    std::span<const U8_t> message, Delivery& delivery);
@@ -100,7 +103,9 @@ class Switch {
     std::vector<Connection*> posted_;     ///< connections that flush() has to do with
     std::shared_ptr<Connection> manager_; ///< the event manager, while it is connected
     OutQueue kept_;                       ///< what an event manager that died had not taken
-    Hold hold_;
+    Hold hold_;                           ///< who waits for the event manager
+    Hold linkHold_;                       ///< who waits for the other blade's
+    std::vector<std::shared_ptr<Connection>> heldLinks_; ///< what the other blade's switch waits on
 };
 
 } // namespace msm

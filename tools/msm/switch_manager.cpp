@@ -2,6 +2,8 @@
 #include "common/say.h"
 #include "switch.h"
 
+#include <utility>
+
 namespace msm {
 
 using tools::say;
@@ -41,14 +43,7 @@ void Switch::releaseManager() {
     manager_.reset();
 }
 
-/** Nothing for the event manager is dropped: its sender waits. The event manager itself is always
- * read, so that the two cannot wait for each other. */
-bool Switch::mustWait(U32_t endpoint, U64_t recipients) const {
-    return ((recipients >> MANAGER) & 1) != 0 && endpoint != MANAGER &&
-           !(manager_ && manager_->hasRoom());
-}
-
-void Switch::holdSender(Connection& from) {
+void Switch::holdForManager(Connection& from) {
     ++counters_.held;
     if (!manager_ && hold_.empty()) {
         say(from.name() + ": waits for an event manager to connect, for " +
@@ -59,6 +54,14 @@ void Switch::holdSender(Connection& from) {
     hold_.add(from.shared_from_this());
 }
 
+void Switch::holdForLink(Connection& from) {
+    ++counters_.held;
+    if (options_.trace) {
+        say(from.name() + ": held, the other blade's event manager is slower");
+    }
+    linkHold_.add(from.shared_from_this());
+}
+
 void Switch::managerProgressed() {
     if (!manager_) {
         return;
@@ -66,14 +69,27 @@ void Switch::managerProgressed() {
     hold_.restart();
     if (manager_->unsent().count() <= options_.queueMax / 2) {
         hold_.release();
+        for (const std::shared_ptr<Connection>& link : std::exchange(heldLinks_, {})) {
+            link->resume();
+        }
     }
 }
 
-void Switch::heldTooLong(Connection& from) {
+void Switch::linkProgressed() {
+    linkHold_.restart();
+    if (link_->eventsHaveRoom()) {
+        linkHold_.release();
+    }
+}
+
+void Switch::waitedForManager(Connection& from) {
+    closeHeld(from, manager_ ? manager_->name() + ", which takes nothing"
+                             : std::string("an event manager, but none is connected"));
+}
+
+void Switch::closeHeld(Connection& from, const std::string& waitedFor) {
     ++counters_.heldTooLong;
-    from.close("closed, it waited " + std::to_string(options_.hold) + " seconds for " +
-               (manager_ ? manager_->name() + ", which takes nothing"
-                         : std::string("an event manager, but none is connected")));
+    from.close("closed, it waited " + std::to_string(options_.hold) + " seconds for " + waitedFor);
 }
 
 } // namespace msm

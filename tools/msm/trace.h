@@ -21,6 +21,11 @@ std::string recipientsText(const U32be_t (&bitmap)[2]);
 /** The endpoints of a bitmap as one number: endpoint n is bit n. */
 U64_t recipientsOf(const U32be_t (&bitmap)[2]);
 
+/** Whether the event manager is one of @p recipients, which are as recipientsOf() tells them. */
+constexpr bool isForManager(U64_t recipients) {
+    return ((recipients >> MMSG_E_EPID_EVENTLOGMP) & 1) != 0;
+}
+
 } // namespace msm
 
 #endif

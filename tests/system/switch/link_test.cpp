@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <memory>
+#include <thread>
 
 using namespace support;
 using testing::HasSubstr;
@@ -14,16 +15,9 @@ namespace {
 /** Two switches in two directories, each told where the other's link is. */
 class Linked : public testing::Test {
   protected:
-    void startFirst() {
-        first = std::make_unique<RunningSwitch>(
-            firstDirectory.path(),
-            std::vector<std::string>{"--link", secondDirectory.file("link")});
-    }
-    void startSecond() {
-        second = std::make_unique<RunningSwitch>(
-            secondDirectory.path(),
-            std::vector<std::string>{"--link", firstDirectory.file("link")});
-    }
+    explicit Linked(std::vector<std::string> options = {}) : options_(std::move(options)) {}
+    void startFirst() { first = start(firstDirectory, secondDirectory); }
+    void startSecond() { second = start(secondDirectory, firstDirectory); }
     void startBoth() {
         startFirst();
         startSecond();
@@ -41,6 +35,42 @@ class Linked : public testing::Test {
     TempDirectory secondDirectory;
     std::unique_ptr<RunningSwitch> first;
     std::unique_ptr<RunningSwitch> second;
+
+  private:
+    std::unique_ptr<RunningSwitch> start(const TempDirectory& own, const TempDirectory& other) {
+        std::vector<std::string> arguments{"--link", other.file("link")};
+        arguments.insert(arguments.end(), options_.begin(), options_.end());
+        return std::make_unique<RunningSwitch>(own.path(), arguments);
+    }
+
+    std::vector<std::string> options_;
+};
+
+/** Far more than sockets and queues of 50 hold. */
+constexpr U32_t MANY = 1500;
+
+Bytes eventForOther(U32_t number) {
+    return makeMmsg({.type = 1, .other = {27}, .handle = number}, Bytes(4000));
+}
+
+class LinkedWithShortQueues : public Linked {
+  protected:
+    explicit LinkedWithShortQueues(const std::string& hold = "60")
+        : Linked({"--queue", "50", "--hold", hold}) {}
+
+    /** Sends events from another thread, since the switch stops reading them. */
+    static std::jthread sendEvents(MmsgClient& sender, U32_t count) {
+        return std::jthread([&sender, count] {
+            for (U32_t i = 0; i < count; ++i) {
+                sender.send(eventForOther(i));
+            }
+        });
+    }
+};
+
+class ImpatientLinked : public LinkedWithShortQueues {
+  protected:
+    ImpatientLinked() : LinkedWithShortQueues("1") {}
 };
 
 /** @p message as it arrives on the other blade. */
@@ -162,4 +192,57 @@ TEST_F(Linked, LinkIsMadeAgainAfterTheOtherSwitchDied) {
         "the link to come back");
     sender.send(makeMmsg({.other = {27}, .handle = 2}));
     EXPECT_EQ(headerOf(there.receive()).handle, 2U);
+}
+
+TEST_F(LinkedWithShortQueues, EventsForAnEventManagerThatIsNotThereYetWaitAndNothingElseDoes) {
+    startBoth();
+    MmsgClient sender = connect(*first, "startup");
+    MmsgClient other = connect(*first, "snmp");
+    MmsgClient otherThere = connect(*second, "smi_ind");
+    std::jthread sending = sendEvents(sender, MANY);
+    first->process().waitForOutput("held, the other blade's event manager is slower");
+    for (U32_t i = 0; i < MANY; ++i) {
+        other.send(makeMmsg({.other = {30}, .handle = i}));
+        ASSERT_EQ(headerOf(otherThere.receive()).handle, i);
+    }
+    MmsgClient manager = connect(*second, "eventlog");
+    for (U32_t i = 0; i < MANY; ++i) {
+        ASSERT_EQ(headerOf(manager.receive()).handle, i);
+    }
+    sending.join();
+    EXPECT_THAT(second->stop(), HasSubstr("eventlog: received 0, delivered 1500, dropped 0"));
+    EXPECT_THAT(first->stop(), HasSubstr("other blade: received 0, sent 3000, dropped 0"));
+}
+
+TEST_F(ImpatientLinked, SenderThatWaitsTooLongForTheOtherBladeIsClosed) {
+    startBoth();
+    MmsgClient sender = connect(*first, "startup");
+    EXPECT_THROW(
+        {
+            for (U32_t i = 0; i < MANY; ++i) {
+                sender.send(eventForOther(i));
+            }
+        },
+        std::exception);
+    first->process().waitForOutput("closed, it waited 1 seconds for the other blade's event "
+                                   "manager, which takes nothing");
+    EXPECT_THAT(first->stop(), HasSubstr("closed after waiting 1,"));
+}
+
+TEST_F(LinkedWithShortQueues, EventsThatWaitForASwitchThatDiesGoToTheNext) {
+    startBoth();
+    MmsgClient sender = connect(*first, "startup");
+    std::jthread sending = sendEvents(sender, MANY);
+    first->process().waitForOutput("held, the other blade's event manager is slower");
+    second->process().signal(SIGKILL);
+    second->process().wait();
+    // Nobody waits for a blade that is not there.
+    sending.join();
+    second.reset();
+    startSecond();
+    MmsgClient manager = connect(*second, "eventlog");
+    U32_t begin = headerOf(manager.receive()).handle;
+    for (U32_t i = 1; i < 50; ++i) {
+        ASSERT_EQ(headerOf(manager.receive()).handle, begin + i);
+    }
 }
