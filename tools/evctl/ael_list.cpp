@@ -1,8 +1,9 @@
 /** evctl ael list and evctl ael show: what the event manager's next start will find. */
 #include "common/names.h"
-#include "evctl/ael_files.h"
 #include "evctl/commands.h"
+#include "evctl/event_view.h"
 #include "evctl/options.h"
+#include "sources/alternate_files.h"
 
 #include <algorithm>
 #include <array>
@@ -14,6 +15,9 @@
 
 namespace evctl {
 namespace {
+
+using sources::AelFate;
+using sources::AelFile;
 
 constexpr char LIST_EXAMPLES[] =
     "The exit status is 1 when the next start will delete something without storing it.\n"
@@ -33,12 +37,13 @@ struct AelOptions {
 
 std::vector<AelFile> filesOf(const AelOptions& options) {
     if (!options.block.given()) {
-        return readAelDirectory(options.directory);
+        return sources::readAelDirectory(options.directory);
     }
     const MPU_PARAMS_t& params = attachParams(options.block);
     try {
-        return readAelDirectory(fieldText(params.nvramDirectory, sizeof(params.nvramDirectory)) +
-                                EMP_AEL_DIRECTORY_NAME);
+        return sources::readAelDirectory(
+            fieldText(params.nvramDirectory, sizeof(params.nvramDirectory)) +
+            EMP_AEL_DIRECTORY_NAME);
     } catch (const std::system_error& problem) {
         if (problem.code() == std::errc::no_such_file_or_directory) {
             return {}; // The first event that is left makes the directory.
@@ -52,7 +57,7 @@ std::string orderText(const AelFile& file) {
 }
 
 std::string verdictText(const AelFile& file) {
-    std::string fate = aelFateName(file.fate);
+    std::string fate = sources::aelFateName(file.fate);
     return file.reason.empty() ? fate : fate + ": " + file.reason;
 }
 
@@ -87,7 +92,7 @@ std::string showLines(const AelFile& file) {
 std::string jsonText(const AelFile& file) {
     Json json = {{"file", nameText(file.name)},
                  {"order", file.order ? Json(*file.order) : Json(nullptr)},
-                 {"fate", aelFateName(file.fate)},
+                 {"fate", sources::aelFateName(file.fate)},
                  {"reason", file.reason.empty() ? Json(nullptr) : Json(file.reason)},
                  {"modified", isoTime(static_cast<U32_t>(file.modified))},
                  {"modifiedSeconds", file.modified},

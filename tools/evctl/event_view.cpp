@@ -48,12 +48,6 @@ Json nameOrNull(const tools::NameTable& names, U32_t value) {
     return names.find(value) != nullptr ? Json(names.brief(value)) : Json(nullptr);
 }
 
-EventView eventOf(const EvlogRecord_t& record) {
-    // A record is its event behind signature, version and checksum.
-    const auto* bytes = reinterpret_cast<const U8_t*>(record.header);
-    return {reinterpret_cast<const EmpEvLogHeader_t*>(bytes + EMP_CRC_START), record.body};
-}
-
 std::string isoTime(U32_t seconds) {
     // Not gmtime: the board's time_t has 32 bits and a sign.
     using namespace std::chrono;

@@ -11,6 +11,7 @@
 #include "common/names.h"
 #include "emp_mesgs.h"
 #include "evlog/evlog.h"
+#include "sources/event.h"
 
 #include <nlohmann/json_fwd.hpp>
 #include <span>
@@ -20,14 +21,8 @@ namespace evctl {
 
 using Json = nlohmann::ordered_json;
 
-/** An event: header and data lie elsewhere. */
-struct EventView {
-    const EmpEvLogHeader_t* header;
-    std::span<const U8_t> data;
-};
-
-/** The event of a record; a dummy entry has no data. */
-EventView eventOf(const EvlogRecord_t& record);
+using sources::eventOf;
+using sources::EventView;
 
 /** Seconds since 1970 as "2006-11-21T14:00:00Z"; the whole range of 32 bits. */
 std::string isoTime(U32_t seconds);

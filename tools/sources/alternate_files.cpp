@@ -1,4 +1,4 @@
-#include "evctl/ael_files.h"
+#include "sources/alternate_files.h"
 
 #include "altEventLog.h"
 #include "mmsg.h"
@@ -14,7 +14,7 @@
 #include <system_error>
 #include <unistd.h>
 
-namespace evctl {
+namespace sources {
 namespace {
 
 // Shorter names are spared, so that "." and ".." are.
@@ -204,4 +204,4 @@ const char* aelFateName(AelFate fate) {
     return names.at(static_cast<size_t>(fate));
 }
 
-} // namespace evctl
+} // namespace sources

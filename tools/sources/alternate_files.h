@@ -5,16 +5,16 @@
  * Everything is only read. Between the look and the start files may come; two files of the same
  * second are replayed in the order in which the directory lists them, which need not stay.
  */
-#ifndef EVCTL_AEL_FILES_H
-#define EVCTL_AEL_FILES_H
+#ifndef SOURCES_ALTERNATE_FILES_H
+#define SOURCES_ALTERNATE_FILES_H
 
-#include "evctl/event_view.h"
+#include "sources/event.h"
 
 #include <optional>
 #include <string>
 #include <vector>
 
-namespace evctl {
+namespace sources {
 
 /** What the next start does with a file. */
 enum class AelFate {
@@ -56,6 +56,6 @@ void judgeAelFile(AelFile& file);
 
 const char* aelFateName(AelFate fate); ///< "stored", "deleted", "stays", "unknown"
 
-} // namespace evctl
+} // namespace sources
 
 #endif

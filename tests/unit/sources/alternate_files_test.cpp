@@ -1,4 +1,4 @@
-#include "evctl/ael_files.h"
+#include "sources/alternate_files.h"
 
 #include "ael_file.h"
 #include "temp_directory.h"
@@ -10,8 +10,8 @@
 #include <system_error>
 #include <unistd.h>
 
-using evctl::AelFate;
-using evctl::AelFile;
+using sources::AelFate;
+using sources::AelFile;
 
 namespace {
 
@@ -26,14 +26,14 @@ class AelFiles : public testing::Test {
         struct timespec times[2] = {{time, 0}, {time, 0}};
         ASSERT_EQ(utimensat(AT_FDCWD, directory_.file(name).c_str(), times, 0), 0);
     }
-    std::vector<AelFile> files() const { return evctl::readAelDirectory(directory_.path()); }
+    std::vector<AelFile> files() const { return sources::readAelDirectory(directory_.path()); }
 
     /** "suffix:fate[:reason]" of each, in order. */
     std::vector<std::string> verdicts() const {
         std::vector<std::string> texts;
         for (const AelFile& file : files()) {
             texts.push_back((file.name.starts_with("kelta") ? file.name.substr(17) : file.name) +
-                            ":" + evctl::aelFateName(file.fate) +
+                            ":" + sources::aelFateName(file.fate) +
                             (file.reason.empty() ? "" : ":" + file.reason));
         }
         return texts;
@@ -132,5 +132,5 @@ TEST_F(AelFiles, OnlyStoredFilesAreNumbered) {
 }
 
 TEST_F(AelFiles, NoDirectoryIsAnError) {
-    EXPECT_THROW(evctl::readAelDirectory(directory_.file("none")), std::system_error);
+    EXPECT_THROW(sources::readAelDirectory(directory_.file("none")), std::system_error);
 }

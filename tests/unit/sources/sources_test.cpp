@@ -1,0 +1,214 @@
+#include "sources/source.h"
+
+#include "../evlog/log_image.h"
+#include "ael_file.h"
+#include "temp_directory.h"
+
+#include <gmock/gmock.h>
+
+#include <fcntl.h>
+#include <random>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using sources::Kind;
+using sources::Merge;
+using sources::openSources;
+using sources::Source;
+using sources::Sources;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+using Ids = std::vector<uint32_t>;
+
+Ids idsOf(Source& source) {
+    Ids ids;
+    while (std::optional<sources::Event> event = source.next()) {
+        ids.push_back(event->view.header->evSequenceId);
+    }
+    return ids;
+}
+
+/** Newest 10 and 11, a gap, oldest 5 and 6. */
+std::string wrappedLog() {
+    test::LogImage log;
+    log.events(10, 2);
+    log.raw(std::string(77, 'g'));
+    log.events(5, 2);
+    log.dummy();
+    log.zerosTo();
+    return log.bytes;
+}
+
+class SourcesOf : public testing::Test {
+  protected:
+    std::string put(const std::string& name, const std::string& bytes) {
+        support::writeFile(directory_.file(name), bytes);
+        return directory_.file(name);
+    }
+    void putAlternate(const std::string& name, const std::string& bytes, time_t time) {
+        struct timespec times[2] = {{time, 0}, {time, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, put(name, bytes).c_str(), times, 0), 0);
+    }
+    std::string refusal(const std::string& path) {
+        try {
+            openSources(path);
+        } catch (const std::runtime_error& error) {
+            return error.what();
+        }
+        return "";
+    }
+
+    support::TempDirectory directory_;
+};
+
+} // namespace
+
+TEST_F(SourcesOf, ALogAreItsEventsOldestFirstAsOftenAsWanted) {
+    Sources found = openSources(put("kelta_eventlog", wrappedLog()));
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_EQ(found[0]->origin().kind, Kind::LOG);
+    EXPECT_EQ(found[0]->origin().name, directory_.file("kelta_eventlog"));
+    EXPECT_THAT(found[0]->problems(), IsEmpty());
+    EXPECT_EQ(idsOf(*found[0]), (Ids{5, 6, 10, 11}));
+    found[0]->rewind();
+    EXPECT_EQ(idsOf(*found[0]), (Ids{5, 6, 10, 11}));
+}
+
+TEST_F(SourcesOf, ALogMayBeReadInTheOrderOfTheFile) {
+    Sources found = openSources(put("log", wrappedLog()), {.fileOrder = true});
+    EXPECT_EQ(idsOf(*found.at(0)), (Ids{10, 11, 5, 6}));
+}
+
+TEST_F(SourcesOf, EventsKnowWhereTheyLie) {
+    Sources found = openSources(put("log", wrappedLog()));
+    std::optional<sources::Event> event = found.at(0)->next();
+    ASSERT_TRUE(event);
+    EXPECT_EQ(event->position, 477U);
+    EXPECT_EQ(event->record->offset, 477U);
+    EXPECT_EQ(event->origin, &found[0]->origin());
+    EXPECT_EQ(event->view.data.size(), 40U);
+}
+
+TEST_F(SourcesOf, DamageIsAProblemAndTheRestIsRead) {
+    std::string bytes = wrappedLog();
+    bytes[800] = static_cast<char>(bytes[800] ^ 1);
+    Sources found = openSources(put("kelta_eventlog.debug", bytes));
+    EXPECT_EQ(found.at(0)->origin().kind, Kind::DAMAGED_COPY);
+    EXPECT_EQ(idsOf(*found[0]), (Ids{5, 10, 11}));
+    EXPECT_THAT(found[0]->problems(), ElementsAre(HasSubstr("offset 677, 200 bytes: ")));
+}
+
+TEST_F(SourcesOf, AnAlternateEventLogFileIsOneEvent) {
+    std::string path = put("kelta_alteventlog7.a", AelFile_t{.sequenceId = 9}.bytes());
+    Sources found = openSources(path);
+    EXPECT_EQ(found.at(0)->origin().kind, Kind::ALTERNATE);
+    EXPECT_EQ(idsOf(*found[0]), Ids{9});
+    Sources damaged = openSources(put("kelta_alteventlog8.a", "short"));
+    EXPECT_EQ(idsOf(*damaged.at(0)), Ids{});
+    EXPECT_THAT(damaged[0]->problems(), ElementsAre("shorter than a record's header"));
+}
+
+TEST_F(SourcesOf, ADirectoryIsAllThatIsInIt) {
+    put("kelta_eventlog", wrappedLog());
+    put("kelta_eventlog.debug", wrappedLog());
+    directory_.makeDirectory("aelfiles");
+    putAlternate("aelfiles/kelta_alteventlog1.b", AelFile_t{.sequenceId = 2}.bytes(), 2000);
+    putAlternate("aelfiles/kelta_alteventlog1.a", AelFile_t{.sequenceId = 3}.bytes(), 1000);
+    putAlternate("aelfiles/kelta_alteventlog\x1B", "short", 500);
+    put("aelfiles/notes", "of somebody");
+    Sources found = openSources(directory_.path());
+    ASSERT_EQ(found.size(), 3U);
+    EXPECT_EQ(found[0]->origin().kind, Kind::DAMAGED_COPY);
+    EXPECT_EQ(found[1]->origin().kind, Kind::LOG);
+    EXPECT_EQ(idsOf(*found[1]), (Ids{5, 6, 10, 11}));
+    EXPECT_EQ(found[2]->origin().kind, Kind::ALTERNATE);
+    EXPECT_EQ(idsOf(*found[2]), (Ids{3, 2}));
+    EXPECT_THAT(found[2]->problems(),
+                ElementsAre("kelta_alteventlog\\x1B: shorter than a record's header"));
+}
+
+TEST_F(SourcesOf, APipeIsTheFileThatComes) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    std::string bytes = wrappedLog().substr(0, 877); // a pipe holds it
+    ASSERT_EQ(write(ends[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    close(ends[1]);
+    Sources found = openSources("/dev/fd/" + std::to_string(ends[0]));
+    close(ends[0]);
+    EXPECT_EQ(idsOf(*found.at(0)), (Ids{5, 6, 10, 11}));
+    EXPECT_THAT(found[0]->problems(), ElementsAre(HasSubstr("file ends before 1600000 bytes")));
+}
+
+TEST_F(SourcesOf, WhatHoldsNoEventsIsRefusedByName) {
+    EXPECT_THAT(refusal("/nowhere/log"), "/nowhere/log: No such file or directory");
+    EXPECT_THAT(refusal(put("text", "hello")), HasSubstr("/text: no event log; it is text"));
+    EXPECT_THAT(refusal(put("empty", "")), HasSubstr("/empty: no event log; it is empty"));
+    EXPECT_THAT(refusal(directory_.makeDirectory("none")), HasSubstr("/none: a directory without"));
+    EXPECT_THAT(refusal("/dev/null"), HasSubstr("/dev/null: no event log; it is empty"));
+    EXPECT_THAT(refusal("/dev/zero"), HasSubstr("/dev/zero: more than 67108864 bytes"));
+}
+
+TEST_F(SourcesOf, AnythingThatIsNoArchiveButSaysSoIsRefused) {
+    std::string fake("SQLite format 3\0rest", 20);
+    EXPECT_NE(refusal(put("events.db", fake)), "");
+    std::span<const U8_t> bytes(reinterpret_cast<const U8_t*>(fake.data()), fake.size());
+    EXPECT_THROW(sources::openBytes("-", {bytes.begin(), bytes.end()}), std::runtime_error);
+}
+
+TEST(Merge, IsOneLineOfTimeInWhichEachSourceKeepsItsOrder) {
+    auto source = [](uint32_t firstId, std::initializer_list<uint32_t> times) {
+        std::string bytes;
+        for (uint32_t time : times) {
+            bytes += test::record({.id = firstId++, .time = time}, "x");
+        }
+        return sources::logSource({}, test::imageOf(bytes));
+    };
+    Sources several;
+    several.push_back(source(10, {100, 300, 200, 400})); // its clock was put back
+    several.push_back(source(20, {100, 250, 300}));
+    several.push_back(source(30, {}));
+    Merge merge(std::move(several));
+    Ids ids;
+    while (std::optional<sources::Event> event = merge.next()) {
+        ids.push_back(event->view.header->evSequenceId);
+    }
+    EXPECT_EQ(ids, (Ids{10, 20, 21, 11, 12, 22, 13}));
+}
+
+TEST(Logs, AreChosenByTheirWholeNames) {
+    std::string bytes = test::record({.id = 1}, "x");
+    std::unique_ptr<Source> source = sources::logSource({}, test::imageOf(bytes));
+    std::optional<sources::Event> event = source->next();
+    ASSERT_TRUE(event);
+    const EmpEvLogHeader_t& header = *event->view.header;
+    EXPECT_TRUE(sources::LogChoice{}.matches(header));
+    EXPECT_TRUE((sources::LogChoice{"CHASSIS-1", "BLADE-A", 2, 7}.matches(header)));
+    EXPECT_FALSE((sources::LogChoice{.enclosure = "CHASSIS"}.matches(header)));
+    EXPECT_FALSE((sources::LogChoice{.blade = "BLADE-AB"}.matches(header)));
+    EXPECT_FALSE((sources::LogChoice{.slot = 1}.matches(header)));
+    EXPECT_FALSE((sources::LogChoice{.instance = 8}.matches(header)));
+}
+
+TEST_F(SourcesOf, DamageAtRandomNeverHarmsTheReader) {
+    std::mt19937 random(4711);
+    const std::string whole = wrappedLog().substr(0, 2000);
+    for (int round = 0; round < 300; round++) {
+        std::string bytes = whole.substr(0, random() % whole.size());
+        for (auto count = random() % 20; count > 0 && !bytes.empty(); count--) {
+            bytes[random() % bytes.size()] = static_cast<char>(random());
+        }
+        for (const char* name : {"log", "kelta_alteventlog1"}) {
+            try {
+                for (auto& source : sources::openBytes(name, {bytes.begin(), bytes.end()})) {
+                    EXPECT_LE(idsOf(*source).size(), 13U);
+                }
+            } catch (const std::runtime_error& error) {
+                EXPECT_THAT(error.what(), HasSubstr("no event log"));
+            }
+        }
+    }
+}

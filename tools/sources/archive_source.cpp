@@ -1,0 +1,99 @@
+/** The logs of an archive. */
+#include "archive.h"
+#include "common/text.h"
+#include "sources/source.h"
+#include "sqlite_store.h"
+
+namespace sources {
+namespace {
+
+using Reader = std::shared_ptr<evarchive::StoreReader>;
+
+/** One log, its generations from old to new. Events of another identity that it holds have a log of
+ * their own, and damaged ones are left out. */
+class ArchiveSource final : public Source {
+  public:
+    ArchiveSource(Origin origin, Reader store, std::vector<evarchive::GenerationKey> generations)
+        : Source(std::move(origin)), store_(std::move(store)),
+          generations_(std::move(generations)) {}
+
+    std::optional<Event> next() override;
+
+    void rewind() override {
+        generation_ = 0;
+        shown_.reset();
+    }
+
+  private:
+    std::optional<evarchive::StoredEvent> step();
+
+    Reader store_;
+    std::vector<evarchive::GenerationKey> generations_;
+    size_t generation_ = 0;
+    std::optional<U32_t> shown_; // the last id of this generation
+};
+
+std::optional<evarchive::StoredEvent> ArchiveSource::step() {
+    while (generation_ < generations_.size()) {
+        auto type = shown_ ? EMP_E_INQUIRY_TYPE_NEXT : EMP_E_INQUIRY_TYPE_FIRST;
+        if (auto event = store_->findEvent(generations_[generation_], type, shown_.value_or(0))) {
+            shown_ = event->sequenceId;
+            return event;
+        }
+        generation_++;
+        shown_.reset();
+    }
+    return std::nullopt;
+}
+
+std::optional<Event> ArchiveSource::next() {
+    while (std::optional<evarchive::StoredEvent> event = step()) {
+        if (evarchive::isWholeEvent(event->image)) {
+            auto image = std::make_shared<const Bytes>(std::move(event->image));
+            return Event{.view = eventOf(*image),
+                         .origin = &origin_,
+                         .position = generations_[generation_].generation,
+                         .storage = image};
+        }
+    }
+    return std::nullopt;
+}
+
+bool matches(const LogChoice& logs, const evarchive::SeriesKey& key) {
+    return logs.enclosure.value_or(key.blade.enclosure) == key.blade.enclosure &&
+           logs.blade.value_or(key.blade.blade) == key.blade.blade &&
+           logs.slot.value_or(key.blade.slot) == key.blade.slot &&
+           logs.instance.value_or(key.instance) == key.instance;
+}
+
+std::string nameOf(const std::string& path, const evarchive::SeriesKey& key) {
+    return path + "/" + tools::escapedText(key.blade.enclosure) + "/" +
+           tools::escapedText(key.blade.blade) + "/" + std::to_string(key.blade.slot) + "/" +
+           std::to_string(key.instance);
+}
+
+} // namespace
+
+Sources archiveSources(const std::string& path, const OpenOptions& options) {
+    Reader store = evarchive::openArchiveForReading(path);
+    std::vector<evarchive::GenerationInfo> listed = store->listGenerations();
+    Sources found;
+    std::vector<evarchive::GenerationKey> generations;
+    for (size_t at = 0; at < listed.size(); at++) {
+        bool isNewest = at + 1 == listed.size() || listed[at + 1].key != listed[at].key;
+        if (isNewest || options.allGenerations) {
+            generations.push_back(listed[at].number);
+        }
+        if (isNewest && matches(options.logs, listed[at].key)) {
+            found.push_back(std::make_unique<ArchiveSource>(
+                Origin{.name = nameOf(path, listed[at].key), .kind = Kind::ARCHIVE}, store,
+                std::move(generations)));
+        }
+        if (isNewest) {
+            generations.clear();
+        }
+    }
+    return found;
+}
+
+} // namespace sources

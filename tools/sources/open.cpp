@@ -1,0 +1,220 @@
+#include "altEventLog.h"
+#include "configuration.h"
+#include "evlog/guess.h"
+#include "sources/source.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <stdexcept>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace sources {
+namespace {
+
+using namespace std::string_view_literals;
+
+// Far more than any log; a stream without end must not take all memory.
+constexpr size_t LONGEST_INPUT = 64U << 20U;
+constexpr char DAMAGED_COPY_SUFFIX[] = ".debug";
+constexpr char GZIP_SUFFIX[] = ".gz";
+
+[[noreturn]] void fail(const std::string& name, const std::string& reason) {
+    throw std::runtime_error(name + ": " + reason);
+}
+
+class Descriptor {
+  public:
+    explicit Descriptor(int number) : number_(number) {}
+    ~Descriptor() {
+        if (number_ > STDERR_FILENO) {
+            close(number_);
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int number() const { return number_; }
+
+  private:
+    int number_;
+};
+
+bool startsWith(std::span<const U8_t> bytes, std::string_view magic) {
+    return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size())
+        .starts_with(magic);
+}
+
+bool isGzip(std::span<const U8_t> bytes) {
+    return startsWith(bytes, "\x1F\x8B"sv);
+}
+
+bool isArchive(std::span<const U8_t> bytes) {
+    return startsWith(bytes, "SQLite format 3\0"sv);
+}
+
+Bytes readAll(const std::string& name, int descriptor) {
+    constexpr size_t piece = 65'536;
+    Bytes bytes;
+    for (;;) {
+        size_t length = bytes.size();
+        bytes.resize(length + piece);
+        ssize_t count = read(descriptor, bytes.data() + length, piece);
+        bytes.resize(length + static_cast<size_t>(std::max<ssize_t>(count, 0)));
+        if (count == 0) {
+            return bytes;
+        }
+        if (count < 0 && errno != EINTR) {
+            fail(name, strerror(errno));
+        }
+        if (bytes.size() > LONGEST_INPUT) {
+            fail(name, "more than " + std::to_string(LONGEST_INPUT) + " bytes");
+        }
+    }
+}
+
+std::string baseName(const std::string& name) {
+    return name.substr(name.rfind('/') + 1);
+}
+
+Origin logOrigin(const std::string& name) {
+    bool isCopy = name.ends_with(DAMAGED_COPY_SUFFIX);
+    return {.name = name, .kind = isCopy ? Kind::DAMAGED_COPY : Kind::LOG};
+}
+
+Sources one(std::unique_ptr<Source> source) {
+    Sources list;
+    list.push_back(std::move(source));
+    return list;
+}
+
+Sources openImage(const std::string& name, EvlogImage_t image, const OpenOptions& options) {
+    if (baseName(name).starts_with(EMP_AEL_FILE_PREFIX)) {
+        return one(
+            alternateFileSource({.name = name, .kind = Kind::ALTERNATE}, std::move(image.bytes)));
+    }
+    if (!evlogIsLog(image)) {
+        fail(name, std::string("no event log; it is ") + evlogGuess(image));
+    }
+    return one(logSource(logOrigin(name), std::move(image), options.fileOrder));
+}
+
+Sources openCompressed(const std::string& name, std::span<const U8_t> bytes,
+                       const OpenOptions& options) {
+    std::optional<std::string> problem;
+    Bytes plain;
+    try {
+        plain = decompress(bytes, LONGEST_INPUT, &problem);
+    } catch (const std::runtime_error& error) {
+        fail(name, error.what());
+    }
+    if (isGzip(plain)) {
+        fail(name, "compressed twice");
+    }
+    if (problem && plain.empty()) {
+        fail(name, *problem);
+    }
+    bool hasSuffix = name.ends_with(GZIP_SUFFIX);
+    Sources found = openBytes(hasSuffix ? name.substr(0, name.size() - strlen(GZIP_SUFFIX)) : name,
+                              std::move(plain), options);
+    if (problem) {
+        found.front()->addProblem(*problem);
+    }
+    return found;
+}
+
+Sources openRegular(const std::string& path, const OpenOptions& options) {
+    EvlogImage_t image;
+    if (int error = evlogLoadFile(path.c_str(), &image); error != 0) {
+        fail(path, strerror(error));
+    }
+    if (isArchive(image.bytes)) {
+        return archiveSources(path, options);
+    }
+    if (image.fileSize == image.bytes.size()) {
+        return isGzip(image.bytes) ? openCompressed(path, image.bytes, options)
+                                   : openImage(path, std::move(image), options);
+    }
+    if (!isGzip(image.bytes)) {
+        return openImage(path, std::move(image), options);
+    }
+    Descriptor descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (descriptor.number() < 0) {
+        fail(path, strerror(errno));
+    }
+    return openCompressed(path, readAll(path, descriptor.number()), options);
+}
+
+void addAlternates(const std::string& directory, Sources& found) {
+    std::unique_ptr<Source> source =
+        alternateDirectorySource({.name = directory, .kind = Kind::ALTERNATE}, directory);
+    if (source) {
+        found.push_back(std::move(source));
+    }
+}
+
+bool isThere(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0;
+}
+
+Sources openDirectory(const std::string& path, const OpenOptions& options) {
+    Sources found;
+    for (const char* name : {EMP_DEBUG_LOG_FILE_NAME, EMP_LOG_FILE_NAME}) {
+        std::string log = path + name;
+        EvlogImage_t image;
+        int error = evlogLoadFile(log.c_str(), &image);
+        if (error == 0) {
+            found.push_back(logSource(logOrigin(log), std::move(image), options.fileOrder));
+        } else if (error != ENOENT) {
+            fail(log, strerror(error));
+        }
+    }
+    addAlternates(path, found);
+    if (std::string below = path + EMP_AEL_DIRECTORY_NAME; isThere(below)) {
+        addAlternates(below, found);
+    }
+    if (found.empty()) {
+        fail(path, "a directory without an event log and without alternate event log files");
+    }
+    return found;
+}
+
+/** Waits for whoever writes into it, as every reader of a pipe does. */
+Sources openPipe(const std::string& path, const OpenOptions& options) {
+    Descriptor descriptor(path == "-" ? STDIN_FILENO
+                                      : open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC));
+    if (descriptor.number() < 0) {
+        fail(path, strerror(errno));
+    }
+    return openBytes(path, readAll(path, descriptor.number()), options);
+}
+
+} // namespace
+
+Sources openBytes(const std::string& name, Bytes bytes, const OpenOptions& options) {
+    if (isGzip(bytes)) {
+        return openCompressed(name, bytes, options);
+    }
+    if (isArchive(bytes)) {
+        fail(name, "an archive is read from its file only");
+    }
+    return openImage(name, evlogImageOf(bytes), options);
+}
+
+Sources openSources(const std::string& path, const OpenOptions& options) {
+    if (path == "-") {
+        return openPipe(path, options);
+    }
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        fail(path, strerror(errno));
+    }
+    if (S_ISDIR(status.st_mode)) {
+        return openDirectory(path, options);
+    }
+    return S_ISREG(status.st_mode) ? openRegular(path, options) : openPipe(path, options);
+}
+
+} // namespace sources

@@ -1,0 +1,126 @@
+/**
+ * @file
+ * Sources of events: log files, their damaged copies, alternate event log files, archives; as
+ * files, directories, standard input or pipes, plain or compressed with gzip.
+ *
+ * Every source gives its events oldest first, in the order of its log, whatever the times in them
+ * say. Nothing is ever written. Any bytes may be given: what cannot be read is a problem of its
+ * source, and the rest is read.
+ */
+#ifndef SOURCES_SOURCE_H
+#define SOURCES_SOURCE_H
+
+#include "sources/event.h"
+
+#include <optional>
+
+namespace sources {
+
+/** One log, or what else keeps events in an order of its own. */
+class Source {
+  public:
+    virtual ~Source() = default;
+
+    /** The next event, which stays valid as long as the source; nothing when there is none. */
+    virtual std::optional<Event> next() = 0;
+
+    /** Begins again with the first event. */
+    virtual void rewind() = 0;
+
+    const Origin& origin() const { return origin_; }
+
+    /** What is wrong in it, a line each, without its name; fit to be shown. */
+    const std::vector<std::string>& problems() const { return problems_; }
+
+    /** What was wrong on the way to it. */
+    void addProblem(const std::string& problem) { problems_.push_back(problem); }
+
+  protected:
+    explicit Source(Origin origin) : origin_(std::move(origin)) {}
+
+    Origin origin_;
+    std::vector<std::string> problems_;
+};
+
+using Sources = std::vector<std::unique_ptr<Source>>;
+
+/** Which logs are meant; what is not given is any. */
+struct LogChoice {
+    std::optional<std::string> enclosure{}; ///< texts up to their NUL
+    std::optional<std::string> blade{};
+    std::optional<U32_t> slot{};
+    std::optional<U32_t> instance{};
+
+    bool matches(const EmpEvLogHeader_t& header) const;
+};
+
+struct OpenOptions {
+    bool fileOrder = false;      ///< logs: in the order of the file
+    LogChoice logs{};            ///< archives: only these logs are opened
+    bool allGenerations = false; ///< archives: also what logs held before they began again
+};
+
+/**
+ * The sources that @p path stands for:
+ * - "-", or a pipe: what comes until its end, as the file that it is;
+ * - a log file, or its damaged copy (a name that ends in ".debug");
+ * - an alternate event log file (a name that begins with "kelta_alteventlog");
+ * - an archive: a source for each log in it;
+ * - one of these but an archive, compressed with gzip;
+ * - a directory: the log file and the damaged copy in it, and the alternate event log files in it
+ *   and in its subdirectory "aelfiles".
+ * Throws std::runtime_error with the name and the reason when it is none of these, holds none, or
+ * cannot be read.
+ */
+Sources openSources(const std::string& path, const OpenOptions& options = {});
+
+/** The sources of a file whose bytes are already in memory, by its name; as openSources(). */
+Sources openBytes(const std::string& name, Bytes bytes, const OpenOptions& options = {});
+
+// --- Single sources ------------------------------------------------------------------------------
+
+/** A log file. Every readable record is given, also what the event manager's next start leaves. */
+std::unique_ptr<Source> logSource(Origin origin, EvlogImage_t image, bool fileOrder = false);
+
+/** One alternate event log file. */
+std::unique_ptr<Source> alternateFileSource(Origin origin, Bytes bytes);
+
+/** The alternate event log files of a directory, in the order of their replay; nullptr when there
+ * is no name in it that one has. Throws std::system_error when it cannot be read. */
+std::unique_ptr<Source> alternateDirectorySource(Origin origin, const std::string& directory);
+
+/** The logs of an archive, of each the generations from old to new. */
+Sources archiveSources(const std::string& path, const OpenOptions& options);
+
+/** What gzip has compressed. Whatever can be had of damaged or cut data is returned.
+ * @param problem receives what is wrong, nothing otherwise. Throws for more than @p most bytes */
+Bytes decompress(std::span<const U8_t> compressed, size_t most,
+                 std::optional<std::string>* problem);
+
+// --- Several sources -----------------------------------------------------------------------------
+
+/** The events of several sources in one line of time. Each source keeps its own order: an event
+ * whose clock had been put back comes right behind the one before it. */
+class Merge {
+  public:
+    explicit Merge(Sources sources);
+
+    std::optional<Event> next();
+
+    const Sources& sources() const { return sources_; }
+
+  private:
+    struct Head {
+        Event event;
+        size_t source;
+    };
+    static bool isLater(const Head& left, const Head& right);
+    void fill(size_t source);
+
+    Sources sources_;
+    std::vector<Head> heads_; // a heap, the earliest on top
+};
+
+} // namespace sources
+
+#endif
