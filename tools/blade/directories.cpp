@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <grp.h>
@@ -17,6 +18,8 @@ namespace blade {
 namespace {
 
 namespace fs = std::filesystem;
+
+std::vector<std::string> made;
 
 constexpr int LOOK = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
@@ -50,7 +53,9 @@ class Place {
     /** Goes down into a directory, which is made if it is missing; never through a link. */
     void enter(const std::string& name) {
         std::string path = (path_ == "/" ? "" : path_) + "/" + name;
-        if (mkdirat(descriptor_, name.c_str(), 0700) != 0 && errno != EEXIST) {
+        if (mkdirat(descriptor_, name.c_str(), 0700) == 0) {
+            noteMade(path);
+        } else if (errno != EEXIST) {
             // Also what exists may be refused so, such as by a read-only file system.
             int error = errno;
             struct stat status {};
@@ -128,6 +133,21 @@ fs::path cutOff(fs::path& path, size_t depth) {
 }
 
 } // namespace
+
+void noteMade(const std::string& path) {
+    made.push_back(path);
+}
+
+void takeBackMade() {
+    for (; !made.empty(); made.pop_back()) {
+        struct stat status {};
+        const char* path = made.back().c_str();
+        if (rmdir(path) != 0 && errno == ENOTDIR && lstat(path, &status) == 0 &&
+            S_ISREG(status.st_mode) && status.st_size == 0) {
+            unlink(path);
+        }
+    }
+}
 
 std::string ownDirectory(const std::string& path, size_t ownDepth, const std::string& group) {
     fs::path above = fs::absolute(path).lexically_normal();

@@ -22,6 +22,13 @@ namespace blade {
  */
 std::string ownDirectory(const std::string& path, size_t ownDepth, const std::string& group = "");
 
+/** Remembers that this process made a directory or a file, for takeBackMade(). */
+void noteMade(const std::string& path);
+
+/** A start that was refused: removes what this process made, newest first, as far as it is empty.
+ */
+void takeBackMade();
+
 /** Throws BladeError when @p path is there and is not a regular file of this user's own. */
 void requireOwnFile(const std::string& path);
 

@@ -3,6 +3,7 @@
 #include "common/descriptors.h"
 #include "common/names.h"
 #include "common/say.h"
+#include "directories.h"
 
 #include <exception>
 #include <iterator>
@@ -189,6 +190,7 @@ int main(int argc, char** argv) {
         Blade blade(loop, options);
         return blade.run();
     } catch (const std::exception& error) {
+        blade::takeBackMade();
         return tools::sayCouldNot("blade", error.what());
     }
 }

@@ -1,6 +1,7 @@
 #include "rotating_file.h"
 
 #include "common/say.h"
+#include "directories.h"
 #include "error.h"
 
 #include <cerrno>
@@ -16,6 +17,9 @@ namespace blade {
 
 RotatingFile::RotatingFile(std::string path, U64_t sizeMax, U32_t keep)
     : path_(std::move(path)), sizeMax_(sizeMax), keep_(keep) {
+    if (access(path_.c_str(), F_OK) != 0) {
+        noteMade(path_);
+    }
     if (!reopen(0)) {
         throw BladeError("cannot write " + path_ + ": " + strerror(errno));
     }

@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 
 #include <grp.h>
 #include <sys/stat.h>
@@ -26,9 +27,11 @@ class PreparedBase : public testing::Test {
     }
 
     /** Runs the blade, which must refuse. @return what it says on standard error */
-    std::string refusal(const std::string& name = "base") {
-        Process process(bladeCommand(top.file(name), key.text(), {"--emp", standIn()}),
-                        top.file("refused"));
+    std::string refusal(const std::string& name = "base") { return refusalWith({}, name); }
+
+    std::string refusalWith(std::vector<std::string> arguments, const std::string& name = "base") {
+        arguments.insert(arguments.end(), {"--emp", standIn()});
+        Process process(bladeCommand(top.file(name), key.text(), arguments), top.file("refused"));
         EXPECT_EQ(process.wait(), exitedWith(2));
         EXPECT_FALSE(key.exists());
         EXPECT_EQ(readFile(top.file("precious/file")), "content");
@@ -62,6 +65,21 @@ TEST_F(PreparedBase, ThatIsALinkIsRefused) {
     linkTo("precious", "link");
     EXPECT_THAT(refusal("link"), HasSubstr(top.file("link") + " is a link"));
     EXPECT_NE(access(top.file("precious/slot0").c_str(), F_OK), 0);
+}
+
+TEST_F(PreparedBase, IsLeftAsItWasByAStartThatIsRefused) {
+    makeTree("base/slot0");
+    EXPECT_THAT(refusalWith({"--msm-log", top.file("none/msm.log")}),
+                HasSubstr("cannot write " + top.file("none/msm.log")));
+    EXPECT_TRUE(std::filesystem::is_empty(top.file("base/slot0")));
+    EXPECT_EQ(access(top.file("base/slot0").c_str(), F_OK), 0);
+}
+
+TEST_F(PreparedBase, KeepsWhatIsInItWhenAStartIsRefused) {
+    makeTree("base/slot0/log");
+    writeFile(top.file("base/slot0/log/emp.log"), "");
+    refusalWith({"--msm-log", top.file("none/msm.log")});
+    EXPECT_EQ(access(top.file("base/slot0/log/emp.log").c_str(), F_OK), 0);
 }
 
 TEST_F(PreparedBase, ThatOthersMayWriteToIsRefused) {
