@@ -13,6 +13,9 @@ constexpr std::size_t KNOWN_SERIES = 100'000;
 // A run is written down when it has grown by so much: a start walks from there.
 constexpr U32_t RUN_GROWTH_NOTED = 4096;
 
+// Stands for the link of a blade that speaks on one of another process.
+constexpr LinkNumber ELSEWHERE = ~LinkNumber{0};
+
 std::string printable(const std::string& text) {
     std::string shown = text.empty() ? "\"\"" : text;
     std::ranges::replace_if(
@@ -48,6 +51,27 @@ std::string nameOf(const SeriesKey& series) {
     return nameOf(series.blade) + " instance " + std::to_string(series.instance);
 }
 
+U32_t Share::shareOf(const BladeKey& blade, U32_t shares) {
+    const std::hash<std::string> hash;
+    const std::size_t mixed = hash(blade.enclosure) * 31 + hash(blade.blade) * 7 + blade.slot;
+    return static_cast<U32_t>(mixed % shares);
+}
+
+ArchiveCounts& ArchiveCounts::operator+=(const ArchiveCounts& other) {
+    stored += other.stored;
+    bytes += other.bytes;
+    duplicates += other.duplicates;
+    generations += other.generations;
+    gaps += other.gaps;
+    strangers += other.strangers;
+    setAside += other.setAside;
+    refused += other.refused;
+    statusAnswers += other.statusAnswers;
+    found += other.found;
+    notFound += other.notFound;
+    return *this;
+}
+
 Archive::Archive(Store& store, const ArchiveSettings& settings, Say say)
     : store_(store), settings_(settings), say_(std::move(say)),
       rows_(settings.rowLimit > 0 ? store.rowCount() : 0), committedRows_(rows_) {}
@@ -56,14 +80,28 @@ Filed Archive::fileEvent(LinkNumber link, View body, Certainty certainty) {
     ensureTransaction();
     const U32_t id = imageOf<EmpEvLogHeader_t>(body).evSequenceId;
     Speaker& speaker = speakerOf(link, body);
-    const Arrival arrival{body, certainty, !speaker.isStranger, isSuperseded(speaker, link)};
-    const Filed filed = fileIn({*speaker.series, arrival, true, id});
-    if (!speaker.isStranger || filed == Filed::REFUSED) {
+    Series& series = *speaker.series;
+    const Arrival arrival{body, certainty, !speaker.isStranger && mayOpen(speaker, series),
+                          isSuperseded(speaker, link)};
+    const bool isOurs = settings_.share.has(series.key.blade);
+    const Filed filed = isOurs ? fileIn({series, arrival, true, id}) : Filed::LEFT;
+    if (!speaker.isStranger || filed == Filed::REFUSED || !settings_.share.has(*speaker.blade)) {
         return filed;
     }
-    counts_.strangers += certainty == Certainty::CERTAIN ? 1 : 0;
+    return fileForSpeaker(speaker, arrival, id);
+}
+
+Filed Archive::fileForSpeaker(const Speaker& speaker, const Arrival& arrival, U32_t id) {
+    counts_.strangers += arrival.certainty == Certainty::CERTAIN ? 1 : 0;
     Series& ownLog = seriesOf({*speaker.blade, speaker.series->key.instance});
-    return fileIn({ownLog, {body, certainty, true, arrival.isSuperseded}, false, id});
+    Arrival inOwnLog = arrival;
+    inOwnLog.mayOpen = mayOpen(speaker, ownLog);
+    return fileIn({ownLog, inOwnLog, false, id});
+}
+
+// Of a shared engine only the holder of a claim knows that the log is the one of now.
+bool Archive::mayOpen(const Speaker& speaker, const Series& series) const {
+    return !store_.isShared() || (speaker.claimed != 0 && speaker.claimed == series.newest.series);
 }
 
 Archive::Speaker& Archive::speakerOf(LinkNumber link, View body) {
@@ -115,11 +153,7 @@ Filed Archive::act(const Filing& filing, Fate fate, const Place& place) {
     case Fate::STORE:
         return store(filing);
     case Fate::DUPLICATE:
-        ++counts_.duplicates;
-        ++series.duplicates;
-        hasDuplicates_.insert(&series);
-        touch(series);
-        return Filed::DUPLICATE;
+        return dropDuplicate(series);
     case Fate::CONFIRM:
         store_.confirmEvent(series.newest, filing.id);
         extendRun(series, filing.id);
@@ -131,11 +165,22 @@ Filed Archive::act(const Filing& filing, Fate fate, const Place& place) {
     case Fate::OPEN_GENERATION:
         return openAndStore(filing);
     case Fate::SET_ASIDE:
+        if (store_.isShared() && store_.isHeld(series.newest.series, filing.arrival.image)) {
+            return dropDuplicate(series);
+        }
         setAside(series, reasonOf(filing.arrival), filing.arrival.image, filing.own);
         return Filed::SET_ASIDE;
     default:
         return Filed::LEFT;
     }
+}
+
+Filed Archive::dropDuplicate(Series& series) {
+    ++counts_.duplicates;
+    ++series.duplicates;
+    hasDuplicates_.insert(&series);
+    touch(series);
+    return Filed::DUPLICATE;
 }
 
 Filed Archive::refuse() {
@@ -225,8 +270,10 @@ void Archive::takeBack(LinkNumber link, View body) {
     ensureTransaction();
     const U32_t id = imageOf<EmpEvLogHeader_t>(body).evSequenceId;
     Speaker& speaker = speakerOf(link, body);
-    takeBackFrom(*speaker.series, id, body);
-    if (speaker.isStranger) {
+    if (settings_.share.has(speaker.series->key.blade)) {
+        takeBackFrom(*speaker.series, id, body);
+    }
+    if (speaker.isStranger && settings_.share.has(*speaker.blade)) {
         takeBackFrom(seriesOf({*speaker.blade, speaker.series->key.instance}), id, body);
     }
 }
@@ -266,19 +313,50 @@ void Archive::setAside(const Series& series, Aside reason, View image, bool own)
 StatusVerdict Archive::answerStatus(LinkNumber link, const EmpGetEvArchiverStatusMsg_t& request) {
     const SeriesKey key{bladeOf(request), request.evInstanceNumber};
     ++counts_.statusAnswers;
-    Speaker& speaker = speakers_[link];
-    speaker.blade = key.blade;
-    speaker.series = nullptr;
-    LinkNumber& owner = owners_[key.blade];
-    ownersBefore_.emplace_back(key.blade, owner);
-    owner = link;
-    Series* series = findSeries(key);
+    Series* series = store_.isShared() ? &claim(speakers_[link], key) : findSeries(key);
+    setOwner(link, key.blade);
     const StatusVerdict verdict = series == nullptr ? NOTHING_HELD : verdictFor(request, *series);
     say(Level::INFO, nameOf(key) + " from id " + std::to_string(U32_t{request.evSequenceIdFirst}) +
                          (verdict == NOTHING_HELD
                               ? ", nothing of it claimed"
                               : ", claimed to id " + std::to_string(verdict.sequenceIdLast)));
     return verdict;
+}
+
+void Archive::noteSpeaker(LinkNumber link, const BladeKey& blade) {
+    setOwner(link, blade);
+}
+
+void Archive::setOwner(LinkNumber link, const BladeKey& blade) {
+    Speaker& speaker = speakers_[link];
+    speaker.blade = blade;
+    speaker.series = nullptr;
+    LinkNumber& owner = owners_[blade];
+    ownersBefore_.emplace_back(blade, owner);
+    owner = link;
+}
+
+// What was known by heart may be what it was before another process had the blade.
+Archive::Series& Archive::claim(Speaker& speaker, const SeriesKey& key) {
+    const Claim claimed = store_.claim(key);
+    speaker.claimed = claimed.series;
+    Series& series = series_[key];
+    series = load(key, claimed);
+    return series;
+}
+
+std::vector<LinkNumber> Archive::loseClaims(const std::vector<SeriesNumber>& lost) {
+    std::vector<LinkNumber> links;
+    for (auto& [link, speaker] : speakers_) {
+        if (speaker.claimed != 0 && std::ranges::count(lost, speaker.claimed) > 0) {
+            LinkNumber& owner = owners_[*speaker.blade];
+            if (owner == link) {
+                owner = ELSEWHERE;
+                links.push_back(link);
+            }
+        }
+    }
+    return links;
 }
 
 StatusVerdict Archive::verdictFor(const EmpGetEvArchiverStatusMsg_t& request, Series& series) {
@@ -338,10 +416,9 @@ std::optional<StoredEvent> Archive::answerInquiry(const EmpEvInquiryMsg_t& inqui
     const SeriesKey key{
         {textOf(inquiry.evEnclosureId), textOf(inquiry.evBladeId), inquiry.evSlotId},
         inquiry.evInstanceNumber};
-    const Series* series = findSeries(key);
+    const auto newest = newestOf(key);
     const auto type = static_cast<EMP_INQUIRY_TYPE_e>(U32_t{inquiry.evInquiryType});
-    auto event = series != nullptr ? store_.findEvent(series->newest, type, inquiry.evSeqIdInquiry)
-                                   : std::nullopt;
+    auto event = newest ? store_.findEvent(*newest, type, inquiry.evSeqIdInquiry) : std::nullopt;
     if (event && !isWholeEvent(event->image)) {
         say(Level::WARNING,
             nameOf(key) + ": event " + std::to_string(event->sequenceId) + " is damaged");
@@ -351,18 +428,36 @@ std::optional<StoredEvent> Archive::answerInquiry(const EmpEvInquiryMsg_t& inqui
     return event;
 }
 
+std::optional<GenerationKey> Archive::newestOf(const SeriesKey& key) {
+    if (!store_.isShared()) {
+        const Series* series = findSeries(key);
+        return series != nullptr ? std::optional(series->newest) : std::nullopt;
+    }
+    const auto number = store_.findSeries(key);
+    const auto newest = number ? store_.newestGeneration(*number) : std::nullopt;
+    return newest ? std::optional(newest->number) : std::nullopt;
+}
+
 void Archive::endLink(LinkNumber link) {
-    const auto speaker = speakers_.find(link);
-    if (speaker == speakers_.end()) {
-        return;
-    }
-    if (speaker->second.blade) {
-        const auto owner = owners_.find(*speaker->second.blade);
-        if (owner != owners_.end() && owner->second == link) {
-            owners_.erase(owner);
+    ended_.push_back(link);
+}
+
+// Not before the commit: what came on the link may have to be done again.
+void Archive::dropEnded() {
+    for (const LinkNumber link : ended_) {
+        const auto speaker = speakers_.find(link);
+        if (speaker == speakers_.end()) {
+            continue;
         }
+        if (speaker->second.blade) {
+            const auto owner = owners_.find(*speaker->second.blade);
+            if (owner != owners_.end() && owner->second == link) {
+                owners_.erase(owner);
+            }
+        }
+        speakers_.erase(speaker);
     }
-    speakers_.erase(speaker);
+    ended_.clear();
 }
 
 Archive::Series& Archive::seriesOf(const SeriesKey& key) {
@@ -380,8 +475,13 @@ Archive::Series* Archive::findSeries(const SeriesKey& key) {
     if (!number) {
         return nullptr;
     }
-    Series series{.key = key, .newest = {*number, 0}};
-    if (const auto newest = store_.newestGeneration(*number)) {
+    Series series = load(key, {*number, store_.newestGeneration(*number)});
+    return &series_.emplace(key, std::move(series)).first->second;
+}
+
+Archive::Series Archive::load(const SeriesKey& key, const Claim& claim) {
+    Series series{.key = key, .newest = {claim.series, 0}};
+    if (const auto& newest = claim.newest) {
         series.newest = newest->number;
         series.highestId = store_.highestId(series.newest);
         if (newest->proven && newest->proven->last <= series.highestId.value_or(0)) {
@@ -389,7 +489,7 @@ Archive::Series* Archive::findSeries(const SeriesKey& key) {
             series.notedTo = newest->proven->last;
         }
     }
-    return &series_.emplace(key, std::move(series)).first->second;
+    return series;
 }
 
 void Archive::forget() {
@@ -425,6 +525,7 @@ void Archive::commit() {
     committedRows_ = rows_;
     clearedNow_.clear();
     ownersBefore_.clear();
+    dropEnded();
     for (const auto& [level, text] : std::exchange(lines_, {})) {
         say_(level, text);
     }
@@ -447,6 +548,7 @@ void Archive::abandon() noexcept {
         owners_[before->first] = before->second;
     }
     ownersBefore_.clear();
+    ended_.clear();
     for (const SeriesKey& key : clearedNow_) {
         cleared_.erase(key);
     }

@@ -18,10 +18,20 @@ namespace evarchive {
 /** A link's number, never given twice in one run; 0: none. */
 using LinkNumber = U64_t;
 
+/** Which blades' logs are an archive's: all of a blade's are in one share. */
+struct Share {
+    U32_t number = 0;
+    U32_t of = 1; ///< shares that there are
+
+    bool has(const BladeKey& blade) const { return of == 1 || shareOf(blade, of) == number; }
+    static U32_t shareOf(const BladeKey& blade, U32_t shares);
+};
+
 /** What an operator sets. */
 struct ArchiveSettings {
     U64_t rowLimit = 0; ///< events kept at most, further ones are refused; 0: no limit
     Clear clear = Clear::NOTHING;
+    Share share = {};
 };
 
 /** What happened to an event. */
@@ -47,6 +57,8 @@ struct ArchiveCounts {
     U64_t statusAnswers = 0;
     U64_t found = 0;    ///< inquiries answered with an event
     U64_t notFound = 0; ///< inquiries answered with return code 2
+
+    ArchiveCounts& operator+=(const ArchiveCounts& other);
 };
 
 /** Who speaks on a link, as its status request said. */
@@ -59,8 +71,12 @@ std::string nameOf(const BladeKey& blade);
 std::string nameOf(const SeriesKey& series);
 
 /**
- * The archive. All calls but abandon() throw StoreError when the storage fails; abandon() is then
- * the next call, and everything since the last commit() has to be done again.
+ * The archive. All calls but abandon() throw StoreError when the storage fails, and StoreConflict
+ * when another process is in the way; abandon() is then the next call, and everything since the
+ * last commit() has to be done again.
+ *
+ * Several archives can share the work, each with a storage of its own. What an event means for logs
+ * of another share is left to the archive that has them; each is given the event.
  */
 class Archive {
   public:
@@ -84,6 +100,9 @@ class Archive {
     /** An event that was filed without a border behind it turns out to be damaged. */
     void takeBack(LinkNumber link, View body);
 
+    /** Whether a status request takes a commit() for itself: one before it and one behind. */
+    bool isClaimedAlone() const { return store_.isShared(); }
+
     /**
      * Answers a status request; the answer must not leave before the next commit(). From now on
      * the link is the one that its blade speaks on.
@@ -97,8 +116,18 @@ class Archive {
      */
     std::optional<StoredEvent> answerInquiry(const EmpEvInquiryMsg_t& inquiry);
 
+    /** A blade of another share has sent a status request on the link. */
+    void noteSpeaker(LinkNumber link, const BladeKey& blade);
+
     /** The link is gone; its number does not come again. */
     void endLink(LinkNumber link);
+
+    /**
+     * The blades of these series speak elsewhere by now, see StoreConflict. What still comes here
+     * from them is treated so.
+     * @return the links that they spoke on
+     */
+    std::vector<LinkNumber> loseClaims(const std::vector<SeriesNumber>& lost);
 
     /** Makes everything since the last commit safe. */
     void commit();
@@ -136,6 +165,7 @@ class Archive {
     /** What is known of a link. */
     struct Speaker {
         std::optional<BladeKey> blade;
+        SeriesNumber claimed = 0; ///< of a shared engine
         Identity identity{};      ///< of its last event
         Series* series = nullptr; ///< where that belongs; none after forget()
         bool isStranger = false;  ///< whether that bears another identity than the link's blade
@@ -150,6 +180,12 @@ class Archive {
     };
 
     Speaker& speakerOf(LinkNumber link, View body);
+    Filed fileForSpeaker(const Speaker& speaker, const Arrival& arrival, U32_t id);
+    bool mayOpen(const Speaker& speaker, const Series& series) const;
+    void setOwner(LinkNumber link, const BladeKey& blade);
+    std::optional<GenerationKey> newestOf(const SeriesKey& key);
+    Series load(const SeriesKey& key, const Claim& claim);
+    Series& claim(Speaker& speaker, const SeriesKey& key);
     bool isSuperseded(const Speaker& speaker, LinkNumber link) const;
     Filed fileIn(const Filing& filing);
     Place placeOf(const Series& series, U32_t id, std::optional<StoredEvent>& held);
@@ -159,9 +195,11 @@ class Archive {
     void takeBackFrom(Series& series, U32_t id, View body);
     void removeFrom(Series& series, U32_t id);
     void setAside(const Series& series, Aside reason, View image, bool own);
+    Filed dropDuplicate(Series& series);
     Filed refuse();
     void openGeneration(Series& series);
     void touch(Series& series);
+    void dropEnded();
     static void extendRun(Series& series, U32_t id);
     void noteGap(const Series& series, U32_t id);
     IdRun runFrom(Series& series, U32_t first);
@@ -184,6 +222,7 @@ class Archive {
     std::unordered_map<LinkNumber, Speaker> speakers_;
     std::map<BladeKey, LinkNumber> owners_;                     ///< on which link each blade speaks
     std::vector<std::pair<BladeKey, LinkNumber>> ownersBefore_; ///< those of the last commit
+    std::vector<LinkNumber> ended_;                             ///< since the last commit
     std::set<Series*> hasDuplicates_;
     std::set<GenerationKey> touched_;
     std::set<SeriesKey> cleared_;

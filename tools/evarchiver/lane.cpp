@@ -14,6 +14,9 @@ constexpr std::chrono::milliseconds COMMIT_TIME{100};
 constexpr std::chrono::milliseconds FIRST_DELAY{100};
 constexpr std::chrono::milliseconds LONGEST_DELAY{2000};
 
+// Before the first repeat of what met the work of another process.
+constexpr std::chrono::milliseconds CONFLICT_DELAY{1};
+
 // Between two lines that say so.
 constexpr std::chrono::seconds SAY_AGAIN{60};
 
@@ -39,9 +42,21 @@ Certainty certaintyOf(Batch::Kind kind) {
 
 } // namespace
 
-void Batch::add(LinkNumber link, Kind kind, View body) {
+LaneState& LaneState::operator+=(const LaneState& other) {
+    counts += other.counts;
+    spooled += other.spooled;
+    isAway = isAway || other.isAway;
+    commits += other.commits;
+    commitSeconds += other.commitSeconds;
+    worstCommit = std::max(worstCommit, other.worstCommit);
+    expired += other.expired;
+    bytesUsed = std::max(bytesUsed, other.bytesUsed); // each sees the whole archive
+    return *this;
+}
+
+void Batch::add(LinkNumber link, Kind kind, View body, U32_t ticket) {
     requests_.push_back(
-        {link, kind, static_cast<U32_t>(bytes_.size()), static_cast<U32_t>(body.size())});
+        {link, kind, static_cast<U32_t>(bytes_.size()), static_cast<U32_t>(body.size()), ticket});
     bytes_.insert(bytes_.end(), body.begin(), body.end());
     isUrgent_ = isUrgent_ || kind == Kind::STATUS || kind == Kind::INQUIRY;
 }
@@ -85,12 +100,20 @@ LaneState Lane::state() {
 }
 
 bool Lane::stop(std::chrono::milliseconds patience) {
+    beginStop(Clock::now() + patience);
+    return finishStop();
+}
+
+void Lane::beginStop(Clock::time_point deadline) {
     {
         const std::lock_guard lock(mutex_);
         isStopping_ = true;
-        deadline_ = Clock::now() + patience;
+        deadline_ = deadline;
     }
     wake_.notify_one();
+}
+
+bool Lane::finishStop() {
     if (thread_.joinable()) {
         thread_.join();
     }
@@ -105,6 +128,8 @@ void Lane::run() {
                 retain();
             } catch (const StoreError& error) {
                 undo(error);
+            } catch (const StoreConflict& conflict) {
+                undo(conflict);
             }
             publish();
         }
@@ -116,6 +141,8 @@ void Lane::run() {
         archive_.abandon();
         isSafe_ = false;
         callbacks_.failed(error.what());
+    } catch (const StoreConflict&) {
+        archive_.abandon(); // of the runs, which the next start finds by itself
     }
     publish();
 }
@@ -166,9 +193,13 @@ void Lane::workOff() {
         Batch& batch = *work_[batchAt_];
         while (requestAt_ < batch.requests().size()) {
             Batch::Request& request = batch.requests()[requestAt_];
+            const bool isAlone = request.kind == Batch::Kind::STATUS && archive_.isClaimedAlone();
+            if (isAlone) {
+                commit();
+            }
             work(request, batch.bodyOf(request));
             ++requestAt_;
-            if (uncommitted_ >= settings_.batch) {
+            if (isAlone || uncommitted_ >= settings_.batch) {
                 commit();
             }
         }
@@ -191,13 +222,17 @@ void Lane::work(Batch::Request& request, View body) {
         break;
     case Batch::Kind::STATUS:
         held_.push_back(
-            {request.link, Reply::Kind::STATUS,
+            {request.link, Reply::Kind::STATUS, request.ticket,
              archive_.answerStatus(request.link, imageOf<EmpGetEvArchiverStatusMsg_t>(body))});
+        break;
+    case Batch::Kind::SPEAKER:
+        archive_.noteSpeaker(request.link, bladeOf(imageOf<EmpGetEvArchiverStatusMsg_t>(body)));
         break;
     case Batch::Kind::INQUIRY:
         // It has no part in what is to be committed, so it need not wait.
         callbacks_.deliver({{request.link,
                              Reply::Kind::INQUIRY,
+                             request.ticket,
                              {},
                              archive_.answerInquiry(imageOf<EmpEvInquiryMsg_t>(body))}});
         request.kind = Batch::Kind::DONE;
@@ -219,7 +254,7 @@ void Lane::fileEvent(LinkNumber link, View body, Certainty certainty) {
     if (filed == Filed::NEW_GENERATION) {
         held_.push_back({link, Reply::Kind::RESEND});
     } else if (filed == Filed::REFUSED) {
-        held_.push_back({link, Reply::Kind::CLOSE});
+        held_.push_back({link, Reply::Kind::FULL});
     }
 }
 
@@ -268,11 +303,8 @@ void Lane::undo(const StoreError& error) {
     if (!error.isPassing()) {
         throw error;
     }
-    held_.clear();
-    uncommitted_ = 0;
-    batchAt_ = 0;
-    requestAt_ = committedTo_;
-    backOff();
+    rewind();
+    delay_ = std::clamp(delay_ * 2, FIRST_DELAY, LONGEST_DELAY);
     const bool isNew = !isAway_.exchange(true);
     if (isNew || Clock::now() >= saidAway_ + SAY_AGAIN) {
         saidAway_ = Clock::now();
@@ -280,8 +312,24 @@ void Lane::undo(const StoreError& error) {
     }
 }
 
-void Lane::backOff() {
-    delay_ = delay_.count() == 0 ? FIRST_DELAY : std::min(delay_ * 2, LONGEST_DELAY);
+void Lane::undo(const StoreConflict& conflict) {
+    archive_.abandon();
+    rewind();
+    delay_ = std::clamp(delay_ * 2, CONFLICT_DELAY, LONGEST_DELAY);
+    std::vector<Reply> superseded;
+    for (const LinkNumber link : archive_.loseClaims(conflict.lost())) {
+        superseded.push_back({link, Reply::Kind::SUPERSEDED});
+    }
+    if (!superseded.empty()) {
+        callbacks_.deliver(std::move(superseded));
+    }
+}
+
+void Lane::rewind() {
+    held_.clear();
+    uncommitted_ = 0;
+    batchAt_ = 0;
+    requestAt_ = committedTo_;
 }
 
 void Lane::publish() {

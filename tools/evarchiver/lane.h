@@ -31,6 +31,7 @@ class Batch {
         ENDED,     ///< an event with nothing behind it for ever
         TAKE_BACK, ///< an event that was no such thing
         STATUS,    ///< EmpGetEvArchiverStatusMsg_t
+        SPEAKER,   ///< the same, which another lane answers
         INQUIRY,   ///< EmpEvInquiryMsg_t
         END_OF_LINK,
         DONE, ///< answered already: nothing is left to do when the work is repeated
@@ -41,9 +42,11 @@ class Batch {
         Kind kind = Kind::EVENT;
         U32_t offset = 0;
         U32_t size = 0;
+        U32_t ticket = 0;
     };
 
-    void add(LinkNumber link, Kind kind, View body);
+    /** @param ticket comes back with the reply */
+    void add(LinkNumber link, Kind kind, View body, U32_t ticket = 0);
 
     /** Whether somebody waits for an answer. */
     bool isUrgent() const { return isUrgent_; }
@@ -66,22 +69,25 @@ class Batch {
     bool isUrgent_ = false;
 };
 
-/** What a lane says to a link. Answers come in the order of the requests. */
+/** What a lane says to a link. An inquiry waits for no commit, so its answer can come before that
+ * of an earlier status request. */
 struct Reply {
     enum class Kind : U8_t {
-        STATUS,  ///< answer to a status request
-        INQUIRY, ///< answer to an inquiry
-        RESEND,  ///< a generation was opened: the blade shall send all its log again
-        CLOSE,   ///< the archive is full
+        STATUS,     ///< answer to a status request
+        INQUIRY,    ///< answer to an inquiry
+        RESEND,     ///< a generation was opened: the blade shall send all its log again
+        FULL,       ///< the archive is: the link is to end
+        SUPERSEDED, ///< the blade speaks on a link of another process: this one is to end
     };
 
     LinkNumber link = 0;
     Kind kind = Kind::STATUS;
+    U32_t ticket = 0;                      ///< STATUS, INQUIRY: the request's
     StatusVerdict verdict = {};            ///< STATUS
     std::optional<StoredEvent> event = {}; ///< INQUIRY: what was found
 };
 
-/** How a lane is. */
+/** How a lane is, or several are together. */
 struct LaneState {
     ArchiveCounts counts;
     std::size_t spooled = 0; ///< bytes of work that is not committed yet
@@ -91,6 +97,9 @@ struct LaneState {
     double worstCommit = 0;   ///< seconds, of the slowest one
     U64_t expired = 0;        ///< events that retention took
     U64_t bytesUsed = 0;      ///< by the archive, at the last look
+
+    /** Two lanes of one archive. */
+    LaneState& operator+=(const LaneState& other);
 };
 
 /** What a lane is set to. */
@@ -130,6 +139,10 @@ class Lane {
      * thread. @return whether all of it is safe */
     bool stop(std::chrono::milliseconds patience);
 
+    /** The two halves of stop(), for several lanes that end at one time. */
+    void beginStop(std::chrono::steady_clock::time_point deadline);
+    bool finishStop();
+
     /** The holes in what was filed since the start. Only after stop(). */
     U64_t countGaps() { return archive_.countGaps(); }
 
@@ -146,7 +159,8 @@ class Lane {
     void dropDone();
     bool mustCommit() const;
     void undo(const StoreError& error);
-    void backOff();
+    void undo(const StoreConflict& conflict);
+    void rewind();
     void publish();
 
     std::unique_ptr<Store> store_;

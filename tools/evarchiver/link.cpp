@@ -222,11 +222,11 @@ void Link::takeEvent(View body, Certainty certainty) {
     const Batch::Kind kind = certainty == Certainty::CERTAIN  ? Batch::Kind::EVENT
                              : certainty == Certainty::SILENT ? Batch::Kind::SILENT
                                                               : Batch::Kind::ENDED;
-    host_.submit(*this, kind, body);
+    host_.submit(*this, kind, body, 0);
 }
 
 void Link::takeBackEvent(View body) {
-    host_.submit(*this, Batch::Kind::TAKE_BACK, body);
+    host_.submit(*this, Batch::Kind::TAKE_BACK, body, 0);
 }
 
 void Link::takeInquiry(U32_t handle, const EmpEvInquiryMsg_t& inquiry) {
@@ -236,15 +236,17 @@ void Link::takeInquiry(U32_t handle, const EmpEvInquiryMsg_t& inquiry) {
             lastHandles_.pop_front();
         }
     }
-    await({handle, inquiry, lastHeard_});
-    host_.submit(*this, Batch::Kind::INQUIRY, viewOf(inquiry));
+    const U32_t ticket = await({0, handle, inquiry, lastHeard_});
+    host_.submit(*this, Batch::Kind::INQUIRY, viewOf(inquiry), ticket);
 }
 
-void Link::await(Awaited awaited) {
+U32_t Link::await(Awaited awaited) {
+    awaited.ticket = ++lastTicket_;
     awaited_.push_back(std::move(awaited));
     if (awaited_.size() > REQUESTS_OF_ONE) {
         isFlooding_ = true;
     }
+    return lastTicket_;
 }
 
 void Link::takeStatusRequest(U32_t handle, const EmpGetEvArchiverStatusMsg_t& request) {
@@ -252,29 +254,44 @@ void Link::takeStatusRequest(U32_t handle, const EmpGetEvArchiverStatusMsg_t& re
     statusHandle_ = handle;
     blade_ = bladeOf(request);
     host_.speaks(*this, *blade_);
-    await({handle, {}, lastHeard_});
-    host_.submit(*this, Batch::Kind::STATUS, viewOf(request));
+    const U32_t ticket = await({0, handle, {}, lastHeard_});
+    host_.submit(*this, Batch::Kind::STATUS, viewOf(request), ticket);
 }
 
 void Link::deliver(Reply reply) {
     if (isClosed_ || isEnding_) {
         return;
     }
-    if (reply.kind == Reply::Kind::CLOSE) {
+    switch (reply.kind) {
+    case Reply::Kind::FULL:
         end(Level::WARNING, "the archive is full, closed");
-    } else if (reply.kind == Reply::Kind::RESEND) {
+        break;
+    case Reply::Kind::SUPERSEDED:
+        end(Level::NOTICE, "its blade speaks to another archiver, closed");
+        break;
+    case Reply::Kind::RESEND:
         if (status_ && !std::exchange(hasResent_, true)) {
             say(Level::NOTICE, "asked to send all its log again");
             answerStatus(statusHandle_, NOTHING_HELD);
         }
-    } else if (!awaited_.empty()) {
-        const Awaited awaited = std::move(awaited_.front());
-        awaited_.pop_front();
-        if (!awaited.inquiry) {
-            answerStatus(awaited.handle, reply.verdict);
-        } else if (!awaited.isLate) {
-            answerInquiry(awaited, reply.event);
-        }
+        break;
+    default:
+        takeReply(reply);
+        break;
+    }
+}
+
+void Link::takeReply(const Reply& reply) {
+    const auto asked = std::ranges::find(awaited_, reply.ticket, &Awaited::ticket);
+    if (asked == awaited_.end()) {
+        return;
+    }
+    const Awaited awaited = std::move(*asked);
+    awaited_.erase(asked);
+    if (!awaited.inquiry) {
+        answerStatus(awaited.handle, reply.verdict);
+    } else if (!awaited.isLate) {
+        answerInquiry(awaited, reply.event);
     }
 }
 
@@ -455,7 +472,7 @@ void Link::close() {
     if (!isEnding_) {
         session_.end();
     }
-    host_.submit(*this, Batch::Kind::END_OF_LINK, {});
+    host_.submit(*this, Batch::Kind::END_OF_LINK, {}, 0);
     host_.addUnsent(-static_cast<std::ptrdiff_t>(outbox_.bytes()));
     flushTimer_.reset();
     asio::error_code ignored;

@@ -48,7 +48,7 @@ class LinkHost {
     virtual bool hasRoom() = 0;
 
     /** Hands a request to the link's lane. */
-    virtual void submit(const Link& link, Batch::Kind kind, View body) = 0;
+    virtual void submit(const Link& link, Batch::Kind kind, View body, U32_t ticket) = 0;
 
     /** The link's blade has said who it is. */
     virtual void speaks(Link& link, const BladeKey& blade) = 0;
@@ -97,6 +97,7 @@ class Link : public std::enable_shared_from_this<Link>, private Requests {
   private:
     /** A request that the archive has not answered. */
     struct Awaited {
+        U32_t ticket = 0;
         U32_t handle = 0;
         std::optional<EmpEvInquiryMsg_t> inquiry = {}; ///< none: it is a status request
         Clock::time_point since = {};
@@ -108,7 +109,8 @@ class Link : public std::enable_shared_from_this<Link>, private Requests {
     void takeInquiry(U32_t handle, const EmpEvInquiryMsg_t& inquiry) override;
     void takeStatusRequest(U32_t handle, const EmpGetEvArchiverStatusMsg_t& request) override;
 
-    void await(Awaited awaited);
+    U32_t await(Awaited awaited);
+    void takeReply(const Reply& reply);
     void say(Level level, const std::string& line);
     void read();
     void readable();
@@ -139,6 +141,7 @@ class Link : public std::enable_shared_from_this<Link>, private Requests {
     bool isFlushing_ = false;
     bool isReading_ = false;
     std::list<Awaited> awaited_;
+    U32_t lastTicket_ = 0;
     std::list<std::pair<U32_t, Clock::time_point>> lastHandles_; ///< of inquiries of type LAST
     std::optional<BladeKey> blade_;
     std::unique_ptr<EmpGetEvArchiverStatusMsg_t> status_; ///< the last one

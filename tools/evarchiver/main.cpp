@@ -4,7 +4,6 @@
 #include "lines.h"
 #include "metrics.h"
 #include "server.h"
-#include "sqlite_store.h"
 
 #include <csignal>
 
@@ -49,7 +48,7 @@ int serve(const Options& options) {
         metrics.emplace(
             *options.metrics, [&server] { return server.state(); }, options.database);
     }
-    const evarchive::ServerEnd end = server.run(evarchive::openArchive(options.database));
+    const evarchive::ServerEnd end = server.run(evarchive::engineOf(options.database));
     return summarise(server, end);
 }
 

@@ -129,6 +129,11 @@ void addLimits(CLI::App& app, Options& options) {
                      "of it no links are taken, above it links are closed")
         ->check(CLI::Range(U64_t{65'536}, U64_t{1} << 40))
         ->capture_default_str();
+    limits
+        ->add_option("--lanes", options.lanes,
+                     "Threads that file events, each with a connection of its own to the archive; "
+                     "default: 1 for a file, which has one writer at a time")
+        ->check(CLI::Range(1, 64));
     limits->add_option("--batch", options.lane.batch, "Events to a transaction at most")
         ->check(CLI::Range(1, 1'000'000))
         ->capture_default_str();
@@ -203,6 +208,10 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
         return tools::sayCouldNot("evarchiver",
                                   "--clear empties logs on the blades, and a blade whose log has "
                                   "wrapped can stop at its next event; add --may-stop-blades");
+    }
+    if (options.lanes > 1 && options.lane.archive.rowLimit > 0) {
+        return tools::sayCouldNot("evarchiver",
+                                  "--row-limit counts what one lane files: not with --lanes");
     }
     options.listen = endpointOf(parsed.listen);
     if (!parsed.metrics.empty()) {

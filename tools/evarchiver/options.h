@@ -32,6 +32,7 @@ struct Options {
     std::string database;
     LaneSettings lane;
     std::vector<std::string> allow;     ///< networks whose blades are served; empty: all
+    U32_t lanes = 0;                    ///< 0: as the engine is best used
     U32_t connectionLimit = 0;          ///< links at a time; 0: DEFAULT_LINKS, or what there are
                                         ///< descriptors for
     U32_t hostLimit = 0;                ///< links at a time from one address; 0: no limit

@@ -77,18 +77,18 @@ void Server::bind() {
     }
 }
 
-ServerEnd Server::run(std::unique_ptr<Store> store) {
-    lane_ = std::make_unique<Lane>(
-        std::move(store), options_.lane,
-        Lane::Callbacks{[this](std::vector<Reply> replies) {
-                            asio::post(context_, [this, replies = std::move(replies)]() mutable {
-                                deliver(std::move(replies));
-                            });
-                        },
-                        say_,
-                        [this](const std::string& why) {
-                            asio::post(context_, [this, why] { laneFailed(why); });
-                        }});
+ServerEnd Server::run(const Engine& engine) {
+    lanes_.emplace(engine, options_.lane, options_.lanes,
+                   Lane::Callbacks{[this](std::vector<Reply> replies) {
+                                       asio::post(context_,
+                                                  [this, replies = std::move(replies)]() mutable {
+                                                      deliver(std::move(replies));
+                                                  });
+                                   },
+                                   say_,
+                                   [this](const std::string& why) {
+                                       asio::post(context_, [this, why] { laneFailed(why); });
+                                   }});
     signals_.async_wait([this](asio::error_code error, int signal) {
         if (!error) {
             beginStop(signal);
@@ -105,7 +105,7 @@ ServerEnd Server::run(std::unique_ptr<Store> store) {
     }
     armSecond();
     context_.run();
-    end_.isSafe = lane_->stop(ARCHIVE_END_TIME);
+    end_.isSafe = lanes_->stop(ARCHIVE_END_TIME);
     everySecond();
     return end_;
 }
@@ -181,7 +181,7 @@ void Server::take(asio::ip::tcp::socket socket) {
     if (error) {
         return; // gone already
     }
-    if (lane_->spooled() > options_.spool / 2) {
+    if (lanes_->spooled() > options_.spool / 2) {
         refuse(textOfEndpoint(peer), "too much waits for the archive");
         return;
     }
@@ -210,18 +210,18 @@ void Server::refuse(const std::string& peer, const std::string& why) {
 // --- What links ask for --------------------------------------------------------------------------
 
 bool Server::hasRoom() {
-    return lane_->spooled() + batch_.size() < options_.spool;
+    return lanes_->spooled() < options_.spool;
 }
 
-void Server::submit(const Link& link, Batch::Kind kind, View body) {
-    batch_.add(link.number(), kind, body);
+void Server::submit(const Link& link, Batch::Kind kind, View body, U32_t ticket) {
+    lanes_->add(link.number(), link.blade(), kind, body, ticket);
     armHandOver();
 }
 
 void Server::armHandOver() {
-    if (batch_.size() > HAND_OVER_SIZE) {
+    if (lanes_->pending() > HAND_OVER_SIZE) {
         handOver();
-    } else if (batch_.isUrgent() && !isHandOverPosted_) {
+    } else if (lanes_->isUrgent() && !isHandOverPosted_) {
         // Behind what is ready now: it goes with what other links bring.
         isHandOverPosted_ = true;
         asio::post(context_, [this] {
@@ -239,10 +239,7 @@ void Server::armHandOver() {
 }
 
 void Server::handOver() {
-    if (!batch_.isEmpty()) {
-        lane_->submit(batch_);
-        batch_.clear();
-    }
+    lanes_->handOver();
 }
 
 void Server::speaks(Link& link, const BladeKey& blade) {
@@ -349,7 +346,7 @@ void Server::everySecond() {
     for (const auto& link : links) {
         link->checkTime(now);
     }
-    const LaneState lane = lane_->state();
+    const LaneState lane = lanes_->state();
     {
         const std::lock_guard lock(stateMutex_);
         state_ = {links_.size(), counts_, lane, unsent_};

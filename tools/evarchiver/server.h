@@ -6,11 +6,11 @@
 #define EVARCHIVER_SERVER_H
 
 #include "admission.h"
+#include "lanes.h"
 #include "link.h"
 
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
-#include <atomic>
 #include <unordered_map>
 
 namespace evarchive {
@@ -38,13 +38,13 @@ class Server : private LinkHost {
     Server(const Options& options, Say say);
 
     /** Serves an archive until SIGINT or SIGTERM; then everything received is filed. */
-    ServerEnd run(std::unique_ptr<Store> store);
+    ServerEnd run(const Engine& engine);
 
     /** Of the last second. */
     ServerState state();
 
     /** Only after run(). */
-    U64_t countGaps() { return lane_->countGaps(); }
+    U64_t countGaps() { return lanes_->countGaps(); }
 
   private:
     // Of a link.
@@ -53,13 +53,13 @@ class Server : private LinkHost {
     void say(Level level, const std::string& line) override { say_(level, line); }
     std::span<U8_t> receiveBuffer() override { return buffer_; }
     bool hasRoom() override;
-    void submit(const Link& link, Batch::Kind kind, View body) override;
+    void submit(const Link& link, Batch::Kind kind, View body, U32_t ticket) override;
     void speaks(Link& link, const BladeKey& blade) override;
     void unsettled(Link& link) override;
     bool addUnsent(std::ptrdiff_t bytes) override;
     void closed(Link& link) override;
 
-    // Of the lane, from its thread.
+    // Of the lanes, from their threads.
     void deliver(std::vector<Reply> replies);
     void laneFailed(const std::string& why);
 
@@ -100,7 +100,6 @@ class Server : private LinkHost {
     std::map<BladeKey, LinkNumber> blades_; ///< on which link each one speaks
     std::vector<LinkNumber> unsettled_;
     LinkNumber lastNumber_ = 0;
-    Batch batch_; ///< not handed over yet
     std::size_t unsent_ = 0;
     bool isHandOverPosted_ = false;
     bool isHandOverTimed_ = false;
@@ -113,7 +112,7 @@ class Server : private LinkHost {
     ServerEnd end_;
     std::mutex stateMutex_;
     ServerState state_;
-    std::unique_ptr<Lane> lane_; ///< last: its thread calls back
+    std::optional<Lanes> lanes_; ///< last: their threads call back
 };
 
 /** The counts as one line. */

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <ctime>
+#include <mutex>
 #include <sqlite3.h>
 #include <unistd.h>
 
@@ -84,20 +85,36 @@ constexpr std::array<const char*, 5> FIND = {
 };
 static_assert(FIND.size() == EMP_E_INQUIRY_TYPE_LAST);
 
+// What the connections of one process to a file have in common.
+struct SharedFile {
+    explicit SharedFile(const std::string& path) : file(path) {}
+
+    DatabaseFile file;
+    std::mutex writing;
+};
+
 class SqliteStore final : public Store {
   public:
     // A store that is only read, or lies in memory, comes without a file.
     explicit SqliteStore(std::unique_ptr<SqliteDatabase> database,
-                         std::unique_ptr<DatabaseFile> file = nullptr)
+                         std::shared_ptr<SharedFile> file = nullptr)
         : file_(std::move(file)), database_(std::move(database)) {}
 
-    void begin() override { begin_.run(); }
+    void begin() override {
+        std::unique_lock<std::mutex> turn;
+        if (file_) {
+            turn = std::unique_lock(file_->writing);
+        }
+        begin_.run();
+        turn_ = std::move(turn);
+    }
 
     void commit() override {
         if (file_) {
-            file_->requireInPlace();
+            file_->file.requireInPlace();
         }
         commit_.run();
+        turn_ = {};
     }
 
     void rollback() noexcept override {
@@ -105,6 +122,7 @@ class SqliteStore final : public Store {
             statement->reset();
         }
         database_->tryToExecute("ROLLBACK");
+        turn_ = {};
     }
 
     SeriesNumber addSeries(const SeriesKey& key) override {
@@ -242,7 +260,8 @@ class SqliteStore final : public Store {
         return event;
     }
 
-    std::unique_ptr<DatabaseFile> file_; // outlives the database
+    std::shared_ptr<SharedFile> file_;  // outlives the database
+    std::unique_lock<std::mutex> turn_; // to write
     std::unique_ptr<SqliteDatabase> database_;
     SqliteStatement begin_{*database_, "BEGIN IMMEDIATE"};
     SqliteStatement commit_{*database_, "COMMIT"};
@@ -432,20 +451,31 @@ std::unique_ptr<StoreReader> readerOf(std::unique_ptr<SqliteDatabase> database,
     return std::make_unique<SqliteStore>(std::move(database));
 }
 
-} // namespace
-
-std::unique_ptr<Store> openArchive(const std::string& path) {
-    auto file = std::make_unique<DatabaseFile>(path);
+std::unique_ptr<Store> connectTo(const std::shared_ptr<SharedFile>& file, const std::string& path) {
     auto database = std::make_unique<SqliteDatabase>(path, SQLITE_OPEN_READWRITE, path);
     // So long a start waits for another program that has the file.
     database->execute("PRAGMA busy_timeout = 5000");
     prepareLayout(*database, path);
     // A status answer may make a blade drop its copy of what it names: a commit waits for the disk.
     database->execute(SET_UP);
-    DatabaseFile* const made = file.get();
-    auto store = std::make_unique<SqliteStore>(std::move(database), std::move(file));
-    made->keep();
+    auto store = std::make_unique<SqliteStore>(std::move(database), file);
+    file->file.keep();
     return store;
+}
+
+} // namespace
+
+std::unique_ptr<Store> openArchive(const std::string& path) {
+    return connectTo(std::make_shared<SharedFile>(path), path);
+}
+
+std::function<std::unique_ptr<Store>()> archiveConnector(const std::string& path) {
+    return [path, file = std::shared_ptr<SharedFile>()]() mutable {
+        if (!file) {
+            file = std::make_shared<SharedFile>(path);
+        }
+        return connectTo(file, path);
+    };
 }
 
 std::unique_ptr<Store> openArchiveForUpkeep(const std::string& path) {

@@ -16,6 +16,7 @@
 
 #include "store.h"
 
+#include <functional>
 #include <memory>
 
 namespace evarchive {
@@ -26,6 +27,10 @@ namespace evarchive {
  * again. An archive of an earlier layout is brought up to date.
  */
 std::unique_ptr<Store> openArchive(const std::string& path);
+
+/** What opens an archive as openArchive() does, as often as there are lanes. Their transactions go
+ * one after the other: a file has one writer. */
+std::function<std::unique_ptr<Store>()> archiveConnector(const std::string& path);
 
 /** Opens an existing archive for writing beside an archiver that may have it open: for upkeep, not
  * for filing. Throws StoreError. */

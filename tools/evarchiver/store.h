@@ -3,6 +3,10 @@
  * What the archive asks of its storage, and nothing more: a second engine implements this and the
  * protocol side does not change.
  *
+ * An engine is either *owned*, all that files into it being this process (SQLite: a locked file),
+ * or *shared* with other processes. Of a shared one the archive knows nothing by heart that a claim
+ * does not guard, see Store::isShared().
+ *
  * Events lie in series, one for each log: enclosure, blade, slot and instance. A series has
  * generations, counted from 1: a log that was rebuilt or deleted gives out its ids again, and the
  * events of before are kept. A generation holds at most one event of each sequence id.
@@ -17,6 +21,7 @@
 
 #include <functional>
 #include <stdexcept>
+#include <utility>
 
 namespace evarchive {
 
@@ -33,6 +38,23 @@ class StoreError : public std::runtime_error {
 
   private:
     Kind kind_;
+};
+
+/**
+ * What was filed meets what another process filed meanwhile. Nothing of the transaction is safe;
+ * after rollback() it is to be done again, with a fresh look at what is held. Only shared engines
+ * throw it, from any call of Store.
+ */
+class StoreConflict : public std::runtime_error {
+  public:
+    /** @param lost series whose claim of this process holds no more, see Store::claim() */
+    explicit StoreConflict(std::vector<S64_t> lost = {})
+        : std::runtime_error("another process files the same"), lost_(std::move(lost)) {}
+
+    const std::vector<S64_t>& lost() const { return lost_; }
+
+  private:
+    std::vector<S64_t> lost_;
 };
 
 /** Which blade, in which place. Texts as in the messages, up to their NUL. */
@@ -95,6 +117,12 @@ struct GenerationInfo {
     std::optional<IdRun> proven;
 };
 
+/** What a handshake begins with. */
+struct Claim {
+    SeriesNumber series = 0;
+    std::optional<GenerationInfo> newest; ///< its newest generation, key left empty; none yet
+};
+
 /** Why an event was set aside. */
 enum class Aside : U8_t {
     BORDERS_LOST = 1, ///< its stream had lost its message borders
@@ -102,6 +130,7 @@ enum class Aside : U8_t {
     OTHER_IDENTITY,   ///< it differs from what its log holds, and did not come from its blade
     SUPERSEDED,       ///< its blade had opened a later link
     REPLACED,         ///< it was doubtful, and the true one came
+    REFUSED,          ///< the engine does not take it
 };
 
 /** An event that came and could not be filed. */
@@ -162,9 +191,31 @@ class StoreReader {
     virtual U64_t bytesUsed() = 0;
 };
 
-/** An archive that is written. Changes belong to a transaction. */
+/** An archive that is written. Changes belong to a transaction. One thread uses it. */
 class Store : public StoreReader {
   public:
+    /** Whether other processes file into it too. Then
+     * - a handshake is claim()ed, outside of any transaction, and what it is answered is looked up
+     *   anew;
+     * - events of a link that never shook hands begin no generation but the first;
+     * - an inquiry looks up the newest generation anew;
+     * - changes may be kept back until commit(), which tells by a StoreConflict that they cannot be
+     *   made: a claim was lost, or an id that was free is not. A change that meets itself, because
+     *   the outcome of an earlier commit() is not known, is none. */
+    virtual bool isShared() const { return false; }
+
+    /**
+     * The blade of this series speaks here from now on, whoever claimed it before: of an earlier
+     * claim nothing can be committed any more, by any process. Safe when it returns, and what is
+     * committed of the series by then can be read. Adds the series if it is new. Only of a shared
+     * engine, outside of transactions.
+     */
+    virtual Claim claim(const SeriesKey& key);
+
+    /** Whether any generation of the series holds the very event. Only of a shared engine: an event
+     * that comes late, on a link that is not its blade's any more, need not be set aside then. */
+    virtual bool isHeld(SeriesNumber series, View image);
+
     virtual void begin() = 0;
 
     /** Returns once everything since begin() would survive a loss of power. */
@@ -202,6 +253,14 @@ class Store : public StoreReader {
     /** Removes the events that were set aside before @p before. @return how many */
     virtual U64_t removeAside(S64_t before) = 0;
 };
+
+inline Claim Store::claim(const SeriesKey& /*key*/) {
+    throw StoreError("an archive that is not shared is not claimed");
+}
+
+inline bool Store::isHeld(SeriesNumber /*series*/, View /*image*/) {
+    return false;
+}
 
 } // namespace evarchive
 

@@ -69,6 +69,42 @@ TEST_F(ArchivingTest, WhatIsNotHeldIsAnsweredWithTheIdentityAndTheId) {
     }
 }
 
+TEST_F(ArchivingTest, InquiryBehindAStatusRequestLeavesEachItsAnswer) {
+    start();
+    BladeLink link(port_);
+    link.send(events(0, 9));
+    ASSERT_EQ(claim(link, event(0)), heldTo(9));
+    Bytes both = statusOf(event(0), 71);
+    const Bytes inquiry = inquiryMessage(EXACT, {}, 4, 72);
+    both.insert(both.end(), inquiry.begin(), inquiry.end());
+    link.send(both);
+    std::map<U32_t, Bytes> answers;
+    for (int count = 0; count < 2; ++count) {
+        const Bytes answer = link.receive();
+        answers[get32(answer, 12)] = answer;
+    }
+    EXPECT_EQ(claimOf(answers[71]), heldTo(9));
+    EXPECT_EQ(Bytes(answers[72].begin() + 16, answers[72].end()), eventBody(event(4)));
+}
+
+TEST_F(ArchivingTest, SeveralLanesServeAFleet) {
+    start({"--lanes", "3"});
+    for (U32_t blade = 0; blade < 12; ++blade) {
+        const LogName log{"ENC-A", "BLADE-" + std::to_string(blade), 1, 1};
+        const LogName stranger{"ENC-B", "BLADE-" + std::to_string(blade), 1, 1};
+        BladeLink link(port_);
+        ASSERT_EQ(claim(link, event(0, log)), NO_DATA);
+        link.send(events(0, 9, log));
+        link.send(events(10, 10, stranger)); // replayed, it keeps its identity
+        link.send(events(11, 20, log));
+        EXPECT_EQ(claim(link, event(0, log)), heldTo(20)) << blade;
+        const Bytes answer = link.ask(inquiryMessage(EXACT, stranger, 10, 7));
+        EXPECT_EQ(Bytes(answer.begin() + 16, answer.end()), eventBody(event(10, stranger)));
+    }
+    EXPECT_EQ(stop(), exitedWith(0));
+    EXPECT_THAT(archiver_->output(), HasSubstr("264 events stored"));
+}
+
 TEST_F(ArchivingTest, OneBladeAsksAboutAnother) {
     start();
     const LogName other{"ENC-A", "BLADE-2", 2, 1};

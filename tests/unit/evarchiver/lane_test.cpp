@@ -243,7 +243,7 @@ TEST_F(LaneTest, FullArchiveClosesTheLink) {
     start(settings);
     addEvents(0, 3);
     submit();
-    EXPECT_EQ(waitForReplies(1)[0].kind, Reply::Kind::CLOSE);
+    EXPECT_EQ(waitForReplies(1)[0].kind, Reply::Kind::FULL);
 }
 
 TEST_F(LaneTest, QuotaOfALogKeepsItsNewestEvents) {

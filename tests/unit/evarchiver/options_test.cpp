@@ -55,6 +55,11 @@ TEST(CommandLine, ClearingNeedsASecondWord) {
     EXPECT_EQ(parsed({"--clear", "all", "--may-stop-blades"}).lane.archive.clear, Clear::ALL);
 }
 
+TEST(CommandLine, RowsAreCountedByOneLaneOnly) {
+    EXPECT_EQ(status({"--listen", "0", "--db", "x", "--lanes", "2", "--row-limit", "9"}), 2);
+    EXPECT_EQ(parsed({"--lanes", "2"}).lanes, 2U);
+}
+
 TEST(CommandLine, WhatIsNoNetworkIsRefused) {
     for (const char* text : {"", "10.0.0.0/33", "10.0.0.0/", "fd00::/129", "host", "10.0.0/8"}) {
         EXPECT_EQ(status({"--listen", "0", "--db", "x", "--allow", text}), 2) << text;
@@ -105,6 +110,8 @@ TEST(CommandLine, EverySwitchArrives) {
                                     "7",
                                     "--progress",
                                     "0",
+                                    "--lanes",
+                                    "1",
                                     "--receive-buffer",
                                     "2304",
                                     "--test-refuse",
@@ -134,6 +141,7 @@ TEST(CommandLine, EverySwitchArrives) {
     EXPECT_EQ(textOfEndpoint(*options.metrics), "127.0.0.1:9100");
     EXPECT_EQ(options.answerLimit, 1448U);
     EXPECT_EQ(options.lane.batch, 7U);
+    EXPECT_EQ(options.lanes, 1U);
     EXPECT_EQ(options.progress.count(), 0);
     EXPECT_EQ(options.receiveBuffer, 2304);
     EXPECT_EQ(options.segmentSize, 536);

@@ -1,0 +1,312 @@
+/**
+ * @file
+ * A storage in memory, owned by one archive or shared by several as by several processes. What a
+ * crash would lose and what others would see is exact: a transaction works on a copy of its own.
+ */
+#ifndef MEMORY_STORE_H
+#define MEMORY_STORE_H
+
+#include "store.h"
+
+#include <map>
+#include <set>
+
+namespace evarchive {
+
+/** What is committed. */
+struct MemoryDatabase {
+    struct Generation {
+        GenerationInfo info;
+        std::map<U32_t, StoredEvent> events;
+    };
+
+    std::map<SeriesKey, SeriesNumber> series;
+    std::map<SeriesNumber, U64_t> epochs; ///< the highest claim of each series
+    std::map<GenerationKey, Generation> generations;
+    std::vector<AsideEvent> aside;
+};
+
+/** One connection to it. */
+class MemoryStore : public Store {
+  public:
+    explicit MemoryStore(MemoryDatabase& database, bool isShared = false)
+        : committed_(database), isShared_(isShared) {}
+
+    bool isShared() const override { return isShared_; }
+
+    Claim claim(const SeriesKey& key) override {
+        if (work_) {
+            throw std::logic_error("claimed within a transaction");
+        }
+        const SeriesNumber number = addTo(committed_, key);
+        claims_[number] = ++committed_.epochs[number];
+        return {number, newestGeneration(number)};
+    }
+
+    bool isHeld(SeriesNumber series, View image) override {
+        for (const auto& [key, generation] : now().generations) {
+            for (const auto& [id, event] : generation.events) {
+                if (key.series == series && std::ranges::equal(event.image, image)) {
+                    return true;
+                }
+            }
+        }
+        return false;
+    }
+
+    void begin() override {
+        work_ = committed_;
+        changes_.clear();
+        ours_.clear();
+    }
+
+    /** All changes are made to what is committed by now, or none. */
+    void commit() override {
+        requireNoConflict();
+        for (const auto& change : changes_) {
+            change(committed_);
+        }
+        work_.reset();
+    }
+
+    void rollback() noexcept override { work_.reset(); }
+
+    SeriesNumber addSeries(const SeriesKey& key) override {
+        change([key](MemoryDatabase& all) { addTo(all, key); });
+        return work_->series.at(key);
+    }
+
+    void addGeneration(const GenerationKey& key, S64_t opened) override {
+        newGenerations_.insert(key);
+        ours_.insert(key.series);
+        change([key, opened](MemoryDatabase& all) {
+            all.generations[key].info = {{}, key, opened, 0, {}};
+        });
+    }
+
+    void addEvent(const GenerationKey& key, const NewEvent& event) override {
+        ours_.insert(key.series);
+        newEvents_.emplace(key, event.sequenceId);
+        change([key, stored = StoredEvent{event.sequenceId, event.own,
+                                          Bytes(event.image.begin(), event.image.end()),
+                                          event.doubtful, event.received}](MemoryDatabase& all) {
+            all.generations[key].events[stored.sequenceId] = stored;
+        });
+    }
+
+    void confirmEvent(const GenerationKey& key, U32_t id) override {
+        change([key, id](MemoryDatabase& all) {
+            all.generations[key].events.at(id).doubtful = false;
+        });
+    }
+
+    void removeEvent(const GenerationKey& key, U32_t id) override {
+        change([key, id](MemoryDatabase& all) { all.generations[key].events.erase(id); });
+    }
+
+    U64_t removeOldest(const GenerationKey& key, S64_t before, U64_t most) override {
+        U64_t removed = 0;
+        auto& events = work_->generations[key].events;
+        while (removed < most && events.size() > 1 && events.begin()->second.received < before) {
+            ++removed;
+            removeEvent(key, events.begin()->first);
+        }
+        return removed;
+    }
+
+    void countDuplicates(const GenerationKey& key, U64_t more) override {
+        change([key, more](MemoryDatabase& all) { all.generations[key].info.duplicates += more; });
+    }
+
+    void noteProven(const GenerationKey& key, const IdRun& run) override {
+        change([key, run](MemoryDatabase& all) {
+            auto& proven = all.generations[key].info.proven;
+            proven = run.first <= run.last ? std::optional(run) : std::nullopt;
+        });
+    }
+
+    void setAside(const SeriesKey& key, Aside reason, const NewEvent& event) override {
+        change([aside = AsideEvent{key, event.sequenceId, reason, event.received,
+                                   Bytes(event.image.begin(), event.image.end())}](
+                   MemoryDatabase& all) { all.aside.push_back(aside); });
+    }
+
+    U64_t removeAside(S64_t before) override {
+        const auto isPast = [before](const AsideEvent& event) { return event.received < before; };
+        const auto count = static_cast<U64_t>(std::ranges::count_if(now().aside, isPast));
+        change([isPast](MemoryDatabase& all) { std::erase_if(all.aside, isPast); });
+        return count;
+    }
+
+    std::optional<SeriesNumber> findSeries(const SeriesKey& key) override {
+        const auto found = now().series.find(key);
+        return found != now().series.end() ? std::optional(found->second) : std::nullopt;
+    }
+
+    std::optional<GenerationInfo> newestGeneration(SeriesNumber series) override {
+        std::optional<GenerationInfo> newest;
+        for (const auto& [key, generation] : now().generations) {
+            if (key.series == series) {
+                newest = generation.info;
+            }
+        }
+        return newest;
+    }
+
+    std::optional<StoredEvent> findEvent(const GenerationKey& key, EMP_INQUIRY_TYPE_e type,
+                                         U32_t id) override {
+        std::optional<StoredEvent> found;
+        for (const auto& [held, event] : eventsOf(key)) {
+            const bool fits = event.own && (type == EMP_E_INQUIRY_TYPE_NEXT       ? held > id
+                                            : type == EMP_E_INQUIRY_TYPE_EXACT    ? held == id
+                                            : type == EMP_E_INQUIRY_TYPE_PREVIOUS ? held < id
+                                                                                  : true);
+            const bool isDown =
+                type == EMP_E_INQUIRY_TYPE_PREVIOUS || type == EMP_E_INQUIRY_TYPE_LAST;
+            if (fits && (isDown || !found)) {
+                found = event;
+            }
+        }
+        return found;
+    }
+
+    std::optional<StoredEvent> heldEvent(const GenerationKey& key, U32_t id) override {
+        const auto& events = eventsOf(key);
+        const auto found = events.find(id);
+        return found != events.end() ? std::optional(found->second) : std::nullopt;
+    }
+
+    std::optional<StoredEvent> oldestEvent(const GenerationKey& key) override {
+        const auto& events = eventsOf(key);
+        return events.empty() ? std::nullopt : std::optional(events.begin()->second);
+    }
+
+    std::optional<U32_t> highestId(const GenerationKey& key) override {
+        const auto& events = eventsOf(key);
+        return events.empty() ? std::nullopt : std::optional(events.rbegin()->first);
+    }
+
+    U32_t endOfRun(const GenerationKey& key, U32_t from) override {
+        U32_t last = from;
+        for (auto next = heldEvent(key, last + 1); next && !next->doubtful;
+             next = heldEvent(key, last + 1)) {
+            ++last;
+        }
+        return last;
+    }
+
+    U64_t rowCount() override {
+        U64_t rows = 0;
+        for (const auto& [key, generation] : now().generations) {
+            rows += generation.events.size();
+        }
+        return rows;
+    }
+
+    std::vector<GenerationInfo> listGenerations() override {
+        std::vector<GenerationInfo> list;
+        for (const auto& [key, number] : now().series) {
+            for (const auto& [place, generation] : now().generations) {
+                if (place.series == number) {
+                    list.push_back(generation.info);
+                    list.back().key = key;
+                }
+            }
+        }
+        return list;
+    }
+
+    void forEachRun(const GenerationKey& key, U32_t from,
+                    const std::function<void(const IdRun&)>& take) override {
+        std::optional<IdRun> run;
+        for (const auto& [id, event] : eventsOf(key)) {
+            if (id < from) {
+                continue;
+            }
+            if (run && id == run->last + 1) {
+                run->last = id;
+                continue;
+            }
+            if (run) {
+                take(*run);
+            }
+            run = IdRun{id, id};
+        }
+        if (run) {
+            take(*run);
+        }
+    }
+
+    void forEachEvent(const GenerationKey& key,
+                      const std::function<void(const StoredEvent&)>& take) override {
+        for (const auto& [id, event] : eventsOf(key)) {
+            take(event);
+        }
+    }
+
+    void forEachAside(const std::function<void(const AsideEvent&)>& take) override {
+        std::ranges::for_each(now().aside, take);
+    }
+
+    U64_t bytesUsed() override { return 0; }
+
+  private:
+    static SeriesNumber addTo(MemoryDatabase& all, const SeriesKey& key) {
+        return all.series.emplace(key, static_cast<SeriesNumber>(all.series.size()) + 1)
+            .first->second;
+    }
+
+    const MemoryDatabase& now() const { return work_ ? *work_ : committed_; }
+
+    const std::map<U32_t, StoredEvent>& eventsOf(const GenerationKey& key) const {
+        static const std::map<U32_t, StoredEvent> NONE;
+        const auto found = now().generations.find(key);
+        return found != now().generations.end() ? found->second.events : NONE;
+    }
+
+    template <typename Change>
+    void change(Change what) {
+        what(*work_);
+        changes_.push_back(std::move(what));
+    }
+
+    void requireNoConflict() {
+        const auto newEvents = std::exchange(newEvents_, {});
+        const auto newGenerations = std::exchange(newGenerations_, {});
+        if (!isShared_) {
+            return;
+        }
+        std::vector<SeriesNumber> lost;
+        for (const SeriesNumber number : ours_) {
+            if (claims_.contains(number) && claims_[number] != committed_.epochs[number]) {
+                lost.push_back(number);
+                claims_.erase(number);
+            }
+        }
+        bool isTaken = false;
+        for (const auto& [key, id] : newEvents) {
+            const auto found = committed_.generations.find(key);
+            isTaken = isTaken ||
+                      (found != committed_.generations.end() && found->second.events.contains(id));
+        }
+        for (const GenerationKey& key : newGenerations) {
+            isTaken = isTaken || committed_.generations.contains(key);
+        }
+        if (!lost.empty() || isTaken) {
+            throw StoreConflict(lost);
+        }
+    }
+
+    MemoryDatabase& committed_;
+    bool isShared_;
+    std::optional<MemoryDatabase> work_; ///< within a transaction
+    std::vector<std::function<void(MemoryDatabase&)>> changes_;
+    std::set<SeriesNumber> ours_; ///< series with changes that need their claim
+    std::set<std::pair<GenerationKey, U32_t>> newEvents_;
+    std::set<GenerationKey> newGenerations_;
+    std::map<SeriesNumber, U64_t> claims_; ///< what this connection claimed
+};
+
+} // namespace evarchive
+
+#endif

@@ -1,0 +1,143 @@
+/** An archive that several processes file into: claims, conflicts, and who gives way. */
+#include "archive_fixture.h"
+#include "memory_store.h"
+
+using namespace evarchive;
+using namespace support;
+
+namespace {
+
+/** One of the processes. */
+struct Process {
+    explicit Process(MemoryDatabase& database)
+        : store(database, true), archive(store, {}, [](Level, const std::string&) {}) {}
+
+    StatusVerdict connect(LinkNumber link, const EventFields& oldest) {
+        archive.commit();
+        return archive.answerStatus(link, imageOf<EmpGetEvArchiverStatusMsg_t>(
+                                              statusBody(oldest.log, oldest.id, oldest.data)));
+    }
+
+    /** Commits what file() files, again after each conflict, as a lane does. */
+    Filed fileSafely(LinkNumber link, const std::vector<EventFields>& events) {
+        for (;;) {
+            Filed last{};
+            try {
+                for (const EventFields& event : events) {
+                    last = archive.fileEvent(link, eventBody(event));
+                }
+                archive.commit();
+                return last;
+            } catch (const StoreConflict& conflict) {
+                ++conflicts;
+                archive.abandon();
+                for (const LinkNumber loser : archive.loseClaims(conflict.lost())) {
+                    closed.push_back(loser);
+                }
+            }
+        }
+    }
+
+    MemoryStore store;
+    Archive archive;
+    std::vector<LinkNumber> closed;
+    int conflicts = 0;
+};
+
+class SharedTest : public testing::Test {
+  protected:
+    static EventFields event(U32_t id, U32_t time = 1000) {
+        return {.id = id, .data = {1, 2, 3}, .time = time};
+    }
+
+    std::size_t generations() { return database_.generations.size(); }
+    std::size_t heldIn(U32_t generation) {
+        return database_.generations.at({1, generation}).events.size();
+    }
+
+    MemoryDatabase database_;
+    Process first_{database_};
+    Process second_{database_};
+};
+
+} // namespace
+
+TEST_F(SharedTest, HandshakeSeesWhatAnotherProcessHasCommitted) {
+    first_.connect(1, event(0));
+    first_.fileSafely(1, {event(0), event(1), event(2), event(3)});
+    EXPECT_EQ(second_.connect(1, event(0)), heldTo(3));
+    second_.fileSafely(1, {event(3), event(4)});
+    EXPECT_EQ(first_.connect(2, event(0)), heldTo(4));
+    EXPECT_EQ(generations(), 1U);
+}
+
+TEST_F(SharedTest, LateEventsOfAnEarlierClaimOpenNoGeneration) {
+    first_.connect(1, event(0));
+    first_.fileSafely(1, {event(0), event(1)});
+    // The log was rebuilt, and its blade is on the second by now.
+    second_.connect(1, event(0, 2000));
+    second_.fileSafely(1, {event(0, 2000), event(1, 2000), event(2, 2000)});
+    ASSERT_EQ(generations(), 2U);
+    EXPECT_EQ(first_.fileSafely(1, {event(2), event(3)}), Filed::SET_ASIDE);
+    EXPECT_EQ(first_.closed, std::vector<LinkNumber>{1});
+    EXPECT_EQ(generations(), 2U);
+    EXPECT_EQ(heldIn(2), 3U);
+    EXPECT_EQ(database_.aside.size(), 2U);
+    EXPECT_EQ(database_.aside.front().reason, Aside::SUPERSEDED);
+}
+
+TEST_F(SharedTest, LateEventThatAnyGenerationHoldsIsNotSetAside) {
+    first_.connect(1, event(0));
+    first_.fileSafely(1, {event(0), event(1), event(2)});
+    second_.connect(1, event(0, 2000));
+    second_.fileSafely(1, {event(0, 2000)});
+    EXPECT_EQ(first_.fileSafely(1, {event(1), event(2)}), Filed::DUPLICATE);
+    EXPECT_TRUE(database_.aside.empty());
+}
+
+TEST_F(SharedTest, LinkThatNeverShookHandsBeginsOnlyTheFirstGeneration) {
+    EXPECT_EQ(first_.fileSafely(1, {event(0), event(1)}), Filed::STORED);
+    EXPECT_EQ(first_.fileSafely(1, {event(1, 2000)}), Filed::SET_ASIDE);
+    EXPECT_EQ(generations(), 1U);
+}
+
+TEST_F(SharedTest, SameEventsOverTwoProcessesAreStoredOnce) {
+    first_.fileSafely(1, {event(0)}); // knows the log now
+    second_.fileSafely(1, {event(0), event(1), event(2)});
+    EXPECT_EQ(first_.fileSafely(1, {event(1), event(2), event(3)}), Filed::STORED);
+    EXPECT_EQ(first_.conflicts, 1);
+    EXPECT_EQ(heldIn(1), 4U);
+    EXPECT_EQ(first_.archive.counts().duplicates, 2U);
+}
+
+TEST_F(SharedTest, TwoProcessesThatBeginALogBeginOneGeneration) {
+    first_.archive.fileEvent(1, eventBody(event(0)));
+    second_.fileSafely(1, {event(0)});
+    EXPECT_THROW(first_.archive.commit(), StoreConflict);
+    first_.archive.abandon();
+    EXPECT_EQ(first_.fileSafely(1, {event(0), event(1)}), Filed::STORED);
+    EXPECT_EQ(generations(), 1U);
+    EXPECT_EQ(heldIn(1), 2U);
+}
+
+TEST_F(SharedTest, InquirySeesTheGenerationOfNow) {
+    first_.connect(1, event(0));
+    first_.fileSafely(1, {event(0), event(1)});
+    const auto inquiry = imageOf<EmpEvInquiryMsg_t>(inquiryBody(LAST, {}, 0));
+    EXPECT_EQ(first_.archive.answerInquiry(inquiry)->sequenceId, 1U);
+    second_.connect(1, event(0, 2000));
+    second_.fileSafely(1, {event(0, 2000)});
+    EXPECT_EQ(first_.archive.answerInquiry(inquiry)->sequenceId, 0U);
+}
+
+TEST_F(SharedTest, BladeThatComesBackIsAnOrdinaryOne) {
+    first_.connect(1, event(0));
+    first_.fileSafely(1, {event(0)});
+    second_.connect(1, event(0));
+    second_.fileSafely(1, {event(0), event(1)});
+    first_.fileSafely(1, {event(1)});
+    EXPECT_EQ(first_.closed, std::vector<LinkNumber>{1});
+    EXPECT_EQ(first_.connect(2, event(0)), heldTo(1));
+    EXPECT_EQ(first_.fileSafely(2, {event(1), event(2)}), Filed::STORED);
+    EXPECT_EQ(heldIn(1), 3U);
+}

@@ -1,0 +1,140 @@
+#include "lanes.h"
+
+#include <numeric>
+#include <utility>
+
+namespace evarchive {
+namespace {
+
+constexpr std::size_t IDENTITY_SIZE = offsetof(EmpEvLogHeader_t, evSequenceId);
+
+template <typename Image>
+BladeKey bladeIn(View body) {
+    const auto image = imageOf<Image>(body);
+    return {textOf(image.evEnclosureId), textOf(image.evBladeId), image.evSlotId};
+}
+
+} // namespace
+
+Lanes::Lanes(const Engine& engine, const LaneSettings& settings, U32_t count,
+             const Lane::Callbacks& callbacks) {
+    const U32_t lanes = count > 0 ? count : engine.usualLanes;
+    std::vector<std::unique_ptr<Store>> stores(lanes);
+    std::ranges::generate(stores, engine.connect);
+    for (U32_t number = 0; number < lanes; ++number) {
+        LaneSettings own = settings;
+        own.archive.share = {number, lanes};
+        if (number > 0 || !engine.isKeptByLanes) {
+            own.retention = {}; // the first sees to the whole archive
+        }
+        lanes_.push_back({std::make_unique<Lane>(std::move(stores[number]), own, callbacks)});
+    }
+}
+
+void Lanes::add(LinkNumber link, const std::optional<BladeKey>& speaker, Batch::Kind kind,
+                View body, U32_t ticket) {
+    if (lanes_.size() == 1) {
+        lanes_.front().batch.add(link, kind, body, ticket);
+        return;
+    }
+    switch (kind) {
+    case Batch::Kind::STATUS:
+        addStatus(link, body, ticket);
+        break;
+    case Batch::Kind::INQUIRY:
+        lanes_[Share::shareOf(bladeIn<EmpEvInquiryMsg_t>(body), static_cast<U32_t>(lanes_.size()))]
+            .batch.add(link, kind, body, ticket);
+        break;
+    case Batch::Kind::END_OF_LINK:
+        for (One& one : lanes_) {
+            one.batch.add(link, kind, body, ticket);
+        }
+        break;
+    default:
+        addEvent(link, speaker, kind, body);
+        break;
+    }
+}
+
+void Lanes::addEvent(LinkNumber link, const std::optional<BladeKey>& speaker, Batch::Kind kind,
+                     View body) {
+    const U32_t lane = laneOfEvent(body);
+    lanes_[lane].batch.add(link, kind, body);
+    if (speaker) {
+        const U32_t other = Share::shareOf(*speaker, static_cast<U32_t>(lanes_.size()));
+        if (other != lane) {
+            lanes_[other].batch.add(link, kind, body);
+        }
+    }
+}
+
+void Lanes::addStatus(LinkNumber link, View body, U32_t ticket) {
+    const U32_t lane = Share::shareOf(bladeIn<EmpGetEvArchiverStatusMsg_t>(body),
+                                      static_cast<U32_t>(lanes_.size()));
+    for (U32_t number = 0; number < lanes_.size(); ++number) {
+        const auto kind = number == lane ? Batch::Kind::STATUS : Batch::Kind::SPEAKER;
+        lanes_[number].batch.add(link, kind, body, ticket);
+    }
+}
+
+// Many events of one log come one behind the other.
+U32_t Lanes::laneOfEvent(View body) {
+    const View identity = body.first(IDENTITY_SIZE);
+    if (!std::ranges::equal(identity, lastIdentity_)) {
+        lastIdentity_.assign(identity.begin(), identity.end());
+        lastLane_ =
+            Share::shareOf(bladeIn<EmpEvLogHeader_t>(body), static_cast<U32_t>(lanes_.size()));
+    }
+    return lastLane_;
+}
+
+bool Lanes::isUrgent() const {
+    return std::ranges::any_of(lanes_, [](const One& one) { return one.batch.isUrgent(); });
+}
+
+std::size_t Lanes::pending() const {
+    return std::accumulate(lanes_.begin(), lanes_.end(), std::size_t{0},
+                           [](std::size_t sum, const One& one) { return sum + one.batch.size(); });
+}
+
+void Lanes::handOver() {
+    for (One& one : lanes_) {
+        if (!one.batch.isEmpty()) {
+            one.lane->submit(one.batch);
+            one.batch.clear();
+        }
+    }
+}
+
+std::size_t Lanes::spooled() const {
+    return std::accumulate(
+        lanes_.begin(), lanes_.end(), pending(),
+        [](std::size_t sum, const One& one) { return sum + one.lane->spooled(); });
+}
+
+LaneState Lanes::state() {
+    LaneState sum;
+    for (One& one : lanes_) {
+        sum += one.lane->state();
+    }
+    return sum;
+}
+
+bool Lanes::stop(std::chrono::milliseconds patience) {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    for (One& one : lanes_) {
+        one.lane->beginStop(deadline);
+    }
+    bool isSafe = true;
+    for (One& one : lanes_) {
+        isSafe = one.lane->finishStop() && isSafe;
+    }
+    return isSafe;
+}
+
+U64_t Lanes::countGaps() {
+    return std::accumulate(lanes_.begin(), lanes_.end(), U64_t{0},
+                           [](U64_t sum, const One& one) { return sum + one.lane->countGaps(); });
+}
+
+} // namespace evarchive

@@ -1,0 +1,68 @@
+/**
+ * @file
+ * The lanes of a server together: what goes to which, and how they are in all.
+ *
+ * A blade's logs belong to one lane. An event of another identity than its link's blade concerns
+ * two logs and goes to the lanes of both; so all lanes are told who speaks on a link.
+ */
+#ifndef EVARCHIVER_LANES_H
+#define EVARCHIVER_LANES_H
+
+#include "engine.h"
+#include "lane.h"
+
+namespace evarchive {
+
+class Lanes {
+  public:
+    /** Opens the archive once for each lane and starts them. @param count 0: as the engine is best
+     * used. Throws StoreError. */
+    Lanes(const Engine& engine, const LaneSettings& settings, U32_t count,
+          const Lane::Callbacks& callbacks);
+
+    /**
+     * Adds a request to what is handed over next.
+     * @param speaker the link's blade, if it has said who it is
+     * @param ticket  comes back with the reply
+     */
+    void add(LinkNumber link, const std::optional<BladeKey>& speaker, Batch::Kind kind, View body,
+             U32_t ticket);
+
+    /** Of what is not handed over yet. */
+    bool isUrgent() const;
+    std::size_t pending() const;
+
+    /** Hands over what was added. */
+    void handOver();
+
+    /** Bytes of work that is not safe yet, handed over or not. */
+    std::size_t spooled() const;
+
+    /** Of all together. */
+    LaneState state();
+
+    /** Ends all, see Lane::stop(). */
+    bool stop(std::chrono::milliseconds patience);
+
+    /** Only after stop(). */
+    U64_t countGaps();
+
+  private:
+    struct One {
+        std::unique_ptr<Lane> lane;
+        Batch batch = {}; ///< not handed over yet
+    };
+
+    U32_t laneOfEvent(View body);
+    void addEvent(LinkNumber link, const std::optional<BladeKey>& speaker, Batch::Kind kind,
+                  View body);
+    void addStatus(LinkNumber link, View body, U32_t ticket);
+
+    std::vector<One> lanes_;
+    Bytes lastIdentity_; ///< the last event's, and its lane
+    U32_t lastLane_ = 0;
+};
+
+} // namespace evarchive
+
+#endif
