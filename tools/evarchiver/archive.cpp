@@ -81,27 +81,27 @@ Filed Archive::fileEvent(LinkNumber link, View body, Certainty certainty) {
     const U32_t id = imageOf<EmpEvLogHeader_t>(body).evSequenceId;
     Speaker& speaker = speakerOf(link, body);
     Series& series = *speaker.series;
-    const Arrival arrival{body, certainty, !speaker.isStranger && mayOpen(speaker, series),
+    const Arrival arrival{body, certaintyIn(series, speaker, certainty), !speaker.isStranger,
                           isSuperseded(speaker, link)};
     const bool isOurs = settings_.share.has(series.key.blade);
     const Filed filed = isOurs ? fileIn({series, arrival, true, id}) : Filed::LEFT;
     if (!speaker.isStranger || filed == Filed::REFUSED || !settings_.share.has(*speaker.blade)) {
         return filed;
     }
-    return fileForSpeaker(speaker, arrival, id);
-}
-
-Filed Archive::fileForSpeaker(const Speaker& speaker, const Arrival& arrival, U32_t id) {
-    counts_.strangers += arrival.certainty == Certainty::CERTAIN ? 1 : 0;
-    Series& ownLog = seriesOf({*speaker.blade, speaker.series->key.instance});
-    Arrival inOwnLog = arrival;
-    inOwnLog.mayOpen = mayOpen(speaker, ownLog);
+    counts_.strangers += certainty == Certainty::CERTAIN ? 1 : 0;
+    Series& ownLog = seriesOf({*speaker.blade, series.key.instance});
+    const Arrival inOwnLog{body, certaintyIn(ownLog, speaker, certainty), true,
+                           arrival.isSuperseded};
     return fileIn({ownLog, inOwnLog, false, id});
 }
 
-// Of a shared engine only the holder of a claim knows that the log is the one of now.
-bool Archive::mayOpen(const Speaker& speaker, const Series& series) const {
-    return !store_.isShared() || (speaker.claimed != 0 && speaker.claimed == series.newest.series);
+// Of a shared engine only the holder of a claim knows that the log is the one of now: what others
+// bring must make room for what the holder brings.
+Certainty Archive::certaintyIn(const Series& series, const Speaker& speaker,
+                               Certainty certainty) const {
+    const bool isClaimed = speaker.claimed != 0 && speaker.claimed == series.newest.series;
+    const bool isAsGood = !store_.isShared() || isClaimed || certainty != Certainty::CERTAIN;
+    return isAsGood ? certainty : Certainty::ENDED;
 }
 
 Archive::Speaker& Archive::speakerOf(LinkNumber link, View body) {

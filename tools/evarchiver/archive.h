@@ -180,8 +180,7 @@ class Archive {
     };
 
     Speaker& speakerOf(LinkNumber link, View body);
-    Filed fileForSpeaker(const Speaker& speaker, const Arrival& arrival, U32_t id);
-    bool mayOpen(const Speaker& speaker, const Series& series) const;
+    Certainty certaintyIn(const Series& series, const Speaker& speaker, Certainty certainty) const;
     void setOwner(LinkNumber link, const BladeKey& blade);
     std::optional<GenerationKey> newestOf(const SeriesKey& key);
     Series load(const SeriesKey& key, const Claim& claim);

@@ -197,7 +197,8 @@ class Store : public StoreReader {
     /** Whether other processes file into it too. Then
      * - a handshake is claim()ed, outside of any transaction, and what it is answered is looked up
      *   anew;
-     * - events of a link that never shook hands begin no generation but the first;
+     * - events of a link that did not claim their log stay doubtful: they begin no generation but
+     *   the first, and make room for what the holder of the claim brings;
      * - an inquiry looks up the newest generation anew;
      * - changes may be kept back until commit(), which tells by a StoreConflict that they cannot be
      *   made: a claim was lost, or an id that was free is not. A change that meets itself, because

@@ -1,6 +1,7 @@
 #include "lane.h"
 
 #include "link_messages.h"
+#include "memory_store.h"
 #include "sqlite_store.h"
 #include "wait.h"
 
@@ -104,8 +105,12 @@ class LockableStore : public Store {
 class LaneTest : public testing::Test {
   protected:
     void start(const LaneSettings& settings = {}) {
+        start(std::make_unique<LockableStore>(good_, failures_), settings);
+    }
+
+    void start(std::unique_ptr<Store> store, const LaneSettings& settings) {
         lane_ = std::make_unique<Lane>(
-            std::make_unique<LockableStore>(good_, failures_), settings,
+            std::move(store), settings,
             Lane::Callbacks{[this](const std::vector<Reply>& replies) {
                                 const std::lock_guard lock(mutex_);
                                 replies_.insert(replies_.end(), replies.begin(), replies.end());
@@ -259,4 +264,24 @@ TEST_F(LaneTest, QuotaOfALogKeepsItsNewestEvents) {
     const auto replies = waitForReplies(2);
     EXPECT_EQ(replies[0].event->sequenceId, 16U);
     EXPECT_EQ(replies[1].verdict, (StatusVerdict{19, 0})); // what has gone counts
+}
+
+TEST_F(LaneTest, ClaimThatAnotherProcessTookEndsTheLinkAndSetsItsEventsAside) {
+    MemoryDatabase database;
+    MemoryStore other(database, true);
+    start(std::make_unique<MemoryStore>(database, true), {});
+    addEvents(0, 4);
+    addStatus();
+    addEvents(0, 4);
+    addStatus();
+    submit();
+    EXPECT_EQ(waitForReplies(2)[1].verdict, (StatusVerdict{3, 0}));
+    requireSoon([this] { return lane_->state().spooled == 0; }, "all to be safe");
+    other.claim({{"ENC-A", "BLADE-1", 1}, 1});
+    addEvents(5, 9);
+    submit();
+    EXPECT_EQ(waitForReplies(3)[2].kind, Reply::Kind::SUPERSEDED);
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+    EXPECT_EQ(database.aside.size(), 5U);
+    EXPECT_EQ(failed_, "");
 }

@@ -58,6 +58,7 @@ class MemoryStore : public Store {
         work_ = committed_;
         changes_.clear();
         ours_.clear();
+        removed_.clear();
     }
 
     /** All changes are made to what is committed by now, or none. */
@@ -86,7 +87,9 @@ class MemoryStore : public Store {
 
     void addEvent(const GenerationKey& key, const NewEvent& event) override {
         ours_.insert(key.series);
-        newEvents_.emplace(key, event.sequenceId);
+        if (!removed_.contains({key, event.sequenceId})) {
+            newEvents_.emplace(key, event.sequenceId);
+        }
         change([key, stored = StoredEvent{event.sequenceId, event.own,
                                           Bytes(event.image.begin(), event.image.end()),
                                           event.doubtful, event.received}](MemoryDatabase& all) {
@@ -101,6 +104,7 @@ class MemoryStore : public Store {
     }
 
     void removeEvent(const GenerationKey& key, U32_t id) override {
+        removed_.emplace(key, id);
         change([key, id](MemoryDatabase& all) { all.generations[key].events.erase(id); });
     }
 
@@ -302,7 +306,8 @@ class MemoryStore : public Store {
     std::optional<MemoryDatabase> work_; ///< within a transaction
     std::vector<std::function<void(MemoryDatabase&)>> changes_;
     std::set<SeriesNumber> ours_; ///< series with changes that need their claim
-    std::set<std::pair<GenerationKey, U32_t>> newEvents_;
+    std::set<std::pair<GenerationKey, U32_t>> newEvents_; ///< where there was none
+    std::set<std::pair<GenerationKey, U32_t>> removed_;
     std::set<GenerationKey> newGenerations_;
     std::map<SeriesNumber, U64_t> claims_; ///< what this connection claimed
 };
