@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <filesystem>
 #include <utility>
 
 #include <fcntl.h>
@@ -79,8 +80,12 @@ TEST_F(BladeLines, ReaderThatVanishesEndsNobody) {
     expectEnd(process);
 }
 
-TEST_F(BladeLines, ClosedStandardDescriptorsAreNotTakenForSockets) {
+TEST_F(BladeLines, ClosedStandardDescriptorsAreOpenedToNowhere) {
     Process process(shellCommand("<&- >&- 2>&-"), base.file("blade"));
     expectTraffic();
+    for (const char* descriptor : {"0", "1", "2"}) {
+        std::string link = "/proc/" + std::to_string(process.pid()) + "/fd/" + descriptor;
+        EXPECT_EQ(std::filesystem::read_symlink(link), "/dev/null");
+    }
     expectEnd(process);
 }
