@@ -52,6 +52,8 @@ void addFileShowCommand(CLI::App& parent, Chosen& chosen);
 void addFileVerifyCommand(CLI::App& parent, Chosen& chosen);
 void addFileInfoCommand(CLI::App& parent, Chosen& chosen);
 void addFilePredictCommand(CLI::App& parent, Chosen& chosen);
+void addFileSalvageCommand(CLI::App& parent, Chosen& chosen);
+void addFileGuardCommand(CLI::App& parent, Chosen& chosen);
 void addFileCrashCommand(CLI::App& parent, Chosen& chosen);
 void addAelCommands(CLI::App& parent, Chosen& chosen);
 void addAelWriteCommand(CLI::App& parent, Chosen& chosen);

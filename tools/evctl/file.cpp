@@ -11,12 +11,15 @@
 namespace evctl {
 
 void addFileCommands(CLI::App& parent, Chosen& chosen) {
-    CLI::App& group = addCommandGroup(parent, "file", "Show an event log file, offline.");
+    CLI::App& group =
+        addCommandGroup(parent, "file", "Show, judge and mend event log files, offline.");
     addFileListCommand(group, chosen);
     addFileShowCommand(group, chosen);
     addFileVerifyCommand(group, chosen);
     addFileInfoCommand(group, chosen);
     addFilePredictCommand(group, chosen);
+    addFileSalvageCommand(group, chosen);
+    addFileGuardCommand(group, chosen);
     addFileCrashCommand(group, chosen);
 }
 

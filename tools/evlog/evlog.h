@@ -39,6 +39,9 @@ constexpr U32_t EVLOG_REACHABLE = EMP_LOG_FILE_SIZE + EMP_RECORD_SIZE + 65'535;
  */
 int evlogLoadFile(const char* path, EvlogImage_t* image);
 
+/** The same of an open file, from its first byte on. */
+int evlogLoadDescriptor(int descriptor, EvlogImage_t* image);
+
 /** An image of bytes that are already in memory. */
 EvlogImage_t evlogImageOf(std::span<const U8_t> bytes);
 

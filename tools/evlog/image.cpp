@@ -27,9 +27,11 @@ ssize_t readAll(int fd, std::span<U8_t> buffer) {
     return static_cast<ssize_t>(total);
 }
 
-int loadDescriptor(int fd, EvlogImage_t* image) {
+} // namespace
+
+int evlogLoadDescriptor(int descriptor, EvlogImage_t* image) {
     struct stat status {};
-    if (fstat(fd, &status) != 0) {
+    if (fstat(descriptor, &status) != 0) {
         return errno;
     }
     if (!S_ISREG(status.st_mode)) {
@@ -37,7 +39,7 @@ int loadDescriptor(int fd, EvlogImage_t* image) {
     }
     auto size = static_cast<U64_t>(status.st_size);
     std::vector<U8_t> bytes(static_cast<size_t>(std::min<U64_t>(size, EVLOG_REACHABLE)));
-    ssize_t count = readAll(fd, bytes);
+    ssize_t count = readAll(descriptor, bytes);
     if (count < 0) {
         return errno;
     }
@@ -50,15 +52,13 @@ int loadDescriptor(int fd, EvlogImage_t* image) {
     return 0;
 }
 
-} // namespace
-
 int evlogLoadFile(const char* path, EvlogImage_t* image) {
     // Not blocking: a FIFO must not hang the reader before it is refused.
     int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) {
         return errno;
     }
-    int result = loadDescriptor(fd, image);
+    int result = evlogLoadDescriptor(fd, image);
     close(fd);
     return result;
 }

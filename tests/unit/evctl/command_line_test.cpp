@@ -39,6 +39,8 @@ const std::vector<std::vector<std::string>> ALL_COMMANDS = {
     {"file", "verify"},
     {"file", "info"},
     {"file", "predict"},
+    {"file", "salvage"},
+    {"file", "guard"},
     {"file", "crash"},
     {"ael"},
     {"ael", "write"},

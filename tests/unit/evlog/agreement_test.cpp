@@ -2,7 +2,7 @@
  * The reader's verdict against the event manager's own scan, on sound, damaged and random files:
  * the same outcome, the same positions, the same index.
  */
-#include "log_image.h"
+#include "log_damage.h"
 
 #include "state/control.h"
 #include "store/scan.h"
@@ -12,11 +12,14 @@
 
 #include <cstring>
 #include <fcntl.h>
-#include <random>
 #include <sys/wait.h>
 #include <unistd.h>
 
+using test::closed;
+using test::damage;
 using test::LogImage;
+using test::unwrapped;
+using test::wrapped;
 
 namespace {
 
@@ -135,67 +138,6 @@ void expectAgreement(const std::string& bytes, const std::string& what) {
     EXPECT_EQ(scanned.wrapOver, state.wrapOver ? 2U : 1U);
     EXPECT_EQ(scanned.gap, state.foundGap ? 1U : 0U);
     expectSameIndex(walked, scanned);
-}
-
-LogImage closed(LogImage log, size_t size = test::RING) {
-    log.dummy();
-    log.zerosTo(size);
-    return log;
-}
-
-// Short files are walked like whole ones, and many of them sooner.
-constexpr size_t SHORT_FILE = 20'000;
-
-LogImage unwrapped() {
-    LogImage log;
-    log.firstEntry();
-    log.events(1, 12);
-    return closed(log, SHORT_FILE);
-}
-
-LogImage wrapped(size_t gap) {
-    LogImage log;
-    log.events(1000, 6);
-    log.raw(std::string(gap, 'g'));
-    log.events(500, 6);
-    return closed(log, SHORT_FILE);
-}
-
-/** One random act of damage within the part of the file that is in use. */
-void damage(std::string& bytes, std::minstd_rand& random) {
-    size_t at = random() % std::min<size_t>(bytes.size(), 3000);
-    switch (random() % 7) {
-    case 0:
-        bytes[at] = static_cast<char>(random());
-        break;
-    case 1:
-        bytes.insert(at, std::string(1 + random() % 400, 'i'));
-        break;
-    case 2:
-        bytes.erase(at, 1 + random() % 400);
-        break;
-    case 3:
-        bytes.resize(at);
-        break;
-    case 4: // a record of any id at a border of records
-        bytes.replace(
-            at / 200 * 200, 200,
-            test::record({.id = static_cast<uint32_t>(random() % 1010)}, std::string(40, 'r')));
-        break;
-    case 5: // a header of any source, type and length
-        bytes.replace(at, 160,
-                      test::record({.id = static_cast<uint32_t>(random() % 20),
-                                    .length = static_cast<int>(random() % 65'536),
-                                    .source = static_cast<uint8_t>(random() % 50),
-                                    .type = static_cast<uint8_t>(random() % 5),
-                                    .eventId = static_cast<uint16_t>(random() % 3),
-                                    .headerCrc = true},
-                                   ""));
-        break;
-    default: // a stretch of zeros
-        bytes.replace(at, 100, std::string(100, '\0'));
-        break;
-    }
 }
 
 } // namespace

@@ -2,78 +2,17 @@
  * What is predicted of the events behind a start, against the event manager's own scan and appends:
  * the same number of events is stored before a bug-check, or none comes.
  */
+#include "event_manager_run.h"
 #include "evlog/predict.h"
 #include "log_image.h"
 
-#include "diag/debug_line.h"
-#include "state/control.h"
-#include "store/append.h"
-#include "store/scan.h"
-#include "temp_directory.h"
-
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
+using test::EVENTS_MAX;
 using test::LogImage;
+using test::storedBy;
 
 namespace {
-
-constexpr U32_t EVENTS_MAX = 520; // of the largest: once round and on
-
-/** In the child: scans, then appends; the number of events that were stored goes to @p to. */
-[[noreturn]] void work(const std::string& directory, U32_t dataLength, int to) {
-    int null = open("/dev/null", O_WRONLY);
-    dup2(null, STDOUT_FILENO);
-    static MPU_PARAMS_t params;
-    memcpy(params.nvramDirectory, directory.data(), directory.size());
-    oMpuParams = &params;
-    memcpy(empControl.empEnclosureId, "CHASSIS-1", 10);
-    empControl.empSlotId = 2;
-    empControl.empWrapOver = EMP_E_WRAP_OVER_FALSE;
-    empScanEventLogFile();
-    static U8_t message[65'536];
-    auto& header = *reinterpret_cast<EmpEvLogHeader_t*>(message + MMCH_SIZE);
-    header.evSource = 28;
-    header.evStructLength = static_cast<U16_t>(dataLength);
-    for (U32_t stored = 0; stored < EVENTS_MAX; stored++) {
-        ssize_t written = write(to, &stored, sizeof(stored));
-        header.evSequenceId = empControl.empSequenceId++;
-        empSaveEventLogMsgToLogFile(reinterpret_cast<const MMSG_t*>(message));
-        if (written < 0) {
-            _exit(9);
-        }
-    }
-    ssize_t written = write(to, &EVENTS_MAX, sizeof(EVENTS_MAX));
-    _exit(written == static_cast<ssize_t>(sizeof(EVENTS_MAX)) ? 0 : 9);
-}
-
-/** @return how many events the event manager stores, at most EVENTS_MAX; nothing when it does not
- * come up */
-std::optional<U32_t> storedBy(const std::string& bytes, U32_t dataLength) {
-    support::TempDirectory directory;
-    support::writeFile(directory.file("kelta_eventlog"), bytes);
-    int ends[2];
-    EXPECT_EQ(pipe(ends), 0);
-    pid_t child = fork();
-    if (child == 0) {
-        work(directory.path(), dataLength, ends[1]);
-    }
-    close(ends[1]);
-    std::optional<U32_t> stored;
-    for (U32_t number = 0;
-         read(ends[0], &number, sizeof(number)) == static_cast<ssize_t>(sizeof(number));) {
-        stored = number;
-    }
-    close(ends[0]);
-    int status = 0;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFSIGNALED(status) ? WTERMSIG(status) == SIGABRT : WEXITSTATUS(status) == 0);
-    return stored;
-}
 
 /** Compares for the largest events; smaller ones take too many to go round. */
 void expectAgreement(const LogImage& log, const std::string& what) {

@@ -86,13 +86,23 @@ class InstallTest(unittest.TestCase):
         for unit in self.units:
             text = unit.read_text()
             program = re.search(r"^ExecStart=(\S+)", text, re.M).group(1)
-            self.assertTrue(os.access(f"{self.root}{program}", os.X_OK), program)
+            for started in re.findall(r"^Exec\w+=-?(\S+)", text, re.M):
+                self.assertTrue(os.access(f"{self.root}{started}", os.X_OK), started)
             self.assertIn(re.search(r"^User=(\w+)", text, re.M).group(1), users)
             for option in re.findall(r"(?<= )--[a-z-]+", text):
                 self.assertIn(option, run(f"{self.root}{program}", "--help").stdout)
             self.assertRegex(text, r"(?m)^StartLimitBurst=[0-9]+$")
             self.assertRegex(text, r"(?m)^StartLimitIntervalSec=[0-9]+min$")
             self.assertNotIn("@", re.sub(r"~?@(system-service|privileged|resources)|blade@", "", text))
+
+    def test_log_is_guarded_before_its_blade_starts(self):
+        text = (self.tree / "lib/systemd/system/blade@.service").read_text()
+        program, words = re.search(r"^ExecStartPre=-(\S+) (.*)$", text, re.M).groups()
+        base = re.search(r"--base (\S+)", text).group(1)
+        *command, log = words.split()
+        self.assertEqual(command, ["file", "guard"])
+        self.assertEqual(log, f"{base}/slot%i/nvram/kelta_eventlog")
+        self.assert_silent(run(f"{self.root}{program}", *command, f"{self.root}/missing"))
 
     def test_users_and_directories_are_well_formed(self):
         for kind in ("sysusers", "tmpfiles"):

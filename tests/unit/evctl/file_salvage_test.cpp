@@ -1,0 +1,172 @@
+/** evctl file salvage: what it says, and what it never does to files. */
+#include "../evlog/log_image.h"
+#include "run.h"
+
+#include "temp_directory.h"
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using test::Said;
+using testing::HasSubstr;
+
+namespace {
+
+class FileSalvage : public testing::Test {
+  protected:
+    Said run(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"file", "salvage"});
+        return test::run(arguments);
+    }
+    std::string write(const std::string& name, const std::string& bytes) {
+        support::writeFile(directory_.file(name), bytes);
+        return directory_.file(name);
+    }
+    /** Names in the directory. */
+    std::vector<std::string> names() const {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(directory_.path())) {
+            names.push_back(entry.path().filename().string());
+        }
+        std::ranges::sort(names);
+        return names;
+    }
+
+    support::TempDirectory directory_;
+};
+
+/** First entry and ten events, the sixth record damaged. */
+std::string damagedLog() {
+    test::LogImage log;
+    log.firstEntry();
+    log.events(1, 10);
+    log.dummy();
+    log.zerosTo();
+    log.damage(1100);
+    return log.bytes;
+}
+
+std::vector<std::string> idsOf(const std::string& log) {
+    std::vector<std::string> ids;
+    for (const EvlogRecord_t& found : test::walk(log).records) {
+        ids.push_back(std::to_string(U32_t{found.header->evSequenceId}));
+    }
+    return ids;
+}
+
+} // namespace
+
+TEST_F(FileSalvage, SaysWhatIsSavedAndWhatIsNot) {
+    std::string log = write("log", damagedLog());
+    Said said = run({log, "--output", directory_.file("new")});
+    EXPECT_EQ(said.status, 1);
+    EXPECT_EQ(said.errors, "");
+    EXPECT_EQ(said.output, log + " offset 1000, 200 bytes: checksum does not match\n" +
+                               "10 events saved, ids 0 to 10, 1 of these marks for lost events\n");
+    EXPECT_EQ(support::readFile(log), damagedLog());
+    std::string made = support::readFile(directory_.file("new"));
+    EXPECT_EQ(idsOf(made).size(), 11U);
+    EXPECT_EQ(test::run({"file", "verify", directory_.file("new")}).status, 0);
+    EXPECT_EQ(test::run({"file", "predict", directory_.file("new")}).status, 0);
+    EXPECT_EQ(names(), (std::vector<std::string>{"log", "new"}));
+    struct stat status {};
+    ASSERT_EQ(stat(directory_.file("new").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);
+}
+
+TEST_F(FileSalvage, SoundLogIsStatusZero) {
+    test::LogImage log;
+    log.firstEntry();
+    log.dummy();
+    log.zerosTo();
+    Said said = run({write("log", log.bytes), "--output", directory_.file("new")});
+    EXPECT_EQ(said.status, 0);
+    EXPECT_EQ(said.output, "1 events saved, ids 0 to 0\n");
+    EXPECT_EQ(support::readFile(directory_.file("new")), log.bytes);
+}
+
+TEST_F(FileSalvage, NeverWritesOverAnything) {
+    std::string log = write("log", damagedLog());
+    std::string there = write("there", "precious");
+    ASSERT_EQ(symlink("nowhere", directory_.file("dangling").c_str()), 0);
+    for (const std::string& output : {there, log, directory_.file("dangling")}) {
+        Said said = run({log, "--output", output});
+        EXPECT_EQ(said.status, 2);
+        EXPECT_THAT(said.errors, HasSubstr("is there already"));
+    }
+    EXPECT_EQ(support::readFile(there), "precious");
+    EXPECT_EQ(support::readFile(log), damagedLog());
+    EXPECT_EQ(names(), (std::vector<std::string>{"dangling", "log", "there"}));
+}
+
+TEST_F(FileSalvage, DryRunWritesNothing) {
+    std::string log = write("log", damagedLog());
+    Said said = run({log, "--dry-run"});
+    EXPECT_EQ(said.status, 1);
+    EXPECT_THAT(said.output, HasSubstr("1 of these marks for lost events; nothing written\n"));
+    EXPECT_EQ(names(), std::vector<std::string>{"log"});
+    EXPECT_EQ(run({log}).status, 2);
+    EXPECT_EQ(run({log, "--dry-run", "--output", directory_.file("new")}).status, 2);
+}
+
+TEST_F(FileSalvage, DirectoryOfAlternateEventsIsTakenInTheOrderOfReplay) {
+    std::string log = write("log", damagedLog());
+    directory_.makeDirectory("aelfiles");
+    auto waiting = [](const std::string& body) { return test::record({.instance = 0}, body); };
+    std::string later = write("aelfiles/kelta_alteventlog1.aaaaaa", waiting("later"));
+    std::string sooner = write("aelfiles/kelta_alteventlog1.bbbbbb", waiting("sooner"));
+    write("aelfiles/kelta_alteventlog1.cccccc", "no record");
+    write("aelfiles/other", waiting("other"));
+    std::filesystem::last_write_time(sooner, std::filesystem::last_write_time(later) -
+                                                 std::chrono::seconds(100));
+    Said said = run({log, directory_.file("aelfiles"), "--output", directory_.file("new")});
+    EXPECT_EQ(said.status, 1);
+    EXPECT_THAT(said.output, HasSubstr("1 left out: no valid record in this alternate event file"));
+    EXPECT_THAT(said.output, HasSubstr("ids 0 to 12"));
+    std::string made = support::readFile(directory_.file("new"));
+    EXPECT_LT(made.find("sooner"), made.find("later"));
+    EXPECT_EQ(made.find("other"), std::string::npos);
+}
+
+TEST_F(FileSalvage, AsJson) {
+    std::string log = write("log", damagedLog());
+    Said said = run({log, "--dry-run", "--json"});
+    EXPECT_EQ(said.output,
+              R"({"saved":10,"marks":1,"renumbered":0,"repeated":0,"firstSequenceId":0,)"
+              R"("lastSequenceId":10,"leftOut":[],"damaged":[{"file":")" +
+                  log +
+                  R"(","offset":1000,"bytes":200,"reason":"checksum does not match"}],)"
+                  R"("written":false})"
+                  "\n");
+}
+
+TEST_F(FileSalvage, NothingReadableWritesNothing) {
+    Said said =
+        run({write("log", std::string(test::RING, 'x')), "--output", directory_.file("new")});
+    EXPECT_EQ(said.status, 2);
+    EXPECT_THAT(said.output, HasSubstr("no event saved"));
+    EXPECT_EQ(names(), std::vector<std::string>{"log"});
+}
+
+TEST_F(FileSalvage, LongListsAreCut) {
+    test::LogImage log;
+    log.firstEntry();
+    for (uint32_t id = 100; id < 125; id++) {
+        log.raw(test::record({.id = id, .source = 27, .eventId = 9}, std::string(3849, 'l')));
+    }
+    log.dummy();
+    log.zerosTo();
+    Said said = run({write("log", log.bytes), "--dry-run"});
+    EXPECT_THAT(said.output, HasSubstr("25 left out: longer than any message\n"));
+    EXPECT_THAT(said.output, HasSubstr("... and 5 more; --json has all\n"));
+}
+
+TEST_F(FileSalvage, WhatIsNoLogIsRefused) {
+    Said said = run({write("text", "hello\n"), "--output", directory_.file("new")});
+    EXPECT_EQ(said.status, 2);
+    EXPECT_THAT(said.errors, HasSubstr("no event log"));
+    EXPECT_EQ(run({directory_.file("missing"), "--dry-run"}).status, 2);
+}

@@ -1,0 +1,222 @@
+/** evctl file guard: before a start, puts a sound log in the place of one that would stop it. */
+#include "common/text.h"
+#include "evctl/commands.h"
+#include "evctl/file.h"
+#include "evctl/new_file.h"
+#include "evctl/salvage.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <filesystem>
+#include <iostream>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace evctl {
+namespace {
+
+constexpr char FILE_GUARD_EXAMPLES[] =
+    "For the time before the event manager's start: a log that 'evctl file predict'\n"
+    "calls fatal is set aside as FILE.fatal-TIME, and what is readable of it put into\n"
+    "a new log. The exit status is 1 when that was done, 2 when it could not be done.\n"
+    "Example, of a unit:\n"
+    "  ExecStartPre=-evctl file guard /var/lib/blade/slot1/nvram/kelta_eventlog";
+
+constexpr char ASIDE[] = ".fatal-";
+constexpr char NEW[] = ".guard";
+
+struct GuardOptions {
+    std::string path;
+    U32_t keep = 4;
+};
+
+/** The log, held open, so that what was judged is what is set aside. */
+class GuardedLog {
+  public:
+    explicit GuardedLog(const std::string& path)
+        : descriptor_(
+              open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)) {
+        if (descriptor_ < 0 && errno == ELOOP) {
+            throw std::runtime_error(path + ": is a link");
+        }
+        if (descriptor_ < 0 && errno != ENOENT) {
+            failWith(path, errno);
+        }
+    }
+    ~GuardedLog() {
+        if (descriptor_ >= 0) {
+            close(descriptor_);
+        }
+    }
+    GuardedLog(const GuardedLog&) = delete;
+    GuardedLog& operator=(const GuardedLog&) = delete;
+
+    bool isThere() const { return descriptor_ >= 0; }
+
+    struct stat status() const {
+        struct stat status {};
+        fstat(descriptor_, &status);
+        return status;
+    }
+
+    EvlogImage_t load(const std::string& path) const {
+        EvlogImage_t image;
+        if (int error = evlogLoadDescriptor(descriptor_, &image); error != 0) {
+            throw std::runtime_error(path + ": " +
+                                     (error == EINVAL ? "not a regular file" : strerror(error)));
+        }
+        return image;
+    }
+
+    /** Whether another process has the file open, as far as the file system can tell. */
+    bool isInUse() const {
+        // A lease for writing is given to nobody while somebody else has the file open.
+        if (fcntl(descriptor_, F_SETLEASE, F_WRLCK) == 0) {
+            fcntl(descriptor_, F_SETLEASE, F_UNLCK);
+            return false;
+        }
+        return errno == EAGAIN;
+    }
+
+  private:
+    int descriptor_;
+};
+
+bool isSameFile(const std::string& path, const struct stat& file) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 && status.st_dev == file.st_dev &&
+           status.st_ino == file.st_ino;
+}
+
+/** What was set aside so far, oldest first. */
+std::vector<std::string> asidesOf(const std::string& path) {
+    std::filesystem::path log(path);
+    std::string prefix = log.filename().string() + ASIDE;
+    std::filesystem::path directory = log.has_parent_path() ? log.parent_path() : ".";
+    std::vector<std::string> asides;
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        if (entry.path().filename().string().starts_with(prefix) && entry.is_regular_file()) {
+            asides.push_back(entry.path().string());
+        }
+    }
+    std::ranges::sort(asides);
+    return asides;
+}
+
+std::string timeStamp() {
+    time_t now = time(nullptr);
+    struct tm utc {};
+    gmtime_r(&now, &utc);
+    std::array<char, 32> text{};
+    strftime(text.data(), text.size(), "%Y%m%dT%H%M%SZ", &utc);
+    return text.data();
+}
+
+/** Gives the log a second name. One that ended half-way before has given it already. */
+std::string setAside(const std::string& path, const struct stat& file) {
+    for (const std::string& aside : asidesOf(path)) {
+        if (isSameFile(aside, file)) {
+            return aside;
+        }
+    }
+    std::string stamped = path + ASIDE + timeStamp();
+    std::string aside = stamped;
+    for (int number = 1; link(path.c_str(), aside.c_str()) != 0; number++) {
+        if (errno != EEXIST || number > 9) {
+            failWith(aside, errno);
+        }
+        aside = stamped + "-" + std::to_string(number);
+    }
+    syncDirectoryOf(path);
+    return aside;
+}
+
+void removeOldest(const std::string& path, U32_t keep) {
+    std::vector<std::string> asides = asidesOf(path);
+    for (size_t place = 0; place + keep < asides.size(); place++) {
+        if (unlink(asides[place].c_str()) == 0) {
+            std::cout << tools::escapedText(asides[place]) << ": removed\n";
+        }
+    }
+}
+
+/** The log's name leads to the damaged file or to the whole new one, at every moment. */
+void replace(const std::string& path, const EvlogSalvage_t& salvage, const struct stat& file) {
+    std::string made = path + NEW;
+    unlink(made.c_str()); // of one that ended half-way
+    if (!salvage.bytes.empty()) {
+        writeFileWhole(made, salvage.bytes, file.st_mode & 07777);
+    }
+    std::string aside = setAside(path, file);
+    int result = salvage.bytes.empty() ? unlink(path.c_str()) : rename(made.c_str(), path.c_str());
+    if (result != 0) {
+        failWith(path, errno);
+    }
+    syncDirectoryOf(path);
+    std::cout << "set aside as " << tools::escapedText(aside) << "; "
+              << (salvage.bytes.empty() ? "no event can be read of it, the start makes a new log"
+                                        : savedText(salvage))
+              << "\n";
+}
+
+void requireOwn(const std::string& path, const struct stat& file) {
+    if (!S_ISREG(file.st_mode)) {
+        throw std::runtime_error(path + ": not a regular file");
+    }
+    if (file.st_uid != geteuid()) {
+        throw std::runtime_error(path + ": belongs to another user; run guard as that one");
+    }
+}
+
+int runGuard(const GuardOptions& options) {
+    GuardedLog log(options.path);
+    if (!log.isThere()) {
+        return tools::EXIT_DONE;
+    }
+    struct stat file = log.status();
+    requireOwn(options.path, file);
+    EvlogImage_t image = log.load(options.path);
+    EvlogPrediction_t prediction = evlogPredict(image, nullptr);
+    if (!prediction.isFatal()) {
+        return tools::EXIT_DONE;
+    }
+    if (log.isInUse()) {
+        throw std::runtime_error(options.path + ": in use; end the event manager first");
+    }
+    std::cout << tools::escapedText(options.path) << ": "
+              << (prediction.bugcheck ? "the first event would end in \"" +
+                                            std::string(prediction.bugcheck->message) + "\""
+                                      : evlogVerdictText(prediction.state.verdict))
+              << "\n";
+    EvlogSource_t source = {.bytes = image.bytes};
+    EvlogSalvage_t salvage = salvageTried({&source, 1}, {});
+    if (!isSameFile(options.path, file)) {
+        throw std::runtime_error(options.path + ": replaced meanwhile; nothing was changed");
+    }
+    replace(options.path, salvage, file);
+    removeOldest(options.path, options.keep);
+    return tools::EXIT_FINDING;
+}
+
+} // namespace
+
+void addFileGuardCommand(CLI::App& parent, Chosen& chosen) {
+    auto options = std::make_shared<GuardOptions>();
+    CLI::App& command =
+        addCommand(parent, "guard", "Replace a log that would stop the event manager's next start.",
+                   FILE_GUARD_EXAMPLES);
+    command.add_option("FILE", options->path, "The log of an event manager that is not running")
+        ->required();
+    command.add_option("--keep", options->keep, "Logs set aside that are kept, the newest ones")
+        ->type_name("NUMBER")
+        ->capture_default_str()
+        ->check(tools::wholeNumber(1, 1000));
+    onChosen(command, chosen, options, runGuard);
+}
+
+} // namespace evctl
