@@ -14,12 +14,6 @@ namespace {
 // A handle that no blade has asked with: blades count theirs up from small numbers.
 constexpr U32_t HANDLE_SPOILER = 0x80000000;
 
-// How long a connection may say nothing at first. A blade's first message is its status request.
-constexpr std::chrono::seconds FIRST_REQUEST_TIME{10};
-
-// How long the archive may take for an answer.
-constexpr std::chrono::seconds ANSWER_TIME{10};
-
 // How long nothing must have come behind an event before it is certain. A blade that was stalled
 // goes on with the rest of a message after 5 s, which it counts in passes of its loop.
 constexpr std::chrono::seconds CERTAIN_TIME{15};
@@ -189,7 +183,7 @@ void Link::checkTime(Clock::time_point now) {
         }
         return;
     }
-    if (session_.messages() == 0 && now - begun_ > FIRST_REQUEST_TIME) {
+    if (session_.messages() == 0 && now - begun_ > host_.options().firstWait) {
         end(Level::NOTICE, "said nothing, closed");
         return;
     }
@@ -197,7 +191,7 @@ void Link::checkTime(Clock::time_point now) {
         session_.idleForLong();
     }
     for (Awaited& awaited : awaited_) {
-        if (!awaited.isLate && now - awaited.since > ANSWER_TIME) {
+        if (!awaited.isLate && now - awaited.since > host_.options().answerWait) {
             giveUpWaiting(awaited);
         }
         if (isClosed_ || isEnding_) {

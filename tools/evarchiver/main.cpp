@@ -57,6 +57,7 @@ int serve(const Options& options) {
 int main(int argc, char** argv) {
     tools::guardStandardDescriptors();
     tools::surviveReaders();
+    signal(SIGXFSZ, SIG_IGN); // a file that may not grow is as a full disk
     try {
         const auto options = evarchive::parseOptions(argc, argv);
         if (const int* status = std::get_if<int>(&options)) {

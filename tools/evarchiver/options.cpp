@@ -46,6 +46,8 @@ struct Parsed {
     std::string metrics;
     unsigned progress = 10;
     unsigned late = 0;
+    unsigned firstWait = 10;
+    unsigned answerWait = 10;
     bool mayStopBlades = false;
 };
 
@@ -100,8 +102,24 @@ void addRetention(CLI::App& app, Options& options) {
         ->capture_default_str();
 }
 
-void addLimits(CLI::App& app, Options& options) {
+void addTimes(CLI::Option_group& limits, Parsed& parsed) {
+    limits
+        .add_option("--first-wait", parsed.firstWait,
+                    "Seconds that a connection may say nothing at first")
+        ->check(CLI::Range(1, 300))
+        ->capture_default_str();
+    limits
+        .add_option("--answer-wait", parsed.answerWait,
+                    "Seconds that an answer may wait for the archive; then an inquiry is answered "
+                    "with return code 3, and a link that waits for its status answer is closed. An "
+                    "event manager waits for 15")
+        ->check(CLI::Range(1, 14))
+        ->capture_default_str();
+}
+
+void addLimits(CLI::App& app, Options& options, Parsed& parsed) {
     CLI::Option_group* limits = app.add_option_group("Limits");
+    addTimes(*limits, parsed);
     limits
         ->add_option("--connection-limit", options.connectionLimit,
                      "Links at a time; the start is refused when there are too few descriptors. "
@@ -199,7 +217,7 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
     tools::setUpCommandLine(app, FOOTER);
     addMainOptions(app, options, parsed);
     addRetention(app, options);
-    addLimits(app, options);
+    addLimits(app, options, parsed);
     addTestSwitches(app, options, parsed.late);
     if (const auto status = tools::parseCommandLine(app, argc, argv)) {
         return *status;
@@ -217,6 +235,8 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
     if (!parsed.metrics.empty()) {
         options.metrics = endpointOf(parsed.metrics, asio::ip::address_v4::loopback());
     }
+    options.firstWait = std::chrono::seconds(parsed.firstWait);
+    options.answerWait = std::chrono::seconds(parsed.answerWait);
     options.progress = std::chrono::seconds(parsed.progress);
     options.misbehaviour.late = std::chrono::milliseconds(parsed.late);
     return options;

@@ -31,15 +31,17 @@ struct Options {
     asio::ip::tcp::endpoint listen;
     std::string database;
     LaneSettings lane;
-    std::vector<std::string> allow;     ///< networks whose blades are served; empty: all
-    U32_t lanes = 0;                    ///< 0: as the engine is best used
-    U32_t connectionLimit = 0;          ///< links at a time; 0: DEFAULT_LINKS, or what there are
-                                        ///< descriptors for
-    U32_t hostLimit = 0;                ///< links at a time from one address; 0: no limit
-    U32_t handshakeRate = 8000;         ///< links taken a second
-    U32_t answerLimit = 0;              ///< longest answer in bytes; 0: as the link's segments
-    U64_t unsentLimit = 64 * 1'048'576; ///< bytes of answers that wait, for all links together
-    U64_t spool = 256 * 1'048'576;      ///< bytes of events that wait for the archive
+    std::vector<std::string> allow;      ///< networks whose blades are served; empty: all
+    U32_t lanes = 0;                     ///< 0: as the engine is best used
+    U32_t connectionLimit = 0;           ///< links at a time; 0: DEFAULT_LINKS, or what there are
+                                         ///< descriptors for
+    U32_t hostLimit = 0;                 ///< links at a time from one address; 0: no limit
+    U32_t handshakeRate = 8000;          ///< links taken a second
+    U32_t answerLimit = 0;               ///< longest answer in bytes; 0: as the link's segments
+    std::chrono::seconds firstWait{10};  ///< how long a connection may say nothing at first
+    std::chrono::seconds answerWait{10}; ///< how long an answer may wait for the archive
+    U64_t unsentLimit = 64 * 1'048'576;  ///< bytes of answers that wait, for all links together
+    U64_t spool = 256 * 1'048'576;       ///< bytes of events that wait for the archive
     std::optional<asio::ip::tcp::endpoint> metrics; ///< where metrics are served
     std::chrono::seconds progress{10};              ///< between two progress lines; 0: none
     int receiveBuffer = 0;                          ///< SO_RCVBUF in bytes; 0: the system's choice

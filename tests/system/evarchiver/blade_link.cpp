@@ -127,6 +127,18 @@ Claim claimOf(const Bytes& answer) {
     return {get32(answer, 16 + 168), get32(answer, 16 + 172)};
 }
 
+U16_t freePort() {
+    const int descriptor = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    EXPECT_EQ(bind(descriptor, reinterpret_cast<sockaddr*>(&address), length), 0);
+    EXPECT_EQ(getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    close(descriptor);
+    return ntohs(address.sin_port);
+}
+
 void ArchiverProcessTest::start(const std::vector<std::string>& arguments) {
     std::vector<std::string> all = {"--listen", "127.0.0.1:0", "--db", database_};
     all.insert(all.end(), arguments.begin(), arguments.end());

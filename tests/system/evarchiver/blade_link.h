@@ -60,6 +60,9 @@ struct Claim {
 /** The last id and the flag of a status answer. */
 Claim claimOf(const Bytes& answer);
 
+/** A port of the loopback that was free a moment ago, for what names none that it took itself. */
+U16_t freePort();
+
 /** Tests of the archiver as a process. */
 class ArchiverProcessTest : public testing::Test {
   protected:

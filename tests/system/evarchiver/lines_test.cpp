@@ -14,19 +14,6 @@ using namespace support;
 
 namespace {
 
-/** A port of the loopback that was free a moment ago: the line that names one cannot be read. */
-U16_t freePort() {
-    const int descriptor = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    EXPECT_EQ(bind(descriptor, reinterpret_cast<sockaddr*>(&address), length), 0);
-    EXPECT_EQ(getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    close(descriptor);
-    return ntohs(address.sin_port);
-}
-
 class ArchiverLines : public ArchiverProcessTest {
   protected:
     /** An archiver below a shell that redirects its standard descriptors. */

@@ -112,6 +112,10 @@ TEST(CommandLine, EverySwitchArrives) {
                                     "0",
                                     "--lanes",
                                     "1",
+                                    "--first-wait",
+                                    "2",
+                                    "--answer-wait",
+                                    "3",
                                     "--receive-buffer",
                                     "2304",
                                     "--test-refuse",
@@ -142,6 +146,8 @@ TEST(CommandLine, EverySwitchArrives) {
     EXPECT_EQ(options.answerLimit, 1448U);
     EXPECT_EQ(options.lane.batch, 7U);
     EXPECT_EQ(options.lanes, 1U);
+    EXPECT_EQ(options.firstWait.count(), 2);
+    EXPECT_EQ(options.answerWait.count(), 3);
     EXPECT_EQ(options.progress.count(), 0);
     EXPECT_EQ(options.receiveBuffer, 2304);
     EXPECT_EQ(options.segmentSize, 536);

@@ -1,0 +1,226 @@
+/** Peers that say nothing, too much, or lie; and what is watched of all of them. */
+#include "archive_lock.h"
+#include "blade_link.h"
+
+#include <gmock/gmock.h>
+
+#include <arpa/inet.h>
+#include <csignal>
+#include <netinet/in.h>
+#include <random>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace support;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+class PeersTest : public ArchiverProcessTest {};
+
+// The number that the next descriptor of a process gets.
+rlim_t nextDescriptorOf(pid_t process) {
+    const std::string path = "/proc/" + std::to_string(process) + "/fd/";
+    rlim_t number = 0;
+    while (access((path + std::to_string(number)).c_str(), F_OK) == 0) {
+        ++number;
+    }
+    return number;
+}
+
+// What a scrape of the figures gets.
+std::string scrape(U16_t port) {
+    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    std::string text;
+    if (connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+        const std::string request = "GET /metrics HTTP/1.0\r\n\r\n";
+        send(descriptor, request.data(), request.size(), MSG_NOSIGNAL);
+        char buffer[4096];
+        for (ssize_t size = 0; (size = recv(descriptor, buffer, sizeof(buffer), 0)) > 0;) {
+            text.append(buffer, static_cast<std::size_t>(size));
+        }
+    }
+    close(descriptor);
+    return text;
+}
+
+double figure(const std::string& text, const std::string& name) {
+    const std::size_t line = text.find("\nevarchiver_" + name + " ");
+    return line == std::string::npos ? -1
+                                     : std::stod(text.substr(line + name.size() + std::size_t{13}));
+}
+
+} // namespace
+
+TEST_F(PeersTest, ConnectionThatSaysNothingIsClosed) {
+    start({"--first-wait", "1"});
+    BladeLink blade(port_);
+    claim(blade, event(0));
+    BladeLink silent(port_);
+    EXPECT_TRUE(silent.isClosed());
+    EXPECT_THAT(archiver_->waitForOutput("said nothing, closed"), HasSubstr(" notice: "));
+    EXPECT_EQ(claim(blade, event(0)), (Claim{0, 1})); // is as it was
+}
+
+TEST_F(PeersTest, HalfARequestIsNoFirstRequest) {
+    start({"--first-wait", "1"});
+    BladeLink slow(port_);
+    const Bytes request = statusOf(event(0));
+    slow.send(Bytes(request.begin(), request.begin() + 100));
+    EXPECT_TRUE(slow.isClosed());
+}
+
+TEST_F(PeersTest, PeerThatAsksWithoutEndIsClosed) {
+    start({"--progress", "0"});
+    BladeLink blade(port_);
+    claim(blade, event(0));
+    ArchiveLock lock(database_);
+    blade.send(events(0, 9));
+    Bytes many;
+    const Bytes one = inquiryMessage(EXACT, {}, 5, 1);
+    for (int count = 0; count < 10'001; ++count) {
+        many.insert(many.end(), one.begin(), one.end());
+    }
+    BladeLink greedy(port_);
+    greedy.send(many);
+    EXPECT_TRUE(greedy.isClosed());
+    archiver_->waitForOutput("asks faster than it is answered, closed");
+    lock.release();
+    EXPECT_EQ(claim(blade, event(0)), (Claim{8, 0}));
+}
+
+TEST_F(PeersTest, JunkHarmsNobodyElse) {
+    start({"--progress", "0"});
+    BladeLink blade(port_);
+    claim(blade, event(0));
+    std::mt19937 random(7);
+    for (U32_t round = 0; round < 100; ++round) {
+        Bytes junk = eventMessage({.log = {.blade = "LIAR"}, .id = round, .data = Bytes(40, 9)});
+        for (int damage = 0; damage < 3; ++damage) {
+            junk[random() % junk.size()] = static_cast<U8_t>(random());
+        }
+        junk.resize(1 + random() % junk.size());
+        BladeLink liar(port_);
+        liar.send(junk);
+        blade.send(events(round * 10, round * 10 + 9));
+    }
+    EXPECT_EQ(claim(blade, event(0)), (Claim{998, 0}));
+    BladeLink asker(port_);
+    for (U32_t id = 0; id < 1000; id += 97) {
+        const Bytes answer = asker.ask(inquiryMessage(EXACT, {}, id, 1));
+        EXPECT_EQ(Bytes(answer.begin() + 16, answer.end()), eventBody(event(id)));
+    }
+}
+
+TEST_F(PeersTest, PeerThatSpeaksForAnotherBladeChangesNothingOfItsLog) {
+    start({"--progress", "0"});
+    BladeLink blade(port_);
+    claim(blade, event(0));
+    blade.send(events(0, 9));
+    ASSERT_EQ(claim(blade, event(0)), (Claim{8, 0}));
+    const LogName own{"ENC-A", "LIAR", 9, 1};
+    BladeLink liar(port_);
+    claim(liar, event(0, own));
+    EventFields false5 = event(5); // the blade's identity, other bytes
+    false5.time = 9999;
+    liar.send(eventMessage(false5) + eventMessage(event(6, own)));
+    claim(liar, event(0, own));
+    const Bytes answer = liar.ask(inquiryMessage(EXACT, {}, 5, 1));
+    EXPECT_EQ(Bytes(answer.begin() + 16, answer.end()), eventBody(event(5)));
+    EXPECT_EQ(claim(blade, event(0)), (Claim{8, 0}));
+    EXPECT_EQ(stop(), exitedWith(0));
+    EXPECT_THAT(archiver_->output(), HasSubstr(" 1 set aside, "));
+    EXPECT_THAT(archiver_->output(), HasSubstr(" 0 generations opened"));
+}
+
+TEST_F(PeersTest, WithoutADescriptorAConnectionIsClosedAndNotLeftWaiting) {
+    start({"--progress", "0"});
+    BladeLink blade(port_);
+    claim(blade, event(0));
+    rlimit usual{};
+    ASSERT_EQ(prlimit(archiver_->pid(), RLIMIT_NOFILE, nullptr, &usual), 0);
+    const rlimit none{nextDescriptorOf(archiver_->pid()), usual.rlim_max};
+    ASSERT_EQ(prlimit(archiver_->pid(), RLIMIT_NOFILE, &none, nullptr), 0);
+    BladeLink further(port_);
+    EXPECT_TRUE(further.isClosed());
+    EXPECT_THAT(archiver_->waitForOutput("there is no descriptor left"), HasSubstr(" warning: "));
+    ASSERT_EQ(prlimit(archiver_->pid(), RLIMIT_NOFILE, &usual, nullptr), 0);
+    BladeLink last(port_);
+    EXPECT_EQ(claim(last, event(0, {.slot = 2})), (Claim{0, 1}));
+}
+
+TEST_F(PeersTest, FiguresTellWhatHappened) {
+    const U16_t port = freePort();
+    start({"--metrics", std::to_string(port), "--progress", "0"});
+    {
+        BladeLink blade(port_);
+        claim(blade, event(0));
+        blade.send(events(0, 9) + events(9, 9) + events(15, 19)); // one twice, one gap
+        EventFields other = event(3);
+        other.time = 5;
+        blade.send(eventMessage(other)); // the log counts again
+        claim(blade, event(0));
+        blade.receive(); // the answer that nobody asked for
+        BladeLink asker(port_);
+        asker.ask(inquiryMessage(EXACT, {}, 3, 1));
+        asker.ask(inquiryMessage(EXACT, {}, 4, 1)); // not in the new generation
+        {
+            BladeLink junk(port_);
+            junk.send(Bytes(100, 0xFF));
+            EXPECT_TRUE(junk.isClosed());
+        }
+        std::string text;
+        requireSoon(
+            [&] {
+                text = scrape(port);
+                return figure(text, "messages_total") == 21 && figure(text, "links") == 2;
+            },
+            "the figures of a second ago");
+        const std::map<std::string, double> expected = {{"events_stored_total", 16},
+                                                        {"duplicates_total", 1},
+                                                        {"generations_opened_total", 1},
+                                                        {"gaps_total", 1},
+                                                        {"status_answers_total", 2},
+                                                        {"inquiries_found_total", 1},
+                                                        {"inquiries_not_found_total", 1},
+                                                        {"events_set_aside_total", 0},
+                                                        {"events_refused_total", 0},
+                                                        {"streams_without_borders_total", 1},
+                                                        {"archive_away", 0},
+                                                        {"connections_refused_total", 0},
+                                                        {"links_shed_total", 0},
+                                                        {"answers_late_total", 0}};
+        for (const auto& [name, value] : expected) {
+            EXPECT_EQ(figure(text, name), value) << name;
+        }
+        EXPECT_GT(figure(text, "commits_total"), 0);
+        EXPECT_GT(figure(text, "commit_seconds_total"), 0);
+        EXPECT_GE(figure(text, "commit_seconds_total"), figure(text, "commit_seconds_max"));
+        EXPECT_GT(figure(text, "disk_free_bytes"), 0);
+        EXPECT_GT(figure(text, "archive_bytes"), 0);
+        std::size_t bytes = 0;
+        for (U32_t id = 0; id < 20; ++id) {
+            bytes += id < 10 || id >= 15 ? eventBody(event(id)).size() : 0;
+        }
+        EXPECT_EQ(figure(text, "event_bytes_stored_total"),
+                  static_cast<double>(bytes + eventBody(event(3)).size()));
+    }
+    EXPECT_EQ(stop(), exitedWith(1));
+}
+
+TEST_F(PeersTest, FiguresAreServedOnTheLoopbackOnly) {
+    const U16_t port = freePort();
+    start({"--metrics", std::to_string(port)});
+    EXPECT_NE(scrape(port).find("evarchiver_links "), std::string::npos);
+    const std::string line = "ss -Hltn 'sport = :" + std::to_string(port) + "'";
+    Process list({"sh", "-c", line}, directory_.file("ss"));
+    list.wait();
+    EXPECT_THAT(list.output(), HasSubstr("127.0.0.1:" + std::to_string(port)));
+    EXPECT_THAT(list.output(), Not(HasSubstr("0.0.0.0:" + std::to_string(port))));
+}
