@@ -167,8 +167,11 @@ int listArchive(const std::string& path, ReportForm form, std::ostream& out) {
 }
 
 int checkArchive(const std::string& path, ReportForm form, std::ostream& out) {
-    const auto store = openArchiveForReading(path);
-    const std::vector<Generation> generations = readGenerations(*store, true);
+    return checkArchive(*openArchiveForReading(path), form, out);
+}
+
+int checkArchive(StoreReader& store, ReportForm form, std::ostream& out) {
+    const std::vector<Generation> generations = readGenerations(store, true);
     const bool found = std::ranges::any_of(generations, hasFinding);
     if (form == ReportForm::TEXT) {
         printCheckText(generations, out);

@@ -5,6 +5,8 @@
 #ifndef EVARCHIVER_ARCHIVE_REPORT_H
 #define EVARCHIVER_ARCHIVE_REPORT_H
 
+#include "store.h"
+
 #include <ostream>
 #include <string>
 
@@ -27,6 +29,7 @@ int listArchive(const std::string& path, ReportForm form, std::ostream& out);
  *         read.
  */
 int checkArchive(const std::string& path, ReportForm form, std::ostream& out);
+int checkArchive(StoreReader& store, ReportForm form, std::ostream& out);
 
 } // namespace evarchive
 

@@ -2,10 +2,62 @@
 
 #include "sqlite_store.h"
 
+#ifdef EVARCHIVER_POSTGRES
+#include "postgres/pg_store.h"
+#endif
+
 namespace evarchive {
 
+bool isPgPlace(const std::string& database) {
+    return database.starts_with("postgresql://") || database.starts_with("postgres://");
+}
+
+#ifdef EVARCHIVER_POSTGRES
+
+bool hasPostgres() {
+    return true;
+}
+
 Engine engineOf(const std::string& database) {
+    if (isPgPlace(database)) {
+        return {.usualLanes = 2,
+                .connect = [database] { return openPgArchive(database); },
+                .isKeptByLanes = false};
+    }
     return {.usualLanes = 1, .connect = archiveConnector(database)};
 }
+
+std::unique_ptr<StoreReader> readerOf(const std::string& database) {
+    return isPgPlace(database) ? openPgArchiveForReading(database)
+                               : openArchiveForReading(database);
+}
+
+#else
+
+namespace {
+
+void requireFile(const std::string& database) {
+    if (isPgPlace(database)) {
+        throw StoreError("this program was built without PostgreSQL (libpq)");
+    }
+}
+
+} // namespace
+
+bool hasPostgres() {
+    return false;
+}
+
+Engine engineOf(const std::string& database) {
+    requireFile(database);
+    return {.usualLanes = 1, .connect = archiveConnector(database)};
+}
+
+std::unique_ptr<StoreReader> readerOf(const std::string& database) {
+    requireFile(database);
+    return openArchiveForReading(database);
+}
+
+#endif
 
 } // namespace evarchive

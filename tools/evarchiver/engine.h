@@ -25,8 +25,18 @@ struct Engine {
     bool isKeptByLanes = true;
 };
 
-/** @param database what --db says. Opens nothing yet. */
+/** Whether a --db names a PostgreSQL server and no file. */
+bool isPgPlace(const std::string& database);
+
+/** Whether this program can file into one. */
+bool hasPostgres();
+
+/** @param database what --db says: a path or "postgresql://...". Opens nothing yet. Throws
+ * StoreError when this program has no such engine. */
 Engine engineOf(const std::string& database);
+
+/** Opens an archive for reading only, with whatever engine. Throws StoreError. */
+std::unique_ptr<StoreReader> readerOf(const std::string& database);
 
 } // namespace evarchive
 

@@ -1,6 +1,7 @@
 #include "common/cli.h"
 #include "common/descriptors.h"
 #include "common/say.h"
+#include "db_command.h"
 #include "lines.h"
 #include "metrics.h"
 #include "server.h"
@@ -59,6 +60,9 @@ int main(int argc, char** argv) {
     tools::surviveReaders();
     signal(SIGXFSZ, SIG_IGN); // a file that may not grow is as a full disk
     try {
+        if (evarchive::isDbCommand(argc, argv)) {
+            return evarchive::runDbCommand(argc, argv);
+        }
         const auto options = evarchive::parseOptions(argc, argv);
         if (const int* status = std::get_if<int>(&options)) {
             return *status;

@@ -2,6 +2,7 @@
 
 #include "admission.h"
 #include "common/cli.h"
+#include "engine.h"
 
 #include <charconv>
 
@@ -66,7 +67,11 @@ void addMainOptions(CLI::App& app, Options& options, Parsed& parsed) {
                    "free one, which the first line of output names")
         ->required()
         ->check(checkEndpoint);
-    app.add_option("--db", options.database, "The archive, a file; made if it does not exist")
+    app.add_option("--db", options.database,
+                   hasPostgres() ? "The archive: a file, made if it does not exist, or "
+                                   "postgresql://..., which several archivers can share"
+                                 : "The archive, a file; made if it does not exist. This program "
+                                   "was built without PostgreSQL")
         ->required();
     app.add_option("--allow", options.allow,
                    "Serve only blades of these networks: ADDRESS or ADDRESS/BITS, as often as "
@@ -183,6 +188,22 @@ void addTestSwitches(CLI::App& app, Options& options, unsigned& late) {
         ->check(CLI::Range(88, 32'767));
 }
 
+/** What an archive that others share does not take from one of them; "": nothing of it is asked
+ * for.
+ */
+std::string refusalOf(const Options& options) {
+    if (!isPgPlace(options.database)) {
+        return {};
+    }
+    if (options.lane.archive.clear != Clear::NOTHING) {
+        return "--clear is for archives in a file only";
+    }
+    if (options.lane.retention.isBound() || options.lane.archive.rowLimit > 0) {
+        return "what a shared archive keeps is set with \"evarchiver db maintain\"";
+    }
+    return {};
+}
+
 } // namespace
 
 asio::ip::tcp::endpoint endpointOf(const std::string& text, const asio::ip::address& address) {
@@ -230,6 +251,9 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
     if (options.lanes > 1 && options.lane.archive.rowLimit > 0) {
         return tools::sayCouldNot("evarchiver",
                                   "--row-limit counts what one lane files: not with --lanes");
+    }
+    if (const std::string why = refusalOf(options); !why.empty()) {
+        return tools::sayCouldNot("evarchiver", why);
     }
     options.listen = endpointOf(parsed.listen);
     if (!parsed.metrics.empty()) {

@@ -1,6 +1,6 @@
 #include "evfleet/content_check.h"
 
-#include "sqlite_store.h"
+#include "../evarchiver/engine.h"
 
 #include <map>
 #include <optional>
@@ -30,12 +30,16 @@ class BladeCheck {
     void take(const StoredEvent& event) {
         ++result_.held;
         const auto rebuilt = rebuiltOf(event);
+        // Nothing is said of what is doubtful: it may be damaged, or there again for certain.
+        if (!rebuilt && event.doubtful) {
+            return;
+        }
         if (!rebuilt) {
             ++result_.corrupt;
             tell("event " + std::to_string(event.sequenceId) + " has bytes that it never had");
             return;
         }
-        if (!seen_.emplace(*rebuilt, event.sequenceId).second) {
+        if (!event.doubtful && !seen_.emplace(*rebuilt, event.sequenceId).second) {
             ++result_.twice;
             tell("event " + std::to_string(event.sequenceId) + " is held twice");
         }
@@ -83,7 +87,7 @@ class BladeCheck {
 CheckResult checkContent(const std::string& database, const std::string& enclosure, U32_t blades,
                          const std::function<const SimulatedLog*(U32_t)>& logOf) {
     CheckResult result;
-    const auto store = evarchive::openArchiveForReading(database);
+    const auto store = evarchive::readerOf(database);
     std::map<int, std::vector<GenerationInfo>> generations;
     for (GenerationInfo& generation : store->listGenerations()) {
         if (generation.key.blade.enclosure == enclosure) {

@@ -2,6 +2,7 @@
 
 #include "common/cli.h"
 
+#include "../evarchiver/engine.h"
 #include "../evarchiver/options.h"
 
 #include <ctime>
@@ -31,6 +32,10 @@ std::string checkPlace(const std::string& text) {
 
 std::string checkEnclosure(const std::string& text) {
     return text.empty() || text.size() >= EMP_ID_TEXT_SIZE ? "1 to 63 bytes" : "";
+}
+
+std::string checkArchive(const std::string& text) {
+    return evarchive::isPgPlace(text) ? "" : CLI::ExistingFile(text);
 }
 
 // A range that takes no "nan" and no "inf", which no comparison keeps out.
@@ -122,8 +127,8 @@ void addCourse(CLI::App& app, FleetOptions& options, Raw& raw) {
         ->check(CLI::Range(1, LONGEST_SECONDS))
         ->capture_default_str();
     course->add_option("--check", options.check, "Compare this archive's content at the end")
-        ->type_name("FILE")
-        ->check(CLI::ExistingFile);
+        ->type_name("ARCHIVE")
+        ->check(checkArchive);
     course->add_option("--progress", raw.progress, "Seconds between progress lines; 0: none")
         ->check(CLI::Range(0, LONGEST_SECONDS))
         ->capture_default_str();

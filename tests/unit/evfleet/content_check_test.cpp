@@ -28,8 +28,9 @@ class ContentCheckTest : public testing::Test {
         return image;
     }
 
-    void hold(U32_t id, const evfleet::Bytes& image) {
+    void hold(U32_t id, const evfleet::Bytes& image, bool doubtful = false) {
         evarchive::NewEvent event;
+        event.doubtful = doubtful;
         event.sequenceId = id;
         event.image = image;
         store_->addEvent(generation_, event);
@@ -72,6 +73,24 @@ TEST_F(ContentCheckTest, MissingEventIsFound) {
     const CheckResult result = check();
     EXPECT_EQ(result.missing, 1U);
     EXPECT_EQ(result.findings, std::vector<std::string>{"SIM-000000: event 4 is missing"});
+}
+
+TEST_F(ContentCheckTest, DoubtfulEventIsNeitherCorruptNorTwice) {
+    evfleet::Bytes damaged = imageOf(3);
+    damaged.back() ^= 1U;
+    hold(2, imageOf(2), true);
+    hold(3, damaged, true);
+    openGeneration();
+    hold(1, 5);
+    EXPECT_TRUE(check().isClean());
+}
+
+TEST_F(ContentCheckTest, DoubtfulEventOfOtherBytesStandsForNone) {
+    hold(1, 4);
+    evfleet::Bytes damaged = imageOf(5);
+    damaged.back() ^= 1U;
+    hold(5, damaged, true);
+    EXPECT_EQ(check().missing, 1U);
 }
 
 TEST_F(ContentCheckTest, BladeWithoutAnyEventMissesAll) {

@@ -1,0 +1,170 @@
+/** Making a shared archive, its partitions, its roles. */
+#include "fleet_server.h"
+
+using namespace evarchive;
+using fleet::NOW;
+using fleet::server;
+using support::eventBody;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::ThrowsMessage;
+
+namespace {
+
+constexpr S64_t DAY = 86'400;
+
+class FleetDatabaseTest : public testing::Test {
+  protected:
+    FleetDatabaseTest() { createFleet(place_, 4, NOW); }
+    ~FleetDatabaseTest() override { server().sql("DROP DATABASE " + name_ + " WITH (FORCE)"); }
+
+    void file(const std::vector<std::pair<U32_t, S64_t>>& events, S64_t received) {
+        const auto store = openPgArchive(place_);
+        const Claim claim = store->claim(key_);
+        const GenerationKey generation{claim.series, 1};
+        store->begin();
+        if (!claim.newest) {
+            store->addGeneration(generation, NOW);
+        }
+        for (const auto& [id, time] : events) {
+            store->addEvent(generation,
+                            {id, eventBody({.id = id, .time = static_cast<U32_t>(time)}), true,
+                             false, received});
+        }
+        store->commit();
+    }
+
+    std::string sql(const std::string& statements) { return server().sql(statements, name_); }
+
+    std::string name_ = "upkeep";
+    std::string place_ = server().makeDatabase(name_);
+    SeriesKey key_{{"ENC-A", "BLADE-1", 1}, 1};
+};
+
+} // namespace
+
+TEST_F(FleetDatabaseTest, PartitionsReachFromRetentionToTwoWidthsAhead) {
+    // Four days, one a partition: four past ones, today, two to come, and the default one.
+    EXPECT_EQ(sql("SELECT count(*) FROM pg_inherits WHERE inhparent = 'events'::regclass"), "8\n");
+    file({{0, NOW - 4 * DAY}, {1, NOW}, {2, NOW + 2 * DAY}}, NOW);
+    EXPECT_EQ(sql("SELECT count(*) FROM events_default"), "0\n");
+    EXPECT_THAT(maintainFleet(place_, 0, NOW).made, IsEmpty());
+}
+
+TEST_F(FleetDatabaseTest, SecondCreationIsRefused) {
+    EXPECT_THAT([this] { createFleet(place_, 4, NOW); },
+                ThrowsMessage<StoreError>(HasSubstr("there is an archive already")));
+}
+
+TEST_F(FleetDatabaseTest, RowsInTheWayAreMovedIntoTheirPartition) {
+    file({{0, NOW + 20 * DAY}, {1, 0}}, NOW + 20 * DAY);
+    EXPECT_EQ(sql("SELECT count(*) FROM events_default"), "2\n");
+    const FleetUpkeep upkeep = maintainFleet(place_, 0, NOW + 20 * DAY);
+    EXPECT_EQ(upkeep.moved, 1U);
+    EXPECT_EQ(sql("SELECT id FROM events_default"), "1\n");
+    const auto store = openPgArchive(place_);
+    EXPECT_EQ(store->endOfRun({*store->findSeries(key_), 1}, 0), 1U);
+}
+
+TEST_F(FleetDatabaseTest, PastPartitionsGoAndTheirRunsAreRemembered) {
+    file({{3, NOW}, {5, NOW}, {6, NOW}, {7, NOW + DAY}}, NOW);
+    const FleetUpkeep upkeep = maintainFleet(place_, 0, NOW + 30 * DAY);
+    EXPECT_THAT(upkeep.dropped, testing::Not(IsEmpty()));
+    EXPECT_EQ(sql("SELECT count(*) FROM events"), "0\n");
+    EXPECT_EQ(sql("SELECT run_first, run_last FROM generations"), "5|7\n");
+}
+
+TEST_F(FleetDatabaseTest, StrayEventsGoByTheTimeOfTheirArrival) {
+    file({{0, 0}, {1, 0xFFFFFFFF}}, NOW - 30 * DAY);
+    file({{2, 5}}, NOW);
+    EXPECT_EQ(maintainFleet(place_, 0, NOW).removed, 2U);
+    EXPECT_EQ(sql("SELECT id FROM events"), "2\n");
+}
+
+TEST_F(FleetDatabaseTest, LongerRetentionIsFilledUpWithoutOverlap) {
+    const FleetUpkeep upkeep = maintainFleet(place_, 60, NOW);
+    EXPECT_THAT(upkeep.made, testing::Not(IsEmpty()));
+    file({{0, NOW - 59 * DAY}, {1, NOW - 30 * DAY}, {2, NOW + 9 * DAY}}, NOW);
+    EXPECT_EQ(sql("SELECT count(*) FROM events_default"), "0\n");
+}
+
+TEST_F(FleetDatabaseTest, ClosedPartitionIsFrozenOnce) {
+    EXPECT_GT(maintainFleet(place_, 0, NOW + 6 * DAY).frozen, 0U);
+    EXPECT_EQ(maintainFleet(place_, 0, NOW + 6 * DAY).frozen, 0U);
+}
+
+TEST_F(FleetDatabaseTest, ViewsShowWhatWasFiled) {
+    file({{0, NOW}, {4, NOW}}, NOW);
+    EXPECT_EQ(sql("SELECT enclosure, blade, slot, instance, first, last FROM gap_list"),
+              "ENC-A|BLADE-1|1|1|1|3\n");
+    EXPECT_EQ(sql("SELECT id, type_name, bytes, newest FROM event_list ORDER BY id"),
+              "0|information|3|t\n4|information|3|t\n");
+    EXPECT_EQ(sql("SELECT blade, generation FROM blade_list"), "BLADE-1|1\n");
+    EXPECT_EQ(sql("SELECT count(*) FROM set_aside_list"), "0\n");
+}
+
+TEST_F(FleetDatabaseTest, UpgradeOfThePresentLayoutChangesNothing) {
+    file({{0, NOW}}, NOW);
+    EXPECT_EQ(upgradeFleet(place_), PG_LAYOUT);
+    EXPECT_EQ(sql("SELECT count(*) FROM event_list"), "1\n");
+    sql("UPDATE meta SET value = '99' WHERE name = 'layout'");
+    EXPECT_THROW(upgradeFleet(place_), StoreError);
+    EXPECT_THROW(maintainFleet(place_, 0, NOW), StoreError);
+}
+
+TEST_F(FleetDatabaseTest, ArchiverDoesItsWorkWithTheWritersRights) {
+    sql("DROP ROLE IF EXISTS trial; CREATE ROLE trial LOGIN IN ROLE ev_writer");
+    place_.replace(place_.find("postgres@"), 9, "trial@");
+    file({{0, NOW}}, NOW);
+    const auto store = openPgArchive(place_);
+    const GenerationKey generation{*store->findSeries(key_), 1};
+    store->begin();
+    store->newestGeneration(generation.series);
+    store->noteProven(generation, {0, 0});
+    store->countDuplicates(generation, 1);
+    store->addEvent(generation, {1, eventBody({.id = 1}), true, true, NOW});
+    store->confirmEvent(generation, 1);
+    store->removeEvent(generation, 1);
+    store->setAside(key_, Aside::REPLACED, {1, eventBody({.id = 1}), true, true, NOW});
+    store->commit();
+}
+
+TEST_F(FleetDatabaseTest, EachForbiddenStatementOfAWriterIsRefused) {
+    for (const char* statement :
+         {"UPDATE events SET data = ''", "UPDATE events SET id = 1", "DELETE FROM set_aside",
+          "DELETE FROM logs", "DELETE FROM generations", "UPDATE logs SET identity = ''",
+          "UPDATE meta SET value = ''", "UPDATE set_aside SET id = 1", "DROP TABLE events",
+          "TRUNCATE events", "CREATE TABLE x (y int)"}) {
+        EXPECT_THAT([&] { sql(std::string("SET ROLE ev_writer; ") + statement); },
+                    ThrowsMessage<std::runtime_error>(
+                        testing::AnyOf(HasSubstr("permission denied"), HasSubstr("must be owner"))))
+            << statement;
+    }
+    EXPECT_THAT([&] { sql("SET ROLE ev_reader; SELECT * FROM events"); },
+                ThrowsMessage<std::runtime_error>(HasSubstr("permission denied")));
+    EXPECT_NO_THROW(sql("SET ROLE ev_reader; SELECT * FROM event_list"));
+}
+
+TEST_F(FleetDatabaseTest, OwnerIsToldWhatIsMissing) {
+    std::ostringstream out;
+    EXPECT_EQ(describeFleet(place_, NOW, out), 0U);
+    EXPECT_THAT(out.str(), HasSubstr("commits wait for no standby"));
+    EXPECT_EQ(describeFleet(place_, NOW + 60 * DAY, out), 1U);
+    EXPECT_THAT(out.str(), HasSubstr("no partition for tomorrow"));
+}
+
+TEST_F(FleetDatabaseTest, OneMaintenanceAtATime) {
+    const support::TempDirectory directory;
+    support::Process holder({"psql", "-X", "-c",
+                             "BEGIN; SELECT * FROM meta WHERE name = 'maintenance' FOR UPDATE; "
+                             "SELECT pg_sleep(30)",
+                             place_},
+                            directory.file("holder"));
+    ASSERT_TRUE(support::waitUntil([this] {
+        return sql("SELECT count(*) FROM pg_stat_activity WHERE query LIKE '%pg_sleep(30)%' AND "
+                   "state = 'active' AND wait_event = 'PgSleep'") == "1\n";
+    }));
+    EXPECT_THROW(maintainFleet(place_, 0, NOW), StoreError);
+    holder.signal(SIGKILL);
+}

@@ -1,0 +1,286 @@
+/** Several archivers on one PostgreSQL server: claims, fences, unknown outcomes, refusals. */
+#include "fleet_server.h"
+#include "postgres/log_number.h"
+
+using namespace evarchive;
+using fleet::server;
+using support::eventBody;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::ThrowsMessage;
+
+namespace {
+
+class PgStoreTest : public testing::Test {
+  protected:
+    static void add(Store& store, const GenerationKey& generation, U32_t id, U32_t time = 1000,
+                    bool doubtful = false) {
+        store.addEvent(generation,
+                       {id, eventBody({.id = id, .time = time}), true, doubtful, fleet::NOW});
+    }
+
+    /** A claim, and a generation with these events, committed. */
+    GenerationKey fill(Store& store, const std::vector<U32_t>& ids) {
+        const Claim claim = store.claim(key_);
+        const GenerationKey generation{claim.series, 1};
+        store.begin();
+        if (!claim.newest) {
+            store.addGeneration(generation, fleet::NOW);
+        }
+        for (const U32_t id : ids) {
+            add(store, generation, id);
+        }
+        store.commit();
+        return generation;
+    }
+
+    static std::vector<S64_t> lostAt(Store& store) {
+        try {
+            store.commit();
+        } catch (const StoreConflict& conflict) {
+            store.rollback();
+            return conflict.lost();
+        }
+        ADD_FAILURE() << "it was committed";
+        return {};
+    }
+
+    static U64_t count(const std::string& table) {
+        return std::stoull(server().sql("SELECT count(*) FROM " + table, "contract"));
+    }
+
+    std::string place_ = fleet::emptyArchive();
+    std::unique_ptr<Store> store_ = openPgArchive(place_);
+    std::unique_ptr<Store> other_ = openPgArchive(place_);
+    SeriesKey key_{{"ENC-A", "BLADE-1", 1}, 1};
+};
+
+} // namespace
+
+TEST_F(PgStoreTest, ClaimTellsWhatOthersHaveFiled) {
+    EXPECT_EQ(store_->claim(key_).newest, std::nullopt);
+    const GenerationKey generation = fill(*other_, {0, 1});
+    const Claim claim = store_->claim(key_);
+    EXPECT_EQ(claim.series, generation.series);
+    EXPECT_EQ(claim.newest->number, generation);
+}
+
+TEST_F(PgStoreTest, LaterClaimFencesTheEarlierOneOff) {
+    const GenerationKey generation = fill(*store_, {0});
+    store_->begin();
+    add(*store_, generation, 1);
+    other_->claim(key_);
+    EXPECT_THAT(lostAt(*store_), ElementsAre(generation.series));
+    EXPECT_EQ(other_->highestId(generation), 0U);
+}
+
+TEST_F(PgStoreTest, FencedOffArchiverOpensNoGeneration) {
+    const GenerationKey generation = fill(*store_, {0});
+    other_->claim(key_);
+    store_->begin();
+    EXPECT_THROW(store_->addGeneration({generation.series, 2}, fleet::NOW), StoreConflict);
+    store_->rollback();
+    EXPECT_EQ(count("generations"), 1U);
+}
+
+TEST_F(PgStoreTest, FencedOffArchiverRemovesNothing) {
+    const GenerationKey generation = fill(*store_, {0});
+    other_->claim(key_);
+    store_->begin();
+    store_->removeEvent(generation, 0);
+    EXPECT_THAT(lostAt(*store_), ElementsAre(generation.series));
+    EXPECT_EQ(count("events"), 1U);
+}
+
+TEST_F(PgStoreTest, LogsOfOthersAreFiledAllTheSame) {
+    const GenerationKey mine = fill(*store_, {0});
+    SeriesKey another = key_;
+    another.blade.slot = 2;
+    std::swap(key_, another);
+    const GenerationKey lost = fill(*store_, {0});
+    other_->claim(key_);
+    store_->begin();
+    add(*store_, mine, 1);
+    add(*store_, lost, 1);
+    EXPECT_THAT(lostAt(*store_), ElementsAre(lost.series));
+    store_->begin();
+    store_->newestGeneration(mine.series);
+    add(*store_, mine, 1);
+    store_->commit();
+    EXPECT_EQ(store_->highestId(mine), 1U);
+}
+
+TEST_F(PgStoreTest, UnclaimedEventIsFiledWhereItsIdIsFree) {
+    const GenerationKey generation = fill(*store_, {0});
+    other_->begin();
+    other_->newestGeneration(generation.series);
+    add(*other_, generation, 1, 1000, true);
+    other_->commit();
+    EXPECT_EQ(store_->highestId(generation), 1U);
+}
+
+TEST_F(PgStoreTest, UnclaimedEventMeetsTheOwnersUnderTheSameId) {
+    const GenerationKey generation = fill(*store_, {0});
+    other_->begin();
+    other_->newestGeneration(generation.series);
+    add(*other_, generation, 1, 2000, true);
+    store_->begin();
+    add(*store_, generation, 1);
+    store_->commit();
+    EXPECT_TRUE(lostAt(*other_).empty());
+    EXPECT_EQ(count("events"), 2U);
+}
+
+TEST_F(PgStoreTest, OwnerIsToldOfUnclaimedEvents) {
+    const GenerationKey generation = fill(*store_, {0});
+    other_->begin();
+    other_->newestGeneration(generation.series);
+    add(*other_, generation, 1, 2000, true);
+    other_->commit();
+    store_->begin();
+    add(*store_, generation, 1);
+    EXPECT_TRUE(lostAt(*store_).empty()); // nothing lost, but to be looked at again
+    EXPECT_EQ(store_->newestGeneration(generation.series)->number, generation);
+    EXPECT_TRUE(store_->heldEvent(generation, 1)->doubtful);
+    store_->begin();
+    store_->removeEvent(generation, 1);
+    add(*store_, generation, 1);
+    store_->commit();
+    EXPECT_FALSE(store_->heldEvent(generation, 1)->doubtful);
+}
+
+TEST_F(PgStoreTest, UnclaimedEventMissesAGenerationThatWasOpenedMeanwhile) {
+    const GenerationKey generation = fill(*store_, {0});
+    other_->begin();
+    other_->newestGeneration(generation.series);
+    add(*other_, generation, 5, 1000, true);
+    store_->begin();
+    store_->addGeneration({generation.series, 2}, fleet::NOW);
+    store_->commit();
+    EXPECT_TRUE(lostAt(*other_).empty());
+}
+
+TEST_F(PgStoreTest, EventIsHeldInAnyGeneration) {
+    const GenerationKey generation = fill(*store_, {0, 1});
+    store_->begin();
+    store_->addGeneration({generation.series, 2}, fleet::NOW);
+    store_->commit();
+    EXPECT_TRUE(store_->isHeld(generation.series, eventBody({.id = 1})));
+    EXPECT_FALSE(store_->isHeld(generation.series, eventBody({.id = 1, .time = 1001})));
+    EXPECT_FALSE(store_->isHeld(generation.series, eventBody({.id = 2})));
+}
+
+// The commit has happened, its answer never came: the same again finds what is there.
+TEST_F(PgStoreTest, RepeatedBatchIsSeenToBeThere) {
+    const GenerationKey generation = fill(*store_, {0});
+    store_->begin();
+    add(*store_, generation, 1);
+    store_->commit();
+    store_->begin();
+    add(*store_, generation, 1);
+    EXPECT_TRUE(lostAt(*store_).empty());
+    EXPECT_EQ(count("events"), 2U);
+}
+
+TEST_F(PgStoreTest, CutConnectionIsPassingAndTheClaimHoldsOn) {
+    const GenerationKey generation = fill(*store_, {0});
+    store_->begin();
+    add(*store_, generation, 1);
+    store_->highestId(generation); // it is with the server, not committed
+    server().sql("SELECT pg_terminate_backend(pid) FROM pg_stat_activity "
+                 "WHERE application_name = 'evarchiver'");
+    try {
+        store_->commit();
+        FAIL() << "there is no connection";
+    } catch (const StoreError& error) {
+        EXPECT_TRUE(error.isPassing()) << error.what();
+    }
+    store_->rollback();
+    store_->begin();
+    EXPECT_EQ(store_->newestGeneration(generation.series)->number, generation);
+    EXPECT_EQ(store_->highestId(generation), 0U);
+    add(*store_, generation, 1);
+    store_->commit();
+    EXPECT_EQ(store_->highestId(generation), 1U);
+}
+
+// A server that took over without the last commits.
+TEST_F(PgStoreTest, LastEventThatIsGoneAfterAReconnectionLosesTheClaim) {
+    const GenerationKey generation = fill(*store_, {0, 1});
+    server().sql("DELETE FROM events WHERE id = 1; SELECT pg_terminate_backend(pid) FROM "
+                 "pg_stat_activity WHERE application_name = 'evarchiver'",
+                 "contract");
+    EXPECT_THROW(store_->highestId(generation), StoreError);
+    try {
+        store_->begin();
+        FAIL() << "the event is gone";
+    } catch (const StoreConflict& conflict) {
+        EXPECT_THAT(conflict.lost(), ElementsAre(generation.series));
+    }
+    EXPECT_NO_THROW(store_->begin());
+}
+
+TEST_F(PgStoreTest, LogsWithTheSameNumberAreToldApart) {
+    const SeriesNumber number = logNumber(identityOf(key_));
+    server().sql("INSERT INTO logs (log, identity, enclosure, blade, slot, instance) VALUES (" +
+                     std::to_string(number) + ", 'x', 'E', 'B', 1, 1)",
+                 "contract");
+    EXPECT_EQ(store_->findSeries(key_), std::nullopt);
+    const GenerationKey generation = fill(*store_, {0});
+    EXPECT_EQ(generation.series, logNumber(identityOf(key_), 1));
+    EXPECT_EQ(other_->findSeries(key_), generation.series);
+    EXPECT_EQ(other_->heldEvent(generation, 0)->image, eventBody({.id = 0}));
+}
+
+TEST_F(PgStoreTest, EventThatTheEngineRefusesIsSetAsideAndTheOthersAreFiled) {
+    server().sql("ALTER TABLE events ADD CONSTRAINT test CHECK (id <> 5) NOT VALID", "contract");
+    const GenerationKey generation = fill(*store_, {0});
+    store_->begin();
+    for (U32_t id = 1; id < 20; ++id) {
+        add(*store_, generation, id);
+    }
+    EXPECT_TRUE(lostAt(*store_).empty());
+    store_->begin();
+    store_->newestGeneration(generation.series);
+    for (U32_t id = 1; id < 20; ++id) {
+        add(*store_, generation, id);
+    }
+    store_->commit();
+    server().sql("ALTER TABLE events DROP CONSTRAINT test", "contract");
+    EXPECT_EQ(count("events"), 19U);
+    EXPECT_EQ(store_->endOfRun(generation, 0), 4U);
+    std::vector<AsideEvent> aside;
+    store_->forEachAside([&](const AsideEvent& event) { aside.push_back(event); });
+    ASSERT_EQ(aside.size(), 1U);
+    EXPECT_EQ(aside[0].reason, Aside::REFUSED);
+    EXPECT_EQ(aside[0].image, eventBody({.id = 5}));
+}
+
+TEST_F(PgStoreTest, EventsOfWildClocksAreFiled) {
+    const GenerationKey generation = fill(*store_, {});
+    store_->begin();
+    add(*store_, generation, 0, 0);
+    add(*store_, generation, 1, 0xFFFFFFFF);
+    add(*store_, generation, 2, fleet::NOW);
+    store_->commit();
+    EXPECT_EQ(store_->endOfRun(generation, 0), 2U);
+    EXPECT_EQ(store_->heldEvent(generation, 1)->image, eventBody({.id = 1, .time = 0xFFFFFFFF}));
+    EXPECT_EQ(count("events_default"), 2U);
+}
+
+TEST_F(PgStoreTest, LayoutThatIsNotKnownIsRefused) {
+    server().sql("UPDATE meta SET value = '2' WHERE name = 'layout'", "contract");
+    EXPECT_THAT([this] { openPgArchive(place_); },
+                ThrowsMessage<StoreError>(HasSubstr("layout 2 of the archive is not known")));
+    server().sql("UPDATE meta SET value = '1' WHERE name = 'layout'", "contract");
+}
+
+TEST_F(PgStoreTest, DatabaseWithoutAnArchiveIsRefused) {
+    EXPECT_THAT([] { openPgArchive(server().place()); },
+                ThrowsMessage<StoreError>(HasSubstr("no event archive")));
+}
+
+TEST_F(PgStoreTest, ServerThatIsNotThereIsSaid) {
+    EXPECT_THROW(openPgArchive("postgresql://postgres@%2Ftmp%2Fnowhere/x"), StoreError);
+    EXPECT_THROW(openPgArchive("postgresql://?nonsense=1"), StoreError);
+}

@@ -1,0 +1,106 @@
+#include "db_command.h"
+
+#include "archive_report.h"
+#include "common/cli.h"
+#include "engine.h"
+
+#include <ctime>
+#include <iostream>
+#include <string_view>
+
+#ifdef EVARCHIVER_POSTGRES
+#include "postgres/fleet_database.h"
+#endif
+
+namespace evarchive {
+
+bool isDbCommand(int argc, const char* const* argv) {
+    return argc > 1 && std::string_view(argv[1]) == "db";
+}
+
+#ifdef EVARCHIVER_POSTGRES
+
+namespace {
+
+constexpr char FOOTER[] =
+    "Examples:\n"
+    "  evarchiver db create --db postgresql://db1,db2/events --retention-days 90\n"
+    "  evarchiver db maintain --db postgresql://db1,db2/events    # hourly, from a timer";
+
+/** What was asked for. */
+struct DbOptions {
+    std::string place;
+    U32_t retentionDays = 0;
+};
+
+std::string checkPlace(const std::string& text) {
+    return isPgPlace(text) ? "" : "'" + text + "' is no postgresql://...";
+}
+
+CLI::App* addCommand(CLI::App& app, DbOptions& options, const char* name, const char* what) {
+    CLI::App* command = app.add_subcommand(name, what);
+    command->add_option("--db", options.place, "The database, postgresql://...")
+        ->required()
+        ->check(checkPlace)
+        ->option_text("PLACE");
+    return command;
+}
+
+void addRetention(CLI::App& command, DbOptions& options, const char* what) {
+    command.add_option("--retention-days", options.retentionDays, what)
+        ->check(CLI::Range(1U, LONGEST_RETENTION_DAYS));
+}
+
+int maintain(const DbOptions& options) {
+    const FleetUpkeep upkeep = maintainFleet(options.place, options.retentionDays, time(nullptr));
+    std::cout << upkeep.made.size() << " partitions made, " << upkeep.moved << " events moved, "
+              << upkeep.dropped.size() << " partitions dropped, " << upkeep.frozen << " frozen, "
+              << upkeep.removed << " stray events and " << upkeep.removedAside
+              << " set aside removed\n";
+    return tools::EXIT_DONE;
+}
+
+int check(const DbOptions& options) {
+    const U64_t findings = describeFleet(options.place, time(nullptr), std::cout);
+    const auto store = readerOf(options.place);
+    const int status = checkArchive(*store, ReportForm::TEXT, std::cout);
+    return findings > 0 ? int{tools::EXIT_FINDING} : status;
+}
+
+} // namespace
+
+int runDbCommand(int argc, const char* const* argv) {
+    DbOptions options;
+    CLI::App app("The database of an archive that several archivers share.", "evarchiver db");
+    tools::setUpCommandLine(app, FOOTER);
+    app.require_subcommand(1);
+    CLI::App* create = addCommand(app, options, "create", "Make the tables in an empty database");
+    addRetention(*create, options, "Days that events are kept; default: 30");
+    CLI::App* upgrade = addCommand(app, options, "upgrade", "Bring an earlier layout up to date");
+    CLI::App* upkeep =
+        addCommand(app, options, "maintain", "Make partitions ahead, drop those past retention");
+    addRetention(*upkeep, options, "Days that events are kept from now on; default: as before");
+    CLI::App* checking = addCommand(app, options, "check", "Look for gaps and damage");
+    if (const auto status = tools::parseCommandLine(app, argc - 1, argv + 1)) {
+        return *status;
+    }
+    if (create->parsed()) {
+        createFleet(options.place, options.retentionDays, time(nullptr));
+        return tools::EXIT_DONE;
+    }
+    if (upgrade->parsed()) {
+        std::cout << "layout " << upgradeFleet(options.place) << ", up to date\n";
+        return tools::EXIT_DONE;
+    }
+    return checking->parsed() ? check(options) : maintain(options);
+}
+
+#else
+
+int runDbCommand(int /*argc*/, const char* const* /*argv*/) {
+    return tools::sayCouldNot("evarchiver db", "this program was built without PostgreSQL (libpq)");
+}
+
+#endif
+
+} // namespace evarchive

@@ -1,0 +1,53 @@
+/**
+ * @file
+ * The database of a shared archive as its owner sees it: made, brought up to date, kept in shape.
+ */
+#ifndef EVARCHIVER_FLEET_DATABASE_H
+#define EVARCHIVER_FLEET_DATABASE_H
+
+#include "fixed_width.h"
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace evarchive {
+
+/** Days that events are kept where nothing else was said. */
+constexpr U32_t USUAL_RETENTION_DAYS = 30;
+constexpr U32_t LONGEST_RETENTION_DAYS = 36'500;
+
+/** Makes tables, views, roles and the first partitions in an empty database. Throws StoreError,
+ * also when there is an archive already. */
+void createFleet(const std::string& place, U32_t retentionDays, S64_t now);
+
+/** Brings an archive of an earlier layout up to date, and its views and roles in any case. @return
+ * the layout that it had */
+S64_t upgradeFleet(const std::string& place);
+
+/** What a round of maintenance did. */
+struct FleetUpkeep {
+    std::vector<std::string> made;    ///< partitions
+    std::vector<std::string> dropped; ///< partitions, with all their events
+    U64_t moved = 0;                  ///< events from the default partition into one of their time
+    U64_t frozen = 0;                 ///< partitions that nothing comes into any more
+    U64_t removed = 0;                ///< events of the default partition, past retention
+    U64_t removedAside = 0;           ///< events that had been set aside, past retention
+};
+
+/**
+ * Makes partitions ahead, drops those past retention. One at a time: another one that runs lets
+ * this one fail with a passing StoreError.
+ * @param retentionDays kept from now on; 0: as before
+ * @param now           seconds since 1970-01-01 UTC
+ */
+FleetUpkeep maintainFleet(const std::string& place, U32_t retentionDays, S64_t now);
+
+/** What an owner should know beside the events: how many lie in no partition of their time, whether
+ * commits wait for a standby, whether partitions are there for the days to come. @return findings
+ */
+U64_t describeFleet(const std::string& place, S64_t now, std::ostream& out);
+
+} // namespace evarchive
+
+#endif

@@ -1,0 +1,44 @@
+#include "pg_batch.h"
+
+namespace evarchive {
+
+void PgBatch::add(const PendingEvent& event) {
+    logs_.addNumber(event.generation.series);
+    generations_.addNumber(event.generation.generation);
+    ids_.addNumber(event.row.sequenceId);
+    times_.addNumber(pgTime(event.row.time));
+    received_.addNumber(pgTime(event.received));
+    events_.addNumber(event.row.event);
+    sources_.addNumber(event.row.source);
+    types_.addNumber(event.row.type);
+    categories_.addNumber(event.row.category);
+    versions_.addNumber(event.row.idVersion);
+    own_.addNumber(event.own ? 1 : 0);
+    doubtful_.addNumber(event.doubtful ? 1 : 0);
+    if (event.row.head) {
+        heads_.addBytes(*event.row.head);
+    } else {
+        heads_.addNull();
+    }
+    data_.addBytes(event.row.data);
+}
+
+void PgBatch::clear() {
+    for (PgArray* column :
+         {&logs_, &generations_, &ids_, &times_, &received_, &events_, &sources_, &types_,
+          &categories_, &versions_, &own_, &doubtful_, &heads_, &data_}) {
+        column->clear();
+    }
+}
+
+PgParameters PgBatch::parameters() {
+    PgParameters parameters;
+    for (PgArray* column :
+         {&logs_, &generations_, &ids_, &times_, &received_, &events_, &sources_, &types_,
+          &categories_, &versions_, &own_, &doubtful_, &heads_, &data_}) {
+        parameters.array(*column);
+    }
+    return parameters;
+}
+
+} // namespace evarchive

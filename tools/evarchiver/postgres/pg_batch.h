@@ -1,0 +1,50 @@
+/**
+ * @file
+ * Events on their way into a table, a column each.
+ */
+#ifndef EVARCHIVER_PG_BATCH_H
+#define EVARCHIVER_PG_BATCH_H
+
+#include "event_row.h"
+#include "pg_connection.h"
+
+namespace evarchive {
+
+/** An event that was handed over and is not yet filed. */
+struct PendingEvent {
+    GenerationKey generation;
+    EventRow row;
+    bool own = true;
+    bool doubtful = false;
+    S64_t received = 0;
+};
+
+/** Arrays for the parameters of pg::FILE. */
+class PgBatch {
+  public:
+    void add(const PendingEvent& event);
+    void clear();
+    U32_t size() const { return logs_.size(); }
+
+    PgParameters parameters();
+
+  private:
+    PgArray logs_{PgType::BIGINT};
+    PgArray generations_{PgType::BIGINT};
+    PgArray ids_{PgType::BIGINT};
+    PgArray times_{PgType::TIMESTAMPTZ};
+    PgArray received_{PgType::TIMESTAMPTZ};
+    PgArray events_{PgType::INTEGER};
+    PgArray sources_{PgType::SMALLINT};
+    PgArray types_{PgType::SMALLINT};
+    PgArray categories_{PgType::SMALLINT};
+    PgArray versions_{PgType::SMALLINT};
+    PgArray own_{PgType::BOOLEAN};
+    PgArray doubtful_{PgType::BOOLEAN};
+    PgArray heads_{PgType::BYTEA};
+    PgArray data_{PgType::BYTEA};
+};
+
+} // namespace evarchive
+
+#endif

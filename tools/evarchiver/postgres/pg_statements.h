@@ -1,0 +1,166 @@
+/**
+ * @file
+ * Every statement that an archiver sends. Each asks about one log, or, where it names many, about
+ * logs by their key alone: an engine that spreads tables by the log answers it in one place.
+ */
+#ifndef EVARCHIVER_PG_STATEMENTS_H
+#define EVARCHIVER_PG_STATEMENTS_H
+
+#include "pg_connection.h"
+
+#include <array>
+
+namespace evarchive::pg {
+
+/** The columns of an event, in the order in which rows are read. */
+#define PG_EVENT_COLUMNS                                                                           \
+    "id, time, received, event, source, type, category, idversion, own, doubtful, head, data"
+
+constexpr PgStatement BEGIN{"begin", "BEGIN"};
+constexpr PgStatement COMMIT{"commit", "COMMIT"};
+
+/** A log's row, if it has none: log, identity, enclosure, blade, slot, instance. */
+constexpr PgStatement NAME{"name",
+                           "INSERT INTO logs (log, identity, enclosure, blade, slot, instance) "
+                           "VALUES ($1, $2, $3, $4, $5, $6) ON CONFLICT DO NOTHING"};
+
+constexpr PgStatement IDENTITY{"identity", "SELECT identity FROM logs WHERE log = $1"};
+
+/** A handshake: log, the owner's number. */
+constexpr PgStatement CLAIM{
+    "claim", "UPDATE logs SET epoch = epoch + 1, owner = $2, seen = now() WHERE log = $1 "
+             "RETURNING epoch, generation, visits, identity"};
+
+/** What is known of a log before something is filed without a claim. */
+constexpr PgStatement LOOK{"look", "SELECT epoch, owner, generation, visits FROM logs "
+                                   "WHERE log = $1"};
+
+/** The newest generation. Its row and the log's are written together. */
+constexpr PgStatement NEWEST{"newest",
+                             "SELECT generation, opened, duplicates, run_first, run_last "
+                             "FROM generations WHERE log = $1 ORDER BY generation DESC LIMIT 1"};
+
+/** Locks logs and tells who owns them. Of a claim, and of one who files without. */
+constexpr PgStatement FENCE{"fence", "UPDATE logs SET seen = now() WHERE log = ANY($1) "
+                                     "RETURNING log, epoch, owner, generation, visits"};
+constexpr PgStatement VISIT{"visit", "UPDATE logs SET seen = now(), visits = visits + 1 "
+                                     "WHERE log = ANY($1) "
+                                     "RETURNING log, epoch, owner, generation, visits"};
+
+/** Whether an id that was free still is: logs, generations, ids. */
+constexpr PgStatement TAKEN{
+    "taken", "SELECT 1 FROM unnest($1::bigint[], $2::bigint[], $3::bigint[]) AS n(log, g, id) "
+             "JOIN events e ON e.log = n.log AND e.generation = n.g AND e.id = n.id LIMIT 1"};
+
+/** Events, an array for each column. */
+constexpr PgStatement FILE{
+    "file", "INSERT INTO events (log, generation, " PG_EVENT_COLUMNS ") "
+            "SELECT * FROM unnest($1::bigint[], $2::bigint[], $3::bigint[], $4::timestamptz[], "
+            "$5::timestamptz[], $6::integer[], $7::smallint[], $8::smallint[], $9::smallint[], "
+            "$10::smallint[], $11::boolean[], $12::boolean[], $13::bytea[], $14::bytea[]) "
+            "ON CONFLICT DO NOTHING"};
+
+/** A generation is opened behind the one that is known: log, generation, time; epoch and owner. */
+constexpr PgStatement OPEN_OWNED{
+    "open_owned", "WITH opened AS (UPDATE logs SET generation = $2 WHERE log = $1 "
+                  "AND generation = $2 - 1 AND epoch = $4 AND owner = $5 RETURNING log) "
+                  "INSERT INTO generations (log, generation, opened) "
+                  "SELECT log, $2, $3 FROM opened"};
+constexpr PgStatement OPEN_FREE{
+    "open_free", "WITH opened AS (UPDATE logs SET generation = $2, visits = visits + 1 "
+                 "WHERE log = $1 AND generation = $2 - 1 RETURNING log) "
+                 "INSERT INTO generations (log, generation, opened) "
+                 "SELECT log, $2, $3 FROM opened"};
+
+constexpr PgStatement CONFIRM{"confirm", "UPDATE events SET doubtful = false "
+                                         "WHERE log = $1 AND generation = $2 AND id = $3"};
+constexpr PgStatement REMOVE{"remove", "DELETE FROM events "
+                                       "WHERE log = $1 AND generation = $2 AND id = $3"};
+
+constexpr PgStatement REMOVE_OLDEST{
+    "remove_oldest",
+    "DELETE FROM events WHERE log = $1 AND generation = $2 AND id IN (SELECT id FROM "
+    "(SELECT id, bool_and(received < $3) OVER (ORDER BY id) AS old FROM events "
+    "WHERE log = $1 AND generation = $2 ORDER BY id LIMIT $4) o WHERE old AND id < "
+    "(SELECT max(id) FROM events WHERE log = $1 AND generation = $2))"};
+
+constexpr PgStatement DUPLICATES{"duplicates",
+                                 "UPDATE generations SET duplicates = duplicates + $3 "
+                                 "WHERE log = $1 AND generation = $2"};
+constexpr PgStatement NOTE_RUN{"note_run", "UPDATE generations SET run_first = $3, run_last = $4 "
+                                           "WHERE log = $1 AND generation = $2"};
+constexpr PgStatement FORGET_RUN{"forget_run",
+                                 "UPDATE generations SET run_first = NULL, run_last = NULL "
+                                 "WHERE log = $1 AND generation = $2"};
+
+/** log, id, digest, reason, received, image */
+constexpr PgStatement ASIDE{
+    "aside", "INSERT INTO set_aside (log, id, digest, reason, received, image) "
+             "VALUES ($1, $2, $3, $4::bigint::smallint, $5, $6) ON CONFLICT DO NOTHING"};
+constexpr PgStatement REMOVE_ASIDE{"remove_aside", "DELETE FROM set_aside WHERE received < $1"};
+
+constexpr PgStatement HELD{"held", "SELECT " PG_EVENT_COLUMNS " FROM events "
+                                   "WHERE log = $1 AND generation = $2 AND id = $3"};
+/** The same in all generations. */
+constexpr PgStatement HELD_ANYWHERE{"held_anywhere",
+                                    "SELECT " PG_EVENT_COLUMNS " FROM events WHERE log = $1 AND "
+                                    "generation = ANY(SELECT generation FROM generations "
+                                    "WHERE log = $1) AND id = $2"};
+constexpr PgStatement OLDEST{"oldest", "SELECT " PG_EVENT_COLUMNS " FROM events "
+                                       "WHERE log = $1 AND generation = $2 ORDER BY id LIMIT 1"};
+constexpr PgStatement HIGHEST{"highest", "SELECT id FROM events WHERE log = $1 AND generation = $2 "
+                                         "ORDER BY id DESC LIMIT 1"};
+
+/** How far the ids go on without a hole, within a page: log, generation, first id, page's end. */
+constexpr PgStatement RUN_END{
+    "run_end",
+    "SELECT max(id) FROM (SELECT id, id - dense_rank() OVER (ORDER BY id) AS hole FROM events "
+    "WHERE log = $1 AND generation = $2 AND id >= $3 AND id < $4 AND NOT doubtful) r "
+    "WHERE hole = $3 - 1"};
+constexpr PgStatement RUNS{
+    "runs",
+    "SELECT min(id), max(id) FROM (SELECT id, id - dense_rank() OVER (ORDER BY id) AS hole "
+    "FROM events WHERE log = $1 AND generation = $2 AND id >= $3) r GROUP BY hole ORDER BY 1"};
+
+/** A page of a generation's events: log, generation, the id before it, how many. */
+constexpr PgStatement PAGE{"page", "SELECT " PG_EVENT_COLUMNS " FROM events WHERE log = $1 "
+                                   "AND generation = $2 AND id > $3 ORDER BY id LIMIT $4"};
+
+/** The events that inquiries mean, by their type: lowest, next above, exact, next below, highest.
+ * log, generation, id */
+constexpr std::array<PgStatement, EMP_E_INQUIRY_TYPE_LAST> FIND = {{
+    {"find_first", "SELECT " PG_EVENT_COLUMNS " FROM events WHERE log = $1 AND generation = $2 "
+                   "AND own AND $3::bigint IS NOT NULL ORDER BY id LIMIT 1"},
+    {"find_next", "SELECT " PG_EVENT_COLUMNS " FROM events WHERE log = $1 AND generation = $2 "
+                  "AND own AND id > $3 ORDER BY id LIMIT 1"},
+    {"find_exact", "SELECT " PG_EVENT_COLUMNS " FROM events WHERE log = $1 AND generation = $2 "
+                   "AND own AND id = $3 LIMIT 1"},
+    {"find_previous", "SELECT " PG_EVENT_COLUMNS " FROM events WHERE log = $1 AND generation = $2 "
+                      "AND own AND id < $3 ORDER BY id DESC LIMIT 1"},
+    {"find_last", "SELECT " PG_EVENT_COLUMNS " FROM events WHERE log = $1 AND generation = $2 "
+                  "AND own AND $3::bigint IS NOT NULL ORDER BY id DESC LIMIT 1"},
+}};
+
+/** Claims that do not hold any more, or whose last event is gone: logs, epochs, owners,
+ * generations, ids. */
+constexpr PgStatement LOST{
+    "lost", "SELECT k.log FROM unnest($1::bigint[], $2::bigint[], $3::bigint[], $4::bigint[], "
+            "$5::bigint[]) AS k(log, epoch, owner, generation, id) "
+            "LEFT JOIN logs l ON l.log = k.log AND l.epoch = k.epoch AND l.owner = k.owner "
+            "WHERE l.log IS NULL OR (k.id >= 0 AND NOT EXISTS (SELECT 1 FROM events e "
+            "WHERE e.log = k.log AND e.generation = k.generation AND e.id = k.id))"};
+
+constexpr PgStatement LAYOUT{"layout", "SELECT value FROM meta WHERE name = 'layout'"};
+constexpr PgStatement COUNT{"count", "SELECT count(*) FROM events"};
+constexpr PgStatement SIZE{"size", "SELECT coalesce(sum(pg_total_relation_size(relid)), 0)::bigint "
+                                   "FROM pg_partition_tree('events')"};
+constexpr PgStatement GENERATIONS{
+    "generations", "SELECT l.log, l.identity, g.generation, g.opened, g.duplicates, g.run_first, "
+                   "g.run_last FROM logs l JOIN generations g ON g.log = l.log"};
+constexpr PgStatement ASIDES{"asides", "SELECT l.identity, s.id, s.reason, s.received, s.image "
+                                       "FROM set_aside s JOIN logs l ON l.log = s.log "
+                                       "ORDER BY s.received, s.id"};
+
+} // namespace evarchive::pg
+
+#endif
