@@ -94,6 +94,8 @@ if(TARGET evarchiver)
     install_service(evarchiver evarchiver.service evarchiver)
     install(FILES ${PACKAGING}/etc/evarchiver
         DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/default COMPONENT evarchiver)
+    install(DIRECTORY sql/fleet DESTINATION ${CMAKE_INSTALL_DATADIR}/event-manager/sql
+        COMPONENT evarchiver)
 endif()
 
 file(GLOB LIBRARY_PAGES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.3)

@@ -28,7 +28,8 @@ EXPECTED = [
     "share/doc/event-manager/README.md", "share/doc/event-manager/operations.md",
     "share/doc/event-manager/formats.md", "share/doc/libmpu-dev/examples/log_event.c",
     "share/event-manager/kaitai/kelta_eventlog.ksy", "share/event-manager/wireshark/blade.lua",
-    "share/event-manager/wireshark/blade_record.py", "include/mpu/mpu/event.h", "include/mpu/mpu_gbl.h",
+    "share/event-manager/wireshark/blade_record.py", "share/event-manager/sql/fleet/001_schema.sql",
+    "include/mpu/mpu/event.h", "include/mpu/mpu_gbl.h",
 ]
 PAGES = ("blade", "evarchiver", "evctl", "evfleet", "msm", "mpu", "mpu_event", "kelta_eventlog")
 
