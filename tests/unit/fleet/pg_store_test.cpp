@@ -232,6 +232,20 @@ TEST_F(PgStoreTest, LogsWithTheSameNumberAreToldApart) {
     EXPECT_EQ(other_->heldEvent(generation, 0)->image, eventBody({.id = 0}));
 }
 
+TEST_F(PgStoreTest, LogWhoseFirstTransactionWasUndoneIsNamedAgain) {
+    for (const bool isUndone : {true, false}) {
+        store_->begin();
+        EXPECT_EQ(store_->findSeries(key_), std::nullopt);
+        const GenerationKey generation{store_->addSeries(key_), 1};
+        store_->newestGeneration(generation.series);
+        store_->addGeneration(generation, fleet::NOW);
+        add(*store_, generation, 0, 1000, true);
+        isUndone ? store_->rollback() : store_->commit();
+    }
+    EXPECT_EQ(count("logs"), 1U);
+    EXPECT_EQ(count("events"), 1U);
+}
+
 TEST_F(PgStoreTest, EventThatTheEngineRefusesIsSetAsideAndTheOthersAreFiled) {
     server().sql("ALTER TABLE events ADD CONSTRAINT test CHECK (id <> 5) NOT VALID", "contract");
     const GenerationKey generation = fill(*store_, {0});

@@ -27,6 +27,9 @@ class PgError : public StoreError {
     /** Whether it is about a value, so that the same row would be refused again. */
     bool isAboutData() const { return state_.starts_with("22") || state_.starts_with("23"); }
 
+    /** Whether two transactions were in each other's way: both can go well, one after the other. */
+    bool isConflict() const { return state_.starts_with("40"); }
+
     const std::string& state() const { return state_; }
 
   private:

@@ -48,8 +48,7 @@ SeriesNumber PgReads::numberOf(const SeriesKey& key, bool& isKnown) {
         }
         if (rows.bytes(0, 0) == identity) {
             if (numbers_.size() >= KNOWN_KEYS) {
-                numbers_.clear();
-                keys_.clear();
+                forget();
             }
             numbers_.emplace(key, number);
             keys_.emplace(number, key);
@@ -69,6 +68,11 @@ const SeriesKey& PgReads::keyOf(SeriesNumber series) {
         throw StoreError("the archive has no log of number " + std::to_string(series));
     }
     return keys_.emplace(series, keyOfIdentity(rows.bytes(0, 0))).first->second;
+}
+
+void PgReads::forget() {
+    keys_.clear();
+    numbers_.clear();
 }
 
 StoredEvent PgReads::eventOf(const PgRows& rows, int row, const SeriesKey& key) {

@@ -21,6 +21,9 @@ class PgReads {
     SeriesNumber numberOf(const SeriesKey& key, bool& isKnown);
     const SeriesKey& keyOf(SeriesNumber series);
 
+    /** Rows of logs that were seen may not be there any more. */
+    void forget();
+
     std::optional<GenerationInfo> newestGeneration(SeriesNumber series);
     std::optional<StoredEvent> findEvent(const GenerationKey& generation, EMP_INQUIRY_TYPE_e type,
                                          U32_t id);

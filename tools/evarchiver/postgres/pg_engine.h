@@ -1,0 +1,179 @@
+/**
+ * @file
+ * The shared engine's inside.
+ */
+#ifndef EVARCHIVER_PG_ENGINE_H
+#define EVARCHIVER_PG_ENGINE_H
+
+#include "pg_batch.h"
+#include "pg_reads.h"
+#include "pg_statements.h"
+#include "pg_store.h"
+
+#include <set>
+#include <unordered_map>
+
+namespace evarchive {
+
+/** What this process goes by when it files into a log. */
+struct Known {
+    bool isOwned = false;
+    S64_t epoch = 0;
+    S64_t owner = 0;
+    S64_t generation = 0;
+    S64_t visits = 0;
+    bool isFresh = false;     ///< generation and visits are those of the last look
+    S64_t lastGeneration = 0; ///< of the last event that was committed here
+    S64_t lastId = -1;        ///< its id; -1: none was
+};
+
+/** The engine. Calls are those of Store; pg_store.cpp has them, pg_filing.cpp what a commit does.
+ */
+class PgStore final : public Store {
+  public:
+    PgStore(const std::string& place, const PgPatience& patience);
+
+    // What goes wrong between two processes is no failure of the storage.
+    template <typename Call>
+    auto guarded(Call call) {
+        try {
+            connect();
+            return call();
+        } catch (const PgError& error) {
+            if (error.isConflict()) {
+                throw StoreConflict();
+            }
+            throw;
+        }
+    }
+
+    // What was handed over is seen by questions.
+    template <typename Result, typename... Parameters, typename... Arguments>
+    Result read(Result (PgReads::*question)(Parameters...), const Arguments&... arguments) {
+        return guarded([&] {
+            flush();
+            return (reads_.*question)(arguments...);
+        });
+    }
+
+    bool isShared() const override { return true; }
+
+    Claim claim(const SeriesKey& key) override;
+    bool isHeld(SeriesNumber series, View image) override {
+        return read(&PgReads::isHeld, series, image);
+    }
+
+    void begin() override {
+        guarded([] {});
+    }
+    void commit() override;
+    void rollback() noexcept override;
+
+    SeriesNumber addSeries(const SeriesKey& key) override;
+    void addGeneration(const GenerationKey& generation, S64_t opened) override;
+    void addEvent(const GenerationKey& generation, const NewEvent& event) override;
+    void confirmEvent(const GenerationKey& generation, U32_t id) override {
+        changeEvent(pg::CONFIRM, generation, id);
+    }
+    void removeEvent(const GenerationKey& generation, U32_t id) override {
+        changeEvent(pg::REMOVE, generation, id);
+    }
+    U64_t removeOldest(const GenerationKey& generation, S64_t before, U64_t most) override;
+    void countDuplicates(const GenerationKey& generation, U64_t more) override {
+        change(pg::DUPLICATES, PgParameters()
+                                   .integer(generation.series)
+                                   .integer(generation.generation)
+                                   .integer(static_cast<S64_t>(more)));
+    }
+    void noteProven(const GenerationKey& generation, const IdRun& run) override;
+    void setAside(const SeriesKey& key, Aside reason, const NewEvent& event) override;
+    U64_t removeAside(S64_t before) override {
+        return change(pg::REMOVE_ASIDE, PgParameters().time(before)).affected();
+    }
+
+    std::optional<SeriesNumber> findSeries(const SeriesKey& key) override {
+        bool isKnown = false;
+        const SeriesNumber number = guarded([&] { return reads_.numberOf(key, isKnown); });
+        return isKnown ? std::optional(number) : std::nullopt;
+    }
+    std::optional<GenerationInfo> newestGeneration(SeriesNumber series) override;
+    std::optional<StoredEvent> findEvent(const GenerationKey& generation, EMP_INQUIRY_TYPE_e type,
+                                         U32_t id) override {
+        return read(&PgReads::findEvent, generation, type, id);
+    }
+    std::optional<StoredEvent> heldEvent(const GenerationKey& generation, U32_t id) override {
+        return read(&PgReads::heldEvent, generation, id);
+    }
+    std::optional<StoredEvent> oldestEvent(const GenerationKey& generation) override {
+        return read(&PgReads::oldestEvent, generation);
+    }
+    std::optional<U32_t> highestId(const GenerationKey& generation) override {
+        return read(&PgReads::highestId, generation);
+    }
+    U32_t endOfRun(const GenerationKey& generation, U32_t from) override {
+        return read(&PgReads::endOfRun, generation, from);
+    }
+    U64_t rowCount() override { return read(&PgReads::rowCount); }
+    U64_t bytesUsed() override { return read(&PgReads::bytesUsed); }
+    std::vector<GenerationInfo> listGenerations() override {
+        return read(&PgReads::listGenerations);
+    }
+    void forEachRun(const GenerationKey& generation, U32_t from,
+                    const std::function<void(const IdRun&)>& take) override {
+        read(&PgReads::forEachRun, generation, from, take);
+    }
+    void forEachEvent(const GenerationKey& generation,
+                      const std::function<void(const StoredEvent&)>& take) override {
+        read(&PgReads::forEachEvent, generation, take);
+    }
+    void forEachAside(const std::function<void(const AsideEvent&)>& take) override {
+        read(&PgReads::forEachAside, take);
+    }
+
+  private:
+    void connect();
+    void requireLayout();
+    void requireClaims();
+    void beginOnServer();
+    PgRows change(const PgStatement& statement, const PgParameters& parameters);
+    void changeEvent(const PgStatement& statement, const GenerationKey& generation, U32_t id);
+    Known& known(SeriesNumber series);
+    void queueName(const SeriesKey& key, SeriesNumber number);
+    SeriesNumber nameSeries(const SeriesKey& key);
+
+    struct Verdict {
+        std::vector<S64_t> lost;
+        bool isStale = false;
+    };
+
+    void flush();
+    std::vector<SeriesNumber> unfenced();
+    void sortPending();
+    void queueFences(const std::vector<SeriesNumber>& unfenced);
+    void queueTaken();
+    void takeAnswers(bool looksAgain, bool files);
+    void judge(const PgRows& rows, int row, Verdict& verdict);
+    bool takeFiled();
+    PgParameters parametersOf(std::size_t first, std::size_t count);
+    void fileByHalves(std::size_t first, std::size_t count);
+    void refuse(const PendingEvent& event);
+    void endTransaction();
+
+    PgConnection connection_;
+    PgReads reads_;
+    S64_t owner_; ///< drawn by chance: nobody else has it
+    std::unordered_map<SeriesNumber, Known> known_;
+    std::set<SeriesNumber> touched_; ///< logs that the transaction has changed something of
+    std::set<SeriesNumber> fenced_;  ///< those of them whose rows are locked
+    std::vector<PendingEvent> pending_;
+    std::vector<std::pair<GenerationKey, U32_t>> filed_; ///< in this transaction
+    std::vector<U32_t> fences_; ///< of the fences on their way: how many logs they lock
+    PgBatch batch_;
+    bool isOnServer_ = false; ///< the server, too, has begun
+    bool hasNamed_ = false;   ///< the transaction may have given a log its row
+    bool isCareful_ = false;  ///< a value was refused: the next transaction finds out which
+};
+
+} // namespace evarchive
+
+#endif

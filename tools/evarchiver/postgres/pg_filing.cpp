@@ -1,0 +1,218 @@
+#include "pg_engine.h"
+
+#include <algorithm>
+
+namespace evarchive {
+
+// Neighbours in the index are filed one after the other.
+void PgStore::sortPending() {
+    std::ranges::sort(pending_, [](const PendingEvent& left, const PendingEvent& right) {
+        return std::tie(left.generation, left.row.sequenceId) <
+               std::tie(right.generation, right.row.sequenceId);
+    });
+}
+
+void PgStore::queueFences(const std::vector<SeriesNumber>& unfenced) {
+    PgArray owned(PgType::BIGINT);
+    PgArray free(PgType::BIGINT);
+    for (const SeriesNumber series : unfenced) {
+        (known_.at(series).isOwned ? owned : free).addNumber(series);
+    }
+    for (auto [logs, statement] : {std::pair(&owned, &pg::FENCE), std::pair(&free, &pg::VISIT)}) {
+        if (logs->size() > 0) {
+            connection_.queue(*statement, PgParameters().array(*logs));
+            fences_.push_back(logs->size());
+        }
+    }
+}
+
+// Of logs that are not owned: are the ids still free?
+void PgStore::queueTaken() {
+    PgArray logs(PgType::BIGINT);
+    PgArray generations(PgType::BIGINT);
+    PgArray ids(PgType::BIGINT);
+    for (const PendingEvent& event : pending_) {
+        if (!known_.at(event.generation.series).isOwned) {
+            logs.addNumber(event.generation.series);
+            generations.addNumber(event.generation.generation);
+            ids.addNumber(event.row.sequenceId);
+        }
+    }
+    connection_.queue(pg::TAKEN, PgParameters().array(logs).array(generations).array(ids));
+}
+
+// Whether a log's row is as it was when its events were looked at.
+void PgStore::judge(const PgRows& rows, int row, Verdict& verdict) {
+    const SeriesNumber series = rows.integer(row, 0);
+    Known& log = known_.at(series);
+    log.visits += log.isOwned ? 0 : 1; // the mark that was just left
+    if (log.isOwned && (rows.integer(row, 1) != log.epoch || rows.integer(row, 2) != log.owner)) {
+        verdict.lost.push_back(series);
+        log = {};
+    } else if (rows.integer(row, 3) != log.generation || rows.integer(row, 4) != log.visits) {
+        verdict.isStale = true;
+    }
+    fenced_.insert(series);
+}
+
+std::vector<SeriesNumber> PgStore::unfenced() {
+    std::vector<SeriesNumber> series;
+    std::ranges::set_difference(touched_, fenced_, std::back_inserter(series));
+    for (const SeriesNumber number : series) {
+        known(number);
+    }
+    return series;
+}
+
+// Files what was handed over. Until the commit it may still be undone.
+void PgStore::flush() {
+    const std::vector<SeriesNumber> logs = unfenced();
+    if (logs.empty() && pending_.empty()) {
+        return;
+    }
+    sortPending();
+    const bool looksAgain = std::ranges::any_of(pending_, [this](const PendingEvent& event) {
+        return !known_.at(event.generation.series).isOwned;
+    });
+    const bool begins = !std::exchange(isOnServer_, true);
+    const bool files = !pending_.empty() && !isCareful_;
+    if (begins) {
+        connection_.queue(pg::BEGIN);
+    }
+    queueFences(logs);
+    if (looksAgain) {
+        queueTaken();
+    }
+    if (files) {
+        connection_.queue(pg::FILE, parametersOf(0, pending_.size()));
+    }
+    connection_.sync();
+    if (begins) {
+        connection_.take();
+    }
+    takeAnswers(looksAgain, files);
+}
+
+void PgStore::takeAnswers(bool looksAgain, bool files) {
+    Verdict verdict;
+    for (const U32_t asked : std::exchange(fences_, {})) {
+        const PgRows rows = connection_.take();
+        verdict.isStale = verdict.isStale || static_cast<U32_t>(rows.count()) != asked;
+        for (int row = 0; row < rows.count(); ++row) {
+            judge(rows, row, verdict);
+        }
+    }
+    if (looksAgain) {
+        verdict.isStale = connection_.take().count() > 0 || verdict.isStale;
+    }
+    if (files) {
+        verdict.isStale = takeFiled() || verdict.isStale;
+    }
+    connection_.finish();
+    if (verdict.isStale || !verdict.lost.empty()) {
+        throw StoreConflict(verdict.lost);
+    }
+    if (!files && !pending_.empty()) {
+        fileByHalves(0, pending_.size());
+    }
+    for (const PendingEvent& event : pending_) {
+        filed_.emplace_back(event.generation, event.row.sequenceId);
+    }
+    pending_.clear();
+}
+
+// @return whether an id was not free
+bool PgStore::takeFiled() {
+    try {
+        return connection_.take().affected() != pending_.size();
+    } catch (const PgError& error) {
+        if (!error.isAboutData()) {
+            throw;
+        }
+        isCareful_ = true;
+        throw StoreConflict();
+    }
+}
+
+PgParameters PgStore::parametersOf(std::size_t first, std::size_t count) {
+    batch_.clear();
+    for (std::size_t i = first; i < first + count; ++i) {
+        batch_.add(pending_[i]);
+    }
+    return batch_.parameters();
+}
+
+// Finds the event whose values the engine does not take, and sets it aside.
+void PgStore::fileByHalves(std::size_t first, std::size_t count) {
+    connection_.execute("SAVEPOINT half");
+    try {
+        if (connection_.run(pg::FILE, parametersOf(first, count)).affected() != count) {
+            throw StoreConflict();
+        }
+        connection_.execute("RELEASE SAVEPOINT half");
+        return;
+    } catch (const PgError& error) {
+        if (!error.isAboutData()) {
+            throw;
+        }
+    }
+    connection_.execute("ROLLBACK TO SAVEPOINT half");
+    if (count == 1) {
+        refuse(pending_[first]);
+        return;
+    }
+    fileByHalves(first, count / 2);
+    fileByHalves(first + count / 2, count - count / 2);
+}
+
+void PgStore::refuse(const PendingEvent& event) {
+    const SeriesKey key = reads_.keyOf(event.generation.series);
+    const Bytes image = imageOfRow(event.row, key);
+    setAside(key, Aside::REFUSED,
+             {event.row.sequenceId, image, event.own, event.doubtful, event.received});
+}
+
+void PgStore::commit() {
+    guarded([&] {
+        flush();
+        if (isOnServer_ && connection_.run(pg::COMMIT).tag() != "COMMIT") {
+            throw PgError("the server did not commit", "40000", StoreError::Kind::PASSING);
+        }
+    });
+    for (const auto& [generation, id] : filed_) {
+        Known& log = known_.at(generation.series);
+        log.lastGeneration = generation.generation;
+        log.lastId = id;
+    }
+    isCareful_ = false;
+    endTransaction();
+}
+
+void PgStore::rollback() noexcept {
+    try {
+        if (isOnServer_ && connection_.isOpen()) {
+            connection_.execute("ROLLBACK");
+        }
+    } catch (const std::exception&) {
+        connection_.close(); // which does it as well
+    }
+    for (auto& [series, log] : known_) {
+        log.isFresh = false;
+    }
+    if (hasNamed_) {
+        reads_.forget();
+    }
+    endTransaction();
+}
+
+void PgStore::endTransaction() {
+    touched_.clear();
+    fenced_.clear();
+    pending_.clear();
+    filed_.clear();
+    fences_.clear();
+    isOnServer_ = false;
+    hasNamed_ = false;
+}
+
+} // namespace evarchive
