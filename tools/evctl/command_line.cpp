@@ -11,10 +11,10 @@ namespace {
 constexpr char PROGRAM[] = "evctl";
 
 /** A new subcommand is one more file and one more line here. */
-constexpr AddCommand COMMANDS[] = {addLogCommand,      addFollowCommand,    addGetCommands,
-                                   addWalkCommand,     addArchiverCommands, addStatusCommand,
-                                   addFileCommands,    addAelCommands,      addArchiveCommands,
-                                   addCatalogCommands, addParamsCommands};
+constexpr AddCommand COMMANDS[] = {
+    addLogCommand,     addFollowCommand,  addGetCommands,  addWalkCommand,     addArchiverCommands,
+    addStatusCommand,  addFileCommands,   addAelCommands,  addArchiveCommands, addCatalogCommands,
+    addParamsCommands, addExplainCommand, addStatsCommand, addSupportCommand};
 
 int runChosen(const Chosen& chosen) {
     try {

@@ -2,6 +2,7 @@
 
 #include "common/names.h"
 #include "configuration.h"
+#include "evctl/advice.h"
 #include "evctl/event_view.h"
 #include "evctl/lines.h"
 #include "mmsg.h"
@@ -85,6 +86,19 @@ void addError(Json& json, const EvlogRecord_t* record) {
                  {"file", escapedText(error.empFileName)}});
 }
 
+/** What the operators' page says of the message; its end, too, where the record holds only the
+ * beginning. */
+void addAdvice(Json& json) {
+    json.update({{"wholeMessage", nullptr}, {"meaning", nullptr}, {"whatToDo", nullptr}});
+    const Json& message = json["message"];
+    const Advice* advice = message.is_null() ? nullptr : adviceFor(message.get<std::string>());
+    if (advice != nullptr) {
+        json["wholeMessage"] = wholeMessage(message.get<std::string>());
+        json["meaning"] = advice->meaning;
+        json["whatToDo"] = advice->whatToDo;
+    }
+}
+
 Json dataOrNull(const EvlogRecord_t* record) {
     return record == nullptr ? Json(nullptr) : Json(hexDigits(record->body));
 }
@@ -149,6 +163,11 @@ std::string headLines(const Json& json) {
     Json head = {{"time", json["time"]}};
     for (const char* name : {"message", "function", "line", "file"}) {
         head[name] = json[name];
+    }
+    if (!json["wholeMessage"].is_null()) {
+        head["message"] = json["wholeMessage"];
+        head["meaning"] = json["meaning"];
+        head["what to do"] = json["whatToDo"];
     }
     head["enclosure"] = json["enclosureId"];
     head["blade"] = json["bladeId"];
@@ -231,6 +250,7 @@ Json crashJson(const Crash& crash, bool entries) {
     Json json = Json::object();
     addPlace(json, crash);
     addError(json, crash.record(EMP_E_ID_EVENTMGRMP_BUGCHECK_ERROR_MSG));
+    addAdvice(json);
     json["control"] = controlOrNull(crash.record(EMP_E_ID_EVENTMGRMP_BUGCHECK_INFO));
     const EvlogRecord_t* buffer = crash.record(EMP_E_ID_EVENTMGRMP_BUGCHECK_MSG_BUFFER);
     json["messageBuffer"] = nullptr;

@@ -20,6 +20,7 @@ void addFileCommands(CLI::App& parent, Chosen& chosen) {
     addFilePredictCommand(group, chosen);
     addFileSalvageCommand(group, chosen);
     addFileGuardCommand(group, chosen);
+    addFileMapCommand(group, chosen);
     addFileCrashCommand(group, chosen);
 }
 

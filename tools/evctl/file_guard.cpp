@@ -2,6 +2,7 @@
 #include "common/text.h"
 #include "evctl/commands.h"
 #include "evctl/file.h"
+#include "evctl/file_aside.h"
 #include "evctl/new_file.h"
 #include "evctl/salvage.h"
 
@@ -27,8 +28,7 @@ constexpr char FILE_GUARD_EXAMPLES[] =
     "Example, of a unit:\n"
     "  ExecStartPre=-evctl file guard /var/lib/blade/slot1/nvram/kelta_eventlog";
 
-constexpr char ASIDE[] = ".fatal-";
-constexpr char NEW[] = ".guard";
+constexpr char LOG_BEING_MADE[] = ".guard";
 
 struct GuardOptions {
     std::string path;
@@ -93,21 +93,6 @@ bool isSameFile(const std::string& path, const struct stat& file) {
            status.st_ino == file.st_ino;
 }
 
-/** What was set aside so far, oldest first. */
-std::vector<std::string> asidesOf(const std::string& path) {
-    std::filesystem::path log(path);
-    std::string prefix = log.filename().string() + ASIDE;
-    std::filesystem::path directory = log.has_parent_path() ? log.parent_path() : ".";
-    std::vector<std::string> asides;
-    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-        if (entry.path().filename().string().starts_with(prefix) && entry.is_regular_file()) {
-            asides.push_back(entry.path().string());
-        }
-    }
-    std::ranges::sort(asides);
-    return asides;
-}
-
 std::string timeStamp() {
     time_t now = time(nullptr);
     struct tm utc {};
@@ -119,12 +104,12 @@ std::string timeStamp() {
 
 /** Gives the log a second name. One that ended half-way before has given it already. */
 std::string setAside(const std::string& path, const struct stat& file) {
-    for (const std::string& aside : asidesOf(path)) {
+    for (const std::string& aside : logsSetAside(path)) {
         if (isSameFile(aside, file)) {
             return aside;
         }
     }
-    std::string stamped = path + ASIDE + timeStamp();
+    std::string stamped = path + LOG_ASIDE + timeStamp();
     std::string aside = stamped;
     for (int number = 1; link(path.c_str(), aside.c_str()) != 0; number++) {
         if (errno != EEXIST || number > 9) {
@@ -137,7 +122,7 @@ std::string setAside(const std::string& path, const struct stat& file) {
 }
 
 void removeOldest(const std::string& path, U32_t keep) {
-    std::vector<std::string> asides = asidesOf(path);
+    std::vector<std::string> asides = logsSetAside(path);
     for (size_t place = 0; place + keep < asides.size(); place++) {
         if (unlink(asides[place].c_str()) == 0) {
             std::cout << tools::escapedText(asides[place]) << ": removed\n";
@@ -147,7 +132,7 @@ void removeOldest(const std::string& path, U32_t keep) {
 
 /** The log's name leads to the damaged file or to the whole new one, at every moment. */
 void replace(const std::string& path, const EvlogSalvage_t& salvage, const struct stat& file) {
-    std::string made = path + NEW;
+    std::string made = path + LOG_BEING_MADE;
     unlink(made.c_str()); // of one that ended half-way
     if (!salvage.bytes.empty()) {
         writeFileWhole(made, salvage.bytes, file.st_mode & 07777);
@@ -204,6 +189,22 @@ int runGuard(const GuardOptions& options) {
 }
 
 } // namespace
+
+std::vector<std::string> logsSetAside(const std::string& log) {
+    std::filesystem::path path(log);
+    std::string prefix = path.filename().string() + LOG_ASIDE;
+    std::vector<std::string> asides;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(
+             path.has_parent_path() ? path.parent_path() : ".", error)) {
+        if (entry.path().filename().string().starts_with(prefix) &&
+            entry.symlink_status(error).type() == std::filesystem::file_type::regular) {
+            asides.push_back(entry.path().string());
+        }
+    }
+    std::ranges::sort(asides);
+    return asides;
+}
 
 void addFileGuardCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<GuardOptions>();

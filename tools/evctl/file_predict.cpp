@@ -4,7 +4,7 @@
 #include "evctl/event_view.h"
 #include "evctl/file.h"
 #include "evctl/file_identity.h"
-#include "evlog/predict.h"
+#include "evctl/predict_view.h"
 
 #include <cerrno>
 #include <cstring>
@@ -67,24 +67,6 @@ void printLines(const EvlogPrediction_t& prediction) {
     }
 }
 
-Json predictionJson(const PredictOptions& options, const EvlogPrediction_t& prediction) {
-    const EvlogState_t& state = prediction.state;
-    Json bugcheck = nullptr;
-    if (prediction.bugcheck) {
-        bugcheck = {{"message", prediction.bugcheck->message},
-                    {"eventsBefore", prediction.bugcheck->events},
-                    {"dataLength", prediction.bugcheck->dataLength}};
-    }
-    return {{"file", tools::escapedText(options.path)},
-            {"verdict", evlogVerdictName(state.verdict)},
-            {"meaning", evlogVerdictText(state.verdict)},
-            {"fatal", prediction.isFatal()},
-            {"taken", prediction.taken},
-            {"lost", prediction.lost},
-            {"nextSequenceId", state.empSequenceId},
-            {"bugcheck", bugcheck}};
-}
-
 int runPredict(const PredictOptions& options) {
     EvlogImage_t image;
     // Also of a file that is no log: the event manager takes any. One that is not there, too.
@@ -96,7 +78,7 @@ int runPredict(const PredictOptions& options) {
     std::optional<EvlogIdentity_t> identity = identityOf(options.identity);
     EvlogPrediction_t prediction = evlogPredict(image, identity ? &*identity : nullptr);
     if (options.json) {
-        std::cout << jsonLine(predictionJson(options, prediction));
+        std::cout << jsonLine(predictionJson(tools::escapedText(options.path), prediction));
     } else {
         printLines(prediction);
     }
@@ -107,6 +89,24 @@ int runPredict(const PredictOptions& options) {
 }
 
 } // namespace
+
+Json predictionJson(const std::string& name, const EvlogPrediction_t& prediction) {
+    const EvlogState_t& state = prediction.state;
+    Json bugcheck = nullptr;
+    if (prediction.bugcheck) {
+        bugcheck = {{"message", prediction.bugcheck->message},
+                    {"eventsBefore", prediction.bugcheck->events},
+                    {"dataLength", prediction.bugcheck->dataLength}};
+    }
+    return {{"file", name},
+            {"verdict", evlogVerdictName(state.verdict)},
+            {"meaning", evlogVerdictText(state.verdict)},
+            {"fatal", prediction.isFatal()},
+            {"taken", prediction.taken},
+            {"lost", prediction.lost},
+            {"nextSequenceId", state.empSequenceId},
+            {"bugcheck", bugcheck}};
+}
 
 void addFilePredictCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<PredictOptions>();

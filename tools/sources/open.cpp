@@ -1,4 +1,5 @@
 #include "altEventLog.h"
+#include "common/text.h"
 #include "configuration.h"
 #include "evlog/guess.h"
 #include "sources/source.h"
@@ -10,6 +11,10 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#if SOURCES_READ_BUNDLES
+#include "bundle/bundle.h"
+#endif
 
 namespace sources {
 namespace {
@@ -52,6 +57,12 @@ bool isGzip(std::span<const U8_t> bytes) {
 
 bool isArchive(std::span<const U8_t> bytes) {
     return startsWith(bytes, "SQLite format 3\0"sv);
+}
+
+bool isBundle(std::span<const U8_t> bytes) {
+    constexpr size_t magicOffset = 257; // in a log, data of an event may stand there
+    return bytes.size() > magicOffset && startsWith(bytes.subspan(magicOffset), "ustar"sv) &&
+           !startsWith(bytes, "\xB6\x8F"sv);
 }
 
 Bytes readAll(const std::string& name, int descriptor) {
@@ -100,6 +111,50 @@ Sources openImage(const std::string& name, EvlogImage_t image, const OpenOptions
     return one(logSource(logOrigin(name), std::move(image), options.fileOrder));
 }
 
+#if SOURCES_READ_BUNDLES
+
+/** Whether a name in a bundle is that of a log, be it a copy of one, or of an alternate event. */
+bool isNameOfEvents(const std::string& name) {
+    constexpr const char* log = &EMP_LOG_FILE_NAME[1];
+    std::string base = baseName(name);
+    return base == log || base.starts_with(std::string(log) + ".") ||
+           base.starts_with(EMP_AEL_FILE_PREFIX);
+}
+
+/** The names in it lead nowhere: they are only shown. */
+Sources openBundle(const std::string& name, std::span<const U8_t> bytes,
+                   const OpenOptions& options) {
+    Sources found;
+    std::vector<std::string> problems;
+    for (const bundle::Member& member : bundle::unpack(bytes, &problems)) {
+        std::string place = name + ":" + tools::escapedText(member.name);
+        try {
+            if (isNameOfEvents(member.name)) {
+                found.push_back(
+                    std::move(openImage(place, evlogImageOf(member.bytes), options).front()));
+            }
+        } catch (const std::runtime_error& problem) {
+            problems.emplace_back(problem.what());
+        }
+    }
+    if (found.empty()) {
+        fail(name, problems.empty() ? "a bundle without a log" : problems.front());
+    }
+    for (const std::string& problem : problems) {
+        found.front()->addProblem(problem);
+    }
+    return found;
+}
+
+#else
+
+Sources openBundle(const std::string& name, std::span<const U8_t> /*bytes*/,
+                   const OpenOptions& /*options*/) {
+    fail(name, "a bundle; this program was built without what reads it");
+}
+
+#endif
+
 Sources openCompressed(const std::string& name, std::span<const U8_t> bytes,
                        const OpenOptions& options) {
     std::optional<std::string> problem;
@@ -132,18 +187,17 @@ Sources openRegular(const std::string& path, const OpenOptions& options) {
     if (isArchive(image.bytes)) {
         return archiveSources(path, options);
     }
-    if (image.fileSize == image.bytes.size()) {
-        return isGzip(image.bytes) ? openCompressed(path, image.bytes, options)
-                                   : openImage(path, std::move(image), options);
-    }
-    if (!isGzip(image.bytes)) {
+    if (!isGzip(image.bytes) && !isBundle(image.bytes)) {
         return openImage(path, std::move(image), options);
+    }
+    if (image.fileSize == image.bytes.size()) {
+        return openBytes(path, std::move(image.bytes), options);
     }
     Descriptor descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (descriptor.number() < 0) {
         fail(path, strerror(errno));
     }
-    return openCompressed(path, readAll(path, descriptor.number()), options);
+    return openBytes(path, readAll(path, descriptor.number()), options);
 }
 
 void addAlternates(const std::string& directory, Sources& found) {
@@ -199,6 +253,9 @@ Sources openBytes(const std::string& name, Bytes bytes, const OpenOptions& optio
     }
     if (isArchive(bytes)) {
         fail(name, "an archive is read from its file only");
+    }
+    if (isBundle(bytes)) {
+        return openBundle(name, bytes, options);
     }
     return openImage(name, evlogImageOf(bytes), options);
 }

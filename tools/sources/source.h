@@ -67,6 +67,8 @@ struct OpenOptions {
  * - an alternate event log file (a name that begins with "kelta_alteventlog");
  * - an archive: a source for each log in it;
  * - one of these but an archive, compressed with gzip;
+ * - a bundle (tar, compressed or not): the logs, damaged copies and alternate event log files
+ *   in it;
  * - a directory: the log file and the damaged copy in it, and the alternate event log files in it
  *   and in its subdirectory "aelfiles".
  * Throws std::runtime_error with the name and the reason when it is none of these, holds none, or

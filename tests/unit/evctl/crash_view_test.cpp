@@ -100,6 +100,21 @@ TEST(CrashView, HeadSaysWhatWhereWhen) {
               0U);
 }
 
+TEST(CrashView, MessageIsCompletedAndExplained) {
+    CrashLog log;
+    auto body = errorBody();
+    memcpy(body.data() + 132, "Linux recv function fails, Event Archiver Msg length readSize = [",
+           64);
+    log.add(11, 1'164'117'600, body);
+    Json json = report(log);
+    EXPECT_EQ(json["message"].get<std::string>().size(), 64U);
+    EXPECT_EQ(json["wholeMessage"],
+              "Linux recv function fails, Event Archiver Msg length readSize = [?] is wrong");
+    EXPECT_THAT(evctl::crashLines(json),
+                HasSubstr("what to do    the archiver must write header and body in one piece; "
+                          "restart\n"));
+}
+
 TEST(CrashView, ControlBlockHasNamesAndDottedAddresses) {
     auto body = controlBody();
     Json json = evctl::controlJson(*reinterpret_cast<const EmpInfo_t*>(body.data()));

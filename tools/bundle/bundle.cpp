@@ -1,0 +1,186 @@
+#include "bundle/bundle.h"
+
+#include "common/text.h"
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <array>
+#include <memory>
+#include <openssl/sha.h>
+#include <stdexcept>
+
+namespace bundle {
+namespace {
+
+constexpr mode_t MODE = 0644;
+
+struct EndRead {
+    void operator()(struct archive* packed) const { archive_read_free(packed); }
+};
+struct EndWrite {
+    void operator()(struct archive* packed) const { archive_write_free(packed); }
+};
+struct EndEntry {
+    void operator()(struct archive_entry* entry) const { archive_entry_free(entry); }
+};
+using Reader = std::unique_ptr<struct archive, EndRead>;
+using Writer = std::unique_ptr<struct archive, EndWrite>;
+using Entry = std::unique_ptr<struct archive_entry, EndEntry>;
+
+void require(int result, struct archive* packed) {
+    if (result < ARCHIVE_OK) {
+        const char* reason = archive_error_string(packed);
+        throw std::runtime_error(reason == nullptr ? "cannot pack" : reason);
+    }
+}
+
+la_ssize_t appendTo(struct archive* /*packed*/, void* bytes, const void* piece, size_t length) {
+    const auto* begin = static_cast<const U8_t*>(piece);
+    auto& all = *static_cast<std::vector<U8_t>*>(bytes);
+    all.insert(all.end(), begin, begin + length);
+    return static_cast<la_ssize_t>(length);
+}
+
+void packOne(struct archive* packed, const Member& member, U32_t time) {
+    Entry entry(archive_entry_new());
+    archive_entry_set_pathname(entry.get(), member.name.c_str());
+    archive_entry_set_size(entry.get(), static_cast<la_int64_t>(member.bytes.size()));
+    archive_entry_set_filetype(entry.get(), AE_IFREG);
+    archive_entry_set_perm(entry.get(), MODE);
+    archive_entry_set_mtime(entry.get(), time, 0);
+    require(archive_write_header(packed, entry.get()), packed);
+    la_ssize_t count = archive_write_data(packed, member.bytes.data(), member.bytes.size());
+    require(count < 0 ? ARCHIVE_FATAL : ARCHIVE_OK, packed);
+}
+
+/** Unpacks within the bounds. */
+class Unpacking {
+  public:
+    Unpacking(std::span<const U8_t> packed, std::vector<std::string>* problems);
+
+    std::vector<Member> run();
+
+  private:
+    void problem(const std::string& text) { problems_->push_back(text); }
+    void problemOfReader();
+    void take(struct archive_entry* entry);
+    bool readData(Member& member);
+
+    Reader reader_;
+    std::vector<std::string>* problems_;
+    std::vector<Member> members_;
+    U64_t bytes_ = 0; // of all members so far
+    bool ended_ = false;
+};
+
+Unpacking::Unpacking(std::span<const U8_t> packed, std::vector<std::string>* problems)
+    : reader_(archive_read_new()), problems_(problems) {
+    archive_read_support_format_tar(reader_.get());
+    archive_read_support_filter_gzip(reader_.get());
+    if (archive_read_open_memory(reader_.get(), packed.data(), packed.size()) < ARCHIVE_OK) {
+        problemOfReader();
+        ended_ = true;
+    }
+}
+
+void Unpacking::problemOfReader() {
+    const char* reason = archive_error_string(reader_.get());
+    problem(reason == nullptr ? "cannot be unpacked" : tools::escapedText(reason));
+}
+
+/** @return whether the member is whole, or cut because it is too long */
+bool Unpacking::readData(Member& member) {
+    std::vector<U8_t> piece(65'536);
+    for (;;) {
+        la_ssize_t count = archive_read_data(reader_.get(), piece.data(), piece.size());
+        if (count == 0) {
+            return true;
+        }
+        if (count < 0) {
+            problemOfReader();
+            return false;
+        }
+        size_t kept = std::min(static_cast<size_t>(count), LONGEST_MEMBER - member.bytes.size());
+        member.bytes.insert(member.bytes.end(), piece.begin(),
+                            piece.begin() + static_cast<std::ptrdiff_t>(kept));
+        bytes_ += static_cast<U64_t>(count);
+        if (bytes_ > MOST_BYTES) {
+            problem("more than " + std::to_string(MOST_BYTES) + " bytes; the rest is not read");
+            return false;
+        }
+    }
+}
+
+void Unpacking::take(struct archive_entry* entry) {
+    const char* name = archive_entry_pathname(entry);
+    Member member = {.name = name == nullptr ? "" : name, .bytes = {}};
+    if (archive_entry_filetype(entry) == AE_IFDIR) {
+        return;
+    }
+    if (archive_entry_filetype(entry) != AE_IFREG || archive_entry_hardlink(entry) != nullptr) {
+        problem(tools::escapedText(member.name) + ": no regular file, passed over");
+        return;
+    }
+    U64_t before = bytes_;
+    ended_ = !readData(member);
+    if (bytes_ - before > LONGEST_MEMBER) {
+        problem(tools::escapedText(member.name) + ": only its first " +
+                std::to_string(LONGEST_MEMBER) + " bytes are read");
+    }
+    members_.push_back(std::move(member));
+}
+
+std::vector<Member> Unpacking::run() {
+    while (!ended_) {
+        struct archive_entry* entry = nullptr;
+        int result = archive_read_next_header(reader_.get(), &entry);
+        if (result == ARCHIVE_EOF) {
+            break;
+        }
+        if (result < ARCHIVE_WARN) {
+            problemOfReader();
+            break;
+        }
+        if (members_.size() == MOST_MEMBERS) {
+            problem("more than " + std::to_string(MOST_MEMBERS) + " files; the rest is not read");
+            break;
+        }
+        take(entry);
+    }
+    return std::move(members_);
+}
+
+} // namespace
+
+std::vector<U8_t> pack(const std::vector<Member>& members, U32_t time) {
+    std::vector<U8_t> bytes;
+    Writer writer(archive_write_new());
+    require(archive_write_set_format_pax_restricted(writer.get()), writer.get());
+    require(archive_write_add_filter_gzip(writer.get()), writer.get());
+    archive_write_set_bytes_in_last_block(writer.get(), 1); // no padding
+    require(archive_write_open2(writer.get(), &bytes, nullptr, appendTo, nullptr, nullptr),
+            writer.get());
+    for (const Member& member : members) {
+        packOne(writer.get(), member, time);
+    }
+    require(archive_write_close(writer.get()), writer.get());
+    return bytes;
+}
+
+std::vector<Member> unpack(std::span<const U8_t> packed, std::vector<std::string>* problems) {
+    return Unpacking(packed, problems).run();
+}
+
+std::string sha256(std::span<const U8_t> bytes) {
+    std::array<U8_t, SHA256_DIGEST_LENGTH> digest{};
+    SHA256(bytes.data(), bytes.size(), digest.data());
+    constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (U8_t byte : digest) {
+        text += digits[byte >> 4];
+        text += digits[byte & 15];
+    }
+    return text;
+}
+
+} // namespace bundle

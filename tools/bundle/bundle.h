@@ -1,0 +1,45 @@
+/**
+ * @file
+ * Bundles: files packed into one, as tar compressed with gzip.
+ *
+ * What is unpacked stays in memory: its names are never used as paths. Any bytes may be given.
+ */
+#ifndef BUNDLE_BUNDLE_H
+#define BUNDLE_BUNDLE_H
+
+#include "fixed_width.h"
+
+#include <span>
+#include <string>
+#include <vector>
+
+namespace bundle {
+
+/** A regular file. */
+struct Member {
+    std::string name; ///< with "/" between its parts; from elsewhere it may be anything
+    std::vector<U8_t> bytes;
+};
+
+/** Of a longer member only so much is kept. */
+constexpr size_t LONGEST_MEMBER = 4U << 20U;
+/** Nothing is read behind so many members, or so many bytes of them. */
+constexpr size_t MOST_MEMBERS = 10'000;
+constexpr U64_t MOST_BYTES = 64U << 20U;
+
+/** Packs members, in their order. @param time seconds since 1970, of every member
+ *  Throws std::runtime_error. */
+std::vector<U8_t> pack(const std::vector<Member>& members, U32_t time);
+
+/**
+ * The regular files of a bundle, compressed or not; links, devices and directories are passed over.
+ * @param problems receives what is wrong, a line each, fit to be shown
+ */
+std::vector<Member> unpack(std::span<const U8_t> packed, std::vector<std::string>* problems);
+
+/** SHA-256 as 64 hexadecimal digits. */
+std::string sha256(std::span<const U8_t> bytes);
+
+} // namespace bundle
+
+#endif

@@ -1,0 +1,279 @@
+#include "evctl/event_stats.h"
+
+#include "common/names.h"
+#include "common/text.h"
+#include "evctl/svg.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+namespace evctl {
+namespace {
+
+constexpr U32_t HOUR = 3600;
+constexpr U32_t LINES_MAX = 48; // of a chart of times
+constexpr U32_t LONGEST = 100 * 365 * 24;
+constexpr U32_t HOURS_OF_A_LINE[] = {1,      3, 6, 12, 24, 7 * 24, 28 * 24, 365 * 24, 10 * 365 * 24,
+                                     LONGEST};
+constexpr size_t TALKERS = 10;
+
+std::string fixedText(double number, int digits) {
+    std::array<char, 64> text{};
+    snprintf(text.data(), text.size(), "%.*f", digits, number);
+    return text.data();
+}
+
+bool takesMore(const Share& one, const Share& other) {
+    return one.amount.bytes > other.amount.bytes;
+}
+
+std::string percentText(U64_t part, U64_t whole) {
+    double percent =
+        whole == 0 ? 0 : 100.0 * static_cast<double>(part) / static_cast<double>(whole);
+    return fixedText(percent, 1) + "%";
+}
+
+std::string timesTitle(U32_t seconds) {
+    return seconds == HOUR ? "by hour" : "by " + std::to_string(seconds / HOUR) + " hours";
+}
+
+/** A list with its title; bars show @p measure. */
+struct Chart {
+    std::string title;
+    std::vector<Share> shares;
+    U64_t Amount::*measure;
+};
+
+std::vector<Chart> chartsOf(const EventStats& stats) {
+    U32_t seconds = 0;
+    std::vector<Share> times = stats.times(&seconds);
+    return {{"by type", stats.types(), &Amount::events},
+            {"by source", stats.sources(), &Amount::bytes},
+            {"what fills the log", stats.talkers(TALKERS), &Amount::bytes},
+            {timesTitle(seconds), times, &Amount::events}};
+}
+
+U64_t largestOf(const Chart& chart) {
+    U64_t largest = 1;
+    for (const Share& share : chart.shares) {
+        largest = std::max(largest, share.amount.*chart.measure);
+    }
+    return largest;
+}
+
+std::string amountText(const Amount& amount, U64_t allBytes) {
+    std::array<char, 80> text{};
+    snprintf(text.data(), text.size(), "%9llu %10llu %6s",
+             static_cast<unsigned long long>(amount.events),
+             static_cast<unsigned long long>(amount.bytes),
+             percentText(amount.bytes, allBytes).c_str());
+    return text.data();
+}
+
+constexpr size_t NAME_COLUMNS = 32;
+constexpr size_t AMOUNT_COLUMNS = 27;
+
+std::string chartLines(const Chart& chart, U64_t allBytes, size_t width) {
+    size_t taken = NAME_COLUMNS + AMOUNT_COLUMNS + 2;
+    size_t bars = std::max<size_t>(width > taken ? width - taken : 0, 10);
+    U64_t largest = largestOf(chart);
+    std::array<char, 128> head{};
+    snprintf(head.data(), head.size(), "\n%-*s %9s %10s %6s\n", static_cast<int>(NAME_COLUMNS),
+             chart.title.c_str(), "events", "bytes", "share");
+    std::string lines = head.data();
+    for (const Share& share : chart.shares) {
+        U64_t measure = share.amount.*chart.measure;
+        size_t length =
+            static_cast<size_t>(static_cast<double>(bars) * static_cast<double>(measure) /
+                                static_cast<double>(largest));
+        std::string name = tools::cutToColumns(share.name, NAME_COLUMNS);
+        name.resize(name.size() + NAME_COLUMNS - tools::columnsOf(name), ' ');
+        lines += name + " " + amountText(share.amount, allBytes) + " " +
+                 std::string(measure > 0 ? std::max<size_t>(length, 1) : 0, '#');
+        lines.erase(lines.find_last_not_of(' ') + 1);
+        lines += "\n";
+    }
+    return lines;
+}
+
+/** The lines above the charts. */
+std::vector<std::string> headLinesOf(const EventStats& stats) {
+    std::vector<std::string> lines = {std::to_string(stats.all().events) + " events, " +
+                                      std::to_string(stats.all().bytes) + " bytes in a log"};
+    if (stats.all().events > 0) {
+        lines.push_back("from " + isoTime(stats.firstTime()) + " to " + isoTime(stats.lastTime()));
+    }
+    if (stats.rate() > 0) {
+        lines.push_back(fixedText(stats.rate(), 1) + " events an hour; at this rate a log holds " +
+                        fixedText(stats.hoursHeld(), 1) + " hours");
+    }
+    return lines;
+}
+
+Json sharesJson(const std::vector<Share>& shares) {
+    Json json = Json::array();
+    for (const Share& share : shares) {
+        json.push_back(
+            {{"name", share.name}, {"events", share.amount.events}, {"bytes", share.amount.bytes}});
+    }
+    return json;
+}
+
+template <typename NameOf>
+std::vector<Share> sharesOf(const std::map<U32_t, Amount>& amounts, NameOf nameOf) {
+    std::vector<Share> shares;
+    for (const auto& [value, amount] : amounts) {
+        shares.push_back({nameOf(value), amount});
+    }
+    return shares;
+}
+
+// --- The picture
+
+constexpr U32_t CHART_WIDTH = 900;
+constexpr double CHART_LINE = 16;
+constexpr double CHART_BARS = 420;
+constexpr double BARS_WIDTH = 440;
+
+double drawChart(Svg& svg, const Chart& chart, U64_t allBytes, double y) {
+    svg.text(10, y + 11, chart.title);
+    svg.text(CHART_BARS - 10, y + 11, "events      bytes  share", "end");
+    U64_t largest = largestOf(chart);
+    for (const Share& share : chart.shares) {
+        y += CHART_LINE;
+        double length = BARS_WIDTH * static_cast<double>(share.amount.*chart.measure) /
+                        static_cast<double>(largest);
+        svg.text(20, y + 11, tools::cutToColumns(share.name, 28));
+        svg.text(CHART_BARS - 10, y + 11, amountText(share.amount, allBytes), "end");
+        svg.box(CHART_BARS, y + 2, length, CHART_LINE - 5, Filling::STRIPES,
+                share.name + ": " + std::to_string(share.amount.events) + " events");
+    }
+    return y + 2 * CHART_LINE;
+}
+
+} // namespace
+
+void EventStats::add(const EventView& event) {
+    const EmpEvLogHeader_t& header = *event.header;
+    Amount amount = {.events = 1, .bytes = EMP_RECORD_SIZE + U64_t{event.data.size()}};
+    U32_t time = header.evTime;
+    types_[header.evType].add(amount);
+    sources_[header.evSource].add(amount);
+    talkers_[U32_t{header.evSource} << 16 | U16_t{header.evId}].add(amount);
+    hours_[time / HOUR].add(amount);
+    all_.add(amount);
+    first_ = std::min(first_, time);
+    last_ = std::max(last_, time);
+}
+
+std::vector<Share> EventStats::types() const {
+    return sharesOf(types_, [](U32_t type) { return tools::eventTypeNames.brief(type); });
+}
+
+std::vector<Share> EventStats::sources() const {
+    std::vector<Share> shares =
+        sharesOf(sources_, [](U32_t source) { return tools::endpointNames.brief(source); });
+    std::ranges::stable_sort(shares, takesMore);
+    return shares;
+}
+
+std::vector<Share> EventStats::talkers(size_t most) const {
+    std::vector<Share> shares = sharesOf(talkers_, [](U32_t talker) {
+        U32_t source = talker >> 16;
+        return tools::endpointNames.brief(source) + " " + eventIdText(source, talker & 0xFFFF);
+    });
+    std::ranges::stable_sort(shares, takesMore);
+    shares.resize(std::min(shares.size(), most));
+    return shares;
+}
+
+std::vector<Share> EventStats::times(U32_t* seconds) const {
+    U32_t span = hours_.empty() ? 0 : hours_.rbegin()->first - hours_.begin()->first;
+    U32_t hours = *std::ranges::find_if(
+        HOURS_OF_A_LINE, [span](U32_t step) { return step == LONGEST || span / step < LINES_MAX; });
+    *seconds = hours * HOUR;
+    std::map<U32_t, Amount> amounts;
+    for (const auto& [hour, amount] : hours_) {
+        amounts[hour / hours].add(amount);
+    }
+    std::vector<Share> shares;
+    for (auto next = amounts.begin(); next != amounts.end(); ++next) {
+        U32_t from = next == amounts.begin() ? next->first : std::prev(next)->first + 1;
+        for (U32_t line = from; line < next->first; line++) {
+            shares.push_back({isoTime(line * *seconds), {}});
+        }
+        shares.push_back({isoTime(next->first * *seconds), next->second});
+    }
+    return shares;
+}
+
+double EventStats::rate() const {
+    if (all_.events < 2 || last_ == first_) {
+        return 0;
+    }
+    // Of so many events, one less stretch lies between them.
+    return static_cast<double>(all_.events - 1) * HOUR / (last_ - first_);
+}
+
+double EventStats::hoursHeld() const {
+    if (rate() == 0) {
+        return 0;
+    }
+    double perEvent = static_cast<double>(all_.bytes) / static_cast<double>(all_.events);
+    return EMP_LOG_FILE_SIZE / (perEvent * rate());
+}
+
+Json statsJson(const EventStats& stats) {
+    U32_t seconds = 0;
+    std::vector<Share> times = stats.times(&seconds);
+    bool any = stats.all().events > 0;
+    return {{"events", stats.all().events},
+            {"bytes", stats.all().bytes},
+            {"firstTime", any ? Json(isoTime(stats.firstTime())) : Json(nullptr)},
+            {"lastTime", any ? Json(isoTime(stats.lastTime())) : Json(nullptr)},
+            {"eventsPerHour", stats.rate() > 0 ? Json(stats.rate()) : Json(nullptr)},
+            {"hoursHeld", stats.rate() > 0 ? Json(stats.hoursHeld()) : Json(nullptr)},
+            {"types", sharesJson(stats.types())},
+            {"sources", sharesJson(stats.sources())},
+            {"talkers", sharesJson(stats.talkers(TALKERS))},
+            {"secondsPerTime", seconds},
+            {"times", sharesJson(times)}};
+}
+
+std::string statsLines(const EventStats& stats, size_t width) {
+    std::string lines;
+    for (const std::string& line : headLinesOf(stats)) {
+        lines += line + "\n";
+    }
+    if (stats.all().events > 0) {
+        for (const Chart& chart : chartsOf(stats)) {
+            lines += chartLines(chart, stats.all().bytes, width);
+        }
+    }
+    return lines;
+}
+
+std::string statsPicture(const EventStats& stats, const std::string& title) {
+    std::vector<Chart> charts = chartsOf(stats);
+    std::vector<std::string> head = headLinesOf(stats);
+    head.insert(head.begin(), title);
+    double height = CHART_LINE * static_cast<double>(head.size() + 1);
+    for (const Chart& chart : charts) {
+        height += CHART_LINE * static_cast<double>(chart.shares.size() + 2);
+    }
+    Svg svg(CHART_WIDTH, static_cast<U32_t>(height), title);
+    double y = 4;
+    for (const std::string& line : head) {
+        svg.text(10, y + 11, line);
+        y += CHART_LINE;
+    }
+    y += CHART_LINE / 2;
+    for (const Chart& chart : charts) {
+        y = drawChart(svg, chart, stats.all().bytes, y);
+    }
+    return svg.picture();
+}
+
+} // namespace evctl

@@ -1,0 +1,78 @@
+/**
+ * @file
+ * Numbers of events: by type, source and time, and what fills a log.
+ */
+#ifndef EVCTL_EVENT_STATS_H
+#define EVCTL_EVENT_STATS_H
+
+#include "evctl/event_view.h"
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace evctl {
+
+/** Events and the bytes that their records take in a log. */
+struct Amount {
+    U64_t events = 0;
+    U64_t bytes = 0;
+
+    void add(const Amount& more) {
+        events += more.events;
+        bytes += more.bytes;
+    }
+};
+
+/** A line of a list: what is counted, and how much. */
+struct Share {
+    std::string name;
+    Amount amount;
+};
+
+/** Counts events as they come. */
+class EventStats {
+  public:
+    void add(const EventView& event);
+
+    const Amount& all() const { return all_; }
+    U32_t firstTime() const { return first_; } ///< seconds since 1970; only with events
+    U32_t lastTime() const { return last_; }
+
+    std::vector<Share> types() const;   ///< by value
+    std::vector<Share> sources() const; ///< most bytes first
+
+    /** The pairs of source and id that take the most bytes, at most @p most. */
+    std::vector<Share> talkers(size_t most) const;
+
+    /** Stretches of equal length, an hour or the smallest multiple that gives few lines; those
+     * without events among them. @param seconds receives the length */
+    std::vector<Share> times(U32_t* seconds) const;
+
+    /** Events an hour between the first and the last; 0 when they are of one second. */
+    double rate() const;
+
+    /** Hours of events that a whole log holds at this rate; 0 when there is none. */
+    double hoursHeld() const;
+
+  private:
+    std::map<U32_t, Amount> types_;
+    std::map<U32_t, Amount> sources_;
+    std::map<U32_t, Amount> talkers_; // by source and id
+    std::map<U32_t, Amount> hours_;
+    Amount all_;
+    U32_t first_ = UINT32_MAX;
+    U32_t last_ = 0;
+};
+
+Json statsJson(const EventStats& stats);
+
+/** For people, with bars. @param width columns */
+std::string statsLines(const EventStats& stats, size_t width);
+
+/** As SVG. @param title what was counted */
+std::string statsPicture(const EventStats& stats, const std::string& title);
+
+} // namespace evctl
+
+#endif

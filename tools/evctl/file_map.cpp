@@ -1,0 +1,44 @@
+/** evctl file map: the ring as it lies in its file. */
+#include "evctl/commands.h"
+#include "evctl/log_map.h"
+
+#include <iostream>
+
+namespace evctl {
+namespace {
+
+constexpr char FILE_MAP_EXAMPLES[] = "The exit status is 1 when the file is damaged.\n"
+                                     "Examples:\n"
+                                     "  evctl file map kelta_eventlog\n"
+                                     "  evctl file map kelta_eventlog -o svg > ring.svg";
+
+struct MapOptions {
+    std::string path;
+    std::string form = "text";
+};
+
+int runMap(const MapOptions& options) {
+    EvlogImage_t image = loadLog(options.path);
+    LogContent content = readLog(image);
+    LogMap map = mapOf(content);
+    std::cout << (options.form == "svg" ? mapPicture(map, content, options.path)
+                                        : mapLines(map, content));
+    return statusOf(content);
+}
+
+} // namespace
+
+void addFileMapCommand(CLI::App& parent, Chosen& chosen) {
+    auto options = std::make_shared<MapOptions>();
+    CLI::App& command =
+        addCommand(parent, "map", "Draw a log file as it lies: events, gap, unused space, damage.",
+                   FILE_MAP_EXAMPLES);
+    addFileArgument(command, options->path);
+    command.add_option("-o,--output", options->form, "As what")
+        ->type_name("text|svg")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"text", "svg"}));
+    onChosen(command, chosen, options, runMap);
+}
+
+} // namespace evctl

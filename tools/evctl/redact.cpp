@@ -1,0 +1,83 @@
+#include "evctl/redact.h"
+
+#include "altEventLog.h"
+#include "emp_evl.h"
+#include "mmsg.h"
+
+#include <algorithm>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+namespace evctl {
+namespace {
+
+/** The only data that hold nothing but what the program itself says. */
+bool isBugcheckMessage(const EmpEvRecord_t& header, U32_t dataLength) {
+    return header.evSource == MMSG_E_EPID_EVENTLOGMP &&
+           header.evId == EMP_E_ID_EVENTMGRMP_BUGCHECK_ERROR_MSG &&
+           dataLength == sizeof(EmpErrorMsg_t);
+}
+
+} // namespace
+
+void Redaction::rename(U8_t (&text)[EMP_ID_TEXT_SIZE], const char* kind) {
+    const char* begin = reinterpret_cast<const char*>(text);
+    std::string name(begin, strnlen(begin, sizeof(text)));
+    memset(text, 0, sizeof(text));
+    if (name.empty()) {
+        return;
+    }
+    auto [place, isNew] = names_.try_emplace(kind + name);
+    if (isNew) {
+        place->second = kind + std::to_string(names_.size());
+    }
+    memcpy(text, place->second.data(), place->second.size());
+}
+
+void Redaction::redact(U8_t* record, U32_t dataLength) {
+    auto& header = *reinterpret_cast<EmpEvRecord_t*>(record);
+    rename(header.evEnclosureId, "ENCLOSURE-");
+    rename(header.evBladeId, "BLADE-");
+    if (!isBugcheckMessage(header, dataLength)) {
+        memset(record + EMP_RECORD_SIZE, 0, dataLength);
+    }
+    header.evRdCRCChecksum =
+        computeCRC32(record + EMP_CRC_START, EMP_EVENT_HEADER_SIZE + dataLength);
+}
+
+std::vector<U8_t> Redaction::log(const EvlogImage_t& image) {
+    std::vector<U8_t> bytes(image.bytes.size());
+    evlogWalk(image, {.onRecord =
+                          [&](const EvlogRecord_t& record) {
+                              U8_t* place = bytes.data() + record.offset;
+                              memcpy(place, record.header, EMP_RECORD_SIZE);
+                              std::ranges::copy(record.body, place + EMP_RECORD_SIZE);
+                              redact(place, static_cast<U32_t>(record.body.size()));
+                          },
+                      .onFinding = {}});
+    return bytes;
+}
+
+std::vector<U8_t> Redaction::record(std::span<const U8_t> bytes) {
+    EvlogRecord_t found;
+    if (evlogReadRecord(bytes, &found) != EVLOG_E_REASON_NONE) {
+        return {};
+    }
+    auto length = static_cast<std::ptrdiff_t>(EMP_RECORD_SIZE + found.body.size());
+    std::vector<U8_t> record(bytes.begin(), bytes.begin() + length);
+    redact(record.data(), static_cast<U32_t>(found.body.size()));
+    return record;
+}
+
+Json Redaction::object(Json json) {
+    for (auto& member : json) {
+        if (member.is_structured()) {
+            member = object(member);
+        } else if (member.is_string() && !member.get_ref<const std::string&>().empty()) {
+            member = "redacted";
+        }
+    }
+    return json;
+}
+
+} // namespace evctl

@@ -1,0 +1,183 @@
+#include "evctl/support_files.h"
+
+#include "common/text.h"
+#include "configuration.h"
+#include "evctl/crash_view.h"
+#include "evctl/file.h"
+#include "evctl/file_aside.h"
+#include "evctl/predict_view.h"
+#include "sources/alternate_files.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace evctl {
+namespace {
+
+constexpr char FOLDER[] = "support/";
+
+std::string baseName(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+/** The last bytes of a regular file. @return 0, or an errno value */
+int readTail(const std::string& path, std::vector<U8_t>& bytes) {
+    int descriptor = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (descriptor < 0) {
+        return errno;
+    }
+    struct stat status {};
+    int error = fstat(descriptor, &status) == 0 ? 0 : errno;
+    if (error == 0 && !S_ISREG(status.st_mode)) {
+        error = EINVAL;
+    }
+    if (error == 0) {
+        auto size = static_cast<U64_t>(status.st_size);
+        U64_t length = std::min<U64_t>(size, SUPPORT_TAIL);
+        bytes.resize(length);
+        ssize_t count = pread(descriptor, bytes.data(), length, static_cast<off_t>(size - length));
+        error = count < 0 ? errno : 0;
+        bytes.resize(static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    }
+    close(descriptor);
+    return error;
+}
+
+Json findingsJson(const LogContent& content) {
+    Json findings = Json::array();
+    for (const EvlogFinding_t& finding : content.findings) {
+        findings.push_back({{"offset", finding.offset},
+                            {"bytes", finding.bytes},
+                            {"reason", evlogReasonText(finding.reason)}});
+    }
+    return findings;
+}
+
+} // namespace
+
+void SupportFiles::add(const std::string& name, std::vector<U8_t> bytes) {
+    members_.push_back({FOLDER + name, std::move(bytes)});
+}
+
+void SupportFiles::addText(const std::string& name, const std::string& text) {
+    add(name, {text.begin(), text.end()});
+}
+
+void SupportFiles::addProblem(const std::string& text) {
+    problems_.push_back(text);
+}
+
+void SupportFiles::addObject(const std::string& name, Json json) {
+    addText(name, jsonLine(redact_ ? Redaction::object(std::move(json)) : json));
+}
+
+/** @param original what the log is judged by; @p shown what is quoted of it */
+void SupportFiles::addReports(const EvlogImage_t& original, const EvlogImage_t& shown) {
+    addText("predict.json",
+            jsonLine(predictionJson(&EMP_LOG_FILE_NAME[1], evlogPredict(original, nullptr))));
+    addText("verify.json", jsonLine(findingsJson(readLog(original))));
+    LogContent content = readLog(shown);
+    sortByAge(content.records);
+    std::string crashes;
+    for (const Crash& crash : findCrashes(content.records)) {
+        crashes += (crashes.empty() ? "" : "\n") + crashLines(crashJson(crash, false));
+    }
+    addText("crashes.txt", crashes);
+}
+
+void SupportFiles::addLog(const std::string& path, bool expected) {
+    EvlogImage_t image;
+    std::string name = baseName(path);
+    if (int error = evlogLoadFile(path.c_str(), &image); error != 0) {
+        if (expected || error != ENOENT) {
+            addProblem(name + ": " + (error == EINVAL ? "not a regular file" : strerror(error)));
+        }
+        return;
+    }
+    if (image.fileSize > image.bytes.size()) {
+        addProblem(name + ": only its first " + std::to_string(image.bytes.size()) + " bytes");
+    }
+    std::vector<U8_t> shown = redact_ ? redaction_.log(image) : image.bytes;
+    if (expected) {
+        addReports(image, evlogImageOf(shown));
+    }
+    add(name, std::move(shown));
+}
+
+void SupportFiles::addAlternates(const std::string& directory) {
+    std::vector<sources::AelFile> files;
+    try {
+        files = sources::readAelDirectory(directory);
+    } catch (const std::system_error& problem) {
+        if (problem.code() != std::errc::no_such_file_or_directory) {
+            addProblem(std::string("alternate events: ") + problem.what());
+        }
+        return;
+    }
+    if (files.size() > SUPPORT_FILES_MAX) {
+        addProblem("alternate events: the first " + std::to_string(SUPPORT_FILES_MAX) + " of " +
+                   std::to_string(files.size()) + " files");
+        files.resize(SUPPORT_FILES_MAX);
+    }
+    for (sources::AelFile& file : files) {
+        std::vector<U8_t> bytes = redact_ ? redaction_.record(file.bytes) : std::move(file.bytes);
+        if (file.name.starts_with(EMP_AEL_FILE_PREFIX) && !bytes.empty()) {
+            add(&EMP_AEL_DIRECTORY_NAME[1] + ("/" + file.name), std::move(bytes));
+        } else {
+            addProblem("alternate events: " + tools::escapedText(file.name) + ": left out, " +
+                       (file.reason.empty() ? "no valid record" : file.reason));
+        }
+    }
+}
+
+void SupportFiles::addLogs(const std::string& directory) {
+    std::string log = directory + EMP_LOG_FILE_NAME;
+    addLog(log, true);
+    addLog(directory + EMP_DEBUG_LOG_FILE_NAME, false);
+    for (const std::string& aside : logsSetAside(log)) {
+        addLog(aside, false);
+    }
+    addAlternates(directory + EMP_AEL_DIRECTORY_NAME);
+}
+
+void SupportFiles::addTail(const std::string& path) {
+    std::string name = tools::escapedText(baseName(path));
+    if (redact_) {
+        addProblem(name + ": outputs are left out, they quote names and data");
+        return;
+    }
+    std::vector<U8_t> bytes;
+    if (int error = readTail(path, bytes); error != 0) {
+        addProblem(tools::escapedText(path) + ": " + strerror(error));
+        return;
+    }
+    std::string member = FOLDER + ("outputs/" + name);
+    for (int number = 2;
+         std::ranges::find(members_, member, &bundle::Member::name) != members_.end(); number++) {
+        member = FOLDER + ("outputs/" + name) + "-" + std::to_string(number);
+    }
+    members_.push_back({member, std::move(bytes)});
+}
+
+std::vector<bundle::Member> SupportFiles::finish() {
+    std::string problems;
+    for (const std::string& problem : problems_) {
+        problems += problem + "\n";
+    }
+    addText("missing.txt", problems);
+    std::string sums;
+    for (const bundle::Member& member : members_) {
+        sums += bundle::sha256(member.bytes) + "  " + member.name.substr(strlen(FOLDER)) + "\n";
+    }
+    addText("SHA256SUMS", sums);
+    return std::move(members_);
+}
+
+} // namespace evctl

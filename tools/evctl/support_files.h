@@ -1,0 +1,63 @@
+/**
+ * @file
+ * What goes into a support bundle, collected file by file.
+ */
+#ifndef EVCTL_SUPPORT_FILES_H
+#define EVCTL_SUPPORT_FILES_H
+
+#include "bundle/bundle.h"
+#include "evctl/event_view.h"
+#include "evctl/redact.h"
+
+#include <string>
+#include <vector>
+
+namespace evctl {
+
+/** Of outputs the end is taken: what was said last. */
+constexpr size_t SUPPORT_TAIL = 262'144;
+/** Files of one kind, the newest or first ones: alternate events, logs set aside. */
+constexpr size_t SUPPORT_FILES_MAX = 1000;
+
+/** Collects; nothing is ever changed. What cannot be had is noted, and the rest is taken. */
+class SupportFiles {
+  public:
+    explicit SupportFiles(bool redact) : redact_(redact) {}
+
+    /** The log, its debugging copy, those that were set aside, the alternate events of a directory,
+     * and what is to be said of the log: prediction, damage, bug-checks. */
+    void addLogs(const std::string& directory);
+
+    /** The end of an output. Left out when names and data shall be. */
+    void addTail(const std::string& path);
+
+    /** @param json without its texts when names and data shall be left out */
+    void addObject(const std::string& name, Json json);
+
+    /** What is known of this program and its host; nothing of it is a name. */
+    void addVersions(const Json& versions) { addText("versions.json", jsonLine(versions)); }
+
+    /** Something is missing that should be there. */
+    void addProblem(const std::string& text);
+
+    /** All members, with what is missing and the checksums at the end. */
+    std::vector<bundle::Member> finish();
+
+    const std::vector<std::string>& problems() const { return problems_; }
+
+  private:
+    void add(const std::string& name, std::vector<U8_t> bytes);
+    void addText(const std::string& name, const std::string& text);
+    void addLog(const std::string& path, bool expected);
+    void addReports(const EvlogImage_t& original, const EvlogImage_t& shown);
+    void addAlternates(const std::string& directory);
+
+    bool redact_;
+    Redaction redaction_;
+    std::vector<bundle::Member> members_;
+    std::vector<std::string> problems_;
+};
+
+} // namespace evctl
+
+#endif

@@ -1,0 +1,49 @@
+/**
+ * @file
+ * Pictures as SVG that can be read without colour: each filling is a pattern of its own.
+ */
+#ifndef EVCTL_SVG_H
+#define EVCTL_SVG_H
+
+#include "fixed_width.h"
+
+#include <string>
+
+namespace evctl {
+
+/** The fillings. */
+enum class Filling : U8_t {
+    LIGHT,   ///< pale, plain
+    STRIPES, ///< slanted stripes
+    DARK,    ///< dark, plain
+    DOTS,    ///< dots
+    NOTHING, ///< only the outline
+    CROSSES, ///< crosses, for what is damaged
+};
+
+/** A picture that grows; lengths are in pixels. */
+class Svg {
+  public:
+    Svg(U32_t width, U32_t height, const std::string& title);
+
+    /** @param hint shown where the pointer rests; "" for nothing
+     *  @param pale as something older */
+    void box(double x, double y, double width, double height, Filling filling,
+             const std::string& hint, bool pale = false);
+
+    /** @param anchor "start", "middle" or "end": where the text stands to its place */
+    void text(double x, double y, const std::string& text, const char* anchor = "start");
+
+    /** The whole picture. */
+    std::string picture() const { return content_ + "</svg>\n"; }
+
+  private:
+    std::string content_;
+};
+
+/** A text as it may stand in XML; control characters are escaped as \\xNN first. */
+std::string xmlText(const std::string& text);
+
+} // namespace evctl
+
+#endif
