@@ -3,13 +3,12 @@
  * block. This file holds the start-up sequence and the loop; ARCHITECTURE.md shows the rest of the
  * house.
  */
-#include "archiver/pass.h"
 #include "diag/debug_line.h"
-#include "dispatch.h"
 #include "loop/wait.h"
 #include "mmsg/message.h"
-#include "mmsg/stream.h"
 #include "mpu_gbl.h"
+#include "serve/batch.h"
+#include "serve/pass.h"
 #include "startup.h"
 #include "startup/alternate_replay.h"
 #include "startup/event_log_file.h"
@@ -91,18 +90,6 @@ void startUp() {
     empControl.selectTimeout = {1, 0};
 }
 
-/** One pass of the loop: wait, then at most one local message and one of the archiver. */
-void servePass() {
-    empUpdateSelectSets();
-    empWaitForSockets();
-    if (empMsmReadable()) {
-        empDebugLine("main(): The socket to MSM is selected.\n");
-        empReceiveMmsg();
-        empProcEventMmsgMsg(reinterpret_cast<MMSG_t*>(empControl.empInMsg));
-    }
-    empServeEventArchiver();
-}
-
 } // namespace
 
 int main(int argc, char* argv[]) {
@@ -128,6 +115,8 @@ int main(int argc, char* argv[]) {
     }
     startUp();
     for (;;) {
-        servePass();
+        if (!empServeBatch()) {
+            empServePass();
+        }
     }
 }

@@ -4,6 +4,7 @@
 #include "diag/debug_line.h"
 #include "loop/wait.h"
 #include "state/control.h"
+#include "state/held.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -17,6 +18,7 @@ bool empEventArchiverConfigured() {
 }
 
 void empOpenEventArchiverSocket(EmpSite_t site) {
+    empSettleRecords();
     int descriptor = socket(AF_INET, SOCK_STREAM, 0);
     empControl.socketFdEventArchiver = descriptor;
     // A descriptor that no select set can hold is of no use.

@@ -1,5 +1,7 @@
 #include "diag/output.h"
 
+#include "state/held.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -51,6 +53,7 @@ bool passOn(const char* from, const char* to) {
 
 /** Writes the whole lines; the one under construction moves to the front. */
 void passOnWholeLines() {
+    empSettleRecords();
     passOn(buffer, line);
     size_t begun = static_cast<size_t>(end - line);
     memmove(buffer, line, begun);
@@ -82,6 +85,18 @@ void empFlushOutput() {
     passOnWholeLines();
     fflush(stdout);
     errno = savedErrno;
+}
+
+size_t empOutputRoom() {
+    return static_cast<size_t>(limit - end);
+}
+
+size_t empOutputMark() {
+    return static_cast<size_t>(line - buffer);
+}
+
+void empOutputReturnTo(size_t mark) {
+    line = end = buffer + mark;
 }
 
 char* empLineRoom() {

@@ -18,6 +18,15 @@ void empBufferOutput();
 /** Writes what is held back, and what stdio holds. errno is left as it was. */
 void empFlushOutput();
 
+/** Bytes that can be held back yet. */
+size_t empOutputRoom();
+
+/** How much is held back: whole lines only. */
+size_t empOutputMark();
+
+/** Forgets the lines behind a mark. Nothing may have been written since. */
+void empOutputReturnTo(size_t mark);
+
 // --- A line under construction -------------------------------------------------------------------
 
 /** What empLineRoom() gives; enough for whatever a format's own text and its numbers come to. */

@@ -4,6 +4,7 @@
 #include "fault/records.h"
 #include "fault/report.h"
 #include "state/control.h"
+#include "state/held.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -26,6 +27,7 @@ bool reporting; ///< a bug-check is under way
 } // namespace
 
 void empFault(const char* fileName, int lineNo, const char* fnName, const char* msg, ...) {
+    empSettle();
     if (reporting) {
         // An error inside the report ends it: what is printed so far stands, the process goes.
         endProcess();

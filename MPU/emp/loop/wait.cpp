@@ -73,8 +73,7 @@ void empUpdateSelectSets() {
 void empWaitForSockets() {
     bool messageHere = empMsmReadAhead();
     if (!messageHere || ++passesUnwritten >= PASSES_PER_WRITE) {
-        empFlushOutput();
-        passesUnwritten = 0;
+        empWriteLines();
     }
     readSet = masterReadSet;
     writeSet = masterWriteSet;
@@ -89,6 +88,11 @@ void empWaitForSockets() {
     if (select(highestDescriptor + 1, &readSet, &writeSet, nullptr, &timeout) == -1) {
         EMP_BUGCHECK(EMP_HERE_IN("main"), "Linux select function fails");
     }
+}
+
+void empWriteLines() {
+    empFlushOutput();
+    passesUnwritten = 0;
 }
 
 bool empMsmReadable() {

@@ -20,6 +20,9 @@ void empUpdateSelectSets();
  */
 void empWaitForSockets();
 
+/** Writes the lines that a pass has left to a later one. */
+void empWriteLines();
+
 /** Whether the running pass has found something of the message switch to read. */
 bool empMsmReadable();
 

@@ -35,4 +35,12 @@ enum EMP_SHORT_SEND_e {
  */
 S32_t empSendToMsm(const void* message, U16_t length, EmpSite_t site, EMP_SHORT_SEND_e onShortSend);
 
+/** empSendToMsm() of the copy of an event, as the management interface gets it. A batch may hold it
+ * back. */
+S32_t empSendCopyToMsm(const void* message, U16_t length);
+
+/** Sends the copies that are held back (state/held.h), in one send if the socket takes so much. The
+ * bug-check is that of the copy that did not get through. */
+void empSendHeldCopies();
+
 #endif

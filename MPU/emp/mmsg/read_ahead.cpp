@@ -69,3 +69,18 @@ ssize_t empReceiveFromMsm(void* to, size_t length, int flags) {
 bool empMsmReadAhead() {
     return front != end;
 }
+
+const MMCH_t* empMsmWaiting(size_t behind) {
+    size_t left = end - front - behind;
+    const auto* next = reinterpret_cast<const MMCH_t*>(ahead + front + behind);
+    bool whole = left >= MMCH_SIZE && next->mmsg_length >= MMCH_SIZE && left >= next->mmsg_length;
+    return whole ? next : nullptr;
+}
+
+size_t empMsmMark() {
+    return front;
+}
+
+void empMsmReturnTo(size_t mark) {
+    front = mark;
+}

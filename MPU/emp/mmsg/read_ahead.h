@@ -6,6 +6,8 @@
 #ifndef EMP_MMSG_READ_AHEAD_H
 #define EMP_MMSG_READ_AHEAD_H
 
+#include "mmsg.h"
+
 #include <cstddef>
 #include <sys/types.h>
 
@@ -18,6 +20,16 @@
  * @return bytes received, 0 at the end of the stream, or -1 with errno
  */
 ssize_t empReceiveFromMsm(void* to, size_t length, int flags);
+
+/** The message behind the next @p behind bytes of the stream, a multiple of whole messages, if it
+ * waits here as a whole; else null. It lies there as it came. */
+const MMCH_t* empMsmWaiting(size_t behind);
+
+/** Where the stream stands. */
+size_t empMsmMark();
+
+/** Lets the stream stand where it did, while no more than waited here has been taken since. */
+void empMsmReturnTo(size_t mark);
 
 /** Whether bytes of the stream wait here, where select does not see them. */
 bool empMsmReadAhead();

@@ -4,7 +4,6 @@
 #include "diag/debug_line.h"
 #include "diag/message_dump.h"
 #include "emp_mesgs.h"
-#include "fault/fixed_sites.h"
 #include "mmsg/message.h"
 #include "osdep.h"
 #include "state/control.h"
@@ -92,6 +91,5 @@ S32_t empSendEventLogMsgToSmi(MMSG_t* mmsg) {
     mmsg->mmch.recipient_ob_bm[1] = 0;
     empMmsgPrint(mmsg);
     empControl.mmsgEventLogMsgSend++;
-    return empSendToMsm(mmsg, mmsg->mmch.mmsg_length, EMP_SITE_SMI_COPY,
-                        EMP_E_SHORT_SEND_DUMP_SHOWS_INTENDED);
+    return empSendCopyToMsm(mmsg, mmsg->mmch.mmsg_length);
 }

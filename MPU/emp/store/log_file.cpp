@@ -2,6 +2,7 @@
 
 #include "diag/hex_dump.h"
 #include "state/control.h"
+#include "state/held.h"
 #include "store/window.h"
 
 #include <algorithm>
@@ -47,6 +48,7 @@ void judgePendingSeek(S64_t result) {
 }
 
 S64_t readAtPosition(void* to, U32_t length) {
+    empSettleRecords();
     S64_t result = pread(empControl.eventLogFileFd, to, length, empLogFilePosition);
     judgePendingSeek(result);
     return result;
@@ -80,6 +82,24 @@ void noteWrite(S64_t from, const void* bytes, U32_t length) {
     if (from < newest.from + newest.length && newest.from < from + length) {
         newest = {};
     }
+}
+
+/** Keeps a record for a write of several. @return whether it is kept */
+bool holdRecord(const EmpEvRecord_t* header, const void* data, U32_t dataLength) {
+    if (empHeld.records.length == 0) {
+        empHeld.recordsAt = empLogFilePosition;
+    }
+    U8_t* at = nullptr;
+    if (empLogFilePosition == empHeld.recordsAt + empHeld.records.length) {
+        at = empHoldBytes(&empHeld.records, EMP_RECORD_SIZE + dataLength);
+    }
+    if (at == nullptr) {
+        return false;
+    }
+    memcpy(at, header, EMP_RECORD_SIZE);
+    memcpy(at + EMP_RECORD_SIZE, data, dataLength);
+    pendingSeek.text = nullptr;
+    return true;
 }
 
 void requireRead(const void* bytes, S64_t result, U32_t length, EmpSite_t site) {
@@ -117,6 +137,7 @@ void empLogMoveTo(S64_t position) {
 }
 
 S64_t empLogSeekEnd(EmpSite_t site) {
+    empSettleRecords();
     S64_t end = lseek(empControl.eventLogFileFd, 0, SEEK_END);
     if (end == -1) {
         EMP_BUGCHECK(site, EMP_LSEEK_FAILS);
@@ -162,6 +183,8 @@ void empLogReadInOrder(void* to, U32_t length, EmpSite_t site) {
 }
 
 S64_t empLogFillWindow(U32_t size) {
+    // What is taken back is read again, from the window as it was.
+    empSettleRecords();
     U8_t* to = empWindowOpen(static_cast<U64_t>(empLogFilePosition));
     S64_t arrived = readAtPosition(to, size);
     empWindowHolds(static_cast<U32_t>(std::max<S64_t>(arrived, 0)));
@@ -169,6 +192,7 @@ S64_t empLogFillWindow(U32_t size) {
 }
 
 S64_t empLogWriteSome(const void* from, U32_t length) {
+    empSettleRecords();
     S64_t start = empLogFilePosition;
     S64_t result = pwrite(empControl.eventLogFileFd, from, length, start);
     judgePendingSeek(result);
@@ -178,13 +202,30 @@ S64_t empLogWriteSome(const void* from, U32_t length) {
 }
 
 S64_t empLogWriteRecord(const EmpEvRecord_t* header, const void* data, U32_t dataLength) {
+    U32_t length = EMP_RECORD_SIZE + dataLength;
+    if (empHeld.recordsToo && holdRecord(header, data, dataLength)) {
+        advance(length);
+        return length;
+    }
     memcpy(newestBytes, header, EMP_RECORD_SIZE);
     memcpy(newestBytes + EMP_RECORD_SIZE, data, dataLength);
-    U32_t length = EMP_RECORD_SIZE + dataLength;
     S64_t start = empLogFilePosition;
     S64_t result = empLogWriteSome(newestBytes, length);
     newest = {newestBytes, start, length};
     return result;
+}
+
+bool empLogWriteHeld() {
+    const EmpHeldBytes_t& held = empHeld.records;
+    S64_t start = empHeld.recordsAt;
+    S64_t written = pwrite(empControl.eventLogFileFd, held.bytes, held.length, start);
+    if (written != S64_t{held.length}) {
+        return false;
+    }
+    noteWrite(start, held.bytes, held.length);
+    memcpy(newestBytes, held.bytes + held.length - held.last, held.last);
+    newest = {newestBytes, start + held.length - held.last, held.last};
+    return true;
 }
 
 void empLogRequireWritten(const void* from, S64_t written, U32_t length, EmpSite_t site) {

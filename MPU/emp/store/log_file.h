@@ -57,8 +57,12 @@ S64_t empLogFillWindow(U32_t size);
 S64_t empLogWriteSome(const void* from, U32_t length);
 
 /** Writes a record and its data at the position, in one piece that stays in memory.
- * @return as empLogWriteSome() */
+ * A batch may hold it back. @return as empLogWriteSome() */
 S64_t empLogWriteRecord(const EmpEvRecord_t* header, const void* data, U32_t dataLength);
+
+/** Writes the records that are held back (state/held.h). @return false when not all of them were
+ * taken; what is known of the file is then what was known before */
+bool empLogWriteHeld();
 
 /** Judges a write of @p length bytes, of which @p written were taken: the bytes of a short one are
  * dumped before the bug-check. */
