@@ -1,7 +1,6 @@
 #include "messages.h"
 
 #include "altEventLog.h"
-#include "simulated_blade.h"
 
 #include <array>
 #include <cstring>

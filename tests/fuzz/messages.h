@@ -13,6 +13,11 @@
 
 namespace fuzz {
 
+// Whose blade it is.
+constexpr char ENCLOSURE[] = "CHASSIS-1";
+constexpr char BLADE[] = "BLADE-A";
+constexpr std::uint32_t SLOT = 2;
+
 /** The fields of an event that an input may choose. */
 struct EventFields {
     std::uint8_t source = 18;

@@ -22,7 +22,7 @@
 
 namespace {
 
-constexpr int MUTATIONS = 10; ///< of each seed
+constexpr int MUTATIONS = 6; ///< of each seed
 constexpr char FAILED_INPUT[] = "failed-input";
 
 fuzz::Bytes current;

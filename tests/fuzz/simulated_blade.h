@@ -11,7 +11,7 @@
 #ifndef TESTS_FUZZ_SIMULATED_BLADE_H
 #define TESTS_FUZZ_SIMULATED_BLADE_H
 
-#include "fuzz.h"
+#include "messages.h"
 #include "mpu_gbl.h"
 
 #include <deque>
@@ -23,9 +23,6 @@
 
 namespace fuzz {
 
-constexpr char ENCLOSURE[] = "CHASSIS-1";
-constexpr char BLADE[] = "BLADE-A";
-constexpr std::uint32_t SLOT = 2;
 constexpr char LOG_PATH[] = "/nvram/kelta_eventlog";
 constexpr char ALTERNATE_PREFIX[] = "/nvram/aelfiles/kelta_alteventlog";
 

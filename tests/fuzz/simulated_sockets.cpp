@@ -22,7 +22,7 @@ namespace {
 using Descriptor = Blade::Descriptor;
 
 constexpr int INPUT_OVER = 1;
-constexpr ssize_t MMCH_BYTES = 64;
+constexpr size_t MMCH_BYTES = 64;
 constexpr ssize_t ARCHIVER_HEADER_BYTES = 16;
 
 int failed(int error) {
@@ -84,12 +84,16 @@ ssize_t receiveFromArchiver(void* to, size_t length, int flags) {
     }
 }
 
-/** Whatever goes to the switch is one whole message. */
+/** Whatever goes to the switch is whole messages, each as long as it states. */
 ssize_t sendToSwitch(const void* from, size_t length) {
-    fuzz::expect(static_cast<ssize_t>(length) >= MMCH_BYTES && length <= 4064,
-                 "a message to the switch is too short or too long");
-    fuzz::expect(halfAt(from, 10) == length, "a message states another length than it has");
-    fuzz::expect(static_cast<const std::uint8_t*>(from)[8] == 14, "not a message of type 14");
+    const auto* bytes = static_cast<const std::uint8_t*>(from);
+    for (size_t at = 0; at < length;) {
+        size_t left = length - at;
+        size_t stated = left < MMCH_BYTES ? 0 : halfAt(bytes, at + 10);
+        fuzz::expect(stated >= MMCH_BYTES && stated <= MMSG_MAX_LENGTH && stated <= left,
+                     "a message to the switch is cut, too short or too long");
+        at += stated;
+    }
     return static_cast<ssize_t>(length);
 }
 
