@@ -39,9 +39,12 @@ void switchOffloadsOff(const char* device) {
 
 } // namespace
 
-std::string Network::whyNot() {
+std::string Network::whyNot(const Wire& wire) {
     if (unshare(CLONE_NEWNET) != 0) {
         return std::string("no network namespaces: ") + strerror(errno);
+    }
+    if (wire.rough && access("/dev/net/tun", R_OK | W_OK) != 0) {
+        return std::string("no tun devices: ") + strerror(errno);
     }
     // NOLINTNEXTLINE(concurrency-mt-unsafe)
     return std::system("ip link set lo up 2>/dev/null && command -v tc nsenter >/dev/null") == 0
@@ -57,9 +60,13 @@ Network::Network(const Wire& wire, const std::string& base)
     const std::string mtu = std::to_string(wire.mtu);
     const std::string there = "nsenter -t " + std::to_string(far_->pid()) + " -n ";
     // Made here, so that both ends can be set up by name before one leaves.
-    shell("ip link add near type veth peer name far");
-    switchOffloadsOff("near");
-    switchOffloadsOff("far");
+    if (wire.rough) {
+        rough_ = std::make_unique<RoughWire>("near", "far", *wire.rough);
+    } else {
+        shell("ip link add near type veth peer name far");
+        switchOffloadsOff("near");
+        switchOffloadsOff("far");
+    }
     shell("ip link set far netns " + std::to_string(far_->pid()));
     shell("ip addr add 10.99.0.1/24 dev near && ip link set near mtu " + mtu + " up");
     shell(there + "ip addr add 10.99.0.2/24 dev far && " + there + "ip link set far mtu " + mtu +

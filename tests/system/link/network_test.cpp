@@ -23,10 +23,13 @@ const std::vector<size_t> SIZES = {0,    1,    24,   100,  200,  311,  312,  325
                                    368,  369,  500,  1000, 1200, 1247, 1252, 1253, 1260, 1280,
                                    1281, 1292, 1300, 1500, 2000, 2728, 3000, 3500, 3847, 3848};
 
+// A bad line of a few hundred kilometres.
+constexpr Roughness ROUGH{std::chrono::milliseconds(3), std::chrono::milliseconds(6), 30};
+
 class NetworkTest : public testing::TestWithParam<Wire> {
   protected:
     void SetUp() override {
-        if (const std::string why = Network::whyNot(); !why.empty()) {
+        if (const std::string why = Network::whyNot(GetParam()); !why.empty()) {
             GTEST_SKIP() << why;
         }
         network_ = std::make_unique<Network>(GetParam(), blade_.file("network"));
@@ -36,9 +39,15 @@ class NetworkTest : public testing::TestWithParam<Wire> {
         reader_ = std::make_unique<MsmReader>(emp_->msm, copies_);
         emp_->process.waitForOutput("Wait for Event Messages.");
         nameArchiver();
+        // An inquiry that comes before the status answer is never answered.
+        emp_->process.waitForOutput("empRcvGetEventArchiverStatusMsg(): Event Archiver");
     }
 
     void TearDown() override {
+        if (network_ && network_->rough() != nullptr) {
+            EXPECT_GT(network_->rough()->lost(), 0U);
+            EXPECT_GT(network_->rough()->overtaken(), 0U);
+        }
         if (emp_) {
             emp_->process.signal(SIGKILL);
             emp_->process.wait();
@@ -173,9 +182,10 @@ TEST_P(NetworkTest, EventsOfEverySizeArriveThroughOutagesOfLinkAndArchiver) {
 INSTANTIATE_TEST_SUITE_P(Wires, NetworkTest,
                          testing::Values(Wire{1500, "rate 100mbit burst 16k latency 50ms"},
                                          Wire{1500, "rate 1gbit burst 32k latency 50ms"},
-                                         Wire{576, ""}),
+                                         Wire{576, ""}, Wire{1500, "", ROUGH}),
                          [](const auto& wire) {
-                             return "Mtu" + std::to_string(wire.param.mtu) + "At" +
+                             return std::string(wire.param.rough ? "RoughMtu" : "Mtu") +
+                                    std::to_string(wire.param.mtu) + "At" +
                                     std::to_string(wire.index);
                          });
 
