@@ -25,8 +25,9 @@ CellKind kindOf(const EmpEvRecord_t& header) {
 
 /** Marks all cells that a stretch of the file touches. */
 void mark(LogMap& map, U64_t offset, U64_t bytes, MapCell mark) {
-    U64_t end = std::min<U64_t>(offset + bytes, EMP_LOG_FILE_SIZE);
-    for (U64_t cell = offset / MAP_CELL_BYTES; cell * MAP_CELL_BYTES < end; cell++) {
+    auto end = static_cast<U32_t>(std::min<U64_t>(offset + bytes, EMP_LOG_FILE_SIZE));
+    auto begin = static_cast<U32_t>(std::min<U64_t>(offset, EMP_LOG_FILE_SIZE));
+    for (U32_t cell = begin / MAP_CELL_BYTES; cell * MAP_CELL_BYTES < end; cell++) {
         MapCell& place = map.rows[cell / MAP_COLUMNS].cells[cell % MAP_COLUMNS];
         if (mark.kind >= place.kind) {
             place = mark;
