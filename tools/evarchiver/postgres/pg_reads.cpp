@@ -7,6 +7,8 @@
 namespace evarchive {
 namespace {
 
+// Ids that a walk along a run looks at: few at first, since most begin near the run's end.
+constexpr S64_t FIRST_RUN_PAGE = 64;
 constexpr S64_t RUN_PAGE = 4096;
 constexpr S64_t EVENT_PAGE = 1000;
 
@@ -126,15 +128,15 @@ std::optional<U32_t> PgReads::highestId(const GenerationKey& generation) {
 
 U32_t PgReads::endOfRun(const GenerationKey& generation, U32_t from) {
     S64_t last = S64_t{from} - 1;
-    for (S64_t first = from;; first += RUN_PAGE) {
+    for (S64_t size = FIRST_RUN_PAGE;; size = std::min(8 * size, RUN_PAGE)) {
+        const S64_t first = last + 1;
         PgParameters page = parametersOf(generation);
-        const PgRows rows =
-            connection_.run(pg::RUN_END, page.integer(first).integer(first + RUN_PAGE));
+        const PgRows rows = connection_.run(pg::RUN_END, page.integer(first).integer(first + size));
         if (rows.isNull(0, 0)) {
             break;
         }
         last = rows.integer(0, 0);
-        if (last < first + RUN_PAGE - 1) {
+        if (last < first + size - 1) {
             break;
         }
     }
