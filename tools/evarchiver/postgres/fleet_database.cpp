@@ -59,6 +59,14 @@ std::string boundOf(S64_t day) {
            " 00:00:00+00'";
 }
 
+std::string text(std::initializer_list<std::string_view> parts) {
+    std::string all;
+    for (const std::string_view part : parts) {
+        all += part;
+    }
+    return all;
+}
+
 constexpr PgStatement PARTITIONS{
     "partitions", "SELECT c.relname::text, coalesce(obj_description(c.oid, 'pg_class') = 'frozen', "
                   "false) FROM pg_inherits i JOIN pg_class c ON c.oid = i.inhrelid "
@@ -233,17 +241,17 @@ void Maintenance::make(S64_t day, S64_t end, std::vector<Partition>& made) {
         const std::string name = nameOf(days);
         const std::string from = boundOf(days.first);
         const std::string to = boundOf(days.end);
-        owner_.connection().execute("BEGIN; CREATE TABLE " + name +
-                                    " (LIKE events INCLUDING DEFAULTS INCLUDING STORAGE "
-                                    "INCLUDING INDEXES) WITH (toast_tuple_target = 8160)");
-        const PgRows moved = owner_.connection().run(
-            {("move" + name).c_str(),
-             ("WITH moved AS (DELETE FROM events_default WHERE time >= " + from + " AND time < " +
-              to + " RETURNING *) INSERT INTO " + name + " SELECT * FROM moved")
-                 .c_str()});
-        upkeep_.moved += moved.affected();
-        owner_.connection().execute("ALTER TABLE events ATTACH PARTITION " + name +
-                                    " FOR VALUES FROM (" + from + ") TO (" + to + "); COMMIT");
+        PgConnection& connection = owner_.connection();
+        connection.execute(text({"BEGIN; CREATE TABLE ", name,
+                                 " (LIKE events INCLUDING DEFAULTS INCLUDING STORAGE INCLUDING "
+                                 "INDEXES) WITH (toast_tuple_target = 8160)"}));
+        const std::string statement = "move_" + name;
+        const std::string move =
+            text({"WITH moved AS (DELETE FROM events_default WHERE time >= ", from, " AND time < ",
+                  to, " RETURNING *) INSERT INTO ", name, " SELECT * FROM moved"});
+        upkeep_.moved += connection.run({statement.c_str(), move.c_str()}).affected();
+        connection.execute(text({"ALTER TABLE events ATTACH PARTITION ", name, " FOR VALUES FROM (",
+                                 from, ") TO (", to, "); COMMIT"}));
         made.push_back({days, false});
         upkeep_.made.push_back(name);
     }
