@@ -1,0 +1,151 @@
+/**
+ * What tools read and show: any bytes as a log, a damaged copy, an alternate event file, compressed
+ * or not; every event of it as lines and as JSON; the bug-checks in it.
+ */
+#include "messages.h"
+
+#include "catalog/catalog.h"
+#include "evctl/crash_view.h"
+#include "evctl/event_view.h"
+#include "sources/source.h"
+
+#include <array>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+namespace {
+
+using fuzz::Bytes;
+using fuzz::Input;
+
+constexpr std::array names = {"kelta_eventlog", "kelta_eventlog.debug", "kelta_alteventlog1",
+                              "anything.gz"};
+constexpr std::size_t LONGEST = 70'000;
+
+/** What the bytes begin with; the first bytes of an input, up to the first 0. */
+enum Step { END, EVENT, DUMMY, CRASH_RECORD, STEPS };
+
+Bytes made(Input& input) {
+    Bytes bytes;
+    while (bytes.size() < LONGEST) {
+        fuzz::EventFields fields;
+        switch (input.byte() % STEPS) {
+        case END:
+            fuzz::append(bytes, input.rest());
+            return bytes;
+        case EVENT:
+            fields.sequenceId = input.half();
+            fields.source = input.byte();
+            fields.eventId = input.byte();
+            fields.length = input.half() % 4096;
+            fields.fill = static_cast<char>(input.byte());
+            fuzz::append(bytes, fuzz::record(fields));
+            break;
+        case DUMMY:
+            fuzz::append(bytes, fuzz::dummyEntry(input.half()));
+            break;
+        default:
+            fields.source = 27;
+            fields.eventId = static_cast<std::uint16_t>(evctl::CRASH_FIRST_ID + input.byte() % 26);
+            fields.length = static_cast<std::uint16_t>(
+                input.byte() + evctl::crashDataLength(evctl::CRASH_FIRST_ID + input.byte() % 24));
+            fields.fill = static_cast<char>(input.byte());
+            fuzz::append(bytes, fuzz::record(fields));
+            break;
+        }
+    }
+    return bytes;
+}
+
+/** Shows an event in every form. What is said must be one line, and JSON that can be read back. */
+void show(const sources::Event& event) {
+    std::string line = evctl::eventLine(event.view);
+    fuzz::expect(line.find('\n') == std::string::npos, "an event is more than one line");
+    std::string json = evctl::jsonLine(evctl::eventJson(event.view));
+    fuzz::expect(evctl::Json::accept(json), "an event's JSON cannot be read back");
+    if (event.record != nullptr) {
+        evctl::recordLines(*event.record->header, event.record->body);
+        evctl::jsonLine(evctl::recordJson(*event.record));
+    }
+    evctl::hexDump(event.view.data);
+    if (auto text = catalog::plainText(event.view.data)) {
+        fuzz::expect(text->find('\n') == std::string::npos, "a text is more than one line");
+    }
+}
+
+void showCrashes(const Bytes& bytes) {
+    std::vector<EvlogRecord_t> records;
+    EvlogImage_t image = evlogImageOf(bytes);
+    evlogWalk(image, {.onRecord = [&](const EvlogRecord_t& each) { records.push_back(each); },
+                      .onFinding = {}});
+    for (const evctl::Crash& crash : evctl::findCrashes(records)) {
+        evctl::Json json = evctl::crashJson(crash, true);
+        evctl::crashLines(json);
+        fuzz::expect(evctl::Json::accept(evctl::jsonLine(json)),
+                     "a bug-check's JSON cannot be read back");
+    }
+}
+
+std::size_t count(sources::Source& source) {
+    std::size_t events = 0;
+    while (auto event = source.next()) {
+        show(*event);
+        events++;
+    }
+    return events;
+}
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    Input input(data, size);
+    const char* name = names.at(input.byte() % names.size());
+    bool fileOrder = input.byte() % 2 != 0;
+    Bytes bytes = made(input);
+    // What holds a database is opened by its path, which none of this has.
+    if (bytes.size() >= 6 && std::equal(bytes.begin(), bytes.begin() + 6, "SQLite")) {
+        return 0;
+    }
+    try {
+        sources::Sources all = sources::openBytes(name, bytes, {.fileOrder = fileOrder});
+        for (auto& source : all) {
+            std::size_t events = count(*source);
+            source->rewind();
+            fuzz::expect(count(*source) == events, "a source gives other events when read again");
+            source->rewind();
+        }
+        sources::Merge merge(std::move(all));
+        while (merge.next()) {
+        }
+    } catch (const std::runtime_error&) {
+        // it is no source
+    }
+    showCrashes(bytes);
+    return 0;
+}
+
+namespace fuzz {
+
+std::vector<Bytes> seeds() {
+    auto event = [](Seed& seed, unsigned id, unsigned source) -> Seed& {
+        return seed.byte(EVENT).half(id).byte(source).byte(44).half(20).byte('t');
+    };
+    auto crash = [](Seed& seed, unsigned id) -> Seed& {
+        return seed.byte(CRASH_RECORD).byte(id).byte(0).byte(id).byte(1);
+    };
+    Seed log = Seed().byte(0).byte(0);
+    event(event(log, 0, 18), 1, 26).byte(DUMMY).half(65'535).byte(END).byte(0);
+    Seed wrapped = Seed().byte(1).byte(0);
+    event(event(wrapped, 1000, 18), 7, 34).byte(END).text("rest");
+    Seed alternate = Seed().byte(2).byte(0);
+    event(alternate, 0, 18);
+    Seed crashes = Seed().byte(0).byte(1);
+    for (unsigned id = 0; id < 24; id++) {
+        crash(crashes, id);
+    }
+    Seed zipped = Seed().byte(3).byte(0).byte(END);
+    zipped.text(std::string("\x1F\x8B\x08\x00\x00\x00\x00\x00\x00\x03\x03\x00\x00\x00", 14));
+    return {log.bytes, wrapped.bytes, alternate.bytes, crashes.bytes, zipped.bytes};
+}
+
+} // namespace fuzz
