@@ -1,8 +1,7 @@
 /** evctl archive events, get, stats and export: the events that an archive holds. */
 #include "archive.h"
 #include "evctl/archive_commands.h"
-#include "evctl/event_filter.h"
-#include "evctl/event_output.h"
+#include "evctl/listing.h"
 #include "sqlite_store.h"
 
 #include <cstring>
@@ -26,43 +25,33 @@ constexpr char ARCHIVE_EVENTS_EXAMPLES[] =
 /** Which logs of an archive. */
 struct LogFilter {
     std::string path;
-    std::optional<std::string> enclosure;
-    std::optional<std::string> blade;
-    std::optional<U32_t> slot;
-    std::optional<U32_t> instance;
+    sources::LogChoice choice;
     bool allGenerations = false;
 
     bool matches(const evarchive::SeriesKey& key) const {
-        return enclosure.value_or(key.blade.enclosure) == key.blade.enclosure &&
-               blade.value_or(key.blade.blade) == key.blade.blade &&
-               slot.value_or(key.blade.slot) == key.blade.slot &&
-               instance.value_or(key.instance) == key.instance;
+        return choice.enclosure.value_or(key.blade.enclosure) == key.blade.enclosure &&
+               choice.blade.value_or(key.blade.blade) == key.blade.blade &&
+               choice.slot.value_or(key.blade.slot) == key.blade.slot &&
+               choice.instance.value_or(key.instance) == key.instance;
     }
 };
 
 struct EventsOptions {
     LogFilter logs;
-    EventFilter filter;
-    OutputOptions output;
+    ListingOptions listing;
     std::string target;
     U32_t sequenceId = 0;
 };
 
 void addLogOptions(CLI::App& command, LogFilter& logs) {
     command.add_option("--db", logs.path, "The archive")->type_name("FILE")->required();
-    command.add_option("--enclosure", logs.enclosure, "Only logs of this enclosure")
-        ->type_name("TEXT");
-    command.add_option("--blade", logs.blade, "Only logs of this blade")->type_name("TEXT");
-    command.add_option("--slot", logs.slot, "Only logs of this slot")->type_name("N");
-    command.add_option("--instance", logs.instance, "Only logs of this instance")->type_name("N");
+    addLogChoice(command, logs.choice);
     command.add_flag("--all-generations", logs.allGenerations,
                      "Also what logs held before they counted again from the start");
 }
 
 EventView viewOf(const evarchive::StoredEvent& event) {
-    const std::span<const U8_t> image(event.image);
-    return {reinterpret_cast<const EmpEvLogHeader_t*>(image.data()),
-            image.subspan(sizeof(EmpEvLogHeader_t))};
+    return sources::eventOf(event.image);
 }
 
 /** Calls @p take with each event of the logs, by log, generation and id; damaged ones are left
@@ -86,19 +75,18 @@ void forEachEvent(const LogFilter& logs, const Take& take) {
 }
 
 int runEvents(const EventsOptions& options) {
-    forEachEvent(options.logs, [&](const auto&, const evarchive::StoredEvent& event) {
-        if (options.filter.matches(viewOf(event))) {
-            printEvent(viewOf(event), options.output);
-        }
-    });
-    return tools::EXIT_DONE;
+    return listSources(
+        sources::archiveSources(options.logs.path, {.logs = options.logs.choice,
+                                                    .allGenerations = options.logs.allGenerations}),
+        options.listing);
 }
 
 int runGet(const EventsOptions& options) {
+    EventPrinter printer(options.listing.output);
     bool isFound = false;
     forEachEvent(options.logs, [&](const auto&, const evarchive::StoredEvent& event) {
         if (event.sequenceId == options.sequenceId) {
-            printEvent(viewOf(event), options.output);
+            printer.printNow(viewOf(event));
             isFound = true;
         }
     });
@@ -145,7 +133,7 @@ int runExport(const EventsOptions& options) {
     NewFile file(options.target);
     U64_t count = 0;
     forEachEvent(options.logs, [&](const auto& generation, const evarchive::StoredEvent& event) {
-        if (options.filter.matches(viewOf(event))) {
+        if (options.listing.filter.matches(viewOf(event))) {
             Json json = eventJson(viewOf(event));
             json["generation"] = generation.number.generation;
             json["received"] = event.received;
@@ -170,7 +158,7 @@ struct Stats {
 int runStats(const EventsOptions& options) {
     Stats stats;
     forEachEvent(options.logs, [&](const auto& generation, const evarchive::StoredEvent& event) {
-        if (!options.filter.matches(viewOf(event))) {
+        if (!options.listing.filter.matches(viewOf(event))) {
             return;
         }
         ++stats.events;
@@ -191,7 +179,7 @@ int runStats(const EventsOptions& options) {
     const Json json = {{"logs", stats.logs.size()}, {"events", stats.events},
                        {"bytes", stats.bytes},      {"doubtful", stats.doubtful},
                        {"setAside", aside},         {"types", types}};
-    if (options.output.json) {
+    if (options.listing.output.form == Form::JSON) {
         std::cout << jsonLine(json);
         return tools::EXIT_DONE;
     }
@@ -216,24 +204,26 @@ std::pair<CLI::App*, std::shared_ptr<EventsOptions>> addOne(CLI::App& group, Cho
 
 void addArchiveEventCommands(CLI::App& group, Chosen& chosen) {
     const auto [events, eventsOptions] =
-        addOne(group, chosen, "events", "Show the events of its logs.", runEvents);
-    addFilterOptions(*events, eventsOptions->filter);
-    addOutputOptions(*events, eventsOptions->output);
+        addOne(group, chosen, "events", "Show the events of its logs, merged by time.", runEvents);
+    addListingOptions(*events, eventsOptions->listing);
 
     const auto [get, getOptions] = addOne(
         group, chosen, "get", "Show the event with one id; status 1 when no log holds it.", runGet);
     get->add_option("ID", getOptions->sequenceId, "Sequence id")->required();
-    addOutputOptions(*get, getOptions->output);
+    addZoneOption(*get, getOptions->listing.output.zone);
+    addOutputOptions(*get, getOptions->listing.output);
 
     const auto [stats, statsOptions] =
         addOne(group, chosen, "stats", "Count its logs, events and bytes.", runStats);
-    addFilterOptions(*stats, statsOptions->filter);
-    stats->add_flag("--json", statsOptions->output.json, "As JSON");
+    addFilterOptions(*stats, statsOptions->listing.filter);
+    stats->add_flag_callback(
+        "--json", [options = statsOptions] { options->listing.output.form = Form::JSON; },
+        "As JSON");
 
     const auto [write, writeOptions] =
         addOne(group, chosen, "export", "Write its events to a new file, a JSON object a line.",
                runExport);
-    addFilterOptions(*write, writeOptions->filter);
+    addFilterOptions(*write, writeOptions->listing.filter);
     write->add_option("--to", writeOptions->target, "The file, which must not be there yet")
         ->type_name("FILE")
         ->required();

@@ -55,8 +55,10 @@ void parseRange(const std::string& text, EventFilter& filter) {
     }
 }
 
-std::optional<U32_t> parseTimeOption(const std::string& flag, const std::string& text) {
-    std::optional<U32_t> time = parseTime(text, static_cast<U32_t>(::time(nullptr)));
+std::optional<U32_t> parseTimeOption(const std::string& flag, const std::string& text,
+                                     const Zone* zone) {
+    std::optional<U32_t> time =
+        parseTime(text, static_cast<U32_t>(::time(nullptr)), zone != nullptr ? *zone : Zone::UTC);
     if (!time) {
         throw CLI::ValidationError(flag, "'" + text +
                                              "' is no time: 2006-11-21, 2006-11-21T14:00:00, "
@@ -80,20 +82,15 @@ std::shared_ptr<const regex_t> parsePattern(const std::string& text) {
             }};
 }
 
-void addTimeOptions(CLI::App& command, EventFilter& filter) {
+void addTimeOption(CLI::App& command, const std::string& flags, const std::string& what,
+                   std::optional<U32_t>& time, const Zone* zone) {
     command
         .add_option_function<std::string>(
-            "--since",
-            [&filter](const std::string& text) { filter.since = parseTimeOption("--since", text); },
-            "Only events of this time or later: 2006-11-21, 2006-11-21T14:00:00 (UTC), @SECONDS, "
-            "-2h (also s, m, d, w), today, yesterday")
-        ->type_name("TIME")
-        ->group("Filters");
-    command
-        .add_option_function<std::string>(
-            "--until",
-            [&filter](const std::string& text) { filter.until = parseTimeOption("--until", text); },
-            "Only events of this time or earlier")
+            flags,
+            [&time, flags, zone](const std::string& text) {
+                time = parseTimeOption(flags, text, zone);
+            },
+            what)
         ->type_name("TIME")
         ->group("Filters");
 }
@@ -106,7 +103,8 @@ bool EventFilter::matches(const EmpEvLogHeader_t& header) const {
            holds(categories, header.evCategory) && holds(ids, header.evId) &&
            sequenceId >= firstSequenceId.value_or(0) &&
            sequenceId <= lastSequenceId.value_or(UINT32_MAX) &&
-           header.evTime >= since.value_or(0) && header.evTime <= until.value_or(UINT32_MAX);
+           header.evTime >= since.value_or(0) && header.evTime <= until.value_or(UINT32_MAX) &&
+           logs.matches(header);
 }
 
 bool EventFilter::matches(const EventView& event) const {
@@ -114,7 +112,25 @@ bool EventFilter::matches(const EventView& event) const {
            (!pattern || regexec(pattern.get(), textColumn(event).c_str(), 0, nullptr, 0) == 0);
 }
 
-void addFilterOptions(CLI::App& command, EventFilter& filter) {
+void addZoneOption(CLI::App& command, Zone& zone) {
+    command.add_flag_callback(
+        "--local", [&zone] { zone = Zone::LOCAL; },
+        "Times of the local zone (TZ) instead of UTC, where they are not JSON, CSV or syslog");
+}
+
+void addLogChoice(CLI::App& command, sources::LogChoice& logs) {
+    auto add = [&command](const char* flag, auto& value, const char* type, const char* what) {
+        command.add_option(flag, value, std::string("Only of this ") + what)
+            ->type_name(type)
+            ->group("Filters");
+    };
+    add("--enclosure", logs.enclosure, "TEXT", "enclosure");
+    add("--blade", logs.blade, "TEXT", "blade");
+    add("--slot", logs.slot, "NUMBER", "slot");
+    add("--instance", logs.instance, "NUMBER", "instance of a log");
+}
+
+void addFilterOptions(CLI::App& command, EventFilter& filter, const Zone* zone) {
     addListOption(command, "--type", filter.types, tools::eventTypeNames, UINT8_MAX, "type");
     addListOption(command, "--source", filter.sources, tools::endpointNames, UINT8_MAX, "source");
     addListOption(command, "--category", filter.categories, tools::categoryNames, UINT8_MAX,
@@ -126,7 +142,11 @@ void addFilterOptions(CLI::App& command, EventFilter& filter) {
             "Only sequence ids FIRST to LAST; one of them may be left out, \"7\" is \"7:7\"")
         ->type_name("FIRST:LAST")
         ->group("Filters");
-    addTimeOptions(command, filter);
+    addTimeOption(command, "-S,--since",
+                  "Only events of this time or later: 2006-11-21, 2006-11-21T14:00:00 (UTC, unless "
+                  "--local is given), @SECONDS, -2h (also s, m, d, w), today, yesterday",
+                  filter.since, zone);
+    addTimeOption(command, "-U,--until", "Only events of this time or earlier", filter.until, zone);
     command
         .add_option_function<std::string>(
             "-g,--grep",

@@ -8,6 +8,7 @@
 #include "common/cli.h"
 #include "evctl/event_view.h"
 #include "fixed_width.h"
+#include "sources/source.h"
 
 #include <memory>
 #include <optional>
@@ -27,6 +28,7 @@ struct EventFilter {
     std::optional<U32_t> since;             ///< seconds since 1970
     std::optional<U32_t> until;             ///< that second included
     std::shared_ptr<const regex_t> pattern; ///< what the text column must hold
+    sources::LogChoice logs;                ///< of which blades
 
     /** All but the pattern. */
     bool matches(const EmpEvLogHeader_t& header) const;
@@ -34,8 +36,16 @@ struct EventFilter {
     bool matches(const EventView& event) const;
 };
 
-/** Adds --type, --source, --category, --id, --seq, --since, --until and --grep. */
-void addFilterOptions(CLI::App& command, EventFilter& filter);
+/** Adds --local: whose time is printed, and meant by --since and --until. To be called first. */
+void addZoneOption(CLI::App& command, Zone& zone);
+
+/** Adds --type, --source, --category, --id, --seq, --since, --until and --grep.
+ * @param zone whose times are meant, once the command line is parsed; outlives that. Or nullptr:
+ * UTC */
+void addFilterOptions(CLI::App& command, EventFilter& filter, const Zone* zone = nullptr);
+
+/** Adds --enclosure, --blade, --slot and --instance: events, or logs, of these only. */
+void addLogChoice(CLI::App& command, sources::LogChoice& logs);
 
 } // namespace evctl
 

@@ -1,36 +1,176 @@
 #include "evctl/event_output.h"
 
+#include "common/text.h"
+#include "evctl/event_forms.h"
 #include "evctl/event_text.h"
 
+#include <cstdlib>
 #include <iostream>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <unistd.h>
 
 namespace evctl {
+namespace {
+
+const std::map<std::string, Form> FORMS = {{"short", Form::SHORT},   {"full", Form::FULL},
+                                           {"json", Form::JSON},     {"csv", Form::CSV},
+                                           {"syslog", Form::SYSLOG}, {"hex", Form::HEX}};
+
+const std::map<std::string, Colour> COLOURS = {
+    {"auto", Colour::AUTO}, {"always", Colour::ALWAYS}, {"never", Colour::NEVER}};
+
+template <typename Value>
+void addWordOption(CLI::App& command, const std::string& flags, Value& value,
+                   const std::map<std::string, Value>& words, const std::string& type,
+                   const std::string& what) {
+    command
+        .add_option_function<std::string>(
+            flags,
+            [&value, &words, flags, type](const std::string& word) {
+                auto found = words.find(word);
+                if (found == words.end()) {
+                    throw CLI::ValidationError(flags, "'" + word + "' is not one of " + type);
+                }
+                value = found->second;
+            },
+            what)
+        ->type_name(type);
+}
+
+bool isSet(const char* variable) {
+    const char* value = getenv(variable);
+    return value != nullptr && *value != '\0';
+}
+
+bool wantsColour(Colour colour, bool paged) {
+    if (colour != Colour::AUTO) {
+        return colour == Colour::ALWAYS;
+    }
+    const char* terminal = getenv("TERM");
+    bool isDumb = terminal == nullptr || std::string_view(terminal) == "dumb";
+    return !isSet("NO_COLOR") && !isDumb && (paged || isatty(STDOUT_FILENO) != 0);
+}
+
+/** Nothing in the colour of the terminal. */
+const char* colourOf(const EventView& event) {
+    switch (event.header->evType) {
+    case EMP_E_TYPE_ERROR:
+        return "\x1B[31m";
+    case EMP_E_TYPE_WARNING:
+        return "\x1B[33m";
+    default:
+        return "";
+    }
+}
+
+/** The whole event, header and data, as it is stored and sent. */
+std::string dumpOf(const EventView& event) {
+    const auto* header = reinterpret_cast<const U8_t*>(event.header);
+    std::vector<U8_t> image(header, header + sizeof(EmpEvLogHeader_t));
+    image.insert(image.end(), event.data.begin(), event.data.end());
+    return hexDump(image);
+}
+
+} // namespace
 
 void addOutputOptions(CLI::App& command, OutputOptions& options) {
-    command.add_flag("--json", options.json, "One JSON object a line");
+    addWordOption(command, "-o,--output", options.form, FORMS, "short|full|json|csv|syslog|hex",
+                  "How events are printed (default short)");
+    command.add_flag_callback(
+        "--json", [&options] { options.form = Form::JSON; }, "As -o json: one object a line");
     command.add_flag("--data", options.data, "A hex dump of its data below each event");
     command.add_flag("-x,--advice", options.advice, "What may be done about it below each event");
+    addWordOption(command, "--color", options.colour, COLOURS, "auto|always|never",
+                  "Lines in the colour of the event's type (default auto: on a terminal, unless "
+                  "NO_COLOR is set)");
 }
 
-std::string eventOutput(const EventView& event, const OutputOptions& options, Json json) {
-    std::string advice = options.advice ? adviceOf(event) : "";
-    if (options.json) {
-        if (!advice.empty()) {
-            json["advice"] = advice;
-        }
-        return jsonLine(json);
+EventPrinter::EventPrinter(const OutputOptions& options, const OutputPlace& place)
+    : options_(options), place_(place), columns_(place.paged ? std::nullopt : outputColumns()),
+      colour_(wantsColour(options.colour, place.paged)) {
+    if (options.form == Form::CSV) {
+        std::cout << csvHeader();
     }
-    std::string lines = eventLine(event) + "\n";
-    if (!advice.empty()) {
+}
+
+const std::string& EventPrinter::nameOf(const sources::Event& event) const {
+    static const std::string none;
+    return event.origin != nullptr ? event.origin->name : none;
+}
+
+std::string EventPrinter::lineOf(const sources::Event& event) const {
+    std::string line = eventLine(event.view, {.zone = options_.zone, .blade = place_.several});
+    if (columns_) {
+        line = tools::cutToColumns(line, *columns_);
+    }
+    const char* colour = colour_ ? colourOf(event.view) : "";
+    return *colour == '\0' ? line + "\n" : colour + line + "\x1B[0m\n";
+}
+
+std::string EventPrinter::jsonOf(const sources::Event& event) const {
+    Json json = Json::object();
+    if (place_.several) {
+        json["from"] = nameOf(event);
+    }
+    json.update(event.record != nullptr ? recordJson(*event.record) : eventJson(event.view));
+    if (std::string advice = options_.advice ? adviceOf(event.view) : ""; !advice.empty()) {
+        json["advice"] = advice;
+    }
+    return jsonLine(json);
+}
+
+std::string EventPrinter::fullOf(const sources::Event& event) const {
+    std::string lines = any_ ? "\n" : "";
+    if (place_.several) {
+        lines += "from         " + nameOf(event) + "\n";
+    }
+    if (event.record != nullptr) {
+        lines += "offset       " + std::to_string(event.record->offset) + "\n" + "part         " +
+                 roleName(event.record->role) + "\n";
+    }
+    return lines + eventLines(event.view, options_.zone);
+}
+
+std::string EventPrinter::textOf(const sources::Event& event) const {
+    switch (options_.form) {
+    case Form::FULL:
+        return fullOf(event);
+    case Form::JSON:
+        return jsonOf(event);
+    case Form::CSV:
+        return csvLine(event.view, nameOf(event));
+    case Form::SYSLOG:
+        return syslogLine(event.view);
+    case Form::HEX:
+        return lineOf(event) + dumpOf(event.view);
+    default:
+        break;
+    }
+    std::string lines = lineOf(event);
+    if (std::string advice = options_.advice ? adviceOf(event.view) : ""; !advice.empty()) {
         lines += "            -- " + advice + "\n";
     }
-    return options.data ? lines + hexDump(event.data) : lines;
+    return options_.data ? lines + hexDump(event.view.data) : lines;
 }
 
-void printEvent(const EventView& event, const OutputOptions& options) {
-    std::cout << eventOutput(event, options, options.json ? eventJson(event) : Json())
-              << std::flush;
+void EventPrinter::print(const sources::Event& event) {
+    std::string text = textOf(event);
+    std::cout.write(text.data(), static_cast<std::streamsize>(text.size()));
+    any_ = true;
+}
+
+void EventPrinter::printNow(const EventView& event) {
+    sources::Event now;
+    now.view = event;
+    print(now);
+    std::cout.flush();
+}
+
+void EventPrinter::printNote(const Json& object, const std::string& line) {
+    bool onlyEvents = options_.form == Form::CSV || options_.form == Form::SYSLOG;
+    (onlyEvents ? std::cerr : std::cout)
+        << (options_.form == Form::JSON ? jsonLine(object) : line) << std::flush;
 }
 
 } // namespace evctl

@@ -1,6 +1,6 @@
 /**
  * @file
- * How the subcommands print the events that they come by one at a time.
+ * How the readers print events: the options that say so, and the one who prints.
  */
 #ifndef EVCTL_EVENT_OUTPUT_H
 #define EVCTL_EVENT_OUTPUT_H
@@ -8,23 +8,66 @@
 #include "common/cli.h"
 #include "evctl/event_view.h"
 
+#include <optional>
+
 namespace evctl {
 
-struct OutputOptions {
-    bool json = false;
-    bool data = false;
-    bool advice = false;
+enum class Form {
+    SHORT,  ///< a line
+    FULL,   ///< a line a field
+    JSON,   ///< an object a line
+    CSV,    ///< comma-separated values
+    SYSLOG, ///< a syslog message a line
+    HEX,    ///< a line, and a dump of header and data
 };
 
-/** Adds --json, --data and -x. */
+enum class Colour { AUTO, ALWAYS, NEVER };
+
+struct OutputOptions {
+    Form form = Form::SHORT;
+    bool data = false;
+    bool advice = false;
+    Zone zone = Zone::UTC;
+    Colour colour = Colour::AUTO;
+};
+
+/** Adds -o, --json, --data, -x, --local and --color. */
 void addOutputOptions(CLI::App& command, OutputOptions& options);
 
-/** The event as these options show it, line feeds included. @param json the event as JSON, with
- * what else is known of it */
-std::string eventOutput(const EventView& event, const OutputOptions& options, Json json);
+/** Where it is printed. */
+struct OutputPlace {
+    bool several = false; ///< events of several logs: shows which one each is of
+    bool paged = false;   ///< a pager takes it, which shows colours, and long lines as it likes
+};
 
-/** Prints an event, at once. */
-void printEvent(const EventView& event, const OutputOptions& options);
+/** Prints events on standard output. */
+class EventPrinter {
+  public:
+    /** The options must outlive it. */
+    explicit EventPrinter(const OutputOptions& options, const OutputPlace& place = {});
+
+    void print(const sources::Event& event);
+
+    /** An event that just came, at once. */
+    void printNow(const EventView& event);
+
+    /** Something that is no event, in the same form: an object, or a line, on standard error where
+     * lines can be nothing but events. */
+    void printNote(const Json& object, const std::string& line);
+
+  private:
+    std::string textOf(const sources::Event& event) const;
+    std::string lineOf(const sources::Event& event) const;
+    std::string jsonOf(const sources::Event& event) const;
+    std::string fullOf(const sources::Event& event) const;
+    const std::string& nameOf(const sources::Event& event) const;
+
+    const OutputOptions& options_;
+    OutputPlace place_;
+    std::optional<size_t> columns_; // of the terminal
+    bool colour_;
+    bool any_ = false; // has printed something
+};
 
 } // namespace evctl
 

@@ -4,14 +4,23 @@
 #include "common/text.h"
 #include "evctl/event_text.h"
 
+#include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
 namespace evctl {
 namespace {
+
+constexpr size_t SEQUENCE_ID_WIDTH = 10;
+constexpr size_t LINE_RESERVE = 256; // most lines are shorter
+
+/** A text, filled up to @p width, and the two blanks behind it. */
+void addColumn(std::string& line, const std::string& text, size_t width) {
+    line += text;
+    line.append(width - std::min(text.size(), width) + 2, ' ');
+}
 
 bool isPrintable(U8_t byte) {
     return byte >= 0x20 && byte < 0x7F;
@@ -48,19 +57,6 @@ Json nameOrNull(const tools::NameTable& names, U32_t value) {
     return names.find(value) != nullptr ? Json(names.brief(value)) : Json(nullptr);
 }
 
-std::string isoTime(U32_t seconds) {
-    // Not gmtime: the board's time_t has 32 bits and a sign.
-    using namespace std::chrono;
-    constexpr U32_t secondsADay = 86'400;
-    year_month_day date{sys_days{days{seconds / secondsADay}}};
-    U32_t rest = seconds % secondsADay;
-    std::array<char, 40> text{};
-    snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02u:%02u:%02uZ",
-             static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
-             static_cast<unsigned>(date.day()), rest / 3600, rest / 60 % 60, rest % 60);
-    return text.data();
-}
-
 std::string escapedText(std::span<const U8_t> field) {
     return tools::escapedText({reinterpret_cast<const char*>(field.data()), field.size()});
 }
@@ -69,29 +65,38 @@ std::string eventIdText(U32_t source, U32_t id) {
     return named(tools::eventNamesOf(source), id);
 }
 
-std::string eventLine(const EventView& event) {
-    const EmpEvLogHeader_t& header = *event.header;
-    std::array<char, 256> text{};
-    snprintf(text.data(), text.size(), "%10u  %s  %-11s  %-15s  %-13s  %-20s  ",
-             U32_t{header.evSequenceId}, isoTime(header.evTime).c_str(),
-             tools::eventTypeNames.brief(header.evType).c_str(),
-             tools::endpointNames.brief(header.evSource).c_str(),
-             tools::categoryNames.brief(header.evCategory).c_str(),
-             eventIdText(header.evSource, header.evId).c_str());
-    std::string line = text.data() + textColumn(event);
-    line.erase(line.find_last_not_of(' ') + 1);
-    std::optional<size_t> columns = outputColumns();
-    return columns ? tools::cutToColumns(line, *columns) : line;
+std::string bladeName(const EmpEvLogHeader_t& header) {
+    std::string name = escapedText(header.evBladeId);
+    return !name.empty()
+               ? name
+               : escapedText(header.evEnclosureId) + "/" + std::to_string(U32_t{header.evSlotId});
 }
 
-std::string recordLines(const EmpEvRecord_t& header, std::span<const U8_t> data) {
+std::string eventLine(const EventView& event, const LineStyle& style) {
+    const EmpEvLogHeader_t& header = *event.header;
+    std::string id = std::to_string(U32_t{header.evSequenceId});
+    std::string line(SEQUENCE_ID_WIDTH - std::min(id.size(), SEQUENCE_ID_WIDTH), ' ');
+    line.reserve(LINE_RESERVE);
+    line.append(id).append(2, ' ');
+    line.append(zonedTime(header.evTime, style.zone)).append(2, ' ');
+    if (style.blade) {
+        addColumn(line, bladeName(header), 12);
+    }
+    addColumn(line, tools::eventTypeNames.brief(header.evType), 11);
+    addColumn(line, tools::endpointNames.brief(header.evSource), 15);
+    addColumn(line, tools::categoryNames.brief(header.evCategory), 13);
+    addColumn(line, eventIdText(header.evSource, header.evId), 20);
+    line += textColumn(event);
+    line.erase(line.find_last_not_of(' ') + 1);
+    return line;
+}
+
+std::string eventLines(const EventView& event, Zone zone) {
+    const EmpEvLogHeader_t& header = *event.header;
     std::ostringstream lines;
-    lines << "version      " << U32_t{header.evRdVersion} << "\n"
-          << "checksum     0x" << std::hex << std::uppercase << U32_t{header.evRdCRCChecksum}
-          << std::dec << "\n"
-          << "sequence id  " << U32_t{header.evSequenceId} << "\n"
+    lines << "sequence id  " << U32_t{header.evSequenceId} << "\n"
           << "instance     " << U32_t{header.evInstanceNumber} << "\n"
-          << "time         " << isoTime(header.evTime) << "\n"
+          << "time         " << zonedTime(header.evTime, zone) << "\n"
           << "type         " << named(tools::eventTypeNames, header.evType) << "\n"
           << "source       " << named(tools::endpointNames, header.evSource) << "\n"
           << "category     " << named(tools::categoryNames, header.evCategory) << "\n"
@@ -101,8 +106,6 @@ std::string recordLines(const EmpEvRecord_t& header, std::span<const U8_t> data)
           << "blade        " << escapedText(header.evBladeId) << "\n"
           << "slot         " << U32_t{header.evSlotId} << "\n"
           << "length       " << U32_t{header.evStructLength} << "\n";
-    const auto* bytes = reinterpret_cast<const U8_t*>(&header);
-    EventView event{reinterpret_cast<const EmpEvLogHeader_t*>(bytes + EMP_CRC_START), data};
     if (std::optional<std::string> said = eventText(event)) {
         lines << "text         " << *said << "\n";
     }
@@ -110,8 +113,18 @@ std::string recordLines(const EmpEvRecord_t& header, std::span<const U8_t> data)
     if (std::string advice = adviceOf(event); !advice.empty()) {
         lines << "advice       " << advice << "\n";
     }
-    lines << hexDump(data);
+    lines << hexDump(event.data);
     return lines.str();
+}
+
+std::string recordLines(const EmpEvRecord_t& header, std::span<const U8_t> data) {
+    std::ostringstream lines;
+    lines << "version      " << U32_t{header.evRdVersion} << "\n"
+          << "checksum     0x" << std::hex << std::uppercase << U32_t{header.evRdCRCChecksum}
+          << "\n";
+    const auto* bytes = reinterpret_cast<const U8_t*>(&header);
+    return lines.str() +
+           eventLines({reinterpret_cast<const EmpEvLogHeader_t*>(bytes + EMP_CRC_START), data});
 }
 
 Json eventJson(const EventView& event) {

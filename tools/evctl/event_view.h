@@ -10,6 +10,7 @@
 
 #include "common/names.h"
 #include "emp_mesgs.h"
+#include "evctl/time_text.h"
 #include "evlog/evlog.h"
 #include "sources/event.h"
 
@@ -24,9 +25,6 @@ using Json = nlohmann::ordered_json;
 using sources::eventOf;
 using sources::EventView;
 
-/** Seconds since 1970 as "2006-11-21T14:00:00Z"; the whole range of 32 bits. */
-std::string isoTime(U32_t seconds);
-
 /** A fixed-size text with everything but printable ASCII, and the backslash, as \\xNN. */
 std::string escapedText(std::span<const U8_t> field);
 
@@ -36,10 +34,22 @@ Json nameOrNull(const tools::NameTable& names, U32_t value);
 /** "signal(4)", or "300" for an id without a name. */
 std::string eventIdText(U32_t source, U32_t id);
 
-/** The event as one line, without data and line feed. */
-std::string eventLine(const EventView& event);
+/** The parts of a line that are not the same in all listings. */
+struct LineStyle {
+    Zone zone = Zone::UTC;
+    bool blade = false; ///< with a column of the blade's name
+};
 
-/** A record, a line a field, with a hex dump of its data. */
+/** The event as one line, without line feed. */
+std::string eventLine(const EventView& event, const LineStyle& style = {});
+
+/** What a blade is called: its own id, or, where an event has none, enclosure and slot. */
+std::string bladeName(const EmpEvLogHeader_t& header);
+
+/** The event, a line a field, with a hex dump of its data. */
+std::string eventLines(const EventView& event, Zone zone = Zone::UTC);
+
+/** eventLines() of a record, its version and checksum on top. */
 std::string recordLines(const EmpEvRecord_t& header, std::span<const U8_t> data);
 
 /** The event as an object: numbers, names, and the data as hexadecimal digits. */

@@ -41,7 +41,8 @@ Deadline deadlineOf(const FollowOptions& options) {
 class Follow {
   public:
     explicit Follow(const FollowOptions& options)
-        : options_(options), session_(switchDirectory(options.where), options.endpoint) {
+        : options_(options), printer_(options.output),
+          session_(switchDirectory(options.where), options.endpoint) {
         session_.watchReader(STDOUT_FILENO);
     }
 
@@ -57,6 +58,7 @@ class Follow {
     bool isOwnLog(const LogIdentity& log);
 
     const FollowOptions& options_;
+    EventPrinter printer_;
     Session session_;
     GapWatch gaps_;
     RequestOptions request_;
@@ -68,7 +70,7 @@ class Follow {
 
 void Follow::show(const EventView& event) {
     if (!isDone() && options_.filter.matches(event)) {
-        printEvent(event, options_.output);
+        printer_.printNow(event);
         printed_++;
     }
     if (!std::cout) {
@@ -78,7 +80,7 @@ void Follow::show(const EventView& event) {
 
 void Follow::sayGap(const Gap& gap) {
     status_ = tools::EXIT_FINDING;
-    std::cout << (options_.output.json ? jsonLine(gapJson(gap)) : gapLine(gap)) << std::flush;
+    printer_.printNote(gapJson(gap), gapLine(gap));
 }
 
 /** Only the blade's own log is asked for: of others the event manager relays 64 inquiries in its
@@ -169,7 +171,9 @@ void addFollowCommand(CLI::App& parent, Chosen& chosen) {
     addSwitchOptions(command, options->where);
     addNamedOption(command, "--endpoint", options->endpoint, tools::endpointNames,
                    MMSG_E_MAX_DEFINED_EPIDS - 1, "Endpoint to listen as");
-    addFilterOptions(command, options->filter);
+    addZoneOption(command, options->output.zone);
+    addFilterOptions(command, options->filter, &options->output.zone);
+    addLogChoice(command, options->filter.logs);
     addOutputOptions(command, options->output);
     command.add_flag("--refill", options->refill,
                      "Ask the event manager for events of its log that did not come; without it a "

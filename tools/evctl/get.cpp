@@ -1,7 +1,10 @@
 /** evctl get: one stored event. */
 #include "evctl/commands.h"
+#include "evctl/event_filter.h"
 #include "evctl/event_output.h"
 #include "evctl/inquiry.h"
+
+#include <iostream>
 
 namespace evctl {
 namespace {
@@ -9,6 +12,7 @@ namespace {
 constexpr char GET_EXAMPLES[] =
     "Examples:\n"
     "  evctl get last --key 0x1234\n"
+    "  evctl get last --type error --source disk\n"
     "  evctl get next 4711 --dir /tmp/msm --json\n"
     "  evctl get first --key 0x1234 --enclosure ENC-2 --blade BLADE-9 --slot 1 \\\n"
     "      --instance 1";
@@ -18,6 +22,7 @@ struct GetOptions {
     RequestOptions request;
     IdentityOptions identity;
     U32_t sequenceId = 0;
+    EventFilter filter;
     OutputOptions output;
 };
 
@@ -27,6 +32,22 @@ bool needsNoIdentity(const GetOptions& options) {
            (options.type == EMP_E_INQUIRY_TYPE_FIRST || options.type == EMP_E_INQUIRY_TYPE_LAST);
 }
 
+/** Which way an event is looked for that the filters match. */
+EMP_INQUIRY_TYPE_e stepOf(EMP_INQUIRY_TYPE_e type) {
+    bool isBackwards = type == EMP_E_INQUIRY_TYPE_LAST || type == EMP_E_INQUIRY_TYPE_PREVIOUS;
+    return isBackwards ? EMP_E_INQUIRY_TYPE_PREVIOUS : EMP_E_INQUIRY_TYPE_NEXT;
+}
+
+/** Whether an inquiry has come on: one about another log may be answered again and again. */
+bool hasComeOn(EMP_INQUIRY_TYPE_e step, U32_t from, U32_t to) {
+    return step == EMP_E_INQUIRY_TYPE_PREVIOUS ? to < from : to > from;
+}
+
+int sayNoMatch() {
+    std::cerr << "evctl: there is no such event\n";
+    return tools::EXIT_FINDING;
+}
+
 int runGet(const GetOptions& options) {
     Requester requester(options.request);
     LogIdentity identity;
@@ -34,10 +55,22 @@ int runGet(const GetOptions& options) {
         identity = resolveIdentity(requester, options.identity, options.request.where);
     }
     InquiryAnswer answer = inquire(requester, options.type, identity, options.sequenceId);
+    EMP_INQUIRY_TYPE_e step = stepOf(options.type);
+    while (answer.found() && !options.filter.matches(answer.event())) {
+        if (options.type == EMP_E_INQUIRY_TYPE_EXACT) {
+            return sayNoMatch();
+        }
+        U32_t id = answer.event().header->evSequenceId;
+        identity = identityOf(*answer.event().header);
+        answer = inquire(requester, step, identity, id);
+        if (answer.found() && !hasComeOn(step, id, answer.event().header->evSequenceId)) {
+            return sayNoMatch();
+        }
+    }
     if (!answer.found()) {
         return sayNotFound(answer);
     }
-    printEvent(answer.event(), options.output);
+    EventPrinter(options.output).printNow(answer.event());
     return tools::EXIT_DONE;
 }
 
@@ -67,6 +100,8 @@ void addMode(CLI::App& group, Chosen& chosen, const Mode& mode) {
     }
     addRequestOptions(command, options->request);
     addIdentityOptions(command, options->identity);
+    addZoneOption(command, options->output.zone);
+    addFilterOptions(command, options->filter, &options->output.zone);
     addOutputOptions(command, options->output);
     onChosen(command, chosen, options, runGet);
 }

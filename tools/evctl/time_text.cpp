@@ -1,7 +1,9 @@
 #include "evctl/time_text.h"
 
+#include <array>
 #include <charconv>
 #include <chrono>
+#include <ctime>
 
 namespace evctl {
 namespace {
@@ -46,22 +48,45 @@ std::optional<U32_t> takeNumber(std::string_view& text, size_t digits, std::stri
     return number;
 }
 
+/** A day, midnight to midnight, and how much of it has passed. */
+struct CivilTime {
+    std::chrono::year_month_day date;
+    U32_t second = 0; ///< of the day
+    bool isUtc = false;
+};
+
 /** The time of the day behind a date; nothing at all is midnight. */
-std::optional<U32_t> timeOfDay(std::string_view text) {
+bool takeTimeOfDay(std::string_view text, CivilTime& time) {
     if (text.empty()) {
-        return 0;
+        return true;
     }
     std::optional<U32_t> hour = takeNumber(text, 2, "T ");
     std::optional<U32_t> minute = takeNumber(text, 2, ":");
     U32_t second = takeNumber(text, 2, ":").value_or(0);
     if (!hour || !minute || *hour > 23 || *minute > 59 || second > 59 ||
         !(text.empty() || text == "Z")) {
-        return std::nullopt;
+        return false;
     }
-    return *hour * 3600 + *minute * 60 + second;
+    time.second = *hour * 3600 + *minute * 60 + second;
+    time.isUtc = text == "Z";
+    return true;
 }
 
-std::optional<U32_t> isoSeconds(std::string_view text) {
+std::optional<U32_t> secondsOf(const CivilTime& time, Zone zone) {
+    if (zone == Zone::UTC || time.isUtc) {
+        S64_t day = std::chrono::sys_days(time.date).time_since_epoch().count();
+        return inRange(day * DAY + time.second);
+    }
+    struct tm local {};
+    local.tm_year = static_cast<int>(time.date.year()) - 1900;
+    local.tm_mon = static_cast<int>(static_cast<unsigned>(time.date.month())) - 1;
+    local.tm_mday = static_cast<int>(static_cast<unsigned>(time.date.day()));
+    local.tm_sec = static_cast<int>(time.second); // normalised by the call
+    local.tm_isdst = -1;
+    return inRange(mktime(&local));
+}
+
+std::optional<U32_t> isoSeconds(std::string_view text, Zone zone) {
     using namespace std::chrono;
     std::optional<U32_t> years = takeNumber(text, 4, "");
     std::optional<U32_t> months = takeNumber(text, 2, "-");
@@ -69,31 +94,78 @@ std::optional<U32_t> isoSeconds(std::string_view text) {
     if (!years || !months || !daysOfMonth) {
         return std::nullopt;
     }
-    year_month_day date{year(static_cast<int>(*years)), month(*months), day(*daysOfMonth)};
-    std::optional<U32_t> rest = timeOfDay(text);
-    if (!date.ok() || !rest) {
+    CivilTime time;
+    time.date = {year(static_cast<int>(*years)), month(*months), day(*daysOfMonth)};
+    if (!time.date.ok() || !takeTimeOfDay(text, time)) {
         return std::nullopt;
     }
-    return inRange(S64_t{sys_days(date).time_since_epoch().count()} * DAY + *rest);
+    return secondsOf(time, zone);
+}
+
+struct tm localTime(U32_t seconds) {
+    time_t time = seconds;
+    struct tm local {};
+    localtime_r(&time, &local);
+    return local;
+}
+
+/** Midnight of the day that @p now is in, or of one before it. */
+std::optional<U32_t> midnight(U32_t now, int daysBefore, Zone zone) {
+    if (zone == Zone::UTC) {
+        return inRange(S64_t{now - now % DAY} - S64_t{daysBefore} * DAY);
+    }
+    struct tm local = localTime(now);
+    local.tm_hour = local.tm_min = local.tm_sec = 0;
+    local.tm_mday -= daysBefore;
+    local.tm_isdst = -1;
+    return inRange(mktime(&local));
 }
 
 } // namespace
 
-std::optional<U32_t> parseTime(const std::string& text, U32_t now) {
-    U32_t today = now - now % DAY;
+std::optional<U32_t> parseTime(const std::string& text, U32_t now, Zone zone) {
     if (text == "now") {
         return now;
     }
-    if (text == "today") {
-        return today;
-    }
-    if (text == "yesterday") {
-        return inRange(S64_t{today} - DAY);
+    if (text == "today" || text == "yesterday") {
+        return midnight(now, text == "today" ? 0 : 1, zone);
     }
     if (text.starts_with("@")) {
         return wholeNumber(std::string_view(text).substr(1));
     }
-    return text.starts_with("-") ? timeBefore(text, now) : isoSeconds(text);
+    return text.starts_with("-") ? timeBefore(text, now) : isoSeconds(text, zone);
+}
+
+std::string isoTime(U32_t seconds) {
+    // Not gmtime: without its locks and tables, for listings of many events.
+    using namespace std::chrono;
+    year_month_day date{sys_days{days{seconds / DAY}}};
+    U32_t rest = seconds % DAY;
+    std::string text = "0000-00-00T00:00:00Z";
+    auto put = [&text](size_t at, size_t digits, unsigned value) {
+        for (size_t digit = digits; digit > 0; digit--, value /= 10) {
+            text[at + digit - 1] = static_cast<char>('0' + value % 10);
+        }
+    };
+    put(0, 4, static_cast<unsigned>(static_cast<int>(date.year())));
+    put(5, 2, static_cast<unsigned>(date.month()));
+    put(8, 2, static_cast<unsigned>(date.day()));
+    put(11, 2, rest / 3600);
+    put(14, 2, rest / 60 % 60);
+    put(17, 2, rest % 60);
+    return text;
+}
+
+std::string zonedTime(U32_t seconds, Zone zone) {
+    if (zone == Zone::UTC) {
+        return isoTime(seconds);
+    }
+    struct tm local = localTime(seconds);
+    std::array<char, 64> text{};
+    strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S%z", &local);
+    std::string zoned = text.data();
+    zoned.insert(zoned.size() - 2, ":"); // "+0100" is no extended form
+    return zoned;
 }
 
 } // namespace evctl

@@ -1,11 +1,11 @@
 /** evctl walk: all events of a log, asked for one after the other. */
 #include "evctl/commands.h"
 #include "evctl/copies.h"
-#include "evctl/event_filter.h"
 #include "evctl/event_message.h"
-#include "evctl/event_output.h"
 #include "evctl/inquiry.h"
+#include "evctl/listing.h"
 
+#include <algorithm>
 #include <charconv>
 #include <iostream>
 
@@ -24,21 +24,23 @@ struct WalkOptions {
     IdentityOptions identity;
     std::optional<U32_t> after; // its instance is in identity
     bool follow = false;
-    EventFilter filter;
-    OutputOptions output;
+    ListingOptions listing;
 };
 
 class Walk {
   public:
     Walk(const WalkOptions& options, Copies* copies)
-        : options_(options), copies_(copies), requester_(options.request) {}
+        : options_(options), copies_(copies), requester_(options.request),
+          listing_(options.listing, false, copies != nullptr) {}
 
     int run();
 
   private:
     int walkOn();
     bool findStart();
-    void show(const EventView& event);
+    bool goBehind(const Cursor& cursor);
+    bool beginWithFirst();
+    bool show(Bytes message, const EventView& event);
     int end(const InquiryAnswer& refusal);
     void follow();
     std::string whereToGoOn() const;
@@ -46,6 +48,7 @@ class Walk {
     const WalkOptions& options_;
     Copies* copies_; // nothing: does not follow
     Requester requester_;
+    Listing listing_;
     LogPosition shown_;
     bool started_ = false; // shown_.sequenceId means something
 };
@@ -55,20 +58,16 @@ std::string Walk::whereToGoOn() const {
            std::to_string(shown_.sequenceId);
 }
 
-void Walk::show(const EventView& event) {
-    if (options_.filter.matches(event)) {
-        printEvent(event, options_.output);
-    }
+/** @param event leads into @p message @return false when nobody reads any more */
+bool Walk::show(Bytes message, const EventView& event) {
+    sources::Event shown;
+    shown.view = event;
+    shown.storage = std::make_shared<const Bytes>(std::move(message)); // its bytes stay in place
+    return listing_.take(std::move(shown));
 }
 
 /** @return false when there is no first event, which has been said */
-bool Walk::findStart() {
-    shown_.log = resolveIdentity(requester_, options_.identity, options_.request.where);
-    if (options_.after) {
-        shown_.sequenceId = *options_.after;
-        started_ = true;
-        return true;
-    }
+bool Walk::beginWithFirst() {
     bool named = options_.identity.given();
     InquiryAnswer first =
         inquire(requester_, EMP_E_INQUIRY_TYPE_FIRST, named ? shown_.log : LogIdentity{}, 0);
@@ -81,10 +80,51 @@ bool Walk::findStart() {
         std::cerr << "evctl: the first event that came is of another log\n";
         return false;
     }
-    show(first.event());
-    shown_.sequenceId = first.event().header->evSequenceId;
+    EventView event = first.event();
+    shown_.sequenceId = event.header->evSequenceId;
     started_ = true;
+    show(std::move(first.message), event);
     return true;
+}
+
+/** Stands on the event of the cursor, or on the id that it had: what is next is behind it.
+ * @return false when the walk has to begin with the first event */
+bool Walk::goBehind(const Cursor& cursor) {
+    InquiryAnswer last = inquire(requester_, EMP_E_INQUIRY_TYPE_LAST, shown_.log, 0);
+    if (!last.found()) {
+        return false;
+    }
+    const LogMark* mark = cursor.find(logNumber(*last.event().header, false));
+    LogMark newest = markOf(*last.event().header);
+    if (mark == nullptr || newest.instance != mark->instance) {
+        return false;
+    }
+    InquiryAnswer there =
+        inquire(requester_, EMP_E_INQUIRY_TYPE_EXACT, shown_.log, mark->sequenceId);
+    bool isSame = there.found() && markOf(*there.event().header) == *mark;
+    bool hasGoneRound = !there.found() && newest.sequenceId > mark->sequenceId;
+    if (!isSame && !hasGoneRound) {
+        return false; // the log has begun again
+    }
+    shown_.sequenceId = mark->sequenceId;
+    started_ = true;
+    if (isSame && options_.listing.inclusive) {
+        EventView event = there.event();
+        show(std::move(there.message), event);
+    }
+    return true;
+}
+
+/** @return false when there is no first event, which has been said */
+bool Walk::findStart() {
+    shown_.log = resolveIdentity(requester_, options_.identity, options_.request.where);
+    if (options_.after) {
+        shown_.sequenceId = *options_.after;
+        started_ = true;
+        return true;
+    }
+    std::optional<Cursor> cursor = startCursor(options_.listing);
+    return (cursor && goBehind(*cursor)) || beginWithFirst();
 }
 
 /**
@@ -121,8 +161,11 @@ int Walk::walkOn() {
         if (id <= shown_.sequenceId) {
             return tools::EXIT_DONE;
         }
-        show(answer.event());
+        EventView event = answer.event();
         shown_.sequenceId = id;
+        if (!show(std::move(answer.message), event)) {
+            return tools::EXIT_DONE;
+        }
     }
 }
 
@@ -131,8 +174,8 @@ void Walk::follow() {
         Bytes message = copies_->next(shown_);
         EventView event{};
         readEventMessage(message, &event);
-        show(event);
         shown_.moveTo(*event.header);
+        show(std::move(message), event);
     }
 }
 
@@ -141,8 +184,9 @@ int Walk::run() {
         if (!findStart()) {
             return tools::EXIT_FINDING;
         }
-        if (int status = walkOn(); status != tools::EXIT_DONE || copies_ == nullptr) {
-            return status;
+        int status = walkOn();
+        if (status != tools::EXIT_DONE || copies_ == nullptr) {
+            return std::max(status, listing_.finish());
         }
         follow();
         return tools::EXIT_DONE;
@@ -189,10 +233,17 @@ void addWalkCommand(CLI::App& parent, Chosen& chosen) {
             "Begin behind this event instead of with the first one")
         ->type_name("INSTANCE:ID")
         ->excludes("--instance");
-    command.add_flag("--follow", options->follow,
-                     "Go on with new events as the event manager takes them in");
-    addFilterOptions(command, options->filter);
-    addOutputOptions(command, options->output);
+    addListingOptions(command, options->listing);
+    CLI::Option* follow = command.add_flag(
+        "-f,--follow", options->follow, "Go on with new events as the event manager takes them in");
+    // These need to know where the end is.
+    for (const char* whole :
+         {"--last", "--reverse", "--around", "--show-cursor", "--cursor-file"}) {
+        follow->excludes(command.get_option(whole));
+    }
+    for (const char* start : {"--cursor", "--after-cursor", "--cursor-file"}) {
+        command.get_option("--after")->excludes(command.get_option(start));
+    }
     onChosen(command, chosen, options, runWalk);
 }
 

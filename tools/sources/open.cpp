@@ -174,7 +174,7 @@ Sources openCompressed(const std::string& name, std::span<const U8_t> bytes,
     Sources found = openBytes(hasSuffix ? name.substr(0, name.size() - strlen(GZIP_SUFFIX)) : name,
                               std::move(plain), options);
     if (problem) {
-        found.front()->addProblem(*problem);
+        found.front()->addNotice(*problem);
     }
     return found;
 }

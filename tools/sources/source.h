@@ -32,14 +32,18 @@ class Source {
     /** What is wrong in it, a line each, without its name; fit to be shown. */
     const std::vector<std::string>& problems() const { return problems_; }
 
-    /** What was wrong on the way to it. */
-    void addProblem(const std::string& problem) { problems_.push_back(problem); }
+    /** What was wrong on the way to it, likewise. */
+    const std::vector<std::string>& notices() const { return notices_; }
+    void addNotice(const std::string& notice) { notices_.push_back(notice); }
 
   protected:
     explicit Source(Origin origin) : origin_(std::move(origin)) {}
 
     Origin origin_;
     std::vector<std::string> problems_;
+
+  private:
+    std::vector<std::string> notices_;
 };
 
 using Sources = std::vector<std::unique_ptr<Source>>;

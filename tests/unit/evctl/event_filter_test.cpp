@@ -12,6 +12,7 @@ EventFilter parse(const std::vector<std::string>& arguments, std::string* file =
     std::string ignored;
     app.add_option("FILE", file != nullptr ? *file : ignored);
     evctl::addFilterOptions(app, filter);
+    evctl::addLogChoice(app, filter.logs);
     std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
     app.parse(reversed);
     return filter;
@@ -76,4 +77,14 @@ TEST(EventFilter, ListDoesNotSwallowTheFileArgument) {
     std::string file;
     parse({"--type", "error", "log"}, &file);
     EXPECT_EQ(file, "log");
+}
+
+TEST(EventFilter, BladesAreTakenByTheirWholeNames) {
+    EmpEvLogHeader_t header = event(7, 18, 2, 4, 300);
+    header.evBladeId[0] = 'B';
+    header.evSlotId = 3;
+    EXPECT_TRUE(shows({"--blade", "B", "--slot", "3", "--instance", "0"}, header));
+    EXPECT_FALSE(shows({"--blade", "BL"}, header));
+    EXPECT_FALSE(shows({"--enclosure", "E"}, header));
+    EXPECT_FALSE(shows({"--slot", "2"}, header));
 }

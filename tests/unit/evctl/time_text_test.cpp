@@ -2,7 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
+
 using evctl::parseTime;
+using evctl::Zone;
+using evctl::zonedTime;
 
 namespace {
 
@@ -63,4 +68,19 @@ TEST(TimeText, AnythingElseIsRefused) {
                              "tomorrow"}) {
         EXPECT_EQ(parseTime(text, NOW), std::nullopt) << text;
     }
+}
+
+TEST(TimeText, LocalTimesAreThoseOfTheZone) {
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    tzset();
+    constexpr Zone local = Zone::LOCAL;
+    EXPECT_EQ(parseTime("2006-11-21T15:00:00", NOW, local), NOW);
+    EXPECT_EQ(parseTime("2006-11-21T14:00:00Z", NOW, local), NOW);
+    EXPECT_EQ(parseTime("2006-07-01T02:00", NOW, local), 1'151'712'000U); // summer time
+    EXPECT_EQ(parseTime("today", NOW, local), NOW - 15 * 3600);
+    EXPECT_EQ(parseTime("yesterday", NOW, local), NOW - 39 * 3600);
+    EXPECT_EQ(parseTime("1970-01-01", NOW, local), std::nullopt); // it was 1969 in UTC
+    EXPECT_EQ(zonedTime(NOW, local), "2006-11-21T15:00:00+01:00");
+    EXPECT_EQ(zonedTime(0xFFFFFFFF, local), "2106-02-07T07:28:15+01:00");
+    EXPECT_EQ(zonedTime(NOW, Zone::UTC), "2006-11-21T14:00:00Z");
 }

@@ -86,7 +86,7 @@ TEST_F(Compressed, WhatIsThereOfCutDataIsRead) {
     change([](std::string& bytes) { bytes.resize(bytes.size() - 20); });
     Sources found = openSources(path_);
     EXPECT_GE(idsOf(*found.at(0)).size(), 4U);
-    EXPECT_THAT(found[0]->problems(), testing::Contains("the compressed data is cut off"));
+    EXPECT_THAT(found[0]->notices(), ElementsAre("the compressed data is cut off"));
 }
 
 TEST_F(Compressed, AWrongChecksumIsSaid) {
@@ -95,7 +95,7 @@ TEST_F(Compressed, AWrongChecksumIsSaid) {
     change([](std::string& bytes) { bytes[bytes.size() - 6] ^= 1; });
     Sources found = openSources(path_);
     EXPECT_EQ(idsOf(*found.at(0)).size(), 5U);
-    EXPECT_THAT(found[0]->problems(), testing::Contains("the compressed data is damaged"));
+    EXPECT_THAT(found[0]->notices(), ElementsAre("the compressed data is damaged"));
 }
 
 TEST_F(Compressed, WithoutEndIsRefused) {

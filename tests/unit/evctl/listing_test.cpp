@@ -1,0 +1,313 @@
+/** What all readers share, tried with files. */
+#include "run.h"
+
+#include "../evlog/log_image.h"
+#include "temp_directory.h"
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+#include <random>
+#include <regex>
+#include <sstream>
+
+using test::run;
+using test::Said;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+Lines linesOf(const std::string& text) {
+    Lines lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+class Listings : public testing::Test {
+  protected:
+    Listings() { unsetenv("NO_COLOR"); }
+
+    /** A log of one event every 100 seconds. @return its path */
+    std::string put(const std::string& name, uint32_t firstId, uint32_t count, uint32_t firstTime,
+                    const test::RecordFields& fields = {}) {
+        test::LogImage log;
+        for (uint32_t at = 0; at < count; at++) {
+            test::RecordFields event = fields;
+            event.id = firstId + at;
+            event.time = firstTime + 100 * at;
+            log.raw(test::record(event, "event " + std::to_string(event.id)));
+        }
+        log.dummy();
+        log.zerosTo();
+        return putBytes(name, log.bytes);
+    }
+    std::string putBytes(const std::string& name, const std::string& bytes) {
+        support::writeFile(directory_.file(name), bytes);
+        return directory_.file(name);
+    }
+
+    Said list(const std::vector<std::string>& arguments) {
+        std::vector<std::string> all = {"file", "list"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return run(all);
+    }
+    /** The ids that are listed. */
+    std::string ids(const std::vector<std::string>& arguments) {
+        std::string found;
+        for (const std::string& line : linesOf(list(arguments).output)) {
+            found += (found.empty() ? "" : " ") + std::to_string(std::stoul(line));
+        }
+        return found;
+    }
+    /** The cursor at the end of a listing. */
+    std::string cursorOf(std::vector<std::string> arguments) {
+        arguments.emplace_back("--show-cursor");
+        std::string last = linesOf(list(arguments).output).back();
+        EXPECT_EQ(last.find("-- cursor: "), 0U);
+        return last.substr(11);
+    }
+
+    support::TempDirectory directory_;
+};
+
+} // namespace
+
+TEST_F(Listings, SeveralFilesAreMergedByTimeWithTheBladesNames) {
+    std::string one = put("one", 1, 2, 1000);
+    std::string two = put("two", 8, 2, 1050, {.slot = 3});
+    EXPECT_EQ(ids({one, two}), "1 8 2 9");
+    EXPECT_THAT(list({one, two}).output, HasSubstr("1970-01-01T00:16:40Z  BLADE-A       warning"));
+    EXPECT_THAT(list({one}).output, HasSubstr("1970-01-01T00:16:40Z  warning"));
+    EXPECT_EQ(ids({one, two, "--slot", "3"}), "8 9");
+    EXPECT_EQ(ids({one, two, "-n", "3", "-r"}), "9 2 8");
+    EXPECT_THAT(list({one, two, "--json"}).output, HasSubstr("{\"from\":\"" + two + "\","));
+}
+
+TEST_F(Listings, AroundAnEventAreItsNeighbours) {
+    std::string path = put("log", 1, 40, 1000);
+    EXPECT_EQ(ids({path, "--around", "20", "-n", "2"}), "18 19 20 21 22");
+    EXPECT_EQ(ids({path, "--around", "20", "-n", "1", "-r"}), "21 20 19");
+    EXPECT_EQ(ids({path, "--around", "1", "-n", "1"}), "1 2");
+    EXPECT_EQ(ids({path, "--around", "40", "-n", "1"}), "39 40");
+    EXPECT_EQ(linesOf(list({path, "--around", "20"}).output).size(), 21U);
+    EXPECT_EQ(ids({path, "--around", "20", "-n", "2", "--seq", "1:10"}), "9 10 20");
+}
+
+TEST_F(Listings, AroundOverlappingNeighboursEachIsListedOnce) {
+    std::string one = put("one", 1, 3, 1000);
+    std::string two = put("two", 1, 3, 1050, {.slot = 3});
+    EXPECT_EQ(ids({one, two, "--around", "2", "-n", "2"}), "1 1 2 2 3 3");
+}
+
+TEST_F(Listings, AroundTheNewestBugCheck) {
+    test::LogImage log;
+    log.events(1, 5);
+    log.raw(test::record({.id = 6, .source = 27, .eventId = 11}, "old"));
+    log.events(7, 5);
+    log.raw(test::record({.id = 12, .source = 27, .eventId = 11}, "new"));
+    log.events(13, 5);
+    log.dummy();
+    log.zerosTo();
+    EXPECT_EQ(ids({putBytes("log", log.bytes), "--around", "crash", "-n", "1"}), "11 12 13");
+}
+
+TEST_F(Listings, AroundNothingIsAFinding) {
+    std::string path = put("log", 1, 3, 1000);
+    Said said = list({path, "--around", "crash"});
+    EXPECT_EQ(said.status, 1);
+    EXPECT_EQ(said.output, "");
+    EXPECT_EQ(said.errors, "evctl: no bug-check\n");
+    EXPECT_EQ(list({path, "--around", "7"}).errors, "evctl: no event 7\n");
+    EXPECT_EQ(list({path, "--around", "soon"}).status, 2);
+}
+
+TEST_F(Listings, CursorGoesOnWhereTheLastListingEnded) {
+    std::string path = put("log", 1, 3, 1000);
+    std::string cursor = cursorOf({path, "-n", "1"});
+    put("log", 1, 5, 1000);
+    EXPECT_EQ(ids({path, "--after-cursor", cursor}), "4 5");
+    EXPECT_EQ(ids({path, "--cursor", cursor}), "3 4 5");
+    EXPECT_EQ(cursorOf({path, "--after-cursor", cursor, "--type", "error"}), cursorOf({path}));
+    EXPECT_EQ(list({path, "--after-cursor", "3"}).status, 2);
+    EXPECT_EQ(list({path, "--after-cursor", cursor, "--cursor", cursor}).status, 2);
+}
+
+TEST_F(Listings, CursorFileIsReadAndLeft) {
+    std::string path = put("log", 1, 3, 1000);
+    std::string file = directory_.file("cursor");
+    EXPECT_EQ(ids({path, "--cursor-file", file}), "1 2 3");
+    EXPECT_EQ(ids({path, "--cursor-file", file}), "");
+    put("log", 1, 4, 1000);
+    EXPECT_EQ(ids({path, "--cursor-file", file}), "4");
+    support::writeFile(file, "nonsense\n");
+    EXPECT_EQ(list({path, "--cursor-file", file}).status, 2);
+    EXPECT_EQ(support::readFile(file), "nonsense\n");
+}
+
+TEST_F(Listings, LocalTimesBearTheirOffset) {
+    setenv("TZ", "CET-1", 1);
+    std::string path = put("log", 1, 2, 1'164'117'600);
+    EXPECT_THAT(list({path, "--local"}).output, HasSubstr("1  2006-11-21T15:00:00+01:00  warning"));
+    EXPECT_EQ(ids({path, "--local", "--since", "2006-11-21T15:01:40"}), "2");
+    EXPECT_EQ(ids({path, "--since", "2006-11-21T14:01:40", "--local"}), "1 2");
+    EXPECT_EQ(ids({path, "--since", "2006-11-21T14:01:40"}), "2");
+    EXPECT_THAT(list({path, "--local", "--json"}).output, HasSubstr("\"2006-11-21T14:00:00Z\""));
+}
+
+TEST_F(Listings, ColoursAreThoseOfTheTypes) {
+    std::string path = put("log", 1, 1, 1000);
+    EXPECT_THAT(list({path}).output, testing::Not(HasSubstr("\x1B")));
+    std::string coloured = list({path, "--color", "always"}).output;
+    EXPECT_EQ(coloured.substr(0, 5), "\x1B[33m");
+    EXPECT_THAT(coloured, testing::EndsWith("event 1\x1B[0m\n"));
+    std::string information = put("log", 1, 1, 1000, {.type = 1});
+    EXPECT_THAT(list({information, "--color=always"}).output, testing::Not(HasSubstr("\x1B")));
+    EXPECT_EQ(list({path, "--color", "some"}).status, 2);
+}
+
+TEST_F(Listings, FullIsALineAField) {
+    std::string path = put("log", 1, 2, 1000);
+    Lines lines = linesOf(list({path, "-o", "full"}).output);
+    ASSERT_EQ(lines.size(), 33U);
+    EXPECT_EQ(lines[0], "offset       0");
+    EXPECT_EQ(lines[2], "sequence id  1");
+    EXPECT_EQ(lines[14], "text         event 1");
+    EXPECT_EQ(lines[16], "");
+    EXPECT_EQ(lines[19], "sequence id  2");
+}
+
+TEST_F(Listings, HexIsHeaderAndData) {
+    std::string path = put("log", 1, 1, 1000);
+    Lines lines = linesOf(list({path, "-o", "hex"}).output);
+    ASSERT_EQ(lines.size(), 11U);
+    EXPECT_THAT(lines[1], testing::StartsWith("0000  43 48 41 53 53 49 53 2d 31 00"));
+    EXPECT_THAT(lines[10], HasSubstr("0090  00 07 12 02 04 01 01 2c 65 76 65 6e 74 20 31"));
+}
+
+TEST_F(Listings, CsvIsQuotedWhereNeeded) {
+    test::LogImage log;
+    log.raw(test::record({.enclosure = "a,\"b\"", .id = 7, .time = 1000}, "one, two"));
+    Lines lines = linesOf(list({putBytes("log", log.bytes), "-o", "csv"}).output);
+    EXPECT_THAT(lines, ElementsAre("sequenceId,instanceNumber,time,type,source,category,id,"
+                                   "idVersion,enclosureId,bladeId,slotId,length,text,data,from",
+                                   "7,7,1970-01-01T00:16:40Z,warning,startup,disk,300,1,"
+                                   "\"a,\"\"b\"\"\",BLADE-A,2,8,\"one, two\",6f6e652c2074776f," +
+                                       directory_.file("log")));
+}
+
+TEST_F(Listings, SyslogIsAMessageALine) {
+    test::LogImage log;
+    log.raw(test::record({.enclosure = "a]\"b", .id = 7, .time = 1000}, "text"));
+    EXPECT_EQ(list({putBytes("log", log.bytes), "-o", "syslog"}).output,
+              "<132>1 1970-01-01T00:16:40Z BLADE-A startup - 300 [event@32473 seq=\"7\" "
+              "instance=\"7\" enclosure=\"a\\]\\\"b\" slot=\"2\" category=\"disk\" "
+              "idVersion=\"1\"] text\n");
+}
+
+namespace {
+
+/** Fields of a line of comma-separated values; nothing when it is none. */
+std::optional<Lines> csvFields(const std::string& line) {
+    Lines fields(1);
+    bool quoted = false;
+    for (size_t at = 0; at < line.size(); at++) {
+        char letter = line[at];
+        if (letter == '"' && quoted && at + 1 < line.size() && line[at + 1] == '"') {
+            fields.back() += line[++at];
+        } else if (letter == '"' && (quoted || fields.back().empty())) {
+            quoted = !quoted;
+        } else if (letter == '"') {
+            return std::nullopt;
+        } else if (letter == ',' && !quoted) {
+            fields.emplace_back();
+        } else {
+            fields.back() += letter;
+        }
+    }
+    return quoted ? std::nullopt : std::optional(fields);
+}
+
+bool isShown(const std::string& text) {
+    return std::ranges::none_of(text, [](char letter) {
+        return static_cast<unsigned char>(letter) < 0x20 || letter == 0x7F;
+    });
+}
+
+/** Events whose every field is by chance, the checksum being right. */
+std::string chanceLog(std::mt19937& random, uint32_t count) {
+    auto text = [&random](size_t most) {
+        std::string bytes(random() % (most + 1), '\0');
+        for (char& byte : bytes) {
+            byte = static_cast<char>(
+                random() % 3 == 0 ? "\n\r\",]\\\x1B\x9B\xE2\x80\xAE\t "[random() % 13] : random());
+        }
+        return bytes;
+    };
+    auto byte = [&random] { return static_cast<uint8_t>(random()); };
+    test::LogImage log;
+    for (uint32_t id = 1; id <= count; id++) {
+        log.raw(test::record({.enclosure = text(64),
+                              .slot = static_cast<uint32_t>(random()),
+                              .id = id,
+                              .time = static_cast<uint32_t>(random()),
+                              .source = static_cast<uint8_t>(random() % 35),
+                              .type = byte(),
+                              .category = byte(),
+                              .idVersion = byte(),
+                              .eventId = static_cast<uint16_t>(random() % 40 + 30)},
+                             text(200)));
+    }
+    return log.bytes;
+}
+
+} // namespace
+
+TEST_F(Listings, WhateverIsInTheEventsEachFormStaysWhole) {
+    std::mt19937 random(4711);
+    constexpr uint32_t count = 400;
+    std::string path = putBytes("log", chanceLog(random, count));
+    for (const char* form : {"short", "json", "csv", "syslog"}) {
+        Lines lines = linesOf(list({path, "-o", form}).output);
+        size_t header = form == std::string("csv") ? 1 : 0;
+        ASSERT_EQ(lines.size(), count + header) << form;
+        for (const std::string& line : lines) {
+            EXPECT_TRUE(isShown(line)) << form << ": " << line;
+        }
+    }
+    for (const std::string& line : linesOf(list({path, "-o", "json"}).output)) {
+        EXPECT_TRUE(nlohmann::json::accept(line)) << line;
+    }
+    for (const std::string& line : linesOf(list({path, "-o", "csv"}).output)) {
+        EXPECT_EQ(csvFields(line).value_or(Lines{}).size(), 15U) << line;
+    }
+    std::regex message("<13[1-4]>1 [-0-9T:Z]{20} [!-~]+ [!-~]+ - [!-~]+ \\[event@32473"
+                       "( [a-zA-Z]+=\"([^\"\\\\\\]]|\\\\[\"\\\\\\]])*\")+\\]( .*)?");
+    for (const std::string& line : linesOf(list({path, "-o", "syslog"}).output)) {
+        EXPECT_TRUE(std::regex_match(line, message)) << line;
+    }
+    for (const char* form : {"full", "hex"}) {
+        for (const std::string& line : linesOf(list({path, "-o", form}).output)) {
+            EXPECT_TRUE(isShown(line)) << form << ": " << line;
+        }
+    }
+}
+
+TEST_F(Listings, DamageAtRandomIsAFindingAndNoMore) {
+    std::mt19937 random(815);
+    const std::string whole = chanceLog(random, 20);
+    for (int round = 0; round < 40; round++) {
+        std::string bytes = whole;
+        for (int count = 0; count < 5; count++) {
+            bytes[random() % bytes.size()] = static_cast<char>(random());
+        }
+        Said said = list({putBytes("log", bytes), "--json"});
+        EXPECT_EQ(said.status, 1);
+        EXPECT_LE(linesOf(said.output).size(), 20U);
+    }
+}

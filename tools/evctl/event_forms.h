@@ -1,0 +1,26 @@
+/**
+ * @file
+ * Events in the forms that other programs take: comma-separated values and syslog.
+ */
+#ifndef EVCTL_EVENT_FORMS_H
+#define EVCTL_EVENT_FORMS_H
+
+#include "evctl/event_view.h"
+
+#include <string>
+
+namespace evctl {
+
+/** The line of names above events as comma-separated values (RFC 4180, but lines end in LF). */
+std::string csvHeader();
+
+/** The event as such a line. @param from the name of its source */
+std::string csvLine(const EventView& event, const std::string& from);
+
+/** The event as a syslog message (RFC 5424) of facility local0, one line: the time is the event's,
+ * the host is its blade, the application its source. */
+std::string syslogLine(const EventView& event);
+
+} // namespace evctl
+
+#endif

@@ -1,0 +1,265 @@
+#include "evctl/listing.h"
+
+#include "emp_evl.h"
+#include "mmsg.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+namespace evctl {
+namespace {
+
+constexpr U64_t NEIGHBOURS = 10;
+
+bool isBugCheck(const EmpEvLogHeader_t& header) {
+    return header.evSource == MMSG_E_EPID_EVENTLOGMP &&
+           header.evId == EMP_E_ID_EVENTMGRMP_BUGCHECK_ERROR_MSG;
+}
+
+Cursor parseCursor(const std::string& where, const std::string& text) {
+    std::optional<Cursor> cursor = Cursor::parse(text);
+    if (!cursor) {
+        throw CLI::ValidationError(where, "'" + text + "' is no cursor");
+    }
+    return *std::move(cursor);
+}
+
+void addCursorOption(CLI::App& command, ListingOptions& options, const std::string& flag,
+                     bool inclusive, const std::string& what) {
+    command
+        .add_option_function<std::string>(
+            flag,
+            [&options, flag, inclusive](const std::string& text) {
+                options.cursor = parseCursor(flag, text);
+                options.inclusive = inclusive;
+            },
+            what)
+        ->type_name("CURSOR")
+        ->group("Selection");
+}
+
+void addCursorOptions(CLI::App& command, ListingOptions& options) {
+    addCursorOption(command, options, "--cursor", true, "Begin with the events of this cursor");
+    addCursorOption(command, options, "--after-cursor", false,
+                    "Begin behind the events of this cursor");
+    command
+        .add_flag("--show-cursor", options.showCursor,
+                  "At the end, a cursor for what has been read")
+        ->group("Selection");
+    command
+        .add_option(
+            "--cursor-file", options.cursorFile,
+            "Begin behind the cursor in this file, if it is there, and leave the new one in "
+            "it")
+        ->type_name("FILE")
+        ->group("Selection")
+        ->excludes("--cursor")
+        ->excludes("--after-cursor");
+    command.get_option("--cursor")->excludes("--after-cursor");
+}
+
+void addAroundOption(CLI::App& command, ListingOptions& options) {
+    command
+        .add_option_function<std::string>(
+            "--around",
+            [&options](const std::string& text) {
+                options.around = Around{};
+                if (text != "crash") {
+                    options.around->sequenceId = tools::parseNumber(text, UINT32_MAX);
+                    if (!options.around->sequenceId) {
+                        throw CLI::ValidationError("--around", "'" + text +
+                                                                   "' is neither a sequence id nor "
+                                                                   "crash");
+                    }
+                }
+            },
+            "The events around this one, or around the newest bug-check: 10 on each side, or as "
+            "many as -n says")
+        ->type_name("ID|crash")
+        ->group("Selection");
+}
+
+[[noreturn]] void failFile(const std::string& path) {
+    throw std::runtime_error(path + ": " + strerror(errno));
+}
+
+/** All of it or nothing: a reader that is stopped here must not begin anew. */
+void writeCursorFile(const std::string& path, const std::string& text) {
+    std::string draft = path + ".new";
+    std::ofstream file(draft, std::ios::trunc);
+    if (!(file << text << "\n" << std::flush) || rename(draft.c_str(), path.c_str()) != 0) {
+        failFile(path);
+    }
+}
+
+/** Says what is wrong in a source. */
+void sayProblems(const sources::Source& source, bool several) {
+    const std::string& name = source.origin().name;
+    bool isLog = source.origin().kind == sources::Kind::LOG ||
+                 source.origin().kind == sources::Kind::DAMAGED_COPY;
+    for (const std::string& problem : source.notices()) {
+        std::cerr << "evctl: " << name << ": " << problem << "\n";
+    }
+    if (isLog && !source.problems().empty()) {
+        std::cerr << "evctl: " << (several ? name : "the file")
+                  << (several ? ": damaged" : " is damaged") << "; see 'evctl file verify'\n";
+        return;
+    }
+    for (const std::string& problem : source.problems()) {
+        std::cerr << "evctl: " << name << ": " << problem << "\n";
+    }
+}
+
+} // namespace
+
+void addListingOptions(CLI::App& command, ListingOptions& options) {
+    addZoneOption(command, options.output.zone);
+    addFilterOptions(command, options.filter, &options.output.zone);
+    command.add_option("-n,--last", options.last, "Only the last so many of them; without it, all")
+        ->type_name("NUMBER")
+        ->check(tools::wholeNumber(1))
+        ->group("Selection");
+    command.add_flag("-r,--reverse", options.reverse, "Newest first")->group("Selection");
+    addAroundOption(command, options);
+    addCursorOptions(command, options);
+    addOutputOptions(command, options.output);
+    command.add_flag("--no-pager", options.noPager, "No pager, also on a terminal");
+}
+
+std::optional<Cursor> startCursor(const ListingOptions& options) {
+    if (options.cursorFile.empty()) {
+        return options.cursor;
+    }
+    std::ifstream file(options.cursorFile);
+    if (!file) {
+        if (errno == ENOENT) {
+            return std::nullopt;
+        }
+        failFile(options.cursorFile);
+    }
+    std::string text;
+    std::getline(file, text);
+    return parseCursor(options.cursorFile, text);
+}
+
+Listing::Listing(const ListingOptions& options, bool several, bool live)
+    : options_(options), pager_(!options.noPager && !live),
+      printer_(options.output, {.several = several, .paged = pager_.isThere()}), live_(live),
+      cursor_(startCursor(options).value_or(Cursor{})) {}
+
+bool Listing::isAnchor(const sources::Event& event) const {
+    const EmpEvLogHeader_t& header = *event.view.header;
+    return options_.around->sequenceId ? header.evSequenceId == *options_.around->sequenceId
+                                       : isBugCheck(header);
+}
+
+bool Listing::take(sources::Event event) {
+    if (options_.showCursor || !options_.cursorFile.empty()) {
+        cursor_.moveTo(event);
+    }
+    if (!options_.filter.matches(event.view) && !(options_.around && isAnchor(event))) {
+        return true;
+    }
+    if (!options_.last && !options_.reverse && !options_.around) {
+        printer_.print(event);
+        if (live_) {
+            std::cout.flush();
+        }
+        return static_cast<bool>(std::cout);
+    }
+    kept_.push_back(std::move(event));
+    if (!options_.around && kept_.size() > options_.last.value_or(UINT64_MAX)) {
+        kept_.pop_front();
+    }
+    return true;
+}
+
+/** Leaves of what is kept the anchors and their neighbours. */
+void Listing::keepNeighbours() {
+    std::vector<size_t> anchors;
+    for (size_t at = 0; at < kept_.size(); at++) {
+        if (isAnchor(kept_[at])) {
+            anchors.push_back(at);
+        }
+    }
+    if (!options_.around->sequenceId && !anchors.empty()) {
+        anchors = {anchors.back()};
+    }
+    U64_t reach = options_.last.value_or(NEIGHBOURS);
+    std::deque<sources::Event> near;
+    size_t next = 0; // not looked at yet
+    for (size_t anchor : anchors) {
+        size_t first = std::max<size_t>(next, anchor - std::min<U64_t>(anchor, reach));
+        next = anchor + 1 + std::min<U64_t>(kept_.size() - anchor - 1, reach);
+        for (size_t at = first; at < next; at++) {
+            near.push_back(kept_[at]);
+        }
+    }
+    foundAnchor_ = !anchors.empty();
+    kept_ = std::move(near);
+}
+
+void Listing::tellCursor() {
+    if (options_.showCursor) {
+        printer_.printNote({{"cursor", cursor_.text()}}, "-- cursor: " + cursor_.text() + "\n");
+    }
+    if (!options_.cursorFile.empty() && std::cout.flush()) {
+        writeCursorFile(options_.cursorFile, cursor_.text());
+    }
+}
+
+int Listing::finish() {
+    if (options_.around) {
+        keepNeighbours();
+    }
+    if (options_.reverse) {
+        std::ranges::reverse(kept_);
+    }
+    for (const sources::Event& event : kept_) {
+        printer_.print(event);
+    }
+    kept_.clear();
+    tellCursor();
+    if (!foundAnchor_) {
+        std::cerr << "evctl: no "
+                  << (options_.around->sequenceId
+                          ? "event " + std::to_string(*options_.around->sequenceId)
+                          : "bug-check")
+                  << "\n";
+    }
+    return foundAnchor_ ? tools::EXIT_DONE : tools::EXIT_FINDING;
+}
+
+int listSources(sources::Sources sources, const ListingOptions& options) {
+    bool several = sources.size() > 1;
+    std::optional<Resume> resume;
+    if (std::optional<Cursor> cursor = startCursor(options)) {
+        resume.emplace(*std::move(cursor), options.inclusive);
+        for (const auto& source : sources) {
+            resume->look(*source);
+        }
+    }
+    sources::Merge merge(std::move(sources));
+    int status = tools::EXIT_DONE;
+    {
+        Listing listing(options, several);
+        bool isRead = true;
+        while (std::optional<sources::Event> event = isRead ? merge.next() : std::nullopt) {
+            isRead = !resume || resume->wants(*event) ? listing.take(*std::move(event)) : isRead;
+        }
+        status = listing.finish();
+    }
+    for (const auto& source : merge.sources()) {
+        sayProblems(*source, several);
+        bool isSound = source->problems().empty() && source->notices().empty();
+        status = isSound ? status : tools::EXIT_FINDING;
+    }
+    return status;
+}
+
+} // namespace evctl
