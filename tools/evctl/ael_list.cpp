@@ -36,7 +36,7 @@ struct AelOptions {
 };
 
 std::vector<AelFile> filesOf(const AelOptions& options) {
-    if (!options.block.given()) {
+    if (!options.directory.empty()) {
         return sources::readAelDirectory(options.directory);
     }
     const MPU_PARAMS_t& params = attachParams(options.block);
@@ -143,7 +143,7 @@ void addWhere(CLI::App& command, AelOptions& options) {
     where->add_option("--dir", options.directory, "Directory of the alternate event log files")
         ->type_name("DIR");
     addKeyOption(*where, options.block);
-    where->require_option(1);
+    where->require_option(0, 1);
     command.add_flag("--json", options.json, "One JSON object a line, events with their data");
 }
 

@@ -41,7 +41,7 @@ void addAelWriteCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<WriteOptions>();
     CLI::App& command = addCommand(
         parent, "write", "Leave an event for the event manager's next start.", AEL_WRITE_EXAMPLES);
-    addKeyOption(command, options->block)->required();
+    addKeyOption(command, options->block);
     addEventOptions(command, options->event, MMSG_E_MAX_DEFINED_EPIDS);
     command
         .add_option("--seq", options->sequenceId, "Order among the startup events of one second")

@@ -114,7 +114,11 @@ bool EventFilter::matches(const EventView& event) const {
 
 void addZoneOption(CLI::App& command, Zone& zone) {
     command.add_flag_callback(
-        "--local", [&zone] { zone = Zone::LOCAL; },
+        "--local",
+        [&zone] {
+            tzset(); // conversions need not look at the environment by themselves
+            zone = Zone::LOCAL;
+        },
         "Times of the local zone (TZ) instead of UTC, where they are not JSON, CSV or syslog");
 }
 

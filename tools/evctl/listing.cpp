@@ -190,12 +190,13 @@ void Listing::keepNeighbours() {
     if (!options_.around->sequenceId && !anchors.empty()) {
         anchors = {anchors.back()};
     }
-    U64_t reach = options_.last.value_or(NEIGHBOURS);
+    auto reach =
+        static_cast<size_t>(std::min<U64_t>(kept_.size(), options_.last.value_or(NEIGHBOURS)));
     std::deque<sources::Event> near;
     size_t next = 0; // not looked at yet
     for (size_t anchor : anchors) {
-        size_t first = std::max<size_t>(next, anchor - std::min<U64_t>(anchor, reach));
-        next = anchor + 1 + std::min<U64_t>(kept_.size() - anchor - 1, reach);
+        size_t first = std::max(next, anchor - std::min(anchor, reach));
+        next = anchor + 1 + std::min(kept_.size() - anchor - 1, reach);
         for (size_t at = first; at < next; at++) {
             near.push_back(kept_[at]);
         }

@@ -146,7 +146,7 @@ void addLogCommand(CLI::App& parent, Chosen& chosen) {
     addConfirmOptions(command, *options);
     // Not the final callback: that one is the command's run.
     command.parse_complete_callback([options] {
-        if (options->orAel && !options->where.block.given()) {
+        if (options->orAel && !options->where.directory.empty()) {
             throw CLI::ValidationError("--or-ael", "needs --key: it names the directory");
         }
     });

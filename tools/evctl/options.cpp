@@ -1,6 +1,7 @@
 #include "evctl/options.h"
 
 #include "common/nearest.h"
+#include "evctl/running_blades.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -14,26 +15,23 @@ namespace evctl {
 
 namespace {
 
-// The event manager refuses smaller keys, and key 0 would make a new segment.
-constexpr int KEY_MIN = 100;
-
-int parseKey(const std::string& text) {
+int parseKey(const std::string& where, const std::string& text) {
     char* end = nullptr;
     errno = 0;
     long key = strtol(text.c_str(), &end, 0);
     if (errno != 0 || text.empty() || *end != '\0' || key < KEY_MIN || key > INT32_MAX) {
-        throw CLI::ValidationError("--key", "'" + text + "' is not a key: a number from 100 on");
+        throw CLI::ValidationError(where, "'" + text + "' is not a key: a number from 100 on");
     }
     return static_cast<int>(key);
 }
 
 /** Maker and owner: the one could, the other can, write into it. */
-void checkOwner(const KeyOptions& options, const struct ipc_perm& segment) {
+void checkOwner(const KeyOptions& options, int key, const struct ipc_perm& segment) {
     for (uid_t user : {segment.cuid, segment.uid}) {
         if (!options.anyOwner && user != 0 && user != geteuid()) {
-            throw std::runtime_error("the parameter block under key " +
-                                     std::to_string(*options.key) + " belongs to user " +
-                                     std::to_string(user) + "; --any-owner takes it all the same");
+            throw std::runtime_error("the parameter block under key " + std::to_string(key) +
+                                     " belongs to user " + std::to_string(user) +
+                                     "; --any-owner takes it all the same");
         }
     }
 }
@@ -48,36 +46,52 @@ CLI::Option* addKeyOption(CLI::App& command, KeyOptions& options) {
     std::optional<int>& key = options.key;
     return command
         .add_option_function<std::string>(
-            "--key", [&key](const std::string& text) { key = parseKey(text); },
-            "Key of the blade's parameter block (decimal, 0x hexadecimal or 0 octal)")
+            "--key", [&key](const std::string& text) { key = parseKey("--key", text); },
+            "Key of the blade's parameter block (decimal, 0x hexadecimal or 0 octal); else "
+            "EVCTL_KEY, or else the only running blade's")
         ->type_name("KEY");
 }
 
 void addSwitchOptions(CLI::App& command, SwitchOptions& options) {
     CLI::Option_group* where = command.add_option_group("Message switch");
-    where->add_option("--dir", options.directory, "Directory of the message switch's sockets")
+    where
+        ->add_option("--dir", options.directory,
+                     "Directory of the message switch's sockets; else EVCTL_DIR")
         ->type_name("DIR");
     addKeyOption(*where, options.block);
-    where->require_option(1);
+    where->require_option(0, 1);
+}
+
+int keyOf(const KeyOptions& options) {
+    if (options.key) {
+        return *options.key;
+    }
+    const char* key = getenv("EVCTL_KEY");
+    return key != nullptr ? parseKey("EVCTL_KEY", key) : onlyRunningBlade();
 }
 
 const MPU_PARAMS_t& attachParams(const KeyOptions& options) {
+    int key = keyOf(options);
     int id = -1;
-    const MPU_PARAMS_t* params = MPU_getMpuParamsAndShmid(&id, *options.key);
+    const MPU_PARAMS_t* params = MPU_getMpuParamsAndShmid(&id, key);
     if (params == nullptr) {
-        throw std::runtime_error("no parameter block under key " + std::to_string(*options.key));
+        throw std::runtime_error("no parameter block under key " + std::to_string(key));
     }
     struct shmid_ds segment {};
     if (shmctl(id, IPC_STAT, &segment) != 0) {
         throw std::runtime_error(std::string("shmctl: ") + strerror(errno));
     }
-    checkOwner(options, segment.shm_perm);
+    checkOwner(options, key, segment.shm_perm);
     return *params;
 }
 
 std::string switchDirectory(const SwitchOptions& options) {
-    if (!options.block.given()) {
+    if (!options.block.given() && !options.directory.empty()) {
         return options.directory;
+    }
+    const char* directory = getenv("EVCTL_DIR");
+    if (!options.block.given() && directory != nullptr && *directory != '\0') {
+        return directory;
     }
     const MPU_PARAMS_t& params = attachParams(options.block);
     return fieldText(params.mmsgDirectory, sizeof(params.mmsgDirectory));

@@ -14,7 +14,11 @@
 
 namespace evctl {
 
-/** The parameter block that is meant. */
+/** The event manager refuses smaller keys, and key 0 would make a new segment. */
+constexpr int KEY_MIN = 100;
+
+/** The parameter block that is meant: of the option, else of EVCTL_KEY, else of the only blade that
+ * runs here. */
 struct KeyOptions {
     std::optional<int> key;
     bool anyOwner = false; ///< also one that another user than this one and root has made
@@ -22,13 +26,14 @@ struct KeyOptions {
     bool given() const { return key.has_value(); }
 };
 
-/** Where the message switch is: its directory, or the parameter block that names it. */
+/** Where the message switch is: its directory (of the option, else of EVCTL_DIR), or the parameter
+ * block that names it. */
 struct SwitchOptions {
     std::string directory;
     KeyOptions block;
 };
 
-/** Adds --dir and --key, of which one must be given. */
+/** Adds --dir and --key, of which one may be given. */
 void addSwitchOptions(CLI::App& command, SwitchOptions& options);
 
 /** The switch's directory. Throws when the parameter block cannot be attached. */
@@ -37,9 +42,12 @@ std::string switchDirectory(const SwitchOptions& options);
 /** Adds --key and --any-owner. @return the first, for further demands on it */
 CLI::Option* addKeyOption(CLI::App& command, KeyOptions& options);
 
-/** Attaches the parameter block, whose key is given; throws when it cannot, the library having said
- * why, and when somebody else has made the block: what stands in it decides where is read and
- * written. */
+/** The key that is meant; throws when none is named and not just one blade runs here. */
+int keyOf(const KeyOptions& options);
+
+/** Attaches the parameter block; throws when it cannot, the library having said why, when none is
+ * named and not just one blade runs here, and when somebody else has made the block: what stands in
+ * it decides where is read and written. */
 const MPU_PARAMS_t& attachParams(const KeyOptions& options);
 
 /** Adds an option that takes a name of @p names or a number of at most @p max. */

@@ -30,7 +30,7 @@ void addParamsCommands(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<ParamsOptions>();
     CLI::App& show =
         addCommand(group, "show", "Show all fields of the parameter block.", PARAMS_EXAMPLES);
-    addKeyOption(show, options->block)->required();
+    addKeyOption(show, options->block);
     show.add_flag("--json", options->json, "As a JSON object");
     onChosen(show, chosen, options, runShow);
 }

@@ -44,9 +44,11 @@ bool count(const StatsOptions& options, EventStats& stats) {
                     stats.add(event->view);
                 }
             }
-            for (const std::string& problem : source->problems()) {
-                std::cerr << "evctl: " << source->origin().name << ": " << problem << "\n";
-                whole = false;
+            for (const auto* problems : {&source->notices(), &source->problems()}) {
+                for (const std::string& problem : *problems) {
+                    std::cerr << "evctl: " << source->origin().name << ": " << problem << "\n";
+                    whole = false;
+                }
             }
         }
     }

@@ -141,7 +141,7 @@ Sources openBundle(const std::string& name, std::span<const U8_t> bytes,
         fail(name, problems.empty() ? "a bundle without a log" : problems.front());
     }
     for (const std::string& problem : problems) {
-        found.front()->addProblem(problem);
+        found.front()->addNotice(problem);
     }
     return found;
 }

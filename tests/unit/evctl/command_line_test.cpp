@@ -138,10 +138,21 @@ TEST(CommandLine, NumbersOutOfRangeAreRefusedClearly) {
     expectRefused(with(with(follow, "--seq"), "10:5"), "'10:5': the first id is above the last");
 }
 
-TEST(CommandLine, OneOfDirAndKeyIsNeeded) {
-    expectRefused({"log", "--id", "1"}, "--dir");
-    expectRefused({"follow"}, "--dir");
+TEST(CommandLine, EnvironmentSparesDirAndKey) {
     expectRefused({"follow", "--dir", "/tmp", "--key", "1234"}, "--key");
+    setenv("EVCTL_DIR", "/nowhere", 1);
+    expectRefused({"log", "--id", "1"}, "/nowhere/snmp: No such file");
+    expectRefused({"follow", "--dir", "/elsewhere"}, "/elsewhere/smi_ind: No such file");
+    expectRefused({"status", "--key", "0x7ffffff1"}, "no parameter block under key 2147483633");
+    setenv("EVCTL_DIR", "", 1); // names none
+    setenv("EVCTL_KEY", "0x7ffffff2", 1);
+    expectRefused({"status"}, "no parameter block under key 2147483634");
+    expectRefused({"params", "show"}, "no parameter block under key 2147483634");
+    expectRefused({"ael", "list"}, "no parameter block under key 2147483634");
+    setenv("EVCTL_KEY", "99", 1);
+    expectRefused({"status"}, "EVCTL_KEY: '99' is not a key");
+    unsetenv("EVCTL_KEY");
+    unsetenv("EVCTL_DIR");
 }
 
 TEST(CommandLine, GetTakesAnIdOnlyWhereItMeansSomething) {
@@ -282,12 +293,13 @@ TEST(CommandLine, AlternateEventsTheLibraryWouldAbortOn) {
     expectRefused(with(with(write, "--text"), std::string(3849, 'x')), "more than 3848 bytes");
     expectRefused(with(with(write, "--source"), "35"), "35");
     expectRefused(with(with(write, "--seq"), "1"), "--seq: only events of source startup");
-    expectRefused({"ael", "write", "--id", "1", "--text", "x"}, "--key");
+    setenv("EVCTL_KEY", "0x7ffffff2", 1);
+    expectRefused({"ael", "write", "--id", "1", "--text", "x"}, "key 2147483634");
+    unsetenv("EVCTL_KEY");
 }
 
 TEST(CommandLine, AlternateEventDirectories) {
     for (const char* command : {"list", "show"}) {
-        expectRefused({"ael", command}, "--dir");
         expectRefused({"ael", command, "--dir", "/nowhere"}, "/nowhere: No such file");
         expectRefused({"ael", command, "--dir", "/tmp", "--key", "100"}, "--key");
     }

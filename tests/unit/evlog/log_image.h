@@ -50,6 +50,7 @@ inline std::string text64(const std::string& text) {
 struct RecordFields {
     uint8_t version = 1;
     std::string enclosure = "CHASSIS-1";
+    std::string blade = "BLADE-A";
     uint32_t slot = 2;
     uint32_t instance = 7;
     uint32_t id = 0;
@@ -66,12 +67,12 @@ struct RecordFields {
 inline std::string record(const RecordFields& fields, const std::string& body) {
     uint32_t length = fields.length < 0 ? static_cast<uint32_t>(body.size())
                                         : static_cast<uint32_t>(fields.length);
-    std::string covered = text64(fields.enclosure) + text64("BLADE-A") + bigEndian(fields.slot, 4) +
-                          bigEndian(fields.instance, 4) + bigEndian(fields.id, 4) +
-                          bigEndian(fields.time, 4) + bigEndian(length, 2) +
-                          bigEndian(fields.source, 1) + bigEndian(fields.type, 1) +
-                          bigEndian(fields.category, 1) + bigEndian(fields.idVersion, 1) +
-                          bigEndian(fields.eventId, 2);
+    std::string covered = text64(fields.enclosure) + text64(fields.blade) +
+                          bigEndian(fields.slot, 4) + bigEndian(fields.instance, 4) +
+                          bigEndian(fields.id, 4) + bigEndian(fields.time, 4) +
+                          bigEndian(length, 2) + bigEndian(fields.source, 1) +
+                          bigEndian(fields.type, 1) + bigEndian(fields.category, 1) +
+                          bigEndian(fields.idVersion, 1) + bigEndian(fields.eventId, 2);
     std::string crc = storedCrc(fields.headerCrc ? covered : covered + body);
     return std::string("\xB6\x8F", 2) + bigEndian(fields.version, 1) + std::string(1, '\0') + crc +
            covered + body;
