@@ -175,6 +175,16 @@ TEST_F(Batch, LogThatEndsWhereRecordsOfAllSizesGo) {
     }
 }
 
+TEST_F(Batch, LogThatEndsWhereTheWindowIsUsedUp) {
+    startRound(500);
+    for (long end = 3'000; end < 130'000; end += 11'000) {
+        SCOPED_TRACE(end);
+        Seen seen = expectSame({.bundles = {events(60, 700), events(60, 700), events(60, 700)},
+                                .logTakesUpTo = write_ + end});
+        EXPECT_EQ(seen.signal, SIGABRT);
+    }
+}
+
 TEST_F(Batch, BugCheckInTheMiddleComesBehindWhatWasBeforeIt) {
     logimage::Wrapped log = logimage::wrapped(9, 100, 100);
     start(log.image.bytes);

@@ -8,6 +8,7 @@
 #include "serve/batch.h"
 #include "serve/pass.h"
 #include "startup/event_log_file.h"
+#include "store/window.h"
 
 #include <algorithm>
 #include <cstring>
@@ -57,6 +58,8 @@ void drain(int fd, const char* name) {
     leave("state", eventEntryDatabase, sizeof(eventEntryDatabase));
     leave("state", eventEntryWorkSpace, EMP_WORK_SPACE_SIZE);
     leave("state", &empLogFilePosition, sizeof(empLogFilePosition));
+    U32_t newest = std::max(empControl.empWrite, 1000U) - 1000U;
+    leave("state", empWindowAt(newest), std::min(empWindowAvailable(newest), 1000U));
     _exit(0);
 }
 
