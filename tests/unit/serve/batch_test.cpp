@@ -185,6 +185,18 @@ TEST_F(Batch, LogThatEndsWhereTheWindowIsUsedUp) {
     }
 }
 
+TEST_F(Batch, LogThatEndsWhereLinesAreDue) {
+    startRound();
+    Bytes bundle;
+    for (int i = 0; i < 58; i++) {
+        bundle = joined({bundle, status()});
+    }
+    for (long end : {1L, 4 * 260L, 20 * 260L}) {
+        SCOPED_TRACE(end);
+        expectSame({.bundles = {joined({bundle, events(30, 100)})}, .logTakesUpTo = write_ + end});
+    }
+}
+
 TEST_F(Batch, BugCheckInTheMiddleComesBehindWhatWasBeforeIt) {
     logimage::Wrapped log = logimage::wrapped(9, 100, 100);
     start(log.image.bytes);

@@ -79,7 +79,7 @@ void nextBundle() {
 
 std::string contentOf(const std::string& path) {
     std::error_code missing;
-    auto size = std::filesystem::file_size(path, missing);
+    auto size = static_cast<size_t>(std::filesystem::file_size(path, missing));
     std::string content(missing ? 0 : size, '\0');
     std::ifstream(path, std::ios::binary)
         .read(content.data(), static_cast<std::streamsize>(content.size()));
