@@ -138,8 +138,9 @@ void drawRow(Svg& svg, const MapRow& row, double y) {
 
 void drawPosition(Svg& svg, U32_t offset, const std::string& text) {
     if (offset < EMP_LOG_FILE_SIZE) {
+        U32_t row = offset / ROW_BYTES;
         double x = MAP_LEFT + MAP_CELL * (offset % ROW_BYTES) / MAP_CELL_BYTES;
-        svg.text(x, MAP_TOP + MAP_LINE * (offset / ROW_BYTES) - 1, text, "middle");
+        svg.text(x, MAP_TOP + MAP_LINE * row - 1, text, "middle");
     }
 }
 

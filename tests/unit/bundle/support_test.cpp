@@ -153,6 +153,9 @@ TEST_F(Support, ReadersTakeTheBundle) {
     EXPECT_EQ(said.status, 1) << "they are damaged";
     // Three logs of five readable events, and an alternate one.
     EXPECT_THAT(said.output, HasSubstr(R"({"events":16,)"));
+    said = test::run({"file", "list", bundlePath()});
+    EXPECT_EQ(said.status, 1);
+    EXPECT_EQ(std::ranges::count(said.output, '\n'), 16);
 }
 
 TEST_F(Support, HostileBundlesAreRefusedOrReadInPart) {
