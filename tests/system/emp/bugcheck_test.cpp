@@ -110,6 +110,9 @@ TEST(BugCheck, LeavesFilesThatTheNextStartTakesAndTheReportShows) {
     EXPECT_THAT(report, HasSubstr("\nmessage       " + std::string(READ_FAILS).substr(0, 64) +
                                   "\nfunction      main\nline          "));
     EXPECT_THAT(report, HasSubstr("\nfile          empmain\n"
+                                  "meaning       reading from the message switch failed, or the "
+                                  "switch went away with messages unread\n"
+                                  "what to do    mend the switch; restart both\n"
                                   "enclosure     CHASSIS-7\nblade         BLADE-42\n"
                                   "slot          3\n"
                                   "records       24 of 24, sequence ids 1 to 24\n"));

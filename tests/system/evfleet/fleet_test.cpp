@@ -60,7 +60,10 @@ TEST_F(FleetSystemTest, AnotherFleetsArchiveIsFoundOut) {
     ASSERT_EQ(run({"--blades", "2", "--events", "10"}), 0) << output_;
     // The same blades with other events, into the archive that holds the first ones.
     EXPECT_EQ(run({"--blades", "2", "--events", "10", "--seed", "2", "--settle", "1"}), 1);
-    EXPECT_NE(output_.find("\"corrupt\":22"), std::string::npos) << output_;
+    // The last event of each blade has nothing behind it: doubtful, so nothing is said of it.
+    EXPECT_NE(output_.find("\"held\":44,\"missing\":0,\"twice\":0,\"corrupt\":20"),
+              std::string::npos)
+        << output_;
 }
 
 } // namespace
