@@ -15,22 +15,23 @@ namespace {
 /** Twice what a message needs: a socket with less may take a message in pieces. */
 constexpr int SAFE_SEND_BUFFER = 4 * EMP_WORK_SPACE_SIZE;
 
-/** Whether the socket takes a message whole or not at all. */
+/** Whether the socket takes a message whole or not at all. Its size is asked once. */
 bool takesWholeMessages() {
-    int savedErrno = errno;
-    int size = 0;
-    socklen_t length = sizeof(size);
-    getsockopt(empControl.socketFdMSM, SOL_SOCKET, SO_SNDBUF, &size, &length);
-    errno = savedErrno;
-    return size >= SAFE_SEND_BUFFER;
+    static int sendBuffer;
+    if (sendBuffer == 0) {
+        int savedErrno = errno;
+        socklen_t length = sizeof(sendBuffer);
+        getsockopt(empControl.socketFdMSM, SOL_SOCKET, SO_SNDBUF, &sendBuffer, &length);
+        errno = savedErrno;
+    }
+    return sendBuffer >= SAFE_SEND_BUFFER;
 }
 
 /** One blocking send, before which lines are written only when it would wait, as far as that can be
  * told without leaving a message half sent. */
 S32_t sendToMsm(const void* message, U32_t length) {
-    static const bool tryFirst = takesWholeMessages();
     int savedErrno = errno;
-    if (tryFirst) {
+    if (takesWholeMessages()) {
         ssize_t result = send(empControl.socketFdMSM, message, length, MSG_DONTWAIT);
         if (result != -1 || (errno != EAGAIN && errno != EWOULDBLOCK)) {
             return static_cast<S32_t>(result);
