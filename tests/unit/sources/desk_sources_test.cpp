@@ -1,4 +1,5 @@
 /** Sources that need libraries of the desk: archives and compressed files. */
+#include "ids.h"
 #include "sources/source.h"
 
 #include "../evlog/log_image.h"
@@ -18,16 +19,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 namespace {
-
-using Ids = std::vector<uint32_t>;
-
-Ids idsOf(Source& source) {
-    Ids ids;
-    while (std::optional<sources::Event> event = source.next()) {
-        ids.push_back(event->view.header->evSequenceId);
-    }
-    return ids;
-}
 
 class Compressed : public testing::Test {
   protected:

@@ -1,3 +1,4 @@
+#include "ids.h"
 #include "sources/source.h"
 
 #include "../evlog/log_image.h"
@@ -21,16 +22,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {
-
-using Ids = std::vector<uint32_t>;
-
-Ids idsOf(Source& source) {
-    Ids ids;
-    while (std::optional<sources::Event> event = source.next()) {
-        ids.push_back(event->view.header->evSequenceId);
-    }
-    return ids;
-}
 
 /** Newest 10 and 11, a gap, oldest 5 and 6. */
 std::string wrappedLog() {
