@@ -106,5 +106,6 @@ install(FILES examples/log_event.c examples/log_events.cpp examples/CMakeLists.t
 # Data that programs read at run time.
 if(IS_DIRECTORY ${PROJECT_SOURCE_DIR}/share/event-manager)
     install(DIRECTORY share/event-manager/
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/event-manager COMPONENT evctl)
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/event-manager COMPONENT evctl
+        PATTERN web EXCLUDE)
 endif()

@@ -444,11 +444,11 @@ std::string addressOf(const std::string& path) {
     return address;
 }
 
-std::unique_ptr<StoreReader> readerOf(std::unique_ptr<SqliteDatabase> database,
-                                      const std::string& path) {
+std::unique_ptr<SqliteDatabase> checked(std::unique_ptr<SqliteDatabase> database,
+                                        const std::string& path) {
     database->execute("PRAGMA busy_timeout = 5000");
     requireArchive(*database, path);
-    return std::make_unique<SqliteStore>(std::move(database));
+    return database;
 }
 
 std::unique_ptr<Store> connectTo(const std::shared_ptr<SharedFile>& file, const std::string& path) {
@@ -492,20 +492,24 @@ std::unique_ptr<Store> openArchiveInMemory() {
     return std::make_unique<SqliteStore>(std::move(database));
 }
 
-std::unique_ptr<StoreReader> openArchiveForReading(const std::string& path) {
+std::unique_ptr<SqliteDatabase> openDatabaseForReading(const std::string& path) {
     try {
-        return readerOf(std::make_unique<SqliteDatabase>(path, SQLITE_OPEN_READONLY, path), path);
+        return checked(std::make_unique<SqliteDatabase>(path, SQLITE_OPEN_READONLY, path), path);
     } catch (const StoreError&) {
         // In a directory that cannot be written SQLite has no place for its shared index. Without
         // one the file is still good when nobody is writing it, and then there is no "-wal".
         if (access((path + "-wal").c_str(), F_OK) == 0 || access(path.c_str(), R_OK) != 0) {
             throw;
         }
-        return readerOf(std::make_unique<SqliteDatabase>(addressOf(path) + "?immutable=1",
-                                                         SQLITE_OPEN_READONLY | SQLITE_OPEN_URI,
-                                                         path),
-                        path);
+        return checked(std::make_unique<SqliteDatabase>(addressOf(path) + "?immutable=1",
+                                                        SQLITE_OPEN_READONLY | SQLITE_OPEN_URI,
+                                                        path),
+                       path);
     }
+}
+
+std::unique_ptr<StoreReader> openArchiveForReading(const std::string& path) {
+    return std::make_unique<SqliteStore>(openDatabaseForReading(path));
 }
 
 } // namespace evarchive

@@ -21,6 +21,8 @@
 
 namespace evarchive {
 
+class SqliteDatabase;
+
 /**
  * Opens an archive for writing; makes it if there is no such file. Throws StoreError, also when
  * another archiver has it open or the file is something else; a file that was made is then removed
@@ -42,6 +44,9 @@ std::unique_ptr<Store> openArchiveInMemory();
 /** Opens an existing archive, also one that is being written, for reading only. Throws StoreError.
  */
 std::unique_ptr<StoreReader> openArchiveForReading(const std::string& path);
+
+/** The same, for questions of the caller's own to the tables above. */
+std::unique_ptr<SqliteDatabase> openDatabaseForReading(const std::string& path);
 
 } // namespace evarchive
 

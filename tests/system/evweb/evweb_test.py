@@ -1,0 +1,478 @@
+"""The page over real archives: what is answered, to whom, and what a browser makes of it.
+
+Usage: evweb_test.py PROGRAMS [--pictures DIRECTORY] [unittest arguments]
+"""
+
+import base64
+import csv
+import io
+import json
+import os
+import pathlib
+import shutil
+import sqlite3
+import sys
+import tempfile
+import time
+import unittest
+
+import web_support as support
+from web_support import Archiver, Browser, Postgres, Web, crash, event, wait_until
+
+PROGRAMS = sys.argv.pop(1)
+PICTURES = sys.argv.pop(sys.argv.index("--pictures") + 1) if "--pictures" in sys.argv else None
+sys.argv = [word for word in sys.argv if word != "--pictures"]
+CHROMIUM = shutil.which("chromium")
+
+NOW = int(time.time())
+HOSTILE = "<img src=x onerror=\"window.owned = 1\">"
+HOSTILE_TEXT = b"<script>window.owned = 1</script><b>bold</b>"
+
+
+def fill(archiver):
+    """A small fleet: BLADE-1 with a hole, a crash and a log that began again; a hostile one; a quiet one."""
+    hour = NOW - 3600
+    first = [event("BLADE-1", number, seconds=hour + 60 * number, event_id=100 + number % 3, source=18,
+                   kind=2 if number % 10 == 0 else 1, data=b"fan %d runs" % number) for number in range(1, 41)]
+    archiver.send(first[:20] + first[24:])
+    # The same ids with other bytes: the log was rebuilt.
+    archiver.send([event("BLADE-1", number, seconds=NOW - 600 + number, data=b"after the rebuild %d" % number) for number in range(1, 13)] +
+                  [crash("BLADE-1", 13, seconds=NOW - 500), event("BLADE-1", 14, seconds=NOW - 400, data=b"Needle in the hay")])
+    archiver.send([event(HOSTILE, number, seconds=NOW - 300, data=HOSTILE_TEXT, enclosure=HOSTILE, kind=3) for number in range(1, 4)])
+    archiver.send([event(b"\xff\x01blade", 1, seconds=NOW - 30, slot=9)])
+    archiver.send([event("QUIET", number, seconds=NOW - 86400 * 3, slot=5) for number in range(1, 3)])
+
+
+EVENTS = 36 + 14 + 3 + 1 + 2
+
+
+class Answers:
+    """What holds for every engine. Classes behind set up `web`."""
+
+    def ask(self, question, status=200):
+        given, body = self.web.ask(question)
+        self.assertEqual(given, status, body)
+        return body
+
+    def events(self, question):
+        return self.ask(f"events?{question}")["events"]
+
+    def log_of(self, blade):
+        return next(log["log"] for log in self.ask("logs")["logs"] if log["blade"] == blade)
+
+    def test_overview_tells_of_each_log(self):
+        logs = {log["blade"]: log for log in self.ask("logs")["logs"]}
+        self.assertEqual(set(logs), {"BLADE-1", HOSTILE, "\\xFF\\x01blade", "QUIET"})
+        self.assertEqual((logs["BLADE-1"]["generation"], logs["BLADE-1"]["lastId"], logs["BLADE-1"]["missing"]), (2, 14, 0))
+        self.assertGreaterEqual(logs["QUIET"]["lag"], 86400 * 3)
+        self.assertEqual(logs[HOSTILE]["lately"]["error"], 3)
+
+    def test_overview_goes_on_behind_a_log(self):
+        first = self.ask("logs?limit=3")
+        rest = self.ask(f"logs?limit=3&behind={first['next']}")
+        self.assertEqual((len(first["logs"]), len(rest["logs"]), rest["next"]), (3, 1, None))
+        self.assertEqual(len({log["log"] for log in first["logs"] + rest["logs"]}), 4)
+
+    def test_overview_finds_by_a_part_of_the_name(self):
+        self.assertEqual([log["blade"] for log in self.ask("logs?find=lade-1")["logs"]], ["BLADE-1"])
+
+    def test_pages_of_a_search_follow_each_other_without_a_hole(self):
+        seen, before = [], ""
+        while True:
+            page = self.ask(f"events?limit=7&before={before}")
+            seen += [(found["log"], found["generation"], found["sequenceId"]) for found in page["events"]]
+            if page["next"] is None:
+                break
+            before = page["next"]
+        self.assertEqual((len(seen), len(set(seen))), (EVENTS, EVENTS))
+
+    def test_filters_are_those_of_all_readers(self):
+        self.assertEqual({found["typeName"] for found in self.events("type=error,warning")}, {"error", "warning"})
+        self.assertEqual(len(self.events("type=warning&limit=500")), 4)
+        self.assertEqual(len(self.events("source=eventlog&id=11")), 1)
+        self.assertEqual(len(self.events("blade=BLADE-1&seq=30:40")), 11)
+        self.assertEqual(len(self.events("since=-2d&slot=5")), 0)
+        self.assertEqual(len(self.events(f"until=@{NOW - 86400}")), 2)
+
+    def test_text_is_found_whatever_its_case(self):
+        self.assertEqual([found["text"] for found in self.events("text=needle")], ["Needle in the hay"])
+        self.assertEqual(self.events("text=bug-check")[0]["idName"], "bugcheck_error_msg")
+
+    def test_one_log_is_listed_by_generation_and_id(self):
+        found = self.events(f"log={self.log_of('BLADE-1')}&limit=500")
+        self.assertEqual([one["generation"] for one in found], [2] * 14 + [1] * 36)
+        self.assertEqual([one["sequenceId"] for one in found[:14]], list(range(14, 0, -1)))
+
+    def test_log_tells_its_generations_and_gaps(self):
+        log = self.ask(f"log?log={self.log_of('BLADE-1')}")
+        self.assertEqual([(one["generation"], one["runs"]) for one in log["generations"]], [(2, [[1, 14]]), (1, [[1, 20], [25, 40]])])
+
+    def test_neighbours_of_an_event_are_shown(self):
+        found = self.ask(f"around?log={self.log_of('BLADE-1')}&id=13&reach=2")["events"]
+        self.assertEqual([one["sequenceId"] for one in found], [14, 13, 12, 11])
+
+    def test_one_event_tells_all_that_is_known(self):
+        found = self.ask(f"event?log={self.log_of('BLADE-1')}&generation=2&id=13")
+        self.assertIn("evctl file crash", found["advice"])
+        self.assertIn({"name": "line", "value": "212"}, found["fields"])
+        self.ask(f"event?log={self.log_of('BLADE-1')}&generation=2&id=99", status=404)
+
+    def test_timeline_counts_every_event_once(self):
+        line = self.ask(f"timeline?since=@{NOW - 86400 * 4}&until=@{NOW}&buckets=50")
+        counts = [sum(column) for column in zip(*line["buckets"])]
+        self.assertEqual(counts, [4, 4, EVENTS - 8, 0])
+        self.assertEqual((line["cut"], line["since"] % line["width"]), (False, 0))
+
+    def test_timeline_takes_filters(self):
+        line = self.ask(f"timeline?since=@{NOW - 86400}&until=@{NOW}&type=error&blade=BLADE-1")
+        self.assertEqual([sum(column) for column in zip(*line["buckets"])], [1, 0, 0, 0])
+
+    def test_tail_gives_what_came_since(self):
+        tail = self.ask("tail?limit=5")
+        self.assertEqual(len(tail["events"]), 5)
+        self.archiver.send([event("TAIL", number, seconds=NOW) for number in range(1, 4)])
+        def came():
+            return {found["sequenceId"] for found in self.ask(f"tail?after={tail['position']}")["events"] if found["bladeId"] == "TAIL"}
+        wait_until(lambda: came() == {1, 2, 3}, "three events")
+        self.remove("TAIL")
+
+    def test_export_is_the_whole_search(self):
+        status, headers, body = self.web.request("/api/v1/export?form=jsonl&type=warning,error")
+        self.assertEqual((status, len(body.splitlines())), (200, 8))
+        self.assertIn("attachment", headers["Content-Disposition"])
+        self.assertEqual(len([json.loads(line) for line in body.splitlines()]), 8)
+        _, _, body = self.web.request("/api/v1/export?form=csv")
+        rows = list(csv.DictReader(io.StringIO(body.decode())))
+        self.assertEqual(len(rows), EVENTS)
+        self.assertIn(HOSTILE, {row["bladeId"] for row in rows})
+
+    def test_what_is_no_question_gets_a_400_that_says_why(self):
+        for question, word in (("events?type=bogus", "bogus"), ("events?foo=1", "foo"), ("events?since=someday", "someday"),
+                               ("events?limit=0", "limit"), ("events?limit=501", "501"), ("events?before=x", "before"),
+                               ("events?seq=9:3", "9:3"), ("events?generation=1", "generation"), ("events?limit=5&limit=6", "limit"),
+                               ("events?text=" + "x" * 600, "text"), ("events?text=a%00b", "NUL"), ("events?before=z1.2", "z1.2"),
+                               ("timeline", "since"), ("timeline?since=@9&until=@5", "until"), ("log", "log"), ("log?log=1e3", "1e3"),
+                               ("export?form=xml", "form"), ("around?log=1&id=-1", "-1"), ("status?x=1", "x")):
+            with self.subTest(question):
+                self.assertIn(word, self.ask(question, status=400)["error"])
+
+    def test_what_is_not_there_gets_a_404(self):
+        for question in ("nothing", "log?log=12345", "event?log=12345&generation=1&id=1"):
+            self.ask(question, status=404)
+
+    def test_queries_that_are_texts_of_the_engine_are_texts(self):
+        for text in ("%27%3B%20DROP%20TABLE%20events%3B--", "%25", "_", "%5C", "%22"):
+            self.assertEqual(self.ask(f"logs?find={text}").keys(), self.ask("logs").keys())
+            self.events(f"blade={text}&text={text}")
+        self.assertEqual(len(self.events("limit=500")), EVENTS)
+
+
+class SqliteTest(Answers, unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.directory = tempfile.TemporaryDirectory(prefix="evweb")
+        cls.addClassCleanup(cls.directory.cleanup)
+        cls.database = f"{cls.directory.name}/events.db"
+        cls.archiver = Archiver(PROGRAMS, cls.database)
+        cls.addClassCleanup(cls.archiver.end)
+        fill(cls.archiver)
+        cls.web = Web(PROGRAMS, cls.database)
+        cls.addClassCleanup(cls.web.end)
+        wait_until(lambda: len(cls.web.ask("events?limit=500")[1]["events"]) == EVENTS, "all events")
+
+    def remove(self, blade):
+        with sqlite3.connect(self.database) as database:
+            for table in ("events", "generations", "series"):
+                database.execute(f"DELETE FROM {table} WHERE series = (SELECT series FROM series WHERE blade = ?)", (blade,))
+
+    # --- The server
+
+    def test_only_questions_are_answered(self):
+        for method in ("POST", "PUT", "DELETE", "OPTIONS", "PATCH"):
+            status, headers, _ = self.web.request("/api/v1/status", method)
+            self.assertEqual((status, headers["Allow"]), (405, "GET, HEAD"), method)
+        status, headers, body = self.web.request("/api/v1/status", "HEAD")
+        self.assertEqual((status, body), (200, b""))
+
+    def test_every_answer_has_the_headers_of_a_careful_server(self):
+        for path in ("/", "/search", "/app.js", "/api/v1/status", "/api/v1/export?form=csv", "/nothing", "/api/v1/events?type=x"):
+            _, headers, _ = self.web.request(path)
+            policy = headers["Content-Security-Policy"]
+            self.assertIn("default-src 'none'", policy)
+            self.assertNotIn("unsafe", policy)
+            self.assertEqual((headers["X-Content-Type-Options"], headers["X-Frame-Options"], headers["Referrer-Policy"]),
+                             ("nosniff", "DENY", "no-referrer"), path)
+            self.assertEqual(len(headers.get_all("Content-Security-Policy")), 1)
+
+    def test_pages_have_no_script_or_style_within(self):
+        _, headers, body = self.web.request("/search?text=x")
+        self.assertEqual(headers["Content-Type"], "text/html; charset=utf-8")
+        for word in (b"<style", b"style=", b"onclick", b"http://", b"https://"):
+            self.assertNotIn(word, body)
+
+    def test_a_request_with_a_body_is_refused_and_ends_the_connection(self):
+        answer = self.web.raw(b"GET / HTTP/1.1\r\nHost: localhost\r\nContent-Length: 38\r\n\r\nGET /api/v1/status HTTP/1.1\r\nHost: a\r\n\r\n")
+        self.assertTrue(answer.startswith(b"HTTP/1.1 400 "), answer[:100])
+        self.assertEqual(answer.count(b"HTTP/1.1"), 1)
+
+    def test_nonsense_is_answered_or_dropped_and_the_server_goes_on(self):
+        for request in (b"\0\1\2\3\r\n\r\n", b"GET\r\n\r\n", b"GET " + b"/x" * 40_000 + b" HTTP/1.1\r\n\r\n",
+                        b"GET / HTTP/1.1\r\n" + b"A: b\r\n" * 20_000 + b"\r\n",
+                        b"GET /%ff%zz%00 HTTP/1.1\r\nHost: localhost\r\nRange: bytes=0-1,2-3,-\r\nConnection: close\r\n\r\n"):
+            try:
+                self.assertNotIn(b" 200 ", self.web.raw(request)[:20])
+            except ConnectionError:
+                pass
+        self.assertEqual(self.web.ask("status")[0], 200)
+
+    def test_a_name_that_is_not_the_servers_is_refused(self):
+        self.assertEqual(self.web.request("/", host="evil.example:80")[0], 421)
+        self.assertEqual(self.web.request("/", host="localhost")[0], 200)
+
+    def test_connections_beyond_the_bound_are_refused_at_once(self):
+        web = Web(PROGRAMS, self.database, "--connections", "2")
+        self.addCleanup(web.end)
+        host, _, port = web.place.rpartition(":")
+        idle = [support.socket.create_connection((host, int(port))) for _ in range(2)]
+        self.assertIn(b" 503 ", web.raw(b""))
+        for link in idle:
+            link.close()
+        wait_until(lambda: web.request("/")[0] == 200, "room for a connection")
+
+    def test_tokens_let_in(self):
+        tokens = pathlib.Path(self.directory.name) / "tokens"
+        tokens.write_text("# those of the night shift\ncorrect-horse-battery\n")
+        tokens.chmod(0o600)
+        web = Web(PROGRAMS, self.database, "--token-file", str(tokens), listen="0.0.0.0:0")
+        self.addCleanup(web.end)
+        web.place = web.place.replace("0.0.0.0", "127.0.0.1")
+        basic = "Basic " + base64.b64encode(b"anybody:correct-horse-battery").decode()
+        for given, status in ((None, 401), ("Bearer wrong-horse-battery", 401), ("Bearer ", 401), ("Basic !!", 401),
+                              ("Bearer correct-horse-battery", 200), (basic, 200)):
+            got, headers, _ = web.request("/api/v1/status", headers={"Authorization": given} if given else {})
+            self.assertEqual(got, status, given)
+        self.assertIn("Basic", web.request("/")[1]["WWW-Authenticate"])
+
+    def test_a_proxys_user_lets_in(self):
+        socket = f"{self.directory.name}/web.sock"
+        web = Web(PROGRAMS, self.database, "--trusted-user-header", "X-User", listen=f"unix:{socket}")
+        self.addCleanup(web.end)
+        self.assertEqual(web.request("/", headers={"X-User": "ada"})[0], 200)
+        self.assertEqual(web.request("/", headers={"X-User": ""})[0], 403)
+        self.assertEqual(web.request("/")[0], 403)
+        self.assertEqual(os.stat(socket).st_mode & 0o007, 0)
+
+    def refused(self, *arguments):
+        done = support.subprocess.run([f"{PROGRAMS}/evweb", *arguments], capture_output=True, text=True, timeout=support.DEADLINE)
+        self.assertEqual(done.returncode, 2, done.stderr)
+        return done.stderr
+
+    def test_an_address_that_others_reach_needs_a_token(self):
+        self.assertIn("--token-file", self.refused("--db", self.database, "--listen", "0.0.0.0:0"))
+        self.assertIn("--token-file", self.refused("--db", self.database, "--listen", "[::]:0", "--trusted-user-header", "X-User"))
+
+    def test_a_token_file_that_others_read_is_refused(self):
+        tokens = pathlib.Path(self.directory.name) / "open"
+        tokens.write_text("correct-horse-battery\n")
+        tokens.chmod(0o644)
+        self.assertIn("others", self.refused("--db", self.database, "--token-file", str(tokens)))
+
+    # --- An archive that comes and goes
+
+    def test_an_archive_that_is_away_is_said_and_comes_back(self):
+        path = f"{self.directory.name}/away.db"
+        web = Web(PROGRAMS, path)
+        self.addCleanup(web.end)
+        status, headers, _ = web.request("/api/v1/events")
+        self.assertEqual((status, headers["Retry-After"]), (503, "2"))
+        for count in (3, 5):
+            archiver = Archiver(PROGRAMS, path)
+            archiver.send([event("B", number, seconds=NOW) for number in range(1, count + 1)])
+            archiver.end()
+            self.assertEqual(len(web.ask("events")[1]["events"]), count)
+            os.rename(path, path + ".old")
+            self.assertEqual(web.ask("events")[0], 503)
+        pathlib.Path(path).write_text("no archive" * 100)
+        self.assertEqual(web.ask("events")[0], 503)
+
+    def test_a_search_goes_on_only_in_the_file_that_it_began_in(self):
+        path = f"{self.directory.name}/rewritten.db"
+        archiver = Archiver(PROGRAMS, path)
+        archiver.send([event(f"B{number % 2}", number, seconds=NOW) for number in range(1, 11)])
+        archiver.end()
+        web = Web(PROGRAMS, path)
+        self.addCleanup(web.end)
+        before = web.ask("events?limit=3")[1]["next"]
+        self.assertEqual(web.ask(f"events?before={before}")[0], 200)
+        with sqlite3.connect(path) as database:
+            database.execute("VACUUM")
+        self.assertIn("anew", web.ask(f"events?before={before}")[1]["error"])
+
+    def test_an_open_page_does_not_hold_up_the_archiver(self):
+        answers = []
+        for number in range(1, 21):
+            self.archiver.send([event("WRITER", number, seconds=NOW)])
+            answers.append(self.web.ask("events?limit=500")[0])
+        self.assertEqual(set(answers), {200})
+        self.remove("WRITER")
+
+
+@unittest.skipUnless(CHROMIUM, "no chromium here: what a browser makes of the pages is not tested")
+class BrowserTest(unittest.TestCase):
+    PAGES = ("/", "/search", "/search?type=error", "/timeline", "/live")
+
+    @classmethod
+    def setUpClass(cls):
+        cls.directory = tempfile.TemporaryDirectory(prefix="evweb")
+        cls.addClassCleanup(cls.directory.cleanup)
+        database = f"{cls.directory.name}/events.db"
+        archiver = Archiver(PROGRAMS, database)
+        fill(archiver)
+        archiver.end()
+        cls.web = Web(PROGRAMS, database)
+        cls.addClassCleanup(cls.web.end)
+        cls.browser = Browser(CHROMIUM)
+        cls.addClassCleanup(cls.browser.end)
+        logs = cls.web.ask("logs")[1]["logs"]
+        cls.logs = {log["blade"]: log["log"] for log in logs}
+
+    def setUp(self):
+        self.browser.size(1280, 900)
+        self.browser.complaints()
+
+    def show(self, path):
+        self.browser.show(f"http://{self.web.place}{path}")
+
+    def text(self):
+        return self.browser.run("document.body.innerText")
+
+    def all_pages(self):
+        yield from self.PAGES
+        for log in self.logs.values():
+            yield f"/blade?log={log}"
+        yield f"/event?log={self.logs['BLADE-1']}&generation=2&id=13"
+        yield f"/event?log={self.logs[HOSTILE]}&generation=1&id=2"
+
+    def test_every_page_is_drawn_without_a_complaint_at_any_width(self):
+        for path in self.all_pages():
+            with self.subTest(path):
+                self.browser.size(1280, 900)
+                self.show(path)
+                for width in (1280, 700, 360):
+                    self.browser.size(width, 740, width == 360)
+                    self.assertLessEqual(self.browser.run("document.documentElement.scrollWidth"), width)
+                self.assertEqual(self.browser.complaints(), [])
+                self.assertIsNone(self.browser.run("window.owned ?? null"))
+
+    def test_what_names_and_data_say_is_shown_as_it_is(self):
+        self.show("/search")
+        self.assertIn(HOSTILE_TEXT.decode(), self.text())
+        self.assertIn(HOSTILE, self.text())
+        self.assertEqual(self.browser.run("document.querySelectorAll('main img, main script, main b').length"), 0)
+
+    def test_policy_stops_what_would_run_all_the_same(self):
+        self.show("/")
+        self.browser.run("document.body.insertAdjacentHTML('beforeend', '<img src=x onerror=\"window.ran = 1\"><p style=\"color: red\">x</p>')")
+        wait_until(lambda: any("Content Security Policy" in text for text in self.browser.complaints()), "the policy to be applied")
+        self.assertIsNone(self.browser.run("window.ran ?? null"))
+
+    def test_keys_lead_through_a_page(self):
+        self.show("/search?limit=5")
+        self.browser.key("j")
+        self.browser.key("j")
+        self.assertEqual(self.browser.run("[...document.querySelectorAll('tbody tr')].findIndex((row) => row.contains(document.activeElement))"), 1)
+        self.browser.key("k")
+        chosen = self.browser.run("document.activeElement.href")
+        self.browser.key("Enter")
+        wait_until(lambda: self.browser.run("location.href") == chosen, "the event to be opened")
+        self.browser.drawn(chosen)
+        self.browser.key("/", "Slash")
+        wait_until(lambda: self.browser.run("location.pathname") == "/search", "the search")
+        self.browser.drawn()
+        self.browser.key("/", "Slash")
+        self.assertEqual(self.browser.run("document.activeElement.name"), "text")
+        self.assertEqual(self.browser.complaints(), [])
+
+    def test_next_page_is_one_key_away_and_has_its_own_address(self):
+        self.show("/search?limit=5")
+        first = self.browser.run("document.querySelector('tbody tr').dataset.key")
+        self.browser.key("n")
+        wait_until(lambda: "before=" in self.browser.run("location.search"), "the next page")
+        self.browser.drawn()
+        address = self.browser.run("location.href")
+        second = self.browser.run("document.querySelector('tbody tr').dataset.key")
+        self.assertNotEqual(first, second)
+        self.browser.show(address)
+        self.assertEqual(self.browser.run("document.querySelector('tbody tr').dataset.key"), second)
+
+    def test_form_becomes_an_address(self):
+        self.show("/search")
+        self.browser.run("document.querySelector('#text').value = 'needle'; document.querySelector('[data-type][value=information]').checked = true;"
+                         "document.querySelector('form button').click()")
+        wait_until(lambda: self.browser.run("location.search") == "?text=needle&type=information", "the search")
+        self.browser.drawn()
+        self.assertEqual(self.browser.run("document.querySelectorAll('tbody tr').length"), 1)
+
+    def test_timeline_is_zoomed_by_key(self):
+        self.show("/timeline")
+        width = self.browser.run("document.querySelector('h1 small').textContent")
+        self.browser.run("document.querySelector('.chart a').focus()")
+        self.browser.key("ArrowRight")
+        self.assertEqual(self.browser.run("document.activeElement.dataset.index"), "1")
+        self.browser.key("Enter")
+        wait_until(lambda: "since=" in self.browser.run("location.search"), "a closer look")
+        self.browser.drawn()
+        self.assertNotEqual(self.browser.run("document.querySelector('h1 small').textContent"), width)
+        self.assertEqual(self.browser.complaints(), [])
+
+    def test_a_wrong_filter_is_explained_beside_the_form(self):
+        self.show("/search?since=someday")
+        self.assertIn("someday", self.browser.run("document.querySelector('[role=alert]').textContent"))
+        self.assertEqual(self.browser.run("document.querySelector('#since').value"), "someday")
+
+    def test_a_blade_shows_its_crash_and_its_gaps(self):
+        self.show(f"/blade?log={self.logs['BLADE-1']}")
+        text = self.text()
+        for word in ("Crashes", "bug-check", "Generation 2", "Generation 1, superseded", "1 gaps", "21 to 24"):
+            self.assertIn(word, text)
+
+    def test_what_matters_is_told_without_colour(self):
+        self.show("/search?type=error")
+        self.assertEqual(self.browser.run("getComputedStyle(document.querySelector('.kind.error')).fontWeight"), "700")
+        self.assertEqual(self.browser.run("document.querySelector('.kind.error').textContent"), "error")
+
+    def contrast(self, selector):
+        return self.browser.run("""(() => {
+            const parse = (text) => text.match(/[0-9.]+/g).map(Number);
+            const light = (rgb) => rgb.slice(0, 3).map((part) => part / 255).map((part) => part <= 0.03928 ? part / 12.92 : ((part + 0.055) / 1.055) ** 2.4)
+                .reduce((sum, part, index) => sum + part * [0.2126, 0.7152, 0.0722][index], 0);
+            const element = document.querySelector(%s);
+            let behind = element;
+            while (parse(getComputedStyle(behind).backgroundColor)[3] === 0) behind = behind.parentElement;
+            const [one, two] = [light(parse(getComputedStyle(element).color)), light(parse(getComputedStyle(behind).backgroundColor))];
+            return (Math.max(one, two) + 0.05) / (Math.min(one, two) + 0.05);
+        })()""" % json.dumps(selector))
+
+    def test_texts_stand_out_in_light_and_in_dark(self):
+        for scheme in ("light", "dark"):
+            self.browser.scheme(scheme)
+            self.show("/search?type=error,warning")
+            for selector in ("h1", "#archive", "td a", ".kind.error", ".kind.warning", "th", "button.main"):
+                with self.subTest(scheme=scheme, selector=selector):
+                    self.assertGreaterEqual(self.contrast(selector), 4.5)
+
+    @unittest.skipUnless(PICTURES, "no --pictures DIRECTORY")
+    def test_pictures(self):
+        pages = {"fleet": "/", "search": "/search?type=error,warning&since=-2h", "timeline": f"/timeline?since=@{NOW - 7200}&until=@{NOW}",
+                 "blade": f"/blade?log={self.logs['BLADE-1']}", "event": f"/event?log={self.logs['BLADE-1']}&generation=2&id=13"}
+        for name, path in pages.items():
+            for look, scheme, width in (("light", "light", 1200), ("dark", "dark", 1200), ("phone", "light", 390)):
+                self.browser.scheme(scheme)
+                self.browser.size(width, 800, look == "phone")
+                self.show(path)
+                picture = self.browser.call("Page.captureScreenshot", format="png")["data"]
+                (pathlib.Path(PICTURES) / f"evweb-{name}-{look}.png").write_bytes(base64.b64decode(picture))
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=1)

@@ -1,0 +1,41 @@
+/**
+ * @file
+ * The sockets: connections, each with a thread and an end.
+ */
+#ifndef EVWEB_SERVER_H
+#define EVWEB_SERVER_H
+
+#include "http.h"
+
+#include <chrono>
+
+namespace evweb {
+
+/** Where requests come in. */
+struct ListenPlace {
+    std::string path;    ///< of a Unix socket; empty: TCP
+    std::string address; ///< numeric
+    U16_t port = 0;      ///< 0: any free one
+
+    bool isLoopback() const; ///< nobody but this host comes in there
+};
+
+/** "8480" (on 127.0.0.1), "192.0.2.1:8480", "[::1]:8480", "unix:/run/evweb/evweb.sock". Throws
+ * std::invalid_argument. */
+ListenPlace listenPlaceOf(const std::string& text);
+
+struct ServerSettings {
+    ListenPlace listen;
+    unsigned connections = 64;          ///< at a time; further ones are refused
+    std::chrono::seconds lifetime{120}; ///< of a connection, however slowly it is read
+    std::function<Response(const Request&)> answer;
+    std::function<void(const std::string&)> say;
+};
+
+/** Serves until SIGTERM or SIGINT, which the caller has blocked in all threads. Throws
+ * std::runtime_error when it cannot listen. @return the signal */
+int serve(const ServerSettings& settings);
+
+} // namespace evweb
+
+#endif

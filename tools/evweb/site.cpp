@@ -1,0 +1,287 @@
+#include "site.h"
+
+#include "answers.h"
+#include "evctl/event_forms.h"
+#include "evctl/time_text.h"
+
+#include <algorithm>
+#include <ctime>
+
+namespace evweb {
+namespace {
+
+constexpr std::chrono::seconds QUESTION_WAIT{2};
+constexpr U32_t EXPORT_PAGE = 500;
+constexpr U32_t USUAL_LOGS = 100;
+constexpr char API[] = "/api/v1/";
+
+// No other origin has a part in these pages, neither as a source nor as a frame around them.
+constexpr std::pair<const char*, const char*> HEADERS[] = {
+    {"Content-Security-Policy",
+     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; "
+     "connect-src 'self'; form-action 'self'; base-uri 'none'; frame-ancestors 'none'"},
+    {"X-Content-Type-Options", "nosniff"},
+    {"X-Frame-Options", "DENY"},
+    {"Referrer-Policy", "no-referrer"},
+    {"Cross-Origin-Opener-Policy", "same-origin"},
+    {"Cross-Origin-Resource-Policy", "same-origin"},
+    {"Permissions-Policy", "camera=(), geolocation=(), microphone=()"},
+};
+
+// The shell of all pages; what is shown in it its script tells from the address.
+constexpr std::array PAGES = {"/", "/search", "/timeline", "/blade", "/event", "/live"};
+
+class Turn {
+  public:
+    explicit Turn(std::counting_semaphore<8>& questions) : questions_(questions) {
+        if (!questions_.try_acquire_for(QUESTION_WAIT)) {
+            throw Refusal(503, "too much is asked at a time");
+        }
+    }
+    ~Turn() { questions_.release(); }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+  private:
+    std::counting_semaphore<8>& questions_;
+};
+
+std::string textOf(const Json& json) {
+    return evctl::jsonLine(json);
+}
+
+Response refusal(int status, const std::string& text) {
+    Response response{.status = status, .body = textOf({{"status", status}, {"error", text}})};
+    if (status == 405) {
+        response.headers.emplace_back("Allow", "GET, HEAD");
+    } else if (status == 401) {
+        response.headers.emplace_back("WWW-Authenticate",
+                                      "Basic realm=\"event archive\", charset=\"UTF-8\"");
+    } else if (status == 503) {
+        response.headers.emplace_back("Retry-After", "2");
+    }
+    return response;
+}
+
+const PageFile* fileOf(const std::string& path) {
+    const std::string wanted = std::ranges::find(PAGES, path) != PAGES.end() ? "/index.html" : path;
+    const auto found = std::ranges::find(pageFiles(), wanted, &PageFile::path);
+    return found == pageFiles().end() ? nullptr : &*found;
+}
+
+S64_t requiredNumber(const Parameters& parameters, const std::string& name, S64_t least,
+                     S64_t most) {
+    const std::optional<S64_t> number = numberOf(parameters, name, least, most);
+    if (!number) {
+        throw Refusal(400, name + ": is missing");
+    }
+    return *number;
+}
+
+S64_t requiredLog(const Parameters& parameters) {
+    return requiredNumber(parameters, "log", INT64_MIN, INT64_MAX);
+}
+
+std::string logs(View& view, const Parameters& parameters) {
+    requireKnown(parameters, {"find", "behind", "limit"});
+    const std::string find = lowerCase(valueOf(parameters, "find"));
+    const auto limit = numberOf(parameters, "limit", 1, MOST_ROWS).value_or(USUAL_LOGS);
+    return textOf(overviewJson(view.logs(find, numberOf(parameters, "behind", INT64_MIN, INT64_MAX),
+                                         static_cast<U32_t>(limit))));
+}
+
+std::string around(View& view, const Parameters& parameters) {
+    requireKnown(parameters, {"log", "generation", "id", "reach"});
+    const auto generation = numberOf(parameters, "generation", 1, UINT32_MAX);
+    const auto reach = numberOf(parameters, "reach", 1, MOST_ROWS / 2).value_or(25);
+    return textOf(pageJson(
+        view.around(requiredLog(parameters),
+                    generation ? std::optional(static_cast<U32_t>(*generation)) : std::nullopt,
+                    static_cast<U32_t>(requiredNumber(parameters, "id", 0, UINT32_MAX)),
+                    static_cast<U32_t>(reach))));
+}
+
+std::string event(View& view, const Parameters& parameters) {
+    requireKnown(parameters, {"log", "generation", "id"});
+    const auto found =
+        view.event(requiredLog(parameters),
+                   static_cast<U32_t>(requiredNumber(parameters, "generation", 1, UINT32_MAX)),
+                   static_cast<U32_t>(requiredNumber(parameters, "id", 0, UINT32_MAX)));
+    if (!found || !isWhole(*found)) {
+        throw Refusal(404, "the archive has no such event");
+    }
+    return textOf(wholeEventJson(*found));
+}
+
+std::string tail(View& view, const Parameters& parameters) {
+    const Search search = searchOf(parameters, {"after"});
+    return textOf(tailJson(view.tail(search, positionOf(parameters, "after"))));
+}
+
+std::string log(View& view, const Parameters& parameters) {
+    requireKnown(parameters, {"log"});
+    return textOf(logJson(view.log(requiredLog(parameters))));
+}
+
+std::string status(View& view, const Parameters& parameters) {
+    requireKnown(parameters, {});
+    return textOf(statusJson(view.status()));
+}
+
+std::string names(View& /*view*/, const Parameters& parameters) {
+    requireKnown(parameters, {});
+    return textOf(namesJson());
+}
+
+std::string events(View& view, const Parameters& parameters) {
+    return textOf(pageJson(view.search(searchOf(parameters))));
+}
+
+using Answer = std::string (*)(View&, const Parameters&);
+const std::map<std::string, Answer> ANSWERS = {
+    {"around", around}, {"event", event}, {"events", events}, {"log", log},
+    {"logs", logs},     {"names", names}, {"status", status}, {"tail", tail},
+};
+
+/** A search, page after page, until it or its bounds are through. */
+class Export {
+  public:
+    Export(View& view, Search search, const SiteSettings& settings, bool isCsv)
+        : view_(view), search_(std::move(search)), left_(settings.exportRows),
+          deadline_(Clock::now() + settings.exportTime), isCsv_(isCsv) {}
+
+    /** The next lines; empty at the end. */
+    std::string piece();
+
+    std::string first() const { return isCsv_ ? evctl::csvHeader() : ""; }
+
+  private:
+    std::string lineOf(const FoundEvent& event) const;
+    std::string note(const std::string& text) const;
+
+    View& view_;
+    Search search_;
+    U64_t left_;
+    Clock::time_point deadline_;
+    bool isCsv_;
+    bool isThrough_ = false;
+};
+
+std::string Export::lineOf(const FoundEvent& event) const {
+    const std::string from = std::to_string(event.log) + "/" + std::to_string(event.generation);
+    return isCsv_ ? evctl::csvLine(evctl::eventOf(event.event.image), from)
+                  : evctl::jsonLine(eventJson(event));
+}
+
+std::string Export::note(const std::string& text) const {
+    return isCsv_ ? "# " + text + "\n" : evctl::jsonLine({{"note", text}});
+}
+
+std::string Export::piece() {
+    if (isThrough_) {
+        return "";
+    }
+    search_.limit = static_cast<U32_t>(std::min<U64_t>(left_, EXPORT_PAGE));
+    const Page page = view_.search(search_);
+    std::string lines;
+    for (const FoundEvent& event : page.events) {
+        lines += isWhole(event) ? lineOf(event) : "";
+    }
+    left_ -= page.events.size();
+    search_.before = page.next;
+    isThrough_ = !page.next;
+    if (page.next && (left_ == 0 || Clock::now() >= deadline_)) {
+        isThrough_ = true;
+        return lines +
+               note("not all: narrow the search, or go on with before=" + page.next->text());
+    }
+    // A page may have found nothing yet, which is not the end.
+    return lines.empty() && !isThrough_ ? piece() : lines;
+}
+
+} // namespace
+
+Site::Site(View& view, SiteSettings settings) : view_(view), settings_(std::move(settings)) {}
+
+Response Site::answer(const Request& request) {
+    Response response;
+    try {
+        requireAccess(request, settings_.access);
+        response = route(request);
+    } catch (const Refusal& error) {
+        response = refusal(error.status(), error.what());
+    } catch (const evarchive::StoreError& error) {
+        response = refusal(503, error.what());
+    } catch (const std::exception& error) {
+        response = refusal(500, error.what());
+    }
+    response.headers.insert(response.headers.end(), std::begin(HEADERS), std::end(HEADERS));
+    response.headers.emplace_back("Cache-Control", "no-store");
+    return response;
+}
+
+Response Site::route(const Request& request) {
+    if (request.path.starts_with(API)) {
+        return ask(request, request.path.substr(sizeof(API) - 1));
+    }
+    const PageFile* file = fileOf(request.path);
+    if (file == nullptr) {
+        throw Refusal(404, "no such page");
+    }
+    return {.type = file->type, .body = std::string(file->content)};
+}
+
+Response Site::ask(const Request& request, const std::string& question) {
+    if (question == "export") {
+        return exported(request);
+    }
+    return {.body = askArchive(request, question)};
+}
+
+std::string Site::askArchive(const Request& request, const std::string& question) {
+    const Turn turn(questions_);
+    if (question == "timeline") {
+        return timeline(request);
+    }
+    const auto answer = ANSWERS.find(question);
+    if (answer == ANSWERS.end()) {
+        throw Refusal(404, "no such question; docs: evweb(8)");
+    }
+    return answer->second(view_, request.parameters);
+}
+
+std::string Site::timeline(const Request& request) {
+    const Search search = searchOf(request.parameters, {"buckets"});
+    const auto buckets = numberOf(request.parameters, "buckets", 1, MOST_BUCKETS).value_or(120);
+    if (!search.filter.since) {
+        throw Refusal(400, "since: is missing");
+    }
+    const auto until = search.filter.until.value_or(static_cast<U32_t>(time(nullptr)));
+    Timeline timeline = bucketsOf(*search.filter.since, until, static_cast<U32_t>(buckets));
+    view_.count(search, timeline);
+    return textOf(timelineJson(timeline));
+}
+
+Response Site::exported(const Request& request) {
+    const std::string form = valueOf(request.parameters, "form");
+    if (form != "csv" && form != "jsonl") {
+        throw Refusal(400, "form: csv or jsonl");
+    }
+    const bool isCsv = form == "csv";
+    auto rows =
+        std::make_shared<Export>(view_, searchOf(request.parameters, {"form"}), settings_, isCsv);
+    Response response{.type = isCsv ? "text/csv; charset=utf-8" : "application/jsonl"};
+    {
+        const Turn turn(questions_); // what is wrong shows while it can still be said
+        response.body = rows->first() + rows->piece();
+    }
+    response.headers.emplace_back("Content-Disposition",
+                                  "attachment; filename=\"events." + form + "\"");
+    response.more = [this, rows] {
+        const Turn turn(questions_);
+        return rows->piece();
+    };
+    return response;
+}
+
+} // namespace evweb

@@ -1,0 +1,65 @@
+#include "view.h"
+
+#include "evctl/event_text.h"
+#include "http.h"
+
+#include <charconv>
+
+namespace evweb {
+namespace {
+
+constexpr std::size_t MOST_NUMBERS = 4;
+
+} // namespace
+
+std::string Position::text() const {
+    std::string text(1, kind);
+    for (const S64_t number : numbers) {
+        text += (text.size() > 1 ? "." : "") + std::to_string(number);
+    }
+    return text;
+}
+
+std::optional<Position> Position::parse(const std::string& text) {
+    if (text.empty() || text[0] < 'a' || text[0] > 'z') {
+        return std::nullopt;
+    }
+    Position position{.kind = text[0]};
+    const char* at = text.data() + 1;
+    const char* end = text.data() + text.size();
+    for (;;) {
+        S64_t number = 0;
+        const auto [stop, error] = std::from_chars(at, end, number);
+        if (error != std::errc()) {
+            return std::nullopt;
+        }
+        position.numbers.push_back(number);
+        if (stop == end) {
+            return position;
+        }
+        if (*stop != '.' || position.numbers.size() == MOST_NUMBERS) {
+            return std::nullopt;
+        }
+        at = stop + 1;
+    }
+}
+
+bool Search::matches(const EmpEvLogHeader_t& header) const {
+    return filter.matches(header);
+}
+
+bool Search::holdsText(const evctl::EventView& event) const {
+    return text.empty() || lowerCase(evctl::textColumn(event)).find(text) != std::string::npos;
+}
+
+std::size_t typeIndex(U32_t type) {
+    return type >= EMP_E_TYPE_INFORMATION && type <= EMP_E_TYPE_ERROR ? type : 0;
+}
+
+void Timeline::count(U32_t time, std::size_t type, U64_t events) {
+    if (time >= since && (time - since) / width < buckets.size()) {
+        buckets[(time - since) / width][type] += events;
+    }
+}
+
+} // namespace evweb
