@@ -2,9 +2,10 @@
 #include "archive.h"
 #include "evctl/archive_commands.h"
 #include "evctl/listing.h"
+#include "evctl/new_file.h"
 #include "sqlite_store.h"
 
-#include <cstring>
+#include <cerrno>
 #include <fcntl.h>
 #include <iostream>
 #include <map>
@@ -54,10 +55,11 @@ EventView viewOf(const evarchive::StoredEvent& event) {
     return sources::eventOf(event.image);
 }
 
-/** Calls @p take with each event of the logs, by log, generation and id; damaged ones are left
- * out. Events of another identity are shown in their own log only. */
+/** Calls @p take with each event of the logs, by log, generation and id. Events of another identity
+ * are shown in their own log only. @return how many damaged ones were left out */
 template <typename Take>
-void forEachEvent(const LogFilter& logs, const Take& take) {
+U64_t forEachEvent(const LogFilter& logs, const Take& take) {
+    U64_t damaged = 0;
     const auto store = evarchive::openArchiveForReading(logs.path);
     const auto generations = store->listGenerations();
     for (size_t i = 0; i < generations.size(); ++i) {
@@ -70,8 +72,19 @@ void forEachEvent(const LogFilter& logs, const Take& take) {
             if (event.own && evarchive::isWholeEvent(event.image)) {
                 take(generations[i], event);
             }
+            damaged += event.own && !evarchive::isWholeEvent(event.image) ? 1 : 0;
         });
     }
+    return damaged;
+}
+
+/** Says what was left out. @return the exit status */
+int conclude(U64_t damaged) {
+    if (damaged == 0) {
+        return tools::EXIT_DONE;
+    }
+    std::cerr << "evctl: " << damaged << " damaged events left out; see 'evctl archive check'\n";
+    return tools::EXIT_FINDING;
 }
 
 int runEvents(const EventsOptions& options) {
@@ -84,19 +97,21 @@ int runEvents(const EventsOptions& options) {
 int runGet(const EventsOptions& options) {
     EventPrinter printer(options.listing.output);
     bool isFound = false;
-    forEachEvent(options.logs, [&](const auto&, const evarchive::StoredEvent& event) {
+    const U64_t damaged = forEachEvent(options.logs, [&](const auto&, const auto& event) {
         if (event.sequenceId == options.sequenceId) {
             printer.printNow(viewOf(event));
             isFound = true;
         }
     });
-    if (!isFound) {
-        std::cerr << "evctl: no log holds an event with id " << options.sequenceId << "\n";
+    if (isFound) {
+        return tools::EXIT_DONE;
     }
-    return isFound ? tools::EXIT_DONE : tools::EXIT_FINDING;
+    std::cerr << "evctl: no log holds an event with id " << options.sequenceId << "\n";
+    conclude(damaged); // it may be one of them
+    return tools::EXIT_FINDING;
 }
 
-/** A file that was not there before, for its owner only. */
+/** A file that was not there before, for its owner only; gone again unless it is finished. */
 class NewFile {
   public:
     explicit NewFile(const std::string& path)
@@ -105,8 +120,9 @@ class NewFile {
         require(stream_ != nullptr);
     }
     ~NewFile() {
-        if (stream_ != nullptr) {
-            fclose(stream_);
+        fclose(stream_);
+        if (!isFinished_) {
+            unlink(path_.c_str());
         }
     }
     NewFile(const NewFile&) = delete;
@@ -115,35 +131,40 @@ class NewFile {
     void write(const std::string& text) {
         require(fwrite(text.data(), 1, text.size(), stream_) == text.size());
     }
-    void finish() { require(fflush(stream_) == 0 && fsync(descriptor_) == 0); }
+    void finish() {
+        require(fflush(stream_) == 0 && fsync(descriptor_) == 0);
+        isFinished_ = true;
+    }
 
   private:
     void require(bool isGood) const {
         if (!isGood) {
-            throw std::runtime_error(path_ + ": " + strerror(errno));
+            failWith(path_, errno);
         }
     }
 
     int descriptor_;
     FILE* stream_;
     std::string path_;
+    bool isFinished_ = false;
 };
 
 int runExport(const EventsOptions& options) {
     NewFile file(options.target);
     U64_t count = 0;
-    forEachEvent(options.logs, [&](const auto& generation, const evarchive::StoredEvent& event) {
-        if (options.listing.filter.matches(viewOf(event))) {
-            Json json = eventJson(viewOf(event));
-            json["generation"] = generation.number.generation;
-            json["received"] = event.received;
-            file.write(jsonLine(json));
-            ++count;
-        }
-    });
+    const U64_t damaged =
+        forEachEvent(options.logs, [&](const auto& generation, const auto& event) {
+            if (options.listing.filter.matches(viewOf(event))) {
+                Json json = eventJson(viewOf(event));
+                json["generation"] = generation.number.generation;
+                json["received"] = event.received;
+                file.write(jsonLine(json));
+                ++count;
+            }
+        });
     file.finish();
     std::cout << count << " events written to " << options.target << "\n";
-    return tools::EXIT_DONE;
+    return conclude(damaged);
 }
 
 /** What an archive holds, in numbers. */
@@ -157,16 +178,16 @@ struct Stats {
 
 int runStats(const EventsOptions& options) {
     Stats stats;
-    forEachEvent(options.logs, [&](const auto& generation, const evarchive::StoredEvent& event) {
-        if (!options.listing.filter.matches(viewOf(event))) {
-            return;
-        }
-        ++stats.events;
-        stats.bytes += event.image.size();
-        stats.doubtful += event.doubtful ? 1 : 0;
-        ++stats.types[viewOf(event).header->evType];
-        stats.logs.insert(generation.key);
-    });
+    const U64_t damaged =
+        forEachEvent(options.logs, [&](const auto& generation, const auto& event) {
+            if (options.listing.filter.matches(viewOf(event))) {
+                ++stats.events;
+                stats.bytes += event.image.size();
+                stats.doubtful += event.doubtful ? 1 : 0;
+                ++stats.types[viewOf(event).header->evType];
+                stats.logs.insert(generation.key);
+            }
+        });
     U64_t aside = 0;
     evarchive::openArchiveForReading(options.logs.path)
         ->forEachAside([&](const evarchive::AsideEvent& event) {
@@ -181,12 +202,12 @@ int runStats(const EventsOptions& options) {
                        {"setAside", aside},         {"types", types}};
     if (options.listing.output.form == Form::JSON) {
         std::cout << jsonLine(json);
-        return tools::EXIT_DONE;
+        return conclude(damaged);
     }
     for (const auto& [name, value] : json.items()) {
         std::cout << name << " " << value.dump() << "\n";
     }
-    return tools::EXIT_DONE;
+    return conclude(damaged);
 }
 
 std::pair<CLI::App*, std::shared_ptr<EventsOptions>> addOne(CLI::App& group, Chosen& chosen,

@@ -10,7 +10,7 @@ namespace {
 using Reader = std::shared_ptr<evarchive::StoreReader>;
 
 /** One log, its generations from old to new. Events of another identity that it holds have a log of
- * their own, and damaged ones are left out. */
+ * their own, and damaged ones are left out, which is a problem of the source. */
 class ArchiveSource final : public Source {
   public:
     ArchiveSource(Origin origin, Reader store, std::vector<evarchive::GenerationKey> generations)
@@ -22,15 +22,18 @@ class ArchiveSource final : public Source {
     void rewind() override {
         generation_ = 0;
         shown_.reset();
+        damaged_ = 0;
     }
 
   private:
     std::optional<evarchive::StoredEvent> step();
+    void noteDamaged();
 
     Reader store_;
     std::vector<evarchive::GenerationKey> generations_;
     size_t generation_ = 0;
     std::optional<U32_t> shown_; // the last id of this generation
+    U64_t damaged_ = 0;
 };
 
 std::optional<evarchive::StoredEvent> ArchiveSource::step() {
@@ -55,8 +58,14 @@ std::optional<Event> ArchiveSource::next() {
                          .position = generations_[generation_].generation,
                          .storage = image};
         }
+        noteDamaged();
     }
     return std::nullopt;
+}
+
+void ArchiveSource::noteDamaged() {
+    damaged_++;
+    problems_ = {std::to_string(damaged_) + " damaged events left out; see 'evctl archive check'"};
 }
 
 bool matches(const LogChoice& logs, const evarchive::SeriesKey& key) {

@@ -5,11 +5,13 @@
 #include "../evlog/log_image.h"
 #include "archive.h"
 #include "link_messages.h"
+#include "sqlite.h"
 #include "sqlite_store.h"
 #include "temp_directory.h"
 
 #include <gmock/gmock.h>
 
+#include <sqlite3.h>
 #include <zlib.h>
 
 using sources::openSources;
@@ -123,4 +125,16 @@ TEST_F(Archives, EventsOutliveTheNextOne) {
     ASSERT_TRUE(first && second);
     EXPECT_EQ(U32_t{first->view.header->evSequenceId}, 1U);
     EXPECT_EQ(first->position, 1U);
+}
+
+TEST_F(Archives, DamagedEventsAreLeftOutAndAProblem) {
+    fill({{.id = 1}, {.id = 2}, {.id = 3}});
+    evarchive::SqliteDatabase(path_, SQLITE_OPEN_READWRITE, path_)
+        .execute("UPDATE events SET image = x'00' WHERE id = 2");
+    Sources found = openSources(path_);
+    EXPECT_EQ(idsOf(*found.at(0)), (Ids{1, 3}));
+    found[0]->rewind();
+    EXPECT_EQ(idsOf(*found[0]), (Ids{1, 3}));
+    EXPECT_THAT(found[0]->problems(),
+                ElementsAre("1 damaged events left out; see 'evctl archive check'"));
 }
