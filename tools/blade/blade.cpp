@@ -168,14 +168,14 @@ void Blade::connectStartup() {
 void Blade::startupConnected() {
     // The event manager must not keep the Startup process's connection open.
     fcntl(socket_.native_handle(), F_SETFD, FD_CLOEXEC);
-    tools::Connection::Callbacks callbacks;
-    callbacks.message = [this](tools::Connection&, std::span<U8_t> message) {
+    tools::MessageConnection::Callbacks callbacks;
+    callbacks.message = [this](tools::MessageConnection&, std::span<U8_t> message) {
         startupMessage(message);
         return true;
     };
-    callbacks.end = [this](tools::Connection&, tools::End) { startup_.reset(); };
-    startup_ = std::make_shared<tools::Connection>(std::move(socket_), "startup", QUEUE_MAX,
-                                                   std::move(callbacks));
+    callbacks.end = [this](tools::MessageConnection&, tools::End) { startup_.reset(); };
+    startup_ = std::make_shared<tools::MessageConnection>(std::move(socket_), "startup", QUEUE_MAX,
+                                                          std::move(callbacks));
     startup_->start();
     if (options_.noEmp) {
         deadline_.cancel();

@@ -8,7 +8,7 @@
 
 #include "child.h"
 #include "child_output.h"
-#include "common/connection.h"
+#include "common/message_connection.h"
 #include "evctl/archiver_address.h"
 #include "parameters.h"
 
@@ -89,7 +89,7 @@ class Blade {
     std::array<char, 16> readyText_{};
     asio::steady_timer deadline_; ///< of coming up, later of a child's end
     tools::Socket socket_;
-    std::shared_ptr<tools::Connection> startup_; ///< the Startup process's endpoint
+    std::shared_ptr<tools::MessageConnection> startup_; ///< the Startup process's endpoint
     ChildOutput msmOutput_;
     ChildOutput empOutput_;
     Child msm_;

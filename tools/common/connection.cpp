@@ -1,175 +1,145 @@
 #include "common/connection.h"
 
-#include "common/say.h"
-
-#include <poll.h>
+#include <algorithm>
+#include <cerrno>
+#include <sys/socket.h>
 
 namespace tools {
+namespace {
 
-Connection::Connection(Socket socket, std::string name, size_t queueMax, Callbacks callbacks)
-    : socket_(std::move(socket)), name_(std::move(name)), queueMax_(queueMax),
-      callbacks_(std::move(callbacks)) {
+// Between two looks whether something can go out, where nothing tells.
+constexpr std::chrono::microseconds FIRST_DELAY{500};
+constexpr std::chrono::microseconds LONGEST_DELAY{50'000};
+
+bool isForNow(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+} // namespace
+
+Connection::Connection(Stream socket, Outgoing& outgoing)
+    : socket_(std::move(socket)), outgoing_(outgoing) {
     socket_.non_blocking(true);
 }
 
-void Connection::start() {
-    read();
-}
-
-void Connection::resume() {
-    asio::post(socket_.get_executor(), [self = shared_from_this()] {
-        if (self->open_) {
-            self->takeMessages();
+void Connection::read() {
+    if (isReading_ || !isOpen_) {
+        return;
+    }
+    isReading_ = true;
+    socket_.async_wait(Stream::wait_read, [self = shared_from_this()](std::error_code error) {
+        self->isReading_ = false;
+        if (!self->isOpen_) {
+            return;
+        }
+        if (error) {
+            self->lost(error);
+        } else {
+            self->receive();
         }
     });
 }
 
-void Connection::close(const std::string& why) {
-    finish(End::GivenUp, why);
-}
-
-void Connection::read() {
-    std::span<U8_t> space = frames_.space();
-    socket_.async_read_some(asio::buffer(space.data(), space.size()),
-                            [self = shared_from_this()](std::error_code error, size_t bytes) {
-                                self->frames_.commit(bytes);
-                                if (!self->open_) {
-                                    return;
-                                }
-                                if (error) {
-                                    self->endOfStream(error);
-                                } else {
-                                    self->takeMessages();
-                                }
-                            });
-}
-
-void Connection::endOfStream(std::error_code error) {
-    if (frames_.pending() > 0) {
-        finish(End::Broken, "ended in the middle of a message, after " +
-                                std::to_string(frames_.pending()) + " bytes of it");
-    } else if (error == asio::error::eof || error == asio::error::connection_reset) {
-        finish(End::Closed, "");
-    } else {
-        finish(End::Failed, "closed, " + error.message());
-    }
-}
-
-void Connection::takeMessages() {
-    std::span<U8_t> message;
-    FrameReader::Outcome outcome = frames_.next(message);
-    bool taken = true;
-    for (; outcome == FrameReader::Outcome::Message; outcome = frames_.next(message)) {
-        taken = callbacks_.message(*this, message);
-        if (!taken) {
-            frames_.putBack(message);
-            break;
+void Connection::receive() {
+    const std::span<U8_t> place = space();
+    const ssize_t size = recv(descriptor(), place.data(), place.size(), MSG_DONTWAIT);
+    if (size > 0) {
+        if (isEnding_ || received(static_cast<std::size_t>(size))) {
+            read();
         }
-    }
-    if (callbacks_.batch) {
-        callbacks_.batch();
-    }
-    if (outcome == FrameReader::Outcome::BadLength) {
-        finish(End::BadLength, "closed, mmsg_length " + std::to_string(frames_.announcedLength()) +
-                                   " is not between 64 and 4064");
-    } else if (taken) {
+    } else if (size < 0 && isForNow(errno)) {
         read();
+    } else {
+        lost(size == 0 ? make_error_code(asio::error::eof)
+                       : std::error_code(errno, std::system_category()));
     }
 }
 
-bool Connection::hasRoom() {
-    if (queue_.count() >= queueMax_) {
-        flush();
+void Connection::lost(std::error_code why) {
+    if (isEnding_) {
+        close();
+    } else {
+        peerEnded(why);
     }
-    return canSend_ && queue_.count() < queueMax_;
-}
-
-bool Connection::post(std::span<const U8_t> message) {
-    if (hasRoom()) {
-        queue_.push(message);
-        return true;
-    }
-    if (canSend_ && dropped_++ == 0) {
-        say(name_ + ": " + std::to_string(queueMax_) +
-            " messages wait for it already, messages are dropped");
-    }
-    return false;
 }
 
 void Connection::flush() {
-    if (!waiting_) {
-        sendAll();
+    if (!isWaiting_ && canSend()) {
+        send();
     }
 }
 
-bool Connection::send(std::span<const U8_t> message) {
-    bool taken = post(message);
-    flush();
-    return taken && canSend_;
-}
-
-void Connection::sendAll() {
-    while (canSend_ && !queue_.empty() && sendPiece()) {
+void Connection::send() {
+    const std::size_t before = outgoing_.bytes();
+    const Outgoing::State state = outgoing_.flush(descriptor());
+    if (outgoing_.bytes() != before) {
+        delay_ = FIRST_DELAY;
     }
-    if (queue_.empty()) {
-        sayDrops();
-    } else if (canSend_) {
+    canSend_ = state != Outgoing::State::BROKEN;
+    if (state == Outgoing::State::FULL) {
         waitWritable();
+    } else if (state == Outgoing::State::LATER) {
+        waitAWhile();
     }
-}
-
-/** @return false when the peer takes nothing now, or never again */
-bool Connection::sendPiece() {
-    std::span<const U8_t> piece = queue_.piece();
-    std::error_code error;
-    size_t sent = socket_.send(asio::buffer(piece.data(), piece.size()), 0, error);
-    if (error) {
-        canSend_ = error == asio::error::would_block || error == asio::error::try_again;
-        return false;
-    }
-    queue_.sent(sent);
-    return true;
+    flushed(state);
+    finishEnd();
 }
 
 void Connection::waitWritable() {
-    waiting_ = true;
-    socket_.async_wait(Socket::wait_write, [self = shared_from_this()](std::error_code error) {
-        self->waiting_ = false;
-        if (error) {
-            return;
-        }
-        size_t before = self->queue_.count();
-        self->sendAll();
-        if (self->queue_.count() < before && self->callbacks_.progress) {
-            self->callbacks_.progress(*self);
+    isWaiting_ = true;
+    socket_.async_wait(Stream::wait_write, [self = shared_from_this()](std::error_code error) {
+        self->isWaiting_ = false;
+        if (!error && self->canSend()) {
+            self->writable();
         }
     });
 }
 
-bool Connection::peerIsGone() {
-    struct pollfd entry {
-        .fd = socket_.native_handle(), .events = 0, .revents = 0
-    };
-    return poll(&entry, 1, 0) == 1 && (entry.revents & (POLLHUP | POLLERR)) != 0;
+void Connection::writable() {
+    send();
 }
 
-void Connection::sayDrops() {
-    if (dropped_ > 0) {
-        say(name_ + ": " + std::to_string(dropped_) + " messages were dropped");
-        dropped_ = 0;
+void Connection::waitAWhile() {
+    if (!timer_) {
+        timer_ = std::make_unique<asio::steady_timer>(executor());
+    }
+    isWaiting_ = true;
+    delay_ = std::clamp(delay_ * 2, FIRST_DELAY, LONGEST_DELAY);
+    timer_->expires_after(delay_);
+    timer_->async_wait([self = shared_from_this()](std::error_code error) {
+        self->isWaiting_ = false;
+        if (!error && self->canSend()) {
+            self->send();
+        }
+    });
+}
+
+void Connection::endInOrder() {
+    if (isEnding_ || !isOpen_) {
+        return;
+    }
+    isEnding_ = true;
+    finishEnd();
+    read();
+}
+
+// Tells the peer once everything has gone out.
+void Connection::finishEnd() {
+    if (isEnding_ && isOpen_ && !isWaiting_ && (outgoing_.bytes() == 0 || !canSend_)) {
+        std::error_code gone;
+        socket_.shutdown(Stream::shutdown_send, gone);
     }
 }
 
-void Connection::finish(End end, const std::string& why) {
-    canSend_ = false;
-    open_ = false;
+void Connection::close() {
+    if (!isOpen_) {
+        return;
+    }
+    isOpen_ = false;
+    timer_.reset();
     std::error_code ignored;
     socket_.close(ignored);
-    sayDrops();
-    if (!why.empty()) {
-        say(name_ + ": " + why);
-    }
-    callbacks_.end(*this, end);
+    closed();
 }
 
 } // namespace tools

@@ -1,114 +1,98 @@
 /**
  * @file
- * One connection that carries local messages: reads, sends, never waits for its peer.
+ * One connection of a tool: reads, sends, never waits for its peer, and can end in order.
  */
 #ifndef TOOLS_CONNECTION_H
 #define TOOLS_CONNECTION_H
 
-#include "common/frame.h"
-#include "common/out_queue.h"
+#include "common/outgoing.h"
 
 #include <asio.hpp>
 
-#include <functional>
 #include <memory>
 #include <span>
-#include <string>
 
 namespace tools {
 
-using Socket = asio::local::stream_protocol::socket;
-
-/** How a connection ended. */
-enum class End {
-    Closed,    ///< by its peer, between two messages
-    Broken,    ///< by its peer, in the middle of a message
-    BadLength, ///< from this side, because of a bad mmsg_length
-    Failed,    ///< by an error of the socket
-    GivenUp,   ///< from this side, by close()
-};
-
 /**
- * A connection that lives as long as it is read: the asynchronous read holds it. What the peer has
- * sent is taken to its last byte, even when the peer is already gone. All calls come from the one
- * thread of the event loop; no callback is called from within a call, but for close().
+ * A stream socket of any kind. What a derived class makes of the bytes that come is its own; how
+ * its messages go out is the business of its Outgoing.
+ *
+ * A connection lives as long as it is read or waits to send: what it has under way holds it. All
+ * calls come from the one thread of the event loop.
  */
 class Connection : public std::enable_shared_from_this<Connection> {
   public:
-    struct Callbacks {
-        /**
-         * A whole message; it may be changed in place, and is gone after the call.
-         * @return false when it cannot be taken now: it stays, and the peer is not read any further
-         * until resume()
-         */
-        std::function<bool(Connection&, std::span<U8_t>)> message;
-        /** Everything that arrived together was given out: the time to flush(). May be empty. */
-        std::function<void()> batch;
-        /** The connection has ended; called once. */
-        std::function<void(Connection&, End)> end;
-        /** The peer has taken some of what waited for it. May be empty. */
-        std::function<void(Connection&)> progress;
-    };
+    using Stream = asio::generic::stream_protocol::socket;
 
-    /**
-     * @param name      for lines: "startup#3"
-     * @param queueMax  messages that may wait for the peer
-     */
-    Connection(Socket socket, std::string name, size_t queueMax, Callbacks callbacks);
+    virtual ~Connection() = default;
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
 
-    /** Begins to read. */
-    void start();
-
-    /** Reads on after a message that was not taken, which is given out again first. */
-    void resume();
-
-    /** Ends the connection, after a line that says why. What was not given out yet is lost. */
-    void close(const std::string& why);
-
-    /**
-     * Queues a message, which goes out with the next flush() together with others.
-     * @return false when it was dropped: the queue is full, or the peer takes no more
-     */
-    bool post(std::span<const U8_t> message);
-
-    /** Sends what is queued, as far as the peer takes it now; the rest follows by itself. */
+    /** Sends what is queued, as far as it may go now; the rest follows by itself. */
     void flush();
 
-    /** post() and flush(). */
-    bool send(std::span<const U8_t> message);
+    bool isOpen() const { return isOpen_; }
+    bool isEnding() const { return isEnding_; }
 
-    /** @return whether post() would take a message now */
-    bool hasRoom();
+  protected:
+    /** @param outgoing of the derived class: lives as long as this */
+    Connection(Stream socket, Outgoing& outgoing);
 
-    /** Whether the peer is gone, also while what it sent last is still to be read. */
-    bool peerIsGone();
+    /** Reads on, unless it is being read. */
+    void read();
 
-    /** Messages that post() took and that have not gone out: they wait, or the peer is gone. */
-    OutQueue& unsent() { return queue_; }
-    const OutQueue& unsent() const { return queue_; }
+    /** Ends it in order: what is queued goes out, the peer is told, and what it still sends is
+     * taken off the wire and thrown away until it ends as well. Nothing that is on its way is cut
+     * by this; how long it may take is the caller's to watch. */
+    void endInOrder();
 
-    const std::string& name() const { return name_; }
+    /** Ends it at once. */
+    void close();
+
+    int descriptor() { return socket_.native_handle(); }
+    asio::any_io_executor executor() { return socket_.get_executor(); }
+
+    /** Whether anything can still go out. */
+    bool canSend() const { return isOpen_ && canSend_; }
+
+    /** The peer takes something again. Whoever overrides it calls it. */
+    virtual void writable();
 
   private:
-    void read();
-    void takeMessages();
-    void endOfStream(std::error_code error);
-    bool sendPiece();
-    void sendAll();
-    void waitWritable();
-    void sayDrops();
-    void finish(End end, const std::string& why);
+    /** Where the next bytes go; not empty. Connections may share it: what comes is given out at
+     * once. */
+    virtual std::span<U8_t> space() = 0;
 
-    Socket socket_;
-    std::string name_;
-    size_t queueMax_;
-    Callbacks callbacks_;
-    FrameReader frames_;
-    OutQueue queue_;
-    size_t dropped_ = 0;   ///< since the queue was last empty
-    bool canSend_ = true;  ///< false once the peer takes nothing any more
-    bool waiting_ = false; ///< for the peer to take more
-    bool open_ = true;     ///< false once the end was said
+    /** So many bytes have come into space(); not called while it is being ended here. @return
+     * whether to read on; if not, read() is called some time */
+    virtual bool received(std::size_t bytes) = 0;
+
+    /** The peer has ended the stream, or it has failed. Not called while it is being ended here. */
+    virtual void peerEnded(std::error_code why) = 0;
+
+    /** Outgoing was asked to send. */
+    virtual void flushed(Outgoing::State state) = 0;
+
+    /** It is no more; called once. */
+    virtual void closed() {}
+
+    void receive();
+    void lost(std::error_code why);
+    void send();
+    void waitWritable();
+    void waitAWhile();
+    void finishEnd();
+
+    Stream socket_;
+    Outgoing& outgoing_;
+    std::unique_ptr<asio::steady_timer> timer_; ///< made when something has to wait for its time
+    std::chrono::microseconds delay_{0};
+    bool isReading_ = false;
+    bool isWaiting_ = false; ///< to send more
+    bool canSend_ = true;
+    bool isEnding_ = false;
+    bool isOpen_ = true;
 };
 
 } // namespace tools

@@ -2,6 +2,9 @@
 
 #include "common/frame.h"
 
+#include <cerrno>
+#include <sys/socket.h>
+
 namespace tools {
 namespace {
 
@@ -40,6 +43,19 @@ void OutQueue::sent(size_t bytes) {
         --count_;
     }
     giveBackMemory();
+}
+
+OutQueue::State OutQueue::flush(int descriptor) {
+    while (!empty()) {
+        std::span<const U8_t> next = piece();
+        ssize_t size = send(descriptor, next.data(), next.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (size >= 0) {
+            sent(static_cast<size_t>(size));
+        } else if (errno != EINTR) {
+            return errno == EAGAIN || errno == EWOULDBLOCK ? State::FULL : State::BROKEN;
+        }
+    }
+    return State::EMPTY;
 }
 
 /** Moves bytes only when at least as many have gone out since the last time. */

@@ -5,16 +5,17 @@
 #ifndef TOOLS_OUT_QUEUE_H
 #define TOOLS_OUT_QUEUE_H
 
+#include "common/outgoing.h"
 #include "mmsg.h"
 
-#include <cstddef>
 #include <span>
 #include <vector>
 
 namespace tools {
 
-/** A queue of whole messages; only the first may have gone out in part. */
-class OutQueue {
+/** A queue of whole messages; only the first may have gone out in part. As many go out with one
+ * send as a peer surely finds whole. */
+class OutQueue final : public Outgoing {
   public:
     /** Most bytes of a piece that holds more than one message: the kernel keeps so much together,
      * so that a peer never sees a message's first byte without its last. */
@@ -35,6 +36,9 @@ class OutQueue {
 
     /** Says how many bytes of piece() went out. */
     void sent(size_t bytes);
+
+    State flush(int descriptor) override;
+    size_t bytes() const override { return bytes_.size() - begin_ - firstSent_; }
 
   private:
     size_t lengthAt(size_t position) const;

@@ -33,10 +33,6 @@ constexpr std::size_t REQUESTS_OF_ONE = 10'000;
 // Bytes of answers that wait for one blade. It can have 64 inquiries under way.
 constexpr std::size_t UNSENT_OF_ONE = 1'048'576;
 
-// Between two looks whether an answer can go out.
-constexpr std::chrono::microseconds FIRST_FLUSH_DELAY{500};
-constexpr std::chrono::microseconds LONGEST_FLUSH_DELAY{50'000};
-
 // When a blade is gone without a word: after 60 s of silence it is asked, and unanswered bytes or
 // questions end the link.
 void watchPeer(int descriptor) {
@@ -71,7 +67,7 @@ void spoil(Bytes& response, const Misbehaviour& bad) {
 
 Link::Link(asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer, LinkNumber number,
            LinkHost& host)
-    : socket_(std::move(socket)), address_(peer.address()), peer_(textOfEndpoint(peer)),
+    : Connection(std::move(socket), outbox_), address_(peer.address()), peer_(textOfEndpoint(peer)),
       number_(number), host_(host),
       session_(
           *this, host.counts().sessions,
@@ -80,9 +76,8 @@ Link::Link(asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer, Li
       outbox_(host.options().answerLimit) {}
 
 void Link::start() {
-    socket_.non_blocking(true);
-    setUpWholeSending(socket_.native_handle());
-    watchPeer(socket_.native_handle());
+    setUpWholeSending(descriptor());
+    watchPeer(descriptor());
     if (!host_.options().misbehaviour.neverRead) {
         read();
     }
@@ -92,78 +87,30 @@ void Link::say(Level level, const std::string& line) {
     host_.say(level, peer_ + ": " + line);
 }
 
-void Link::read() {
-    if (isReading_) {
-        return;
-    }
-    isReading_ = true;
-    socket_.async_wait(asio::ip::tcp::socket::wait_read,
-                       [self = shared_from_this()](asio::error_code error) {
-                           self->isReading_ = false;
-                           if (self->isClosed_) {
-                               return;
-                           }
-                           if (error) {
-                               self->close();
-                           } else {
-                               self->readable();
-                           }
-                       });
-}
-
-void Link::readable() {
-    if (isEnding_) {
-        drain();
-        return;
-    }
+bool Link::received(std::size_t bytes) {
     if (!host_.hasRoom()) {
         ++host_.counts().shed;
         end();
-        return;
-    }
-    const std::span<U8_t> buffer = host_.receiveBuffer();
-    const ssize_t size = recv(socket_.native_handle(), buffer.data(), buffer.size(), MSG_DONTWAIT);
-    if (size < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
-        read();
-        return;
-    }
-    if (size <= 0) {
-        close();
-        return;
+        return false;
     }
     lastHeard_ = Clock::now();
-    host_.counts().received += static_cast<U64_t>(size);
-    const Verdict verdict = session_.receive(View(buffer).first(static_cast<std::size_t>(size)));
-    if (isClosed_) {
-        return;
+    host_.counts().received += bytes;
+    const Verdict verdict = session_.receive(View(host_.receiveBuffer()).first(bytes));
+    if (!isOpen()) {
+        return false;
     }
     if (verdict == Verdict::CLOSE) {
         end();
-        return;
-    }
-    if (isFlooding_) {
+    } else if (isFlooding_) {
         end(Level::WARNING, "asks faster than it is answered, closed");
-        return;
-    }
-    if (session_.isUnsettled()) {
+    } else if (session_.isUnsettled()) {
         host_.unsettled(*this);
     }
-    read();
-}
-
-// What the blade sends now is not kept: it sends it again on its next link.
-void Link::drain() {
-    const std::span<U8_t> buffer = host_.receiveBuffer();
-    const ssize_t size = recv(socket_.native_handle(), buffer.data(), buffer.size(), MSG_DONTWAIT);
-    if (size > 0 || (size < 0 && (errno == EAGAIN || errno == EINTR))) {
-        read();
-    } else {
-        close();
-    }
+    return true;
 }
 
 bool Link::settle(Clock::time_point since) {
-    if (isClosed_ || isEnding_ || !session_.isUnsettled()) {
+    if (!isOpen() || isEnding() || !session_.isUnsettled()) {
         return false;
     }
     if (lastHeard_ > since) {
@@ -174,10 +121,10 @@ bool Link::settle(Clock::time_point since) {
 }
 
 void Link::checkTime(Clock::time_point now) {
-    if (isClosed_ || host_.options().misbehaviour.neverRead) {
+    if (!isOpen() || host_.options().misbehaviour.neverRead) {
         return;
     }
-    if (isEnding_) {
+    if (isEnding()) {
         if (now - endingSince_ > END_TIME) {
             close();
         }
@@ -194,7 +141,7 @@ void Link::checkTime(Clock::time_point now) {
         if (!awaited.isLate && now - awaited.since > host_.options().answerWait) {
             giveUpWaiting(awaited);
         }
-        if (isClosed_ || isEnding_) {
+        if (!isOpen() || isEnding()) {
             return;
         }
     }
@@ -253,7 +200,7 @@ void Link::takeStatusRequest(U32_t handle, const EmpGetEvArchiverStatusMsg_t& re
 }
 
 void Link::deliver(Reply reply) {
-    if (isClosed_ || isEnding_) {
+    if (!isOpen() || isEnding()) {
         return;
     }
     switch (reply.kind) {
@@ -354,123 +301,76 @@ void Link::answer(Answer answer) {
 }
 
 void Link::sendLate(const Answer& answer) {
-    auto timer = std::make_shared<asio::steady_timer>(socket_.get_executor(),
-                                                      host_.options().misbehaviour.late);
-    timer->async_wait([self = shared_from_this(), timer, answer](asio::error_code error) {
-        if (!error && !self->isClosed_) {
-            self->enqueue(answer);
+    auto timer =
+        std::make_shared<asio::steady_timer>(executor(), host_.options().misbehaviour.late);
+    timer->async_wait([this, self = shared_from_this(), timer, answer](asio::error_code error) {
+        if (!error) {
+            enqueue(answer);
         }
     });
 }
 
 void Link::enqueue(Answer answer) {
-    if (isClosed_ || isEnding_) {
+    if (!isOpen() || isEnding()) {
         return;
     }
-    const std::size_t before = outbox_.bytes();
     outbox_.add(std::move(answer));
-    const bool isTaken = host_.addUnsent(static_cast<std::ptrdiff_t>(outbox_.bytes() - before));
-    if (!isFlushing_) {
-        flush();
-    }
-    if (!isClosed_ && !outbox_.isEmpty() && (!isTaken || outbox_.bytes() > UNSENT_OF_ONE)) {
+    const bool isTaken = countUnsent();
+    flush();
+    if (isOpen() && outbox_.bytes() > 0 && (!isTaken || outbox_.bytes() > UNSENT_OF_ONE)) {
         say(Level::WARNING, "does not read its answers, closed");
         close(); // what has arrived is whole, and there is nobody to be polite to
     }
 }
 
-void Link::flush() {
-    const std::size_t before = outbox_.bytes();
-    const Outbox::State state = outbox_.flush(socket_.native_handle());
-    host_.addUnsent(static_cast<std::ptrdiff_t>(outbox_.bytes()) -
-                    static_cast<std::ptrdiff_t>(before));
+// @return whether so much may wait
+bool Link::countUnsent() {
+    const std::size_t before = std::exchange(unsent_, isOpen() ? outbox_.bytes() : 0);
+    return host_.addUnsent(static_cast<std::ptrdiff_t>(unsent_) -
+                           static_cast<std::ptrdiff_t>(before));
+}
+
+void Link::flushed(tools::Outgoing::State state) {
+    countUnsent();
     if (const auto shortened = outbox_.takeShortened(); shortened.count > 0) {
         host_.counts().shortened += shortened.count;
         say(Level::WARNING,
             "an answer of " + std::to_string(shortened.length) + " bytes would arrive in pieces, " +
                 std::to_string(shortened.longest) + " arrive whole: answered without the event");
     }
-    if (outbox_.bytes() != before) {
-        flushDelay_ = FIRST_FLUSH_DELAY;
-    }
-    switch (state) {
-    case Outbox::State::WAITING:
-        flushLater();
-        break;
-    case Outbox::State::TOO_LONG:
-        say(Level::WARNING, "its segments are too small for any answer, closed");
-        close();
-        break;
-    case Outbox::State::BROKEN:
-        close();
-        break;
-    default:
-        break;
-    }
-}
-
-// TCP does not say when everything is acknowledged, so it is asked again and again.
-void Link::flushLater() {
-    if (!flushTimer_) {
-        flushTimer_ = std::make_unique<asio::steady_timer>(socket_.get_executor());
-    }
-    isFlushing_ = true;
-    flushDelay_ = std::clamp(flushDelay_ * 2, FIRST_FLUSH_DELAY, LONGEST_FLUSH_DELAY);
-    flushTimer_->expires_after(flushDelay_);
-    flushTimer_->async_wait([self = shared_from_this()](asio::error_code error) {
-        self->isFlushing_ = false;
-        if (!error && !self->isClosed_) {
-            self->flush();
+    if (state == tools::Outgoing::State::BROKEN) {
+        if (outbox_.isTooLong()) {
+            say(Level::WARNING, "its segments are too small for any answer, closed");
         }
-        if (!self->isClosed_ && self->isEnding_) {
-            self->finishEnd();
-        }
-    });
+        close();
+    }
 }
 
 void Link::end(Level level, const std::string& why) {
-    if (!isEnding_ && !isClosed_) {
+    if (isOpen() && !isEnding()) {
         say(level, why);
         end();
     }
 }
 
 void Link::end() {
-    if (isEnding_ || isClosed_) {
+    if (!isOpen() || isEnding()) {
         return;
     }
     session_.end();
-    isEnding_ = true;
     endingSince_ = Clock::now();
-    finishEnd();
+    endInOrder();
     if (host_.options().misbehaviour.neverRead) {
         close();
-    } else {
-        read();
     }
 }
 
-// Says the end to the blade once the answers have gone out.
-void Link::finishEnd() {
-    if (outbox_.isEmpty() && !isFlushing_) {
-        asio::error_code gone;
-        socket_.shutdown(asio::ip::tcp::socket::shutdown_send, gone);
-    }
-}
-
-void Link::close() {
-    if (isClosed_) {
-        return;
-    }
-    isClosed_ = true;
-    if (!isEnding_) {
+void Link::closed() {
+    if (!isEnding()) {
         session_.end();
     }
     host_.submit(*this, Batch::Kind::END_OF_LINK, {}, 0);
-    host_.addUnsent(-static_cast<std::ptrdiff_t>(outbox_.bytes()));
-    flushTimer_.reset();
-    asio::error_code ignored;
-    socket_.close(ignored);
+    countUnsent();
     host_.closed(*this);
 }
 

@@ -5,15 +5,12 @@
 #ifndef EVARCHIVER_LINK_H
 #define EVARCHIVER_LINK_H
 
+#include "common/connection.h"
 #include "options.h"
 #include "outbox.h"
 #include "session.h"
 
-#include <asio/ip/tcp.hpp>
-#include <asio/steady_timer.hpp>
 #include <list>
-#include <memory>
-#include <span>
 
 namespace evarchive {
 
@@ -63,8 +60,8 @@ class LinkHost {
     virtual void closed(Link& link) = 0;
 };
 
-/** A connection, kept alive by its own outstanding operations. It closes itself. */
-class Link : public std::enable_shared_from_this<Link>, private Requests {
+/** A blade's connection. It closes itself. */
+class Link final : public tools::Connection, private Requests {
   public:
     Link(asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer, LinkNumber number,
          LinkHost& host);
@@ -81,13 +78,12 @@ class Link : public std::enable_shared_from_this<Link>, private Requests {
     /** Looks at what has been waited for too long. Called every second or so. */
     void checkTime(Clock::time_point now);
 
-    /** Ends the link: files what is whole, sends the answer under way to its end and reads what the
-     * blade still sends away, so that nothing that is on the wire is cut. */
+    /** Ends the link in order, after filing what is whole. */
     void end(Level level, const std::string& why);
     void end();
 
-    /** Closes at once. */
-    void close();
+    /** Ends it at once. */
+    using Connection::close;
 
     LinkNumber number() const { return number_; }
     const asio::ip::address& address() const { return address_; }
@@ -104,6 +100,12 @@ class Link : public std::enable_shared_from_this<Link>, private Requests {
         bool isLate = false; ///< answered without the archive
     };
 
+    std::span<U8_t> space() override { return host_.receiveBuffer(); }
+    bool received(std::size_t bytes) override;
+    void peerEnded(std::error_code /*why*/) override { close(); }
+    void flushed(tools::Outgoing::State state) override;
+    void closed() override;
+
     void takeEvent(View body, Certainty certainty) override;
     void takeBackEvent(View body) override;
     void takeInquiry(U32_t handle, const EmpEvInquiryMsg_t& inquiry) override;
@@ -112,9 +114,6 @@ class Link : public std::enable_shared_from_this<Link>, private Requests {
     U32_t await(Awaited awaited);
     void takeReply(const Reply& reply);
     void say(Level level, const std::string& line);
-    void read();
-    void readable();
-    void drain();
     void answerStatus(U32_t handle, const StatusVerdict& verdict);
     void answerInquiry(const Awaited& awaited, const std::optional<StoredEvent>& event);
     Bytes insteadOf(const Awaited& awaited) const;
@@ -125,21 +124,15 @@ class Link : public std::enable_shared_from_this<Link>, private Requests {
     void answer(Answer answer);
     void sendLate(const Answer& answer);
     void enqueue(Answer answer);
-    void flush();
-    void flushLater();
-    void finishEnd();
+    bool countUnsent();
 
-    asio::ip::tcp::socket socket_;
     asio::ip::address address_;
     std::string peer_;
     LinkNumber number_;
     LinkHost& host_;
     Session session_;
     Outbox outbox_;
-    std::unique_ptr<asio::steady_timer> flushTimer_; ///< made when an answer has to wait
-    std::chrono::microseconds flushDelay_{0};
-    bool isFlushing_ = false;
-    bool isReading_ = false;
+    std::size_t unsent_ = 0; ///< bytes that the host counts for this link
     std::list<Awaited> awaited_;
     U32_t lastTicket_ = 0;
     std::list<std::pair<U32_t, Clock::time_point>> lastHandles_; ///< of inquiries of type LAST
@@ -148,8 +141,6 @@ class Link : public std::enable_shared_from_this<Link>, private Requests {
     U32_t statusHandle_ = 0;
     bool isFlooding_ = false;
     bool hasResent_ = false; ///< a resend was asked for once
-    bool isEnding_ = false;
-    bool isClosed_ = false;
     Clock::time_point begun_ = Clock::now();
     Clock::time_point lastHeard_ = begun_;
     Clock::time_point endingSince_;

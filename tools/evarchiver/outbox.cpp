@@ -15,7 +15,8 @@ Outbox::State Outbox::flush(int descriptor) {
     while (!answers_.empty()) {
         Answer& answer = answers_.front();
         if (!shorten(answer, descriptor)) {
-            return State::TOO_LONG;
+            isTooLong_ = true;
+            return State::BROKEN;
         }
         switch (sendWhole(descriptor, answer.message)) {
         case Sent::WHOLE:
@@ -23,7 +24,7 @@ Outbox::State Outbox::flush(int descriptor) {
             answers_.pop_front();
             break;
         case Sent::LATER:
-            return State::WAITING;
+            return State::LATER; // TCP does not say when everything is acknowledged
         default:
             return State::BROKEN;
         }

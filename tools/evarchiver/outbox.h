@@ -5,6 +5,7 @@
 #ifndef EVARCHIVER_OUTBOX_H
 #define EVARCHIVER_OUTBOX_H
 
+#include "common/outgoing.h"
 #include "protocol.h"
 
 #include <list>
@@ -17,27 +18,19 @@ struct Answer {
     Bytes instead; ///< shorter; empty: nothing goes out instead, the link cannot be served
 };
 
-/** The answers of one link. */
-class Outbox {
+/** The answers of one link; each goes out whole and alone, see whole_send.h. */
+class Outbox final : public tools::Outgoing {
   public:
-    /** How it stands after flush(). */
-    enum class State : U8_t {
-        EMPTY,    ///< everything has gone out
-        WAITING,  ///< the rest can go out later
-        BROKEN,   ///< the link has failed
-        TOO_LONG, ///< not even a short answer arrives whole on this link
-    };
-
     /** @param longest overrides what the connection says that arrives whole; 0: it does not */
     explicit Outbox(std::size_t longest) : longest_(longest) {}
 
     void add(Answer answer);
 
-    /** Sends what can be sent now. */
-    State flush(int descriptor);
+    State flush(int descriptor) override;
+    std::size_t bytes() const override { return bytes_; }
 
-    std::size_t bytes() const { return bytes_; }
-    bool isEmpty() const { return answers_.empty(); }
+    /** Whether it is broken because not even a short answer arrives whole on this link. */
+    bool isTooLong() const { return isTooLong_; }
 
     /** Answers that went out in short, since the last call; with the length of the last of them and
      * what would have arrived whole. */
@@ -54,6 +47,7 @@ class Outbox {
     std::size_t longest_;
     std::list<Answer> answers_;
     std::size_t bytes_ = 0;
+    bool isTooLong_ = false;
     Shortened shortened_;
 };
 

@@ -5,7 +5,7 @@
 #ifndef MSM_HOLD_H
 #define MSM_HOLD_H
 
-#include "common/connection.h"
+#include "common/message_connection.h"
 
 #include <chrono>
 #include <deque>
@@ -14,7 +14,7 @@
 
 namespace msm {
 
-using tools::Connection;
+using Connection = tools::MessageConnection;
 
 /** Connections that are not read because their next message cannot be delivered yet, in the order
  * in which they came. Each waits a bounded time in which the receiver takes nothing. */

@@ -10,7 +10,7 @@
 #ifndef MSM_LINK_H
 #define MSM_LINK_H
 
-#include "common/connection.h"
+#include "common/message_connection.h"
 
 #include <array>
 #include <functional>
@@ -18,7 +18,7 @@
 
 namespace msm {
 
-using tools::Connection;
+using Connection = tools::MessageConnection;
 using tools::End;
 using tools::Socket;
 

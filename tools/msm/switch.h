@@ -5,7 +5,7 @@
 #ifndef MSM_SWITCH_H
 #define MSM_SWITCH_H
 
-#include "common/connection.h"
+#include "common/message_connection.h"
 #include "counters.h"
 #include "directory.h"
 #include "hold.h"
