@@ -6,6 +6,8 @@
 //   latency: COUNT events, one in flight
 //   inquiry: COUNT inquiries for one event each, one in flight
 //   forward: as intake, while an archiver that reads on gets the events too
+//   archived: as intake, while the archiver at port BENCH_ARCHIVER of this machine gets the events
+//            too; says "ready" before the events that count, and waits for a line
 //   start:   COUNT starts on a full log of events of 100 bytes, from the fork to the notice
 //
 // Server and driver share one processor: a wake-up across processors costs more, and less evenly,
@@ -181,8 +183,8 @@ class Server {
         check(reply.evLogHdr.evStructLength == 100, "another reply");
     }
 
-    /** Names the archiver at a port of this machine; @p listener listens there. */
-    void setArchiver(int listener, U16_t port) {
+    /** Names the archiver at a port of this machine. */
+    void nameArchiver(U16_t port) {
         struct {
             MMCH_t mmch;
             EmpSetEvArchiverMsg_t archiver;
@@ -194,6 +196,11 @@ class Server {
         request.archiver.evArchiverTcpPort = port;
         check(send(socket_, &request, sizeof(request), MSG_NOSIGNAL) == sizeof(request), "send");
         check(recv(socket_, copies_, MMCH_SIZE + 8, MSG_WAITALL) == MMCH_SIZE + 8, "no reply");
+    }
+
+    /** nameArchiver(); it is this program, which listens at @p listener. */
+    void setArchiver(int listener, U16_t port) {
+        nameArchiver(port);
         archiver_ = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         check(recv(archiver_, copies_, STATUS_REQUEST_SIZE, MSG_WAITALL) == STATUS_REQUEST_SIZE,
               "no status request");
@@ -261,14 +268,29 @@ class Server {
     U8_t copies_[65536];
 };
 
-void measureIntake(Server& server, int count) {
-    server.log(ROUND_THE_LOG, WINDOW);
+void measureEvents(Server& server, int count) {
     double cpu = server.cpuNanoseconds();
     auto begun = Clock::now();
     server.log(count, WINDOW);
     double span = nanoseconds(Clock::now() - begun);
     printf("{\"cpu_ns\": %.0f, \"events_per_s\": %.0f}\n", (server.cpuNanoseconds() - cpu) / count,
            count / span * 1e9);
+}
+
+void measureIntake(Server& server, int count) {
+    server.log(ROUND_THE_LOG, WINDOW);
+    measureEvents(server, count);
+}
+
+void measureArchived(Server& server, int count) {
+    const char* port = getenv("BENCH_ARCHIVER");
+    check(port != nullptr, "BENCH_ARCHIVER is not set");
+    server.nameArchiver(static_cast<U16_t>(atoi(port)));
+    server.log(ROUND_THE_LOG, WINDOW);
+    puts("ready");
+    fflush(stdout);
+    getchar();
+    measureEvents(server, count);
 }
 
 /** Prints the figures @p name of one step after the other. */
@@ -365,6 +387,8 @@ void run(const std::string& mode, int count, const std::vector<std::string>& wor
         server.prepareMessage();
         if (mode == "intake") {
             measureIntake(server, count);
+        } else if (mode == "archived") {
+            measureArchived(server, count);
         } else if (mode == "latency") {
             measureLatency(server, count);
         } else if (mode == "start" || mode == "inquiry") {
@@ -390,7 +414,7 @@ int main(int argc, char* argv[]) {
     try {
         if (argc < 4 || atoi(argv[2]) < 1) {
             throw std::runtime_error(
-                "usage: bench_load intake|latency|inquiry|forward|start COUNT SERVER...");
+                "usage: bench_load intake|latency|inquiry|forward|archived|start COUNT SERVER...");
         }
         run(argv[1], atoi(argv[2]), {argv + 3, argv + argc});
     } catch (const std::exception& error) {

@@ -45,6 +45,7 @@ Certainty certaintyOf(Batch::Kind kind) {
 LaneState& LaneState::operator+=(const LaneState& other) {
     counts += other.counts;
     spooled += other.spooled;
+    lag = std::max(lag, other.lag);
     isAway = isAway || other.isAway;
     commits += other.commits;
     commitSeconds += other.commitSeconds;
@@ -85,6 +86,10 @@ void Lane::submit(Batch& batch) {
             spare_.pop_back();
         }
         std::swap(*handed, batch);
+        handed->handedOver = Clock::now();
+        if (queued_ == 0) {
+            oldest_ = handed->handedOver;
+        }
         queued_ += handed->size();
         queue_.push_back(std::move(handed));
     }
@@ -95,6 +100,7 @@ LaneState Lane::state() {
     const std::lock_guard lock(mutex_);
     LaneState state = state_;
     state.spooled = queued_;
+    state.lag = queued_ > 0 ? std::chrono::duration<double>(Clock::now() - oldest_).count() : 0;
     state.isAway = isAway_;
     return state;
 }
@@ -294,6 +300,10 @@ void Lane::dropDone() {
             spare_.push_back(std::move(work_.front()));
         }
         work_.pop_front();
+    }
+    const auto& waiting = work_.empty() ? queue_ : work_;
+    if (!waiting.empty()) {
+        oldest_ = waiting.front()->handedOver;
     }
     committedTo_ = requestAt_;
 }

@@ -52,6 +52,9 @@ class Batch {
     bool isUrgent() const { return isUrgent_; }
     bool isEmpty() const { return requests_.empty(); }
 
+    /** When it was handed to a lane. */
+    std::chrono::steady_clock::time_point handedOver;
+
     /** What it takes of the spool. */
     std::size_t size() const { return bytes_.size() + requests_.size() * sizeof(Request); }
 
@@ -91,6 +94,7 @@ struct Reply {
 struct LaneState {
     ArchiveCounts counts;
     std::size_t spooled = 0; ///< bytes of work that is not committed yet
+    double lag = 0;          ///< seconds that the oldest of it has waited
     bool isAway = false;     ///< the storage cannot be used for now
     U64_t commits = 0;
     double commitSeconds = 0; ///< of all commits together
@@ -194,6 +198,7 @@ class Lane {
     std::vector<std::unique_ptr<Batch>> spare_;
     LaneState state_;
     std::atomic<std::size_t> queued_ = 0; ///< bytes handed over and not yet safe
+    Clock::time_point oldest_;            ///< when the first of them were handed over
     std::atomic<bool> isAway_ = false;
     std::atomic<bool> isStopping_ = false;
     Clock::time_point deadline_;

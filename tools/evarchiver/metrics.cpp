@@ -63,6 +63,7 @@ void addArchive(std::vector<MetricFamily>& all, const LaneState& lane) {
     all.push_back(counter("commit_seconds_total", "Time spent in commits.", lane.commitSeconds));
     all.push_back(gauge("commit_seconds_max", "The slowest commit.", lane.worstCommit));
     all.push_back(gauge("spooled_bytes", "What waits for the archive.", lane.spooled));
+    all.push_back(gauge("lag_seconds", "How long the oldest of it has waited.", lane.lag));
     all.push_back(
         gauge("archive_away", "1 while the archive cannot be written.", lane.isAway ? 1 : 0));
     all.push_back(gauge("archive_bytes", "Bytes of the archive in use.", lane.bytesUsed));

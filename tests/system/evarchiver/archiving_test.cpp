@@ -353,6 +353,23 @@ TEST_F(ArchivingTest, AnswerThatWouldComeInPiecesIsGivenWithoutTheEvent) {
     EXPECT_THAT(archiver_->waitForOutput("would arrive in pieces"), HasSubstr("3168 bytes"));
 }
 
+TEST_F(ArchivingTest, LongestAnswerCanBeRaisedAndLowered) {
+    const Bytes large = eventMessage({.id = 0, .data = Bytes(3000, 0xD7)});
+    start({"--segment-size", "536", "--answer-limit", "3168"});
+    {
+        BladeLink link(port_);
+        link.send(large + inquiryMessage(EXACT, {}, 0, 5));
+        EXPECT_EQ(link.receivePatiently().size(), 3168U); // as the operator wants it
+    }
+    stop();
+    start({"--answer-limit", "3167"});
+    BladeLink link(port_);
+    const Bytes answer = link.ask(inquiryMessage(EXACT, {}, 0, 5));
+    EXPECT_EQ(get32(answer, 8), 3U);
+    EXPECT_EQ(answer.size(), 168U);
+    archiver_->waitForOutput("an answer of 3168 bytes would arrive in pieces, 3167 arrive whole");
+}
+
 TEST_F(ArchivingTest, AnswerAboutTheAskerNeverMeetsItsInquiryForTheLast) {
     start();
     BladeLink link(port_);

@@ -31,6 +31,9 @@ BladeLink::BladeLink(U16_t port, int sendBuffer, const std::string& host)
     if (sendBuffer > 0) {
         setsockopt(descriptor_, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof(sendBuffer));
     }
+    const timeval deadline{DEADLINE.count() / 1000, 0};
+    setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &deadline, sizeof(deadline));
+    setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof(deadline));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
@@ -117,6 +120,18 @@ bool BladeLink::isClosed() {
     U8_t byte = 0;
     const ssize_t size = recv(descriptor_, &byte, 1, 0);
     return size == 0 || (size < 0 && errno == ECONNRESET);
+}
+
+bool BladeLink::isClosedInOrder() {
+    U8_t byte = 0;
+    return recv(descriptor_, &byte, 1, 0) == 0;
+}
+
+U16_t BladeLink::port() const {
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address), &length);
+    return ntohs(address.sin_port);
 }
 
 bool BladeLink::isQuiet() {

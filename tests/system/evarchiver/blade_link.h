@@ -42,6 +42,13 @@ class BladeLink {
     /** @return whether the other side has closed, without a further response */
     bool isClosed();
 
+    /** The same, in order: what the other side had sent before has come, and nothing that it was
+     * sent has been refused. */
+    bool isClosedInOrder();
+
+    /** Its end of the connection. */
+    U16_t port() const;
+
     /** @return whether nothing is there to be received */
     bool isQuiet();
 

@@ -6,10 +6,13 @@
 
 #include <arpa/inet.h>
 #include <csignal>
+#include <filesystem>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <random>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 using namespace support;
@@ -29,6 +32,43 @@ rlim_t nextDescriptorOf(pid_t process) {
     }
     return number;
 }
+
+/** A process's own end of a connection, as a descriptor here. */
+class FarEnd {
+  public:
+    FarEnd(pid_t process, U16_t peersPort) {
+        const int handle = static_cast<int>(syscall(SYS_pidfd_open, process, 0));
+        const std::string path = "/proc/" + std::to_string(process) + "/fd";
+        for (const auto& entry : std::filesystem::directory_iterator(path)) {
+            const int number = std::stoi(entry.path().filename());
+            const int copy = static_cast<int>(syscall(SYS_pidfd_getfd, handle, number, 0));
+            sockaddr_in peer{};
+            socklen_t length = sizeof(peer);
+            if (getpeername(copy, reinterpret_cast<sockaddr*>(&peer), &length) == 0 &&
+                peer.sin_family == AF_INET && ntohs(peer.sin_port) == peersPort) {
+                descriptor_ = copy;
+            } else {
+                close(copy);
+            }
+        }
+        close(handle);
+    }
+    ~FarEnd() { close(descriptor_); }
+    FarEnd(const FarEnd&) = delete;
+    FarEnd& operator=(const FarEnd&) = delete;
+
+    bool isThere() const { return descriptor_ >= 0; }
+
+    int option(int level, int name) const {
+        int value = -1;
+        socklen_t size = sizeof(value);
+        getsockopt(descriptor_, level, name, &value, &size);
+        return value;
+    }
+
+  private:
+    int descriptor_ = -1;
+};
 
 // What a scrape of the figures gets.
 std::string scrape(U16_t port) {
@@ -74,6 +114,49 @@ TEST_F(PeersTest, HalfARequestIsNoFirstRequest) {
     const Bytes request = statusOf(event(0));
     slow.send(Bytes(request.begin(), request.begin() + 100));
     EXPECT_TRUE(slow.isClosed());
+}
+
+TEST_F(PeersTest, BladeThatIsGoneWithoutAWordIsNoticed) {
+    start({"--progress", "0"});
+    BladeLink blade(port_);
+    claim(blade, event(0));
+    const FarEnd link(archiver_->pid(), blade.port());
+    if (!link.isThere()) {
+        GTEST_SKIP() << "no descriptors of other processes";
+    }
+    EXPECT_EQ(link.option(SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_EQ(link.option(IPPROTO_TCP, TCP_KEEPIDLE), 60);
+    EXPECT_EQ(link.option(IPPROTO_TCP, TCP_KEEPINTVL), 10);
+    EXPECT_EQ(link.option(IPPROTO_TCP, TCP_KEEPCNT), 3);
+    EXPECT_EQ(link.option(IPPROTO_TCP, TCP_USER_TIMEOUT), 90'000);
+    // And what answers need, to arrive whole.
+    EXPECT_EQ(link.option(IPPROTO_TCP, TCP_NODELAY), 1);
+    EXPECT_EQ(link.option(IPPROTO_IP, IP_MTU_DISCOVER), IP_PMTUDISC_DONT);
+}
+
+TEST_F(PeersTest, LinkThatIsEndedHereEndsInOrderWhileItsBladeSendsOn) {
+    start({"--test-close-after", "2", "--receive-buffer", "4096"});
+    BladeLink blade(port_, 4096);
+    claim(blade, event(0));
+    blade.send(events(0, 2000)); // all of it is taken off the wire
+    EXPECT_TRUE(blade.isClosedInOrder());
+    EXPECT_EQ(stop(), exitedWith(0));
+    EXPECT_THAT(archiver_->output(), HasSubstr("summary: 2 messages"));
+}
+
+TEST_F(PeersTest, ConnectionsAreTakenAtTheRateAskedFor) {
+    start({"--handshake-rate", "10"});
+    const auto begun = std::chrono::steady_clock::now();
+    std::vector<std::unique_ptr<BladeLink>> links;
+    for (U32_t slot = 0; slot < 5; ++slot) {
+        links.push_back(std::make_unique<BladeLink>(port_));
+        links.back()->send(statusOf(event(0, {.slot = slot})));
+    }
+    for (const auto& link : links) {
+        link->receive();
+    }
+    // A tenth of a second's worth at once, then one in each.
+    EXPECT_GE(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(380));
 }
 
 TEST_F(PeersTest, PeerThatAsksWithoutEndIsClosed) {
@@ -193,6 +276,7 @@ TEST_F(PeersTest, FiguresTellWhatHappened) {
                                                         {"events_refused_total", 0},
                                                         {"streams_without_borders_total", 1},
                                                         {"archive_away", 0},
+                                                        {"lag_seconds", 0},
                                                         {"connections_refused_total", 0},
                                                         {"links_shed_total", 0},
                                                         {"answers_late_total", 0}};
@@ -212,6 +296,33 @@ TEST_F(PeersTest, FiguresTellWhatHappened) {
                   static_cast<double>(bytes + eventBody(event(3)).size()));
     }
     EXPECT_EQ(stop(), exitedWith(1));
+}
+
+TEST_F(PeersTest, FiguresTellThatTheArchiveIsAway) {
+    const U16_t port = freePort();
+    start({"--metrics", std::to_string(port), "--progress", "0"});
+    BladeLink blade(port_);
+    claim(blade, event(0));
+    ArchiveLock lock(database_);
+    blade.send(events(0, 99));
+    std::string text;
+    const auto isAway = [&] {
+        text = scrape(port);
+        return figure(text, "archive_away") == 1;
+    };
+    requireSoon(isAway, "the figures");
+    EXPECT_GT(figure(text, "spooled_bytes"), 20'000);
+    EXPECT_GT(figure(text, "lag_seconds"), 0);
+    EXPECT_EQ(figure(text, "events_stored_total"), 0);
+    lock.release();
+    requireSoon(
+        [&] {
+            text = scrape(port);
+            return figure(text, "archive_away") == 0 && figure(text, "spooled_bytes") == 0;
+        },
+        "the archive to be back");
+    EXPECT_EQ(figure(text, "lag_seconds"), 0);
+    EXPECT_GE(figure(text, "events_stored_total"), 99);
 }
 
 TEST_F(PeersTest, FiguresAreServedOnTheLoopbackOnly) {

@@ -34,6 +34,28 @@ class TroubleTest : public ArchiverProcessTest {
     }
 };
 
+// Gives this process mounts of its own, which nobody else sees. Its root directory need not be a
+// mount itself: the way to one leads through the namespace, and back.
+bool takeOwnMounts() {
+    if (unshare(CLONE_NEWNS) != 0) {
+        return false;
+    }
+    const int root = open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    const int here = open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    const int space = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
+    setns(space, CLONE_NEWNS); // makes the namespace's root this process's
+    const bool isOwn = mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    const int error = errno;
+    if (fchdir(root) != 0 || chroot(".") != 0 || fchdir(here) != 0) {
+        abort(); // names would mean other files
+    }
+    for (const int descriptor : {root, here, space}) {
+        close(descriptor);
+    }
+    errno = error;
+    return isOwn;
+}
+
 std::chrono::milliseconds since(std::chrono::steady_clock::time_point begun) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
                                                                  begun);
@@ -43,9 +65,7 @@ std::chrono::milliseconds since(std::chrono::steady_clock::time_point begun) {
 
 TEST_F(TroubleTest, FullDiskMakesEventsWaitAndLosesNone) {
     const std::string disk = directory_.makeDirectory("disk");
-    if (unshare(CLONE_NEWNS) != 0 ||
-        mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=3m") != 0) {
+    if (!takeOwnMounts() || mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=3m") != 0) {
         GTEST_SKIP() << "no file systems of its own: " << strerror(errno);
     }
     database_ = disk + "/events.db";
@@ -93,6 +113,17 @@ TEST_F(TroubleTest, ArchiverThatEndsWithoutRoomSaysThatNotAllIsSafe) {
     archiver_->signal(SIGTERM);
     EXPECT_EQ(archiver_->wait(std::chrono::seconds(20)), exitedWith(1));
     EXPECT_THAT(archiver_->output(), HasSubstr("not all that came is in the archive"));
+}
+
+TEST_F(TroubleTest, AllThatABladeSendsIsTakenWhileTheArchiveIsLocked) {
+    start({"--progress", "0", "--receive-buffer", "4096"});
+    BladeLink link(port_, 4096);
+    claim(link, event(0));
+    ArchiveLock lock(database_);
+    link.send(events(0, 8000)); // much more than the wire holds
+    lock.release();
+    EXPECT_EQ(claim(link, event(0)), (Claim{7999, 0}));
+    EXPECT_EQ(stop(), exitedWith(0));
 }
 
 TEST_F(TroubleTest, InquiryIsAnsweredInTimeWhileTheArchiveIsLocked) {

@@ -37,7 +37,8 @@ U16_t freePort() {
 
 } // namespace
 
-OutageTest::OutageTest() : port_(freePort()), database_(blade_.file("events.db")) {
+OutageTest::OutageTest() : port_(freePort()) {
+    database_ = blade_.file("events.db");
     startEmp();
 }
 
@@ -90,19 +91,21 @@ void OutageTest::forgetOutput() const {
 }
 
 void OutageTest::startArchiver(const std::vector<std::string>& arguments) {
-    std::vector<std::string> all = {"--listen",
-                                    "127.0.0.1:" + std::to_string(port_),
-                                    "--db",
-                                    database_,
-                                    "--receive-buffer",
-                                    "4096",
-                                    "--segment-size",
-                                    "536",
-                                    "--progress",
-                                    "0"};
+    std::vector<std::string> all = {"--receive-buffer", "4096", "--segment-size", "536"};
     all.insert(all.end(), arguments.begin(), arguments.end());
-    archiver_ = std::make_unique<Process>(
-        commandOf("evarchiver", all), blade_.file("archiver" + std::to_string(++archiverStarts_)));
+    launchArchiver(all);
+}
+
+void OutageTest::startWideArchiver() {
+    launchArchiver({});
+}
+
+void OutageTest::launchArchiver(std::vector<std::string> arguments) {
+    const std::string place = "127.0.0.1:" + std::to_string(port_);
+    arguments.insert(arguments.end(), {"--listen", place, "--db", database_, "--progress", "0"});
+    archiver_ =
+        std::make_unique<Process>(commandOf("evarchiver", arguments),
+                                  blade_.file("archiver" + std::to_string(++archiverStarts_)));
     archiver_->waitForOutput("listening on ");
 }
 
@@ -140,6 +143,16 @@ void OutageTest::log(size_t count) {
     }
 }
 
+void OutageTest::logLarge(size_t count) {
+    for (size_t logged = 0; logged < count; logged += 4) {
+        store(Bytes(3848, static_cast<U8_t>(random_())), 4);
+    }
+}
+
+bool OutageTest::hasMetAFullLink() const {
+    return emp_->process.output().find("Only send out partial") != std::string::npos;
+}
+
 void OutageTest::stall() {
     // A new connection takes little; an old one has grown.
     nameArchiver();
@@ -151,9 +164,9 @@ void OutageTest::stall() {
         if (events > 200) {
             throw std::runtime_error("the link takes more than the log keeps");
         }
-        store(Bytes(3848, static_cast<U8_t>(random_())), 4);
+        logLarge(4);
         isConnected(); // so that the lines of the last event are there
-        if (emp_->process.output().find("Only send out partial") != std::string::npos) {
+        if (hasMetAFullLink()) {
             return;
         }
     }

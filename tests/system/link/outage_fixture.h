@@ -23,6 +23,9 @@ class OutageTest : public testing::Test {
     /** Starts the archiver, with a small receive buffer, always at the same port. */
     void startArchiver(const std::vector<std::string>& arguments = {});
 
+    /** The same with buffers as the system gives them. */
+    void startWideArchiver();
+
     /** Ends it; it must not take the log for another one. */
     void stopArchiver();
     void killArchiver();
@@ -30,6 +33,12 @@ class OutageTest : public testing::Test {
     /** Logs @p count events of up to 60 bytes. An event manager that ends by the bug-check of its
      * forward list is started again. */
     void log(size_t count);
+
+    /** Logs @p count events of the largest size, which are multiples of four. */
+    void logLarge(size_t count);
+
+    /** Whether the event manager has found the link to be full. */
+    bool hasMetAFullLink() const;
 
     /** Stops the archiver and logs events of the largest size until the link is full. */
     void stall();
@@ -62,8 +71,10 @@ class OutageTest : public testing::Test {
     size_t deaths_ = 0;  ///< of the event manager
     size_t stuck_ = 0;   ///< links that were up and brought nothing
     std::unique_ptr<support::Process> archiver_;
+    std::string database_;
 
   private:
+    void launchArchiver(std::vector<std::string> arguments);
     void startEmp();
     void reviveEmp();
     void send(const support::Bytes& message);
@@ -76,7 +87,6 @@ class OutageTest : public testing::Test {
     std::mt19937 random_{20'000};
     Blade blade_;
     U16_t port_;
-    std::string database_;
     int archiverStarts_ = 0;
     std::unique_ptr<RunningEmp> emp_;
     std::unique_ptr<MsmReader> reader_;

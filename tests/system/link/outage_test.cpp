@@ -1,5 +1,7 @@
 #include "outage_fixture.h"
 
+#include "../evarchiver/archive_lock.h"
+
 #include <algorithm>
 #include <csignal>
 
@@ -114,6 +116,24 @@ TEST_F(Outages, TwentyOfThemLoseNoneOfTwentyThousandEvents) {
     expectHeld(archive, copies_, "once logged:");
     RecordProperty("deaths", static_cast<int>(deaths_));
     RecordProperty("stuck", static_cast<int>(stuck_));
+}
+
+// What a link holds is a few events more than one burst; what is sent here is a thousand times
+// that.
+TEST_F(Outages, StoreThatIsAwayIsNotFeltOnTheBlade) {
+    startWideArchiver();
+    nameArchiver();
+    log(1);
+    settle();
+    support::ArchiveLock lock(database_);
+    logLarge(1600);
+    EXPECT_FALSE(hasMetAFullLink());
+    EXPECT_EQ(deaths_, 0U);
+    lock.release();
+    settle();
+    stopArchiver();
+    killEmp();
+    expectHeld(archived(), copies_, "once logged:");
 }
 
 } // namespace

@@ -168,6 +168,7 @@ TEST_F(LaneTest, StatusAnswersComeAfterTheCommitOfAllBeforeThem) {
     EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
     EXPECT_EQ(lane_->state().counts.stored, 10U);
     EXPECT_EQ(lane_->state().spooled, 0U);
+    EXPECT_EQ(lane_->state().lag, 0);
 }
 
 TEST_F(LaneTest, FailedCommitIsDoneAgainAndNothingIsAnsweredTwice) {
@@ -212,6 +213,11 @@ TEST_F(LaneTest, StorageThatIsAwayKeepsTheWorkAndTheCount) {
     submit();
     requireSoon([this] { return lane_->state().isAway; }, "the storage is away");
     EXPECT_EQ(lane_->state().spooled, size);
+    const double lag = lane_->state().lag;
+    EXPECT_GT(lag, 0);
+    addEvents(10, 10);
+    submit(); // it is the oldest that counts
+    EXPECT_GE(lane_->state().lag, lag);
     EXPECT_FALSE(lane_->stop(std::chrono::milliseconds(0)));
     EXPECT_EQ(lane_->state().counts.stored, 0U);
 }

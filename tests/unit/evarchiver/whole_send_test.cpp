@@ -4,8 +4,13 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstdarg>
+#include <limits>
+#include <linux/sockios.h>
+#include <linux/tcp.h>
 #include <netinet/in.h>
 #include <optional>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -18,9 +23,34 @@ std::optional<ssize_t> sendResult;
 int sendError = 0;
 int sends = 0;
 
+// What the system says that is not acknowledged yet, and of the peer's window, instead of the
+// truth.
+std::optional<int> unacknowledged;
+std::optional<U32_t> window;
+
 } // namespace
 
 extern "C" {
+int __real_ioctl(int descriptor, unsigned long request, void* argument);
+int __wrap_ioctl(int descriptor, unsigned long request, ...) {
+    va_list rest;
+    va_start(rest, request);
+    void* argument = va_arg(rest, void*);
+    va_end(rest);
+    if (request == static_cast<unsigned long>(SIOCOUTQ) && unacknowledged) {
+        *static_cast<int*>(argument) = *unacknowledged;
+        return 0;
+    }
+    return __real_ioctl(descriptor, request, argument);
+}
+int __real_getsockopt(int descriptor, int level, int name, void* value, socklen_t* size);
+int __wrap_getsockopt(int descriptor, int level, int name, void* value, socklen_t* size) {
+    const int result = __real_getsockopt(descriptor, level, name, value, size);
+    if (level == IPPROTO_TCP && name == TCP_INFO && window) {
+        static_cast<tcp_info*>(value)->tcpi_snd_wnd = *window;
+    }
+    return result;
+}
 ssize_t __real_send(int descriptor, const void* bytes, size_t size, int flags);
 ssize_t __wrap_send(int descriptor, const void* bytes, size_t size, int flags) {
     ++sends;
@@ -39,6 +69,8 @@ class WholeSendTest : public testing::Test {
   protected:
     void SetUp() override {
         sendResult.reset();
+        unacknowledged.reset();
+        window.reset();
         sends = 0;
         const int listener = socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address{};
@@ -50,11 +82,12 @@ class WholeSendTest : public testing::Test {
         ASSERT_EQ(listen(listener, 1), 0);
         ASSERT_EQ(getsockname(listener, generic, &size), 0);
         far_ = socket(AF_INET, SOCK_STREAM, 0);
+        setsockopt(far_, SOL_SOCKET, SO_RCVBUF, &farBuffer_, sizeof(farBuffer_));
         ASSERT_EQ(connect(far_, generic, size), 0);
         near_ = accept(listener, nullptr, nullptr);
         ASSERT_GE(near_, 0);
         close(listener);
-        ASSERT_EQ(setsockopt(near_, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER, sizeof(SEND_BUFFER)), 0);
+        setUpWholeSending(near_);
     }
     void TearDown() override {
         close(near_);
@@ -71,8 +104,22 @@ class WholeSendTest : public testing::Test {
         return total;
     }
 
+    static int optionOf(int descriptor, int level, int name) {
+        int value = 0;
+        socklen_t size = sizeof(value);
+        EXPECT_EQ(getsockopt(descriptor, level, name, &value, &size), 0);
+        return value;
+    }
+
+    int farBuffer_ = 65'536;
     int near_ = -1;
     int far_ = -1;
+};
+
+// The far end's window is soon closed: what is sent waits here.
+class NarrowSendTest : public WholeSendTest {
+  protected:
+    NarrowSendTest() { farBuffer_ = 4096; }
 };
 
 } // namespace
@@ -123,4 +170,59 @@ TEST_F(WholeSendTest, NothingIsSentWhereThereIsNoSocket) {
     EXPECT_EQ(sendWhole(-1, Bytes(1, 1)), Sent::LATER);
     EXPECT_EQ(sendWhole(1'000'000, Bytes(1, 1)), Sent::BROKEN);
     EXPECT_EQ(sends, 0);
+}
+
+TEST_F(WholeSendTest, NothingGoesOutWhileAnEarlierOneIsNotAcknowledged) {
+    unacknowledged = 1;
+    EXPECT_EQ(sendWhole(near_, Bytes(168, 1)), Sent::LATER);
+    EXPECT_EQ(sends, 0);
+    unacknowledged = 0;
+    EXPECT_EQ(sendWhole(near_, Bytes(168, 1)), Sent::WHOLE);
+}
+
+TEST_F(WholeSendTest, NothingGoesOutThatThePeerHasNoRoomFor) {
+    unacknowledged = 0;
+    window = 167;
+    EXPECT_EQ(sendWhole(near_, Bytes(168, 1)), Sent::LATER);
+    EXPECT_EQ(sends, 0);
+    window = 168;
+    EXPECT_EQ(sendWhole(near_, Bytes(168, 1)), Sent::WHOLE);
+}
+
+// Were it taken for acknowledged wrongly, each message would still have segments of its own: what
+// waits here is never joined.
+TEST_F(NarrowSendTest, MessagesThatWaitAreNotJoinedToOneSegment) {
+    constexpr U32_t COUNT = 150;
+    unacknowledged = 0;
+    window = 65'536;
+    for (U32_t number = 0; number < COUNT; ++number) {
+        ASSERT_EQ(sendWhole(near_, Bytes(168, 1)), Sent::WHOLE);
+    }
+    unacknowledged.reset();
+    window.reset();
+    for (size_t received = 0; received < COUNT * size_t{168};) {
+        received += readAll();
+    }
+    tcp_info info{};
+    socklen_t size = sizeof(info);
+    ASSERT_EQ(getsockopt(far_, IPPROTO_TCP, TCP_INFO, &info, &size), 0);
+    EXPECT_GE(info.tcpi_data_segs_in, COUNT);
+}
+
+TEST_F(WholeSendTest, SetUpSendsAtOnceAndLetsRoutersCutPackets) {
+    EXPECT_EQ(optionOf(near_, IPPROTO_TCP, TCP_NODELAY), 1);
+    EXPECT_EQ(optionOf(near_, IPPROTO_IP, IP_MTU_DISCOVER), IP_PMTUDISC_DONT);
+    EXPECT_GE(optionOf(near_, SOL_SOCKET, SO_SNDBUF), SEND_BUFFER);
+}
+
+TEST_F(WholeSendTest, LongestIsWhatASegmentCarriesBesideItsOptions) {
+    const int segment = optionOf(near_, IPPROTO_TCP, TCP_MAXSEG);
+    const std::size_t longest = longestWhole(near_);
+    EXPECT_LE(longest, static_cast<std::size_t>(segment));
+    EXPECT_GE(longest + 36, static_cast<std::size_t>(segment));
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    EXPECT_EQ(longestWhole(pair[0]), std::numeric_limits<std::size_t>::max()); // no segments
+    close(pair[0]);
+    close(pair[1]);
 }
