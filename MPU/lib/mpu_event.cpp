@@ -1,7 +1,7 @@
 #include "mpu/event.h"
 
 #include "altEventLog.h"
-#include "mpu_event_link.h"
+#include "mpu_event_search.h"
 #include "mpu_params.h"
 
 #include <cerrno>
@@ -18,6 +18,7 @@ constexpr size_t KEPT_SIZE = 32'768;            ///< of unconfirmed messages
 constexpr MpuMilliseconds_t RETRY_MS = 1000;    ///< between two looks for an absent event manager
 constexpr MpuMilliseconds_t RETRY_WAIT_MS = 50; ///< that such a look waits for an answer
 
+static_assert(KEPT_SIZE / EMP_EVENT_MMSG_SIZE <= MPU_SEARCH_MESSAGES_MAX);
 static_assert(MPU_EVENT_DATA_MAX == EMP_MAX_STRUCT);
 static_assert(static_cast<int>(MPU_E_EVENT_ERROR) == EMP_E_TYPE_ERROR);
 static_assert(static_cast<int>(MPU_E_EVENT_ISNSC) == EMP_E_CATEGORY_ISNSC);
@@ -27,36 +28,25 @@ static_assert(static_cast<int>(MPU_E_EVENT_ISNSC) == EMP_E_CATEGORY_ISNSC);
 struct MPU_EventLog_s {
     MpuEventLink_t link;
     MPU_PARAMS_t* params;
+    int shmid; ///< of params
     int waitMs;
     U8_t endpoint;
     bool away;                  ///< events go to files; nothing is kept
     MpuMilliseconds_t nextLook; ///< while away: when to look again
     U32_t handle;               ///< of the newest status request
-    int worst; ///< MPU_EVENT_STATUS_e of events that were kept, since the last confirmation
+    int worst;         ///< MPU_EVENT_STATUS_e of events that were kept, since the last confirmation
+    MpuBlockUse_t use; ///< of the parameter block before the oldest kept message was sent
+    S64_t confirmedAt; ///< second in which nothing was kept any more
     size_t keptLength;
     U8_t kept[KEPT_SIZE]; ///< messages that were sent and are not confirmed
 };
 
 namespace {
 
-/** Fills all that a message to the event manager has in common. */
-MMSG_t* buildRequest(void* to, U8_t endpoint, U32_t type, size_t length) {
-    auto* message = static_cast<MMSG_t*>(to);
-    message->mmch = {};
-    message->mmch.message_type = MSG_E_TYPE_MMSG;
-    message->mmch.mmch_version = 1;
-    message->mmch.mmsg_length = static_cast<U16_t>(length);
-    message->mmch.opcode.request.protocol = MMSG_E_PROTOCOL_EVENTMGR;
-    message->mmch.opcode.request.type = type;
-    message->mmch.requestor = endpoint;
-    message->mmch.recipient_loc_bm[0] = 1U << MMSG_E_EPID_EVENTLOGMP;
-    return message;
-}
-
 /** Builds the message of an event. @param to EMP_EVENT_MMSG_SIZE + event.length bytes */
 MMSG_t* buildEvent(void* to, U8_t endpoint, const MPU_Event_t& event) {
     MMSG_t* message =
-        buildRequest(to, endpoint, EMP_E_MSGS_LOG, EMP_EVENT_MMSG_SIZE + event.length);
+        mpuBuildRequest(to, endpoint, EMP_E_MSGS_LOG, EMP_EVENT_MMSG_SIZE + event.length);
     auto* header = reinterpret_cast<EmpEvLogHeader_t*>(message->user_data_start);
     *header = {};
     header->evType = event.type;
@@ -92,8 +82,7 @@ int withError(int status) {
     return status;
 }
 
-/** From now on events go to files, the unconfirmed ones first. */
-void goAway(MPU_EventLog_t* log, MpuMilliseconds_t nextLook) {
+void leaveKept(MPU_EventLog_t* log) {
     for (size_t at = 0; at < log->keptLength;) {
         const auto* message = reinterpret_cast<const MMSG_t*>(log->kept + at);
         if (!leave(log, message)) {
@@ -104,6 +93,11 @@ void goAway(MPU_EventLog_t* log, MpuMilliseconds_t nextLook) {
         at += message->mmch.mmsg_length;
     }
     log->keptLength = 0;
+}
+
+/** From now on events go to files, the unconfirmed ones first. */
+void goAway(MPU_EventLog_t* log, MpuMilliseconds_t nextLook) {
+    leaveKept(log);
     log->away = true;
     log->nextLook = nextLook;
 }
@@ -117,12 +111,12 @@ void loseLink(MPU_EventLog_t* log) {
  * in their order, so an answer says that it has taken everything sent before. */
 MPU_LINK_e ask(MPU_EventLog_t* log, MpuMilliseconds_t deadline) {
     MMSG_t request[1];
-    buildRequest(request, log->endpoint, EMP_E_MSGS_GET_EVENT_MANAGER_STATUS, MMCH_SIZE);
+    mpuBuildRequest(request, log->endpoint, EMP_E_MSGS_GET_EVENT_MANAGER_STATUS, MMCH_SIZE);
     request->mmch.handle = ++log->handle;
     if (!mpuLinkSend(&log->link, request, deadline)) {
         return MPU_LINK_E_LOST;
     }
-    return mpuLinkAwaitStatus(&log->link, log->handle, deadline);
+    return mpuLinkAwait(&log->link, EMP_E_MSGS_GET_EVENT_MANAGER_STATUS, log->handle, deadline);
 }
 
 void lookForReturn(MPU_EventLog_t* log) {
@@ -144,7 +138,7 @@ void lookForReturn(MPU_EventLog_t* log) {
 /** Reads what has come in since the last call, and looks for an absent event manager. */
 void refresh(MPU_EventLog_t* log) {
     if (log->link.fd >= 0) {
-        switch (mpuLinkAwaitStatus(&log->link, log->handle, 0)) {
+        switch (mpuLinkAwait(&log->link, EMP_E_MSGS_GET_EVENT_MANAGER_STATUS, log->handle, 0)) {
         case MPU_LINK_E_LOST:
             loseLink(log);
             break;
@@ -160,18 +154,61 @@ void refresh(MPU_EventLog_t* log) {
     }
 }
 
+/** Sends once more what is kept. @return whether it went out */
+bool sendKept(MPU_EventLog_t* log, MpuMilliseconds_t deadline) {
+    log->use = mpuBlockUse(log->shmid);
+    for (size_t at = 0; at < log->keptLength;) {
+        const auto* message = reinterpret_cast<const MMSG_t*>(log->kept + at);
+        if (!mpuLinkSend(&log->link, message, deadline)) {
+            return false;
+        }
+        at += message->mmch.mmsg_length;
+    }
+    return true;
+}
+
+/** The event manager has answered. If it may be another one than the one that took what is kept,
+ * that is looked for in its log. @return whether nothing is missing */
+bool isTaken(MPU_EventLog_t* log, MpuMilliseconds_t deadline) {
+    if (!mpuSameUse(log->use, mpuBlockUse(log->shmid))) {
+        MpuSearch_t search = {&log->link,   log->params,      log->endpoint,
+                              &log->handle, log->confirmedAt, deadline};
+        log->keptLength = mpuDropFound(search, log->kept, log->keptLength);
+    } else {
+        log->keptLength = 0;
+    }
+    S32_t microseconds;
+    if (log->keptLength == 0) {
+        mpuGetTime64(&log->confirmedAt, &microseconds);
+    }
+    return log->keptLength == 0;
+}
+
 /** Makes sure that the event manager has what is kept, or leaves it in files. */
 void settle(MPU_EventLog_t* log) {
-    switch (ask(log, mpuNow() + log->waitMs)) {
-    case MPU_LINK_E_ANSWER:
-        log->keptLength = 0;
-        break;
-    case MPU_LINK_E_NOTHING:
-        goAway(log, mpuNow() + RETRY_MS);
-        break;
-    case MPU_LINK_E_LOST:
-        loseLink(log);
-        break;
+    MpuMilliseconds_t deadline = mpuNow() + log->waitMs;
+    for (bool again = true;; again = false) {
+        switch (ask(log, deadline)) {
+        case MPU_LINK_E_ANSWER:
+            if (isTaken(log, deadline)) {
+                return;
+            }
+            if (!again) {
+                leaveKept(log);
+                return;
+            }
+            if (!sendKept(log, deadline)) {
+                loseLink(log);
+                return;
+            }
+            break;
+        case MPU_LINK_E_NOTHING:
+            goAway(log, mpuNow() + RETRY_MS);
+            return;
+        case MPU_LINK_E_LOST:
+            loseLink(log);
+            return;
+        }
     }
 }
 
@@ -182,6 +219,9 @@ bool sendAndKeep(MPU_EventLog_t* log, const MPU_Event_t& event) {
     }
     if (log->away) {
         return false;
+    }
+    if (log->keptLength == 0) {
+        log->use = mpuBlockUse(log->shmid);
     }
     MMSG_t* message = buildEvent(log->kept + log->keptLength, log->endpoint, event);
     if (!mpuLinkSend(&log->link, message, mpuNow() + log->waitMs)) {
@@ -211,9 +251,9 @@ bool makeAddress(struct sockaddr_un* address, const MPU_PARAMS_t* params, U8_t e
 }
 
 /** Attaches to the block and leaves the process's own attachment as it is. */
-MPU_PARAMS_t* attach(int key) {
+MPU_PARAMS_t* attach(int key, int* shmid) {
     MPU_PARAMS_t* own = pMpuParams;
-    MPU_PARAMS_t* params = MPU_getMpuParams(key);
+    MPU_PARAMS_t* params = MPU_getMpuParamsAndShmid(shmid, key);
     if (own != nullptr) {
         pMpuParams = own;
     }
@@ -249,7 +289,7 @@ MPU_EventLog_t* MPU_openEventLog(int key, uint8_t endpoint, int waitMs) {
     log->waitMs = waitMs;
     // Answers go to every process of an endpoint.
     log->handle = (static_cast<U32_t>(getpid()) << 16) ^ static_cast<U32_t>(mpuNow());
-    log->params = attach(key);
+    log->params = attach(key, &log->shmid);
     if (log->params == nullptr || !makeAddress(&log->link.address, log->params, endpoint)) {
         release(log);
         return nullptr;

@@ -24,15 +24,14 @@ bool waitFor(int fd, short events, MpuMilliseconds_t deadline) {
     return poll(&entry, 1, static_cast<int>(left)) != 0;
 }
 
-bool isStatusAnswer(const MMCH_t& mmch, U32_t handle) {
+bool isAnswer(const MMCH_t& mmch, U32_t type, U32_t handle) {
     return mmch.opcode.request.protocol == MMSG_E_PROTOCOL_EVENTMGR &&
-           mmch.opcode.request.type == EMP_E_MSGS_GET_EVENT_MANAGER_STATUS &&
-           (mmch.mmsg_cont & MMSG_E_CONT_RESPONSE) != 0 &&
+           mmch.opcode.request.type == type && (mmch.mmsg_cont & MMSG_E_CONT_RESPONSE) != 0 &&
            mmch.requestor == MMSG_E_EPID_EVENTLOGMP && mmch.handle == handle;
 }
 
 /** Takes the whole messages out of the buffer. */
-MPU_LINK_e takeMessages(MpuEventLink_t* link, U32_t handle) {
+MPU_LINK_e takeMessages(MpuEventLink_t* link, U32_t type, U32_t handle) {
     MPU_LINK_e found = MPU_LINK_E_NOTHING;
     while (link->received >= MMCH_SIZE) {
         const auto& mmch = *reinterpret_cast<const MMCH_t*>(link->buffer);
@@ -43,8 +42,9 @@ MPU_LINK_e takeMessages(MpuEventLink_t* link, U32_t handle) {
         if (link->received < length) {
             break;
         }
-        if (isStatusAnswer(mmch, handle)) {
+        if (isAnswer(mmch, type, handle)) {
             found = MPU_LINK_E_ANSWER;
+            memcpy(link->answer, link->buffer, length);
         }
         link->received -= length;
         memmove(link->buffer, link->buffer + length, link->received);
@@ -58,6 +58,19 @@ MpuMilliseconds_t mpuNow() {
     struct timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return MpuMilliseconds_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+MMSG_t* mpuBuildRequest(void* to, U8_t endpoint, U32_t type, size_t length) {
+    auto* message = static_cast<MMSG_t*>(to);
+    message->mmch = {};
+    message->mmch.message_type = MSG_E_TYPE_MMSG;
+    message->mmch.mmch_version = 1;
+    message->mmch.mmsg_length = static_cast<U16_t>(length);
+    message->mmch.opcode.request.protocol = MMSG_E_PROTOCOL_EVENTMGR;
+    message->mmch.opcode.request.type = type;
+    message->mmch.requestor = endpoint;
+    message->mmch.recipient_loc_bm[0] = 1U << MMSG_E_EPID_EVENTLOGMP;
+    return message;
 }
 
 bool mpuLinkOpen(MpuEventLink_t* link) {
@@ -102,13 +115,14 @@ bool mpuLinkSend(const MpuEventLink_t* link, const MMSG_t* message, MpuMilliseco
     return true;
 }
 
-MPU_LINK_e mpuLinkAwaitStatus(MpuEventLink_t* link, U32_t handle, MpuMilliseconds_t deadline) {
+MPU_LINK_e mpuLinkAwait(MpuEventLink_t* link, U32_t type, U32_t handle,
+                        MpuMilliseconds_t deadline) {
     for (;;) {
         ssize_t size =
             recv(link->fd, link->buffer + link->received, MMSG_MAX_LENGTH - link->received, 0);
         if (size > 0) {
             link->received += static_cast<size_t>(size);
-            MPU_LINK_e found = takeMessages(link, handle);
+            MPU_LINK_e found = takeMessages(link, type, handle);
             if (found != MPU_LINK_E_NOTHING) {
                 return found;
             }

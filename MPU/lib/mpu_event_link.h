@@ -23,6 +23,7 @@ struct MpuEventLink_s {
     int fd;                     ///< -1: closed
     size_t received;            ///< bytes in buffer: the message that is coming in
     U8_t buffer[MMSG_MAX_LENGTH];
+    U8_t answer[MMSG_MAX_LENGTH]; ///< the one that mpuLinkAwait() waited for
 };
 using MpuEventLink_t = MpuEventLink_s;
 
@@ -33,6 +34,9 @@ enum MPU_LINK_e {
     MPU_LINK_E_LOST,    ///< the connection is gone, or carries no messages
 };
 
+/** Fills all that a message to the event manager has in common. @param to as long as the message */
+MMSG_t* mpuBuildRequest(void* to, U8_t endpoint, U32_t type, size_t length);
+
 /** Connects a closed link. @return whether the switch took it */
 bool mpuLinkOpen(MpuEventLink_t* link);
 
@@ -42,11 +46,13 @@ void mpuLinkClose(MpuEventLink_t* link);
 bool mpuLinkSend(const MpuEventLink_t* link, const MMSG_t* message, MpuMilliseconds_t deadline);
 
 /**
- * Reads what comes in until the event manager's answer to the status request of a handle is there.
- * Everything else that the switch has for this endpoint is dropped.
+ * Reads what comes in until the event manager's answer to the request of a type and handle is
+ * there, which goes to link->answer. Everything else that the switch has for this endpoint is
+ * dropped.
+ * @param type     EMP_MESGS_TYPE_e
  * @param deadline in the past: only what is there already
  */
-MPU_LINK_e mpuLinkAwaitStatus(MpuEventLink_t* link, U32_t handle, MpuMilliseconds_t deadline);
+MPU_LINK_e mpuLinkAwait(MpuEventLink_t* link, U32_t type, U32_t handle, MpuMilliseconds_t deadline);
 
 } // namespace mpu
 

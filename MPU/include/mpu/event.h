@@ -7,9 +7,11 @@
  * shown that it was taken (MPU_confirmEvents(), and by itself whenever 32,768 bytes of copies are
  * kept). When the event manager cannot be reached or does not answer in time, the copies and all
  * further events are left as alternate event log files, which it takes into its log at its next
- * start; once a second the library looks whether it is back. So every event reaches the log at
- * least once, as long as the process lives until it is confirmed; an event whose confirmation was
- * too slow reaches it twice.
+ * start; once a second the library looks whether it is back. An event manager that died and came
+ * back before the answer took along what it had not stored: when any process has attached the
+ * parameter block meanwhile, or has left it, the library looks for its events in the log and sends
+ * again what it does not find. So every event reaches the log at least once, as long as the process
+ * lives until it is confirmed; an event whose confirmation was too slow reaches it twice.
  *
  * No call waits for the event manager longer than the time that was given at the opening; writing
  * files takes what the file system takes. One thread at a time may use an event log, one thread of

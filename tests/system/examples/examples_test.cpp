@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <filesystem>
 #include <optional>
 
@@ -75,6 +76,43 @@ TEST_F(Examples, EventsAreInFilesWhileTheEventManagerIsAway) {
     EXPECT_NE(log.find("fan 3 stopped"), std::string::npos);
     EXPECT_NE(log.find("volume 3 is online"), std::string::npos);
     EXPECT_EQ(files(), 0U);
+}
+
+TEST_F(Examples, NoEventIsLostWhileTheEventManagerDiesAndComesBack) {
+    constexpr int COUNT = 1500;
+    bringUp({"--no-emp"});
+    std::optional<Process> emp;
+    auto start = [&] {
+        emp.emplace(commandOf("emp", {key_.text()}), base_.file("emp" + std::to_string(runs_++)));
+        emp->waitForOutput("Wait for Event Messages");
+    };
+    auto logged = [&] { return readFile(base_.file("slot0/nvram/kelta_eventlog")); };
+    start();
+    Process sender(commandOf("examples/log_events", {key_.text(), std::to_string(COUNT)}),
+                   base_.file("sender"));
+    for (int killed = 1; killed <= 2; killed++) {
+        std::string reached = "volume " + std::to_string(killed * 400) + " is";
+        // On a busy machine the answer may come too late, and the rest goes to files.
+        waitUntil([&] { return files() > 0 || logged().find(reached) != std::string::npos; });
+        emp->signal(SIGKILL);
+        emp->wait();
+        start();
+    }
+    EXPECT_EQ(sender.wait(), exitedWith(0)) << sender.errorOutput();
+    std::string all = logged();
+    if (files() > 0) {
+        for (const auto& entry :
+             std::filesystem::directory_iterator(base_.file("slot0/nvram/aelfiles"))) {
+            all += readFile(entry.path().string());
+        }
+    }
+    std::string lost;
+    for (int number = 1; number <= COUNT; ++number) {
+        if (all.find("volume " + std::to_string(number) + " is online") == std::string::npos) {
+            lost += " " + std::to_string(number);
+        }
+    }
+    EXPECT_EQ(lost, "");
 }
 
 } // namespace
