@@ -63,7 +63,7 @@ function(install_service component unit user)
     install(FILES ${PACKAGING_BUILD}/${unit} DESTINATION ${BLADE_SYSTEMD_DIR}
         COMPONENT ${component})
     foreach(kind sysusers tmpfiles)
-        install(FILES ${PACKAGING}/etc/${kind}-${user}.conf RENAME ${component}.conf
+        install(FILES ${PACKAGING}/etc/${kind}-${user}.conf RENAME ${user}.conf
             DESTINATION lib/${kind}.d COMPONENT ${component})
     endforeach()
 endfunction()
@@ -74,6 +74,8 @@ install_completion(event-manager msm blade)
 install_service(event-manager blade@.service blade)
 install(FILES ${PACKAGING}/etc/blade.conf
     DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/event-manager COMPONENT event-manager)
+install(FILES ${PACKAGING}/etc/logrotate-blade RENAME event-manager
+    DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/logrotate.d COMPONENT event-manager)
 install(FILES README.md ARCHITECTURE.md docs/formats.md docs/operations.md demo/blade.conf
     DESTINATION ${BLADE_DOCDIR} COMPONENT event-manager)
 

@@ -66,8 +66,9 @@ bool isRefusalOfArchiver(const MMCH_t& header) {
 
 Blade::Blade(asio::io_context& loop, BladeOptions options)
     : loop_(loop), options_(std::move(options)), block_(options_.source, options_.key),
-      endSignals_(loop, SIGINT, SIGTERM, SIGHUP), childSignals_(loop, SIGCHLD), ready_(loop),
-      deadline_(loop), socket_(loop), msmOutput_(loop), empOutput_(loop) {
+      endSignals_(loop, SIGINT, SIGTERM, SIGHUP), childSignals_(loop, SIGCHLD),
+      renameSignals_(loop, SIGUSR1), ready_(loop), deadline_(loop), socket_(loop), msmOutput_(loop),
+      empOutput_(loop) {
     options_.msm = programPath(options_.msm, "msm");
     if (!options_.noEmp) {
         options_.emp = programPath(options_.emp, "emp");
@@ -91,6 +92,7 @@ Blade::Blade(asio::io_context& loop, BladeOptions options)
 int Blade::run() {
     watchSignals();
     watchChildren();
+    watchRenames();
     startSwitch();
     expectWithinTimeout("msm has not said that it listens");
     waitForSwitch();

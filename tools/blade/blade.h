@@ -71,6 +71,7 @@ class Blade {
     void sayUp();
     void watchSignals();
     void watchChildren();
+    void watchRenames();
     void childEnded(Child& child);
     void fail(const std::string& why);
     void stop(const std::string& why);
@@ -85,6 +86,7 @@ class Blade {
     ParameterBlock block_;
     asio::signal_set endSignals_;
     asio::signal_set childSignals_;
+    asio::signal_set renameSignals_;       ///< somebody has renamed the log files
     asio::posix::stream_descriptor ready_; ///< on which the switch says that it listens
     std::array<char, 16> readyText_{};
     asio::steady_timer deadline_; ///< of coming up, later of a child's end

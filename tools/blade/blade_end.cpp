@@ -50,6 +50,16 @@ void Blade::watchChildren() {
     });
 }
 
+void Blade::watchRenames() {
+    renameSignals_.async_wait([this](std::error_code error, int) {
+        if (!error) {
+            msmOutput_.followName();
+            empOutput_.followName();
+            watchRenames();
+        }
+    });
+}
+
 void Blade::childEnded(Child& child) {
     linesOfEndedChild(child);
     if (stopping_) {

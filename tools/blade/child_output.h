@@ -25,6 +25,13 @@ class ChildOutput {
     /** Keeps it in a file; without this call it goes to this program's own standard output. */
     void keepIn(const std::string& path, U64_t sizeMax, U32_t keep);
 
+    /** Somebody has renamed the file: the next lines go to one of its name. */
+    void followName() {
+        if (file_) {
+            file_->followName();
+        }
+    }
+
     /** Makes a new pipe. @return its writing end, to be closed once the child has it. Throws
      * BladeError. */
     int open();

@@ -14,6 +14,15 @@
 #include <unistd.h>
 
 namespace blade {
+namespace {
+
+/** With its end, if that is there. */
+size_t lengthOfLine(std::string_view piece) {
+    size_t end = piece.find('\n');
+    return end == std::string_view::npos ? piece.size() : end + 1;
+}
+
+} // namespace
 
 RotatingFile::RotatingFile(std::string path, U64_t sizeMax, U32_t keep)
     : path_(std::move(path)), sizeMax_(sizeMax), keep_(keep) {
@@ -46,7 +55,29 @@ bool RotatingFile::reopen(int flags) {
     return true;
 }
 
+void RotatingFile::followName() {
+    renamed_ = true;
+    if (atLineStart_) {
+        openNamed();
+    }
+}
+
+void RotatingFile::openNamed() {
+    renamed_ = false;
+    if (!reopen(0)) {
+        tools::say("cannot open " + path_ + ": " + strerror(errno) + "; the renamed file goes on");
+    }
+}
+
 void RotatingFile::write(std::string_view piece) {
+    if (renamed_) {
+        size_t length = lengthOfLine(piece);
+        put(piece.substr(0, length));
+        piece.remove_prefix(length);
+        if (atLineStart_) {
+            openNamed();
+        }
+    }
     while (!piece.empty()) {
         size_t length = fitting(piece);
         if (length == 0) {
@@ -73,8 +104,7 @@ size_t RotatingFile::fitting(std::string_view piece) const {
         return 0;
     }
     // Never torn: a line that has begun here ends here.
-    size_t end = piece.find('\n');
-    return end == std::string_view::npos ? piece.size() : end + 1;
+    return lengthOfLine(piece);
 }
 
 void RotatingFile::put(std::string_view bytes) {

@@ -33,10 +33,15 @@ class RotatingFile {
     /** Takes a piece of the stream of lines, cut anywhere. */
     void write(std::string_view piece);
 
+    /** Somebody has renamed the file: from the next line on, whatever has its name now takes the
+     * lines, or else a new file. */
+    void followName();
+
   private:
     size_t fitting(std::string_view piece) const;
     void put(std::string_view bytes);
     void rotate();
+    void openNamed();
     bool reopen(int flags);
 
     std::string path_;
@@ -46,6 +51,7 @@ class RotatingFile {
     bool isRegular_ = false;
     U64_t size_ = 0;
     bool atLineStart_ = true;
+    bool renamed_ = false;    ///< followName() waits for the end of a line
     bool complained_ = false; ///< a write that failed was said
 };
 

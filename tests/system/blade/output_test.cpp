@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <filesystem>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -101,6 +102,46 @@ TEST_F(Rotation, CountsWhatIsThereAlready) {
     file.write("after\n");
     EXPECT_EQ(readFile(path + ".1"), "before\n");
     EXPECT_EQ(readFile(path), "after\n");
+}
+
+TEST_F(Rotation, LinesGoToTheNameAgainAfterARename) {
+    RotatingFile file(path, 1000, 3);
+    file.write("one\ntwo ");
+    std::filesystem::rename(path, path + "-old");
+    file.write("goes on, ");
+    file.followName();
+    file.write("and ");
+    file.write("ends\nthree\n");
+    EXPECT_EQ(readFile(path + "-old"), "one\ntwo goes on, and ends\n");
+    EXPECT_EQ(readFile(path), "three\n");
+    std::filesystem::rename(path, path + "-old");
+    file.followName();
+    EXPECT_EQ(readFile(path), "") << "at once: nothing more comes into the renamed file";
+    file.write("four\n");
+    EXPECT_EQ(readFile(path), "four\n");
+}
+
+TEST_F(Rotation, RenamedFileGoesOnWhenItsNameIsTaken) {
+    RotatingFile file(path, 1000, 3);
+    std::filesystem::rename(path, path + "-old");
+    directory.makeDirectory("log");
+    file.followName();
+    file.write("one\n");
+    EXPECT_EQ(readFile(path + "-old"), "one\n");
+}
+
+TEST_F(Rotation, RunningBladeFollowsTheNamesOfItsLogs) {
+    BladeUnderTest blade;
+    blade.waitUntilUp();
+    for (const char* log : {"log/emp.log", "log/msm.log"}) {
+        std::filesystem::rename(blade.slotFile(log), blade.slotFile(log) + "-old");
+    }
+    ASSERT_EQ(kill(blade.process.pid(), SIGUSR1), 0);
+    for (const char* log : {"log/emp.log", "log/msm.log"}) {
+        waitForFile(blade.slotFile(log));
+    }
+    blade.stop(SIGTERM, 0);
+    EXPECT_NE(readFile(blade.slotFile("log/msm.log")), "") << "its last lines";
 }
 
 TEST_F(Rotation, LeavesADeviceAlone) {
