@@ -1,11 +1,12 @@
 /** evctl file: event log files, read without the event manager and without a change. */
 #include "evctl/file.h"
 
+#include "configuration.h"
 #include "evctl/commands.h"
 #include "evlog/guess.h"
 
 #include <algorithm>
-#include <cstring>
+#include <iostream>
 #include <stdexcept>
 
 namespace evctl {
@@ -28,18 +29,32 @@ void addFileArgument(CLI::App& command, std::string& path) {
     command.add_option("FILE", path, "The event log file; it is only read")->required();
 }
 
-EvlogImage_t loadLog(const std::string& path) {
-    EvlogImage_t image;
-    int error = evlogLoadFile(path.c_str(), &image);
-    if (error == EINVAL) {
-        throw std::runtime_error(path + ": not a regular file");
+std::vector<sources::LogFile> loadLogFiles(const std::string& path) {
+    std::vector<std::string> notices;
+    std::vector<sources::LogFile> files = sources::loadLogFiles(path, &notices);
+    for (const std::string& notice : notices) {
+        std::cerr << "evctl: " << notice << "\n";
     }
-    if (error != 0) {
-        throw std::runtime_error(path + ": " + strerror(error));
-    }
+    return files;
+}
+
+EvlogImage_t loadAnyLog(const std::string& path) {
+    std::vector<sources::LogFile> files = loadLogFiles(path);
+    auto place = std::ranges::find_if(files, [](const sources::LogFile& file) {
+        return file.name.ends_with(&EMP_LOG_FILE_NAME[1]);
+    });
+    return std::move((place == files.end() ? files.front() : *place).image);
+}
+
+void requireLog(const std::string& name, const EvlogImage_t& image) {
     if (!evlogIsLog(image)) {
-        throw std::runtime_error(path + ": no event log; it is " + evlogGuess(image));
+        throw std::runtime_error(name + ": no event log; it is " + evlogGuess(image));
     }
+}
+
+EvlogImage_t loadLog(const std::string& path) {
+    EvlogImage_t image = loadAnyLog(path);
+    requireLog(path, image);
     return image;
 }
 

@@ -7,6 +7,7 @@
 
 #include "common/cli.h"
 #include "evlog/evlog.h"
+#include "sources/source.h"
 
 #include <string>
 #include <vector>
@@ -16,8 +17,19 @@ namespace evctl {
 /** Adds the positional argument FILE. */
 void addFileArgument(CLI::App& command, std::string& path);
 
-/** Reads a log file; throws when it cannot be read, or is no event log. */
+/** What a file holds, compressed or a bundle as it may be; what is wrong on the way goes to
+ * standard error. Throws when it cannot be read. */
+std::vector<sources::LogFile> loadLogFiles(const std::string& path);
+
+/** Reads a file that the event manager may be given as its log; of a bundle the log in it. Throws
+ * when it cannot be read. */
+EvlogImage_t loadAnyLog(const std::string& path);
+
+/** loadAnyLog(); throws also when it is no event log. */
 EvlogImage_t loadLog(const std::string& path);
+
+/** Throws when a file is no event log. */
+void requireLog(const std::string& name, const EvlogImage_t& image);
 
 /** All of a log file; the records lead into its image. */
 struct LogContent {

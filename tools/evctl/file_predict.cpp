@@ -6,8 +6,6 @@
 #include "evctl/file_identity.h"
 #include "evctl/predict_view.h"
 
-#include <cerrno>
-#include <cstring>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
@@ -68,13 +66,8 @@ void printLines(const EvlogPrediction_t& prediction) {
 }
 
 int runPredict(const PredictOptions& options) {
-    EvlogImage_t image;
-    // Also of a file that is no log: the event manager takes any. One that is not there, too.
-    int error = evlogLoadFile(options.path.c_str(), &image);
-    if (error != 0) {
-        throw std::runtime_error(options.path + ": " +
-                                 (error == EINVAL ? "not a regular file" : strerror(error)));
-    }
+    // Also of a file that is no log: the event manager takes any.
+    EvlogImage_t image = loadAnyLog(options.path);
     std::optional<EvlogIdentity_t> identity = identityOf(options.identity);
     EvlogPrediction_t prediction = evlogPredict(image, identity ? &*identity : nullptr);
     if (options.json) {

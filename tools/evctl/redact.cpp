@@ -2,6 +2,7 @@
 
 #include "altEventLog.h"
 #include "emp_evl.h"
+#include "evctl/advice.h"
 #include "mmsg.h"
 
 #include <algorithm>
@@ -11,18 +12,57 @@
 namespace evctl {
 namespace {
 
-/** The only data that hold nothing but what the program itself says. */
-bool isBugcheckMessage(const EmpEvRecord_t& header, U32_t dataLength) {
-    return header.evSource == MMSG_E_EPID_EVENTLOGMP &&
-           header.evId == EMP_E_ID_EVENTMGRMP_BUGCHECK_ERROR_MSG &&
-           dataLength == sizeof(EmpErrorMsg_t);
+/** The length of a text, which need not have a NUL. */
+template <size_t Size>
+size_t lengthOf(const U8_t (&text)[Size]) {
+    return strnlen(reinterpret_cast<const char*>(text), Size);
+}
+
+template <size_t Size>
+std::string textOf(const U8_t (&text)[Size]) {
+    return {reinterpret_cast<const char*>(text), lengthOf(text)};
+}
+
+/** Nothing is left of what stood behind its end. */
+template <size_t Size>
+void clearBehind(U8_t (&text)[Size]) {
+    size_t length = lengthOf(text);
+    memset(text + length, 0, Size - length);
+}
+
+/** Whether one of the functions, divided by ", ", has this name. */
+bool isOneOf(const std::string& functions, const std::string& name) {
+    return !name.empty() && (", " + functions + ", ").find(", " + name + ", ") != std::string::npos;
+}
+
+/** The only data that hold nothing but what the program itself says; anybody may send what looks
+ * like it, so only a message that is known is one. Its file goes, the function is enough. */
+bool keepBugcheckMessage(const EmpEvRecord_t& header, U8_t* data, U32_t dataLength) {
+    if (header.evSource != MMSG_E_EPID_EVENTLOGMP ||
+        header.evId != EMP_E_ID_EVENTMGRMP_BUGCHECK_ERROR_MSG ||
+        dataLength != sizeof(EmpErrorMsg_t)) {
+        return false;
+    }
+    auto& error = *reinterpret_cast<EmpErrorMsg_t*>(data);
+    const Advice* known = adviceFor(textOf(error.empErrorMsg));
+    if (known == nullptr || !isOneOf(known->functions, textOf(error.empFunctionName))) {
+        return false;
+    }
+    memset(error.empFileName, 0, sizeof(error.empFileName));
+    clearBehind(error.empFunctionName);
+    clearBehind(error.empErrorMsg);
+    return true;
+}
+
+/** Numbers that name the hardware, as a text would. */
+bool isIdentifying(const std::string& member) {
+    return member == "serialNo";
 }
 
 } // namespace
 
 void Redaction::rename(U8_t (&text)[EMP_ID_TEXT_SIZE], const char* kind) {
-    const char* begin = reinterpret_cast<const char*>(text);
-    std::string name(begin, strnlen(begin, sizeof(text)));
+    std::string name = textOf(text);
     memset(text, 0, sizeof(text));
     if (name.empty()) {
         return;
@@ -38,7 +78,8 @@ void Redaction::redact(U8_t* record, U32_t dataLength) {
     auto& header = *reinterpret_cast<EmpEvRecord_t*>(record);
     rename(header.evEnclosureId, "ENCLOSURE-");
     rename(header.evBladeId, "BLADE-");
-    if (!isBugcheckMessage(header, dataLength)) {
+    header.evRdReserved = 0;
+    if (!keepBugcheckMessage(header, record + EMP_RECORD_SIZE, dataLength)) {
         memset(record + EMP_RECORD_SIZE, 0, dataLength);
     }
     header.evRdCRCChecksum =
@@ -70,11 +111,12 @@ std::vector<U8_t> Redaction::record(std::span<const U8_t> bytes) {
 }
 
 Json Redaction::object(Json json) {
-    for (auto& member : json) {
-        if (member.is_structured()) {
-            member = object(member);
-        } else if (member.is_string() && !member.get_ref<const std::string&>().empty()) {
-            member = "redacted";
+    for (auto member = json.begin(); member != json.end(); ++member) {
+        if (member->is_structured()) {
+            *member = object(*member);
+        } else if ((member->is_string() && !member->get_ref<const std::string&>().empty()) ||
+                   (json.is_object() && isIdentifying(member.key()))) {
+            *member = "redacted";
         }
     }
     return json;

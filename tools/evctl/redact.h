@@ -18,15 +18,15 @@ class Redaction {
   public:
     /**
      * A log of the same size with the same records at the same places: enclosures and blades have
-     * other names, data are zeros but for the message of a bug-check, checksums match. What lies
-     * between records is zero.
+     * other names, data are zeros but for the known message of a bug-check, checksums match. What
+     * lies between records is zero.
      */
     std::vector<U8_t> log(const EvlogImage_t& image);
 
     /** One record with its data, as in an alternate event file; empty when it is none. */
     std::vector<U8_t> record(std::span<const U8_t> bytes);
 
-    /** An object without its texts: "redacted" stands for each that is not empty. */
+    /** An object without its texts and serial numbers: "redacted" stands for each. */
     static Json object(Json json);
 
   private:

@@ -1,10 +1,11 @@
 #include "evctl/salvage.h"
 
 #include "evctl/file.h"
+#include "evlog/guess.h"
 #include "sources/alternate_files.h"
 
-#include <cstring>
 #include <filesystem>
+#include <iostream>
 #include <stdexcept>
 
 namespace evctl {
@@ -12,15 +13,6 @@ namespace {
 
 bool isAlternateEventFile(const std::string& path) {
     return path.substr(path.rfind('/') + 1).starts_with(EMP_AEL_FILE_PREFIX);
-}
-
-std::vector<U8_t> bytesOf(const std::string& path) {
-    EvlogImage_t image;
-    if (int error = evlogLoadFile(path.c_str(), &image); error != 0) {
-        throw std::runtime_error(path + ": " +
-                                 (error == EINVAL ? "not a regular file" : strerror(error)));
-    }
-    return std::move(image.bytes);
 }
 
 } // namespace
@@ -38,10 +30,18 @@ void SalvageInputs::add(const std::string& path) {
                 add(path + "/" + file.name, std::move(file.bytes), true);
             }
         }
-    } else if (isAlternateEventFile(path)) {
-        add(path, bytesOf(path), true);
-    } else {
-        add(path, std::move(loadLog(path).bytes), false);
+        return;
+    }
+    std::vector<sources::LogFile> files = loadLogFiles(path);
+    for (sources::LogFile& file : files) {
+        bool waiting = file.kind == sources::Kind::ALTERNATE;
+        if (waiting || evlogIsLog(file.image)) {
+            add(file.name, std::move(file.image.bytes), waiting);
+        } else if (files.size() == 1) {
+            requireLog(file.name, file.image);
+        } else { // of a bundle the rest is read
+            std::cerr << "evctl: " << file.name << ": no event log, passed over\n";
+        }
     }
 }
 

@@ -53,7 +53,7 @@ void addStatus(SupportFiles& files, const KeyOptions& block) {
                         statusJson(*reinterpret_cast<const EmpGetEvManagerStatusMsg_t*>(
                             reply.data() + MMCH_SIZE)));
     } catch (const std::runtime_error& problem) {
-        files.addProblem(std::string("status: ") + problem.what());
+        files.addProblem("status", problem.what());
     }
 }
 

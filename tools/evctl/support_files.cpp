@@ -70,8 +70,9 @@ void SupportFiles::addText(const std::string& name, const std::string& text) {
     add(name, {text.begin(), text.end()});
 }
 
-void SupportFiles::addProblem(const std::string& text) {
-    problems_.push_back(text);
+void SupportFiles::addProblem(const std::string& what, const std::string& why) {
+    problems_.push_back(what + ": " + why);
+    missing_ += (redact_ ? what : problems_.back()) + "\n";
 }
 
 void SupportFiles::addObject(const std::string& name, Json json) {
@@ -92,17 +93,16 @@ void SupportFiles::addReports(const EvlogImage_t& original, const EvlogImage_t& 
     addText("crashes.txt", crashes);
 }
 
-void SupportFiles::addLog(const std::string& path, bool expected) {
+void SupportFiles::addLog(const std::string& path, const std::string& name, bool expected) {
     EvlogImage_t image;
-    std::string name = baseName(path);
     if (int error = evlogLoadFile(path.c_str(), &image); error != 0) {
         if (expected || error != ENOENT) {
-            addProblem(name + ": " + (error == EINVAL ? "not a regular file" : strerror(error)));
+            addProblem(name, error == EINVAL ? "not a regular file" : strerror(error));
         }
         return;
     }
     if (image.fileSize > image.bytes.size()) {
-        addProblem(name + ": only its first " + std::to_string(image.bytes.size()) + " bytes");
+        addProblem(name, "only its first " + std::to_string(image.bytes.size()) + " bytes");
     }
     std::vector<U8_t> shown = redact_ ? redaction_.log(image) : image.bytes;
     if (expected) {
@@ -117,32 +117,46 @@ void SupportFiles::addAlternates(const std::string& directory) {
         files = sources::readAelDirectory(directory);
     } catch (const std::system_error& problem) {
         if (problem.code() != std::errc::no_such_file_or_directory) {
-            addProblem(std::string("alternate events: ") + problem.what());
+            addProblem("alternate events", problem.what());
         }
         return;
     }
     if (files.size() > SUPPORT_FILES_MAX) {
-        addProblem("alternate events: the first " + std::to_string(SUPPORT_FILES_MAX) + " of " +
-                   std::to_string(files.size()) + " files");
+        addProblem("alternate events", "the first " + std::to_string(SUPPORT_FILES_MAX) + " of " +
+                                           std::to_string(files.size()) + " files");
         files.resize(SUPPORT_FILES_MAX);
     }
-    for (sources::AelFile& file : files) {
+    for (size_t number = 0; number < files.size(); number++) {
+        sources::AelFile& file = files[number];
         std::vector<U8_t> bytes = redact_ ? redaction_.record(file.bytes) : std::move(file.bytes);
         if (file.name.starts_with(EMP_AEL_FILE_PREFIX) && !bytes.empty()) {
-            add(&EMP_AEL_DIRECTORY_NAME[1] + ("/" + file.name), std::move(bytes));
+            std::string name =
+                redact_ ? EMP_AEL_FILE_PREFIX + std::to_string(number + 1) : file.name;
+            add(&EMP_AEL_DIRECTORY_NAME[1] + ("/" + name), std::move(bytes));
         } else {
-            addProblem("alternate events: " + tools::escapedText(file.name) + ": left out, " +
-                       (file.reason.empty() ? "no valid record" : file.reason));
+            addProblem("alternate events",
+                       tools::escapedText(file.name) + ": left out, " +
+                           (file.reason.empty() ? "no valid record" : file.reason));
         }
     }
 }
 
+/** Behind the stamp of the time there may be anything. */
+std::string SupportFiles::nameOfAside(const std::string& path, size_t number) const {
+    std::string name = baseName(path);
+    std::string stamp = name.substr(name.rfind(LOG_ASIDE) + strlen(LOG_ASIDE));
+    bool isStamp = stamp.find_first_not_of("0123456789TZ-") == std::string::npos;
+    return redact_ && !isStamp ? &EMP_LOG_FILE_NAME[1] + (LOG_ASIDE + std::to_string(number))
+                               : name;
+}
+
 void SupportFiles::addLogs(const std::string& directory) {
     std::string log = directory + EMP_LOG_FILE_NAME;
-    addLog(log, true);
-    addLog(directory + EMP_DEBUG_LOG_FILE_NAME, false);
-    for (const std::string& aside : logsSetAside(log)) {
-        addLog(aside, false);
+    addLog(log, baseName(log), true);
+    addLog(directory + EMP_DEBUG_LOG_FILE_NAME, &EMP_DEBUG_LOG_FILE_NAME[1], false);
+    std::vector<std::string> asides = logsSetAside(log);
+    for (size_t number = 0; number < asides.size(); number++) {
+        addLog(asides[number], nameOfAside(asides[number], number + 1), false);
     }
     addAlternates(directory + EMP_AEL_DIRECTORY_NAME);
 }
@@ -150,12 +164,12 @@ void SupportFiles::addLogs(const std::string& directory) {
 void SupportFiles::addTail(const std::string& path) {
     std::string name = tools::escapedText(baseName(path));
     if (redact_) {
-        addProblem(name + ": outputs are left out, they quote names and data");
+        addProblem("outputs", name + " is left out, it quotes names and data");
         return;
     }
     std::vector<U8_t> bytes;
     if (int error = readTail(path, bytes); error != 0) {
-        addProblem(tools::escapedText(path) + ": " + strerror(error));
+        addProblem("outputs", tools::escapedText(path) + ": " + strerror(error));
         return;
     }
     std::string member = FOLDER + ("outputs/" + name);
@@ -167,11 +181,7 @@ void SupportFiles::addTail(const std::string& path) {
 }
 
 std::vector<bundle::Member> SupportFiles::finish() {
-    std::string problems;
-    for (const std::string& problem : problems_) {
-        problems += problem + "\n";
-    }
-    addText("missing.txt", problems);
+    addText("missing.txt", missing_);
     std::string sums;
     for (const bundle::Member& member : members_) {
         sums += bundle::sha256(member.bytes) + "  " + member.name.substr(strlen(FOLDER)) + "\n";

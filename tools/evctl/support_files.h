@@ -37,25 +37,29 @@ class SupportFiles {
     /** What is known of this program and its host; nothing of it is a name. */
     void addVersions(const Json& versions) { addText("versions.json", jsonLine(versions)); }
 
-    /** Something is missing that should be there. */
-    void addProblem(const std::string& text);
+    /** Something is missing that should be there. @param why may hold names, so it is not told
+     * where these shall be left out */
+    void addProblem(const std::string& what, const std::string& why);
 
     /** All members, with what is missing and the checksums at the end. */
     std::vector<bundle::Member> finish();
 
+    /** All of them, with names: for who makes the bundle. */
     const std::vector<std::string>& problems() const { return problems_; }
 
   private:
     void add(const std::string& name, std::vector<U8_t> bytes);
     void addText(const std::string& name, const std::string& text);
-    void addLog(const std::string& path, bool expected);
+    void addLog(const std::string& path, const std::string& name, bool expected);
     void addReports(const EvlogImage_t& original, const EvlogImage_t& shown);
     void addAlternates(const std::string& directory);
+    std::string nameOfAside(const std::string& path, size_t number) const;
 
     bool redact_;
     Redaction redaction_;
     std::vector<bundle::Member> members_;
     std::vector<std::string> problems_;
+    std::string missing_; ///< the same for the bundle
 };
 
 } // namespace evctl

@@ -100,8 +100,12 @@ Sources one(std::unique_ptr<Source> source) {
     return list;
 }
 
+Kind kindOf(const std::string& name) {
+    return baseName(name).starts_with(EMP_AEL_FILE_PREFIX) ? Kind::ALTERNATE : logOrigin(name).kind;
+}
+
 Sources openImage(const std::string& name, EvlogImage_t image, const OpenOptions& options) {
-    if (baseName(name).starts_with(EMP_AEL_FILE_PREFIX)) {
+    if (kindOf(name) == Kind::ALTERNATE) {
         return one(
             alternateFileSource({.name = name, .kind = Kind::ALTERNATE}, std::move(image.bytes)));
     }
@@ -121,24 +125,46 @@ bool isNameOfEvents(const std::string& name) {
            base.starts_with(EMP_AEL_FILE_PREFIX);
 }
 
-/** The names in it lead nowhere: they are only shown. */
+/** Its logs and alternate events. Their names lead nowhere: they are only shown. */
+std::vector<LogFile> unpackEvents(const std::string& name, std::span<const U8_t> bytes,
+                                  std::vector<std::string>* problems) {
+    std::vector<LogFile> found;
+    for (const bundle::Member& member : bundle::unpack(bytes, problems)) {
+        if (isNameOfEvents(member.name)) {
+            found.push_back({.name = name + ":" + tools::escapedText(member.name),
+                             .kind = kindOf(member.name),
+                             .image = evlogImageOf(member.bytes)});
+        }
+    }
+    if (found.empty()) {
+        fail(name, problems->empty() ? "a bundle without a log" : problems->front());
+    }
+    return found;
+}
+
+#else
+
+std::vector<LogFile> unpackEvents(const std::string& name, std::span<const U8_t> /*bytes*/,
+                                  std::vector<std::string>* /*problems*/) {
+    fail(name, "a bundle; this program was built without what reads it");
+}
+
+#endif
+
 Sources openBundle(const std::string& name, std::span<const U8_t> bytes,
                    const OpenOptions& options) {
     Sources found;
     std::vector<std::string> problems;
-    for (const bundle::Member& member : bundle::unpack(bytes, &problems)) {
-        std::string place = name + ":" + tools::escapedText(member.name);
+    for (LogFile& file : unpackEvents(name, bytes, &problems)) {
         try {
-            if (isNameOfEvents(member.name)) {
-                found.push_back(
-                    std::move(openImage(place, evlogImageOf(member.bytes), options).front()));
-            }
+            found.push_back(
+                std::move(openImage(file.name, std::move(file.image), options).front()));
         } catch (const std::runtime_error& problem) {
             problems.emplace_back(problem.what());
         }
     }
     if (found.empty()) {
-        fail(name, problems.empty() ? "a bundle without a log" : problems.front());
+        fail(name, problems.front());
     }
     for (const std::string& problem : problems) {
         found.front()->addNotice(problem);
@@ -146,58 +172,69 @@ Sources openBundle(const std::string& name, std::span<const U8_t> bytes,
     return found;
 }
 
-#else
-
-Sources openBundle(const std::string& name, std::span<const U8_t> /*bytes*/,
-                   const OpenOptions& /*options*/) {
-    fail(name, "a bundle; this program was built without what reads it");
-}
-
-#endif
-
-Sources openCompressed(const std::string& name, std::span<const U8_t> bytes,
-                       const OpenOptions& options) {
-    std::optional<std::string> problem;
+/** @param problem receives what is wrong, if some of it can be had */
+Bytes plainOf(const std::string& name, std::span<const U8_t> bytes,
+              std::optional<std::string>* problem) {
     Bytes plain;
     try {
-        plain = decompress(bytes, LONGEST_INPUT, &problem);
+        plain = decompress(bytes, LONGEST_INPUT, problem);
     } catch (const std::runtime_error& error) {
         fail(name, error.what());
     }
     if (isGzip(plain)) {
         fail(name, "compressed twice");
     }
-    if (problem && plain.empty()) {
-        fail(name, *problem);
+    if (*problem && plain.empty()) {
+        fail(name, **problem);
     }
+    return plain;
+}
+
+/** The name of what is compressed. */
+std::string plainName(const std::string& name) {
     bool hasSuffix = name.ends_with(GZIP_SUFFIX);
-    Sources found = openBytes(hasSuffix ? name.substr(0, name.size() - strlen(GZIP_SUFFIX)) : name,
-                              std::move(plain), options);
+    return hasSuffix ? name.substr(0, name.size() - strlen(GZIP_SUFFIX)) : name;
+}
+
+Sources openCompressed(const std::string& name, std::span<const U8_t> bytes,
+                       const OpenOptions& options) {
+    std::optional<std::string> problem;
+    Sources found = openBytes(plainName(name), plainOf(name, bytes, &problem), options);
     if (problem) {
         found.front()->addNotice(*problem);
     }
     return found;
 }
 
-Sources openRegular(const std::string& path, const OpenOptions& options) {
+/** A file of which only the beginning may have been read. */
+Bytes wholeOf(const std::string& path, EvlogImage_t image) {
+    if (image.fileSize == image.bytes.size()) {
+        return std::move(image.bytes);
+    }
+    Descriptor descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (descriptor.number() < 0) {
+        fail(path, strerror(errno));
+    }
+    return readAll(path, descriptor.number());
+}
+
+EvlogImage_t loadFile(const std::string& path) {
     EvlogImage_t image;
     if (int error = evlogLoadFile(path.c_str(), &image); error != 0) {
-        fail(path, strerror(error));
+        fail(path, error == EINVAL ? "not a regular file" : strerror(error));
     }
+    return image;
+}
+
+Sources openRegular(const std::string& path, const OpenOptions& options) {
+    EvlogImage_t image = loadFile(path);
     if (isArchive(image.bytes)) {
         return archiveSources(path, options);
     }
     if (!isGzip(image.bytes) && !isBundle(image.bytes)) {
         return openImage(path, std::move(image), options);
     }
-    if (image.fileSize == image.bytes.size()) {
-        return openBytes(path, std::move(image.bytes), options);
-    }
-    Descriptor descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (descriptor.number() < 0) {
-        fail(path, strerror(errno));
-    }
-    return openBytes(path, readAll(path, descriptor.number()), options);
+    return openBytes(path, wholeOf(path, std::move(image)), options);
 }
 
 void addAlternates(const std::string& directory, Sources& found) {
@@ -272,6 +309,26 @@ Sources openSources(const std::string& path, const OpenOptions& options) {
         return openDirectory(path, options);
     }
     return S_ISREG(status.st_mode) ? openRegular(path, options) : openPipe(path, options);
+}
+
+std::vector<LogFile> loadLogFiles(const std::string& path, std::vector<std::string>* notices) {
+    EvlogImage_t image = loadFile(path);
+    std::string name = path;
+    if (isGzip(image.bytes)) {
+        std::optional<std::string> problem;
+        Bytes plain = plainOf(path, wholeOf(path, std::move(image)), &problem);
+        if (problem) {
+            notices->push_back(path + ": " + *problem);
+        }
+        name = plainName(path);
+        if (isBundle(plain)) {
+            return unpackEvents(path, plain, notices);
+        }
+        image = evlogImageOf(plain);
+    } else if (isBundle(image.bytes)) {
+        return unpackEvents(path, wholeOf(path, std::move(image)), notices);
+    }
+    return {{.name = name, .kind = kindOf(name), .image = std::move(image)}};
 }
 
 } // namespace sources

@@ -83,6 +83,21 @@ Sources openSources(const std::string& path, const OpenOptions& options = {});
 /** The sources of a file whose bytes are already in memory, by its name; as openSources(). */
 Sources openBytes(const std::string& name, Bytes bytes, const OpenOptions& options = {});
 
+/** A log, a copy of one or an alternate event log file, as it is. */
+struct LogFile {
+    std::string name; ///< as it was asked for, then the member within
+    Kind kind = Kind::LOG;
+    EvlogImage_t image;
+};
+
+/**
+ * A regular file, plain or compressed; or of a bundle all logs, copies of logs and alternate event
+ * log files in it, in their order, at least one. Whether a log stands in a file is not looked at.
+ * @param notices receives what is wrong on the way, a line each
+ * Throws std::runtime_error with the name and the reason.
+ */
+std::vector<LogFile> loadLogFiles(const std::string& path, std::vector<std::string>* notices);
+
 // --- Single sources ------------------------------------------------------------------------------
 
 /** A log file. Every readable record is given, also what the event manager's next start leaves. */

@@ -3,12 +3,17 @@
 #include "../evlog/log_image.h"
 
 #include "bundle/bundle.h"
+#include "evctl/redact.h"
+#include "sources/source.h"
 #include "temp_directory.h"
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
 #include <filesystem>
 #include <map>
+#include <random>
+#include <unordered_set>
 
 using test::Said;
 using testing::HasSubstr;
@@ -124,12 +129,114 @@ TEST_F(Support, RedactedHoldsNoNamesAndNoData) {
     write("emp.log", SECRET);
     Said said = pack({"--redact", "--tail", directory_.file("emp.log")});
     EXPECT_EQ(said.status, 1) << "the output is left out";
+    EXPECT_THAT(said.errors, HasSubstr("outputs: emp.log is left out"));
     for (const auto& [name, content] : members_) {
         EXPECT_THAT(content, Not(HasSubstr("secret"))) << name;
         EXPECT_THAT(content, Not(HasSubstr("CHASSIS"))) << name;
         EXPECT_THAT(content, Not(HasSubstr("BLADE-A"))) << name;
     }
     EXPECT_EQ(members_.count("support/outputs/emp.log"), 0U);
+    EXPECT_EQ(members_["support/missing.txt"], "outputs\n");
+}
+
+TEST_F(Support, RedactedHoldsNoSixBytesOfNamesOrDataWhereverTheyStood) {
+    std::minstd_rand random(20061122);
+    std::unordered_set<std::string> pieces;
+    auto secret = [&](size_t length) {
+        std::string text;
+        while (text.size() < length) {
+            text += static_cast<char>('!' + random() % 90);
+        }
+        for (size_t at = 0; at + 6 <= length; at++) {
+            pieces.insert(text.substr(at, 6));
+        }
+        return text;
+    };
+    test::LogImage log;
+    log.firstEntry();
+    for (uint32_t id = 1; id <= 200; id++) {
+        // Behind the end of a name, too; the whole field; and where a bug-check has its texts.
+        std::string name = id % 3 == 0 ? std::string("\0", 1) + secret(63) : secret(64);
+        bool bugcheck = id % 5 == 0;
+        log.raw(test::record({.enclosure = name,
+                              .blade = secret(7 + id % 50),
+                              .id = id,
+                              .source = static_cast<uint8_t>(bugcheck ? 27 : 18),
+                              .eventId = static_cast<uint16_t>(bugcheck ? 11 : id)},
+                             secret(bugcheck ? 196 : random() % 600)));
+        log.raw(id % 7 == 0 ? secret(50) : "");
+    }
+    log.dummy();
+    log.zerosTo(test::RING - 5000);
+    log.raw(secret(4000));
+    log.zerosTo();
+    for (const char* name : {"kelta_eventlog", "kelta_eventlog.debug"}) {
+        write("nvram/" + std::string(name), log.bytes);
+    }
+    write("nvram/kelta_eventlog.fatal-" + secret(12), log.bytes);
+    write("nvram/aelfiles/kelta_alteventlog1." + secret(12), test::record({}, secret(300)));
+    write("nvram/aelfiles/" + secret(12), secret(300));
+    std::string output = directory_.file(secret(12));
+    pack({"--redact", "--tail", output, "--tail", output});
+
+    std::string packed = support::readFile(bundlePath());
+    std::optional<std::string> problem;
+    std::vector<U8_t> plain = sources::decompress(
+        {reinterpret_cast<const U8_t*>(packed.data()), packed.size()}, size_t{64} << 20U, &problem);
+    std::string all(plain.begin(), plain.end());
+    ASSERT_GT(all.size(), 4 * test::RING);
+    size_t found = 0;
+    for (size_t at = 0; at + 6 <= all.size(); at++) {
+        if (all[at] != '\0' && pieces.contains(all.substr(at, 6))) {
+            ADD_FAILURE() << "'" << all.substr(at, 6) << "' at " << at;
+            ASSERT_LT(++found, 10U);
+        }
+    }
+}
+
+TEST_F(Support, RedactedKeepsOnlyKnownMessagesOfBugChecksAndNothingBehindTheirEnds) {
+    auto padded = [](std::string text, const std::string& rest) {
+        text += std::string(1, '\0') + rest;
+        text.resize(64, '\0');
+        return text;
+    };
+    auto bugcheck = [&](const std::string& function, const std::string& message) {
+        return padded("secret/path", "") + padded(function, "secret") + std::string("\0\0\1\7", 4) +
+               padded(message, "secret");
+    };
+    test::LogImage log;
+    log.firstEntry();
+    auto add = [&](uint32_t id, const std::string& body) {
+        log.raw(test::record({.id = id, .source = 27, .eventId = 11}, body));
+    };
+    add(1, bugcheck("main", "Linux select function fails"));
+    add(2, bugcheck("secret", "Linux select function fails"));
+    add(3, bugcheck("main", "secret"));
+    log.bytes[200 + 3] = 's'; // the reserved byte of record 1, which no checksum covers
+    log.dummy();
+    log.zerosTo();
+    write("nvram/kelta_eventlog", log.bytes);
+    pack({"--redact"});
+    std::string shown = members_["support/kelta_eventlog"];
+    EXPECT_THAT(shown, Not(HasSubstr("secret")));
+    EXPECT_EQ(shown[203], '\0');
+    test::Walked walked = test::walk(shown);
+    ASSERT_EQ(walked.records.size(), 4U);
+    auto bodyOf = [&](size_t place) {
+        std::span<const U8_t> body = walked.records[place].body;
+        return std::string(body.begin(), body.end());
+    };
+    EXPECT_EQ(bodyOf(1), std::string(64, '\0') + padded("main", "") + std::string("\0\0\1\7", 4) +
+                             padded("Linux select function fails", ""));
+    EXPECT_EQ(bodyOf(2), std::string(196, '\0'));
+    EXPECT_EQ(bodyOf(3), std::string(196, '\0'));
+    EXPECT_THAT(members_["support/crashes.txt"], HasSubstr("Linux select function fails"));
+}
+
+TEST(Redaction, ObjectsLoseTextsAndSerialNumbers) {
+    evctl::Json json = {{"serialNo", 17}, {"slotId", 3}, {"empty", ""}, {"mac", {"00:01", 5}}};
+    EXPECT_EQ(evctl::Redaction::object(json).dump(),
+              R"({"serialNo":"redacted","slotId":3,"empty":"","mac":["redacted",5]})");
 }
 
 TEST_F(Support, RedactedKeepsIdsTimesAndPlaces) {
@@ -156,6 +263,41 @@ TEST_F(Support, ReadersTakeTheBundle) {
     said = test::run({"file", "list", bundlePath()});
     EXPECT_EQ(said.status, 1);
     EXPECT_EQ(std::ranges::count(said.output, '\n'), 16);
+}
+
+TEST_F(Support, ReadersOfAFileTakeTheLogInTheBundle) {
+    pack();
+    std::string log = directory_.file("nvram/kelta_eventlog");
+    for (std::vector<std::string> command : {std::vector<std::string>{"info"},
+                                             {"verify"},
+                                             {"predict"},
+                                             {"map"},
+                                             {"crash"},
+                                             {"show", "--seq", "4"}}) {
+        command.insert(command.begin(), "file");
+        command.push_back(log);
+        Said plain = test::run(command);
+        command.back() = bundlePath();
+        Said bundled = test::run(command);
+        EXPECT_EQ(bundled.status, plain.status) << command[1];
+        EXPECT_EQ(bundled.errors, "");
+        if (command[1] != "info") { // which names the file
+            EXPECT_EQ(bundled.output, plain.output) << command[1];
+        }
+    }
+}
+
+TEST_F(Support, SalvageTakesEveryLogAndAlternateEventOfTheBundle) {
+    std::string debug = secretLog();
+    debug[1000] ^= 1; // other damage than in the log
+    debug[640] ^= 0x5A;
+    write("nvram/kelta_eventlog.debug", debug);
+    write("nvram/kelta_eventlog.fatal-20261122T080000Z", "no log");
+    pack();
+    Said said = test::run({"file", "salvage", bundlePath(), "--dry-run"});
+    EXPECT_EQ(said.status, 1);
+    EXPECT_THAT(said.output, HasSubstr("7 events saved, ids 0 to 6"));
+    EXPECT_THAT(said.errors, HasSubstr("kelta_eventlog.fatal-20261122T080000Z: no event log"));
 }
 
 TEST_F(Support, HostileBundlesAreRefusedOrReadInPart) {
