@@ -63,26 +63,36 @@ U64_t largestOf(const Chart& chart) {
     return largest;
 }
 
-std::string amountText(const Amount& amount, U64_t allBytes) {
-    std::array<char, 80> text{};
-    snprintf(text.data(), text.size(), "%9llu %10llu %6s",
-             static_cast<unsigned long long>(amount.events),
-             static_cast<unsigned long long>(amount.bytes),
-             percentText(amount.bytes, allBytes).c_str());
-    return text.data();
+/** Events, bytes, share. */
+std::array<std::string, 3> amountTexts(const Amount& amount, U64_t allBytes) {
+    return {std::to_string(amount.events), std::to_string(amount.bytes),
+            percentText(amount.bytes, allBytes)};
 }
 
+constexpr std::array<const char*, 3> AMOUNT_TITLES = {"events", "bytes", "share"};
 constexpr size_t NAME_COLUMNS = 32;
+constexpr std::array<size_t, 3> AMOUNT_WIDTHS = {9, 10, 6};
 constexpr size_t AMOUNT_COLUMNS = 27;
+
+/** Three columns, each with its texts on the right. */
+template <typename Texts>
+std::string amountColumns(const Texts& texts) {
+    std::string columns;
+    for (size_t at = 0; at < AMOUNT_WIDTHS.size(); at++) {
+        std::string text = texts[at];
+        size_t blanks = AMOUNT_WIDTHS[at] - std::min(text.size(), AMOUNT_WIDTHS[at]);
+        columns += (at > 0 ? " " : "") + std::string(blanks, ' ') + text;
+    }
+    return columns;
+}
 
 std::string chartLines(const Chart& chart, U64_t allBytes, size_t width) {
     size_t taken = NAME_COLUMNS + AMOUNT_COLUMNS + 2;
     size_t bars = std::max<size_t>(width > taken ? width - taken : 0, 10);
     U64_t largest = largestOf(chart);
-    std::array<char, 128> head{};
-    snprintf(head.data(), head.size(), "\n%-*s %9s %10s %6s\n", static_cast<int>(NAME_COLUMNS),
-             chart.title.c_str(), "events", "bytes", "share");
-    std::string lines = head.data();
+    std::string title = chart.title;
+    title.resize(NAME_COLUMNS, ' ');
+    std::string lines = "\n" + title + " " + amountColumns(AMOUNT_TITLES) + "\n";
     for (const Share& share : chart.shares) {
         U64_t measure = share.amount.*chart.measure;
         size_t length =
@@ -90,7 +100,7 @@ std::string chartLines(const Chart& chart, U64_t allBytes, size_t width) {
                                 static_cast<double>(largest));
         std::string name = tools::cutToColumns(share.name, NAME_COLUMNS);
         name.resize(name.size() + NAME_COLUMNS - tools::columnsOf(name), ' ');
-        lines += name + " " + amountText(share.amount, allBytes) + " " +
+        lines += name + " " + amountColumns(amountTexts(share.amount, allBytes)) + " " +
                  std::string(measure > 0 ? std::max<size_t>(length, 1) : 0, '#');
         lines.erase(lines.find_last_not_of(' ') + 1);
         lines += "\n";
@@ -137,18 +147,29 @@ constexpr double CHART_LINE = 16;
 constexpr double CHART_BARS = 420;
 constexpr double BARS_WIDTH = 440;
 
+template <typename Texts>
+void drawAmount(Svg& svg, double y, const Texts& texts) {
+    constexpr std::array<double, 3> rightEnds = {250, 340, CHART_BARS - 10};
+    for (size_t at = 0; at < rightEnds.size(); at++) {
+        svg.text(rightEnds[at], y, texts[at], "end");
+    }
+}
+
 double drawChart(Svg& svg, const Chart& chart, U64_t allBytes, double y) {
-    svg.text(10, y + 11, chart.title);
-    svg.text(CHART_BARS - 10, y + 11, "events      bytes  share", "end");
+    svg.heading(10, y + 11, chart.title);
+    drawAmount(svg, y + 11, AMOUNT_TITLES);
+    svg.text(CHART_BARS, y + 11, chart.measure == &Amount::events ? "events" : "bytes");
     U64_t largest = largestOf(chart);
     for (const Share& share : chart.shares) {
         y += CHART_LINE;
         double length = BARS_WIDTH * static_cast<double>(share.amount.*chart.measure) /
                         static_cast<double>(largest);
-        svg.text(20, y + 11, tools::cutToColumns(share.name, 28));
-        svg.text(CHART_BARS - 10, y + 11, amountText(share.amount, allBytes), "end");
-        svg.box(CHART_BARS, y + 2, length, CHART_LINE - 5, Filling::STRIPES,
-                share.name + ": " + std::to_string(share.amount.events) + " events");
+        svg.text(20, y + 11, tools::cutToColumns(share.name, 26));
+        drawAmount(svg, y + 11, amountTexts(share.amount, allBytes));
+        if (length > 0) {
+            svg.box(CHART_BARS, y + 2, length, CHART_LINE - 5, Filling::LIGHT,
+                    share.name + ": " + std::to_string(share.amount.events) + " events");
+        }
     }
     return y + 2 * CHART_LINE;
 }
@@ -266,7 +287,7 @@ std::string statsPicture(const EventStats& stats, const std::string& title) {
     Svg svg(CHART_WIDTH, static_cast<U32_t>(height), title);
     double y = 4;
     for (const std::string& line : head) {
-        svg.text(10, y + 11, line);
+        y == 4 ? svg.heading(10, y + 11, line) : svg.text(10, y + 11, line);
         y += CHART_LINE;
     }
     y += CHART_LINE / 2;

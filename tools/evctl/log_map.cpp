@@ -50,17 +50,26 @@ void addRecord(LogMap& map, const EvlogRecord_t& record) {
     mark(map, record.offset, EMP_RECORD_SIZE + record.body.size(),
          {kindOf(*record.header), record.role == EVLOG_E_ROLE_OLDEST});
     MapRow& row = map.rows[record.offset / ROW_BYTES];
-    row.first = row.first == nullptr ? record.header : row.first;
-    row.last = record.header;
+    MapRange& range = record.role == EVLOG_E_ROLE_OLDEST ? row.old : row.recent;
+    range.first = range.first == nullptr ? record.header : range.first;
+    range.last = record.header;
 }
 
-/** "ids 12 to 40 from 2006-11-21T14:00:00Z" */
+/** "12 to 40" */
+std::string idsText(const MapRange& range) {
+    return std::to_string(U32_t{range.first->evSequenceId}) + " to " +
+           std::to_string(U32_t{range.last->evSequenceId});
+}
+
+/** "ids 12 to 40 from 2006-11-21T14:00:00Z", or "ids 35 to 40, then 7 to 9" */
 std::string eventsText(const MapRow& row) {
-    if (row.first == nullptr) {
-        return "";
+    if (row.recent.first != nullptr && row.old.first != nullptr) {
+        return "ids " + idsText(row.recent) + ", then " + idsText(row.old);
     }
-    return "ids " + std::to_string(U32_t{row.first->evSequenceId}) + " to " +
-           std::to_string(U32_t{row.last->evSequenceId}) + " from " + isoTime(row.first->evTime);
+    const MapRange& range = row.recent.first != nullptr ? row.recent : row.old;
+    return range.first == nullptr
+               ? ""
+               : "ids " + idsText(range) + " from " + isoTime(range.first->evTime);
 }
 
 char letterOf(const MapCell& cell) {
@@ -117,30 +126,35 @@ constexpr double MAP_LEFT = 70;
 constexpr double MAP_TOP = 50;
 constexpr double MAP_CELL = 10;
 constexpr double MAP_LINE = 22; // of a row
+constexpr double MAP_BOX = 14;  // what of it is filled
+constexpr double MAP_MARK = 6;
 constexpr U32_t MAP_WIDTH = 1100;
 
 bool sameCells(const MapCell& one, const MapCell& other) {
     return one.kind == other.kind && one.old == other.old;
 }
 
-/** Neighbours that are alike are one box. */
+/** Neighbours that are alike are one box; one of older events is lower. */
 void drawRow(Svg& svg, const MapRow& row, double y) {
     for (auto begin = row.cells.begin(); begin != row.cells.end();) {
         auto end = std::find_if(begin, row.cells.end(),
                                 [begin](const MapCell& cell) { return !sameCells(cell, *begin); });
         double x = MAP_LEFT + MAP_CELL * static_cast<double>(begin - row.cells.begin());
-        svg.box(x, y, MAP_CELL * static_cast<double>(end - begin), MAP_LINE - 8,
+        double height = begin->old ? MAP_BOX / 2 : MAP_BOX;
+        svg.box(x, y + MAP_BOX - height, MAP_CELL * static_cast<double>(end - begin), height,
                 fillingOf(begin->kind),
-                std::string(kindText(begin->kind)) + (begin->old ? ", older" : ""), begin->old);
+                std::string(kindText(begin->kind)) + (begin->old ? ", older" : ""));
         begin = end;
     }
 }
 
-void drawPosition(Svg& svg, U32_t offset, const std::string& text) {
+/** Above its row what is written next, below it the oldest event: both may be in one cell. */
+void drawPosition(Svg& svg, U32_t offset, bool above, const std::string& hint) {
     if (offset < EMP_LOG_FILE_SIZE) {
         U32_t row = offset / ROW_BYTES;
         double x = MAP_LEFT + MAP_CELL * (offset % ROW_BYTES) / MAP_CELL_BYTES;
-        svg.text(x, MAP_TOP + MAP_LINE * row - 1, text, "middle");
+        double y = MAP_TOP + MAP_LINE * row + (above ? 0 : MAP_BOX);
+        svg.mark(x, y, above ? MAP_MARK : -MAP_MARK, hint);
     }
 }
 
@@ -154,8 +168,11 @@ void drawLegend(Svg& svg, double y) {
         svg.text(x + 18, y + 10, kindText(kind));
         x += 120;
     }
-    svg.text(MAP_LEFT, y + 28,
-             "pale: of before the log last went round its end; > written next; < oldest event");
+    svg.text(MAP_LEFT, y + 28, "low boxes: of before the log last went round its end");
+    svg.mark(x + 5, y + 10, MAP_MARK, "");
+    svg.text(x + 14, y + 10, "above a row: written next");
+    svg.mark(x + 5, y + 21, -MAP_MARK, "");
+    svg.text(x + 14, y + 28, "below a row: the oldest event");
 }
 
 } // namespace
@@ -221,7 +238,7 @@ std::string mapPicture(const LogMap& map, const LogContent& content, const std::
     double bottom = MAP_TOP + MAP_LINE * MAP_ROWS;
     auto height = static_cast<U32_t>(bottom + 60 + 16 * static_cast<double>(findings));
     Svg svg(MAP_WIDTH, height, name);
-    svg.text(MAP_LEFT, 16, name);
+    svg.heading(MAP_LEFT, 16, name);
     svg.text(MAP_LEFT, 32, verdictLine(content));
     for (U32_t number = 0; number < MAP_ROWS; number++) {
         double y = MAP_TOP + MAP_LINE * number;
@@ -229,8 +246,8 @@ std::string mapPicture(const LogMap& map, const LogContent& content, const std::
         drawRow(svg, map.rows[number], y);
         svg.text(MAP_LEFT + MAP_CELL * MAP_COLUMNS + 6, y + 11, eventsText(map.rows[number]));
     }
-    drawPosition(svg, map.start, "<");
-    drawPosition(svg, map.write, ">");
+    drawPosition(svg, map.start, false, "oldest event");
+    drawPosition(svg, map.write, true, "written next");
     drawLegend(svg, bottom + 4);
     for (size_t place = 0; place < findings; place++) {
         svg.text(MAP_LEFT, bottom + 56 + 16 * static_cast<double>(place),

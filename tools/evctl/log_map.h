@@ -28,11 +28,17 @@ struct MapCell {
     bool old = false; ///< its events are of before the log last went round its end
 };
 
+/** Events behind each other; nullptr: none. */
+struct MapRange {
+    const EmpEvRecord_t* first = nullptr;
+    const EmpEvRecord_t* last = nullptr;
+};
+
 /** A row of the picture. */
 struct MapRow {
     std::vector<MapCell> cells;
-    const EmpEvRecord_t* first = nullptr; ///< first event that begins in it; nullptr: none does
-    const EmpEvRecord_t* last = nullptr;  ///< last one
+    MapRange recent{}; ///< events that begin in it
+    MapRange old{};    ///< those of before the log last went round its end
 };
 
 constexpr U32_t MAP_COLUMNS = 64;

@@ -1,6 +1,7 @@
 /**
  * @file
- * Pictures as SVG that can be read without colour: each filling is a pattern of its own.
+ * Pictures as SVG that can be read without colour: each filling is a pattern of its own. They are
+ * dark where the viewer prefers that.
  */
 #ifndef EVCTL_SVG_H
 #define EVCTL_SVG_H
@@ -26,18 +27,25 @@ class Svg {
   public:
     Svg(U32_t width, U32_t height, const std::string& title);
 
-    /** @param hint shown where the pointer rests; "" for nothing
-     *  @param pale as something older */
+    /** @param hint shown where the pointer rests; "" for nothing */
     void box(double x, double y, double width, double height, Filling filling,
-             const std::string& hint, bool pale = false);
+             const std::string& hint);
 
     /** @param anchor "start", "middle" or "end": where the text stands to its place */
     void text(double x, double y, const std::string& text, const char* anchor = "start");
+
+    /** A text that stands out. */
+    void heading(double x, double y, const std::string& text);
+
+    /** A triangle with its point at this place. @param height above it; negative: below */
+    void mark(double x, double y, double height, const std::string& hint);
 
     /** The whole picture. */
     std::string picture() const { return content_ + "</svg>\n"; }
 
   private:
+    void add(const char* weight, double x, double y, const std::string& text, const char* anchor);
+
     std::string content_;
 };
 

@@ -87,6 +87,17 @@ TEST(EventStats, TalkersAreSortedByTheirBytes) {
                                  "###################\n"));
 }
 
+TEST(EventStats, PictureHasAColumnForEachNumber) {
+    EventStats stats;
+    Events events;
+    events.add(stats, T0, 28, 1, 300, 840);
+    std::string picture = evctl::statsPicture(stats, "log");
+    for (const char* number : {"1</text>", "1000</text>", "100.0%</text>"}) {
+        EXPECT_THAT(picture, HasSubstr(std::string("text-anchor=\"end\">") + number));
+    }
+    EXPECT_THAT(picture, HasSubstr("font-weight=\"bold\" text-anchor=\"start\">by source</text>"));
+}
+
 TEST(EventStats, HoursWithoutEventsAreLinesToo) {
     EventStats stats;
     Events events;

@@ -50,7 +50,7 @@ TEST(LogMap, CellsShowTypeAgeGapUnusedAndPositions) {
     EXPECT_EQ(rowOf(lines, 0), "IIWW>~~~<ee" + std::string(53, '.'));
     EXPECT_EQ(rowOf(lines, 24), std::string(64, '.'));
     EXPECT_THAT(lines, HasSubstr("wrapped: a log that has gone round its end\n      0 "));
-    EXPECT_THAT(lines, HasSubstr(" ids 1000 to 500 from 2006-11-21T14:00:00Z\n"));
+    EXPECT_THAT(lines, HasSubstr(" ids 1000 to 1001, then 500 to 500\n"));
     EXPECT_THAT(lines, HasSubstr("\n> written next: offset 4000   < oldest event: offset 8077\n"));
 }
 
@@ -90,6 +90,21 @@ TEST(LogMap, PictureIsXmlWithPatterns) {
     EXPECT_THAT(picture, HasSubstr("url(#crosses)"));
     EXPECT_THAT(picture, HasSubstr("url(#stripes)"));
     EXPECT_THAT(picture, HasSubstr("<title>damaged</title>"));
+    EXPECT_THAT(picture, HasSubstr("@media (prefers-color-scheme: dark)"));
+}
+
+TEST(LogMap, PictureShowsAgeByHeightAndPositionsByMarks) {
+    test::LogImage log;
+    log.raw(event(1000, 1, 1840));
+    log.raw(std::string(4000, 'g'));
+    log.raw(event(500, 3, 1840));
+    log.dummy();
+    log.zerosTo();
+    std::string picture = mapOfBytes(log.bytes, true);
+    EXPECT_THAT(picture, HasSubstr("width=\"20\" height=\"14\" class=\"edge light\""));
+    EXPECT_THAT(picture, HasSubstr("width=\"20\" height=\"7\" class=\"edge dark\""));
+    EXPECT_THAT(picture, HasSubstr("d=\"M90 50l-4.2 -6h8.4z\"><title>written next</title>"));
+    EXPECT_THAT(picture, HasSubstr("d=\"M130 64l-4.2 6h8.4z\"><title>oldest event</title>"));
 }
 
 TEST(LogMap, AnyFileCanBeDrawn) {
