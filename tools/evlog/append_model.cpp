@@ -20,14 +20,6 @@ U32_t slotOf(U32_t sequenceId) {
     return sequenceId % EMP_INDEX_ENTRIES;
 }
 
-U32_t lengthOf(const EmpEvRecord_t& header) {
-    return U32_t{EMP_RECORD_SIZE} + header.evStructLength;
-}
-
-bool beyondLogEnd(U32_t offset, U32_t length) {
-    return U64_t{offset} + length > EMP_LOG_FILE_SIZE;
-}
-
 bool hasSignature(const EmpEvRecord_t& header) {
     return header.evRdSignature == EMP_RECORD_SIGNATURE;
 }
@@ -63,7 +55,7 @@ const char* EvlogAppendModel_t::append(U32_t dataLength) {
     const char* bugcheck = nullptr;
     if (U64_t{write_} + need_ <= start_) {
         bugcheck = makeRoomInGap();
-    } else if (!beyondLogEnd(write_, need_)) {
+    } else if (!evlogBeyondEnd(write_, need_)) {
         bugcheck = makeRoomAtStart();
     } else {
         bugcheck = wrapToTop(id);
@@ -113,7 +105,7 @@ std::optional<U32_t> EvlogAppendModel_t::findFrom(U32_t start, const char** bugc
         const EmpEvRecord_t& header = *evlogHeaderAt(bytes_, static_cast<U32_t>(at));
         EvlogRecord_t record;
         EVLOG_REASON_e reason = evlogReadRecord(std::span(bytes_).subspan(at), &record);
-        looked_ += reason == EVLOG_E_REASON_CHECKSUM ? lengthOf(header) : 1;
+        looked_ += reason == EVLOG_E_REASON_CHECKSUM ? evlogRecordLength(header) : 1;
         if (reason == EVLOG_E_REASON_NONE) {
             return static_cast<U32_t>(at);
         }
@@ -153,7 +145,7 @@ const char* EvlogAppendModel_t::discardInGap(U32_t position) {
         if (!toTheEnd && !hasSignature(*header)) {
             return INCORRECT_SIGNATURE;
         }
-        U32_t length = toTheEnd ? EMP_LOG_FILE_SIZE - position : lengthOf(*header);
+        U32_t length = toTheEnd ? EMP_LOG_FILE_SIZE - position : evlogRecordLength(*header);
         bool enough = length >= need_;
         if (dummy && !enough && wrapOver_) {
             return REACH_DUMMY;
@@ -172,7 +164,7 @@ const char* EvlogAppendModel_t::discardInGap(U32_t position) {
 
 const char* EvlogAppendModel_t::makeRoomAtStart() {
     need_ = static_cast<U16_t>(need_ + (write_ - start_));
-    while (!beyondLogEnd(start_, EMP_RECORD_SIZE)) {
+    while (!evlogBeyondEnd(start_, EMP_RECORD_SIZE)) {
         const EmpEvRecord_t* header = headerAt(start_);
         if (header == nullptr) {
             return READ_FAILS;
@@ -181,7 +173,7 @@ const char* EvlogAppendModel_t::makeRoomAtStart() {
             return INCORRECT_SIGNATURE;
         }
         // KEEP: a dummy that runs to the end of the file counts by its stated length here.
-        U32_t length = lengthOf(*header);
+        U32_t length = evlogRecordLength(*header);
         bool enough = length >= need_;
         if (evlogIsDummy(*header)) {
             if (!enough && bytes_.size() >= EMP_LOG_FILE_SIZE) {
@@ -277,7 +269,7 @@ void EvlogAppendModel_t::writeRecord(U32_t id, U32_t dataLength) {
 }
 
 void EvlogAppendModel_t::writeDummy(U32_t offset, U32_t length, bool fill) {
-    if (beyondLogEnd(offset, EMP_RECORD_SIZE)) {
+    if (evlogBeyondEnd(offset, EMP_RECORD_SIZE)) {
         if (offset <= EMP_LOG_FILE_SIZE) {
             writeZeros(offset, EMP_LOG_FILE_SIZE - offset);
         }

@@ -8,14 +8,6 @@ namespace {
 
 constexpr U32_t FIRST_ENTRY_SIZE = EMP_RECORD_SIZE + sizeof(EmpEventData_t);
 
-bool beyondLogEnd(U32_t offset, U32_t length) {
-    return U64_t{offset} + length > EMP_LOG_FILE_SIZE;
-}
-
-U32_t recordLength(const EmpEvRecord_t& header) {
-    return U32_t{header.evStructLength} + EMP_RECORD_SIZE;
-}
-
 /** Length of the dummy entry that closes a log without one. */
 U16_t closingDummyLength(U32_t readPosition) {
     // KEEP: 16-bit arithmetic and 3844, not 3848: what remains modulo 65,536 decides.
@@ -94,7 +86,7 @@ bool EvlogScanModel_t::take(U32_t readPosition, const EvlogSearch_t& search,
 
 bool EvlogScanModel_t::takeRecord(U32_t readPosition, U32_t gap, const EmpEvRecord_t& header) {
     U32_t offset = readPosition + gap;
-    if (evlogIsDummy(header) || beyondLogEnd(state_.empStart, EMP_RECORD_SIZE)) {
+    if (evlogIsDummy(header) || evlogBeyondEnd(state_.empStart, EMP_RECORD_SIZE)) {
         takeDummy(offset, header);
         return false;
     }
@@ -115,7 +107,7 @@ bool EvlogScanModel_t::takeRecord(U32_t readPosition, U32_t gap, const EmpEvReco
         return false;
     }
     state_.empEventInLogFile++;
-    if (offset + recordLength(header) == EMP_LOG_FILE_SIZE) {
+    if (offset + evlogRecordLength(header) == EMP_LOG_FILE_SIZE) {
         accept(EVLOG_E_END_FULL);
     }
     return true;
@@ -144,7 +136,7 @@ bool EvlogScanModel_t::isForeign(const EmpEvRecord_t& header) const {
 
 void EvlogScanModel_t::advanceWrite(U32_t gap, const EmpEvRecord_t& header) {
     if (!state_.wrapOver) {
-        state_.empWrite += recordLength(header) + gap;
+        state_.empWrite += evlogRecordLength(header) + gap;
         state_.empStart = state_.empWrite;
     }
 }

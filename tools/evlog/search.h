@@ -16,6 +16,16 @@ inline const EmpEvRecord_t* evlogHeaderAt(std::span<const U8_t> bytes, U32_t off
     return reinterpret_cast<const EmpEvRecord_t*>(bytes.data() + offset);
 }
 
+/** Header and data, as the header says. */
+inline U32_t evlogRecordLength(const EmpEvRecord_t& header) {
+    return U32_t{EMP_RECORD_SIZE} + header.evStructLength;
+}
+
+/** Whether a stretch reaches behind the end of the ring. */
+inline bool evlogBeyondEnd(U32_t offset, U32_t length) {
+    return U64_t{offset} + length > EMP_LOG_FILE_SIZE;
+}
+
 /** Whether the event manager bug-checks on a header instead of stepping over it. */
 bool evlogIsBadSource(const EmpEvRecord_t& header);
 
