@@ -1,0 +1,85 @@
+"""The pages against the programs' own help: every subcommand and option is on the page, and no other one.
+
+Usage: pages_test.py DIRECTORY_OF_THE_PROGRAMS
+"""
+
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import unittest
+
+PROGRAMS = pathlib.Path(sys.argv.pop(1))
+PAGES = pathlib.Path(__file__).resolve().parents[3] / "docs" / "man"
+# It takes a key and nothing else.
+WITHOUT_HELP = {"emp"}
+
+
+def output(*command):
+    done = subprocess.run(command, capture_output=True, text=True, timeout=60, check=True,
+                          env={**os.environ, "COLUMNS": "120"})
+    return done.stdout
+
+
+def help_of(command):
+    """The help of a command and of all below it, by command."""
+    text = output(*command, "--help")
+    helps = {command: text}
+    section = re.search(r"^Subcommands:\n((?:  .*\n)*)", text, re.M)
+    for word in re.findall(r"^  ([a-z][\w-]*)", section.group(1), re.M) if section else []:
+        helps.update(help_of((*command, word)))
+    return helps
+
+
+def options_in(text):
+    return set(re.findall(r"(?<![\w-])--[a-z][a-z0-9-]*[a-z0-9]", text))
+
+
+def declared_in(text):
+    """The options that a help lists, not those that it talks of."""
+    return set().union(*(options_in(re.split(r"  +", line.strip())[0])
+                         for line in text.splitlines() if re.match(r" +-", line)))
+
+
+def page_text(page):
+    text = re.sub(r".\x08", "", output("mandoc", "-T", "utf8", "-O", "width=1000", page))
+    text = re.sub("[\u2010\u2011\u2212]", "-", text)
+    return re.sub(r"-\n\s*", "-", text)
+
+
+class PagesTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.pages = {page.stem: page_text(page) for page in PAGES.glob("*.[18]")}
+        cls.helps = {name: help_of((str(PROGRAMS / name),)) for name in cls.pages if name not in WITHOUT_HELP}
+        cls.declared = {name: set().union(*map(declared_in, helps.values())) for name, helps in cls.helps.items()}
+
+    def test_every_program_with_a_help_has_a_page(self):
+        shown = {file.name for file in PROGRAMS.iterdir() if file.is_file() and os.access(file, os.X_OK)}
+        self.assertEqual(shown - set(self.pages), set())
+        self.assertGreaterEqual(len(self.helps), 5)
+
+    def test_every_subcommand_is_on_its_page(self):
+        for name, helps in self.helps.items():
+            for _, *words in helps:
+                self.assertRegex(self.pages[name], r"\b" + r"\b[\s\S]*\b".join(words) + r"\b", f"{name} {words}")
+
+    def test_every_option_is_on_its_page(self):
+        for name, declared in self.declared.items():
+            self.assertGreater(len(declared), 2, name)
+            self.assertEqual(declared - options_in(self.pages[name]), set(), name)
+
+    def test_no_page_has_an_option_that_no_program_has(self):
+        known = set().union(*self.declared.values())
+        for name, text in self.pages.items():
+            self.assertEqual(options_in(text) - known, set(), name)
+
+    def test_pages_are_well_formed(self):
+        done = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", *sorted(PAGES.iterdir())],
+                              capture_output=True, text=True, timeout=60)
+        self.assertEqual((done.returncode, done.stdout + done.stderr), (0, ""))
+
+
+if __name__ == "__main__":
+    unittest.main()
