@@ -84,7 +84,7 @@ class HelpFormatter : public CLI::Formatter {
     }
 
     std::string make_option_opts(const CLI::Option* option) const override {
-        if (option->get_type_size() == 0) {
+        if (option->get_items_expected_max() == 0) { // a flag
             return "";
         }
         if (option->get_positional()) {

@@ -103,6 +103,13 @@ TEST(CommandLine, HelpShowsTypeNamesWithAColonWholeAndNoChecks) {
     EXPECT_THAT(tool.out, testing::Not(HasSubstr("INT in [1 - 9]")));
 }
 
+TEST(CommandLine, HelpShowsAFlagWithoutAValue) {
+    Tool tool;
+    tool.parse({"--help"});
+    EXPECT_THAT(tool.out, HasSubstr("  -h,--help               Print this help and exit\n"));
+    EXPECT_THAT(tool.out, testing::Not(HasSubstr("[=]")));
+}
+
 TEST(CommandLine, UnknownOptionIsNamedWithTheNearest) {
     Tool tool;
     EXPECT_EQ(tool.parse({"/tmp", "--cuont=5"}), EXIT_COULD_NOT);
