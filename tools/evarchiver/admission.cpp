@@ -53,10 +53,10 @@ Network networkOf(const std::string& text) {
     return {asV6(address), bits + (128 - most)};
 }
 
-U32_t reserveDescriptors(U32_t wanted, U32_t usual) {
+U32_t reserveDescriptors(U32_t wanted, U32_t usual, U32_t each) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
-    const rlim_t needed = (wanted > 0 ? wanted : usual) + OTHER_DESCRIPTORS;
+    const rlim_t needed = rlim_t{wanted > 0 ? wanted : usual} * each + OTHER_DESCRIPTORS;
     if (limit.rlim_cur < needed) {
         limit.rlim_cur = std::min(needed, limit.rlim_max);
         setrlimit(RLIMIT_NOFILE, &limit);
@@ -65,15 +65,15 @@ U32_t reserveDescriptors(U32_t wanted, U32_t usual) {
     if (limit.rlim_cur >= needed) {
         return wanted > 0 ? wanted : usual;
     }
-    if (wanted > 0 || limit.rlim_cur <= OTHER_DESCRIPTORS) {
+    if (wanted > 0 || limit.rlim_cur < OTHER_DESCRIPTORS + each) {
         throw std::runtime_error(std::to_string(wanted > 0 ? wanted : 1) + " links need " +
-                                 std::to_string(wanted > 0 ? needed : OTHER_DESCRIPTORS + 1) +
+                                 std::to_string(wanted > 0 ? needed : OTHER_DESCRIPTORS + each) +
                                  " descriptors, and this process may have " +
                                  std::to_string(limit.rlim_cur) +
                                  ": raise its limit (ulimit -n, "
                                  "LimitNOFILE=) or lower --connection-limit");
     }
-    return static_cast<U32_t>(limit.rlim_cur - OTHER_DESCRIPTORS);
+    return static_cast<U32_t>((limit.rlim_cur - OTHER_DESCRIPTORS) / each);
 }
 
 SpareDescriptor::SpareDescriptor() : descriptor_(open("/dev/null", O_RDONLY | O_CLOEXEC)) {}

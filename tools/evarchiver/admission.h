@@ -30,9 +30,10 @@ Network networkOf(const std::string& text);
 /**
  * Makes room for so many links, by raising the soft limit of descriptors.
  * @param wanted links, 0: as many as @p usual, or fewer where there are fewer descriptors
+ * @param each   descriptors of one link
  * @return links that there are descriptors for. Throws std::runtime_error when @p wanted are not.
  */
-U32_t reserveDescriptors(U32_t wanted, U32_t usual);
+U32_t reserveDescriptors(U32_t wanted, U32_t usual, U32_t each = 1);
 
 /** A descriptor kept for the moment when there is none left: with it a connection can still be
  * taken and closed, so that its blade tries again later instead of waiting for ever. */

@@ -1,10 +1,9 @@
 #include "link.h"
 
+#include "peer_watch.h"
 #include "whole_send.h"
 
 #include <cerrno>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <utility>
 
@@ -32,21 +31,6 @@ constexpr std::size_t REQUESTS_OF_ONE = 10'000;
 
 // Bytes of answers that wait for one blade. It can have 64 inquiries under way.
 constexpr std::size_t UNSENT_OF_ONE = 1'048'576;
-
-// When a blade is gone without a word: after 60 s of silence it is asked, and unanswered bytes or
-// questions end the link.
-void watchPeer(int descriptor) {
-    const int one = 1;
-    const int idle = 60;
-    const int interval = 10;
-    const int count = 3;
-    const unsigned unanswered = 90'000;
-    setsockopt(descriptor, SOL_SOCKET, SO_KEEPALIVE, &one, sizeof(one));
-    setsockopt(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof(idle));
-    setsockopt(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof(interval));
-    setsockopt(descriptor, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof(count));
-    setsockopt(descriptor, IPPROTO_TCP, TCP_USER_TIMEOUT, &unanswered, sizeof(unanswered));
-}
 
 // Spoils a response as the test switches ask.
 void spoil(Bytes& response, const Misbehaviour& bad) {

@@ -5,9 +5,9 @@
 #ifndef EVARCHIVER_OPTIONS_H
 #define EVARCHIVER_OPTIONS_H
 
+#include "endpoint_text.h"
 #include "lane.h"
 
-#include <asio/ip/tcp.hpp>
 #include <chrono>
 #include <optional>
 #include <variant>
@@ -51,14 +51,6 @@ struct Options {
 
 /** Links at a time where nothing else is asked for. */
 constexpr U32_t DEFAULT_LINKS = 10'000;
-
-/** "4711", "192.168.0.1:4711" or "[::1]:4711"; a port alone means @p address. Throws
- * std::invalid_argument. */
-asio::ip::tcp::endpoint endpointOf(const std::string& text,
-                                   const asio::ip::address& address = asio::ip::address_v4::any());
-
-/** "192.168.0.1:4711" or "[::1]:4711". */
-std::string textOfEndpoint(const asio::ip::tcp::endpoint& endpoint);
 
 /** @return what was asked for, or the status to exit with, everything being said */
 std::variant<Options, int> parseOptions(int argc, const char* const* argv);

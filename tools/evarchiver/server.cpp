@@ -2,9 +2,6 @@
 
 #include "lines.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
 #include <utility>
 
 namespace evarchive {
@@ -17,19 +14,9 @@ constexpr std::chrono::milliseconds SETTLE_TIME{100};
 constexpr std::chrono::milliseconds HAND_OVER_TIME{5};
 constexpr std::size_t HAND_OVER_SIZE = 131'072;
 
-// Before the next look for connections: after there was no descriptor, and when the pace is kept.
-constexpr std::chrono::milliseconds DESCRIPTOR_PAUSE{500};
-constexpr std::chrono::milliseconds PACE_PAUSE{5};
-
-// Connections that the system keeps for us; it may allow fewer.
-constexpr int BACKLOG = 65'535;
-
 // How long an end may take: for the links to end, then for the archive.
 constexpr std::chrono::milliseconds LINKS_END_TIME{1000};
 constexpr std::chrono::milliseconds ARCHIVE_END_TIME{5000};
-
-// Between two lines about connections that were not taken.
-constexpr std::chrono::seconds REFUSAL_PAUSE{10};
 
 std::string count(U64_t number, const char* what) {
     return std::to_string(number) + " " + what;
@@ -52,29 +39,33 @@ std::string progressLine(const ArchiveCounts& archive, const SessionCounts& sess
 
 Server::Server(const Options& options, Say say)
     : options_(options), say_(std::move(say)),
-      admission_(options.allow, reserveDescriptors(options.connectionLimit, DEFAULT_LINKS),
-                 options.hostLimit),
-      pace_(options.handshakeRate) {
-    bind();
+      acceptor_(context_,
+                {.listen = options.listen,
+                 .allow = options.allow,
+                 .limit = options.connectionLimit,
+                 .usualLimit = DEFAULT_LINKS,
+                 .hostLimit = options.hostLimit,
+                 .rate = options.handshakeRate,
+                 .receiveBuffer = options.receiveBuffer,
+                 .segmentSize = options.segmentSize,
+                 .refuses = options.misbehaviour.refuse},
+                {say_, [this] { return whyNot(); },
+                 [this](asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer) {
+                     take(std::move(socket), peer);
+                 }}) {}
+
+std::optional<std::string> Server::whyNot() const {
+    if (lanes_->spooled() > options_.spool / 2) {
+        return "too much waits for the archive";
+    }
+    return std::nullopt;
 }
 
-void Server::bind() {
-    acceptor_.open(options_.listen.protocol());
-    acceptor_.set_option(asio::socket_base::reuse_address(true));
-    if (options_.receiveBuffer > 0) {
-        // Before listen(): connections take the window scale that they get from it.
-        acceptor_.set_option(asio::socket_base::receive_buffer_size(options_.receiveBuffer));
-    }
-    if (options_.segmentSize > 0) {
-        // A failure shows as segments of the usual size.
-        setsockopt(acceptor_.native_handle(), IPPROTO_TCP, TCP_MAXSEG, &options_.segmentSize,
-                   sizeof(options_.segmentSize));
-    }
-    acceptor_.bind(options_.listen);
-    acceptor_.non_blocking(true);
-    if (!options_.misbehaviour.refuse) {
-        acceptor_.listen(BACKLOG);
-    }
+void Server::take(asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer) {
+    const auto link = std::make_shared<Link>(std::move(socket), peer, ++lastNumber_,
+                                             static_cast<LinkHost&>(*this));
+    links_.emplace(lastNumber_, link);
+    link->start();
 }
 
 ServerEnd Server::run(const Engine& engine) {
@@ -95,116 +86,17 @@ ServerEnd Server::run(const Engine& engine) {
         }
     });
     // For programs that wait for it: as it stands.
-    writeLine("listening on " + textOfEndpoint(acceptor_.local_endpoint()) +
+    writeLine("listening on " + textOfEndpoint(acceptor_.place()) +
               (options_.misbehaviour.refuse ? ", refusing all connections" : ""));
     if (options_.allow.empty() && options_.listen.address().is_unspecified()) {
         say_(Level::WARNING, "every address that reaches this one is served, see --allow");
     }
-    if (!options_.misbehaviour.refuse) {
-        awaitConnections();
-    }
+    acceptor_.start();
     armSecond();
     context_.run();
     end_.isSafe = lanes_->stop(ARCHIVE_END_TIME);
     everySecond();
     return end_;
-}
-
-// --- Connections ---------------------------------------------------------------------------------
-
-void Server::awaitConnections() {
-    acceptor_.async_wait(asio::ip::tcp::acceptor::wait_read, [this](asio::error_code error) {
-        if (!error && !isStopping_) {
-            acceptAll();
-        }
-    });
-}
-
-void Server::acceptLater(std::chrono::milliseconds pause) {
-    acceptPause_.expires_after(pause);
-    acceptPause_.async_wait([this](asio::error_code error) {
-        if (!error && !isStopping_) {
-            acceptAll();
-        }
-    });
-}
-
-void Server::acceptAll() {
-    // Links that are there have their turn in between.
-    constexpr int AT_A_TIME = 64;
-    for (int taken = 0; taken < AT_A_TIME; ++taken) {
-        if (!pace_.take(Clock::now())) {
-            acceptLater(PACE_PAUSE);
-            return;
-        }
-        if (!acceptOne()) {
-            return;
-        }
-    }
-    asio::post(context_, [this] {
-        if (!isStopping_) {
-            acceptAll();
-        }
-    });
-}
-
-// @return whether there may be a further one at once; else somebody looks again
-bool Server::acceptOne() {
-    asio::error_code error;
-    asio::ip::tcp::socket socket(context_);
-    acceptor_.accept(socket, error);
-    if (!error) {
-        take(std::move(socket));
-        return true;
-    }
-    if (error == asio::error::would_block || error == asio::error::try_again) {
-        awaitConnections();
-        return false;
-    }
-    if (error == asio::error::no_descriptors || error.value() == ENFILE) {
-        const bool wasThere = spare_.refuseOne(acceptor_.native_handle());
-        if (wasThere) {
-            refuse("a connection", "there is no descriptor left");
-            return true;
-        }
-        acceptLater(DESCRIPTOR_PAUSE);
-        return false;
-    }
-    // That connection is gone already, or memory is short.
-    acceptLater(PACE_PAUSE);
-    return false;
-}
-
-void Server::take(asio::ip::tcp::socket socket) {
-    asio::error_code error;
-    const auto peer = socket.remote_endpoint(error);
-    if (error) {
-        return; // gone already
-    }
-    if (lanes_->spooled() > options_.spool / 2) {
-        refuse(textOfEndpoint(peer), "too much waits for the archive");
-        return;
-    }
-    if (const auto why = admission_.enter(peer.address())) {
-        refuse(textOfEndpoint(peer), *why);
-        return;
-    }
-    const auto link = std::make_shared<Link>(std::move(socket), peer, ++lastNumber_,
-                                             static_cast<LinkHost&>(*this));
-    links_.emplace(lastNumber_, link);
-    link->start();
-}
-
-void Server::refuse(const std::string& peer, const std::string& why) {
-    ++counts_.refused;
-    if (Clock::now() < saidRefused_ + REFUSAL_PAUSE) {
-        ++refusedSilently_;
-        return;
-    }
-    saidRefused_ = Clock::now();
-    const U64_t more = std::exchange(refusedSilently_, 0);
-    say_(Level::WARNING, peer + ": closed, " + why +
-                             (more > 0 ? "; so were " + std::to_string(more) + " others" : ""));
 }
 
 // --- What links ask for --------------------------------------------------------------------------
@@ -272,7 +164,7 @@ void Server::closed(Link& link) {
             blades_.erase(speaker);
         }
     }
-    admission_.leave(link.address());
+    acceptor_.leave(link.address());
     links_.erase(link.number());
     if (isStopping_ && links_.empty()) {
         finishStop();
@@ -346,6 +238,7 @@ void Server::everySecond() {
     for (const auto& link : links) {
         link->checkTime(now);
     }
+    counts_.refused = acceptor_.refused();
     const LaneState lane = lanes_->state();
     {
         const std::lock_guard lock(stateMutex_);
@@ -379,8 +272,7 @@ void Server::beginStop(int signal) {
     }
     isStopping_ = true;
     end_.signal = signal;
-    asio::error_code ignored;
-    acceptor_.close(ignored);
+    acceptor_.close();
     endAllLinks();
     if (links_.empty()) {
         finishStop();

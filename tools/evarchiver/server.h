@@ -5,7 +5,7 @@
 #ifndef EVARCHIVER_SERVER_H
 #define EVARCHIVER_SERVER_H
 
-#include "admission.h"
+#include "acceptor.h"
 #include "lanes.h"
 #include "link.h"
 
@@ -63,13 +63,8 @@ class Server : private LinkHost {
     void deliver(std::vector<Reply> replies);
     void laneFailed(const std::string& why);
 
-    void bind();
-    void awaitConnections();
-    void acceptLater(std::chrono::milliseconds pause);
-    void acceptAll();
-    bool acceptOne();
-    void take(asio::ip::tcp::socket socket);
-    void refuse(const std::string& peer, const std::string& why);
+    std::optional<std::string> whyNot() const;
+    void take(asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer);
     void handOver();
     void armHandOver();
     void armSettling();
@@ -86,16 +81,12 @@ class Server : private LinkHost {
     LinkCounts counts_;
     std::array<U8_t, 65'536> buffer_{};
     asio::io_context context_{1};
-    asio::ip::tcp::acceptor acceptor_{context_};
     asio::signal_set signals_{context_, SIGINT, SIGTERM};
-    asio::steady_timer acceptPause_{context_};
     asio::steady_timer handOverTimer_{context_};
     asio::steady_timer settling_{context_};
     asio::steady_timer second_{context_};
     asio::steady_timer stopTimer_{context_};
-    SpareDescriptor spare_;
-    Admission admission_;
-    Pace pace_;
+    Acceptor acceptor_;
     std::unordered_map<LinkNumber, std::shared_ptr<Link>> links_;
     std::map<BladeKey, LinkNumber> blades_; ///< on which link each one speaks
     std::vector<LinkNumber> unsettled_;
@@ -106,8 +97,6 @@ class Server : private LinkHost {
     bool isSettling_ = false;
     bool isStopping_ = false;
     U64_t secondsPassed_ = 0;
-    Clock::time_point saidRefused_;
-    U64_t refusedSilently_ = 0;
     std::string lastProgress_;
     ServerEnd end_;
     std::mutex stateMutex_;
