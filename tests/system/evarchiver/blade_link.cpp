@@ -78,6 +78,10 @@ size_t BladeLink::sendUntilFull() {
     return total;
 }
 
+void BladeLink::finishSending() {
+    shutdown(descriptor_, SHUT_WR);
+}
+
 Bytes BladeLink::receive() {
     Bytes message(65'536);
     if (!isReadable(descriptor_, DEADLINE)) {

@@ -29,6 +29,9 @@ class BladeLink {
     /** Sends as much as the connection takes while nobody reads. @return bytes sent */
     size_t sendUntilFull();
 
+    /** Ends this side's stream. */
+    void finishSending();
+
     /** Receives a response as an event manager does: once the header is there, one receive for all
      * of it. Throws when that is not whole. */
     Bytes receive();

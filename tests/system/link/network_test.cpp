@@ -1,8 +1,10 @@
-/** A real event manager on one machine and the archiver on another, with a real wire between. */
+/** A real event manager on one machine and the archiver on another, with a real wire between, and a
+ * gate before the archiver or none. */
 #include "network.h"
 
 #include "blade.h"
 #include "blade_link.h"
+#include "certificates.h"
 #include "link_messages.h"
 #include "msm_reader.h"
 #include "sqlite_store.h"
@@ -26,14 +28,28 @@ const std::vector<size_t> SIZES = {0,    1,    24,   100,  200,  311,  312,  325
 // A bad line of a few hundred kilometres.
 constexpr Roughness ROUGH{std::chrono::milliseconds(3), std::chrono::milliseconds(6), 30};
 
-class NetworkTest : public testing::TestWithParam<Wire> {
+/** What lies between them. */
+struct Road {
+    Wire wire = {};
+    bool hasGate = false;
+};
+
+void PrintTo(const Road& road, std::ostream* out) {
+    PrintTo(road.wire, out);
+    *out << (road.hasGate ? " gate" : "");
+}
+
+class NetworkTest : public testing::TestWithParam<Road> {
   protected:
     void SetUp() override {
-        if (const std::string why = Network::whyNot(GetParam()); !why.empty()) {
+        if (const std::string why = Network::whyNot(GetParam().wire); !why.empty()) {
             GTEST_SKIP() << why;
         }
-        network_ = std::make_unique<Network>(GetParam(), blade_.file("network"));
+        network_ = std::make_unique<Network>(GetParam().wire, blade_.file("network"));
         startArchiver();
+        if (GetParam().hasGate) {
+            startGate();
+        }
         emp_ = std::make_unique<RunningEmp>(blade_);
         emp_->start();
         reader_ = std::make_unique<MsmReader>(emp_->msm, copies_);
@@ -55,12 +71,35 @@ class NetworkTest : public testing::TestWithParam<Wire> {
         }
     }
 
+    std::unique_ptr<Process> startFar(const std::string& name,
+                                      const std::vector<std::string>& arguments) {
+        auto process = std::make_unique<Process>(network_->inFar(commandOf(name, arguments)),
+                                                 blade_.file(name + std::to_string(++starts_)));
+        process->waitForOutput("listening on ");
+        return process;
+    }
+
     void startArchiver() {
-        archiver_ = std::make_unique<Process>(
-            network_->inFar(commandOf("evarchiver", {"--listen", std::to_string(PORT), "--allow",
-                                                     "10.99.0.0/24", "--db", database_})),
-            blade_.file("archiver" + std::to_string(++starts_)));
-        archiver_->waitForOutput("listening on ");
+        const std::string place =
+            GetParam().hasGate ? "127.0.0.1:4713" : std::string(Network::FAR) + ":4711";
+        archiver_ = startFar("evarchiver", {"--listen", place, "--db", database_});
+    }
+
+    // The wire lies between the blade and the site's end of the gate.
+    void startGate() {
+        const Authority authority(blade_.file("ca"));
+        const auto startEnd = [&](std::vector<std::string> arguments, const std::string& name) {
+            const auto files = authority.issue(name).options(authority.path());
+            arguments.insert(arguments.end(), files.begin(), files.end());
+            ends_.push_back(startFar("evgate", arguments));
+        };
+        writeFile(blade_.file("map"), "CN:site CHASSIS-*\n");
+        startEnd({"archive", "--listen", "127.0.0.1:4712", "--to", "127.0.0.1:4713", "--map",
+                  blade_.file("map")},
+                 "archive");
+        startEnd({"site", "--listen", std::string(Network::FAR) + ":4711", "--to", "127.0.0.1:4712",
+                  "--name", "archive.example"},
+                 "site");
     }
 
     void nameArchiver() {
@@ -118,6 +157,7 @@ class NetworkTest : public testing::TestWithParam<Wire> {
     std::string database_ = blade_.file("events.db");
     std::unique_ptr<Network> network_;
     std::unique_ptr<Process> archiver_;
+    std::vector<std::unique_ptr<Process>> ends_; ///< of the gate
     std::unique_ptr<RunningEmp> emp_;
     EventBodies copies_;
     std::unique_ptr<MsmReader> reader_;
@@ -150,8 +190,8 @@ TEST_P(NetworkTest, AnswersOfEverySizeReachAnEventManagerThatStaysAlive) {
             ++refused;
         }
     }
-    EXPECT_GE(whole, GetParam().mtu == 1500 ? 15 : 5);
-    EXPECT_GE(refused, GetParam().mtu == 1500 ? 7 : 18);
+    EXPECT_GE(whole, GetParam().wire.mtu == 1500 ? 15 : 5);
+    EXPECT_GE(refused, GetParam().wire.mtu == 1500 ? 7 : 18);
 }
 
 TEST_P(NetworkTest, EventsOfEverySizeArriveThroughOutagesOfLinkAndArchiver) {
@@ -179,14 +219,22 @@ TEST_P(NetworkTest, EventsOfEverySizeArriveThroughOutagesOfLinkAndArchiver) {
     EXPECT_NE(archiver_->output().find(" 0 generations opened"), std::string::npos);
 }
 
-INSTANTIATE_TEST_SUITE_P(Wires, NetworkTest,
-                         testing::Values(Wire{1500, "rate 100mbit burst 16k latency 50ms"},
-                                         Wire{1500, "rate 1gbit burst 32k latency 50ms"},
-                                         Wire{576, ""}, Wire{1500, "", ROUGH}),
-                         [](const auto& wire) {
-                             return std::string(wire.param.rough ? "RoughMtu" : "Mtu") +
-                                    std::to_string(wire.param.mtu) + "At" +
-                                    std::to_string(wire.index);
-                         });
+std::vector<Road> roads() {
+    std::vector<Road> all = {{{1500, "rate 100mbit burst 16k latency 50ms"}},
+                             {{1500, "rate 1gbit burst 32k latency 50ms"}},
+                             {{576, ""}},
+                             {{1500, "", ROUGH}}};
+#ifdef HAS_GATE
+    all.push_back({{1500, "rate 100mbit burst 16k latency 50ms"}, true});
+    all.push_back({{576, "", ROUGH}, true});
+#endif
+    return all;
+}
+
+INSTANTIATE_TEST_SUITE_P(Wires, NetworkTest, testing::ValuesIn(roads()), [](const auto& road) {
+    const Wire& wire = road.param.wire;
+    return std::string(road.param.hasGate ? "Gate" : "") + (wire.rough ? "RoughMtu" : "Mtu") +
+           std::to_string(wire.mtu) + "At" + std::to_string(road.index);
+});
 
 } // namespace
