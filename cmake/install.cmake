@@ -30,7 +30,7 @@ function(install_pages component)
 endfunction()
 
 # Sections of pages that units name.
-foreach(program blade evarchiver)
+foreach(program blade evarchiver evgate)
     file(GLOB page ${PROJECT_SOURCE_DIR}/docs/man/${program}.[1-8])
     string(TOUPPER ${program}_SECTION section)
     string(REGEX REPLACE ".*\\." "" ${section} ${page})
@@ -56,12 +56,17 @@ function(install_completion component)
     endforeach()
 endfunction()
 
-# A service: its unit, its user and its directories. The unit's hardening is the same for all.
-function(install_service component unit user)
+# A unit; its hardening is the same for all.
+function(install_unit component unit)
     file(READ ${PACKAGING}/systemd/hardening HARDENING)
     configure_file(${PACKAGING}/systemd/${unit}.in ${PACKAGING_BUILD}/${unit} @ONLY)
     install(FILES ${PACKAGING_BUILD}/${unit} DESTINATION ${BLADE_SYSTEMD_DIR}
         COMPONENT ${component})
+endfunction()
+
+# A service: its unit, the users and directories of its component.
+function(install_service component unit user)
+    install_unit(${component} ${unit})
     foreach(kind sysusers tmpfiles)
         install(FILES ${PACKAGING}/etc/${kind}-${user}.conf RENAME ${user}.conf
             DESTINATION lib/${kind}.d COMPONENT ${component})
@@ -98,6 +103,15 @@ if(TARGET evarchiver)
         DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/default COMPONENT evarchiver)
     install(DIRECTORY sql/fleet DESTINATION ${CMAKE_INSTALL_DATADIR}/event-manager/sql
         COMPONENT evarchiver)
+endif()
+
+# The gate needs OpenSSL.
+if(TARGET evgate)
+    install_program(evarchiver ${CMAKE_INSTALL_SBINDIR} evgate)
+    install_completion(evarchiver evgate)
+    install_unit(evarchiver evgate.service)
+    install(FILES ${PACKAGING}/etc/evgate
+        DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/default COMPONENT evarchiver)
 endif()
 
 file(GLOB LIBRARY_PAGES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.3)
