@@ -5,7 +5,9 @@
 #include <fstream>
 #include <libpq-fe.h>
 #include <pwd.h>
+#include <sstream>
 #include <stdexcept>
+#include <sys/shm.h>
 #include <unistd.h>
 
 namespace support {
@@ -70,12 +72,12 @@ void PgServer::start() {
     std::vector<std::string> command = {std::string(PROGRAMS) + "postgres", "-D", data_, "-k",
                                         directory_.path()};
     std::vector<std::string> settings = {
-        "listen_addresses=",       "fsync=off",
-        "full_page_writes=off",    "shared_buffers=32MB",
-        "max_connections=40",      "wal_level=replica",
-        "max_wal_senders=4",       "hot_standby=on",
-        "autovacuum=off",          "dynamic_shared_memory_type=mmap",
-        "log_min_messages=warning"};
+        "listen_addresses=",        "fsync=off",
+        "full_page_writes=off",     "shared_buffers=32MB",
+        "max_connections=40",       "wal_level=replica",
+        "max_wal_senders=4",        "hot_standby=on",
+        "autovacuum=off",           "dynamic_shared_memory_type=mmap",
+        "log_min_messages=warning", "shared_preload_libraries=pg_stat_statements"};
     settings.insert(settings.end(), settings_.begin(), settings_.end());
     for (const std::string& setting : settings) {
         command.insert(command.end(), {"-c", setting});
@@ -148,11 +150,20 @@ std::vector<pid_t> PgServer::processes() const {
 }
 
 void PgServer::kill() {
+    // Line 7 names the scrap of shared memory by which servers keep out of each other's way.
+    std::ifstream file(data_ + "/postmaster.pid");
+    std::string line;
+    for (int number = 1; number <= 7; ++number) {
+        std::getline(file, line);
+    }
+    int scrap = -1;
+    std::istringstream(line) >> line >> scrap;
     for (const pid_t process : processes()) {
         ::kill(process, SIGKILL);
     }
     process_->wait();
     process_.reset();
+    shmctl(scrap, IPC_RMID, nullptr);
     std::filesystem::remove(data_ + "/postmaster.pid");
 }
 

@@ -83,13 +83,16 @@ Filed Archive::fileEvent(LinkNumber link, View body, Certainty certainty) {
     Series& series = *speaker.series;
     const Arrival arrival{body, certaintyIn(series, speaker, certainty), !speaker.isStranger,
                           isSuperseded(speaker, link)};
-    const bool isOurs = settings_.share.has(series.key.blade);
-    const Filed filed = isOurs ? fileIn({series, arrival, true, id}) : Filed::LEFT;
-    if (!speaker.isStranger || filed == Filed::REFUSED || !settings_.share.has(*speaker.blade)) {
+    const Filed filed = series.isOurs ? fileIn({series, arrival, true, id}) : Filed::LEFT;
+    if (!speaker.isStranger || filed == Filed::REFUSED) {
+        return filed;
+    }
+    const SeriesKey speakersLog{*speaker.blade, series.key.instance};
+    if (!settings_.share.has(speakersLog)) {
         return filed;
     }
     counts_.strangers += certainty == Certainty::CERTAIN ? 1 : 0;
-    Series& ownLog = seriesOf({*speaker.blade, series.key.instance});
+    Series& ownLog = seriesOf(speakersLog);
     const Arrival inOwnLog{body, certaintyIn(ownLog, speaker, certainty), true,
                            arrival.isSuperseded};
     return fileIn({ownLog, inOwnLog, false, id});
@@ -270,11 +273,15 @@ void Archive::takeBack(LinkNumber link, View body) {
     ensureTransaction();
     const U32_t id = imageOf<EmpEvLogHeader_t>(body).evSequenceId;
     Speaker& speaker = speakerOf(link, body);
-    if (settings_.share.has(speaker.series->key.blade)) {
+    if (speaker.series->isOurs) {
         takeBackFrom(*speaker.series, id, body);
     }
-    if (speaker.isStranger && settings_.share.has(*speaker.blade)) {
-        takeBackFrom(seriesOf({*speaker.blade, speaker.series->key.instance}), id, body);
+    if (!speaker.isStranger) {
+        return;
+    }
+    const SeriesKey speakersLog{*speaker.blade, speaker.series->key.instance};
+    if (settings_.share.has(speakersLog)) {
+        takeBackFrom(seriesOf(speakersLog), id, body);
     }
 }
 
@@ -313,7 +320,8 @@ void Archive::setAside(const Series& series, Aside reason, View image, bool own)
 StatusVerdict Archive::answerStatus(LinkNumber link, const EmpGetEvArchiverStatusMsg_t& request) {
     const SeriesKey key{bladeOf(request), request.evInstanceNumber};
     ++counts_.statusAnswers;
-    Series* series = store_.isShared() ? &claim(speakers_[link], key) : findSeries(key);
+    Series* series = store_.isShared() ? &claim(speakers_[link], key, request.evSequenceIdFirst)
+                                       : findSeries(key);
     setOwner(link, key.blade);
     const StatusVerdict verdict = series == nullptr ? NOTHING_HELD : verdictFor(request, *series);
     say(Level::INFO, nameOf(key) + " from id " + std::to_string(U32_t{request.evSequenceIdFirst}) +
@@ -337,8 +345,8 @@ void Archive::setOwner(LinkNumber link, const BladeKey& blade) {
 }
 
 // What was known by heart may be what it was before another process had the blade.
-Archive::Series& Archive::claim(Speaker& speaker, const SeriesKey& key) {
-    const Claim claimed = store_.claim(key);
+Archive::Series& Archive::claim(Speaker& speaker, const SeriesKey& key, U32_t first) {
+    const Claim claimed = store_.claim(key, first);
     speaker.claimed = claimed.series;
     Series& series = series_[key];
     series = load(key, claimed);
@@ -464,7 +472,8 @@ Archive::Series& Archive::seriesOf(const SeriesKey& key) {
     if (Series* known = findSeries(key); known != nullptr) {
         return *known;
     }
-    return series_.emplace(key, Series{.key = key}).first->second;
+    return series_.emplace(key, Series{.key = key, .isOurs = settings_.share.has(key)})
+        .first->second;
 }
 
 Archive::Series* Archive::findSeries(const SeriesKey& key) {
@@ -480,7 +489,7 @@ Archive::Series* Archive::findSeries(const SeriesKey& key) {
 }
 
 Archive::Series Archive::load(const SeriesKey& key, const Claim& claim) {
-    Series series{.key = key, .newest = {claim.series, 0}};
+    Series series{.key = key, .isOurs = settings_.share.has(key), .newest = {claim.series, 0}};
     if (const auto& newest = claim.newest) {
         series.newest = newest->number;
         series.highestId = store_.highestId(series.newest);

@@ -18,12 +18,21 @@ namespace evarchive {
 /** A link's number, never given twice in one run; 0: none. */
 using LinkNumber = U64_t;
 
-/** Which blades' logs are an archive's: all of a blade's are in one share. */
+/** Which logs are an archive's. All of a blade's on one server are in one share. */
 struct Share {
     U32_t number = 0;
-    U32_t of = 1; ///< shares that there are
+    U32_t of = 1;    ///< shares that there are
+    U32_t nodes = 1; ///< servers that the archive is spread over, each with as many shares
+    std::function<U32_t(const SeriesKey&)> nodeOf = {}; ///< which of them has a log
 
-    bool has(const BladeKey& blade) const { return of == 1 || shareOf(blade, of) == number; }
+    bool has(const SeriesKey& log) const { return of == 1 || numberOf(log) == number; }
+
+    /** The share that a log is in. */
+    U32_t numberOf(const SeriesKey& log) const {
+        const U32_t each = of / nodes;
+        return (nodes > 1 ? nodeOf(log) * each : 0) + shareOf(log.blade, each);
+    }
+
     static U32_t shareOf(const BladeKey& blade, U32_t shares);
 };
 
@@ -150,6 +159,7 @@ class Archive {
     /** What is known by heart of a series: it saves a look into the storage for each event. */
     struct Series {
         SeriesKey key;
+        bool isOurs = true;                  ///< it is in our share
         GenerationKey newest = {};           ///< zeros: not in the storage yet
         std::optional<U32_t> highestId = {}; ///< of the newest generation
         std::optional<IdRun> proven = {};    ///< of the newest generation; grows with what comes
@@ -184,7 +194,7 @@ class Archive {
     void setOwner(LinkNumber link, const BladeKey& blade);
     std::optional<GenerationKey> newestOf(const SeriesKey& key);
     Series load(const SeriesKey& key, const Claim& claim);
-    Series& claim(Speaker& speaker, const SeriesKey& key);
+    Series& claim(Speaker& speaker, const SeriesKey& key, U32_t first);
     bool isSuperseded(const Speaker& speaker, LinkNumber link) const;
     Filed fileIn(const Filing& filing);
     Place placeOf(const Series& series, U32_t id, std::optional<StoredEvent>& held);

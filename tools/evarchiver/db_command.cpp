@@ -10,6 +10,7 @@
 
 #ifdef EVARCHIVER_POSTGRES
 #include "postgres/fleet_database.h"
+#include "postgres/fleet_hub.h"
 #endif
 
 namespace evarchive {
@@ -31,6 +32,7 @@ constexpr char FOOTER[] =
 struct DbOptions {
     std::string place;
     U32_t retentionDays = 0;
+    std::vector<std::string> nodes;
 };
 
 std::string checkPlace(const std::string& text) {
@@ -76,6 +78,11 @@ int runDbCommand(int argc, const char* const* argv) {
     app.require_subcommand(1);
     CLI::App* create = addCommand(app, options, "create", "Make the tables in an empty database");
     addRetention(*create, options, "Days that events are kept; default: 30");
+    CLI::App* hub = addCommand(app, options, "hub", "Make one archive of those of several servers");
+    hub->add_option("--node", options.nodes, "A server with an archive, postgresql://...; for each")
+        ->required()
+        ->check(checkPlace)
+        ->option_text("PLACE...");
     CLI::App* upgrade = addCommand(app, options, "upgrade", "Bring an earlier layout up to date");
     CLI::App* upkeep =
         addCommand(app, options, "maintain", "Make partitions ahead, drop those past retention");
@@ -86,6 +93,10 @@ int runDbCommand(int argc, const char* const* argv) {
     }
     if (create->parsed()) {
         createFleet(options.place, options.retentionDays, time(nullptr));
+        return tools::EXIT_DONE;
+    }
+    if (hub->parsed()) {
+        createHub(options.place, options.nodes);
         return tools::EXIT_DONE;
     }
     if (upgrade->parsed()) {

@@ -9,21 +9,30 @@ namespace {
 constexpr std::size_t IDENTITY_SIZE = offsetof(EmpEvLogHeader_t, evSequenceId);
 
 template <typename Image>
-BladeKey bladeIn(View body) {
+SeriesKey logIn(View body) {
     const auto image = imageOf<Image>(body);
-    return {textOf(image.evEnclosureId), textOf(image.evBladeId), image.evSlotId};
+    return {{textOf(image.evEnclosureId), textOf(image.evBladeId), image.evSlotId},
+            image.evInstanceNumber};
 }
 
 } // namespace
 
 Lanes::Lanes(const Engine& engine, const LaneSettings& settings, U32_t count,
              const Lane::Callbacks& callbacks) {
-    const U32_t lanes = count > 0 ? count : engine.usualLanes;
-    std::vector<std::unique_ptr<Store>> stores(lanes);
-    std::ranges::generate(stores, engine.connect);
-    for (U32_t number = 0; number < lanes; ++number) {
+    const U32_t each = count > 0 ? count : engine.usualLanes;
+    if (engine.spread) {
+        share_.nodes = engine.spread->nodes;
+        share_.nodeOf = engine.spread->nodeOf;
+    }
+    share_.of = each * share_.nodes;
+    std::vector<std::unique_ptr<Store>> stores;
+    for (U32_t number = 0; number < share_.of; ++number) {
+        stores.push_back(engine.spread ? engine.spread->connect(number / each) : engine.connect());
+    }
+    for (U32_t number = 0; number < share_.of; ++number) {
         LaneSettings own = settings;
-        own.archive.share = {number, lanes};
+        own.archive.share = share_;
+        own.archive.share.number = number;
         if (number > 0 || !engine.isKeptByLanes) {
             own.retention = {}; // the first sees to the whole archive
         }
@@ -42,10 +51,10 @@ void Lanes::add(LinkNumber link, const std::optional<BladeKey>& speaker, Batch::
         addStatus(link, body, ticket);
         break;
     case Batch::Kind::INQUIRY:
-        lanes_[Share::shareOf(bladeIn<EmpEvInquiryMsg_t>(body), static_cast<U32_t>(lanes_.size()))]
-            .batch.add(link, kind, body, ticket);
+        lanes_[share_.numberOf(logIn<EmpEvInquiryMsg_t>(body))].batch.add(link, kind, body, ticket);
         break;
     case Batch::Kind::END_OF_LINK:
+        laneOfLink_.erase(link);
         for (One& one : lanes_) {
             one.batch.add(link, kind, body, ticket);
         }
@@ -61,7 +70,8 @@ void Lanes::addEvent(LinkNumber link, const std::optional<BladeKey>& speaker, Ba
     const U32_t lane = laneOfEvent(body);
     lanes_[lane].batch.add(link, kind, body);
     if (speaker) {
-        const U32_t other = Share::shareOf(*speaker, static_cast<U32_t>(lanes_.size()));
+        const U32_t instance = imageOf<EmpEvLogHeader_t>(body).evInstanceNumber;
+        const U32_t other = share_.numberOf({*speaker, instance});
         if (other != lane) {
             lanes_[other].batch.add(link, kind, body);
         }
@@ -69,8 +79,8 @@ void Lanes::addEvent(LinkNumber link, const std::optional<BladeKey>& speaker, Ba
 }
 
 void Lanes::addStatus(LinkNumber link, View body, U32_t ticket) {
-    const U32_t lane = Share::shareOf(bladeIn<EmpGetEvArchiverStatusMsg_t>(body),
-                                      static_cast<U32_t>(lanes_.size()));
+    const U32_t lane = share_.numberOf(logIn<EmpGetEvArchiverStatusMsg_t>(body));
+    laneOfLink_[link] = lane;
     for (U32_t number = 0; number < lanes_.size(); ++number) {
         const auto kind = number == lane ? Batch::Kind::STATUS : Batch::Kind::SPEAKER;
         lanes_[number].batch.add(link, kind, body, ticket);
@@ -82,8 +92,7 @@ U32_t Lanes::laneOfEvent(View body) {
     const View identity = body.first(IDENTITY_SIZE);
     if (!std::ranges::equal(identity, lastIdentity_)) {
         lastIdentity_.assign(identity.begin(), identity.end());
-        lastLane_ =
-            Share::shareOf(bladeIn<EmpEvLogHeader_t>(body), static_cast<U32_t>(lanes_.size()));
+        lastLane_ = share_.numberOf(logIn<EmpEvLogHeader_t>(body));
     }
     return lastLane_;
 }
@@ -110,6 +119,20 @@ std::size_t Lanes::spooled() const {
     return std::accumulate(
         lanes_.begin(), lanes_.end(), pending(),
         [](std::size_t sum, const One& one) { return sum + one.lane->spooled(); });
+}
+
+bool Lanes::hasRoom(LinkNumber link, std::size_t budget) const {
+    const auto lane = laneOfLink_.find(link);
+    if (share_.nodes == 1 || lane == laneOfLink_.end()) {
+        return spooled() < budget;
+    }
+    const std::size_t each = share_.of / share_.nodes;
+    const std::size_t first = lane->second / each * each;
+    std::size_t sum = 0;
+    for (std::size_t number = first; number < first + each; ++number) {
+        sum += lanes_[number].spooled();
+    }
+    return sum < budget / share_.nodes;
 }
 
 LaneState Lanes::state() {

@@ -72,7 +72,7 @@ void Link::say(Level level, const std::string& line) {
 }
 
 bool Link::received(std::size_t bytes) {
-    if (!host_.hasRoom()) {
+    if (!host_.hasRoom(*this)) {
         ++host_.counts().shed;
         end();
         return false;

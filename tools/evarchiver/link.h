@@ -42,7 +42,7 @@ class LinkHost {
     virtual std::span<U8_t> receiveBuffer() = 0;
 
     /** @return whether there is room in the spool for what a link brings */
-    virtual bool hasRoom() = 0;
+    virtual bool hasRoom(const Link& link) = 0;
 
     /** Hands a request to the link's lane. */
     virtual void submit(const Link& link, Batch::Kind kind, View body, U32_t ticket) = 0;

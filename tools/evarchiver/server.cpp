@@ -101,8 +101,8 @@ ServerEnd Server::run(const Engine& engine) {
 
 // --- What links ask for --------------------------------------------------------------------------
 
-bool Server::hasRoom() {
-    return lanes_->spooled() < options_.spool;
+bool Server::hasRoom(const Link& link) {
+    return lanes_->hasRoom(link.number(), options_.spool);
 }
 
 void Server::submit(const Link& link, Batch::Kind kind, View body, U32_t ticket) {

@@ -52,7 +52,7 @@ class Server : private LinkHost {
     LinkCounts& counts() override { return counts_; }
     void say(Level level, const std::string& line) override { say_(level, line); }
     std::span<U8_t> receiveBuffer() override { return buffer_; }
-    bool hasRoom() override;
+    bool hasRoom(const Link& link) override;
     void submit(const Link& link, Batch::Kind kind, View body, U32_t ticket) override;
     void speaks(Link& link, const BladeKey& blade) override;
     void unsettled(Link& link) override;

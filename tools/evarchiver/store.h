@@ -207,11 +207,13 @@ class Store : public StoreReader {
 
     /**
      * The blade of this series speaks here from now on, whoever claimed it before: of an earlier
-     * claim nothing can be committed any more, by any process. Safe when it returns, and what is
-     * committed of the series by then can be read. Adds the series if it is new. Only of a shared
-     * engine, outside of transactions.
+     * claim nothing can be committed any more, by any process. What is committed of the series by
+     * then can be read. Adds the series if it is new. Only of a shared engine, outside of
+     * transactions. A server that fails before anything is committed may have forgotten the claim;
+     * the next change says so by a StoreConflict.
+     * @param first the oldest id that the blade has: it and the end of its run are asked for next
      */
-    virtual Claim claim(const SeriesKey& key);
+    virtual Claim claim(const SeriesKey& key, U32_t first);
 
     /** Whether any generation of the series holds the very event. Only of a shared engine: an event
      * that comes late, on a link that is not its blade's any more, need not be set aside then. */
@@ -255,7 +257,7 @@ class Store : public StoreReader {
     virtual U64_t removeAside(S64_t before) = 0;
 };
 
-inline Claim Store::claim(const SeriesKey& /*key*/) {
+inline Claim Store::claim(const SeriesKey& /*key*/, U32_t /*first*/) {
     throw StoreError("an archive that is not shared is not claimed");
 }
 

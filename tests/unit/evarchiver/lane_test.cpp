@@ -283,7 +283,7 @@ TEST_F(LaneTest, ClaimThatAnotherProcessTookEndsTheLinkAndSetsItsEventsAside) {
     submit();
     EXPECT_EQ(waitForReplies(2)[1].verdict, (StatusVerdict{3, 0}));
     requireSoon([this] { return lane_->state().spooled == 0; }, "all to be safe");
-    other.claim({{"ENC-A", "BLADE-1", 1}, 1});
+    other.claim({{"ENC-A", "BLADE-1", 1}, 1}, 0);
     addEvents(5, 9);
     submit();
     EXPECT_EQ(waitForReplies(3)[2].kind, Reply::Kind::SUPERSEDED);

@@ -34,7 +34,7 @@ class MemoryStore : public Store {
 
     bool isShared() const override { return isShared_; }
 
-    Claim claim(const SeriesKey& key) override {
+    Claim claim(const SeriesKey& key, U32_t /*first*/) override {
         if (work_) {
             throw std::logic_error("claimed within a transaction");
         }

@@ -101,8 +101,26 @@ TEST(LogNumberTest, IdentityThatIsCutIsRefused) {
 
 // printf '\0\5ENC-A\0\7BLADE-1\0\0\0\1\0\0\0\1\0' | sha256sum
 TEST(LogNumberTest, NumberIsTheBeginningOfTheDigest) {
-    EXPECT_EQ(logNumber(identityOf(KEY)), 3009389208524747215);
-    EXPECT_EQ(logNumber(identityOf(KEY), 1), -6167041641316094163);
+    EXPECT_EQ(logNumber(identityOf(KEY)), 0x29C37F8A6D02F1CF);
+}
+
+// The digest with salt 1 begins with AA6A 444D 364F EF2D: where a log is must not hang on its salt.
+TEST(LogNumberTest, SaltLeavesTheFirstTwoBytesAsTheyAre) {
+    EXPECT_EQ(logNumber(identityOf(KEY), 1), 0x29C3444D364FEF2D);
+}
+
+TEST(LogNumberTest, EachNumberIsOneServersWhateverTheirCount) {
+    for (const U32_t nodes : {1U, 2U, 3U, 7U, MOST_NODES}) {
+        EXPECT_EQ(nodeOf(INT64_MIN, nodes), 0U);
+        EXPECT_EQ(nodeOf(INT64_MAX, nodes), nodes - 1);
+        EXPECT_EQ(firstLogOf(0, nodes), INT64_MIN);
+        EXPECT_EQ(firstLogOf(nodes, nodes), std::nullopt);
+        for (U32_t node = 1; node < nodes; ++node) {
+            const SeriesNumber first = *firstLogOf(node, nodes);
+            ASSERT_EQ(nodeOf(first, nodes), node) << nodes;
+            ASSERT_EQ(nodeOf(first - 1, nodes), node - 1) << nodes;
+        }
+    }
 }
 
 TEST(LogNumberTest, DigestIsSha256) {

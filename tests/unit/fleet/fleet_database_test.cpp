@@ -21,7 +21,7 @@ class FleetDatabaseTest : public testing::Test {
 
     void file(const std::vector<std::pair<U32_t, S64_t>>& events, S64_t received) {
         const auto store = openPgArchive(place_);
-        const Claim claim = store->claim(key_);
+        const Claim claim = store->claim(key_, 0);
         const GenerationKey generation{claim.series, 1};
         store->begin();
         if (!claim.newest) {
@@ -102,6 +102,39 @@ TEST_F(FleetDatabaseTest, ViewsShowWhatWasFiled) {
               "0|information|3|t\n4|information|3|t\n");
     EXPECT_EQ(sql("SELECT blade, generation FROM blade_list"), "BLADE-1|1\n");
     EXPECT_EQ(sql("SELECT count(*) FROM set_aside_list"), "0\n");
+}
+
+// What dashboards rely on: a column may be added at the end, nothing else may change.
+TEST_F(FleetDatabaseTest, ViewsHaveTheDocumentedColumns) {
+    EXPECT_EQ(sql("SELECT table_name, string_agg(column_name || ' ' || data_type, ', ' "
+                  "ORDER BY ordinal_position) FROM information_schema.columns "
+                  "WHERE table_name LIKE '%_list' GROUP BY 1 ORDER BY 1"),
+              "blade_list|enclosure text, blade text, slot bigint, instance bigint, generation "
+              "bigint, seen timestamp with time zone, log bigint, opened timestamp with time zone, "
+              "duplicates bigint, run_first bigint, run_last bigint\n"
+              "event_list|time timestamp with time zone, received timestamp with time zone, "
+              "enclosure text, blade text, slot bigint, instance bigint, generation bigint, id "
+              "bigint, source smallint, type smallint, type_name text, category smallint, event "
+              "integer, idversion smallint, own boolean, doubtful boolean, newest boolean, bytes "
+              "integer, data bytea, log bigint\n"
+              "gap_list|enclosure text, blade text, slot bigint, instance bigint, generation "
+              "bigint, first bigint, last bigint, log bigint\n"
+              "set_aside_list|received timestamp with time zone, enclosure text, blade text, slot "
+              "bigint, instance bigint, id bigint, reason smallint, image bytea, log bigint\n");
+}
+
+TEST_F(FleetDatabaseTest, TimeRangeReadsOnlyThePartitionsOfItsDays) {
+    const std::string plan = sql("EXPLAIN (COSTS OFF) SELECT id FROM event_list WHERE "
+                                 "time >= '2023-11-13 00:00+00' AND time < '2023-11-14 00:00+00'");
+    EXPECT_THAT(plan, HasSubstr("events_20231113_1"));
+    EXPECT_THAT(plan, testing::Not(testing::AnyOf(HasSubstr("20231112"), HasSubstr("20231114"))));
+}
+
+TEST_F(FleetDatabaseTest, GapsOfOneLogAreFoundByItsIndex) {
+    file({{0, NOW}, {4, NOW}}, NOW);
+    EXPECT_THAT(sql("SET enable_seqscan = off; EXPLAIN (COSTS OFF) "
+                    "SELECT * FROM gap_list WHERE log = 5"),
+                testing::Not(HasSubstr("Seq Scan on events")));
 }
 
 TEST_F(FleetDatabaseTest, UpgradeOfThePresentLayoutChangesNothing) {

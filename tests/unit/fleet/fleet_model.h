@@ -3,7 +3,8 @@
  * One blade, several archivers and one shared archive, in all orders in which things can happen: an
  * event is logged, sent, looked up, committed; the link is cut and another archiver reached, while
  * the first one still holds events; the log is rebuilt; a commit's outcome stays unknown; an
- * archiver sheds a link. What becomes of an event is asked of the product's own rules.
+ * archiver sheds a link; the server fails and forgets the last claims. What becomes of an event is
+ * asked of the product's own rules.
  *
  * Time is cut where a real archiver can be overtaken: between the look at what the archive holds
  * (plan) and the transaction that files (commit).
@@ -31,6 +32,7 @@ struct Bounds {
     unsigned silentLinks = 0;    ///< how many of the links may send no status request
     unsigned unknownCommits = 0; ///< commits whose outcome the archiver does not learn
     unsigned sheddings = 0;
+    unsigned crashes = 0; ///< of the server, which forgets the last claims, but no commit
 };
 
 /** What an archiver does with the events of a link whose blade has opened a later one. */
@@ -58,6 +60,8 @@ struct Rules {
     bool repeatsUnknown = true;
     /** A status answer tells of committed events only. */
     bool claimsCommitted = true;
+    /** A server that fails forgets no commit, and no claim that came before one. */
+    bool keepsOrder = true;
 };
 
 /** What can be wrong in the end. */

@@ -51,12 +51,17 @@ TEST(FleetModelTest, LinksWithoutAStatusRequestSpoilNothing) {
                   30'000);
 }
 
+TEST(FleetModelTest, ServerThatForgetsClaimsLosesNothing) {
+    expectNoFault({.links = isLarge() ? 3U : 2U, .ids = isLarge() ? 2U : 3U, .crashes = 1}, 15'000);
+}
+
 TEST(FleetModelTest, EverythingTogetherHolds) {
     expectNoFault({.links = isLarge() ? 3U : 2U,
                    .ids = 2,
                    .silentLinks = 1,
                    .unknownCommits = 1,
-                   .sheddings = 1},
+                   .sheddings = 1,
+                   .crashes = 1},
                   10'000);
 }
 
@@ -92,6 +97,10 @@ TEST(FleetModelTest, SheddingOneEventLeavesAHoleOnTheOpenLink) {
 
 TEST(FleetModelTest, UnknownCommitThatIsTakenForDoneLosesAnEvent) {
     expectFault({.repeatsUnknown = false}, {.links = 2, .unknownCommits = 1}, LOST);
+}
+
+TEST(FleetModelTest, ClaimThatIsForgottenWithoutTheCommitsBehindItSpoilsTheBladesNewLog) {
+    expectFault({.keepsOrder = false}, {.links = 2, .ids = 2, .crashes = 1}, TOO_MANY_GENERATIONS);
 }
 
 TEST(FleetModelTest, PromisingWhatIsNotCommittedLeavesItOut) {

@@ -19,7 +19,9 @@ class Search {
         : rules_(rules), bounds_(bounds), stopAtFault_(stopAtFault) {}
 
     Finding run() {
-        reach(State{}, {});
+        State first;
+        first.crashesLeft = static_cast<U8_t>(bounds_.crashes);
+        reach(first, {});
         for (std::size_t at = 0; at < states_.size() && !isDone(); ++at) {
             const State state = states_[at];
             expand(state, at);
@@ -87,6 +89,9 @@ class Search {
         tryStep(canBeSilent, state, {"connect silent", link, at},
                 [](World& w) { w.connect(true); });
         tryStep(world.canSend(), state, {"send", link, at}, [](World& w) { w.send(); });
+        for (unsigned kept = 0; state.crashesLeft > 0 && kept < world.claimsAtRisk(); ++kept) {
+            tryStep(true, state, {"crash", 0, at}, [kept](World& w) { w.crash(kept); });
+        }
         for (unsigned number = 0; number < state.linksMade; ++number) {
             expandLink(state, at, number);
         }

@@ -7,6 +7,7 @@
 
 #include "pg_server.h"
 #include "postgres/fleet_database.h"
+#include "postgres/fleet_hub.h"
 #include "postgres/pg_store.h"
 
 #include "link_messages.h"
@@ -32,6 +33,26 @@ inline std::string emptyArchive() {
     server().sql(
         "DELETE FROM events; DELETE FROM logs; DELETE FROM generations; DELETE FROM set_aside",
         "contract");
+    return place;
+}
+
+/** The same, spread over two databases, by its hub. */
+inline std::string emptyHub() {
+    static const std::string place = [] {
+        const std::string hub = server().makeDatabase("hub");
+        const std::vector<std::string> nodes = {server().makeDatabase("node1"),
+                                                server().makeDatabase("node2")};
+        for (const std::string& node : nodes) {
+            evarchive::createFleet(node, 4, NOW);
+        }
+        evarchive::createHub(hub, nodes);
+        return hub;
+    }();
+    for (const char* node : {"node1", "node2"}) {
+        server().sql(
+            "DELETE FROM events; DELETE FROM logs; DELETE FROM generations; DELETE FROM set_aside",
+            node);
+    }
     return place;
 }
 

@@ -27,6 +27,52 @@ const Bytes& imageOf(Event event) {
 
 } // namespace
 
+void World::normalise() {
+    for (unsigned number = 0; number < MOST_LINKS; ++number) {
+        if (state_.links[number].waiting == 0 && state_.present != number) {
+            state_.links[number] = {};
+            std::ranges::replace(state_.owners, U8_t(number), NONE);
+        }
+    }
+}
+
+// Only where a failure may follow: it would make many states of one.
+void World::noteClaim(unsigned number) {
+    if (state_.crashesLeft == 0) {
+        return;
+    }
+    if (state_.ownerCount == 0) {
+        const auto owner = std::ranges::find(state_.links, U8_t{1}, &Link::isOwner);
+        const bool isOwned = owner != state_.links.end();
+        state_.owners[0] = isOwned ? static_cast<U8_t>(owner - state_.links.begin()) : NONE;
+        state_.ownerCount = 1;
+    }
+    state_.owners.at(state_.ownerCount++) = static_cast<U8_t>(number);
+}
+
+// A commit is on disk, and so is all that came before it.
+void World::noteCommit() {
+    if (rules_.keepsOrder) {
+        state_.ownerCount = 0;
+        state_.owners = {};
+    }
+}
+
+// Archivers find out at their next commit.
+void World::crash(unsigned kept) {
+    --state_.crashesLeft;
+    state_.hasCrashed = 1;
+    const U8_t owner = state_.owners.at(kept);
+    for (unsigned number = 0; number < MOST_LINKS; ++number) {
+        Link& link = state_.links[number];
+        link.isOwner = owner == number && link.isUsed != 0 ? 1 : 0;
+        link.hasLooked = 0;
+        dropPlan(link);
+    }
+    state_.ownerCount = 0;
+    state_.owners = {};
+}
+
 void World::connect(bool isSilent) {
     const U8_t number = state_.linksMade++;
     Link& link = state_.links[number];
@@ -37,6 +83,7 @@ void World::connect(bool isSilent) {
         ++state_.silentLinks;
         return;
     }
+    noteClaim(number);
     for (Link& other : state_.links) {
         other.isOwner = 0;
     }
@@ -280,6 +327,9 @@ void World::commit(unsigned number, Outcome outcome) {
         closeOvertaken(number);
         return;
     }
+    if (outcome != Outcome::FAILED_UNKNOWN) {
+        noteCommit();
+    }
     for (unsigned i = 0; outcome != Outcome::FAILED_UNKNOWN && i < link.planned; ++i) {
         if (state_.generation + 1U > MOST_GENERATIONS && link.plan[i].opens != 0) {
             state_.faults |= TOO_MANY_GENERATIONS;
@@ -352,14 +402,18 @@ void World::catchUp() {
     state_.faults |= ENDLESS;
 }
 
-// From here the world stands still: everything arrives, and the blade logs once more.
+// From here the world stands still: everything arrives, and the blade logs once more; where the
+// server has forgotten its claim, it takes an event to find that out, and another one.
 void World::finish(bool lateFirst) {
+    state_.crashesLeft = 0;
     if (lateFirst) {
         drainLate();
     }
     catchUp();
-    log();
-    catchUp();
+    for (int more = state_.hasCrashed != 0 ? 2 : 1; more > 0; --more) {
+        log();
+        catchUp();
+    }
     drainLate();
     judge();
 }

@@ -80,7 +80,7 @@ struct State {
     U8_t next = 0;
     // The archive.
     U8_t generation = 0;
-    U8_t padding = 0;
+    U8_t hasCrashed = 0;
     EventSet aside = 0;
     std::array<EventSet, MOST_GENERATIONS> held = {};     // from generation 1 on
     std::array<EventSet, MOST_GENERATIONS> doubtful = {}; // of those
@@ -91,9 +91,11 @@ struct State {
     U8_t unknownCommits = 0;
     U8_t sheddings = 0;
     U8_t faults = 0;
-    U8_t padding2 = 0;
+    U8_t crashesLeft = 0;
     std::array<Link, MOST_LINKS> links = {};
-    U8_t padding3 = 0;
+    U8_t ownerCount = 0;
+    // Who has claimed the log since the last commit, and before them who it belonged to.
+    std::array<U8_t, MOST_LINKS + 1> owners = {};
 };
 static_assert(std::has_unique_object_representations_v<State>);
 
@@ -150,14 +152,14 @@ class World {
     // What is planned is on its way and may yet commit.
     void shed(unsigned number);
 
+    // Claims that nothing was committed behind.
+    unsigned claimsAtRisk() const { return state_.ownerCount > 0 ? state_.ownerCount - 1U : 0U; }
+
+    // The server fails. @param kept how many of those claims it still knows of
+    void crash(unsigned kept);
+
     // Links that hold nothing any more are alike.
-    void normalise() {
-        for (unsigned number = 0; number < MOST_LINKS; ++number) {
-            if (state_.links[number].waiting == 0 && state_.present != number) {
-                state_.links[number] = {};
-            }
-        }
-    }
+    void normalise();
 
     void finish(bool lateFirst);
 
@@ -210,6 +212,8 @@ class World {
         link.plan = {};
     }
     void dropDone(Link& link) const;
+    void noteClaim(unsigned number);
+    void noteCommit();
     void closeOvertaken(unsigned number);
     void forgetShed();
     void drain(unsigned number);

@@ -1,6 +1,9 @@
 /** Several archivers on one PostgreSQL server: claims, fences, unknown outcomes, refusals. */
 #include "fleet_server.h"
 #include "postgres/log_number.h"
+#include "postgres/pg_engine.h"
+
+#include <numeric>
 
 using namespace evarchive;
 using fleet::server;
@@ -21,7 +24,7 @@ class PgStoreTest : public testing::Test {
 
     /** A claim, and a generation with these events, committed. */
     GenerationKey fill(Store& store, const std::vector<U32_t>& ids) {
-        const Claim claim = store.claim(key_);
+        const Claim claim = store.claim(key_, 0);
         const GenerationKey generation{claim.series, 1};
         store.begin();
         if (!claim.newest) {
@@ -49,6 +52,19 @@ class PgStoreTest : public testing::Test {
         return std::stoull(server().sql("SELECT count(*) FROM " + table, "contract"));
     }
 
+    /** Statements that the archive's server was sent so far. */
+    static U64_t callsOf(const std::string& like) {
+        static const bool isThere = [] {
+            server().sql("CREATE EXTENSION IF NOT EXISTS pg_stat_statements", "contract");
+            return true;
+        }();
+        return isThere ? std::stoull(server().sql("SELECT coalesce(sum(calls), 0) FROM "
+                                                  "pg_stat_statements WHERE query LIKE '" +
+                                                      like + "'",
+                                                  "contract"))
+                       : 0;
+    }
+
     std::string place_ = fleet::emptyArchive();
     std::unique_ptr<Store> store_ = openPgArchive(place_);
     std::unique_ptr<Store> other_ = openPgArchive(place_);
@@ -58,25 +74,146 @@ class PgStoreTest : public testing::Test {
 } // namespace
 
 TEST_F(PgStoreTest, ClaimTellsWhatOthersHaveFiled) {
-    EXPECT_EQ(store_->claim(key_).newest, std::nullopt);
+    EXPECT_EQ(store_->claim(key_, 0).newest, std::nullopt);
     const GenerationKey generation = fill(*other_, {0, 1});
-    const Claim claim = store_->claim(key_);
+    const Claim claim = store_->claim(key_, 0);
     EXPECT_EQ(claim.series, generation.series);
     EXPECT_EQ(claim.newest->number, generation);
+}
+
+TEST_F(PgStoreTest, HandshakeLearnsAllItAsksWithItsClaim) {
+    const GenerationKey generation = fill(*other_, {0, 1, 2, 5});
+    other_->begin();
+    other_->newestGeneration(generation.series);
+    other_->noteProven(generation, {0, 1});
+    other_->commit();
+    const Claim claim = store_->claim(key_, 0);
+    const U64_t asked = callsOf("% FROM events %");
+    EXPECT_EQ(store_->highestId(claim.newest->number), 5U);
+    EXPECT_EQ(store_->heldEvent(generation, 0)->image, eventBody({.id = 0}));
+    EXPECT_EQ(store_->heldEvent(generation, 1)->image, eventBody({.id = 1}));
+    EXPECT_EQ(store_->endOfRun(generation, 1), 2U);
+    EXPECT_EQ(callsOf("% FROM events %"), asked);
+}
+
+TEST_F(PgStoreTest, HandshakeLearnsThatItsFirstIdIsNotHeld) {
+    const GenerationKey generation = fill(*other_, {4});
+    store_->claim(key_, 2);
+    const U64_t asked = callsOf("% FROM events %");
+    EXPECT_EQ(store_->heldEvent(generation, 2), std::nullopt);
+    EXPECT_EQ(callsOf("% FROM events %"), asked);
+}
+
+TEST_F(PgStoreTest, HandshakeFollowsALongRunToItsEnd) {
+    std::vector<U32_t> ids(200);
+    std::iota(ids.begin(), ids.end(), 7U);
+    const GenerationKey generation = fill(*other_, ids);
+    store_->claim(key_, 7);
+    EXPECT_EQ(store_->endOfRun(generation, 7), 206U);
+}
+
+TEST_F(PgStoreTest, WhatAHandshakeSawIsForgottenWhenSomethingIsFiled) {
+    const GenerationKey generation = fill(*other_, {0});
+    store_->claim(key_, 1);
+    store_->begin();
+    add(*store_, generation, 1);
+    EXPECT_EQ(store_->highestId(generation), 1U);
+    EXPECT_EQ(store_->endOfRun(generation, 0), 1U);
+    EXPECT_NE(store_->heldEvent(generation, 1), std::nullopt);
+    store_->rollback();
+}
+
+// What is filed waits for a standby, and so for all that came before it; who speaks where does not.
+TEST_F(PgStoreTest, ClaimWaitsForNoStandbyAndACommitDoes) {
+    const GenerationKey generation = fill(*other_, {0});
+    PgStore impatient(place_, {std::chrono::milliseconds(100), std::chrono::milliseconds(100)}, "");
+    server().sql("ALTER SYSTEM SET synchronous_standby_names = 'nobody'");
+    server().sql("SELECT pg_reload_conf()");
+    ASSERT_TRUE(support::waitUntil(
+        [] { return server().sql("SHOW synchronous_standby_names") == "nobody\n"; }));
+    EXPECT_EQ(impatient.claim(key_, 0).newest->number, generation);
+    impatient.begin();
+    add(impatient, generation, 1);
+    EXPECT_THROW(impatient.commit(), PgError);
+    impatient.rollback();
+    server().sql("ALTER SYSTEM RESET synchronous_standby_names");
+    server().sql("SELECT pg_reload_conf()");
+}
+
+TEST_F(PgStoreTest, LogThatIsSentAgainIsLookedUpManyIdsAtATime) {
+    std::vector<U32_t> ids(1000);
+    std::iota(ids.begin(), ids.end(), 0U);
+    const GenerationKey generation = fill(*store_, ids);
+    const U64_t asked = callsOf("% FROM events %");
+    store_->begin();
+    for (const U32_t id : ids) {
+        ASSERT_EQ(store_->heldEvent(generation, id)->image, eventBody({.id = id})) << id;
+    }
+    store_->rollback();
+    EXPECT_LE(callsOf("% FROM events %") - asked, 6U); // 1, 16, then 256 at a time
+}
+
+TEST_F(PgStoreTest, IdThatWasSeenToBeFreeIsSeenToBeTakenOnceItIs) {
+    const GenerationKey generation = fill(*store_, {0, 1, 3});
+    store_->begin();
+    EXPECT_NE(store_->heldEvent(generation, 0), std::nullopt);
+    EXPECT_NE(store_->heldEvent(generation, 1), std::nullopt);
+    EXPECT_EQ(store_->heldEvent(generation, 2), std::nullopt);
+    add(*store_, generation, 2);
+    EXPECT_EQ(store_->heldEvent(generation, 2)->image, eventBody({.id = 2}));
+    store_->removeEvent(generation, 2);
+    EXPECT_EQ(store_->heldEvent(generation, 2), std::nullopt);
+    store_->commit();
+}
+
+TEST_F(PgStoreTest, WhatWasSeenInATransactionIsLookedAtAgainInTheNext) {
+    const GenerationKey generation = fill(*store_, {0, 1});
+    store_->begin();
+    store_->heldEvent(generation, 0);
+    store_->heldEvent(generation, 1);
+    store_->rollback();
+    server().sql("DELETE FROM events WHERE id = 1", "contract");
+    store_->begin();
+    EXPECT_EQ(store_->heldEvent(generation, 1), std::nullopt);
+    store_->rollback();
+}
+
+TEST(LookedUpTest, PagesGrowWhereOneFollowsTheOther) {
+    const GenerationKey generation{1, 1};
+    LookedUp looked;
+    EXPECT_EQ(looked.pageFrom(generation, 7), 1U);
+    looked.putPage(generation, 7, 1, {});
+    EXPECT_EQ(looked.pageFrom(generation, 9), 1U);
+    EXPECT_EQ(looked.pageFrom(generation, 8), 16U);
+    looked.putPage(generation, 8, 16, {});
+    EXPECT_EQ(looked.pageFrom(generation, 24), 256U);
+    looked.putPage(generation, 24, 256, {});
+    EXPECT_EQ(looked.pageFrom(generation, 280), 256U);
+    EXPECT_EQ(looked.pageFrom({1, 2}, 280), 1U);
+}
+
+TEST(LookedUpTest, PageEndsWithTheHighestId) {
+    const GenerationKey generation{1, 1};
+    LookedUp looked;
+    looked.putPage(generation, 0xFFFFFFFC, 1, {});
+    EXPECT_EQ(looked.pageFrom(generation, 0xFFFFFFFD), 3U);
+    looked.putPage(generation, 0xFFFFFFFD, 3, {});
+    EXPECT_NE(looked.find(generation, 0xFFFFFFFF), nullptr);
+    EXPECT_EQ(looked.pageFrom(generation, 0), 1U);
 }
 
 TEST_F(PgStoreTest, LaterClaimFencesTheEarlierOneOff) {
     const GenerationKey generation = fill(*store_, {0});
     store_->begin();
     add(*store_, generation, 1);
-    other_->claim(key_);
+    other_->claim(key_, 0);
     EXPECT_THAT(lostAt(*store_), ElementsAre(generation.series));
     EXPECT_EQ(other_->highestId(generation), 0U);
 }
 
 TEST_F(PgStoreTest, FencedOffArchiverOpensNoGeneration) {
     const GenerationKey generation = fill(*store_, {0});
-    other_->claim(key_);
+    other_->claim(key_, 0);
     store_->begin();
     EXPECT_THROW(store_->addGeneration({generation.series, 2}, fleet::NOW), StoreConflict);
     store_->rollback();
@@ -85,7 +222,7 @@ TEST_F(PgStoreTest, FencedOffArchiverOpensNoGeneration) {
 
 TEST_F(PgStoreTest, FencedOffArchiverRemovesNothing) {
     const GenerationKey generation = fill(*store_, {0});
-    other_->claim(key_);
+    other_->claim(key_, 0);
     store_->begin();
     store_->removeEvent(generation, 0);
     EXPECT_THAT(lostAt(*store_), ElementsAre(generation.series));
@@ -98,7 +235,7 @@ TEST_F(PgStoreTest, LogsOfOthersAreFiledAllTheSame) {
     another.blade.slot = 2;
     std::swap(key_, another);
     const GenerationKey lost = fill(*store_, {0});
-    other_->claim(key_);
+    other_->claim(key_, 0);
     store_->begin();
     add(*store_, mine, 1);
     add(*store_, lost, 1);

@@ -268,5 +268,6 @@ INSTANTIATE_TEST_SUITE_P(
     Engines, StoreContractTest,
     testing::Values(fleet::Engine{"sqlite", [] { return openArchiveInMemory(); }},
                     fleet::Engine{"postgresql",
-                                  [] { return openPgArchive(fleet::emptyArchive()); }}),
+                                  [] { return openPgArchive(fleet::emptyArchive()); }},
+                    fleet::Engine{"hub", [] { return openPgArchive(fleet::emptyHub()); }}),
     [](const testing::TestParamInfo<fleet::Engine>& engine) { return engine.param.name; });

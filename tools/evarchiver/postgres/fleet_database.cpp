@@ -1,8 +1,8 @@
 #include "fleet_database.h"
 
+#include "fleet_hub.h"
+#include "fleet_owner.h"
 #include "fleet_sql.h"
-#include "pg_statements.h"
-#include "pg_store.h"
 
 #include <algorithm>
 #include <ctime>
@@ -77,53 +77,6 @@ constexpr PgStatement REMOVE_DEFAULT{
     "remove_default", "DELETE FROM events_default WHERE ctid = ANY(ARRAY(SELECT ctid FROM "
                       "events_default WHERE received < $1 LIMIT $2))"};
 
-/** An owner's connection: no statement is cut short. */
-class Owner {
-  public:
-    explicit Owner(const std::string& place) : connection_(place, PgPatience::endless()) {}
-
-    PgConnection& connection() { return connection_; }
-
-    bool isArchive() {
-        return !connection_.run({"is_archive", "SELECT to_regclass('meta')::text"}).isNull(0, 0);
-    }
-
-    S64_t layout() {
-        if (!isArchive()) {
-            throw StoreError(connection_.placeShown() +
-                             ": no event archive; \"evarchiver db create\" makes one");
-        }
-        return std::stoll(connection_.run(pg::LAYOUT).text(0, 0));
-    }
-
-    void requireLayout() {
-        if (layout() != PG_LAYOUT) {
-            throw StoreError(connection_.placeShown() + ": layout " + std::to_string(layout()) +
-                             " of the archive is not known");
-        }
-    }
-
-    // All of it or nothing.
-    void inTransaction(const std::string& sql) {
-        try {
-            connection_.execute("BEGIN; " + sql + "; COMMIT");
-        } catch (const PgError&) {
-            if (connection_.isOpen()) {
-                connection_.execute("ROLLBACK");
-            }
-            throw;
-        }
-    }
-
-    void setMeta(const std::string& name, S64_t value) {
-        connection_.execute("UPDATE meta SET value = '" + std::to_string(value) +
-                            "' WHERE name = '" + name + "'");
-    }
-
-  private:
-    PgConnection connection_;
-};
-
 /** One round. */
 class Maintenance {
   public:
@@ -136,7 +89,9 @@ class Maintenance {
 
     FleetUpkeep run(U32_t retentionDays) {
         if (retentionDays > 0) {
-            owner_.setMeta("retention_days", retentionDays);
+            owner_.connection().execute("UPDATE meta SET value = '" +
+                                        std::to_string(retentionDays) +
+                                        "' WHERE name = 'retention_days'");
         }
         retention_ = owner_.connection().run(RETENTION).integer(0, 0);
         look();
@@ -225,8 +180,8 @@ class Maintenance {
             owner_.connection().run(pg::REMOVE_ASIDE, PgParameters().time(before)).affected();
     }
 
-    Owner lock_;
-    Owner owner_;
+    FleetOwner lock_;
+    FleetOwner owner_;
     S64_t now_;
     S64_t retention_ = 0;
     std::vector<Partition> partitions_;
@@ -279,8 +234,8 @@ void Maintenance::drop(const std::string& name) {
 
 void createFleet(const std::string& place, U32_t retentionDays, S64_t now) {
     {
-        Owner owner(place);
-        if (owner.isArchive()) {
+        FleetOwner owner(place);
+        if (owner.has("meta")) {
             throw StoreError(owner.connection().placeShown() + ": there is an archive already");
         }
         owner.inTransaction(std::string(pg::SQL_001_SCHEMA) + pg::SQL_VIEWS + pg::SQL_ROLES);
@@ -289,7 +244,10 @@ void createFleet(const std::string& place, U32_t retentionDays, S64_t now) {
 }
 
 S64_t upgradeFleet(const std::string& place) {
-    Owner owner(place);
+    for (const std::string& node : nodesOf(place)) {
+        upgradeFleet(node);
+    }
+    FleetOwner owner(place);
     const S64_t layout = owner.layout();
     if (layout < 1 || layout > PG_LAYOUT) {
         throw StoreError(owner.connection().placeShown() + ": layout " + std::to_string(layout) +
@@ -300,12 +258,32 @@ S64_t upgradeFleet(const std::string& place) {
     return layout;
 }
 
-FleetUpkeep maintainFleet(const std::string& place, U32_t retentionDays, S64_t now) {
-    return Maintenance(place, now).run(retentionDays);
+FleetUpkeep& FleetUpkeep::operator+=(const FleetUpkeep& other) {
+    made.insert(made.end(), other.made.begin(), other.made.end());
+    dropped.insert(dropped.end(), other.dropped.begin(), other.dropped.end());
+    moved += other.moved;
+    frozen += other.frozen;
+    removed += other.removed;
+    removedAside += other.removedAside;
+    return *this;
 }
 
-U64_t describeFleet(const std::string& place, S64_t now, std::ostream& out) {
-    Owner owner(place);
+FleetUpkeep maintainFleet(const std::string& place, U32_t retentionDays, S64_t now) {
+    const std::vector<std::string> nodes = nodesOf(place);
+    if (nodes.empty()) {
+        return Maintenance(place, now).run(retentionDays);
+    }
+    FleetUpkeep all;
+    for (const std::string& node : nodes) {
+        all += Maintenance(node, now).run(retentionDays);
+    }
+    return all;
+}
+
+namespace {
+
+U64_t describeServer(const std::string& place, S64_t now, std::ostream& out) {
+    FleetOwner owner(place);
     owner.requireLayout();
     U64_t findings = 0;
     const S64_t stray =
@@ -328,6 +306,21 @@ U64_t describeFleet(const std::string& place, S64_t now, std::ostream& out) {
     out << (standbys.empty() ? "commits wait for no standby: a server that is lost takes its last "
                                "events with it\n"
                              : "commits wait for standby " + standbys + "\n");
+    return findings;
+}
+
+} // namespace
+
+U64_t describeFleet(const std::string& place, S64_t now, std::ostream& out) {
+    const std::vector<std::string> nodes = nodesOf(place);
+    if (nodes.empty()) {
+        return describeServer(place, now, out);
+    }
+    U64_t findings = 0;
+    for (std::size_t node = 0; node < nodes.size(); ++node) {
+        out << "server " << node + 1 << " of " << nodes.size() << ":\n";
+        findings += describeServer(nodes[node], now, out);
+    }
     return findings;
 }
 

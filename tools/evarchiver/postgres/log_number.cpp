@@ -80,7 +80,9 @@ Bytes digestOf(View bytes) {
     return digest;
 }
 
-SeriesNumber logNumber(View identity, U8_t salt) {
+namespace {
+
+U64_t hashOf(View identity, U8_t salt) {
     Bytes salted(identity.begin(), identity.end());
     salted.push_back(salt);
     const Bytes digest = digestOf(salted);
@@ -88,7 +90,32 @@ SeriesNumber logNumber(View identity, U8_t salt) {
     for (const U8_t byte : View(digest).first(8)) {
         number = (number << 8) | byte;
     }
-    return static_cast<SeriesNumber>(number);
+    return number;
+}
+
+constexpr unsigned LOW_BITS = 48;
+constexpr U64_t LOW = (U64_t{1} << LOW_BITS) - 1;
+constexpr U64_t SIGN = U64_t{1} << 63;
+constexpr U64_t PLACES = 1 << 16;
+
+} // namespace
+
+SeriesNumber logNumber(View identity, U8_t salt) {
+    const U64_t number = hashOf(identity, 0);
+    return static_cast<SeriesNumber>(salt == 0 ? number
+                                               : (number & ~LOW) | (hashOf(identity, salt) & LOW));
+}
+
+// Numbers are signed: the lowest ones have the first bit set.
+U32_t nodeOf(SeriesNumber log, U32_t nodes) {
+    const U64_t place = (static_cast<U64_t>(log) ^ SIGN) >> LOW_BITS;
+    return static_cast<U32_t>(place * nodes / PLACES);
+}
+
+std::optional<SeriesNumber> firstLogOf(U32_t node, U32_t nodes) {
+    const U64_t place = (node * PLACES + nodes - 1) / nodes;
+    return place < PLACES ? std::optional(static_cast<SeriesNumber>((place << LOW_BITS) ^ SIGN))
+                          : std::nullopt;
 }
 
 } // namespace evarchive

@@ -20,8 +20,20 @@ Bytes identityOf(const SeriesKey& key);
 /** The key of an identity. Throws StoreError when the bytes are none. */
 SeriesKey keyOfIdentity(View identity);
 
-/** First 8 bytes, big-endian and signed, of SHA-256 over the identity and the salt (1 byte). */
+/** First 8 bytes, big-endian and signed, of SHA-256 over the identity and the salt (1 byte); the
+ * first two of them are those of salt 0. */
 SeriesNumber logNumber(View identity, U8_t salt = 0);
+
+/** Servers that an archive can be spread over at most. */
+constexpr U32_t MOST_NODES = 1024;
+
+/** Which of so many servers has a log, from 0 on: each has as many numbers, one behind the other.
+ * The number's first two bytes tell. */
+U32_t nodeOf(SeriesNumber log, U32_t nodes);
+
+/** The lowest number of a server's logs. @param node up to @p nodes, whose numbers would begin
+ * behind the highest one; nothing for that */
+std::optional<SeriesNumber> firstLogOf(U32_t node, U32_t nodes);
 
 /** SHA-256. */
 Bytes digestOf(View bytes);

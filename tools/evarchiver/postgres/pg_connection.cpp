@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstring>
 #include <libpq-fe.h>
-#include <map>
 #include <poll.h>
 
 namespace evarchive {
@@ -68,16 +67,24 @@ std::map<std::string, std::string> settingsOf(const std::string& place,
                         " -c idle_in_transaction_session_timeout=" + inTransaction +
                         " -c plan_cache_mode=force_generic_plan -c DateStyle=ISO"},
     };
-    const ConnectionOptions given = optionsOf(place);
-    for (const PQconninfoOption* option = given.get(); option->keyword != nullptr; ++option) {
-        if (option->val != nullptr) {
-            settings[option->keyword] = option->val;
-        }
+    for (const auto& [name, value] : placeOptions(place)) {
+        settings[name] = value;
     }
     return settings;
 }
 
 } // namespace
+
+std::map<std::string, std::string> placeOptions(const std::string& place) {
+    const ConnectionOptions given = optionsOf(place);
+    std::map<std::string, std::string> options;
+    for (const PQconninfoOption* option = given.get(); option->keyword != nullptr; ++option) {
+        if (option->val != nullptr) {
+            options[option->keyword] = option->val;
+        }
+    }
+    return options;
+}
 
 PgParameters& PgParameters::add(U32_t type, View value) {
     types_.push_back(type);
@@ -377,12 +384,10 @@ void PgConnection::finish() {
 }
 
 std::string PgConnection::placeShown() const {
-    const ConnectionOptions options = optionsOf(place_);
     std::string shown;
-    for (const PQconninfoOption* option = options.get(); option->keyword != nullptr; ++option) {
-        const std::string name = option->keyword;
-        if (option->val != nullptr && (name == "host" || name == "port" || name == "dbname")) {
-            shown += (shown.empty() ? "" : " ") + name + "=" + option->val;
+    for (const auto& [name, value] : placeOptions(place_)) {
+        if (name == "host" || name == "port" || name == "dbname") {
+            shown += (shown.empty() ? "" : " ") + name + "=" + value;
         }
     }
     return shown;

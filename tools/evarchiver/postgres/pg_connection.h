@@ -10,6 +10,7 @@
 #include "store.h"
 
 #include <chrono>
+#include <map>
 #include <memory>
 #include <set>
 
@@ -41,6 +42,9 @@ struct PgStatement {
     const char* name;
     const char* sql;
 };
+
+/** What a place says, by the names of libpq: host, port, dbname, ... Throws PgError. */
+std::map<std::string, std::string> placeOptions(const std::string& place);
 
 /** Parameters $1, $2, ... of a statement. */
 class PgParameters {

@@ -6,6 +6,7 @@
 #define EVARCHIVER_PG_ENGINE_H
 
 #include "pg_batch.h"
+#include "pg_looked.h"
 #include "pg_reads.h"
 #include "pg_statements.h"
 #include "pg_store.h"
@@ -31,7 +32,8 @@ struct Known {
  */
 class PgStore final : public Store {
   public:
-    PgStore(const std::string& place, const PgPatience& patience);
+    /** @param node "1 of 3" where the archive is spread, "": it is not, nothing: whatever it is */
+    PgStore(const std::string& place, const PgPatience& patience, std::optional<std::string> node);
 
     // What goes wrong between two processes is no failure of the storage.
     template <typename Call>
@@ -58,12 +60,14 @@ class PgStore final : public Store {
 
     bool isShared() const override { return true; }
 
-    Claim claim(const SeriesKey& key) override;
+    Claim claim(const SeriesKey& key, U32_t first) override;
     bool isHeld(SeriesNumber series, View image) override {
         return read(&PgReads::isHeld, series, image);
     }
 
     void begin() override {
+        glance_.reset();
+        isBegun_ = true;
         guarded([] {});
     }
     void commit() override;
@@ -101,18 +105,15 @@ class PgStore final : public Store {
                                          U32_t id) override {
         return read(&PgReads::findEvent, generation, type, id);
     }
-    std::optional<StoredEvent> heldEvent(const GenerationKey& generation, U32_t id) override {
-        return read(&PgReads::heldEvent, generation, id);
-    }
+    std::optional<StoredEvent> heldEvent(const GenerationKey& generation, U32_t id) override;
     std::optional<StoredEvent> oldestEvent(const GenerationKey& generation) override {
         return read(&PgReads::oldestEvent, generation);
     }
     std::optional<U32_t> highestId(const GenerationKey& generation) override {
-        return read(&PgReads::highestId, generation);
+        return glance_ && glance_->generation == generation ? glance_->highest
+                                                            : read(&PgReads::highestId, generation);
     }
-    U32_t endOfRun(const GenerationKey& generation, U32_t from) override {
-        return read(&PgReads::endOfRun, generation, from);
-    }
+    U32_t endOfRun(const GenerationKey& generation, U32_t from) override;
     U64_t rowCount() override { return read(&PgReads::rowCount); }
     U64_t bytesUsed() override { return read(&PgReads::bytesUsed); }
     std::vector<GenerationInfo> listGenerations() override {
@@ -140,6 +141,17 @@ class PgStore final : public Store {
     Known& known(SeriesNumber series);
     void queueName(const SeriesKey& key, SeriesNumber number);
     SeriesNumber nameSeries(const SeriesKey& key);
+    std::optional<Claim> tryClaim(const SeriesKey& key, SeriesNumber number, U32_t first,
+                                  bool isNew);
+    void glance(const GenerationKey& generation, const SeriesKey& key, U32_t first);
+
+    /** What a handshake saw of the newest generation, until something is filed. */
+    struct Glance {
+        GenerationKey generation;
+        std::optional<U32_t> highest;
+        S64_t runFrom = -1; ///< -1: no run was looked for
+        U32_t runTo = 0;    ///< as far as the page went
+    };
 
     struct Verdict {
         std::vector<S64_t> lost;
@@ -160,6 +172,7 @@ class PgStore final : public Store {
     void endTransaction();
 
     PgConnection connection_;
+    std::optional<std::string> node_;
     PgReads reads_;
     S64_t owner_; ///< drawn by chance: nobody else has it
     std::unordered_map<SeriesNumber, Known> known_;
@@ -169,6 +182,9 @@ class PgStore final : public Store {
     std::vector<std::pair<GenerationKey, U32_t>> filed_; ///< in this transaction
     std::vector<U32_t> fences_; ///< of the fences on their way: how many logs they lock
     PgBatch batch_;
+    LookedUp looked_;
+    std::optional<Glance> glance_;
+    bool isBegun_ = false;
     bool isOnServer_ = false; ///< the server, too, has begun
     bool hasNamed_ = false;   ///< the transaction may have given a log its row
     bool isCareful_ = false;  ///< a value was refused: the next transaction finds out which

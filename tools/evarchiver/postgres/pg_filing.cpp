@@ -189,6 +189,7 @@ void PgStore::commit() {
 }
 
 void PgStore::rollback() noexcept {
+    glance_.reset();
     try {
         if (isOnServer_ && connection_.isOpen()) {
             connection_.execute("ROLLBACK");
@@ -211,6 +212,8 @@ void PgStore::endTransaction() {
     pending_.clear();
     filed_.clear();
     fences_.clear();
+    looked_.clear();
+    isBegun_ = false;
     isOnServer_ = false;
     hasNamed_ = false;
 }

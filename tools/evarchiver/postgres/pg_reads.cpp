@@ -7,8 +7,7 @@
 namespace evarchive {
 namespace {
 
-// Ids that a walk along a run looks at: few at first, since most begin near the run's end.
-constexpr S64_t FIRST_RUN_PAGE = 64;
+// Ids that a walk along a run looks at, after few at first.
 constexpr S64_t RUN_PAGE = 4096;
 constexpr S64_t EVENT_PAGE = 1000;
 
@@ -49,15 +48,24 @@ SeriesNumber PgReads::numberOf(const SeriesKey& key, bool& isKnown) {
             return number;
         }
         if (rows.bytes(0, 0) == identity) {
-            if (numbers_.size() >= KNOWN_KEYS) {
-                forget();
-            }
-            numbers_.emplace(key, number);
-            keys_.emplace(number, key);
+            remember(number, key);
             return number;
         }
     }
     throw StoreError("too many logs have the same number");
+}
+
+SeriesNumber PgReads::likelyNumberOf(const SeriesKey& key) const {
+    const auto known = numbers_.find(key);
+    return known != numbers_.end() ? known->second : logNumber(identityOf(key));
+}
+
+void PgReads::remember(SeriesNumber number, const SeriesKey& key) {
+    if (numbers_.size() >= KNOWN_KEYS) {
+        forget();
+    }
+    numbers_.emplace(key, number);
+    keys_.emplace(number, key);
 }
 
 const SeriesKey& PgReads::keyOf(SeriesNumber series) {
@@ -117,6 +125,20 @@ std::optional<StoredEvent> PgReads::heldEvent(const GenerationKey& generation, U
     return oneEvent(ask(pg::HELD, generation, id), generation.series);
 }
 
+std::vector<StoredEvent> PgReads::heldEvents(const GenerationKey& generation, U32_t first,
+                                             U32_t count) {
+    const S64_t from = first;
+    const PgRows rows =
+        count == 1 ? ask(pg::HELD, generation, from)
+                   : connection_.run(pg::HELD_RANGE,
+                                     parametersOf(generation).integer(from).integer(from + count));
+    std::vector<StoredEvent> held;
+    for (int row = 0; row < rows.count(); ++row) {
+        held.push_back(eventOf(rows, row, keyOf(generation.series)));
+    }
+    return held;
+}
+
 std::optional<StoredEvent> PgReads::oldestEvent(const GenerationKey& generation) {
     return oneEvent(connection_.run(pg::OLDEST, parametersOf(generation)), generation.series);
 }
@@ -128,7 +150,7 @@ std::optional<U32_t> PgReads::highestId(const GenerationKey& generation) {
 
 U32_t PgReads::endOfRun(const GenerationKey& generation, U32_t from) {
     S64_t last = S64_t{from} - 1;
-    for (S64_t size = FIRST_RUN_PAGE;; size = std::min(8 * size, RUN_PAGE)) {
+    for (S64_t size = pg::FIRST_RUN_PAGE;; size = std::min(8 * size, RUN_PAGE)) {
         const S64_t first = last + 1;
         PgParameters page = parametersOf(generation);
         const PgRows rows = connection_.run(pg::RUN_END, page.integer(first).integer(first + size));

@@ -21,6 +21,12 @@ class PgReads {
     SeriesNumber numberOf(const SeriesKey& key, bool& isKnown);
     const SeriesKey& keyOf(SeriesNumber series);
 
+    /** The number that a log has unless another log has it; asks nobody. */
+    SeriesNumber likelyNumberOf(const SeriesKey& key) const;
+
+    /** The log of this number was seen to be this one. */
+    void remember(SeriesNumber number, const SeriesKey& key);
+
     /** Rows of logs that were seen may not be there any more. */
     void forget();
 
@@ -28,6 +34,7 @@ class PgReads {
     std::optional<StoredEvent> findEvent(const GenerationKey& generation, EMP_INQUIRY_TYPE_e type,
                                          U32_t id);
     std::optional<StoredEvent> heldEvent(const GenerationKey& generation, U32_t id);
+    std::vector<StoredEvent> heldEvents(const GenerationKey& generation, U32_t first, U32_t count);
     std::optional<StoredEvent> oldestEvent(const GenerationKey& generation);
     std::optional<U32_t> highestId(const GenerationKey& generation);
     U32_t endOfRun(const GenerationKey& generation, U32_t from);
@@ -41,10 +48,12 @@ class PgReads {
                       const std::function<void(const StoredEvent&)>& take);
     void forEachAside(const std::function<void(const AsideEvent&)>& take);
 
+    /** An event of a row with the columns PG_EVENT_COLUMNS. */
+    static StoredEvent eventOf(const PgRows& rows, int row, const SeriesKey& key);
+
   private:
     PgRows ask(const PgStatement& statement, const GenerationKey& generation, S64_t id);
     std::optional<StoredEvent> oneEvent(const PgRows& rows, SeriesNumber series);
-    StoredEvent eventOf(const PgRows& rows, int row, const SeriesKey& key);
 
     PgConnection& connection_;
     std::map<SeriesNumber, SeriesKey> keys_;

@@ -16,6 +16,9 @@ namespace evarchive::pg {
 #define PG_EVENT_COLUMNS                                                                           \
     "id, time, received, event, source, type, category, idversion, own, doubtful, head, data"
 
+/** Ids that a walk along a run looks at first: few, since most begin near the run's end. */
+constexpr S64_t FIRST_RUN_PAGE = 64;
+
 constexpr PgStatement BEGIN{"begin", "BEGIN"};
 constexpr PgStatement COMMIT{"commit", "COMMIT"};
 
@@ -26,10 +29,34 @@ constexpr PgStatement NAME{"name",
 
 constexpr PgStatement IDENTITY{"identity", "SELECT identity FROM logs WHERE log = $1"};
 
-/** A handshake: log, the owner's number. */
-constexpr PgStatement CLAIM{
-    "claim", "UPDATE logs SET epoch = epoch + 1, owner = $2, seen = now() WHERE log = $1 "
-             "RETURNING epoch, generation, visits, identity"};
+/** A handshake: log, the owner's number, identity. It waits for no disk: a server that forgets it
+ * has committed nothing since, and everybody who relied on it finds it lost. */
+constexpr PgStatement CLAIM{"claim",
+                            "UPDATE logs SET epoch = epoch + 1, owner = $2, seen = now() "
+                            "WHERE log = $1 AND identity = $3 RETURNING epoch, generation, visits, "
+                            "set_config('synchronous_commit', 'off', true)"};
+
+/** What a handshake asks next of the newest generation, in one round trip with its claim. */
+#define PG_NEWEST "(SELECT generation FROM logs WHERE log = $1)"
+
+constexpr PgStatement GLANCE_HIGHEST{"glance_highest",
+                                     "SELECT id FROM events WHERE log = $1 AND generation = " //
+                                     PG_NEWEST " ORDER BY id DESC LIMIT 1"};
+
+/** The event of an id, and the last one that is known to be held without a hole. */
+constexpr PgStatement GLANCE_HELD{
+    "glance_held", "SELECT " PG_EVENT_COLUMNS " FROM events WHERE log = $1 AND generation = " //
+    PG_NEWEST " AND id = ANY(ARRAY[$2, (SELECT run_last FROM generations WHERE log = $1 "
+                   "AND generation = " PG_NEWEST ")])"};
+
+/** How far the ids go on from there, or from the id, within a page: log, id, page's size. */
+constexpr PgStatement GLANCE_RUN{
+    "glance_run",
+    "SELECT s.start, (SELECT max(id) FROM (SELECT id, id - dense_rank() OVER (ORDER BY id) AS hole "
+    "FROM events WHERE log = $1 AND generation = s.generation AND id >= s.start "
+    "AND id < s.start + $3 AND NOT doubtful) r WHERE hole = s.start - 1) FROM (SELECT generation, "
+    "CASE WHEN $2 BETWEEN run_first AND run_last THEN run_last ELSE $2 END AS start "
+    "FROM generations WHERE log = $1 ORDER BY generation DESC LIMIT 1) s"};
 
 /** What is known of a log before something is filed without a claim. */
 constexpr PgStatement LOOK{"look", "SELECT epoch, owner, generation, visits FROM logs "
@@ -101,6 +128,10 @@ constexpr PgStatement REMOVE_ASIDE{"remove_aside", "DELETE FROM set_aside WHERE 
 
 constexpr PgStatement HELD{"held", "SELECT " PG_EVENT_COLUMNS " FROM events "
                                    "WHERE log = $1 AND generation = $2 AND id = $3"};
+/** The same for ids one behind the other: log, generation, first id, the one behind the last. */
+constexpr PgStatement HELD_RANGE{"held_range",
+                                 "SELECT " PG_EVENT_COLUMNS " FROM events WHERE log = $1 "
+                                 "AND generation = $2 AND id >= $3 AND id < $4"};
 /** The same in all generations. */
 constexpr PgStatement HELD_ANYWHERE{"held_anywhere",
                                     "SELECT " PG_EVENT_COLUMNS " FROM events WHERE log = $1 AND "
@@ -150,7 +181,9 @@ constexpr PgStatement LOST{
             "WHERE l.log IS NULL OR (k.id >= 0 AND NOT EXISTS (SELECT 1 FROM events e "
             "WHERE e.log = k.log AND e.generation = k.generation AND e.id = k.id))"};
 
-constexpr PgStatement LAYOUT{"layout", "SELECT value FROM meta WHERE name = 'layout'"};
+/** The layout, and which part of a spread archive the server has, if it has one. */
+constexpr PgStatement LAYOUT{"layout", "SELECT value, (SELECT value FROM meta WHERE name = 'node') "
+                                       "FROM meta WHERE name = 'layout'"};
 constexpr PgStatement COUNT{"count", "SELECT count(*) FROM events"};
 constexpr PgStatement SIZE{"size", "SELECT coalesce(sum(pg_total_relation_size(relid)), 0)::bigint "
                                    "FROM pg_partition_tree('events')"};

@@ -17,8 +17,10 @@ S64_t drawNumber() {
 
 } // namespace
 
-PgStore::PgStore(const std::string& place, const PgPatience& patience)
-    : connection_(place, patience), reads_(connection_), owner_(drawNumber()) {
+PgStore::PgStore(const std::string& place, const PgPatience& patience,
+                 std::optional<std::string> node)
+    : connection_(place, patience), node_(std::move(node)), reads_(connection_),
+      owner_(drawNumber()) {
     requireLayout();
 }
 
@@ -30,6 +32,8 @@ void PgStore::connect() {
         throw PgError("the connection was lost", "08006", StoreError::Kind::PASSING);
     }
     reads_.forget();
+    looked_.clear();
+    glance_.reset();
     connection_.reopen();
     requireLayout();
     requireClaims();
@@ -37,9 +41,11 @@ void PgStore::connect() {
 
 void PgStore::requireLayout() {
     std::string layout;
+    std::string node;
     try {
         const PgRows rows = connection_.run(pg::LAYOUT);
         layout = rows.count() > 0 ? rows.text(0, 0) : "unknown";
+        node = rows.count() > 0 ? rows.text(0, 1) : "";
     } catch (const PgError& error) {
         if (error.state() == "42P01") {
             throw StoreError(connection_.placeShown() +
@@ -51,6 +57,12 @@ void PgStore::requireLayout() {
         throw StoreError(connection_.placeShown() + ": layout " + layout +
                          " of the archive is not known; \"evarchiver db upgrade\" brings an "
                          "earlier one up to date");
+    }
+    if (node_ && *node_ != node) {
+        throw StoreError(connection_.placeShown() + ": " +
+                         (node.empty() ? "it is not spread over servers"
+                                       : "it is server " + node + " of a spread archive") +
+                         (node_->empty() ? "; file through its hub" : ", not " + *node_));
     }
 }
 
@@ -145,25 +157,102 @@ SeriesNumber PgStore::nameSeries(const SeriesKey& key) {
     }
 }
 
-Claim PgStore::claim(const SeriesKey& key) {
+Claim PgStore::claim(const SeriesKey& key, U32_t first) {
     return guarded([&] {
-        const SeriesNumber number = nameSeries(key);
-        connection_.queue(pg::CLAIM, PgParameters().integer(number).integer(owner_));
-        connection_.queue(pg::NEWEST, PgParameters().integer(number));
-        connection_.sync();
-        const PgRows claimed = connection_.take();
-        const PgRows newest = connection_.take();
-        connection_.finish();
-        if (claimed.count() == 0) {
-            reads_.forget(); // a server took over that has no row of it yet
-            throw StoreConflict();
+        looked_.clear();
+        glance_.reset();
+        if (const auto claimed = tryClaim(key, reads_.likelyNumberOf(key), first, false)) {
+            return *claimed;
         }
-        Known& known = known_[number];
-        known = {true, claimed.integer(0, 0), owner_, claimed.integer(0, 1), claimed.integer(0, 2),
-                 true};
-        return Claim{number, newest.count() > 0 ? std::optional(generationOf(newest, 0, 0, number))
-                                                : std::nullopt};
+        bool isKnown = false;
+        const SeriesNumber number = reads_.numberOf(key, isKnown);
+        if (const auto claimed = tryClaim(key, number, first, !isKnown)) {
+            return *claimed;
+        }
+        // A server took over that has no row of it yet, or another log has just taken the number.
+        reads_.forget();
+        throw StoreConflict();
     });
+}
+
+// The claim and all that a handshake asks next, in one round trip; nothing when there is no such
+// row.
+std::optional<Claim> PgStore::tryClaim(const SeriesKey& key, SeriesNumber number, U32_t first,
+                                       bool isNew) {
+    if (isNew) {
+        queueName(key, number);
+    }
+    PgParameters claim;
+    connection_.queue(pg::CLAIM, claim.integer(number).integer(owner_).bytes(identityOf(key)));
+    connection_.queue(pg::NEWEST, PgParameters().integer(number));
+    connection_.queue(pg::GLANCE_HIGHEST, PgParameters().integer(number));
+    connection_.queue(pg::GLANCE_HELD, PgParameters().integer(number).integer(first));
+    connection_.queue(pg::GLANCE_RUN,
+                      PgParameters().integer(number).integer(first).integer(pg::FIRST_RUN_PAGE));
+    connection_.sync();
+    if (isNew) {
+        connection_.take();
+    }
+    const PgRows claimed = connection_.take();
+    const PgRows newest = connection_.take();
+    if (claimed.count() == 0 || newest.count() == 0) {
+        connection_.finish();
+    } else {
+        glance({number, static_cast<U32_t>(newest.integer(0, 0))}, key, first);
+    }
+    if (claimed.count() == 0) {
+        return std::nullopt;
+    }
+    reads_.remember(number, key);
+    known_[number] = {
+        true, claimed.integer(0, 0), owner_, claimed.integer(0, 1), claimed.integer(0, 2), true};
+    return Claim{number, newest.count() > 0 ? std::optional(generationOf(newest, 0, 0, number))
+                                            : std::nullopt};
+}
+
+void PgStore::glance(const GenerationKey& generation, const SeriesKey& key, U32_t first) {
+    const PgRows highest = connection_.take();
+    const PgRows held = connection_.take();
+    const PgRows run = connection_.take();
+    connection_.finish();
+    glance_.emplace();
+    glance_->generation = generation;
+    if (highest.count() > 0) {
+        glance_->highest = static_cast<U32_t>(highest.integer(0, 0));
+    }
+    looked_.put(generation, first, std::nullopt);
+    for (int row = 0; row < held.count(); ++row) {
+        StoredEvent event = PgReads::eventOf(held, row, key);
+        const U32_t id = event.sequenceId;
+        looked_.put(generation, id, std::move(event));
+    }
+    if (run.count() > 0 && !run.isNull(0, 1)) {
+        glance_->runFrom = run.integer(0, 0);
+        glance_->runTo = static_cast<U32_t>(run.integer(0, 1));
+    }
+}
+
+std::optional<StoredEvent> PgStore::heldEvent(const GenerationKey& generation, U32_t id) {
+    return guarded([&] {
+        if (const auto* known = looked_.find(generation, id)) {
+            return *known;
+        }
+        flush();
+        if (!isBegun_) {
+            return reads_.heldEvent(generation, id);
+        }
+        const U32_t page = looked_.pageFrom(generation, id);
+        looked_.putPage(generation, id, page, reads_.heldEvents(generation, id, page));
+        return *looked_.find(generation, id);
+    });
+}
+
+U32_t PgStore::endOfRun(const GenerationKey& generation, U32_t from) {
+    if (!glance_ || glance_->generation != generation || glance_->runFrom != from) {
+        return read(&PgReads::endOfRun, generation, from);
+    }
+    const bool isPageFull = glance_->runTo >= glance_->runFrom + pg::FIRST_RUN_PAGE - 1;
+    return isPageFull ? read(&PgReads::endOfRun, generation, glance_->runTo) : glance_->runTo;
 }
 
 std::optional<GenerationInfo> PgStore::newestGeneration(SeriesNumber series) {
@@ -205,6 +294,7 @@ void PgStore::addGeneration(const GenerationKey& generation, S64_t opened) {
 }
 
 void PgStore::addEvent(const GenerationKey& generation, const NewEvent& event) {
+    looked_.forget(generation, event.sequenceId);
     touched_.insert(generation.series);
     pending_.push_back({generation, rowOf(event.image, reads_.keyOf(generation.series)), event.own,
                         event.doubtful, event.received});
@@ -212,6 +302,7 @@ void PgStore::addEvent(const GenerationKey& generation, const NewEvent& event) {
 
 void PgStore::changeEvent(const PgStatement& statement, const GenerationKey& generation, U32_t id) {
     guarded([&] { flush(); });
+    looked_.forget(generation);
     touched_.insert(generation.series);
     const PgRows rows = change(
         statement,
@@ -222,6 +313,7 @@ void PgStore::changeEvent(const PgStatement& statement, const GenerationKey& gen
 }
 
 U64_t PgStore::removeOldest(const GenerationKey& generation, S64_t before, U64_t most) {
+    looked_.forget(generation);
     return change(pg::REMOVE_OLDEST, PgParameters()
                                          .integer(generation.series)
                                          .integer(generation.generation)
@@ -252,11 +344,19 @@ void PgStore::setAside(const SeriesKey& key, Aside reason, const NewEvent& event
 }
 
 std::unique_ptr<Store> openPgArchive(const std::string& place) {
-    return std::make_unique<PgStore>(place, PgPatience());
+    return std::make_unique<PgStore>(place, PgPatience(), "");
+}
+
+std::string nodeName(U32_t node, U32_t nodes) {
+    return std::to_string(node + 1) + " of " + std::to_string(nodes);
+}
+
+std::unique_ptr<Store> openPgNode(const std::string& place, U32_t node, U32_t nodes) {
+    return std::make_unique<PgStore>(place, PgPatience(), nodeName(node, nodes));
 }
 
 std::unique_ptr<StoreReader> openPgArchiveForReading(const std::string& place) {
-    return std::make_unique<PgStore>(place, PgPatience::endless());
+    return std::make_unique<PgStore>(place, PgPatience::endless(), std::nullopt);
 }
 
 } // namespace evarchive

@@ -27,6 +27,12 @@ constexpr S64_t PG_LAYOUT = 1;
  */
 std::unique_ptr<Store> openPgArchive(const std::string& place);
 
+/** The same for one of the servers that an archive is spread over. @param node from 0 on */
+std::unique_ptr<Store> openPgNode(const std::string& place, U32_t node, U32_t nodes);
+
+/** What a server is called that has a part of an archive: "1 of 3". */
+std::string nodeName(U32_t node, U32_t nodes);
+
 /** Opens an archive for reading only. */
 std::unique_ptr<StoreReader> openPgArchiveForReading(const std::string& place);
 
