@@ -101,7 +101,7 @@ std::vector<U8_t> Redaction::log(const EvlogImage_t& image) {
 
 std::vector<U8_t> Redaction::record(std::span<const U8_t> bytes) {
     EvlogRecord_t found;
-    if (evlogReadRecord(bytes, &found) != EVLOG_E_REASON_NONE) {
+    if (evlogReadAlternate(bytes, &found) != EVLOG_E_REASON_NONE) {
         return {};
     }
     auto length = static_cast<std::ptrdiff_t>(EMP_RECORD_SIZE + found.body.size());

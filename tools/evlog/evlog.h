@@ -180,15 +180,25 @@ struct EvlogCallbacks_t {
 EvlogState_t evlogWalk(const EvlogImage_t& image, const EvlogCallbacks_t& callbacks,
                        const EvlogIdentity_t* identity = nullptr);
 
-// --- One record a file ---------------------------------------------------------------------------
+// --- Single records ------------------------------------------------------------------------------
 
 /**
- * Reads the one record that an alternate event log file holds.
- * @param bytes  the whole file; bytes behind the record are not looked at
+ * Reads a record as the event manager looks for one in its log.
+ * @param bytes  from its first one on; bytes behind the record are not looked at
  * @param record receives the record, offset 0; as it was unless the result is NONE
  * @return EVLOG_E_REASON_NONE, _NO_HEADER (also for fewer than 160 bytes), _VERSION, _SOURCE,
  * _LENGTH, _CUT or _CHECKSUM
  */
 EVLOG_REASON_e evlogReadRecord(std::span<const U8_t> bytes, EvlogRecord_t* record);
+
+/**
+ * Reads the record of an alternate event log file as the replay at the next start does: whatever
+ * its version, and with the length that its header states, whatever its id.
+ * @param bytes  the whole file; bytes behind the record are not looked at
+ * @param record receives the record, offset 0; as it was unless the result is NONE
+ * @return EVLOG_E_REASON_NONE: it is stored. _NO_HEADER (also for fewer than 160 bytes), _CUT,
+ * _CHECKSUM, _SOURCE or _LENGTH: the file is deleted, nothing is stored
+ */
+EVLOG_REASON_e evlogReadAlternate(std::span<const U8_t> bytes, EvlogRecord_t* record);
 
 #endif

@@ -92,7 +92,7 @@ Events_t readLog(std::span<const U8_t> bytes, size_t source, Left_t& left) {
 
 std::optional<Event_t> readWaiting(std::span<const U8_t> bytes, size_t source, Left_t& left) {
     EvlogRecord_t found;
-    if (evlogReadRecord(bytes, &found) != EVLOG_E_REASON_NONE) {
+    if (evlogReadAlternate(bytes, &found) != EVLOG_E_REASON_NONE) {
         left.push_back(
             {.source = source, .offset = 0, .sequenceId = 0, .reason = EVLOG_E_LEFT_DAMAGED});
         return std::nullopt;

@@ -42,6 +42,9 @@ void seal(U8_t* record, U32_t dataLength) {
 U8_t* Log_t::writeRecord(std::span<const U8_t> record) {
     size_t at = result_.bytes.size();
     result_.bytes.insert(result_.bytes.end(), record.begin(), record.end());
+    auto* header = reinterpret_cast<EmpEvRecord_t*>(result_.bytes.data() + at);
+    // The replay takes an alternate event of any version, the log holds none of a later one.
+    header->evRdVersion = std::min<U8_t>(header->evRdVersion, EMP_RECORD_VERSION);
     return result_.bytes.data() + at;
 }
 

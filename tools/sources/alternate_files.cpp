@@ -144,6 +144,23 @@ void insertInOrder(std::vector<AelFile>& list, AelFile file) {
     list.insert(place, std::move(file));
 }
 
+const char* whyDeleted(EVLOG_REASON_e reason) {
+    switch (reason) {
+    case EVLOG_E_REASON_NONE:
+        return "";
+    case EVLOG_E_REASON_CUT:
+        return "shorter than its header says";
+    case EVLOG_E_REASON_CHECKSUM:
+        return "the checksum does not match";
+    case EVLOG_E_REASON_SOURCE:
+        return "a source above 34";
+    case EVLOG_E_REASON_LENGTH:
+        return "more than 3848 bytes of data";
+    default:
+        return "no record's signature";
+    }
+}
+
 } // namespace
 
 EventView AelFile::event() const {
@@ -156,25 +173,12 @@ void judgeAelFile(AelFile& file) {
         setFate(file, AelFate::DELETED, "shorter than a record's header");
         return;
     }
-    // KEEP: the version is not looked at, nor is what lies behind the data: the start does neither.
-    const EmpEvRecord_t& header = file.header();
-    U32_t length = header.evStructLength;
-    bool cut = file.bytes.size() < EMP_RECORD_SIZE + length;
-    file.bytes.resize(cut ? EMP_RECORD_SIZE : EMP_RECORD_SIZE + length);
-    if (cut) {
-        setFate(file, AelFate::DELETED, "shorter than its header says");
-    } else if (header.evRdSignature != EMP_RECORD_SIGNATURE) {
-        setFate(file, AelFate::DELETED, "no record's signature");
-    } else if (computeCRC32(file.bytes.data() + EMP_CRC_START, EMP_EVENT_HEADER_SIZE + length) !=
-               header.evRdCRCChecksum) {
-        setFate(file, AelFate::DELETED, "the checksum does not match");
-    } else if (header.evSource > MMSG_E_MAX_DEFINED_EPIDS) {
-        setFate(file, AelFate::DELETED, "a source above 34");
-    } else if (length > EMP_MAX_STRUCT) {
-        setFate(file, AelFate::DELETED, "more than 3848 bytes of data");
-    } else {
-        setFate(file, AelFate::STORED, "");
-    }
+    EvlogRecord_t record;
+    EVLOG_REASON_e reason = evlogReadAlternate(file.bytes, &record);
+    size_t length = EMP_RECORD_SIZE + size_t{file.header().evStructLength};
+    file.bytes.resize(reason == EVLOG_E_REASON_CUT ? EMP_RECORD_SIZE : length);
+    setFate(file, reason == EVLOG_E_REASON_NONE ? AelFate::STORED : AelFate::DELETED,
+            whyDeleted(reason));
 }
 
 std::vector<AelFile> readAelDirectory(const std::string& directory) {

@@ -1,4 +1,4 @@
-/** One record a file: alternate event log files. */
+/** Single records, of a log and of an alternate event log file. */
 #include "log_image.h"
 
 #include <gtest/gtest.h>
@@ -12,6 +12,15 @@ EVLOG_REASON_e read(const std::string& bytes, EvlogRecord_t* record) {
 EVLOG_REASON_e read(const std::string& bytes) {
     EvlogRecord_t record;
     return read(bytes, &record);
+}
+
+EVLOG_REASON_e readAlternate(const std::string& bytes, EvlogRecord_t* record) {
+    return evlogReadAlternate({reinterpret_cast<const U8_t*>(bytes.data()), bytes.size()}, record);
+}
+
+EVLOG_REASON_e readAlternate(const std::string& bytes) {
+    EvlogRecord_t record;
+    return readAlternate(bytes, &record);
 }
 
 } // namespace
@@ -63,4 +72,45 @@ TEST(ReadRecord, DummyHasNoBody) {
     ASSERT_EQ(read(log.bytes, &record), EVLOG_E_REASON_NONE);
     EXPECT_EQ(record.role, EVLOG_E_ROLE_DUMMY);
     EXPECT_TRUE(record.body.empty());
+}
+
+TEST(ReadAlternate, OfAnyVersionIsARecord) {
+    std::string bytes = test::record({.version = 9, .id = 1}, "body") + "more";
+    EvlogRecord_t record;
+    ASSERT_EQ(readAlternate(bytes, &record), EVLOG_E_REASON_NONE);
+    EXPECT_EQ(std::string(record.body.begin(), record.body.end()), "body");
+}
+
+TEST(ReadAlternate, LongerThanAMessageIsNoneWhateverItsId) {
+    for (uint8_t source : {uint8_t{18}, uint8_t{27}}) {
+        for (uint16_t id : {uint16_t{1}, uint16_t{2}}) {
+            EXPECT_EQ(readAlternate(
+                          test::record({.source = source, .eventId = id}, std::string(3849, 'x'))),
+                      EVLOG_E_REASON_LENGTH);
+            EXPECT_EQ(readAlternate(
+                          test::record({.source = source, .eventId = id}, std::string(3848, 'x'))),
+                      EVLOG_E_REASON_NONE);
+        }
+    }
+}
+
+TEST(ReadAlternate, ChecksumCoversAlsoTheDataOfWhatWouldBeADummyInALog) {
+    test::RecordFields dummy = {.source = 27, .eventId = 1};
+    EvlogRecord_t record;
+    std::string bytes = test::record(dummy, "data");
+    ASSERT_EQ(readAlternate(bytes, &record), EVLOG_E_REASON_NONE);
+    EXPECT_EQ(record.role, EVLOG_E_ROLE_DUMMY);
+    EXPECT_EQ(record.body.size(), 4U);
+    dummy.headerCrc = true;
+    EXPECT_EQ(readAlternate(test::record(dummy, "data")), EVLOG_E_REASON_CHECKSUM);
+}
+
+TEST(ReadAlternate, WhatTheNextStartDeletesIsNamed) {
+    std::string good = test::record({.id = 1}, "body");
+    EXPECT_EQ(readAlternate(""), EVLOG_E_REASON_NO_HEADER);
+    EXPECT_EQ(readAlternate(good.substr(0, 159)), EVLOG_E_REASON_NO_HEADER);
+    EXPECT_EQ(readAlternate(good.substr(0, 163)), EVLOG_E_REASON_CUT);
+    EXPECT_EQ(readAlternate("x" + good.substr(1)), EVLOG_E_REASON_NO_HEADER);
+    EXPECT_EQ(readAlternate(good.substr(0, 163) + "x"), EVLOG_E_REASON_CHECKSUM);
+    EXPECT_EQ(readAlternate(test::record({.source = 35}, "body")), EVLOG_E_REASON_SOURCE);
 }

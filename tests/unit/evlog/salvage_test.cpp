@@ -223,6 +223,15 @@ TEST(Salvage, AlternateEventsAloneMakeALog) {
     expectSound(result);
 }
 
+TEST(Salvage, AlternateEventsAreTakenAsTheNextStartTakesThem) {
+    std::string newer = record({.version = 2, .instance = 0, .id = 0}, "one");
+    std::string tooLong = record({.instance = 0, .eventId = 1}, std::string(3849, 'x'));
+    EvlogSalvage_t result = salvage({}, false, {newer, tooLong});
+    expectLog(result, whole(record({.instance = 0, .id = 1}, "one"), 0));
+    EXPECT_EQ(reasonsOf(result), std::vector(1, EVLOG_E_LEFT_DAMAGED));
+    expectSound(result);
+}
+
 TEST(Salvage, EventOfUnusedSpaceIsLeftOut) {
     std::string dummy = record({.source = 27, .eventId = 1, .headerCrc = true}, "");
     EXPECT_EQ(reasonsOf(salvage({}, false, {dummy})), std::vector(1, EVLOG_E_LEFT_MARKER));

@@ -72,6 +72,7 @@ TEST_F(AelFiles, DamagedFilesAreDeleted) {
     put("4.source", AelFile_t{.source = 35}.bytes(), 4);
     put("5.long", AelFile_t{.data = std::string(3849, 'x')}.bytes(), 5);
     put("6.longest", AelFile_t{.data = std::string(65'535, 'x')}.bytes(), 6);
+    put("6.longest of id 1", AelFile_t{.id = 1, .data = std::string(3849, 'x')}.bytes(), 7);
     put("7.short", AelFile_t{}.bytes().substr(0, 159), 7);
     put("8.empty", "", 8);
     EXPECT_EQ(verdicts(), (Verdicts{"1.crc:deleted:the checksum does not match",
@@ -80,6 +81,7 @@ TEST_F(AelFiles, DamagedFilesAreDeleted) {
                                     "4.source:deleted:a source above 34",
                                     "5.long:deleted:more than 3848 bytes of data",
                                     "6.longest:deleted:more than 3848 bytes of data",
+                                    "6.longest of id 1:deleted:more than 3848 bytes of data",
                                     "7.short:deleted:shorter than a record's header",
                                     "8.empty:deleted:empty"}));
 }
