@@ -1,6 +1,7 @@
 #include "common/nearest.h"
 
 #include <algorithm>
+#include <cctype>
 
 namespace tools {
 namespace {
@@ -40,8 +41,12 @@ std::optional<std::string> nearestName(std::string_view text,
     }
     std::optional<std::string> nearest;
     size_t least = std::max(ALWAYS_NEAR, text.size() / 3) + 1;
+    std::string lower(text); // as names are
+    std::ranges::transform(text, lower.begin(), [](unsigned char letter) {
+        return static_cast<char>(std::tolower(letter));
+    });
     for (const std::string& name : names) {
-        size_t distance = name.starts_with(text) ? 1 : editDistance(text, name);
+        size_t distance = name.starts_with(lower) ? 1 : editDistance(lower, name);
         // As many changes as characters make any name of any other.
         if (distance < least && distance < std::min(text.size(), name.size())) {
             least = distance;

@@ -62,7 +62,7 @@ std::optional<U32_t> parseTimeOption(const std::string& flag, const std::string&
     if (!time) {
         throw CLI::ValidationError(flag, "'" + text +
                                              "' is no time: 2006-11-21, 2006-11-21T14:00:00, "
-                                             "@SECONDS, -2h, today, yesterday");
+                                             "14:00, @SECONDS, -2h, today, yesterday");
     }
     return time;
 }
@@ -112,6 +112,12 @@ bool EventFilter::matches(const EventView& event) const {
            (!pattern || regexec(pattern.get(), textColumn(event).c_str(), 0, nullptr, 0) == 0);
 }
 
+bool EventFilter::isEmpty() const {
+    return types.empty() && sources.empty() && categories.empty() && ids.empty() &&
+           !firstSequenceId && !lastSequenceId && !since && !until && !pattern &&
+           logs == sources::LogChoice{};
+}
+
 void addZoneOption(CLI::App& command, Zone& zone) {
     command.add_flag_callback(
         "--local",
@@ -148,7 +154,7 @@ void addFilterOptions(CLI::App& command, EventFilter& filter, const Zone* zone) 
         ->group("Filters");
     addTimeOption(command, "-S,--since",
                   "Only events of this time or later: 2006-11-21, 2006-11-21T14:00:00 (UTC, unless "
-                  "--local is given), @SECONDS, -2h (also s, m, d, w), today, yesterday",
+                  "--local is given), 14:00, @SECONDS, -2h (also s, m, d, w), today, yesterday",
                   filter.since, zone);
     addTimeOption(command, "-U,--until", "Only events of this time or earlier", filter.until, zone);
     command

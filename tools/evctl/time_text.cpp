@@ -51,9 +51,26 @@ std::optional<U32_t> takeNumber(std::string_view& text, size_t digits, std::stri
 /** A day, midnight to midnight, and how much of it has passed. */
 struct CivilTime {
     std::chrono::year_month_day date;
-    U32_t second = 0; ///< of the day
-    bool isUtc = false;
+    U32_t second = 0;              ///< of the day
+    std::optional<S64_t> offset{}; ///< seconds before UTC; nothing: of whatever zone is meant
 };
+
+/** "Z", "+01:00", "-05:30" */
+bool takeOffset(std::string_view text, CivilTime& time) {
+    if (text == "Z") {
+        time.offset = 0;
+        return true;
+    }
+    bool isWest = text.starts_with('-');
+    std::optional<U32_t> hours = takeNumber(text, 2, "+-");
+    std::optional<U32_t> minutes = takeNumber(text, 2, ":");
+    if (!hours || !minutes || *hours > 23 || *minutes > 59 || !text.empty()) {
+        return false;
+    }
+    S64_t seconds = S64_t{*hours} * 3600 + *minutes * 60;
+    time.offset = isWest ? -seconds : seconds;
+    return true;
+}
 
 /** The time of the day behind a date; nothing at all is midnight. */
 bool takeTimeOfDay(std::string_view text, CivilTime& time) {
@@ -63,19 +80,17 @@ bool takeTimeOfDay(std::string_view text, CivilTime& time) {
     std::optional<U32_t> hour = takeNumber(text, 2, "T ");
     std::optional<U32_t> minute = takeNumber(text, 2, ":");
     U32_t second = takeNumber(text, 2, ":").value_or(0);
-    if (!hour || !minute || *hour > 23 || *minute > 59 || second > 59 ||
-        !(text.empty() || text == "Z")) {
+    if (!hour || !minute || *hour > 23 || *minute > 59 || second > 59) {
         return false;
     }
     time.second = *hour * 3600 + *minute * 60 + second;
-    time.isUtc = text == "Z";
-    return true;
+    return text.empty() || takeOffset(text, time);
 }
 
 std::optional<U32_t> secondsOf(const CivilTime& time, Zone zone) {
-    if (zone == Zone::UTC || time.isUtc) {
+    if (zone == Zone::UTC || time.offset) {
         S64_t day = std::chrono::sys_days(time.date).time_since_epoch().count();
-        return inRange(day * DAY + time.second);
+        return inRange(day * DAY + time.second - time.offset.value_or(0));
     }
     struct tm local {};
     local.tm_year = static_cast<int>(time.date.year()) - 1900;
@@ -133,7 +148,11 @@ std::optional<U32_t> parseTime(const std::string& text, U32_t now, Zone zone) {
     if (text.starts_with("@")) {
         return wholeNumber(std::string_view(text).substr(1));
     }
-    return text.starts_with("-") ? timeBefore(text, now) : isoSeconds(text, zone);
+    if (text.starts_with("-")) {
+        return timeBefore(text, now);
+    }
+    bool isTimeOfDay = text.size() > 2 && text[2] == ':';
+    return isoSeconds(isTimeOfDay ? zonedTime(now, zone).substr(0, 11) + text : text, zone);
 }
 
 std::string isoTime(U32_t seconds) {

@@ -19,9 +19,9 @@ enum class Zone {
 };
 
 /**
- * A time of an event: "2006-11-21", "2006-11-21T14:00", "2006-11-21 14:00:05", "@1164117600",
- * "now", "today", "yesterday", or so long before now: "-90s", "-30m", "-2h", "-3d", "-1w". With a
- * "Z" behind it a time is UTC in any case.
+ * A time of an event: "2006-11-21", "2006-11-21T14:00", "2006-11-21 14:00:05", "14:00" (of today),
+ * "@1164117600", "now", "today", "yesterday", or so long before now: "-90s", "-30m", "-2h", "-3d",
+ * "-1w". With "Z" or "+01:00" behind it a time of the day is of that zone.
  * @param now seconds since 1970
  * @param zone that dates and times of the day are of
  * @return seconds since 1970; nothing for any other text and for a time outside 1970 to 2106

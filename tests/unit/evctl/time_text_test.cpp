@@ -25,6 +25,19 @@ TEST(TimeText, DatesAndTimesAreUtc) {
     EXPECT_EQ(parseTime("2000-02-29", NOW), 951'782'400U);
 }
 
+TEST(TimeText, AnOffsetNamesTheZone) {
+    EXPECT_EQ(parseTime("2006-11-21T15:00:00+01:00", NOW), NOW);
+    EXPECT_EQ(parseTime("2006-11-21T08:30-05:30", NOW), NOW);
+    EXPECT_EQ(parseTime("2006-11-22T00:30+10:30", NOW), NOW);
+    EXPECT_EQ(parseTime("2106-02-07T07:28:15+01:00", NOW), 0xFFFFFFFFU);
+}
+
+TEST(TimeText, TimesOfTheDayAreOfToday) {
+    EXPECT_EQ(parseTime("14:00", NOW), NOW);
+    EXPECT_EQ(parseTime("00:00:01", NOW), NOW - 14 * 3600 + 1);
+    EXPECT_EQ(parseTime("15:00", NOW), NOW + 3600);
+}
+
 TEST(TimeText, SecondsSince1970) {
     EXPECT_EQ(parseTime("@0", NOW), 0U);
     EXPECT_EQ(parseTime("@4294967295", NOW), 0xFFFFFFFFU);
@@ -61,6 +74,12 @@ TEST(TimeText, AnythingElseIsRefused) {
                              "2006-11-21T14:60",
                              "2006-11-21T14:00:60",
                              "2006-11-21T14:00:00+01",
+                             "2006-11-21T14:00:00+24:00",
+                             "2006-11-21T14:00:00+01:60",
+                             "2006-11-21T14:00:00+01:00Z",
+                             "1970-01-01T00:30:00+01:00",
+                             "24:00",
+                             "14:0",
                              "2106-02-07T06:28:16Z",
                              "1969-12-31",
                              "2006-11-21x",
@@ -76,6 +95,10 @@ TEST(TimeText, LocalTimesAreThoseOfTheZone) {
     constexpr Zone local = Zone::LOCAL;
     EXPECT_EQ(parseTime("2006-11-21T15:00:00", NOW, local), NOW);
     EXPECT_EQ(parseTime("2006-11-21T14:00:00Z", NOW, local), NOW);
+    EXPECT_EQ(parseTime("2006-11-21T14:00:00-00:00", NOW, local), NOW);
+    EXPECT_EQ(parseTime("15:00", NOW, local), NOW);
+    EXPECT_EQ(parseTime(zonedTime(NOW, local), NOW, Zone::UTC),
+              NOW); // what is shown may be asked for
     EXPECT_EQ(parseTime("2006-07-01T02:00", NOW, local), 1'151'712'000U); // summer time
     EXPECT_EQ(parseTime("today", NOW, local), NOW - 15 * 3600);
     EXPECT_EQ(parseTime("yesterday", NOW, local), NOW - 39 * 3600);
