@@ -56,7 +56,8 @@ bool addFile(Blade& blade, Input& input, unsigned number) {
     }
     blade.setFile(path, bytes);
     EvlogRecord_t record;
-    return evlogReadAlternate(bytes, &record) == EVLOG_E_REASON_NONE && !evlogIsDummy(*record.header);
+    return evlogReadAlternate(bytes, &record) == EVLOG_E_REASON_NONE &&
+           !evlogIsDummy(*record.header);
 }
 
 bool isSound(const Blade& blade) {

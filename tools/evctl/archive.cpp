@@ -3,8 +3,9 @@
 
 #if EVCTL_READS_ARCHIVES
 #include "archive_report.h"
-#include "evctl/archive_commands.h"
 #endif
+
+#include "evctl/archive_commands.h"
 
 #include <iostream>
 #include <stdexcept>
@@ -63,5 +64,11 @@ void addArchiveCommands(CLI::App& parent, Chosen& chosen) {
     addArchiveUpkeepCommands(group, chosen);
 #endif
 }
+
+#if !EVCTL_READS_ARCHIVES
+std::optional<U32_t> newestArchived(const std::string& /*place*/, const EmpEvRecord_t& /*event*/) {
+    throw std::runtime_error("this evctl, built for the board, does not read archives");
+}
+#endif
 
 } // namespace evctl

@@ -14,7 +14,7 @@ constexpr char PROGRAM[] = "evctl";
 constexpr AddCommand COMMANDS[] = {
     addLogCommand,     addFollowCommand,  addGetCommands,  addWalkCommand,     addArchiverCommands,
     addStatusCommand,  addFileCommands,   addAelCommands,  addArchiveCommands, addCatalogCommands,
-    addParamsCommands, addExplainCommand, addStatsCommand, addSupportCommand};
+    addParamsCommands, addExplainCommand, addStatsCommand, addTopCommand,      addSupportCommand};
 
 int runChosen(const Chosen& chosen) {
     try {

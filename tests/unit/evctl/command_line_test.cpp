@@ -45,6 +45,7 @@ const std::vector<std::vector<std::string>> ALL_COMMANDS = {
     {"file", "crash"},
     {"explain"},
     {"stats"},
+    {"top"},
     {"support"},
     {"ael"},
     {"ael", "write"},
