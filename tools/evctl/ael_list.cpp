@@ -1,7 +1,7 @@
 /** evctl ael list and evctl ael show: what the event manager's next start will find. */
 #include "common/names.h"
 #include "evctl/commands.h"
-#include "evctl/event_view.h"
+#include "evctl/listing.h"
 #include "evctl/options.h"
 #include "sources/alternate_files.h"
 
@@ -21,8 +21,9 @@ using sources::AelFile;
 
 constexpr char LIST_EXAMPLES[] =
     "The exit status is 1 when the next start will delete something without storing it.\n"
-    "Example:\n"
-    "  evctl ael list --key 0x1234";
+    "Examples:\n"
+    "  evctl ael list --key 0x1234\n"
+    "  evctl ael list --dir /nvram/aelfiles --type error --since -1d -o csv";
 constexpr char SHOW_EXAMPLES[] =
     "Examples:\n"
     "  evctl ael show --key 0x1234\n"
@@ -32,7 +33,8 @@ struct AelOptions {
     std::string directory;
     KeyOptions block;
     std::vector<std::string> names; ///< show: only these
-    bool json = false;
+    bool json = false;              ///< show
+    ListingOptions listing;         ///< list: filters, order and output of them
 };
 
 std::vector<AelFile> filesOf(const AelOptions& options) {
@@ -66,10 +68,10 @@ std::string nameText(const std::string& name) {
     return escapedText({reinterpret_cast<const U8_t*>(name.data()), name.size()});
 }
 
-std::string listLine(const AelFile& file) {
-    std::array<char, 64> text{};
+std::string listLine(const AelFile& file, Zone zone) {
+    std::array<char, 80> text{};
     snprintf(text.data(), text.size(), "%4s  %s  %8llu bytes  ", orderText(file).c_str(),
-             isoTime(static_cast<U32_t>(file.modified)).c_str(),
+             zonedTime(static_cast<U32_t>(file.modified), zone).c_str(),
              static_cast<unsigned long long>(file.size));
     std::string line = text.data() + nameText(file.name) + "  " + verdictText(file);
     if (file.fate == AelFate::STORED) {
@@ -120,22 +122,60 @@ bool isLost(const AelFile& file) {
     return file.fate == AelFate::DELETED || file.fate == AelFate::UNKNOWN;
 }
 
-int printFiles(const AelOptions& options, std::string (*textOf)(const AelFile&),
-               const char* between) {
-    std::vector<AelFile> files = chosenOf(filesOf(options), options.names);
-    for (const AelFile& file : files) {
-        std::cout << (&file == files.data() ? "" : between)
-                  << (options.json ? jsonText(file) : textOf(file));
-    }
+int statusOfFiles(const std::vector<AelFile>& files) {
     return std::ranges::any_of(files, isLost) ? tools::EXIT_FINDING : tools::EXIT_DONE;
 }
 
+/** Those that the options want. A file without an event is one of them when any event would do. */
+std::vector<AelFile> selected(std::vector<AelFile> files, const ListingOptions& options) {
+    std::erase_if(files, [&options](const AelFile& file) {
+        return file.hasHeader() ? !options.filter.matches(file.event()) : !options.filter.isEmpty();
+    });
+    U64_t excess = files.size() - std::min<U64_t>(files.size(), options.last.value_or(UINT64_MAX));
+    files.erase(files.begin(), files.begin() + static_cast<std::ptrdiff_t>(excess));
+    if (options.reverse) {
+        std::ranges::reverse(files);
+    }
+    return files;
+}
+
+std::string textOf(const AelFile& file, const OutputOptions& options) {
+    if (options.form == Form::JSON) {
+        return jsonText(file);
+    }
+    return options.form == Form::FULL ? showLines(file) : listLine(file, options.zone);
+}
+
+bool isFormOfFiles(Form form) {
+    return form == Form::SHORT || form == Form::FULL || form == Form::JSON;
+}
+
+void printInForm(const std::vector<AelFile>& files, const OutputOptions& options) {
+    if (isFormOfFiles(options.form)) {
+        for (const AelFile& file : files) {
+            bool isApart = options.form == Form::FULL && &file != files.data();
+            std::cout << (isApart ? "\n" : "") << textOf(file, options);
+        }
+        return;
+    }
+    EventPrinter events(options);
+    for (const AelFile& file : files) {
+        if (file.hasHeader()) {
+            events.printNow(file.event());
+        }
+    }
+}
+
 int runList(const AelOptions& options) {
-    return printFiles(options, listLine, "");
+    std::vector<AelFile> files = selected(filesOf(options), options.listing);
+    printInForm(files, options.listing.output);
+    return statusOfFiles(files);
 }
 
 int runShow(const AelOptions& options) {
-    return printFiles(options, showLines, options.json ? "" : "\n");
+    std::vector<AelFile> files = chosenOf(filesOf(options), options.names);
+    printInForm(files, {.form = options.json ? Form::JSON : Form::FULL});
+    return statusOfFiles(files);
 }
 
 void addWhere(CLI::App& command, AelOptions& options) {
@@ -144,7 +184,6 @@ void addWhere(CLI::App& command, AelOptions& options) {
         ->type_name("DIR");
     addKeyOption(*where, options.block);
     where->require_option(0, 1);
-    command.add_flag("--json", options.json, "One JSON object a line, events with their data");
 }
 
 } // namespace
@@ -154,6 +193,12 @@ void addAelListCommand(CLI::App& parent, Chosen& chosen) {
     CLI::App& command =
         addCommand(parent, "list", "List the files and what becomes of them.", LIST_EXAMPLES);
     addWhere(command, *options);
+    ListingOptions& listing = options->listing;
+    addZoneOption(command, listing.output.zone);
+    addFilterOptions(command, listing.filter, &listing.output.zone);
+    addLogChoice(command, listing.filter.logs);
+    addOrderOptions(command, listing);
+    addOutputOptions(command, listing.output);
     onChosen(command, chosen, options, runList);
 }
 
@@ -162,6 +207,7 @@ void addAelShowCommand(CLI::App& parent, Chosen& chosen) {
     CLI::App& command =
         addCommand(parent, "show", "Show files with their events and data.", SHOW_EXAMPLES);
     addWhere(command, *options);
+    command.add_flag("--json", options->json, "One JSON object a line, events with their data");
     command.add_option("NAME", options->names, "Only these files; none: all");
     onChosen(command, chosen, options, runShow);
 }

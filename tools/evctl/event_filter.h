@@ -34,6 +34,9 @@ struct EventFilter {
     bool matches(const EmpEvLogHeader_t& header) const;
 
     bool matches(const EventView& event) const;
+
+    /** Whether any event would do. */
+    bool isEmpty() const;
 };
 
 /** Adds --local: whose time is printed, and meant by --since and --until. To be called first. */

@@ -173,4 +173,8 @@ void EventPrinter::printNote(const Json& object, const std::string& line) {
         << (options_.form == Form::JSON ? jsonLine(object) : line) << std::flush;
 }
 
+void EventPrinter::printCursor(const std::string& cursor) {
+    printNote({{"cursor", cursor}}, "-- cursor: " + cursor + "\n");
+}
+
 } // namespace evctl

@@ -55,6 +55,9 @@ class EventPrinter {
      * lines can be nothing but events. */
     void printNote(const Json& object, const std::string& line);
 
+    /** How far has been read, likewise. */
+    void printCursor(const std::string& cursor);
+
   private:
     std::string textOf(const sources::Event& event) const;
     std::string lineOf(const sources::Event& event) const;

@@ -1,10 +1,9 @@
 /** evctl follow: prints events as the event manager passes them on. */
 #include "evctl/commands.h"
-#include "evctl/event_filter.h"
 #include "evctl/event_message.h"
-#include "evctl/event_output.h"
 #include "evctl/gaps.h"
-#include "evctl/options.h"
+#include "evctl/listing.h"
+#include "evctl/walk_start.h"
 
 #include <csignal>
 #include <fcntl.h>
@@ -18,17 +17,19 @@ namespace {
 constexpr char FOLLOW_EXAMPLES[] = "Examples:\n"
                                    "  evctl follow --key 0x1234 --type warning,error\n"
                                    "  evctl follow --key 0x1234 --refill --json\n"
+                                   "  evctl follow --key 0x1234 --cursor-file seen -o syslog\n"
                                    "  evctl follow --dir /tmp/msm --count 1 --timeout 10 --json";
 
 struct FollowOptions {
     SwitchOptions where;
     U32_t endpoint = MMSG_E_EPID_SMI_IND;
-    EventFilter filter;
-    OutputOptions output;
+    ListingOptions listing; // filters, output and cursors of it
     bool refill = false;
     U64_t count = 0;    // 0: without end
     double timeout = 0; // seconds; 0: without end
 };
+
+constexpr std::chrono::seconds CURSOR_KEPT_EVERY{1};
 
 Deadline deadlineOf(const FollowOptions& options) {
     if (options.timeout <= 0) {
@@ -41,7 +42,7 @@ Deadline deadlineOf(const FollowOptions& options) {
 class Follow {
   public:
     explicit Follow(const FollowOptions& options)
-        : options_(options), printer_(options.output),
+        : options_(options), printer_(options.listing.output),
           session_(switchDirectory(options.where), options.endpoint) {
         session_.watchReader(STDOUT_FILENO);
     }
@@ -51,8 +52,16 @@ class Follow {
 
   private:
     bool isDone() const { return options_.count != 0 && printed_ >= options_.count; }
+    std::optional<Bytes> receive(Deadline deadline);
     void take(const Bytes& message);
     void show(const EventView& event);
+    void catchUp(const Cursor& from);
+    void catchUpBehind(U32_t sequenceId);
+    bool wasCaughtUp(const EmpEvLogHeader_t& header) const;
+    bool keepsCursor() const { return !options_.listing.cursorFile.empty(); }
+    void keepCursor();
+    void tellCursor();
+    void connectRequester();
     void fill(const Gap& gap);
     void sayGap(const Gap& gap);
     bool isOwnLog(const LogIdentity& log);
@@ -64,18 +73,97 @@ class Follow {
     RequestOptions request_;
     std::optional<Requester> requester_; // once a gap has been met
     LogIdentity own_;
+    Cursor cursor_;
+    bool isCursorKept_ = true; // in its file
+    Clock::time_point cursorKept_;
+    std::optional<U32_t> caughtUp_; // the last id of the own log that was asked for
     U64_t printed_ = 0;
     int status_ = tools::EXIT_DONE;
 };
 
 void Follow::show(const EventView& event) {
-    if (!isDone() && options_.filter.matches(event)) {
+    if (isDone()) {
+        return;
+    }
+    if (options_.listing.filter.matches(event)) {
         printer_.printNow(event);
         printed_++;
     }
     if (!std::cout) {
         throw ReaderGone("nobody reads standard output any more");
     }
+    cursor_.moveTo({.view = event});
+    isCursorKept_ = false;
+    if (keepsCursor() && Clock::now() - cursorKept_ >= CURSOR_KEPT_EVERY) {
+        keepCursor();
+    }
+}
+
+void Follow::keepCursor() {
+    writeCursorFile(options_.listing.cursorFile, cursor_);
+    isCursorKept_ = true;
+    cursorKept_ = Clock::now();
+}
+
+void Follow::tellCursor() {
+    if (options_.listing.showCursor) {
+        printer_.printCursor(cursor_.text());
+    }
+    if (keepsCursor()) {
+        keepCursor();
+    }
+}
+
+/** The next message; the cursor does not wait in memory for it. */
+std::optional<Bytes> Follow::receive(Deadline deadline) {
+    Deadline soon = Clock::now() + CURSOR_KEPT_EVERY;
+    if (keepsCursor() && !isCursorKept_ && (!deadline || *soon < *deadline)) {
+        if (std::optional<Bytes> message = session_.receive(soon)) {
+            return message;
+        }
+        keepCursor();
+    }
+    return session_.receive(deadline);
+}
+
+/** Prints what the blade's log holds behind the cursor; what comes meanwhile is kept. */
+void Follow::catchUp(const Cursor& from) {
+    cursor_ = from;
+    connectRequester();
+    if (std::optional<WalkStart> start = startBehind(*requester_, own_, from)) {
+        if (start->event && options_.listing.inclusive) {
+            show(start->event->event());
+        }
+        catchUpBehind(start->sequenceId);
+        return;
+    }
+    InquiryAnswer first = inquire(*requester_, EMP_E_INQUIRY_TYPE_FIRST, {}, 0);
+    if (first.found()) {
+        show(first.event());
+        catchUpBehind(first.event().header->evSequenceId);
+    }
+}
+
+void Follow::catchUpBehind(U32_t sequenceId) {
+    for (caughtUp_ = sequenceId; !isDone();) {
+        session_.takeInArrived();
+        InquiryAnswer answer = inquire(*requester_, EMP_E_INQUIRY_TYPE_NEXT, own_, *caughtUp_);
+        if (!answer.found() || answer.event().header->evSequenceId <= *caughtUp_) {
+            return;
+        }
+        U32_t id = answer.event().header->evSequenceId;
+        if (id > *caughtUp_ + 1) { // the log has gone round since
+            sayGap({.log = own_, .first = *caughtUp_ + 1, .last = id - 1});
+        }
+        caughtUp_ = id;
+        gaps_.take(*answer.event().header);
+        show(answer.event());
+    }
+}
+
+/** Whether an event that comes was printed when it was asked for. */
+bool Follow::wasCaughtUp(const EmpEvLogHeader_t& header) const {
+    return caughtUp_ && identityOf(header) == own_ && header.evSequenceId <= *caughtUp_;
 }
 
 void Follow::sayGap(const Gap& gap) {
@@ -83,14 +171,18 @@ void Follow::sayGap(const Gap& gap) {
     printer_.printNote(gapJson(gap), gapLine(gap));
 }
 
-/** Only the blade's own log is asked for: of others the event manager relays 64 inquiries in its
- * life, which are not ours to use up. */
-bool Follow::isOwnLog(const LogIdentity& log) {
+void Follow::connectRequester() {
     if (!requester_) {
         request_.where = options_.where;
         requester_.emplace(request_);
         own_ = resolveIdentity(*requester_, {}, options_.where);
     }
+}
+
+/** Only the blade's own log is asked for: of others the event manager relays 64 inquiries in its
+ * life, which are not ours to use up. */
+bool Follow::isOwnLog(const LogIdentity& log) {
+    connectRequester();
     return own_.enclosure == log.enclosure && own_.slot == log.slot;
 }
 
@@ -125,6 +217,9 @@ void Follow::take(const Bytes& message) {
     if (kind != MessageKind::EVENT) {
         return;
     }
+    if (wasCaughtUp(*event.header)) {
+        return;
+    }
     bool replayed = mmchOf(message).opcode.request.type == EMP_E_MSGS_ALTERNATE_LOG;
     if (std::optional<Gap> gap = gaps_.take(*event.header, replayed)) {
         if (options_.refill) {
@@ -138,13 +233,18 @@ void Follow::take(const Bytes& message) {
 
 int Follow::run() {
     Deadline deadline = deadlineOf(options_);
+    if (std::optional<Cursor> from = startCursor(options_.listing)) {
+        catchUp(*from);
+    }
     while (!isDone()) {
-        std::optional<Bytes> message = session_.receive(deadline);
+        std::optional<Bytes> message = receive(deadline);
         if (!message) {
-            return options_.count == 0 ? status_ : tools::EXIT_FINDING;
+            status_ = options_.count == 0 ? status_ : int{tools::EXIT_FINDING};
+            break;
         }
         take(*message);
     }
+    tellCursor();
     return status_;
 }
 
@@ -171,10 +271,12 @@ void addFollowCommand(CLI::App& parent, Chosen& chosen) {
     addSwitchOptions(command, options->where);
     addNamedOption(command, "--endpoint", options->endpoint, tools::endpointNames,
                    MMSG_E_MAX_DEFINED_EPIDS - 1, "Endpoint to listen as");
-    addZoneOption(command, options->output.zone);
-    addFilterOptions(command, options->filter, &options->output.zone);
-    addLogChoice(command, options->filter.logs);
-    addOutputOptions(command, options->output);
+    ListingOptions& listing = options->listing;
+    addZoneOption(command, listing.output.zone);
+    addFilterOptions(command, listing.filter, &listing.output.zone);
+    addLogChoice(command, listing.filter.logs);
+    addCursorOptions(command, listing);
+    addOutputOptions(command, listing.output);
     command.add_flag("--refill", options->refill,
                      "Ask the event manager for events of its log that did not come; without it a "
                      "gap in the sequence ids is only said");

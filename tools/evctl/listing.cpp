@@ -43,26 +43,6 @@ void addCursorOption(CLI::App& command, ListingOptions& options, const std::stri
         ->group("Selection");
 }
 
-void addCursorOptions(CLI::App& command, ListingOptions& options) {
-    addCursorOption(command, options, "--cursor", true, "Begin with the events of this cursor");
-    addCursorOption(command, options, "--after-cursor", false,
-                    "Begin behind the events of this cursor");
-    command
-        .add_flag("--show-cursor", options.showCursor,
-                  "At the end, a cursor for what has been read")
-        ->group("Selection");
-    command
-        .add_option(
-            "--cursor-file", options.cursorFile,
-            "Begin behind the cursor in this file, if it is there, and leave the new one in "
-            "it")
-        ->type_name("FILE")
-        ->group("Selection")
-        ->excludes("--cursor")
-        ->excludes("--after-cursor");
-    command.get_option("--cursor")->excludes("--after-cursor");
-}
-
 void addAroundOption(CLI::App& command, ListingOptions& options) {
     command
         .add_option_function<std::string>(
@@ -88,15 +68,6 @@ void addAroundOption(CLI::App& command, ListingOptions& options) {
     throw std::runtime_error(path + ": " + strerror(errno));
 }
 
-/** All of it or nothing: a reader that is stopped here must not begin anew. */
-void writeCursorFile(const std::string& path, const std::string& text) {
-    std::string draft = path + ".new";
-    std::ofstream file(draft, std::ios::trunc);
-    if (!(file << text << "\n" << std::flush) || rename(draft.c_str(), path.c_str()) != 0) {
-        failFile(path);
-    }
-}
-
 /** Says what is wrong in a source. */
 void sayProblems(const sources::Source& source, bool several) {
     const std::string& name = source.origin().name;
@@ -117,14 +88,48 @@ void sayProblems(const sources::Source& source, bool several) {
 
 } // namespace
 
-void addListingOptions(CLI::App& command, ListingOptions& options) {
-    addZoneOption(command, options.output.zone);
-    addFilterOptions(command, options.filter, &options.output.zone);
+void addCursorOptions(CLI::App& command, ListingOptions& options) {
+    addCursorOption(command, options, "--cursor", true, "Begin with the events of this cursor");
+    addCursorOption(command, options, "--after-cursor", false,
+                    "Begin behind the events of this cursor");
+    command
+        .add_flag("--show-cursor", options.showCursor,
+                  "At the end, a cursor for what has been read")
+        ->group("Selection");
+    command
+        .add_option(
+            "--cursor-file", options.cursorFile,
+            "Begin behind the cursor in this file, if it is there, and leave the new one in "
+            "it")
+        ->type_name("FILE")
+        ->group("Selection")
+        ->excludes("--cursor")
+        ->excludes("--after-cursor");
+    command.get_option("--cursor")->excludes("--after-cursor");
+}
+
+void writeCursorFile(const std::string& path, const Cursor& cursor) {
+    std::string draft = path + ".new";
+    std::ofstream file(draft, std::ios::trunc);
+    if (!(file << cursor.text() << "\n"
+               << std::flush) ||
+        rename(draft.c_str(), path.c_str()) != 0) {
+        failFile(path);
+    }
+}
+
+void addOrderOptions(CLI::App& command, ListingOptions& options) {
     command.add_option("-n,--last", options.last, "Only the last so many of them; without it, all")
         ->type_name("NUMBER")
         ->check(tools::wholeNumber(1))
         ->group("Selection");
     command.add_flag("-r,--reverse", options.reverse, "Newest first")->group("Selection");
+}
+
+void addListingOptions(CLI::App& command, ListingOptions& options) {
+    addZoneOption(command, options.output.zone);
+    addFilterOptions(command, options.filter, &options.output.zone);
+    addOrderOptions(command, options);
     addAroundOption(command, options);
     addCursorOptions(command, options);
     addOutputOptions(command, options.output);
@@ -207,10 +212,10 @@ void Listing::keepNeighbours() {
 
 void Listing::tellCursor() {
     if (options_.showCursor) {
-        printer_.printNote({{"cursor", cursor_.text()}}, "-- cursor: " + cursor_.text() + "\n");
+        printer_.printCursor(cursor_.text());
     }
     if (!options_.cursorFile.empty() && std::cout.flush()) {
-        writeCursorFile(options_.cursorFile, cursor_.text());
+        writeCursorFile(options_.cursorFile, cursor_);
     }
 }
 

@@ -39,6 +39,16 @@ struct ListingOptions {
  * about cursors, and --no-pager. */
 void addListingOptions(CLI::App& command, ListingOptions& options);
 
+/** Adds -n and -r. */
+void addOrderOptions(CLI::App& command, ListingOptions& options);
+
+/** Adds --cursor, --after-cursor, --show-cursor and --cursor-file. */
+void addCursorOptions(CLI::App& command, ListingOptions& options);
+
+/** Leaves a cursor in a file: all of it or nothing, since a reader that is stopped meanwhile must
+ * not begin anew. Throws. */
+void writeCursorFile(const std::string& path, const Cursor& cursor);
+
 /** The cursor to begin behind: of the option, else of the file, if there is one. Throws when the
  * file holds none. */
 std::optional<Cursor> startCursor(const ListingOptions& options);

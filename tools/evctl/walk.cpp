@@ -4,6 +4,7 @@
 #include "evctl/event_message.h"
 #include "evctl/inquiry.h"
 #include "evctl/listing.h"
+#include "evctl/walk_start.h"
 
 #include <algorithm>
 #include <charconv>
@@ -87,30 +88,17 @@ bool Walk::beginWithFirst() {
     return true;
 }
 
-/** Stands on the event of the cursor, or on the id that it had: what is next is behind it.
- * @return false when the walk has to begin with the first event */
+/** @return false when the walk has to begin with the first event */
 bool Walk::goBehind(const Cursor& cursor) {
-    InquiryAnswer last = inquire(requester_, EMP_E_INQUIRY_TYPE_LAST, shown_.log, 0);
-    if (!last.found()) {
+    std::optional<WalkStart> start = startBehind(requester_, shown_.log, cursor);
+    if (!start) {
         return false;
     }
-    const LogMark* mark = cursor.find(logNumber(*last.event().header, false));
-    LogMark newest = markOf(*last.event().header);
-    if (mark == nullptr || newest.instance != mark->instance) {
-        return false;
-    }
-    InquiryAnswer there =
-        inquire(requester_, EMP_E_INQUIRY_TYPE_EXACT, shown_.log, mark->sequenceId);
-    bool isSame = there.found() && markOf(*there.event().header) == *mark;
-    bool hasGoneRound = !there.found() && newest.sequenceId > mark->sequenceId;
-    if (!isSame && !hasGoneRound) {
-        return false; // the log has begun again
-    }
-    shown_.sequenceId = mark->sequenceId;
+    shown_.sequenceId = start->sequenceId;
     started_ = true;
-    if (isSame && options_.listing.inclusive) {
-        EventView event = there.event();
-        show(std::move(there.message), event);
+    if (start->event && options_.listing.inclusive) {
+        EventView event = start->event->event();
+        show(std::move(start->event->message), event);
     }
     return true;
 }

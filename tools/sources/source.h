@@ -56,6 +56,7 @@ struct LogChoice {
     std::optional<U32_t> instance{};
 
     bool matches(const EmpEvLogHeader_t& header) const;
+    bool operator==(const LogChoice&) const = default;
 };
 
 struct OpenOptions {

@@ -218,3 +218,41 @@ TEST_F(Ael, NothingIsChanged) {
     run({"show", "--dir", files()});
     EXPECT_EQ(traces(), before);
 }
+
+TEST_F(Ael, TheListTakesFiltersOrderAndForms) {
+    for (const char* id : {"300", "301", "302"}) {
+        EXPECT_EQ(write({"--text", std::string("event ") + id, "--id-version", "1", "--type",
+                         id == std::string("301") ? "error" : "warning"})
+                      .ending,
+                  support::exitedWith(0));
+    }
+    auto lines = [this](const std::vector<std::string>& more) {
+        std::string output = list(more).output;
+        return std::count(output.begin(), output.end(), '\n');
+    };
+    EXPECT_EQ(lines({}), 3);
+    EXPECT_EQ(lines({"--type", "error"}), 1);
+    EXPECT_EQ(lines({"-g", "event 30[12]"}), 2);
+    EXPECT_EQ(lines({"--since", "-1h"}), 3);
+    EXPECT_EQ(lines({"--until", "@5"}), 0);
+    EXPECT_EQ(lines({"-n", "2"}), 2);
+    EXPECT_EQ(list({"-n", "1"}).output,
+              list({"-r"}).output.substr(0, list({"-n", "1"}).output.size()));
+    EXPECT_THAT(list({"-o", "csv"}).output, testing::StartsWith("sequenceId,instanceNumber,"));
+    EXPECT_EQ(lines({"-o", "csv"}), 4);
+    EXPECT_EQ(lines({"-o", "syslog", "--type", "error"}), 1);
+    EXPECT_THAT(list({"-o", "full", "--type", "error"}).output,
+                HasSubstr("\ntype         error(3)\n"));
+    EXPECT_THAT(list({"--json", "--type", "error"}).output, HasSubstr("\"fate\":\"stored\""));
+}
+
+TEST_F(Ael, FilesWithoutAnEventAreListedOnlyWhereNothingIsAskedOfEvents) {
+    EXPECT_EQ(write({"--text", "good"}).ending, support::exitedWith(0));
+    support::writeFile(files() + "/kelta_alteventlog9", "short");
+    EXPECT_THAT(list().output, HasSubstr("shorter than a record's header"));
+    EXPECT_EQ(list().ending, support::exitedWith(1));
+    Outcome outcome = list({"--id", "300"});
+    EXPECT_THAT(outcome.output, HasSubstr("stored: "));
+    EXPECT_THAT(outcome.output, testing::Not(HasSubstr("shorter")));
+    EXPECT_EQ(outcome.ending, support::exitedWith(0));
+}

@@ -252,6 +252,115 @@ TEST_F(Follow, WhatCannotBeRefilledStaysAGap) {
     EXPECT_NE(evctl.output().find("gap: 8 to 9\n        10  "), std::string::npos);
 }
 
+/** Answers an inquiry of a type about an id; an empty @p event: there is none. */
+void answerAbout(support::MmsgClient& asked, U8_t type, U8_t id, const Bytes& event) {
+    Bytes request = asked.receive();
+    EXPECT_EQ(request[67], type);
+    EXPECT_EQ(request[207], id);
+    asked.send(support::makeMmsg({.type = 2,
+                                  .requestor = 27,
+                                  .cont = 0x40,
+                                  .dest = 28,
+                                  .local = {28},
+                                  .returnCode = event.empty() ? 2U : 1U,
+                                  .handle = support::headerOf(request).handle},
+                                 event.empty() ? Bytes(152) : event));
+}
+
+constexpr U8_t FIRST = 1, NEXT = 2, EXACT = 3, LAST = 5;
+
+/** The ids that lines begin with. */
+std::vector<int> idsOf(const std::string& output) {
+    std::vector<int> ids;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with(' ')) {
+            ids.push_back(std::stoi(line));
+        }
+    }
+    return ids;
+}
+
+TEST_F(Follow, GoesOnBehindTheCursorOfItsLastRun) {
+    std::string cursor = directory_.file("cursor");
+    {
+        support::Process evctl = start({"--count", "2", "--cursor-file", cursor});
+        support::MmsgClient peer = listener_.accept();
+        peer.send(eventCopy(5, 2, ""));
+        peer.send(eventCopy(6, 2, ""));
+        EXPECT_EQ(evctl.wait(), support::exitedWith(0)) << evctl.errorOutput();
+    }
+    support::MmsgListener asked(directory_.file("snmp"));
+    support::Process evctl = start({"--count", "3", "--cursor-file", cursor, "--show-cursor"});
+    support::MmsgClient peer = listener_.accept();
+    support::MmsgClient inquiries = asked.accept();
+    peer.send(eventCopy(8, 2, "")); // comes, and is asked for too
+    answerIdentity(inquiries, eventBody(8));
+    answerAbout(inquiries, LAST, 0, eventBody(8));
+    answerAbout(inquiries, EXACT, 6, eventBody(6));
+    answerAbout(inquiries, NEXT, 6, eventBody(7));
+    answerAbout(inquiries, NEXT, 7, eventBody(8));
+    answerAbout(inquiries, NEXT, 8, {});
+    peer.send(eventCopy(9, 2, ""));
+    EXPECT_EQ(evctl.wait(), support::exitedWith(0)) << evctl.errorOutput();
+    EXPECT_EQ(idsOf(evctl.output()), (std::vector{7, 8, 9}));
+    EXPECT_NE(evctl.output().find("\n-- cursor: c1:"), std::string::npos);
+    EXPECT_NE(support::readFile(cursor).find(".7.9."), std::string::npos);
+}
+
+TEST_F(Follow, BehindACursorWhatTheRingHasLostIsAGap) {
+    support::MmsgListener asked(directory_.file("snmp"));
+    std::string before = directory_.file("cursor");
+    {
+        support::Process evctl = start({"--count", "1", "--cursor-file", before});
+        listener_.accept().send(eventCopy(5, 2, ""));
+        EXPECT_EQ(evctl.wait(), support::exitedWith(0));
+    }
+    support::Process evctl = start({"--count", "1", "--cursor-file", before});
+    support::MmsgClient peer = listener_.accept();
+    support::MmsgClient inquiries = asked.accept();
+    answerIdentity(inquiries, eventBody(90));
+    answerAbout(inquiries, LAST, 0, eventBody(90));
+    answerAbout(inquiries, EXACT, 5, {});
+    answerAbout(inquiries, NEXT, 5, eventBody(90));
+    EXPECT_EQ(evctl.wait(), support::exitedWith(1));
+    EXPECT_EQ(evctl.output().find("gap: 6 to 89\n        90  "), 0U);
+}
+
+TEST_F(Follow, BehindTheCursorOfALogThatHasBegunAgainAllIsNew) {
+    support::MmsgListener asked(directory_.file("snmp"));
+    std::string cursor = directory_.file("cursor");
+    {
+        support::Process evctl = start({"--count", "1", "--cursor-file", cursor});
+        listener_.accept().send(eventCopy(50, 2, ""));
+        EXPECT_EQ(evctl.wait(), support::exitedWith(0));
+    }
+    support::Process evctl = start({"--count", "2", "--cursor-file", cursor});
+    support::MmsgClient peer = listener_.accept();
+    support::MmsgClient inquiries = asked.accept();
+    answerIdentity(inquiries, eventBody(1));
+    answerAbout(inquiries, LAST, 0, eventBody(1));
+    answerAbout(inquiries, EXACT, 50, {});
+    answerAbout(inquiries, FIRST, 0, eventBody(0));
+    answerAbout(inquiries, NEXT, 0, eventBody(1));
+    EXPECT_EQ(evctl.wait(), support::exitedWith(0));
+    EXPECT_EQ(idsOf(evctl.output()), (std::vector{0, 1}));
+}
+
+TEST_F(Follow, KeepsTheCursorWhileNothingComes) {
+    std::string cursor = directory_.file("cursor");
+    support::Process evctl = start({"--cursor-file", cursor});
+    support::MmsgClient peer = listener_.accept();
+    peer.send(eventCopy(5, 2, ""));
+    support::requireSoon(
+        [&] { return support::readFile(cursor).find(".7.5.") != std::string::npos; },
+        "the cursor of event 5");
+    peer.send(eventCopy(6, 2, ""));
+    support::requireSoon(
+        [&] { return support::readFile(cursor).find(".7.6.") != std::string::npos; },
+        "the cursor of event 6");
+}
+
 TEST_F(Follow, EndsAtOnceWhenNobodyReadsItsOutput) {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
