@@ -1,4 +1,7 @@
-/** The tour of README.md: every command in it prints what stands below it. */
+/**
+ * The tour of README.md: every command in it prints what stands below it, and its pictures are
+ * those that the commands draw. After a change that is meant, TOUR_WRITE=1 writes them anew.
+ */
 #include "../../unit/evlog/log_image.h"
 
 #include "process.h"
@@ -7,6 +10,8 @@
 
 #include <gmock/gmock.h>
 
+#include <cstdlib>
+#include <random>
 #include <sstream>
 #include <sys/stat.h>
 
@@ -85,27 +90,110 @@ std::string secondBlade() {
     return log.bytes();
 }
 
+/** Two days of a blade that has much to say: its log has gone round its end, and two sectors of its
+ * storage have gone bad. */
+std::string busyBlade() {
+    std::minstd_rand random(7);
+    std::string laps[2];
+    uint32_t time = MORNING - 48 * 3600;
+    uint32_t id = 0;
+    for (std::string& lap : laps) {
+        size_t end = &lap == laps ? test::RING : test::RING / 4;
+        while (true) {
+            time += 5 + static_cast<uint32_t>(random() % 30);
+            bool isBurst = time > MORNING - 20 * 3600 && time < MORNING - 18 * 3600;
+            bool isNoted = random() % 400 == 0;
+            test::RecordFields fields = {.enclosure = "CHASSIS-7",
+                                         .blade = "BLADE-0003",
+                                         .slot = 2,
+                                         .instance = 0,
+                                         .id = id++,
+                                         .time = time,
+                                         .source = 18,
+                                         .type = INFORMATION,
+                                         .category = 1,
+                                         .eventId = 300};
+            std::string text = "process " + std::to_string(random() % 20) + " is alive";
+            if (isBurst && random() % 3 == 0) {
+                fields.source = 6;
+                fields.type = ERROR;
+                fields.category = 11;
+                fields.eventId = 9;
+                text = "drive 4: medium error at block " + std::to_string(random() % 1'000'000);
+            } else if (isNoted || random() % 20 == 0) {
+                fields.source = 26;
+                fields.type = isNoted ? WARNING : INFORMATION;
+                fields.category = 3;
+                fields.eventId = 7;
+                text = "fan 2: " + std::to_string(1300 + random() % 700) + " rpm";
+            }
+            std::string event = test::record(fields, text);
+            if (lap.size() + event.size() > end) {
+                break;
+            }
+            lap += event;
+        }
+    }
+    std::string bytes = laps[1] + laps[0].substr(laps[1].size());
+    bytes.resize(test::RING, '\0');
+    bytes.replace(700'000, 512, std::string(512, '\xFF'));
+    bytes.replace(1'210'880, 512, std::string(512, '\xFF'));
+    return bytes;
+}
+
 struct Step {
     std::string command;
     std::string output; ///< both of its outputs
 };
 
-/** The commands in the section's blocks, each behind "$ ", and what stands below them. */
-std::vector<Step> tourOf(const std::string& readme) {
-    std::vector<Step> steps;
-    size_t begin = readme.find("\n## A tour\n");
-    std::istringstream section(readme.substr(begin, readme.find("\n## ", begin + 1) - begin));
-    bool inBlock = false;
-    for (std::string line; std::getline(section, line);) {
-        if (line.starts_with("```")) {
-            inBlock = !inBlock;
-        } else if (inBlock && line.starts_with("$ ")) {
-            steps.push_back({line.substr(2), ""});
-        } else if (inBlock && !steps.empty()) {
-            steps.back().output += line + "\n";
+/** The section: commands in its blocks, each behind "$ ", and what stands below them. */
+class Page {
+  public:
+    explicit Page(const std::string& text) {
+        size_t begin = text.find("\n## A tour\n") + 1;
+        size_t end = text.find("\n## ", begin) + 1;
+        before_ = text.substr(0, begin);
+        behind_ = text.substr(end);
+        std::istringstream section(text.substr(begin, end - begin));
+        bool inBlock = false;
+        for (std::string line; std::getline(section, line);) {
+            if (line.starts_with("```")) {
+                inBlock = !inBlock;
+            }
+            if (inBlock && line.starts_with("$ ")) {
+                steps_.push_back({line.substr(2), ""});
+            } else if (inBlock && !steps_.empty() && !line.starts_with("```")) {
+                steps_.back().output += line + "\n";
+            } else {
+                between_.resize(steps_.size() + 1);
+                between_.back() += line + "\n";
+            }
         }
+        between_.resize(steps_.size() + 1);
     }
-    return steps;
+
+    const std::vector<Step>& steps() const { return steps_; }
+
+    /** The page with other outputs. */
+    std::string with(const std::vector<std::string>& outputs) const {
+        std::string text = before_ + between_[0];
+        for (size_t at = 0; at < steps_.size(); at++) {
+            text += "$ " + steps_[at].command + "\n" + outputs[at] + between_[at + 1];
+        }
+        return text + behind_;
+    }
+
+  private:
+    std::string before_;
+    std::string behind_;
+    std::vector<Step> steps_;
+    std::vector<std::string> between_; ///< what stands before the first step, and behind each
+};
+
+const std::vector<std::string> PICTURES = {"ring.svg", "stats.svg"};
+
+std::string pictureOfThePage(const std::string& name) {
+    return support::sourceFile("docs/tour/" + name);
 }
 
 class Tour : public testing::Test {
@@ -122,6 +210,8 @@ class Tour : public testing::Test {
         directory_.makeDirectory("slot1");
         support::writeFile(directory_.file("slot0/kelta_eventlog"), firstBlade());
         support::writeFile(directory_.file("slot1/kelta_eventlog"), secondBlade());
+        directory_.makeDirectory("slot2");
+        support::writeFile(directory_.file("slot2/kelta_eventlog"), busyBlade());
     }
 
     std::string run(const std::string& command) {
@@ -142,10 +232,28 @@ class Tour : public testing::Test {
 
 } // namespace
 
-TEST_F(Tour, EveryCommandPrintsWhatTheReadmeShows) {
-    std::vector<Step> steps = tourOf(support::readFile(support::sourceFile("README.md")));
-    EXPECT_GE(steps.size(), 6U);
-    for (const Step& step : steps) {
-        EXPECT_EQ(run(step.command), step.output) << step.command;
+TEST_F(Tour, EveryCommandPrintsAndDrawsWhatTheReadmeShows) {
+    const std::string readme = support::sourceFile("README.md");
+    Page page(support::readFile(readme));
+    EXPECT_GE(page.steps().size(), 6U);
+    std::vector<std::string> outputs;
+    for (const Step& step : page.steps()) {
+        outputs.push_back(run(step.command));
+    }
+    if (getenv("TOUR_WRITE") != nullptr) {
+        support::writeFile(readme, page.with(outputs));
+        for (const std::string& name : PICTURES) {
+            support::writeFile(pictureOfThePage(name), support::readFile(directory_.file(name)));
+        }
+        FAIL() << "written anew; look through the changes, and run it again without TOUR_WRITE";
+    }
+    for (size_t at = 0; at < outputs.size(); at++) {
+        EXPECT_EQ(outputs[at], page.steps()[at].output) << page.steps()[at].command;
+    }
+    for (const std::string& name : PICTURES) {
+        EXPECT_EQ(support::readFile(directory_.file(name)),
+                  support::readFile(pictureOfThePage(name)))
+            << name;
+        EXPECT_THAT(support::readFile(readme), testing::HasSubstr("](docs/tour/" + name + ")"));
     }
 }
