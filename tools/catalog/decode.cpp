@@ -125,8 +125,9 @@ std::optional<std::string> plainText(std::span<const U8_t> data) {
     }
     text = text.substr(0, last + 1);
     for (size_t at = 0; at < text.size();) {
+        bool isPlain = text[at] >= 0x20 && text[at] < 0x7F; // most are
         bool isLayout = text[at] == '\n' || text[at] == '\r' || text[at] == '\t';
-        size_t length = isLayout ? 1 : tools::utf8CharacterAt(text, at);
+        size_t length = isPlain || isLayout ? 1 : tools::utf8CharacterAt(text, at);
         if (length == 0) {
             return std::nullopt;
         }

@@ -1,5 +1,6 @@
 #include "common/text.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 
@@ -70,17 +71,19 @@ size_t utf8CharacterAt(std::string_view text, size_t at) {
 std::string escapedUtf8(std::string_view text) {
     std::string shown;
     shown.reserve(text.size());
+    size_t kept = 0; // what comes from here on is shown as it is
     for (size_t at = 0; at < text.size();) {
-        size_t length = text[at] == '\\' ? 0 : utf8CharacterAt(text, at);
-        if (length == 0) {
-            shown += escape(text[at]);
-            at++;
-        } else {
-            shown.append(text, at, length);
-            at += length;
+        size_t length = 0;
+        if (text[at] != '\\') {
+            length = isPrintable(text[at]) ? 1 : utf8CharacterAt(text, at);
         }
+        if (length == 0) {
+            shown.append(text, kept, at - kept).append(escape(text[at]));
+            kept = at + 1;
+        }
+        at += std::max<size_t>(length, 1);
     }
-    return shown;
+    return shown.append(text, kept);
 }
 
 size_t columnsOf(std::string_view text) {
