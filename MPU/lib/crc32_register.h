@@ -1,8 +1,8 @@
 /**
  * @file
- * The register of the record checksum, eight bytes at a step: what computeCRC32() and the checksums
- * of ranges have in common. A checksum begins with a register of all ones and is the complement of
- * the last one.
+ * The register of the record checksum, sixteen bytes at a step: what computeCRC32() and the
+ * checksums of ranges have in common. A checksum begins with a register of all ones and is the
+ * complement of the last one.
  */
 #ifndef CRC32_REGISTER_H
 #define CRC32_REGISTER_H
@@ -17,20 +17,23 @@ inline U32_t crc32LoadLittleEndian(const U8_t* bytes) {
            (static_cast<U32_t>(bytes[2]) << 16) | (static_cast<U32_t>(bytes[3]) << 24);
 }
 
-/** The register after eight more bytes. */
-inline U32_t crc32AddEightBytes(U32_t crc, const U8_t* bytes) {
-    const auto& table = crc32Table.entry;
-    U32_t low = crc ^ crc32LoadLittleEndian(bytes);
-    U32_t high = crc32LoadLittleEndian(bytes + 4);
-    return table[7][low & 0xFFU] ^ table[6][(low >> 8) & 0xFFU] ^ table[5][(low >> 16) & 0xFFU] ^
-           table[4][low >> 24] ^ table[3][high & 0xFFU] ^ table[2][(high >> 8) & 0xFFU] ^
-           table[1][(high >> 16) & 0xFFU] ^ table[0][high >> 24];
+/** What four bytes, xored with the register if they are the next, come to behind @p more bytes. */
+inline U32_t crc32OfFourBytes(U32_t bytes, unsigned more) {
+    const auto* table = crc32Table.entry + more;
+    return table[3][bytes & 0xFFU] ^ table[2][(bytes >> 8) & 0xFFU] ^
+           table[1][(bytes >> 16) & 0xFFU] ^ table[0][bytes >> 24];
 }
 
 /** The register after @p length more bytes. */
 inline U32_t crc32AddBytes(U32_t crc, const U8_t* bytes, U32_t length) {
     for (; length >= CRC32_SLICES; length -= CRC32_SLICES, bytes += CRC32_SLICES) {
-        crc = crc32AddEightBytes(crc, bytes);
+        crc = crc32OfFourBytes(crc ^ crc32LoadLittleEndian(bytes), 12) ^
+              crc32OfFourBytes(crc32LoadLittleEndian(bytes + 4), 8) ^
+              crc32OfFourBytes(crc32LoadLittleEndian(bytes + 8), 4) ^
+              crc32OfFourBytes(crc32LoadLittleEndian(bytes + 12), 0);
+    }
+    for (; length >= 4; length -= 4, bytes += 4) {
+        crc = crc32OfFourBytes(crc ^ crc32LoadLittleEndian(bytes), 0);
     }
     for (; length != 0; length--, bytes++) {
         crc = (crc >> 8) ^ crc32Table.entry[0][(crc ^ *bytes) & 0xFFU];

@@ -11,11 +11,11 @@
 namespace mpu {
 
 constexpr U32_t CRC32_POLYNOMIAL = 0x82F63B78U; ///< Castagnoli, reflected
-constexpr unsigned CRC32_SLICES = 8;            ///< bytes taken in one step
+constexpr unsigned CRC32_SLICES = 16;           ///< bytes taken in one step
 
 /**
  * entry[0] is the usual table of one byte's remainders; entry[n] holds the same remainders carried
- * over n more zero bytes, so that eight bytes can be looked up side by side.
+ * over n more zero bytes, so that sixteen bytes can be looked up side by side.
  */
 struct Crc32Table_s {
     U32_t entry[CRC32_SLICES][256];
