@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <iterator>
 #include <sys/select.h>
@@ -390,6 +391,22 @@ int __wrap_select(int count, fd_set* readSet, fd_set* writeSet, fd_set* exceptSe
     bench.selects.push_back(call);
     *timeout = {0, 0};
     return bench.selectResult;
+}
+
+int __wrap_sched_yield() {
+    bench.yields++;
+    bench.monotonicClock += bench.yieldTakes;
+    return 0;
+}
+
+int __real_clock_gettime(clockid_t clock, struct timespec* time);
+int __wrap_clock_gettime(clockid_t clock, struct timespec* time) {
+    if (clock != CLOCK_MONOTONIC) {
+        return __real_clock_gettime(clock, time);
+    }
+    *time = {static_cast<time_t>(bench.monotonicClock / 1'000'000'000),
+             static_cast<long>(bench.monotonicClock % 1'000'000'000)};
+    return 0;
 }
 
 int __wrap_socket(int domain, int type, int protocol) {

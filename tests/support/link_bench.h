@@ -76,7 +76,10 @@ struct Bench {
     std::vector<int> writable;
     int selectResult = 1;
     std::vector<SelectCall> selects;
-    std::deque<int> sockets; ///< results of socket(); then nextSocket and up
+    int yields = 0;
+    S64_t yieldTakes = 0;     ///< nanoseconds of the monotonic clock
+    S64_t monotonicClock = 0; ///< nanoseconds; stands still but for that
+    std::deque<int> sockets;  ///< results of socket(); then nextSocket and up
     int nextSocket = NEW_SOCKET;
     int connectResult = -1;
     int connectError = EINPROGRESS; ///< errno after connect(), whatever its result

@@ -5,6 +5,8 @@
 #include "mmsg/read_ahead.h"
 #include "state/control.h"
 
+#include <ctime>
+#include <sched.h>
 #include <sys/select.h>
 
 namespace {
@@ -14,11 +16,48 @@ fd_set masterWriteSet;
 fd_set readSet;
 fd_set writeSet;
 int highestDescriptor;
-bool selectAsked;    ///< in the running pass; else its sets are what would have been asked
-int passesUnwritten; ///< since output was written
+bool selectAsked;     ///< in the running pass; else its sets are what would have been asked
+bool messageFound;    ///< by the running pass
+int passesUnwritten;  ///< since output was written
+int waitsWithoutLook; ///< that are to come
 
 /** No line waits for longer, however many messages are read ahead. */
 constexpr int PASSES_PER_WRITE = 64;
+
+/** Where messages come one at a time, one of them would wait for the lines of all before it. */
+constexpr int SINGLE_MESSAGES_PER_WRITE = 4;
+
+/** Waits after a look in vain before the next one: on several processors most are. */
+constexpr int WAITS_WITHOUT_LOOK = 1000;
+
+/** Who gets the processor back later has given it to one that works on without us. */
+constexpr S64_t SOON = 1'000'000;
+
+S64_t nanoseconds() {
+    constexpr S64_t perSecond = 1'000'000'000;
+    struct timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * perSecond + now.tv_nsec;
+}
+
+/**
+ * Lets those run who have something to do for us, and looks whether the next message is here then.
+ * On one processor that is above all the receiver of what the last pass has sent: it need not wait
+ * until lines are written, and they go out with those of later passes.
+ */
+bool messageComesSoon() {
+    if (waitsWithoutLook > 0) {
+        waitsWithoutLook--;
+        return false;
+    }
+    S64_t left = nanoseconds();
+    sched_yield();
+    bool came = empMsmLook();
+    if (!came || nanoseconds() - left > SOON) {
+        waitsWithoutLook = WAITS_WITHOUT_LOOK;
+    }
+    return came;
+}
 
 void addArchiverDescriptor(bool toWriteSet) {
     int descriptor = empControl.socketFdEventArchiver;
@@ -71,13 +110,15 @@ void empUpdateSelectSets() {
 }
 
 void empWaitForSockets() {
-    bool messageHere = empMsmReadAhead();
-    if (!messageHere || ++passesUnwritten >= PASSES_PER_WRITE) {
+    int passesPerWrite = empMsmReadAhead() ? PASSES_PER_WRITE : SINGLE_MESSAGES_PER_WRITE;
+    bool messageHere = empMsmReadAhead() || (messageFound && messageComesSoon());
+    if (!messageHere || ++passesUnwritten >= passesPerWrite) {
         empWriteLines();
     }
     readSet = masterReadSet;
     writeSet = masterWriteSet;
     selectAsked = !messageHere || awaitsConnect();
+    messageFound = messageHere;
     if (!selectAsked) {
         return;
     }
@@ -88,6 +129,7 @@ void empWaitForSockets() {
     if (select(highestDescriptor + 1, &readSet, &writeSet, nullptr, &timeout) == -1) {
         EMP_BUGCHECK(EMP_HERE_IN("main"), "Linux select function fails");
     }
+    messageFound = messageHere || FD_ISSET(empControl.socketFdMSM, &readSet);
 }
 
 void empWriteLines() {
@@ -96,7 +138,7 @@ void empWriteLines() {
 }
 
 bool empMsmReadable() {
-    return empMsmReadAhead() || FD_ISSET(empControl.socketFdMSM, &readSet);
+    return messageFound;
 }
 
 EMP_READABLE_e empArchiverReadable() {

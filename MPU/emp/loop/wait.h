@@ -16,7 +16,8 @@ void empUpdateSelectSets();
 
 /**
  * Waits until a descriptor is ready or selectTimeout is over; buffered output is written before. A
- * pass that finds a local message read ahead does not wait, and leaves its output to a later one.
+ * pass that finds a local message read ahead does not wait, and leaves its output to a later one;
+ * behind a local message others may run first, so that the next one may be found then.
  */
 void empWaitForSockets();
 

@@ -70,6 +70,13 @@ bool empMsmReadAhead() {
     return front != end;
 }
 
+bool empMsmLook() {
+    if (!empMsmReadAhead() && laterError == 0) {
+        topUp();
+    }
+    return empMsmReadAhead();
+}
+
 const MMCH_t* empMsmWaiting(size_t behind) {
     size_t left = end - front - behind;
     const auto* next = reinterpret_cast<const MMCH_t*>(ahead + front + behind);

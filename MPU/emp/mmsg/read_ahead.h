@@ -34,4 +34,8 @@ void empMsmReturnTo(size_t mark);
 /** Whether bytes of the stream wait here, where select does not see them. */
 bool empMsmReadAhead();
 
+/** Takes what has arrived, without waiting for it, unless bytes wait here already. errno is left as
+ * it was. @return empMsmReadAhead() */
+bool empMsmLook();
+
 #endif

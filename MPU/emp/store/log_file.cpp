@@ -48,7 +48,6 @@ void judgePendingSeek(S64_t result) {
 }
 
 S64_t readAtPosition(void* to, U32_t length) {
-    empSettleRecords();
     S64_t result = pread(empControl.eventLogFileFd, to, length, empLogFilePosition);
     judgePendingSeek(result);
     return result;
@@ -137,7 +136,6 @@ void empLogMoveTo(S64_t position) {
 }
 
 S64_t empLogSeekEnd(EmpSite_t site) {
-    empSettleRecords();
     S64_t end = lseek(empControl.eventLogFileFd, 0, SEEK_END);
     if (end == -1) {
         EMP_BUGCHECK(site, EMP_LSEEK_FAILS);
@@ -183,7 +181,8 @@ void empLogReadInOrder(void* to, U32_t length, EmpSite_t site) {
 }
 
 S64_t empLogFillWindow(U32_t size) {
-    // What is taken back is read again, from the window as it was.
+    // No other read meets records that are held back: while there are any, nobody but the append
+    // reads. What is taken back is read again, from the window as it was.
     empSettleRecords();
     U8_t* to = empWindowOpen(static_cast<U64_t>(empLogFilePosition));
     S64_t arrived = readAtPosition(to, size);

@@ -230,6 +230,120 @@ TEST_F(ReadAhead, OutputIsWrittenInTheSixtyFourthPassAtTheLatest) {
     EXPECT_EQ(end.output, "|" STAMP "main(): a line\n");
 }
 
+// --- Passes behind one that has served a message
+
+class BehindAMessage : public SelectSets {
+  protected:
+    BehindAMessage() { serveOne(); }
+
+    /** A pass that finds a message, and takes it. */
+    static void serveOne() {
+        bench.receives = {{counting(10)}};
+        bench.readable = {MSM_SOCKET};
+        empUpdateSelectSets();
+        empWaitForSockets();
+        takeOne();
+        bench.readable = {};
+        bench.selects.clear();
+    }
+
+    static void takeOne() {
+        U8_t message[10];
+        ASSERT_EQ(empReceiveFromMsm(message, sizeof(message), 0), 10);
+    }
+
+    /** The next message comes while others run, so that the pass need not wait. */
+    static void findTheNext() {
+        bench.receives = {{counting(10)}};
+        empWaitForSockets();
+        EXPECT_TRUE(empMsmReadable());
+        takeOne();
+    }
+};
+
+TEST_F(BehindAMessage, OthersRunAndTheNextMessageIsFoundWithoutAWait) {
+    for (int i = 1; i <= 20; i++) {
+        findTheNext();
+        EXPECT_EQ(bench.yields, i);
+        EXPECT_EQ(bench.recvCalls.back().flags, MSG_DONTWAIT);
+    }
+    EXPECT_TRUE(bench.selects.empty());
+}
+
+TEST_F(BehindAMessage, LookInVainIsFollowedByTheWait) {
+    EXPECT_EQ(pass().timeout.tv_sec, 1);
+    EXPECT_EQ(bench.yields, 1);
+    EXPECT_FALSE(empMsmReadable());
+}
+
+TEST_F(BehindAMessage, LookInVainIsTheLastForAThousandMessages) {
+    pass();
+    serveOne();
+    for (int i = 0; i < 1000; i++) {
+        serveOne();
+    }
+    EXPECT_EQ(bench.yields, 1);
+    serveOne();
+    EXPECT_EQ(bench.yields, 2);
+}
+
+TEST_F(BehindAMessage, LookForWhichTheProcessorWasAwayForLongIsTheLastForAWhile) {
+    bench.yieldTakes = 1'000'000;
+    findTheNext();
+    bench.yieldTakes = 1'000'001;
+    findTheNext();
+    EXPECT_EQ(bench.yields, 2);
+    EXPECT_TRUE(bench.selects.empty()) << "it has found one all the same";
+    pass();
+    EXPECT_EQ(bench.yields, 2);
+    EXPECT_EQ(bench.selects.size(), 1U);
+}
+
+TEST_F(BehindAMessage, PassBehindOneWithoutAMessageOnlyWaits) {
+    bench.yieldTakes = 1;
+    pass();
+    pass();
+    EXPECT_EQ(bench.yields, 1);
+    EXPECT_EQ(bench.selects.size(), 2U);
+}
+
+TEST_F(BehindAMessage, ErrorThatALookMeetsIsReceivedBehindTheWait) {
+    bench.receives = {{{}, -1, ECONNRESET}};
+    bench.readable = {MSM_SOCKET};
+    pass();
+    EXPECT_EQ(bench.selects.size(), 1U);
+    EXPECT_TRUE(empMsmReadable());
+    U8_t byte = 0;
+    EXPECT_EQ(empReceiveFromMsm(&byte, 1, MSG_PEEK), -1);
+    EXPECT_EQ(errno, ECONNRESET);
+}
+
+TEST_F(BehindAMessage, EndOfStreamThatALookMeetsIsReceivedBehindTheWait) {
+    bench.receives = {{{}, 0}, {{}, 0}};
+    bench.readable = {MSM_SOCKET};
+    pass();
+    EXPECT_EQ(bench.selects.size(), 1U);
+    U8_t byte = 0;
+    EXPECT_EQ(empReceiveFromMsm(&byte, 1, MSG_PEEK), 0);
+}
+
+TEST_F(BehindAMessage, LinesStayForThreePassesThatNeedNotWait) {
+    ChildEnd end = endOf([] {
+        empBufferOutput();
+        empDebugLine("main(): a line\n");
+        for (int i = 0; i < 3; i++) {
+            findTheNext();
+        }
+        mark();
+        findTheNext();
+        empDebugLine("main(): another\n");
+        mark();
+        pass();
+        _exit(0);
+    });
+    EXPECT_EQ(end.output, "|" STAMP "main(): a line\n|" STAMP "main(): another\n");
+}
+
 TEST_F(ReadAhead, OutputIsWrittenBeforeAPassThatWaits) {
     ChildEnd end = endOf([] {
         empBufferOutput();

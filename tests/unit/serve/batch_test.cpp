@@ -101,6 +101,30 @@ TEST_F(Batch, ReplyComesBetweenTheCopies) {
     EXPECT_EQ(expectSame(life).calls, "WSWLSSWLS");
 }
 
+TEST_F(Batch, ReplyThatIsDueInTheMiddleComesBetweenTheCopies) {
+    startRound();
+    // Nobody answers it: sixteen passes later its time is over.
+    Bytes inquiry = support::makeMmsg(
+        {.type = EMP_E_MSGS_INQUIRY, .requestor = 20, .local = {MMSG_E_EPID_EVENTLOGMP}},
+        joined({{0, 0, 0, EMP_E_INQUIRY_TYPE_EXACT}, Bytes(sizeof(EmpEvInquiryMsg_t) - 4)}));
+    Seen seen = expectSame({.bundles = {joined({inquiry, events(31, 100)})}, .archiver = true});
+    EXPECT_EQ(seen.copies.size(), 31 * MESSAGE + EMP_EVENT_MMSG_SIZE);
+    EXPECT_EQ(std::count(seen.calls.begin(), seen.calls.end(), 'S'), 3) << seen.calls;
+}
+
+TEST_F(Batch, EventsThatComeSoonAreServedBeforeLinesAreWritten) {
+    startRound();
+    Life life = {.bundles = {5, events(1, 100)}, .bundlesComeSoon = true};
+    Seen soon = expectSame(life);
+    EXPECT_EQ(soon.calls, "WSWSWSWSLWSL");
+    life.bundlesComeSoon = false;
+    Seen late = live(life, Serve::IN_BATCHES);
+    EXPECT_EQ(late.calls, "WSLWSLWSLWSLWSL");
+    EXPECT_TRUE(late.output == soon.output);
+    EXPECT_TRUE(late.log == soon.log);
+    EXPECT_TRUE(late.state == soon.state);
+}
+
 TEST_F(Batch, MessageThatIsNotYetWholeIsNotTakenInto) {
     startRound();
     Bytes all = events(6, 100);
@@ -195,6 +219,26 @@ TEST_F(Batch, LogThatEndsBehindOtherMessages) {
         SCOPED_TRACE(end);
         expectSame({.bundles = {joined({bundle, events(30, 100)})}, .logTakesUpTo = write_ + end});
     }
+}
+
+TEST_F(Batch, LogThatEndsBeforeLinesThatFillTheirBuffer) {
+    // The search prints a line for each of what looks like a header in the gap.
+    logimage::Wrapped log = logimage::wrapped(9, 100, 1960);
+    for (uint32_t at = log.write; at + EMP_RECORD_SIZE <= log.start; at += 4) {
+        const Bytes header = {0xB6, 0x8F, 0, 1};
+        std::copy(header.begin(), header.end(), log.image.bytes.begin() + at);
+    }
+    start(log.image.bytes);
+    Seen seen = expectSame({.bundles = {events(9, 100)}, .logTakesUpTo = log.write + 261});
+    EXPECT_EQ(seen.signal, SIGABRT);
+}
+
+TEST_F(Batch, LogThatEndsBeforeAReconnectIsNotFollowedByIt) {
+    startRound();
+    Seen seen = expectSame(
+        {.bundles = {events(31, 100)}, .logTakesUpTo = write_ + 4 * 260, .reconnectSeconds = 7});
+    EXPECT_EQ(seen.signal, SIGABRT);
+    EXPECT_EQ(seen.calls.find('N'), std::string::npos) << seen.calls;
 }
 
 TEST_F(Batch, BugCheckInTheMiddleComesBehindWhatWasBeforeIt) {

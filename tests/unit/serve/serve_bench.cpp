@@ -1,5 +1,6 @@
 #include "serve_bench.h"
 
+#include "archiver/pending.h"
 #include "diag/output.h"
 #include "emp_mesgs.h"
 #include "fixed_clock.h"
@@ -138,7 +139,18 @@ int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* other, struct 
 
 int __real_socket(int domain, int type, int protocol);
 int __wrap_socket(int domain, int type, int protocol) {
-    return stage.folder.empty() ? __real_socket(domain, type, protocol) : -1;
+    if (stage.folder.empty()) {
+        return __real_socket(domain, type, protocol);
+    }
+    noteCall('N');
+    return -1;
+}
+
+int __wrap_sched_yield() {
+    if (stage.life.bundlesComeSoon && stage.nextBundle < stage.life.bundles.size()) {
+        nextBundle();
+    }
+    return 0;
 }
 
 ssize_t __real_write(int fd, const void* buffer, size_t length);
@@ -184,6 +196,7 @@ void connectArchiver() {
         setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &stage.life.archiverTakes, sizeof(int));
     }
     stage.archiverEnd = ends[1];
+    empEvMsgPoolInit();
     empControl.socketFdEventArchiver = ends[0];
     empControl.evManagerStatusFlag = EMP_STATUS_FLAG_ARCHIVER;
     empControl.evArchiverSocketState = EMP_E_ARCHIVER_SOCKET_ST_OPEN;

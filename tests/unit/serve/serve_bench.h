@@ -28,6 +28,7 @@ struct Life {
     bool archiver = false;                 ///< connected, and up to date
     int archiverTakes = 0;                 ///< bytes in its socket; 0: all
     int reconnectSeconds = 0;              ///< an archiver is configured, and no socket to be had
+    bool bundlesComeSoon = false;          ///< the next one as soon as others may run
 };
 
 /** What was seen of it. */
@@ -38,7 +39,8 @@ struct Seen {
     std::string copies{};
     std::string archived{};
     std::string state{}; ///< at an end without bug-check
-    std::string calls{}; ///< W: write to the log file, L: of lines, S: send to the switch
+    std::string
+        calls{}; ///< W: write to the log file, L: of lines, S: send to the switch, N: new socket
 };
 
 class ServeTest : public support::EmpTest {
