@@ -11,6 +11,7 @@
 #ifdef EVARCHIVER_POSTGRES
 #include "postgres/fleet_database.h"
 #include "postgres/fleet_hub.h"
+#include "postgres/fleet_import.h"
 #endif
 
 namespace evarchive {
@@ -33,6 +34,7 @@ struct DbOptions {
     std::string place;
     U32_t retentionDays = 0;
     std::vector<std::string> nodes;
+    std::string file;
 };
 
 std::string checkPlace(const std::string& text) {
@@ -62,6 +64,15 @@ int maintain(const DbOptions& options) {
     return tools::EXIT_DONE;
 }
 
+int import(const DbOptions& options) {
+    const auto from = readerOf(options.file);
+    const Imported imported = importArchive(*from, options.place, std::cout);
+    std::cout << imported.logs << " logs, " << imported.events << " events and "
+              << imported.setAside << " set aside taken over, " << imported.leftOut
+              << " logs left out\n";
+    return imported.leftOut > 0 ? tools::EXIT_FINDING : tools::EXIT_DONE;
+}
+
 int check(const DbOptions& options) {
     const U64_t findings = describeFleet(options.place, time(nullptr), std::cout);
     const auto store = readerOf(options.place);
@@ -83,6 +94,11 @@ int runDbCommand(int argc, const char* const* argv) {
         ->required()
         ->check(checkPlace)
         ->option_text("PLACE...");
+    CLI::App* importing =
+        addCommand(app, options, "import", "Take over what an archive in a file holds");
+    importing->add_option("--from", options.file, "The archive, a file")
+        ->required()
+        ->check(CLI::ExistingFile);
     CLI::App* upgrade = addCommand(app, options, "upgrade", "Bring an earlier layout up to date");
     CLI::App* upkeep =
         addCommand(app, options, "maintain", "Make partitions ahead, drop those past retention");
@@ -98,6 +114,9 @@ int runDbCommand(int argc, const char* const* argv) {
     if (hub->parsed()) {
         createHub(options.place, options.nodes);
         return tools::EXIT_DONE;
+    }
+    if (importing->parsed()) {
+        return import(options);
     }
     if (upgrade->parsed()) {
         std::cout << "layout " << upgradeFleet(options.place) << ", up to date\n";

@@ -116,9 +116,15 @@ void Lanes::handOver() {
 }
 
 std::size_t Lanes::spooled() const {
-    return std::accumulate(
-        lanes_.begin(), lanes_.end(), pending(),
-        [](std::size_t sum, const One& one) { return sum + one.lane->spooled(); });
+    return std::accumulate(lanes_.begin(), lanes_.end(), std::size_t{0},
+                           [](std::size_t sum, const One& one) { return sum + one.spooled(); });
+}
+
+std::size_t Lanes::spooledFor(std::size_t node) const {
+    const std::size_t each = share_.of / share_.nodes;
+    const auto first = lanes_.begin() + static_cast<std::ptrdiff_t>(node * each);
+    return std::accumulate(first, first + static_cast<std::ptrdiff_t>(each), std::size_t{0},
+                           [](std::size_t sum, const One& one) { return sum + one.spooled(); });
 }
 
 bool Lanes::hasRoom(LinkNumber link, std::size_t budget) const {
@@ -126,13 +132,17 @@ bool Lanes::hasRoom(LinkNumber link, std::size_t budget) const {
     if (share_.nodes == 1 || lane == laneOfLink_.end()) {
         return spooled() < budget;
     }
-    const std::size_t each = share_.of / share_.nodes;
-    const std::size_t first = lane->second / each * each;
-    std::size_t sum = 0;
-    for (std::size_t number = first; number < first + each; ++number) {
-        sum += lanes_[number].spooled();
+    return spooledFor(lane->second / (share_.of / share_.nodes)) < budget / share_.nodes;
+}
+
+bool Lanes::mayTakeLinks(std::size_t budget) const {
+    const std::size_t bound = budget / share_.nodes / 2;
+    for (std::size_t node = 0; node < share_.nodes; ++node) {
+        if (spooledFor(node) <= bound) {
+            return true;
+        }
     }
-    return sum < budget / share_.nodes;
+    return false;
 }
 
 LaneState Lanes::state() {

@@ -45,6 +45,10 @@ class Lanes {
      * budget. */
     bool hasRoom(LinkNumber link, std::size_t budget) const;
 
+    /** Whether a new link may come: where servers are several, one that is away keeps nobody out.
+     */
+    bool mayTakeLinks(std::size_t budget) const;
+
     /** Of all together. */
     LaneState state();
 
@@ -62,6 +66,7 @@ class Lanes {
         std::size_t spooled() const { return batch.size() + lane->spooled(); }
     };
 
+    std::size_t spooledFor(std::size_t node) const;
     U32_t laneOfEvent(View body);
     void addEvent(LinkNumber link, const std::optional<BladeKey>& speaker, Batch::Kind kind,
                   View body);

@@ -55,7 +55,7 @@ Server::Server(const Options& options, Say say)
                  }}) {}
 
 std::optional<std::string> Server::whyNot() const {
-    if (lanes_->spooled() > options_.spool / 2) {
+    if (!lanes_->mayTakeLinks(options_.spool)) {
         return "too much waits for the archive";
     }
     return std::nullopt;
