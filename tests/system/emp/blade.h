@@ -18,6 +18,9 @@
 #include <string>
 #include <vector>
 
+/** What a bug-check says when the switch's socket fails or ends. */
+inline constexpr char READ_FAILS[] = "Linux recv function fails, MSG_PEEK readSize = [-1] is wrong";
+
 /** Enclosure "CHASSIS-7", blade "BLADE-42", slot 3; sockets in m, non-volatile data in n. */
 class Blade {
   public:

@@ -18,8 +18,6 @@ using testing::HasSubstr;
 
 namespace {
 
-constexpr char READ_FAILS[] = "Linux recv function fails, MSG_PEEK readSize = [-1] is wrong";
-
 /** The alternate event log files in the order of their event ids. */
 std::vector<std::string> alternateFilesOf(const Blade& blade) {
     std::vector<std::string> all;

@@ -8,8 +8,6 @@ using namespace support;
 
 namespace {
 
-constexpr char READ_FAILS[] = "Linux recv function fails, MSG_PEEK readSize = [-1] is wrong";
-
 /** Processor time in ticks. */
 long ticksOf(pid_t pid) {
     return atol(statField(pid, 14).c_str()) + atol(statField(pid, 15).c_str());

@@ -17,7 +17,7 @@ using testing::HasSubstr;
 
 namespace {
 
-struct Outcome {
+struct AelOutcome {
     support::Ending ending;
     std::string output;
     std::string errors;
@@ -34,18 +34,18 @@ class Ael : public testing::Test {
         memset(block_.bytes() + NVRAM, 0, 128);
         memcpy(block_.bytes() + NVRAM, path.data(), path.size());
     }
-    Outcome run(std::vector<std::string> arguments) {
+    AelOutcome run(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), "ael");
         support::Process evctl(support::commandOf("evctl", arguments), directory_.file("evctl"));
         support::Ending ending = evctl.wait();
         return {ending, evctl.output(), evctl.errorOutput()};
     }
-    Outcome write(const std::vector<std::string>& more) {
+    AelOutcome write(const std::vector<std::string>& more) {
         std::vector<std::string> arguments = {"write", "--key", key_.text(), "--id", "300"};
         arguments.insert(arguments.end(), more.begin(), more.end());
         return run(arguments);
     }
-    Outcome list(const std::vector<std::string>& more = {}) {
+    AelOutcome list(const std::vector<std::string>& more = {}) {
         std::vector<std::string> arguments = {"list", "--key", key_.text()};
         arguments.insert(arguments.end(), more.begin(), more.end());
         return run(arguments);
@@ -74,8 +74,8 @@ class Ael : public testing::Test {
 } // namespace
 
 TEST_F(Ael, WriteLeavesOneFileThatIsARecord) {
-    Outcome outcome = write({"--type", "error", "--category", "disk", "--source", "34", "--text",
-                             "gone", "--id-version", "5"});
+    AelOutcome outcome = write({"--type", "error", "--category", "disk", "--source", "34", "--text",
+                                "gone", "--id-version", "5"});
     EXPECT_EQ(outcome.ending, support::exitedWith(0));
     EXPECT_EQ(outcome.output + outcome.errors, "");
     std::vector<std::string> all = contents();
@@ -91,7 +91,7 @@ TEST_F(Ael, WriteLeavesOneFileThatIsARecord) {
 TEST_F(Ael, FileOfAfter2038IsListedAsTheEventThatItIs) {
     EXPECT_EQ(write({"--source", "snmp", "--text", "late"}).ending, support::exitedWith(0));
     ASSERT_EQ(std::system(("touch -d @4000000000 " + files() + "/*").c_str()), 0);
-    const Outcome outcome = list();
+    const AelOutcome outcome = list();
     EXPECT_THAT(outcome.output, HasSubstr("snmp"));
     EXPECT_THAT(outcome.output, testing::Not(HasSubstr("deleted")));
 }
@@ -104,7 +104,7 @@ TEST_F(Ael, StartupEventsKeepTheirOrder) {
 
 TEST_F(Ael, TheLongestEventIsWrittenALongerOneIsRefused) {
     EXPECT_EQ(write({"--text", std::string(3848, 'x')}).ending, support::exitedWith(0));
-    Outcome outcome = write({"--text", std::string(3849, 'x')});
+    AelOutcome outcome = write({"--text", std::string(3849, 'x')});
     EXPECT_EQ(outcome.ending, support::exitedWith(2));
     EXPECT_EQ(outcome.errors, "evctl: more than 3848 bytes of event data\n");
     EXPECT_EQ(contents().size(), 1U);
@@ -112,7 +112,7 @@ TEST_F(Ael, TheLongestEventIsWrittenALongerOneIsRefused) {
 
 TEST_F(Ael, FileThatCannotBeCreated) {
     setDirectory("/nowhere/at/all");
-    Outcome outcome = write({"--text", "x"});
+    AelOutcome outcome = write({"--text", "x"});
     EXPECT_EQ(outcome.ending, support::exitedWith(2));
     EXPECT_EQ(outcome.output,
               "openAELFileFd(): Unable to make directory /nowhere/at/all/aelfiles\n");
@@ -130,13 +130,13 @@ TEST_F(Ael, FileThatCannotBeWritten) {
     EXPECT_THAT(evctl.errorOutput(), HasSubstr("evctl: the alternate event log file could not be "
                                                "written (10002); an empty or partial file may "
                                                "remain\n"));
-    Outcome outcome = list();
+    AelOutcome outcome = list();
     EXPECT_EQ(outcome.ending, support::exitedWith(1));
     EXPECT_THAT(outcome.output, HasSubstr("deleted: shorter than its header says\n"));
 }
 
 TEST_F(Ael, NothingLeftYetIsAnEmptyList) {
-    Outcome outcome = list();
+    AelOutcome outcome = list();
     EXPECT_EQ(outcome.ending, support::exitedWith(0));
     EXPECT_EQ(outcome.output + outcome.errors, "");
     EXPECT_EQ(run({"list", "--dir", files()}).ending, support::exitedWith(2));
@@ -144,7 +144,7 @@ TEST_F(Ael, NothingLeftYetIsAnEmptyList) {
 
 TEST_F(Ael, ListShowsWhatWasWritten) {
     write({"--type", "warning", "--text", "text"});
-    Outcome outcome = list();
+    AelOutcome outcome = list();
     EXPECT_EQ(outcome.ending, support::exitedWith(0));
     EXPECT_THAT(outcome.output,
                 testing::MatchesRegex("   1  20[0-9T:-]+Z       164 bytes  kelta_alteventlog[0-9]+"
@@ -155,7 +155,7 @@ TEST_F(Ael, ListShowsWhatWasWritten) {
 TEST_F(Ael, WhatWillBeLostIsAFinding) {
     put("kelta_alteventlog1.bad", AelFile_t{.checksumError = 1}.bytes());
     put("notes", "mine");
-    Outcome outcome = list();
+    AelOutcome outcome = list();
     EXPECT_EQ(outcome.ending, support::exitedWith(1));
     EXPECT_THAT(outcome.output,
                 HasSubstr("bytes  kelta_alteventlog1.bad  deleted: the checksum does not match\n"));
@@ -168,7 +168,7 @@ TEST_F(Ael, WhatWillBeLostIsAFinding) {
 TEST_F(Ael, ShowHasFieldsAndData) {
     put("kelta_alteventlog1.a", AelFile_t{}.bytes());
     put("kelta_alteventlog1.b", AelFile_t{.source = 18, .id = 4}.bytes());
-    Outcome outcome = run({"show", "--dir", files(), "kelta_alteventlog1.b"});
+    AelOutcome outcome = run({"show", "--dir", files(), "kelta_alteventlog1.b"});
     EXPECT_EQ(outcome.ending, support::exitedWith(0));
     EXPECT_THAT(outcome.output, HasSubstr("file         kelta_alteventlog1.b\norder        "));
     EXPECT_THAT(outcome.output, HasSubstr("\nverdict      stored\nmodified     "));
@@ -186,7 +186,7 @@ TEST_F(Ael, ShowHasFieldsAndData) {
 TEST_F(Ael, JsonHasFateAndEvent) {
     put("kelta_alteventlog1.a", AelFile_t{}.bytes());
     put("notes", "mine");
-    Outcome outcome = list({"--json"});
+    AelOutcome outcome = list({"--json"});
     EXPECT_EQ(outcome.ending, support::exitedWith(1));
     EXPECT_EQ(outcome.output.find(R"({"file":"kelta_alteventlog1.a","order":1,"fate":"stored",)"
                                   R"("reason":null,"modified":")"),
@@ -251,7 +251,7 @@ TEST_F(Ael, FilesWithoutAnEventAreListedOnlyWhereNothingIsAskedOfEvents) {
     support::writeFile(files() + "/kelta_alteventlog9", "short");
     EXPECT_THAT(list().output, HasSubstr("shorter than a record's header"));
     EXPECT_EQ(list().ending, support::exitedWith(1));
-    Outcome outcome = list({"--id", "300"});
+    AelOutcome outcome = list({"--id", "300"});
     EXPECT_THAT(outcome.output, HasSubstr("stored: "));
     EXPECT_THAT(outcome.output, testing::Not(HasSubstr("shorter")));
     EXPECT_EQ(outcome.ending, support::exitedWith(0));

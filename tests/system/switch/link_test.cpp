@@ -47,7 +47,7 @@ class Linked : public testing::Test {
 };
 
 /** Far more than sockets and queues of 50 hold. */
-constexpr U32_t MANY = 1500;
+constexpr U32_t MANY_MESSAGES = 1500;
 
 Bytes eventForOther(U32_t number) {
     return makeMmsg({.type = 1, .other = {27}, .handle = number}, Bytes(4000));
@@ -199,14 +199,14 @@ TEST_F(LinkedWithShortQueues, EventsForAnEventManagerThatIsNotThereYetWaitAndNot
     MmsgClient sender = connect(*first, "startup");
     MmsgClient other = connect(*first, "snmp");
     MmsgClient otherThere = connect(*second, "smi_ind");
-    std::jthread sending = sendEvents(sender, MANY);
+    std::jthread sending = sendEvents(sender, MANY_MESSAGES);
     first->process().waitForOutput("held, the other blade's event manager is slower");
-    for (U32_t i = 0; i < MANY; ++i) {
+    for (U32_t i = 0; i < MANY_MESSAGES; ++i) {
         other.send(makeMmsg({.other = {30}, .handle = i}));
         ASSERT_EQ(headerOf(otherThere.receive()).handle, i);
     }
     MmsgClient manager = connect(*second, "eventlog");
-    for (U32_t i = 0; i < MANY; ++i) {
+    for (U32_t i = 0; i < MANY_MESSAGES; ++i) {
         ASSERT_EQ(headerOf(manager.receive()).handle, i);
     }
     sending.join();
@@ -219,7 +219,7 @@ TEST_F(ImpatientLinked, SenderThatWaitsTooLongForTheOtherBladeIsClosed) {
     MmsgClient sender = connect(*first, "startup");
     EXPECT_THROW(
         {
-            for (U32_t i = 0; i < MANY; ++i) {
+            for (U32_t i = 0; i < MANY_MESSAGES; ++i) {
                 sender.send(eventForOther(i));
             }
         },
@@ -232,7 +232,7 @@ TEST_F(ImpatientLinked, SenderThatWaitsTooLongForTheOtherBladeIsClosed) {
 TEST_F(LinkedWithShortQueues, EventsThatWaitForASwitchThatDiesGoToTheNext) {
     startBoth();
     MmsgClient sender = connect(*first, "startup");
-    std::jthread sending = sendEvents(sender, MANY);
+    std::jthread sending = sendEvents(sender, MANY_MESSAGES);
     first->process().waitForOutput("held, the other blade's event manager is slower");
     second->process().signal(SIGKILL);
     second->process().wait();

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr EmpSite_t site = {7040, "opener"};
+constexpr EmpSite_t opener = {7040, "opener"};
 
 class Connection : public LinkTest {};
 
@@ -22,14 +22,14 @@ TEST_F(Connection, IsConfiguredByAddressAndPort) {
 }
 
 TEST_F(Connection, OpensANonBlockingSocket) {
-    empOpenEventArchiverSocket(site);
+    empOpenEventArchiverSocket(opener);
     EXPECT_EQ(empControl.socketFdEventArchiver, NEW_SOCKET);
     EXPECT_EQ(bench.nonBlocking, NEW_SOCKET);
 }
 
 TEST_F(Connection, NoSocketIsABugCheck) {
     bench.sockets = {-1};
-    BugCheck bugCheck = bugCheckOf([] { empOpenEventArchiverSocket(site); });
+    BugCheck bugCheck = bugCheckOf([] { empOpenEventArchiverSocket(opener); });
     EXPECT_EQ(bugCheck.message, "Linux socket function fails for EMP socket!");
     EXPECT_EQ(bugCheck.line, 7040);
     EXPECT_EQ(bugCheck.function, "opener");
@@ -38,16 +38,16 @@ TEST_F(Connection, NoSocketIsABugCheck) {
 TEST_F(Connection, FailedSocketStandsInTheControlBlock) {
     // The report of the bug-check shows it.
     bench.sockets = {-1};
-    bugCheckOf([] { empOpenEventArchiverSocket(site); });
+    bugCheckOf([] { empOpenEventArchiverSocket(opener); });
     EXPECT_EQ(empControl.socketFdEventArchiver, -1);
     EXPECT_EQ(bench.nonBlocking, -1);
 }
 
 TEST_F(Connection, DescriptorThatNoSetHoldsIsNoSocket) {
     bench.sockets = {1023, 1024};
-    empOpenEventArchiverSocket(site);
+    empOpenEventArchiverSocket(opener);
     EXPECT_EQ(empControl.socketFdEventArchiver, 1023);
-    EXPECT_EQ(bugCheckOf([] { empOpenEventArchiverSocket(site); }).message,
+    EXPECT_EQ(bugCheckOf([] { empOpenEventArchiverSocket(opener); }).message,
               "Linux socket function fails for EMP socket!");
 }
 
@@ -103,8 +103,8 @@ TEST_F(Connection, ClosingNeverTouchesDescriptorZero) {
 
 TEST_F(Connection, ClosingLeavesListsAndTimersAlone) {
     setLink(EMP_E_ARCHIVER_SOCKET_ST_OPEN);
-    EvMsgRecordEntry_t* queued = empEvMsgTake(site);
-    EvMsgRecordEntry_t* waiting = empEvMsgTake(site);
+    EvMsgRecordEntry_t* queued = empEvMsgTake(opener);
+    EvMsgRecordEntry_t* waiting = empEvMsgTake(opener);
     empEvMsgPush(&EvMsgRecordForwardList, queued);
     empEvMsgPush(&EvMsgRecordResponseList, waiting);
     empControl.forwardPendingListCount = 1;

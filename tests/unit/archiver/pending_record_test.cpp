@@ -6,12 +6,12 @@
 
 namespace {
 
-constexpr EmpSite_t site = {12, "taker"};
+constexpr EmpSite_t taker = {12, "taker"};
 
 class PendingRecord : public LinkTest {
   protected:
-    EvMsgRecordEntry_t* a = empEvMsgTake(site);
-    EvMsgRecordEntry_t* b = empEvMsgTake(site);
+    EvMsgRecordEntry_t* a = empEvMsgTake(taker);
+    EvMsgRecordEntry_t* b = empEvMsgTake(taker);
 };
 
 TEST_F(PendingRecord, TakingGivesTheHeadOnNoList) {
@@ -24,9 +24,9 @@ TEST_F(PendingRecord, TakingGivesTheHeadOnNoList) {
 
 TEST_F(PendingRecord, SixtyFifthIsABugCheckOfTheSite) {
     for (int i = 2; i < 64; i++) {
-        empEvMsgTake(site);
+        empEvMsgTake(taker);
     }
-    BugCheck bugCheck = bugCheckOf([] { empEvMsgTake(site); });
+    BugCheck bugCheck = bugCheckOf([] { empEvMsgTake(taker); });
     EXPECT_EQ(bugCheck.message, "No more Event Message Record?");
     EXPECT_EQ(bugCheck.function, "taker");
     EXPECT_EQ(bugCheck.line, 12);
@@ -44,7 +44,7 @@ TEST_F(PendingRecord, FreeingChangesNeitherCounter) {
 TEST_F(PendingRecord, KeepsACopyOfTheWholeMessage) {
     Bytes message = counting(100);
     a->byteSent = 9;
-    empEvMsgKeepMessage(a, message.data(), 100, site);
+    empEvMsgKeepMessage(a, message.data(), 100, taker);
     std::fill(message.begin(), message.end(), U8_t{0});
     EXPECT_EQ(Bytes(a->memAddressPtr, a->memAddressPtr + 100), counting(100));
     EXPECT_EQ(a->msgLength, 100U);
@@ -54,7 +54,7 @@ TEST_F(PendingRecord, KeepsACopyOfTheWholeMessage) {
 TEST_F(PendingRecord, NoMemoryForTheCopyIsTheBugCheckOfNoRecord) {
     Bytes message = counting(100);
     bench.failMalloc = true;
-    BugCheck bugCheck = bugCheckOf([&] { empEvMsgKeepMessage(a, message.data(), 100, site); });
+    BugCheck bugCheck = bugCheckOf([&] { empEvMsgKeepMessage(a, message.data(), 100, taker); });
     bench.failMalloc = false;
     EXPECT_EQ(bugCheck.message, "No more Event Message Record?");
     EXPECT_EQ(bugCheck.function, "taker");

@@ -13,7 +13,6 @@
 #include <sqlite3.h>
 #include <sstream>
 
-using nlohmann::json;
 using support::EventFields;
 using test::Said;
 using testing::ElementsAre;
@@ -56,11 +55,11 @@ class ArchiveCommands : public testing::Test {
     }
 
     /** The objects of an output, one a line. */
-    static std::vector<json> objects(const std::string& text) {
-        std::vector<json> all;
+    static std::vector<nlohmann::json> objects(const std::string& text) {
+        std::vector<nlohmann::json> all;
         std::istringstream lines(text);
         for (std::string line; std::getline(lines, line);) {
-            all.push_back(json::parse(line));
+            all.push_back(nlohmann::json::parse(line));
         }
         return all;
     }
@@ -71,7 +70,7 @@ class ArchiveCommands : public testing::Test {
         const Said said = archive(words);
         EXPECT_EQ(said.status, 0) << said.errors;
         std::vector<std::string> all;
-        for (const json& event : objects(said.output)) {
+        for (const nlohmann::json& event : objects(said.output)) {
             all.push_back(event["bladeId"].get<std::string>() + " " + event["sequenceId"].dump());
         }
         return all;

@@ -1,6 +1,7 @@
 /**
  * Failing calls while an event is stored: every one ends the process, under the right name.
  */
+#include "bug_check_texts.h"
 #include "log_model.h"
 #include "store_fixture.h"
 
@@ -12,9 +13,6 @@ using logimage::Bytes;
 using logimage::Image;
 using logimage::Record;
 
-constexpr char LSEEK_FAILS[] = "Linux lseek function fails for Event Log File!";
-constexpr char READ_FAILS[] = "Linux read function fails for Event Log File!";
-constexpr char WRITE_FAILS[] = "Linux write function fails for Event Log File!";
 constexpr char SAVE[] = "empSaveEventLogMsgToLogFile";
 constexpr char DUMMY[] = "empWriteDummyEntryToLogFile";
 constexpr char OTHER[] = "empProcessEventLogFile"; // named by the seek before the final write

@@ -2,6 +2,7 @@
  * Appending where the space before the oldest record, or behind it, suffices: literal bytes, exact
  * fits, every way out. Each step is also compared with the model.
  */
+#include "bug_check_texts.h"
 #include "model_fixture.h"
 #include "store/entry.h"
 
@@ -16,11 +17,6 @@ using logimage::hex;
 using logimage::Image;
 using logimage::Record;
 using logimage::slice;
-
-constexpr char REACH_DUMMY[] = "Reach Dummy Entry but still not enough space!";
-constexpr char MISMATCHING[] = "Mismatching empStartSequenceId in Event Entry!";
-constexpr char SIGNATURE[] = "Incorrect Signature in Event Entry!";
-constexpr char READ_FAILS[] = "Linux read function fails for Event Log File!";
 
 class Append : public ModelTest {
   protected:

@@ -2,6 +2,7 @@
  * Appending round the end of the file: the dummy at the bottom, the wiped records, the sizing from
  * the index and its oddities. Each step is also compared with the model.
  */
+#include "bug_check_texts.h"
 #include "model_fixture.h"
 
 #include <algorithm>
@@ -13,10 +14,6 @@ using logimage::Bytes;
 using logimage::Image;
 using logimage::Record;
 using logimage::slice;
-
-constexpr char MISMATCHING[] = "Mismatching empStartSequenceId in Event Entry!";
-constexpr char SIGNATURE[] = "Incorrect Signature in Event Entry!";
-constexpr char READ_FAILS[] = "Linux read function fails for Event Log File!";
 
 class WrapOver : public ModelTest {
   protected:

@@ -2,6 +2,7 @@
  * The record format: checksum, first entry, dummy entry, index.
  */
 #include "altEventLog.h"
+#include "bug_check_texts.h"
 #include "store_fixture.h"
 
 #include <fcntl.h>
@@ -15,8 +16,6 @@ using logimage::Record;
 using logimage::slice;
 using logimage::zeros;
 
-constexpr char LSEEK_FAILS[] = "Linux lseek function fails for Event Log File!";
-constexpr char WRITE_FAILS[] = "Linux write function fails for Event Log File!";
 constexpr char DUMMY_FUNCTION[] = "empWriteDummyEntryToLogFile";
 constexpr char FIRST_FUNCTION[] = "empWriteFirstEntryToLogFile"; // not the function's own name
 

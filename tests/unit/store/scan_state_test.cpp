@@ -2,6 +2,7 @@
  * What a start makes of every kind of log file, and what the next event does to it. Each case is
  * also compared with the model: bytes, state, index, output.
  */
+#include "bug_check_texts.h"
 #include "model_fixture.h"
 
 namespace {
@@ -9,11 +10,6 @@ namespace {
 using logimage::Bytes;
 using logimage::Image;
 using logimage::Record;
-
-constexpr char REACH_DUMMY[] = "Reach Dummy Entry but still not enough space!";
-constexpr char MISMATCHING[] = "Mismatching empStartSequenceId in Event Entry!";
-constexpr char SIGNATURE[] = "Incorrect Signature in Event Entry!";
-constexpr char CONTINUOUS[] = "Continuous SequenceId with Gap? Bug somewhere!";
 
 class ScanState : public ModelTest {
   protected:

@@ -1,6 +1,7 @@
 /**
  * Starts on wrapped logs whose gap holds what should not be there, and on logs of other blades.
  */
+#include "bug_check_texts.h"
 #include "model_fixture.h"
 
 #include <algorithm>
@@ -10,11 +11,6 @@ namespace {
 using logimage::Bytes;
 using logimage::Image;
 using logimage::Record;
-
-constexpr char REACH_DUMMY[] = "Reach Dummy Entry but still not enough space!";
-constexpr char MISMATCHING[] = "Mismatching empStartSequenceId in Event Entry!";
-constexpr char SIGNATURE[] = "Incorrect Signature in Event Entry!";
-constexpr char CONTINUOUS[] = "Continuous SequenceId with Gap? Bug somewhere!";
 
 /** Three newest records of 660 bytes, a gap of 1180 from 1980 on, oldest record 1 at 3160. */
 class WrappedState : public ModelTest {

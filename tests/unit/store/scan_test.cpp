@@ -1,6 +1,7 @@
 /**
  * The search for records and what the scan does with files, directories and failing calls.
  */
+#include "bug_check_texts.h"
 #include "store_fixture.h"
 
 #include <algorithm>
@@ -15,7 +16,6 @@ using logimage::Bytes;
 using logimage::Image;
 using logimage::Record;
 
-constexpr char LSEEK_FAILS[] = "Linux lseek function fails for Event Log File!";
 constexpr char LSEEK_CALL_FAILS[] = "Linux lseek call fails for Event Log File!";
 constexpr char OPEN_FAILS[] = "Linux open function fails for Event Log File!";
 constexpr char FIND[] = "empFindValidEventEntry";
