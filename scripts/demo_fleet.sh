@@ -34,7 +34,7 @@ stop_server() {
     if [ "$1" = KILL ]; then
         kill -KILL "$2" $(pgrep -P "$2") 2>/dev/null || true
     fi
-    stop "$1" "$2"
+    stop "$1" "$2" 2>/dev/null # or the shell tells of it
     [ "$1" != KILL ] || [ -z "$scrap" ] || ipcrm -m "$scrap" 2>/dev/null || true
 }
 
