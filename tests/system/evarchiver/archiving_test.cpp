@@ -166,6 +166,23 @@ TEST_F(ArchivingTest, BladeThatNeverReadsItsAnswersIsDisconnected) {
     EXPECT_THAT(archiver_->waitForOutput("does not read its answers"), HasSubstr("closed"));
 }
 
+TEST_F(ArchivingTest, UnreadAnswersAreBoundForAllBladesTogether) {
+    start({"--unsent-limit", "30000"});
+    std::vector<std::unique_ptr<BladeLink>> links;
+    for (U32_t slot = 0; slot < 4; ++slot) {
+        links.push_back(std::make_unique<BladeLink>(port_, 0, "127.0.0.1", 4096));
+    }
+    links[0]->ask(eventMessage({.id = 0, .data = Bytes(300, 0xD7)}) +
+                  inquiryMessage(LAST, {}, 0, 1));
+    // 20 KB for each of them, of which a window takes a few: no one of them is too much.
+    for (const auto& link : links) {
+        for (U32_t handle = 0; handle < 43; ++handle) {
+            link->send(inquiryMessage(LAST, {}, 0, handle));
+        }
+    }
+    EXPECT_THAT(archiver_->waitForOutput("does not read its answers"), HasSubstr("closed"));
+}
+
 TEST_F(ArchivingTest, RestartKeepsEverything) {
     start();
     {

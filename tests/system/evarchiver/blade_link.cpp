@@ -26,10 +26,13 @@ bool isReadable(int descriptor, std::chrono::milliseconds wait) {
 
 } // namespace
 
-BladeLink::BladeLink(U16_t port, int sendBuffer, const std::string& host)
+BladeLink::BladeLink(U16_t port, int sendBuffer, const std::string& host, int receiveBuffer)
     : descriptor_(socket(AF_INET, SOCK_STREAM, 0)) {
     if (sendBuffer > 0) {
         setsockopt(descriptor_, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof(sendBuffer));
+    }
+    if (receiveBuffer > 0) {
+        setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(receiveBuffer));
     }
     const timeval deadline{DEADLINE.count() / 1000, 0};
     setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &deadline, sizeof(deadline));

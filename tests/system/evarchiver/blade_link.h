@@ -18,8 +18,10 @@ namespace support {
 /** A TCP connection to an archiver. Everything throws at the deadline. */
 class BladeLink {
   public:
-    /** @param sendBuffer SO_SNDBUF in bytes; 0: the system's choice */
-    explicit BladeLink(U16_t port, int sendBuffer = 0, const std::string& host = "127.0.0.1");
+    /** @param sendBuffer    SO_SNDBUF in bytes; 0: the system's choice
+     * @param receiveBuffer SO_RCVBUF likewise */
+    explicit BladeLink(U16_t port, int sendBuffer = 0, const std::string& host = "127.0.0.1",
+                       int receiveBuffer = 0);
     ~BladeLink();
     BladeLink(const BladeLink&) = delete;
     BladeLink& operator=(const BladeLink&) = delete;

@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include "lines.h"
+
 #include <gtest/gtest.h>
 
 using namespace evarchive;
@@ -21,6 +23,13 @@ int status(std::vector<const char*> arguments) {
 }
 
 } // namespace
+
+TEST(Lines, BearTimeAndLevel) {
+    EXPECT_EQ(stampedLine(Level::INFO, "text", 0), "1970-01-01T00:00:00Z info: text");
+    EXPECT_EQ(stampedLine(Level::NOTICE, "", 1'234'567'890), "2009-02-13T23:31:30Z notice: ");
+    EXPECT_EQ(stampedLine(Level::WARNING, "t", 0), "1970-01-01T00:00:00Z warning: t");
+    EXPECT_EQ(stampedLine(Level::FAILURE, "t", 0), "1970-01-01T00:00:00Z error: t");
+}
 
 TEST(Endpoint, PortAloneMeansEveryAddress) {
     EXPECT_EQ(endpointOf("4711").address().to_string(), "0.0.0.0");
