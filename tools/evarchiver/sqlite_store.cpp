@@ -2,58 +2,15 @@
 
 #include "database_file.h"
 #include "sqlite.h"
+#include "sqlite_layout.h"
 
 #include <array>
-#include <ctime>
 #include <mutex>
 #include <sqlite3.h>
 #include <unistd.h>
 
 namespace evarchive {
 namespace {
-
-// "EVAR" in the file's header: other SQLite files are not taken for an archive.
-constexpr S64_t APPLICATION_ID = 0x45564152;
-constexpr S64_t LAYOUT_VERSION = 2;
-
-constexpr char LAYOUT[] = R"(
-BEGIN;
-CREATE TABLE series (
-    series INTEGER PRIMARY KEY, enclosure TEXT NOT NULL, blade TEXT NOT NULL,
-    slot INTEGER NOT NULL, instance INTEGER NOT NULL, UNIQUE (enclosure, blade, slot, instance));
-CREATE TABLE generations (
-    series INTEGER NOT NULL, generation INTEGER NOT NULL, opened INTEGER NOT NULL,
-    duplicates INTEGER NOT NULL, proven_first INTEGER, proven_last INTEGER,
-    PRIMARY KEY (series, generation)) WITHOUT ROWID;
-CREATE TABLE events (
-    series INTEGER NOT NULL, generation INTEGER NOT NULL, id INTEGER NOT NULL,
-    own INTEGER NOT NULL, time INTEGER NOT NULL, source INTEGER NOT NULL, type INTEGER NOT NULL,
-    category INTEGER NOT NULL, event INTEGER NOT NULL, image BLOB NOT NULL,
-    received INTEGER NOT NULL, doubtful INTEGER NOT NULL,
-    UNIQUE (series, generation, id));
-CREATE TABLE set_aside (
-    enclosure TEXT NOT NULL, blade TEXT NOT NULL, slot INTEGER NOT NULL, instance INTEGER NOT NULL,
-    id INTEGER NOT NULL, reason INTEGER NOT NULL, received INTEGER NOT NULL, image BLOB NOT NULL,
-    UNIQUE (enclosure, blade, slot, instance, id, image));
-PRAGMA application_id = 0x45564152;
-PRAGMA user_version = 2;
-COMMIT;
-)";
-
-// From layout 1. When its events came is not known: they count as received now.
-constexpr char UPGRADE[] = R"(
-BEGIN IMMEDIATE;
-ALTER TABLE generations ADD COLUMN proven_first INTEGER;
-ALTER TABLE generations ADD COLUMN proven_last INTEGER;
-ALTER TABLE events ADD COLUMN received INTEGER NOT NULL DEFAULT %NOW%;
-ALTER TABLE events ADD COLUMN doubtful INTEGER NOT NULL DEFAULT 0;
-CREATE TABLE set_aside (
-    enclosure TEXT NOT NULL, blade TEXT NOT NULL, slot INTEGER NOT NULL, instance INTEGER NOT NULL,
-    id INTEGER NOT NULL, reason INTEGER NOT NULL, received INTEGER NOT NULL, image BLOB NOT NULL,
-    UNIQUE (enclosure, blade, slot, instance, id, image));
-PRAGMA user_version = 2;
-COMMIT;
-)";
 
 // Pages of the "-wal" file before it is written back: fewer pages are then written twice.
 constexpr char SET_UP[] = "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;"
@@ -397,37 +354,6 @@ void SqliteStore::forEachAside(const std::function<void(const AsideEvent&)>& tak
     }
 }
 
-void requireArchive(SqliteDatabase& database, const std::string& path) {
-    if (database.number("PRAGMA application_id") != APPLICATION_ID) {
-        throw StoreError(path + ": not an event archive");
-    }
-    const S64_t version = database.number("PRAGMA user_version");
-    if (version == 1) {
-        throw StoreError(path + ": of an earlier version; an archiver that opens it brings it up "
-                                "to date");
-    }
-    if (version != LAYOUT_VERSION) {
-        throw StoreError(path + ": version " + std::to_string(version) +
-                         " of the archive's layout is not known");
-    }
-}
-
-bool isEmpty(SqliteDatabase& database) {
-    return database.number("SELECT count(*) FROM sqlite_schema") == 0;
-}
-
-void prepareLayout(SqliteDatabase& database, const std::string& path) {
-    if (isEmpty(database)) {
-        database.execute(LAYOUT);
-    } else if (database.number("PRAGMA application_id") == APPLICATION_ID &&
-               database.number("PRAGMA user_version") == 1) {
-        std::string upgrade = UPGRADE;
-        upgrade.replace(upgrade.find("%NOW%"), 5, std::to_string(time(nullptr)));
-        database.execute(upgrade.c_str());
-    }
-    requireArchive(database, path);
-}
-
 // "file:" address of a path, for the parameters that only an address can carry.
 std::string addressOf(const std::string& path) {
     std::string address = "file:";
@@ -488,7 +414,7 @@ std::unique_ptr<Store> openArchiveForUpkeep(const std::string& path) {
 std::unique_ptr<Store> openArchiveInMemory() {
     auto database = std::make_unique<SqliteDatabase>(
         ":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, "archive in memory");
-    database->execute(LAYOUT);
+    prepareLayout(*database, "archive in memory");
     return std::make_unique<SqliteStore>(std::move(database));
 }
 
