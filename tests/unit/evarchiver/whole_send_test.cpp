@@ -1,3 +1,4 @@
+#include "outbox.h"
 #include "whole_send.h"
 
 #include <gtest/gtest.h>
@@ -225,4 +226,31 @@ TEST_F(WholeSendTest, LongestIsWhatASegmentCarriesBesideItsOptions) {
     EXPECT_EQ(longestWhole(pair[0]), std::numeric_limits<std::size_t>::max()); // no segments
     close(pair[0]);
     close(pair[1]);
+}
+
+TEST_F(WholeSendTest, AnswerThatIsTooLongGoesOutInShort) {
+    Outbox outbox(200);
+    outbox.add({Bytes(201, 1), Bytes(168, 2)});
+    outbox.add({Bytes(200, 3), {}});
+    EXPECT_EQ(outbox.bytes(), 401U);
+    unacknowledged = 0;
+    EXPECT_EQ(outbox.flush(near_), Outbox::State::EMPTY);
+    EXPECT_EQ(outbox.bytes(), 0U);
+    EXPECT_EQ(readAll(), 368U);
+    const auto shortened = outbox.takeShortened();
+    EXPECT_EQ(shortened.count, 1U);
+    EXPECT_EQ(shortened.length, 201U);
+    EXPECT_EQ(shortened.longest, 200U);
+    EXPECT_EQ(outbox.takeShortened().count, 0U);
+}
+
+TEST_F(WholeSendTest, LinkThatTakesNotEvenAShortAnswerWholeIsBroken) {
+    for (const Bytes& instead : {Bytes(), Bytes(168, 2)}) {
+        Outbox outbox(167);
+        outbox.add({Bytes(192, 1), instead});
+        EXPECT_FALSE(outbox.isTooLong());
+        EXPECT_EQ(outbox.flush(near_), Outbox::State::BROKEN);
+        EXPECT_TRUE(outbox.isTooLong());
+    }
+    EXPECT_EQ(sends, 0);
 }
