@@ -1,4 +1,5 @@
 /** Events of an archive that is an SQLite file. */
+#include "http.h"
 #include "sqlite_view.h"
 
 #include <algorithm>

@@ -1,5 +1,6 @@
 #include "sqlite_view.h"
 
+#include "http.h"
 #include "sqlite_store.h"
 
 #include <ctime>

@@ -317,6 +317,44 @@ class SqliteTest(Answers, unittest.TestCase):
         self.remove("WRITER")
 
 
+@unittest.skipUnless((support.POSTGRES / "initdb").exists(), "no PostgreSQL here: its archives are not tested")
+class PostgresTest(Answers, unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.server = Postgres()
+        cls.addClassCleanup(cls.server.end)
+        cls.server.sql("CREATE DATABASE events")
+        place = cls.server.place("events")
+        support.subprocess.run([f"{PROGRAMS}/evarchiver", "db", "create", "--db", place], check=True, capture_output=True, timeout=support.DEADLINE)
+        cls.server.sql("CREATE ROLE page LOGIN IN ROLE ev_reader")
+        cls.archiver = Archiver(PROGRAMS, place)
+        cls.addClassCleanup(cls.archiver.end)
+        fill(cls.archiver)
+        cls.web = Web(PROGRAMS, cls.server.place("events", "page"))
+        cls.addClassCleanup(cls.web.end)
+        wait_until(lambda: len(cls.web.ask("events?limit=500")[1].get("events", [])) == EVENTS, "all events")
+
+    def remove(self, blade):
+        for table in ("events", "generations", "logs"):
+            self.server.sql(f"DELETE FROM {table} WHERE log = (SELECT log FROM logs WHERE blade = '{blade}')", "events")
+
+    def test_names_that_are_no_text_are_found_by_their_bytes(self):
+        self.assertEqual([found["bladeId"] for found in self.events("blade=%FF%01blade")], ["\\xFF\\x01blade"])
+
+    def test_nothing_can_be_changed_by_the_role_of_the_page(self):
+        with self.assertRaisesRegex(RuntimeError, "permission denied"):
+            self.server.sql("SET ROLE page; DELETE FROM events", "events")
+
+    def test_a_server_that_is_away_is_said_and_comes_back(self):
+        self.server.stop()
+        try:
+            status, headers, _ = self.web.request("/api/v1/events")
+            self.assertEqual((status, headers["Retry-After"]), (503, "2"))
+        finally:
+            self.server.start()
+        wait_until(lambda: self.web.ask("events")[0] == 200, "the server to be asked again")
+
+
 @unittest.skipUnless(CHROMIUM, "no chromium here: what a browser makes of the pages is not tested")
 class BrowserTest(unittest.TestCase):
     PAGES = ("/", "/search", "/search?type=error", "/timeline", "/live")

@@ -67,9 +67,15 @@ class Archiver(Program):
         super().__init__([f"{programs}/evarchiver", "--listen", "127.0.0.1:0", "--db", database, "--progress", "0"], **options)
 
     def send(self, events):
-        """One link for each call. Returns when they are safe: the archiver has ended the link."""
+        """A link with its handshake for each call. Returns when they are safe: the archiver has ended the link."""
         host, _, port = self.place.rpartition(":")
+        first = events[0]
+        # Identity, oldest id, length and first bytes of its data; four bytes follow that the header does not announce.
+        status = first[:140] + first[144:146] + bytes(2) + first[152:176].ljust(24, b"\0") + bytes(8)
         with socket.create_connection((host, int(port)), timeout=DEADLINE) as link:
+            link.sendall(struct.pack(">HHHHII", 1, len(status), 6, 1, 0, 7) + status + bytes(4))
+            answer = link.recv(4096)
+            assert answer[4:6] == b"\0\6", answer
             link.sendall(b"".join(struct.pack(">HHHHII", 1, len(image), 1, 1, 0, 0) + image for image in events))
             link.shutdown(socket.SHUT_WR)
             while link.recv(4096):

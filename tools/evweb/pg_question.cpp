@@ -1,0 +1,131 @@
+#include "common/text.h"
+#include "pg_view.h"
+
+#include <algorithm>
+
+namespace evweb {
+namespace {
+
+std::string orderedTypes(std::vector<U32_t> types) {
+    std::ranges::sort(types);
+    const auto repeated = std::ranges::unique(types);
+    types.erase(repeated.begin(), repeated.end());
+    std::string list;
+    for (const U32_t type : types) {
+        list += (list.empty() ? "" : ", ") + std::to_string(type);
+    }
+    return list;
+}
+
+std::vector<S64_t> wide(const std::vector<U32_t>& values) {
+    return {values.begin(), values.end()};
+}
+
+unsigned digitOfHex(char letter) {
+    return static_cast<unsigned>(letter <= '9' ? letter - '0' : letter - 'A' + 10);
+}
+
+bool isHex(char letter) {
+    return (letter >= '0' && letter <= '9') || (letter >= 'A' && letter <= 'F');
+}
+
+} // namespace
+
+std::string bytesOfName(const std::string& text) {
+    std::string bytes;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (text[at] == '\\' && at + 3 < text.size() && text[at + 1] == 'x' &&
+            isHex(text[at + 2]) && isHex(text[at + 3])) {
+            bytes += static_cast<char>(digitOfHex(text[at + 2]) << 4U | digitOfHex(text[at + 3]));
+            at += 3;
+        } else {
+            bytes += text[at];
+        }
+    }
+    return bytes;
+}
+
+PgQuestion& PgQuestion::place(const std::string& before, const std::string& after) {
+    sql_ += before + "$" + std::to_string(++count_) + after;
+    return *this;
+}
+
+PgQuestion& PgQuestion::integer(const std::string& before, S64_t value, const std::string& after) {
+    parameters_.integer(value);
+    return place(before, after);
+}
+
+PgQuestion& PgQuestion::time(const std::string& before, S64_t seconds, const std::string& after) {
+    parameters_.time(seconds);
+    return place(before, after);
+}
+
+PgQuestion& PgQuestion::text(const std::string& before, const std::string& value,
+                             const std::string& after) {
+    parameters_.text(value);
+    return place(before, after);
+}
+
+PgQuestion& PgQuestion::integers(const std::string& before, const std::vector<S64_t>& values,
+                                 const std::string& after) {
+    evarchive::PgArray array(evarchive::PgType::BIGINT);
+    for (const S64_t value : values) {
+        array.addNumber(value);
+    }
+    parameters_.array(array);
+    return place(before, after);
+}
+
+PgQuestion& PgQuestion::filters(const Search& search) {
+    const evctl::EventFilter& filter = search.filter;
+    const bool areKnown =
+        std::ranges::all_of(filter.types, [](U32_t type) { return typeIndex(type); });
+    if (!filter.types.empty() && areKnown) {
+        add(" AND type IN (" + orderedTypes(filter.types) + ")"); // the index is one of some types
+    } else if (!filter.types.empty()) {
+        integers(" AND type = ANY(", wide(filter.types), ")");
+    }
+    if (!filter.sources.empty()) {
+        integers(" AND source = ANY(", wide(filter.sources), ")");
+    }
+    if (!filter.categories.empty()) {
+        integers(" AND category = ANY(", wide(filter.categories), ")");
+    }
+    if (!filter.ids.empty()) {
+        integers(" AND event = ANY(", wide(filter.ids), ")");
+    }
+    if (filter.firstSequenceId) {
+        integer(" AND id >= ", *filter.firstSequenceId);
+    }
+    if (filter.lastSequenceId) {
+        integer(" AND id <= ", *filter.lastSequenceId);
+    }
+    if (filter.since) {
+        time(" AND time >= ", *filter.since);
+    }
+    if (filter.until) {
+        time(" AND time <= ", *filter.until);
+    }
+    const sources::LogChoice& choice = filter.logs;
+    if (choice.enclosure) {
+        text(" AND enclosure = ", tools::escapedUtf8(*choice.enclosure));
+    }
+    if (choice.blade) {
+        text(" AND blade = ", tools::escapedUtf8(*choice.blade));
+    }
+    if (choice.slot) {
+        integer(" AND slot = ", *choice.slot);
+    }
+    if (choice.instance) {
+        integer(" AND instance = ", *choice.instance);
+    }
+    return *this;
+}
+
+PgRows PgQuestion::ask(PgConnection& connection) const {
+    // The same text is the same statement; it is prepared once for each connection.
+    const std::string name = "web" + std::to_string(std::hash<std::string>()(sql_));
+    return connection.run({name.c_str(), sql_.c_str()}, parameters_);
+}
+
+} // namespace evweb
