@@ -30,7 +30,7 @@ function(install_pages component)
 endfunction()
 
 # Sections of pages that units name.
-foreach(program blade evarchiver evgate)
+foreach(program blade evarchiver evgate evweb)
     file(GLOB page ${PROJECT_SOURCE_DIR}/docs/man/${program}.[1-8])
     string(TOUPPER ${program}_SECTION section)
     string(REGEX REPLACE ".*\\." "" ${section} ${page})
@@ -111,6 +111,15 @@ if(TARGET evgate)
     install_completion(evarchiver evgate)
     install_unit(evarchiver evgate.service)
     install(FILES ${PACKAGING}/etc/evgate
+        DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/default COMPONENT evarchiver)
+endif()
+
+# So does the page its library.
+if(TARGET evweb)
+    install_program(evarchiver ${CMAKE_INSTALL_SBINDIR} evweb)
+    install_completion(evarchiver evweb)
+    install_unit(evarchiver evweb.service)
+    install(FILES ${PACKAGING}/etc/evweb
         DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/default COMPONENT evarchiver)
 endif()
 

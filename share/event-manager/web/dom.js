@@ -92,7 +92,7 @@ export function eventRow(event, withBlade = true) {
   const name = event.idName ?? String(event.id);
   return el("tr", { "data-key": `${event.log}.${event.generation}.${event.sequenceId}` },
     el("td", { class: "nowrap" }, el("a", { href: eventLink(event) }, time(event.time))),
-    withBlade && el("td", null, el("a", { href: link("/blade", { log: event.log }) },
+    withBlade && el("td", { class: "blade" }, el("a", { href: link("/blade", { log: event.log }) },
       bladeText(event.enclosureId, event.bladeId, event.slotId))),
     el("td", null, kind(event.type, event.typeName)),
     el("td", { class: "nowrap" }, event.sourceName ?? String(event.source)),

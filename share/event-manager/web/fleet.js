@@ -27,9 +27,9 @@ function row(log, now) {
   const hour = link("/search", { log: log.log, since: "-1h" });
   const some = (count, type) => (count > 0 ? el("a", { href: `${hour}&type=${type}` }, number(count)) : "0");
   return el("tr", null,
-    el("td", { class: "whole" }, el("a", { href: link("/blade", { log: log.log }) }, bladeText(log.enclosure, log.blade, log.slot)),
+    el("td", { class: "whole blade" }, el("a", { href: link("/blade", { log: log.log }) }, bladeText(log.enclosure, log.blade, log.slot)),
       log.instance > 0 && ` instance ${log.instance}`),
-    el("td", null, log.enclosure), cell("slot", String(log.slot)),
+    el("td", { class: "blade" }, log.enclosure), cell("slot", String(log.slot)),
     cell("seen", age === null ? "never" : el("time", { datetime: log.seen, title: time(log.seen) }, `${span(age)} ago`), age > QUIET),
     cell("lag", log.lag === null ? "" : el("span", { title: "between the newest event and its arrival" }, span(log.lag)), log.lag > 300),
     cell("errors", some(log.lately.error, "error"), log.lately.error > 0),
@@ -58,10 +58,10 @@ function sorted(logs) {
 function draw(list, given) {
   const now = seconds(list.now);
   const total = (of) => list.logs.reduce((sum, log) => sum + (of(log) ?? 0), 0);
-  const hour = list.windowSeconds === 3600 ? "in an hour" : `in ${span(list.windowSeconds)}`;
+  const hour = list.windowSeconds === 0 ? "lately (not counted in time)" : list.windowSeconds === 3600 ? "in the last hour" : `in the last ${span(list.windowSeconds)}`;
   const focused = document.activeElement?.textContent;
   const isNumber = document.activeElement?.closest("th") !== null;
-  const table = el("table", { class: "fleet" }, el("caption", null, `Errors, warnings and events that came ${hour}; missing: ids between others`),
+  const table = el("table", { class: "fleet" }, el("caption", null, `Errors, warnings and events: those that came ${hour}. Lag: of the newest event on its way here. Missing: ids between others.`),
     head(list, () => draw(list, given)), el("tbody", null, sorted(list.logs).map((log) => row(log, now))));
   const form = el("form", { class: "row", role: "search" }, el("label", { for: "find" }, "name holds"),
     el("span", null, el("input", { id: "find", name: "find", type: "search", value: given.find, autocomplete: "off" })), el("button", null, "Show"));

@@ -101,8 +101,8 @@ function controls(filters, since, until) {
   return el("div", { class: "row" },
     el("a", { class: "button", href: to(since - width / 2, until - width / 2) }, "← earlier"),
     el("a", { class: "button", href: to(since + width / 2, until + width / 2) }, "later →"),
-    el("a", { class: "button", href: to(middle - width / 4, middle + width / 4 - 1) }, "＋ closer"),
-    el("a", { class: "button", href: to(middle - width, middle + width - 1) }, "－ wider"),
+    el("a", { class: "button", href: to(middle - width / 4, middle + width / 4 - 1) }, "+ closer"),
+    el("a", { class: "button", href: to(middle - width, middle + width - 1) }, "− wider"),
     SPANS.map(([name, size]) => el("a", { class: "button", href: to(until - size + 1, until) }, name)));
 }
 

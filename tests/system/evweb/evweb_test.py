@@ -9,6 +9,7 @@ import io
 import json
 import os
 import pathlib
+import random
 import shutil
 import sqlite3
 import sys
@@ -499,17 +500,54 @@ class BrowserTest(unittest.TestCase):
                 with self.subTest(scheme=scheme, selector=selector):
                     self.assertGreaterEqual(self.contrast(selector), 4.5)
 
-    @unittest.skipUnless(PICTURES, "no --pictures DIRECTORY")
+
+def fill_pictures(archiver):
+    """Two enclosures of blades for the pictures: most of them well, one of them not."""
+    chance = random.Random(7)
+    known = ((18, 1, b"boot finished"), (27, 3, b"self test"), (11, 40, b"fan tray 2 back in range"), (9, 210, b"cache battery learning cycle ends"),
+             (12, 77, b"link up at 8 Gbit/s"), (14, 300, b"drive 11 spins up"), (14, 305, b"rebuild of group 3 is at 60 %"))
+    for enclosure in range(2):
+        for slot in range(1, 8):
+            name, count = f"ctl-{'ab'[enclosure]}{slot}", chance.randrange(60, 240)
+            times = sorted(NOW - int(7200 * chance.random() ** (3 if slot == 4 else 1)) for _ in range(count))
+            events = []
+            for number, seconds in enumerate(times, 1):
+                source, event_id, text = chance.choice(known)
+                worse = chance.random()
+                kind = 3 if worse < (0.08 if slot == 4 else 0.003) else 2 if worse < (0.2 if slot == 4 else 0.03) else 1
+                text = {1: text, 2: b"drive 7: %d medium errors" % chance.randrange(9), 3: b"drive 7 does not answer: taken out of group 3"}[kind]
+                events.append(event(name, number, seconds=seconds, kind=kind, source=14 if kind > 1 else source, event_id=event_id, data=text,
+                                    enclosure=f"ENC-{enclosure + 1}", slot=slot))
+            if (enclosure, slot) == (0, 4):
+                events.insert(len(events) - 12, crash(name, len(events) - 11, seconds=times[-12], enclosure="ENC-1", slot=slot))
+                events = [one[:136] + number.to_bytes(4, "big") + one[140:] for number, one in enumerate(events, 1)]
+                del events[40:46]
+            archiver.send(events)
+
+
+@unittest.skipUnless(PICTURES and CHROMIUM, "no --pictures DIRECTORY, or no chromium")
+class Pictures(unittest.TestCase):
     def test_pictures(self):
-        pages = {"fleet": "/", "search": "/search?type=error,warning&since=-2h", "timeline": f"/timeline?since=@{NOW - 7200}&until=@{NOW}",
-                 "blade": f"/blade?log={self.logs['BLADE-1']}", "event": f"/event?log={self.logs['BLADE-1']}&generation=2&id=13"}
-        for name, path in pages.items():
-            for look, scheme, width in (("light", "light", 1200), ("dark", "dark", 1200), ("phone", "light", 390)):
-                self.browser.scheme(scheme)
-                self.browser.size(width, 800, look == "phone")
-                self.show(path)
-                picture = self.browser.call("Page.captureScreenshot", format="png")["data"]
-                (pathlib.Path(PICTURES) / f"evweb-{name}-{look}.png").write_bytes(base64.b64decode(picture))
+        with tempfile.TemporaryDirectory(prefix="evweb") as directory:
+            archiver = Archiver(PROGRAMS, f"{directory}/events.db")
+            self.addCleanup(archiver.end)
+            fill_pictures(archiver)
+            web = Web(PROGRAMS, f"{directory}/events.db")
+            self.addCleanup(web.end)
+            browser = Browser(CHROMIUM)
+            self.addCleanup(browser.end)
+            log = next(log["log"] for log in web.ask("logs")[1]["logs"] if log["blade"] == "ctl-a4")
+            found = web.ask(f"events?log={log}&source=eventlog&id=11")[1]["events"][0]
+            pages = {"fleet": "/", "search": "/search?type=error,warning&since=-2h", "timeline": f"/timeline?since=@{NOW - 7200}&until=@{NOW}",
+                     "blade": f"/blade?log={log}", "event": f"/event?log={log}&generation=1&id={found['sequenceId']}", "live": "/live?type=warning,error"}
+            for name, path in pages.items():
+                for look, scheme, width in (("light", "light", 1180), ("dark", "dark", 1180), ("phone", "light", 390)):
+                    browser.scheme(scheme)
+                    browser.size(width, 760, look == "phone")
+                    browser.show(f"http://{web.place}{path}")
+                    wait_until(lambda: browser.run("document.getElementById('archive').textContent") != "", "the page to be whole")
+                    picture = browser.call("Page.captureScreenshot", format="png")["data"]
+                    (pathlib.Path(PICTURES) / f"evweb-{name}-{look}.png").write_bytes(base64.b64decode(picture))
 
 
 if __name__ == "__main__":
