@@ -126,7 +126,7 @@ Timeline bucketsOf(U32_t since, U32_t until, U32_t buckets) {
     if (until < since) {
         throw Refusal(400, "until: lies before since");
     }
-    const U64_t least = (U64_t{until} - since) / std::max<U32_t>(buckets, 2) + 1;
+    const U64_t least = std::max<U64_t>(1, (U64_t{until} - since) / buckets);
     const auto width = std::ranges::lower_bound(WIDTHS, least);
     Timeline timeline;
     timeline.width = width == WIDTHS.end() ? WIDTHS.back() : *width;

@@ -37,9 +37,9 @@ std::optional<S64_t> numberOf(const Parameters& parameters, const std::string& n
 /** A place to go on from; nothing when there is none. Throws Refusal. */
 std::optional<Position> positionOf(const Parameters& parameters, const std::string& name);
 
-/** The buckets that a search's time is divided into: at most @p buckets, as wide as people count:
- * 1, 2, 5, 10, 15, 30 seconds or minutes, 1, 2, 3, 6, 12 hours, days. They cover the whole time.
- * Throws Refusal when its end lies before its beginning. */
+/** The buckets that a search's time is divided into: some @p buckets at most, as wide as people
+ * count: 1, 2, 5, 10, 15, 30 seconds or minutes, 1, 2, 3, 6, 12 hours, days. They cover the whole
+ * time. Throws Refusal when its end lies before its beginning. */
 Timeline bucketsOf(U32_t since, U32_t until, U32_t buckets);
 
 } // namespace evweb

@@ -7,6 +7,7 @@
 #include <httplib.h>
 #include <list>
 #include <memory>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
@@ -320,6 +321,10 @@ void acceptOne(int listener, Connections& connections) {
     socklen_t size = sizeof(address);
     const int descriptor = accept4(listener, &address.any, &size, SOCK_CLOEXEC);
     if (descriptor >= 0) {
+        // Head and body go out one after the other: the second must not wait for the first's
+        // receipt.
+        const int on = 1;
+        setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
         connections.take(descriptor, peerName(address));
     } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM) {
         std::this_thread::sleep_for(milliseconds(100)); // what is open ends by itself

@@ -50,7 +50,7 @@ bool isFull(const Page& page, const Search& search) {
 std::optional<S64_t> takeOlder(SqliteReading& reading, const Search& search,
                                const GenerationKey& key, S64_t below, Page& page) {
     SqliteStatement row(reading.database(), sqlite_sql::OLDER);
-    row.with(key.series, key.generation, below);
+    withSieve(row, key.series, key.generation, below, search);
     for (U32_t seen = 1; row.step(); ++seen) {
         below = row.integer(2);
         if (isWanted(row, search)) {
@@ -76,6 +76,16 @@ std::vector<U32_t> generationsFrom(SqliteReading& reading, S64_t log, const Sear
         }
     }
     return generations;
+}
+
+/** A bit for each number; all bits for any, and for those that have none. */
+S64_t maskOf(const std::vector<U32_t>& wanted) {
+    constexpr U32_t mostBits = 63; // the sign must not be set by one
+    S64_t bits = wanted.empty() ? -1 : 0;
+    for (const U32_t number : wanted) {
+        bits = number < mostBits && bits >= 0 ? bits | S64_t{1} << number : -1;
+    }
+    return bits;
 }
 
 bool isIn(const std::vector<S64_t>& logs, S64_t log) {
@@ -107,7 +117,7 @@ void countRow(const SqliteStatement& row, const Search& search, Timeline& timeli
 void countLog(SqliteReading& reading, const Search& search, S64_t log, Timeline& timeline) {
     for (const U32_t generation : generationsFrom(reading, log, search)) {
         SqliteStatement row(reading.database(), sqlite_sql::OLDER);
-        row.with(log, generation, S64_t{UINT32_MAX} + 1);
+        withSieve(row, log, generation, S64_t{UINT32_MAX} + 1, search);
         for (U32_t seen = 1; row.step(); ++seen) {
             countRow(row, search, timeline);
             if (seen % ROWS_BETWEEN_LOOKS == 0 && reading.isOver()) {
@@ -139,6 +149,13 @@ FoundEvent foundEvent(const SqliteStatement& row) {
     return {row.integer(0),
             row.id(1),
             {row.id(2), row.integer(3) != 0, row.bytes(10), row.integer(11) != 0, row.integer(12)}};
+}
+
+void withSieve(SqliteStatement& row, S64_t first, S64_t second, S64_t third, const Search& search) {
+    const evctl::EventFilter& filter = search.filter;
+    row.with(first, second, third, maskOf(filter.types), maskOf(filter.sources),
+             filter.since.value_or(0), filter.until.value_or(UINT32_MAX),
+             filter.ids.size() == 1 ? S64_t{filter.ids.front()} : S64_t{-1});
 }
 
 bool isWanted(const SqliteStatement& row, const Search& search) {
@@ -211,7 +228,7 @@ Page SqliteView::searchArrivals(SqliteReading& reading, const Search& search,
         const S64_t number = (end - 1) / ZONE_ROWS;
         const Zone* zone = zoneAt(zones, number);
         if (zone == nullptr || zone->mayHold(needs)) {
-            row.with(number * ZONE_ROWS, end);
+            withSieve(row, number * ZONE_ROWS, end, 0, search);
             while (!isFull(page, search) && row.step()) {
                 if (isIn(logs, row.integer(0)) && isWanted(row, search)) {
                     page.events.push_back(foundEvent(row));
@@ -324,7 +341,7 @@ void SqliteView::count(const Search& search, Timeline& timeline) {
             zone->countInto(timeline, needs.types);
             continue;
         }
-        row.with(number * ZONE_ROWS, (number + 1) * ZONE_ROWS);
+        withSieve(row, number * ZONE_ROWS, (number + 1) * ZONE_ROWS, 0, within);
         while (row.step()) {
             if (isIn(wanted.logs, row.integer(0))) {
                 countRow(row, within, timeline);

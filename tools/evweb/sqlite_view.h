@@ -29,15 +29,23 @@ namespace sqlite_sql {
     "series, generation, id, own, time, source, type, category, event, rowid, image, doubtful, "   \
     "received"
 
-/** By arrival: first row, row behind the last one. */
-constexpr char ARRIVALS[] = "SELECT " EVWEB_EVENT_COLUMNS " FROM events "
-                            "WHERE rowid >= ?1 AND rowid < ?2 ORDER BY rowid DESC";
+/** What the engine leaves out by itself, so that fewer rows have to be looked at: types and sources
+ * as bits, the first and the last second, an event id or -1. Filters see to what is left. */
+#define EVWEB_SIEVE                                                                                \
+    "AND own AND (?4 >> type) & 1 AND (?5 >> source) & 1 AND time BETWEEN ?6 AND ?7 "              \
+    "AND event = iif(?8 < 0, event, ?8) "
+
+/** By arrival: first row, row behind the last one, nothing; what the sieve wants. */
+constexpr char ARRIVALS[] =
+    "SELECT " EVWEB_EVENT_COLUMNS " FROM events "
+    "WHERE rowid >= ?1 AND rowid < ?2 AND ?3 = 0 " EVWEB_SIEVE "ORDER BY rowid DESC";
 constexpr char ARRIVALS_UP[] = "SELECT " EVWEB_EVENT_COLUMNS " FROM events "
                                "WHERE rowid >= ?1 AND rowid < ?2 ORDER BY rowid";
 
-/** Of one generation: series, generation, an id. */
-constexpr char OLDER[] = "SELECT " EVWEB_EVENT_COLUMNS " FROM events "
-                         "WHERE series = ?1 AND generation = ?2 AND id < ?3 ORDER BY id DESC";
+/** Of one generation: series, generation, an id; what the sieve wants. */
+constexpr char OLDER[] =
+    "SELECT " EVWEB_EVENT_COLUMNS " FROM events "
+    "WHERE series = ?1 AND generation = ?2 AND id < ?3 " EVWEB_SIEVE "ORDER BY id DESC";
 constexpr char NEWER[] = "SELECT " EVWEB_EVENT_COLUMNS " FROM events "
                          "WHERE series = ?1 AND generation = ?2 AND id >= ?3 ORDER BY id";
 constexpr char ONE[] = "SELECT " EVWEB_EVENT_COLUMNS " FROM events "
@@ -148,6 +156,9 @@ LogsWanted logsWanted(SqliteReading& reading, const Search& search);
 /** Reads a row of EVWEB_EVENT_COLUMNS. */
 EmpEvLogHeader_t headerOf(const SqliteStatement& row);
 FoundEvent foundEvent(const SqliteStatement& row);
+
+/** Asks for a stretch of events with three parameters and those of the sieve. */
+void withSieve(SqliteStatement& row, S64_t first, S64_t second, S64_t third, const Search& search);
 
 /** Whether a row is wanted, its log aside. */
 bool isWanted(const SqliteStatement& row, const Search& search);
