@@ -423,10 +423,10 @@ class BrowserTest(unittest.TestCase):
         self.browser.key("k")
         chosen = self.browser.run("document.activeElement.href")
         self.browser.key("Enter")
-        wait_until(lambda: self.browser.run("location.href") == chosen, "the event to be opened")
+        self.browser.await_true(f"location.href === {json.dumps(chosen)}", "the event to be opened")
         self.browser.drawn(chosen)
         self.browser.key("/", "Slash")
-        wait_until(lambda: self.browser.run("location.pathname") == "/search", "the search")
+        self.browser.await_true("location.pathname === '/search'", "the search")
         self.browser.drawn()
         self.browser.key("/", "Slash")
         self.assertEqual(self.browser.run("document.activeElement.name"), "text")
@@ -436,7 +436,7 @@ class BrowserTest(unittest.TestCase):
         self.show("/search?limit=5")
         first = self.browser.run("document.querySelector('tbody tr').dataset.key")
         self.browser.key("n")
-        wait_until(lambda: "before=" in self.browser.run("location.search"), "the next page")
+        self.browser.await_true("location.search.includes('before=')", "the next page")
         self.browser.drawn()
         address = self.browser.run("location.href")
         second = self.browser.run("document.querySelector('tbody tr').dataset.key")
@@ -448,7 +448,7 @@ class BrowserTest(unittest.TestCase):
         self.show("/search")
         self.browser.run("document.querySelector('#text').value = 'needle'; document.querySelector('[data-type][value=information]').checked = true;"
                          "document.querySelector('form button').click()")
-        wait_until(lambda: self.browser.run("location.search") == "?text=needle&type=information", "the search")
+        self.browser.await_true("location.search === '?text=needle&type=information'", "the search")
         self.browser.drawn()
         self.assertEqual(self.browser.run("document.querySelectorAll('tbody tr').length"), 1)
 
@@ -459,7 +459,7 @@ class BrowserTest(unittest.TestCase):
         self.browser.key("ArrowRight")
         self.assertEqual(self.browser.run("document.activeElement.dataset.index"), "1")
         self.browser.key("Enter")
-        wait_until(lambda: "since=" in self.browser.run("location.search"), "a closer look")
+        self.browser.await_true("location.search.includes('since=')", "a closer look")
         self.browser.drawn()
         self.assertNotEqual(self.browser.run("document.querySelector('h1 small').textContent"), width)
         self.assertEqual(self.browser.complaints(), [])
@@ -545,7 +545,7 @@ class Pictures(unittest.TestCase):
                     browser.scheme(scheme)
                     browser.size(width, 760, look == "phone")
                     browser.show(f"http://{web.place}{path}")
-                    wait_until(lambda: browser.run("document.getElementById('archive').textContent") != "", "the page to be whole")
+                    browser.await_true("document.getElementById('archive').textContent !== ''", "the page to be whole")
                     picture = browser.call("Page.captureScreenshot", format="png")["data"]
                     (pathlib.Path(PICTURES) / f"evweb-{name}-{look}.png").write_bytes(base64.b64decode(picture))
 

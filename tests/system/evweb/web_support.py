@@ -235,14 +235,18 @@ class Browser:
         self.call("Page.navigate", url=address)
         self.drawn(address)
 
-    def drawn(self, address=None):
-        def is_drawn():
+    def await_true(self, script, what):
+        """Waits until an expression is true, also over a change of pages."""
+        def is_true():
             try:
-                return self.run("document.readyState === 'complete' && document.getElementById('main')?.getAttribute('aria-busy') === 'false'"
-                                + (f" && location.href === {json.dumps(address)}" if address else ""))
+                return self.run(script) is True
             except RuntimeError:
                 return False  # between two pages
-        wait_until(is_drawn, f"a page to be drawn: {address}")
+        wait_until(is_true, what)
+
+    def drawn(self, address=None):
+        self.await_true("document.readyState === 'complete' && document.getElementById('main')?.getAttribute('aria-busy') === 'false'"
+                        + (f" && location.href === {json.dumps(address)}" if address else ""), f"a page to be drawn: {address}")
 
     def complaints(self):
         """What the browser has to say against the pages since the last call: exceptions, errors, violations."""
