@@ -10,7 +10,7 @@ cd "$(dirname "$0")/.."
 bin=${DEMO_BIN:-$PWD/build/demo}
 if [ -z "${DEMO_BIN:-}" ]; then
     scripts/setup demo-fleet
-    timed "building" build demo --target emp msm blade evctl evarchiver evfleet
+    timed "building" build demo --target emp msm blade evctl evarchiver evfleet evweb
 fi
 began=$SECONDS
 
@@ -108,8 +108,8 @@ if [ -x "$bin/evweb" ] && [[ $("$bin/evweb" --help) == *postgresql:* ]]; then
     : >"$base/page.log"
     "$bin/evweb" --db "$place" --listen "$address:0" >"$base/page.log" 2>&1 &
     page=$!
-    says "$page" "$base/page.log" "http://"
-    grep -o 'http://[^ ]*' "$base/page.log" | head -n 1
+    says "$page" "$base/page.log" "listening on .*:[0-9]"
+    sed -n 's|.*listening on \(.*:[0-9]*\)$|http://\1|p' "$base/page.log"
 else
     echo "(the page that shows all this is not built here)"
 fi
