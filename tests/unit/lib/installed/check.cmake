@@ -48,9 +48,13 @@ else()
     run(Compilation "${CXX}" -std=c++20 ${flags} -o "${work}/build/consumer"
         "${work}/source/consumer.cpp" ${package})
     file(MAKE_DIRECTORY "${work}/examples")
-    # The compiler of C links it: libmpu asks for no library of C++.
-    run("Compilation of C" "${CC}" -std=c99 -Wall -Wextra -pedantic -Werror ${flags}
-        -o "${work}/examples/log_event" "${EXAMPLES_DIR}/log_event.c" ${package})
+    # The oldest dialects that <mpu/event.h> serves. The compiler of C links it: libmpu asks for no library of C++.
+    foreach(standard c89 c99)
+        run("Compilation as ${standard}" "${CC}" -std=${standard} -Wall -Wextra -pedantic -Werror ${flags}
+            -o "${work}/examples/log_event" "${EXAMPLES_DIR}/log_event.c" ${package})
+    endforeach()
+    run("Compilation as C++11" "${CXX}" -std=c++11 -Wall -Wextra -pedantic -Werror ${flags}
+        -o "${work}/examples/log_events" "${EXAMPLES_DIR}/log_events.cpp" ${package})
 endif()
 # Without arguments it says how it is used.
 execute_process(COMMAND ${EMULATOR} "${work}/examples/log_event"
