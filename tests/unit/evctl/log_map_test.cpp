@@ -54,6 +54,16 @@ TEST(LogMap, CellsShowTypeAgeGapUnusedAndPositions) {
     EXPECT_THAT(lines, HasSubstr("\n> written next: offset 4000   < oldest event: offset 8077\n"));
 }
 
+TEST(LogMap, CellShowsTheWorstThatIsInIt) {
+    test::LogImage log;
+    for (uint8_t type : {1, 3, 2, 1, 1, /* the next cell */ 1, 2, 1, 1, 1}) {
+        log.raw(event(1000 + static_cast<uint32_t>(log.bytes.size()) / 200, type, 40));
+    }
+    log.dummy();
+    log.zerosTo();
+    EXPECT_EQ(rowOf(mapOfBytes(log.bytes), 0).substr(0, 2), "EW");
+}
+
 TEST(LogMap, DamageIsSeen) {
     test::LogImage log;
     log.events(0, 10);

@@ -25,15 +25,22 @@ namespace test {
 
 constexpr U32_t EVENTS_MAX = 520; // of the largest: once round and on
 
+inline EvlogIdentity_t identityOf(const std::string& enclosure, U32_t slot) {
+    EvlogIdentity_t identity = {.enclosureId = {}, .slotId = slot};
+    memcpy(identity.enclosureId, enclosure.data(), enclosure.size());
+    return identity;
+}
+
 /** In the child: scans, then appends; the number of events that were stored goes to @p to. */
-[[noreturn]] inline void work(const std::string& directory, U32_t dataLength, int to) {
+[[noreturn]] inline void work(const std::string& directory, U32_t dataLength,
+                              const EvlogIdentity_t& blade, int to) {
     int null = open("/dev/null", O_WRONLY);
     dup2(null, STDOUT_FILENO);
     static MPU_PARAMS_t params;
     memcpy(params.nvramDirectory, directory.data(), directory.size());
     oMpuParams = &params;
-    memcpy(empControl.empEnclosureId, "CHASSIS-1", 10);
-    empControl.empSlotId = 2;
+    memcpy(empControl.empEnclosureId, blade.enclosureId, sizeof(blade.enclosureId));
+    empControl.empSlotId = blade.slotId;
     empControl.empWrapOver = EMP_E_WRAP_OVER_FALSE;
     empScanEventLogFile();
     static U8_t message[65'536];
@@ -54,14 +61,15 @@ constexpr U32_t EVENTS_MAX = 520; // of the largest: once round and on
 
 /** @return how many events the event manager stores, at most EVENTS_MAX; nothing when it does not
  * come up */
-inline std::optional<U32_t> storedBy(const std::string& bytes, U32_t dataLength) {
+inline std::optional<U32_t> storedBy(const std::string& bytes, U32_t dataLength,
+                                     const EvlogIdentity_t& blade = identityOf("CHASSIS-1", 2)) {
     support::TempDirectory directory;
     support::writeFile(directory.file("kelta_eventlog"), bytes);
     int ends[2];
     EXPECT_EQ(pipe(ends), 0);
     pid_t child = fork();
     if (child == 0) {
-        work(directory.path(), dataLength, ends[1]);
+        work(directory.path(), dataLength, blade, ends[1]);
     }
     close(ends[1]);
     std::optional<U32_t> stored;

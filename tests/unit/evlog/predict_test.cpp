@@ -4,9 +4,11 @@
  */
 #include "event_manager_run.h"
 #include "evlog/predict.h"
-#include "log_image.h"
+#include "log_damage.h"
 
 #include <gtest/gtest.h>
+
+#include <fstream>
 
 using test::EVENTS_MAX;
 using test::LogImage;
@@ -15,10 +17,11 @@ using test::storedBy;
 namespace {
 
 /** Compares for the largest events; smaller ones take too many to go round. */
-void expectAgreement(const LogImage& log, const std::string& what) {
+void expectAgreement(const LogImage& log, const std::string& what,
+                     const EvlogIdentity_t& blade = test::identityOf("CHASSIS-1", 2)) {
     SCOPED_TRACE(what);
-    EvlogPrediction_t prediction = evlogPredict(test::imageOf(log.bytes), nullptr, {3848});
-    std::optional<U32_t> stored = storedBy(log.bytes, 3848);
+    EvlogPrediction_t prediction = evlogPredict(test::imageOf(log.bytes), &blade, {3848});
+    std::optional<U32_t> stored = storedBy(log.bytes, 3848, blade);
     EXPECT_EQ(stored.has_value(), !evlogIsFatal(prediction.state.verdict));
     if (!stored) {
         return;
@@ -43,6 +46,26 @@ LogImage wrapped(size_t gap) {
     log.events(500, 30);
     log.dummy();
     log.zerosTo();
+    return log;
+}
+
+/** A golden file: its size, then lines of an offset and the bytes from there on. */
+LogImage goldenLog(const std::string& name) {
+    std::ifstream file(std::string(GOLDEN_DIRECTORY) + "/" + name + ".log.txt");
+    LogImage log;
+    std::string word;
+    std::string digits;
+    while (file >> word >> digits) {
+        if (word == "size") {
+            log.bytes.resize(std::stoul(digits));
+            continue;
+        }
+        for (size_t at = 0; at < digits.size(); at += 2) {
+            log.bytes.at(std::stoul(word) + at / 2) =
+                static_cast<char>(std::stoi(digits.substr(at, 2), nullptr, 16));
+        }
+    }
+    EXPECT_EQ(log.bytes.size(), test::RING);
     return log;
 }
 
@@ -98,6 +121,28 @@ TEST(Predict, AgreesOnAStaleDummyInTheGap) {
     log.dummy();
     log.zerosTo();
     expectAgreement(log, "stale dummy");
+}
+
+TEST(Predict, AgreesOnTheGoldenFiles) {
+    for (const char* name : {"fresh", "events", "cleared", "wrapped"}) {
+        expectAgreement(goldenLog(name), name,
+                        test::identityOf("ENCLOSURE-SERIAL-0123456789-ABC", 3));
+        expectAgreement(goldenLog(name), std::string(name) + " of another blade");
+    }
+}
+
+TEST(Predict, AgreesOnRandomDamage) {
+    std::minstd_rand random(20061123);
+    for (int round = 0; round < 24; round++) {
+        LogImage log = round % 2 == 0 ? test::unwrapped() : test::wrapped(round % 4 == 1 ? 0 : 300);
+        for (unsigned acts = 1 + static_cast<unsigned>(random() % 3); acts > 0; acts--) {
+            test::damage(log.bytes, random);
+            if (log.bytes.size() < 400) {
+                break;
+            }
+        }
+        expectAgreement(log, "round " + std::to_string(round));
+    }
 }
 
 TEST(Predict, SoundFileLosesNothing) {
