@@ -56,7 +56,7 @@ TEST(LogMap, CellsShowTypeAgeGapUnusedAndPositions) {
 
 TEST(LogMap, CellShowsTheWorstThatIsInIt) {
     test::LogImage log;
-    for (uint8_t type : {1, 3, 2, 1, 1, /* the next cell */ 1, 2, 1, 1, 1}) {
+    for (uint8_t type : std::vector<uint8_t>{1, 3, 2, 1, 1, /* next cell */ 1, 2, 1, 1, 1}) {
         log.raw(event(1000 + static_cast<uint32_t>(log.bytes.size()) / 200, type, 40));
     }
     log.dummy();
