@@ -30,7 +30,7 @@ function(install_pages component)
 endfunction()
 
 # Sections of pages that units name.
-foreach(program blade evarchiver evgate evweb)
+foreach(program blade evarchiver evbridge evgate evweb)
     file(GLOB page ${PROJECT_SOURCE_DIR}/docs/man/${program}.[1-8])
     string(TOUPPER ${program}_SECTION section)
     string(REGEX REPLACE ".*\\." "" ${section} ${page})
@@ -120,6 +120,14 @@ if(TARGET evweb)
     install_completion(evarchiver evweb)
     install_unit(evarchiver evweb.service)
     install(FILES ${PACKAGING}/etc/evweb
+        DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/default COMPONENT evarchiver)
+endif()
+
+if(TARGET evbridge)
+    install_program(evarchiver ${CMAKE_INSTALL_SBINDIR} evbridge)
+    install_completion(evarchiver evbridge)
+    install_unit(evarchiver evbridge.service)
+    install(FILES ${PACKAGING}/etc/evbridge
         DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/default COMPONENT evarchiver)
 endif()
 

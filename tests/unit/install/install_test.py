@@ -16,16 +16,16 @@ import unittest
 CMAKE, BUILD, PREFIX = sys.argv[1:4]
 del sys.argv[1:4]
 
-SYSTEM_PROGRAMS = ("blade", "emp", "evarchiver", "evgate", "evweb", "msm")
-COMPLETED = ("blade", "evarchiver", "evctl", "evfleet", "evgate", "evweb", "msm")
+SYSTEM_PROGRAMS = ("blade", "emp", "evarchiver", "evbridge", "evgate", "evweb", "msm")
+COMPLETED = ("blade", "evarchiver", "evbridge", "evctl", "evfleet", "evgate", "evweb", "msm")
 EXPECTED = [
     "bin/evctl", "bin/evfleet", *[f"sbin/{program}" for program in SYSTEM_PROGRAMS],
     *[f"share/bash-completion/completions/{program}" for program in COMPLETED],
     *[f"share/zsh/site-functions/_{program}" for program in COMPLETED],
     *[f"share/fish/vendor_completions.d/{program}.fish" for program in COMPLETED],
-    "etc/default/evarchiver", "etc/default/evgate", "etc/default/evweb", "etc/event-manager/blade.conf", "etc/logrotate.d/event-manager",
+    "etc/default/evarchiver", "etc/default/evbridge", "etc/default/evgate", "etc/default/evweb", "etc/event-manager/blade.conf", "etc/logrotate.d/event-manager",
     "lib/systemd/system/blade@.service", "lib/systemd/system/evarchiver.service", "lib/systemd/system/evgate.service",
-    "lib/systemd/system/evweb.service",
+    "lib/systemd/system/evbridge.service", "lib/systemd/system/evweb.service",
     *[f"lib/{kind}.d/{name}.conf" for kind in ("sysusers", "tmpfiles") for name in ("blade", "evarchiver")],
     "share/doc/event-manager/README.md", "share/doc/event-manager/operations.md",
     "share/doc/event-manager/formats.md", "share/doc/libmpu-dev/examples/log_event.c",
@@ -64,7 +64,7 @@ class InstallTest(unittest.TestCase):
     # --- Services
 
     def test_units_are_well_formed(self):
-        self.assertEqual(len(self.units), 4)
+        self.assertEqual(len(self.units), 5)
         # The system's own targets, which these units are ordered by.
         system = self.root / "lib/systemd/system"
         system.mkdir(parents=True)

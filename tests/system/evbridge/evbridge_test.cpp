@@ -1,0 +1,375 @@
+/** Events of archives and logs on their way to receivers that come and go. */
+#include "blade_link.h"
+#include "log_image.h"
+#include "program.h"
+
+#include <gmock/gmock.h>
+
+#include <arpa/inet.h>
+#include <csignal>
+#include <netinet/in.h>
+#include <poll.h>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace support;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+/** A receiver of datagrams. */
+class Datagrams {
+  public:
+    explicit Datagrams(const std::string& path)
+        : path_(path), descriptor_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        EXPECT_EQ(bind(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    }
+    ~Datagrams() {
+        close(descriptor_);
+        unlink(path_.c_str());
+    }
+    Datagrams(const Datagrams&) = delete;
+    Datagrams& operator=(const Datagrams&) = delete;
+
+    /** The next one; empty: nothing came before the deadline. */
+    std::string next(std::chrono::milliseconds deadline = DEADLINE) const {
+        pollfd readable{descriptor_, POLLIN, 0};
+        if (poll(&readable, 1, static_cast<int>(deadline.count())) != 1) {
+            return {};
+        }
+        std::string bytes(65'536, '\0');
+        bytes.resize(static_cast<size_t>(recv(descriptor_, bytes.data(), bytes.size(), 0)));
+        return bytes;
+    }
+
+  private:
+    std::string path_;
+    int descriptor_;
+};
+
+U32_t sequenceOf(const std::string& message) {
+    const size_t at = message.find(" seq=\"");
+    return at == std::string::npos ? 0 : static_cast<U32_t>(std::stoul(message.substr(at + 6)));
+}
+
+class BridgeTest : public ArchiverProcessTest {
+  protected:
+    /** Files events of the blade, all certain. */
+    void file(U32_t first, U32_t last, const LogName& log = {}) {
+        if (!archiver_) {
+            start();
+        }
+        BladeLink link(port_);
+        claim(link, event(first, log));
+        link.send(events(first, last, log));
+        claim(link, event(first, log));
+    }
+
+    std::unique_ptr<Process> bridge(const std::string& to,
+                                    const std::vector<std::string>& more = {"--once"}) {
+        std::vector<std::string> all = {"--from",   from_,       "--to",       to,
+                                        "--cursor", cursorPath_, "--interval", "1"};
+        all.insert(all.end(), more.begin(), more.end());
+        return std::make_unique<Process>(commandOf("evbridge", all),
+                                         directory_.file("bridge" + std::to_string(++starts_)));
+    }
+
+    /** The ids that come until there are @p count messages. */
+    static std::vector<U32_t> ids(const Datagrams& receiver, size_t count) {
+        std::vector<U32_t> found;
+        while (found.size() < count) {
+            const std::string message = receiver.next();
+            if (message.empty()) {
+                break;
+            }
+            found.push_back(sequenceOf(message));
+        }
+        return found;
+    }
+
+    /** All numbers from first to last. */
+    static std::vector<U32_t> range(U32_t first, U32_t last) {
+        std::vector<U32_t> all;
+        for (U32_t id = first; id <= last; ++id) {
+            all.push_back(id);
+        }
+        return all;
+    }
+
+    std::string from_ = database_;
+    std::string socketPath_ = directory_.file("receiver");
+    std::string syslog_ = "syslog:unix:" + socketPath_;
+    std::string cursorPath_ = directory_.file("cursor");
+};
+
+TEST_F(BridgeTest, EachEventOfAnArchiveIsHandedOnOnceAndInOrder) {
+    file(1, 900);
+    const Datagrams receiver(socketPath_);
+    const auto first = bridge(syslog_);
+    EXPECT_EQ(ids(receiver, 900), range(1, 900));
+    EXPECT_EQ(first->wait(), exitedWith(0));
+    file(1, 905);
+    const auto second = bridge(syslog_);
+    EXPECT_EQ(second->wait(), exitedWith(0));
+    EXPECT_EQ(ids(receiver, 5), range(901, 905));
+    EXPECT_EQ(receiver.next(std::chrono::milliseconds(0)), "");
+    EXPECT_EQ(readFile(cursorPath_), "evbridge 1\n1-905 ENC-A/BLADE-1/1/1/1\n");
+}
+
+TEST_F(BridgeTest, WhatComesLateIsHandedOnToo) {
+    file(10, 20);
+    const Datagrams receiver(socketPath_);
+    EXPECT_EQ(bridge(syslog_)->wait(), exitedWith(0));
+    EXPECT_EQ(ids(receiver, 11), range(10, 20));
+    file(3, 20);
+    EXPECT_EQ(bridge(syslog_)->wait(), exitedWith(0));
+    EXPECT_EQ(ids(receiver, 7), range(3, 9));
+}
+
+TEST_F(BridgeTest, AMessageSaysWhatTheEventSaysAndWhereItIsFrom) {
+    start();
+    const std::string text = "fan \"2\" slow";
+    {
+        BladeLink link(port_);
+        claim(link, event(1));
+        link.send(eventMessage({.id = 1, .data = Bytes(text.begin(), text.end()), .source = 10}));
+        claim(link, event(1));
+    }
+    const Datagrams receiver(socketPath_);
+    EXPECT_EQ(bridge(syslog_)->wait(), exitedWith(0));
+    const std::string message = receiver.next();
+    EXPECT_THAT(message, HasSubstr("<134>1 1970-01-01T00:16:40Z BLADE-1 "));
+    EXPECT_THAT(message, HasSubstr("seq=\"1\" instance=\"1\" enclosure=\"ENC-A\" slot=\"1\""));
+    EXPECT_TRUE(message.ends_with("] " + text)) << message;
+}
+
+TEST_F(BridgeTest, TheJournalGetsFields) {
+    start();
+    const Bytes data = {'a', 0, '\n', 0xFF};
+    {
+        BladeLink link(port_);
+        claim(link, event(1));
+        link.send(eventMessage({.id = 7, .data = data}));
+        claim(link, event(1));
+    }
+    const Datagrams receiver(socketPath_);
+    EXPECT_EQ(bridge("journal:" + socketPath_)->wait(), exitedWith(0));
+    const std::string message = receiver.next();
+    const auto field = [&message](const std::string& name) {
+        const size_t at = message.find("\n" + name + "\n");
+        if (at == std::string::npos) {
+            return std::string("missing");
+        }
+        const size_t length = at + name.size() + 2;
+        return message.substr(length + 8, static_cast<U8_t>(message[length]));
+    };
+    EXPECT_EQ(message.substr(0, 8), "MESSAGE\n");
+    EXPECT_EQ(field("EMP_SEQUENCE"), "7");
+    EXPECT_EQ(field("EMP_ENCLOSURE"), "ENC-A");
+    EXPECT_EQ(field("EMP_BLADE"), "BLADE-1");
+    EXPECT_EQ(field("PRIORITY"), "6");
+    EXPECT_EQ(field("EMP_DATA"), std::string(data.begin(), data.end()));
+}
+
+TEST_F(BridgeTest, OnlyWhatTheFiltersWantIsHandedOn) {
+    file(1, 50);
+    const Datagrams receiver(socketPath_);
+    EXPECT_EQ(bridge(syslog_, {"--once", "--seq", "20:22"})->wait(), exitedWith(0));
+    EXPECT_THAT(ids(receiver, 3), ElementsAre(20, 21, 22));
+    EXPECT_EQ(receiver.next(std::chrono::milliseconds(0)), "");
+}
+
+TEST_F(BridgeTest, WhatIsThereCanBeLeftOut) {
+    file(1, 50);
+    const Datagrams receiver(socketPath_);
+    EXPECT_EQ(bridge(syslog_, {"--once", "--skip-old"})->wait(), exitedWith(0));
+    file(1, 52);
+    EXPECT_EQ(bridge(syslog_, {"--once", "--skip-old"})->wait(), exitedWith(0));
+    EXPECT_THAT(ids(receiver, 2), ElementsAre(51, 52));
+    EXPECT_EQ(receiver.next(std::chrono::milliseconds(0)), "");
+}
+
+TEST_F(BridgeTest, AReceiverThatIsAwayMissesNothing) {
+    file(1, 20);
+    const auto running = bridge(syslog_, {});
+    running->waitForOutput("events wait, tried again");
+    {
+        const Datagrams receiver(socketPath_);
+        EXPECT_EQ(ids(receiver, 20), range(1, 20));
+        running->waitForOutput("goes on");
+    }
+    file(1, 40);
+    EXPECT_TRUE(waitUntil([&] {
+        const std::string output = running->output();
+        return output.find("tried again", output.find("goes on")) != std::string::npos;
+    }));
+    const Datagrams again(socketPath_);
+    EXPECT_EQ(ids(again, 20), range(21, 40));
+    running->signal(SIGTERM);
+    EXPECT_EQ(running->wait(), exitedWith(0));
+    EXPECT_EQ(running->errorOutput(), "");
+}
+
+// What came, each event once or more: without repetitions it is everything, in order.
+void expectAllInOrder(const std::vector<U32_t>& came, U32_t last) {
+    U32_t newest = 0;
+    for (const U32_t id : came) {
+        ASSERT_LE(id, newest + 1) << "nothing is left out";
+        newest = std::max(newest, id);
+    }
+    EXPECT_EQ(newest, last);
+}
+
+TEST_F(BridgeTest, ABridgeKilledAgainAndAgainHandsEverythingOn) {
+    constexpr U32_t LAST = 3000;
+    file(1, LAST);
+    const Datagrams receiver(socketPath_);
+    std::vector<U32_t> came;
+    for (const size_t upTo : {10U, 499U, 300U, 600U}) {
+        const auto running = bridge(syslog_);
+        const auto some = ids(receiver, upTo);
+        running->signal(SIGKILL);
+        running->wait();
+        came.insert(came.end(), some.begin(), some.end());
+        while (true) { // what its system had already
+            const std::string message = receiver.next(std::chrono::milliseconds(0));
+            if (message.empty()) {
+                break;
+            }
+            came.push_back(sequenceOf(message));
+        }
+    }
+    const auto running = bridge(syslog_);
+    while (came.empty() || came.back() < LAST) {
+        const auto more = ids(receiver, 1);
+        ASSERT_FALSE(more.empty());
+        came.push_back(more.front());
+    }
+    EXPECT_EQ(running->wait(), exitedWith(0));
+    expectAllInOrder(came, LAST);
+    EXPECT_LT(came.size(), LAST + 5 * 500U) << "no more than a batch comes again";
+}
+
+/** Takes one TCP connection and reads some of it. */
+class TcpReceiver {
+  public:
+    explicit TcpReceiver(U16_t port) {
+        const int one = 1;
+        setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+        // What its system has is confirmed: less than a batch, so that nothing is until all is
+        // read.
+        const int little = 4096;
+        setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &little, sizeof(little));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        EXPECT_EQ(listen(listener_, 1), 0);
+    }
+    ~TcpReceiver() {
+        close(taken_);
+        close(listener_);
+    }
+    TcpReceiver(const TcpReceiver&) = delete;
+    TcpReceiver& operator=(const TcpReceiver&) = delete;
+
+    /** The next message: "LENGTH MESSAGE". Throws at the end of the stream. */
+    std::string next() {
+        if (taken_ < 0) {
+            taken_ = accept(listener_, nullptr, nullptr);
+        }
+        std::string length;
+        for (char digit = take(); digit != ' '; digit = take()) {
+            length += digit;
+        }
+        std::string message(std::stoul(length), '\0');
+        for (char& byte : message) {
+            byte = take();
+        }
+        return message;
+    }
+
+  private:
+    char take() const {
+        char byte = 0;
+        if (recv(taken_, &byte, 1, 0) != 1) {
+            throw std::runtime_error("the stream has ended");
+        }
+        return byte;
+    }
+
+    int listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int taken_ = -1;
+};
+
+TEST_F(BridgeTest, ATcpReceiverThatBreaksOffGetsTheRestWhenItIsBack) {
+    constexpr U32_t LAST = 1200;
+    file(1, LAST);
+    const U16_t port = freePort();
+    std::vector<U32_t> came;
+    const auto running = bridge("syslog:tcp:127.0.0.1:" + std::to_string(port));
+    {
+        TcpReceiver receiver(port);
+        while (came.size() < 100) {
+            came.push_back(sequenceOf(receiver.next()));
+        }
+    }
+    TcpReceiver receiver(port);
+    while (came.back() < LAST) {
+        came.push_back(sequenceOf(receiver.next()));
+    }
+    EXPECT_EQ(running->wait(), exitedWith(0));
+    expectAllInOrder(came, LAST);
+}
+
+TEST_F(BridgeTest, ALogFileIsFollowed) {
+    from_ = directory_.file("kelta_eventlog");
+    test::LogImage log;
+    log.firstEntry();
+    const auto grow = [&](U32_t id, const std::string& text) {
+        log.raw(test::record({.id = id}, text));
+        test::LogImage whole = log;
+        whole.zerosTo();
+        writeFile(from_, whole.bytes);
+    };
+    grow(1, "the first");
+    const Datagrams receiver(socketPath_);
+    const auto running = bridge(syslog_, {});
+    EXPECT_EQ(sequenceOf(receiver.next()), 0U);
+    EXPECT_THAT(receiver.next(), HasSubstr("the first"));
+    grow(2, "one more");
+    EXPECT_THAT(receiver.next(), HasSubstr("one more"));
+    running->signal(SIGTERM);
+    EXPECT_EQ(running->wait(), exitedWith(0));
+    grow(3, "and another");
+    EXPECT_EQ(bridge(syslog_)->wait(), exitedWith(0));
+    EXPECT_THAT(receiver.next(), HasSubstr("and another"));
+    EXPECT_EQ(receiver.next(std::chrono::milliseconds(0)), "");
+}
+
+TEST_F(BridgeTest, WhatCannotBeUsedIsNamed) {
+    file(1, 2);
+    const auto refusal = [this](const std::string& to) {
+        const auto process = bridge(to);
+        EXPECT_EQ(process->wait(), exitedWith(2));
+        return process->errorOutput();
+    };
+    EXPECT_THAT(refusal("syslog:pipe:x"), HasSubstr("'syslog:pipe:x' is no receiver"));
+    EXPECT_THAT(refusal("syslog:tcp:somewhere"), HasSubstr("is no port"));
+    writeFile(cursorPath_, "something else\n");
+    EXPECT_THAT(refusal(syslog_), HasSubstr("it is no cursor of evbridge"));
+    EXPECT_EQ(readFile(cursorPath_), "something else\n");
+    writeFile(cursorPath_, "evbridge 1\n9-1 ENC-A/BLADE-1/1/1/1\n");
+    EXPECT_THAT(refusal(syslog_), HasSubstr("'9-1' is no run of ids"));
+    from_ = "/nowhere";
+    EXPECT_THAT(refusal(syslog_), HasSubstr("/nowhere: there is no such file"));
+}
+
+} // namespace
