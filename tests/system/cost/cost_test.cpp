@@ -23,17 +23,19 @@ constexpr double CALLS_OF_A_SINGLE_EVENT_IN_A_FULL_LOG = 5.0 + ONCE_A_SECOND;
 // full log the record's write too.
 constexpr double CALLS_OF_AN_EVENT_AMONG_MANY = 2.1 + ONCE_A_SECOND;
 constexpr double CALLS_OF_AN_EVENT_AMONG_MANY_IN_A_FULL_LOG = 0.15 + ONCE_A_SECOND;
+// Through the message switch, of messages that arrive together: the wait, the receive, a send for
+// each 12 KiB, looks whether there is more.
+constexpr double CALLS_OF_A_MESSAGE_OF_THE_SWITCH = 0.2;
 // One event in flight, the log not full; with room for another release of the compiler.
 constexpr double INSTRUCTIONS_OF_AN_EVENT = 10'700;
 
 constexpr size_t DATA_SIZE = 100;
 constexpr size_t COPY_SIZE = 316; // header, event header, data
 
-/** The event manager with its system calls written to a file. */
-std::vector<std::string> traced(const Blade& blade, const std::string& trace) {
-    std::vector<std::string> words = blade.command();
+/** A program with its system calls written to a file. */
+std::vector<std::string> traced(std::vector<std::string> words, const std::string& trace) {
     if (runner().empty()) {
-        // The tracer is the grandchild: the child is the event manager.
+        // The tracer is the grandchild: the child is the program.
         words.insert(words.begin(), {STRACE, "-D", "-o", trace});
     } else {
         words.insert(words.begin() + 1, {"-strace", "-D", trace});
@@ -151,7 +153,7 @@ TEST_F(Cost, SystemCallsOfASingleEvent) {
     if (runner().empty() && std::string(STRACE).empty()) {
         GTEST_SKIP() << "there is no strace here";
     }
-    RunningEmp emp(blade_, traced(blade_, blade_.file("trace")));
+    RunningEmp emp(blade_, traced(blade_.command(), blade_.file("trace")));
     emp.startQuietly();
     logSingly(emp, 50);
     emp.kill();
@@ -163,7 +165,7 @@ TEST_F(Cost, SystemCallsOfASingleEventInAFullLog) {
         GTEST_SKIP() << "there is no strace here";
     }
     fillLog();
-    RunningEmp emp(blade_, traced(blade_, blade_.file("trace")));
+    RunningEmp emp(blade_, traced(blade_.command(), blade_.file("trace")));
     emp.startQuietly();
     logSingly(emp, 50);
     emp.kill();
@@ -174,7 +176,7 @@ TEST_F(Cost, SystemCallsOfAnEventAmongMany) {
     if (runner().empty() && std::string(STRACE).empty()) {
         GTEST_SKIP() << "there is no strace here";
     }
-    RunningEmp emp(blade_, traced(blade_, blade_.file("trace")));
+    RunningEmp emp(blade_, traced(blade_.command(), blade_.file("trace")));
     emp.startQuietly();
     logTogether(emp, 150);
     emp.kill();
@@ -186,12 +188,70 @@ TEST_F(Cost, SystemCallsOfAnEventAmongManyInAFullLog) {
         GTEST_SKIP() << "there is no strace here";
     }
     fillLog();
-    RunningEmp emp(blade_, traced(blade_, blade_.file("trace")));
+    RunningEmp emp(blade_, traced(blade_.command(), blade_.file("trace")));
     emp.startQuietly();
     logTogether(emp, 150);
     emp.kill();
     EXPECT_LE(callsOfAnEvent(blade_.file("trace"), 1, 100),
               CALLS_OF_AN_EVENT_AMONG_MANY_IN_A_FULL_LOG);
+}
+
+/** Connections that the switch has taken. */
+ptrdiff_t acceptsIn(const std::string& trace) {
+    std::istringstream text(readFile(trace));
+    ptrdiff_t accepts = 0;
+    for (std::string line; std::getline(text, line);) {
+        accepts +=
+            line.find("accept") != std::string::npos && line.find("= -1") == std::string::npos;
+    }
+    return accepts;
+}
+
+/** The calls from the first receive that brought something up to the last send. */
+Calls callsOfTheSwitch(const std::string& trace) {
+    std::istringstream text(readFile(trace));
+    Calls calls;
+    Calls last;
+    for (std::string line; std::getline(text, line);) {
+        size_t result = line.rfind("= ");
+        bool received = line.find("recv") != std::string::npos && result != std::string::npos &&
+                        std::strtol(line.c_str() + result + 2, nullptr, 10) > 0;
+        if (!calls.lines.empty() || received) {
+            calls.lines.push_back(line);
+            size_t sent = copiesSent(line);
+            calls.copies += sent;
+            last = sent != 0 ? calls : last;
+        }
+    }
+    return last;
+}
+
+TEST_F(Cost, SystemCallsOfAMessageThroughTheSwitch) {
+    if (runner().empty() && std::string(STRACE).empty()) {
+        GTEST_SKIP() << "there is no strace here";
+    }
+    TempDirectory directory;
+    std::string trace = directory.file("trace");
+    Process msm(traced(commandOf("msm", {directory.path()}), trace), directory.file("msm"));
+    msm.waitForOutput("listening in");
+    MmsgClient sender(directory.file("startup"));
+    MmsgClient receiver(directory.file("eventlog"));
+    requireSoon([&] { return acceptsIn(trace) >= 2; }, "both connections");
+    constexpr int MESSAGES = 150;
+    Bytes all;
+    for (int i = 0; i < MESSAGES; i++) {
+        all.insert(all.end(), message_.begin(), message_.end());
+    }
+    sender.send(all);
+    for (int i = 0; i < MESSAGES; i++) {
+        receiver.receive();
+    }
+    msm.signal(SIGKILL);
+    EXPECT_EQ(msm.wait(), diedOf(SIGKILL));
+    requireSoon([&] { return callsOfTheSwitch(trace).copies == MESSAGES; }, "the whole trace");
+    double each = static_cast<double>(callsOfTheSwitch(trace).lines.size()) / MESSAGES;
+    std::cout << each << " system calls a message\n";
+    EXPECT_LE(each, CALLS_OF_A_MESSAGE_OF_THE_SWITCH);
 }
 
 TEST_F(Cost, InstructionsOfAnEvent) {
