@@ -33,13 +33,13 @@ class Import {
         for (GenerationInfo& generation : from_.listGenerations()) {
             logs[generation.key].push_back(std::move(generation));
         }
-        for (const auto& [key, generations] : logs) {
-            const auto taken = [&] { return takeLog(key, generations); };
-            if (again(storeOf(key), taken)) {
+        for (const auto& log : logs) {
+            const auto take = [&] { return takeLog(log.first, log.second); };
+            if (again(storeOf(log.first), take)) {
                 ++imported_.logs;
             } else {
                 ++imported_.leftOut;
-                out << nameOf(key) << ": left out, the shared archive has it already\n";
+                out << nameOf(log.first) << ": left out, the shared archive has it already\n";
             }
         }
         from_.forEachAside([this](const AsideEvent& event) { takeAside(event); });
