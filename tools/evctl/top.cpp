@@ -10,6 +10,7 @@
 #include <ctime>
 #include <iostream>
 #include <optional>
+#include <stdexcept>
 #include <thread>
 #include <unistd.h>
 
@@ -41,6 +42,9 @@ class Top {
 
     /** Throws when there is no log. */
     std::vector<std::string> lines();
+
+    /** lines(), or the line that says why there are none: a log may be away for a moment. */
+    std::vector<std::string> linesOrProblem();
 
   private:
     void askStatus(TopView& view);
@@ -107,6 +111,14 @@ std::vector<std::string> Top::lines() {
     return topLines(content, view);
 }
 
+std::vector<std::string> Top::linesOrProblem() {
+    try {
+        return lines();
+    } catch (const std::runtime_error& problem) {
+        return {tools::escapedText(problem.what())};
+    }
+}
+
 void printBatch(const std::vector<std::string>& lines, bool first) {
     std::cout << (first ? "" : "\n");
     for (const std::string& line : lines) {
@@ -138,7 +150,7 @@ int runTop(const TopOptions& options) {
         if (!screen) {
             std::this_thread::sleep_for(interval);
         }
-        lines = top.lines();
+        lines = top.linesOrProblem();
     }
 }
 

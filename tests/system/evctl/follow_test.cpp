@@ -183,25 +183,13 @@ TEST_F(Follow, GapOfFilteredEventsIsNone) {
     EXPECT_EQ(evctl.wait(), support::exitedWith(0));
 }
 
-/** Answers the question for the newest event, from which the own log is known. */
-void answerIdentity(support::MmsgClient& asked, const Bytes& newest) {
-    Bytes request = asked.receive();
-    EXPECT_EQ(request[67], 5); // LAST
-    asked.send(support::makeMmsg({.type = 2,
-                                  .requestor = 27,
-                                  .cont = 0x40,
-                                  .dest = 28,
-                                  .local = {28},
-                                  .returnCode = 1,
-                                  .handle = support::headerOf(request).handle},
-                                 newest));
-}
+constexpr U8_t FIRST = 1, NEXT = 2, EXACT = 3, LAST = 5;
 
-/** Answers "next after @p after". An empty @p event: there is none. */
-void answerNext(support::MmsgClient& asked, U8_t after, const Bytes& event) {
+/** Answers an inquiry of a type about an id; an empty @p event: there is none. */
+void answerAbout(support::MmsgClient& asked, U8_t type, U8_t id, const Bytes& event) {
     Bytes request = asked.receive();
-    EXPECT_EQ(request[67], 2); // NEXT
-    EXPECT_EQ(request[207], after);
+    EXPECT_EQ(request[67], type);
+    EXPECT_EQ(request[207], id);
     asked.send(support::makeMmsg({.type = 2,
                                   .requestor = 27,
                                   .cont = 0x40,
@@ -210,6 +198,16 @@ void answerNext(support::MmsgClient& asked, U8_t after, const Bytes& event) {
                                   .returnCode = event.empty() ? 2U : 1U,
                                   .handle = support::headerOf(request).handle},
                                  event.empty() ? Bytes(152) : event));
+}
+
+/** Answers the question for the newest event, from which the own log is known. */
+void answerIdentity(support::MmsgClient& asked, const Bytes& newest) {
+    answerAbout(asked, LAST, 0, newest);
+}
+
+/** Answers "next after @p after". */
+void answerNext(support::MmsgClient& asked, U8_t after, const Bytes& event) {
+    answerAbout(asked, NEXT, after, event);
 }
 
 /** An event as an answer's body: the copy without its header. */
@@ -251,23 +249,6 @@ TEST_F(Follow, WhatCannotBeRefilledStaysAGap) {
     EXPECT_NE(evctl.output().find("gap: 6 to 6\n         7  "), std::string::npos);
     EXPECT_NE(evctl.output().find("gap: 8 to 9\n        10  "), std::string::npos);
 }
-
-/** Answers an inquiry of a type about an id; an empty @p event: there is none. */
-void answerAbout(support::MmsgClient& asked, U8_t type, U8_t id, const Bytes& event) {
-    Bytes request = asked.receive();
-    EXPECT_EQ(request[67], type);
-    EXPECT_EQ(request[207], id);
-    asked.send(support::makeMmsg({.type = 2,
-                                  .requestor = 27,
-                                  .cont = 0x40,
-                                  .dest = 28,
-                                  .local = {28},
-                                  .returnCode = event.empty() ? 2U : 1U,
-                                  .handle = support::headerOf(request).handle},
-                                 event.empty() ? Bytes(152) : event));
-}
-
-constexpr U8_t FIRST = 1, NEXT = 2, EXACT = 3, LAST = 5;
 
 /** The ids that lines begin with. */
 std::vector<int> idsOf(const std::string& output) {

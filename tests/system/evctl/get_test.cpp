@@ -33,6 +33,36 @@ TEST_F(Get, ModesAskWithTheIdentityOfTheNewestEvent) {
     }
 }
 
+TEST_F(Get, WithAFilterItGoesOnUntilAnEventMatches) {
+    support::Process evctl = start({"get", "last", "--seq", ":7", "-o", "syslog"});
+    support::MmsgClient peer = listener_.accept();
+    answer(peer, inquiry(LAST, 0, false), 1, event(9));
+    answer(peer, inquiry(PREVIOUS, 9), 1, event(8));
+    answer(peer, inquiry(PREVIOUS, 8), 1, event(7));
+    EXPECT_EQ(evctl.wait(), exitedWith(0)) << evctl.errorOutput();
+    EXPECT_THAT(evctl.output(), HasSubstr("[event@32473 seq=\"7\""));
+}
+
+TEST_F(Get, ExactEventThatDoesNotMatchIsNone) {
+    support::Process evctl = start({"get", "exact", "5", "--type", "error"});
+    support::MmsgClient peer = listener_.accept();
+    answer(peer, inquiry(LAST, 0, false), 1, event(9));
+    answer(peer, inquiry(EXACT, 5), 1, event(5));
+    EXPECT_EQ(evctl.wait(), exitedWith(1));
+    EXPECT_EQ(evctl.output(), "");
+    EXPECT_EQ(evctl.errorOutput(), "evctl: there is no such event\n");
+}
+
+TEST_F(Get, AFilterThatNothingMatchesEndsAtTheLastEvent) {
+    support::Process evctl = start({"get", "first", "--type", "error"});
+    support::MmsgClient peer = listener_.accept();
+    answer(peer, inquiry(FIRST, 0, false), 1, event(1));
+    answer(peer, inquiry(NEXT, 1), 1, event(2));
+    answer(peer, inquiry(NEXT, 2), 1, event(2)); // does not move on
+    EXPECT_EQ(evctl.wait(), exitedWith(1));
+    EXPECT_EQ(evctl.errorOutput(), "evctl: there is no such event\n");
+}
+
 TEST_F(Get, NamedLogIsAskedForAtOnce) {
     support::Process evctl = start(
         {"get", "first", "--enclosure", "E", "--blade", "B", "--slot", "2", "--instance", "7"});

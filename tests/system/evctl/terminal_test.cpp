@@ -130,7 +130,7 @@ TEST_F(TopOnATerminal, EndsWithTheKeyAndLeavesTheTerminalAsItWas) {
 }
 
 TEST_F(TopOnATerminal, EndsOfASignalAndLeavesTheTerminalAsItWas) {
-    for (int number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
+    for (int number : {SIGTERM, SIGINT, SIGHUP}) {
         Terminal terminal(top(), 120, withTerm({}));
         struct termios before = terminal.settings();
         terminal.waitFor("startup");
@@ -152,6 +152,17 @@ TEST_F(TopOnATerminal, LinesAreCutToTheWidthThatItGets) {
     EXPECT_THAT(terminal.waitFor("startup"), Not(HasSubstr("unwrapped")));
     terminal.resize(120);
     terminal.waitFor("unwrapped");
+}
+
+TEST_F(TopOnATerminal, ALogThatIsAwayForAMomentIsSaid) {
+    Terminal terminal(top(), 120, withTerm({}));
+    terminal.waitFor("newest event 60");
+    rename(log_.c_str(), directory_.file("away").c_str());
+    size_t seen = terminal.waitFor("No such file").size();
+    rename(directory_.file("away").c_str(), log_.c_str());
+    support::requireSoon(
+        [&] { return terminal.waitFor("").find("newest event 60", seen) != std::string::npos; },
+        "the log again");
 }
 
 TEST_F(TopOnATerminal, ShowsWhatComes) {

@@ -133,6 +133,51 @@ TEST_F(WalkTest, FilteredEventsAreWalkedOver) {
     EXPECT_EQ(ids(evctl), (std::vector<int>{4}));
 }
 
+TEST_F(WalkTest, LastReverseAndAroundApplyToWhatWasWalked) {
+    const std::vector<std::pair<std::vector<std::string>, std::vector<int>>> cases = {
+        {{"-n", "2"}, {5, 6}},
+        {{"-r"}, {6, 5, 4, 3}},
+        {{"--around", "4", "-n", "1"}, {3, 4, 5}},
+        {{"--seq", ":5", "-n", "1", "-r"}, {5}}};
+    for (const auto& [options, expected] : cases) {
+        std::vector<std::string> arguments = {"walk"};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        support::Process evctl = start(arguments);
+        support::MmsgClient peer = listener_.accept();
+        answerFirst(peer, 3);
+        for (U8_t id : {U8_t{3}, U8_t{4}, U8_t{5}}) {
+            answer(peer, inquiry(NEXT, id), 1, event(static_cast<U8_t>(id + 1)));
+        }
+        answer(peer, inquiry(NEXT, 6), 2, event(6));
+        answer(peer, inquiry(EXACT, 6), 1, event(6));
+        EXPECT_EQ(evctl.wait(), exitedWith(0)) << evctl.errorOutput();
+        EXPECT_EQ(ids(evctl), expected) << testing::PrintToString(options);
+    }
+}
+
+TEST_F(WalkTest, GoesOnBehindTheCursorOfAnotherReader) {
+    support::Process first =
+        start({"walk", "--cursor-file", directory_.file("cursor"), "-o", "csv"});
+    {
+        support::MmsgClient peer = listener_.accept();
+        answerFirst(peer, 4);
+        answer(peer, inquiry(NEXT, 4), 2, event(4));
+        answer(peer, inquiry(EXACT, 4), 1, event(4));
+        EXPECT_EQ(first.wait(), exitedWith(0));
+        EXPECT_THAT(first.output(), testing::StartsWith("sequenceId,"));
+    }
+    support::Process evctl = start({"walk", "--cursor-file", directory_.file("cursor")});
+    support::MmsgClient peer = listener_.accept();
+    answer(peer, inquiry(LAST, 0, false), 1, event(5));
+    answer(peer, inquiry(LAST, 0), 1, event(5));
+    answer(peer, inquiry(EXACT, 4), 1, event(4));
+    answer(peer, inquiry(NEXT, 4), 1, event(5));
+    answer(peer, inquiry(NEXT, 5), 2, event(5));
+    answer(peer, inquiry(EXACT, 5), 1, event(5));
+    EXPECT_EQ(evctl.wait(), exitedWith(0)) << evctl.errorOutput();
+    EXPECT_EQ(ids(evctl), (std::vector<int>{5}));
+}
+
 TEST_F(WalkTest, FollowListensBeforeItAsksAndNeverPolls) {
     support::MmsgListener management(directory_.file("smi_ind"));
     support::Process evctl = start({"walk", "--follow"});
