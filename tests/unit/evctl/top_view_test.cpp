@@ -12,14 +12,14 @@ using testing::StartsWith;
 
 namespace {
 
-constexpr uint32_t NOW = 1'164'117'600; // 2006-11-21T14:00:00Z
+constexpr uint32_t PICTURE_TIME = 1'164'117'600; // 2006-11-21T14:00:00Z
 
 /** A log of events with 40 bytes of data, each so long before now. */
 class TopPicture : public testing::Test {
   protected:
     void add(uint8_t source, int64_t before) {
         log_.raw(test::record(
-            {.id = id_++, .time = static_cast<uint32_t>(NOW - before), .source = source},
+            {.id = id_++, .time = static_cast<uint32_t>(PICTURE_TIME - before), .source = source},
             std::string(40, 'e')));
     }
     std::vector<std::string> lines(const TopView& more = {}) {
@@ -31,7 +31,7 @@ class TopPicture : public testing::Test {
         image_ = test::imageOf(log_.bytes);
         TopView view = more;
         view.place = "log";
-        view.now = NOW;
+        view.now = PICTURE_TIME;
         return topLines(evctl::readLog(image_), view);
     }
 
