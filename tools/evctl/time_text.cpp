@@ -51,14 +51,15 @@ std::optional<U32_t> takeNumber(std::string_view& text, size_t digits, std::stri
 /** A day, midnight to midnight, and how much of it has passed. */
 struct CivilTime {
     std::chrono::year_month_day date;
-    U32_t second = 0;              ///< of the day
-    std::optional<S64_t> offset{}; ///< seconds before UTC; nothing: of whatever zone is meant
+    U32_t second = 0;       ///< of the day
+    bool hasOffset = false; ///< else of whatever zone is meant
+    S64_t offset = 0;       ///< seconds before UTC
 };
 
 /** "Z", "+01:00", "-05:30" */
 bool takeOffset(std::string_view text, CivilTime& time) {
     if (text == "Z") {
-        time.offset = 0;
+        time.hasOffset = true;
         return true;
     }
     bool isWest = text.starts_with('-');
@@ -68,6 +69,7 @@ bool takeOffset(std::string_view text, CivilTime& time) {
         return false;
     }
     S64_t seconds = S64_t{*hours} * 3600 + *minutes * 60;
+    time.hasOffset = true;
     time.offset = isWest ? -seconds : seconds;
     return true;
 }
@@ -88,9 +90,9 @@ bool takeTimeOfDay(std::string_view text, CivilTime& time) {
 }
 
 std::optional<U32_t> secondsOf(const CivilTime& time, Zone zone) {
-    if (zone == Zone::UTC || time.offset) {
+    if (zone == Zone::UTC || time.hasOffset) {
         S64_t day = std::chrono::sys_days(time.date).time_since_epoch().count();
-        return inRange(day * DAY + time.second - time.offset.value_or(0));
+        return inRange(day * DAY + time.second - time.offset);
     }
     struct tm local {};
     local.tm_year = static_cast<int>(time.date.year()) - 1900;
