@@ -28,6 +28,14 @@ struct Known {
     S64_t lastId = -1;        ///< its id; -1: none was
 };
 
+/** What a handshake saw of the newest generation, until something is filed. */
+struct Glance {
+    GenerationKey generation;
+    std::optional<U32_t> highest;
+    S64_t runFrom = -1; ///< -1: no run was looked for
+    U32_t runTo = 0;    ///< as far as the page went
+};
+
 /** The engine. Calls are those of Store; pg_store.cpp has them, pg_filing.cpp what a commit does.
  */
 class PgStore final : public Store {
@@ -144,14 +152,6 @@ class PgStore final : public Store {
     std::optional<Claim> tryClaim(const SeriesKey& key, SeriesNumber number, U32_t first,
                                   bool isNew);
     void glance(const GenerationKey& generation, const SeriesKey& key, U32_t first);
-
-    /** What a handshake saw of the newest generation, until something is filed. */
-    struct Glance {
-        GenerationKey generation;
-        std::optional<U32_t> highest;
-        S64_t runFrom = -1; ///< -1: no run was looked for
-        U32_t runTo = 0;    ///< as far as the page went
-    };
 
     struct Verdict {
         std::vector<S64_t> lost;
