@@ -8,8 +8,7 @@ namespace {
 
 std::string orderedTypes(std::vector<U32_t> types) {
     std::ranges::sort(types);
-    const auto repeated = std::ranges::unique(types);
-    types.erase(repeated.begin(), repeated.end());
+    types.erase(std::unique(types.begin(), types.end()), types.end());
     std::string list;
     for (const U32_t type : types) {
         list += (list.empty() ? "" : ", ") + std::to_string(type);
