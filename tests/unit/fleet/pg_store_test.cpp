@@ -138,6 +138,11 @@ TEST_F(PgStoreTest, ClaimWaitsForNoStandbyAndACommitDoes) {
     impatient.rollback();
     server().sql("ALTER SYSTEM RESET synchronous_standby_names");
     server().sql("SELECT pg_reload_conf()");
+    // What waited is committed now, and no longer in the way of the next test.
+    EXPECT_TRUE(support::waitUntil([] {
+        return server().sql("SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep'") ==
+               "0\n";
+    }));
 }
 
 TEST_F(PgStoreTest, LogThatIsSentAgainIsLookedUpManyIdsAtATime) {
