@@ -50,10 +50,10 @@ bool messageComesSoon() {
         waitsWithoutLook--;
         return false;
     }
-    S64_t left = nanoseconds();
+    const S64_t before = nanoseconds();
     sched_yield();
     bool came = empMsmLook();
-    if (!came || nanoseconds() - left > SOON) {
+    if (!came || nanoseconds() - before > SOON) {
         waitsWithoutLook = WAITS_WITHOUT_LOOK;
     }
     return came;

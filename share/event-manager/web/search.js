@@ -1,7 +1,7 @@
 import { ask, el, eventTable, here, link, note, number, show } from "./dom.js";
 import { filterForm, filtersOf } from "./filters.js";
 
-const EXPORTED = "up to 100,000 events, newest first";
+const EXPORTED = "as many as this server exports at a time; the last line says whether there are more";
 
 export async function page() {
   const given = here();
@@ -19,7 +19,7 @@ export async function page() {
   const older = link("/search", { ...given, before: found.next });
   show("Search", el("h1", null, "Search"), form,
     el("div", { class: "row" },
-      el("span", { class: "quiet", role: "status" }, `${number(found.events.length)} events${given.before ? " from here on" : ""}, newest first`),
+      el("span", { class: "quiet", role: "status" }, `${number(found.events.length)} events${given.before ? " from here on" : ""}, ${"log" in given ? "newest" : "latest arrivals"} first`),
       el("span", { class: "right row" },
         el("a", { href: link("/timeline", filters) }, "timeline"), el("a", { href: link("/live", filters) }, "live"),
         el("a", { href: link("/api/v1/export", { ...filters, form: "jsonl" }), title: EXPORTED }, "JSON lines"),
