@@ -6,6 +6,7 @@
 
 #include "catalog/catalog.h"
 #include "evctl/crash_view.h"
+#include "evctl/event_json.h"
 #include "evctl/event_view.h"
 #include "sources/source.h"
 

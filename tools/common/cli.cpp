@@ -77,12 +77,14 @@ std::string whyUnknown(const CLI::App& command, const std::string& argument) {
            (meant.empty() ? "; there are " + joined(names, ", ") : meant);
 }
 
-/** The first argument that no command knew, if there is one. */
-std::optional<std::string> unknownArgument(const std::vector<CLI::App*>& commands) {
-    for (const CLI::App* command : commands) {
-        for (const std::string& argument : command->remaining()) {
+/** What is wrong with the first argument that no command knew, if there is one. What stands behind
+ * it may name another command by chance: @p commands is cut behind the one that was asked. */
+std::optional<std::string> unknownArgument(std::vector<CLI::App*>& commands) {
+    for (size_t at = 0; at < commands.size(); at++) {
+        for (const std::string& argument : commands[at]->remaining()) {
             if (argument != "--") {
-                return whyUnknown(*command, argument);
+                commands.resize(at + 1);
+                return whyUnknown(*commands[at], argument);
             }
         }
     }
@@ -92,11 +94,12 @@ std::optional<std::string> unknownArgument(const std::vector<CLI::App*>& command
 /** Says what is wrong, and which page tells more. */
 int sayWrongUse(CLI::App& app, const CLI::Error& error) {
     std::vector<CLI::App*> commands = namedCommands(app);
+    std::string reason = unknownArgument(commands).value_or(error.what());
     std::vector<std::string> path;
     for (const CLI::App* command : commands) {
         path.push_back(command->get_name());
     }
-    sayCouldNot(app.get_name(), unknownArgument(commands).value_or(error.what()));
+    sayCouldNot(app.get_name(), reason);
     std::cerr << "Try '" << joined(path, " ") << " --help'.\n";
     return EXIT_COULD_NOT;
 }

@@ -35,6 +35,97 @@ bool mayBeShown(uint32_t code) {
     return !control && !surrogate && !invisible && code <= 0x10FFFF;
 }
 
+struct Character {
+    uint32_t code = 0;
+    size_t length = 0; ///< bytes; 0: it is none
+};
+
+/** A character of two bytes or more. */
+Character longCharacterAt(std::string_view text, size_t at) {
+    auto byte = [text](size_t place) { return static_cast<uint8_t>(text[place]); };
+    for (size_t form = 0; form < LONG_FORMS.size(); form++) {
+        const Form& shape = LONG_FORMS[form];
+        size_t length = form + 2;
+        if ((byte(at) & shape.mask) != shape.bits || text.size() - at < length) {
+            continue;
+        }
+        uint32_t code = byte(at) & static_cast<uint8_t>(~shape.mask);
+        for (size_t next = 1; next < length; next++) {
+            if ((byte(at + next) & 0xC0) != 0x80) {
+                return {};
+            }
+            code = code << 6 | (byte(at + next) & 0x3F);
+        }
+        return code >= shape.least ? Character{code, length} : Character{};
+    }
+    return {};
+}
+
+struct Range {
+    uint32_t first;
+    uint32_t last;
+};
+
+// Of two columns: East Asian characters and pictures, by blocks, as the standard library's format()
+// takes them, and a few blocks of pictures more.
+constexpr std::array<Range, 12> WIDE = {{{0x1100, 0x115F},
+                                         {0x2329, 0x232A},
+                                         {0x2E80, 0x303E},
+                                         {0x3040, 0xA4CF},
+                                         {0xAC00, 0xD7A3},
+                                         {0xF900, 0xFAFF},
+                                         {0xFE10, 0xFE19},
+                                         {0xFE30, 0xFE6F},
+                                         {0xFF00, 0xFF60},
+                                         {0xFFE0, 0xFFE6},
+                                         {0x1F300, 0x1FAFF},
+                                         {0x20000, 0x3FFFD}}};
+
+// Of none: marks that stand on the character before them.
+constexpr std::array<Range, 18> COMBINING = {{{0x0300, 0x036F},
+                                              {0x0483, 0x0489},
+                                              {0x0591, 0x05BD},
+                                              {0x0610, 0x061A},
+                                              {0x064B, 0x065F},
+                                              {0x093C, 0x093C},
+                                              {0x0941, 0x0948},
+                                              {0x0E34, 0x0E3A},
+                                              {0x0E47, 0x0E4E},
+                                              {0x1160, 0x11FF},
+                                              {0x1AB0, 0x1AFF},
+                                              {0x1DC0, 0x1DFF},
+                                              {0x20D0, 0x20FF},
+                                              {0x302A, 0x302D},
+                                              {0x3099, 0x309A},
+                                              {0xFE00, 0xFE0F},
+                                              {0xFE20, 0xFE2F},
+                                              {0xE0100, 0xE01EF}}};
+
+template <typename Ranges>
+bool contains(const Ranges& ranges, uint32_t code) {
+    return std::ranges::any_of(
+        ranges, [code](const Range& range) { return code >= range.first && code <= range.last; });
+}
+
+/** Whatever the locale: logs come from elsewhere, and the board may have no other than C. */
+size_t columnsOf(const Character& character) {
+    if (contains(COMBINING, character.code)) {
+        return 0;
+    }
+    return contains(WIDE, character.code) ? 2 : 1;
+}
+
+/** The columns of the character that begins at @p at, which is moved behind it. */
+size_t takeColumns(std::string_view text, size_t& at) {
+    if (static_cast<unsigned char>(text[at]) < 0x80) {
+        at++;
+        return 1;
+    }
+    const Character character = longCharacterAt(text, at);
+    at += std::max<size_t>(character.length, 1);
+    return columnsOf(character);
+}
+
 } // namespace
 
 std::string escapedText(std::string_view text) {
@@ -46,26 +137,11 @@ std::string escapedText(std::string_view text) {
 }
 
 size_t utf8CharacterAt(std::string_view text, size_t at) {
-    auto byte = [text](size_t place) { return static_cast<uint8_t>(text[place]); };
-    if (byte(at) < 0x80) {
+    if (static_cast<unsigned char>(text[at]) < 0x80) {
         return isPrintable(text[at]) ? 1 : 0;
     }
-    for (size_t form = 0; form < LONG_FORMS.size(); form++) {
-        const Form& shape = LONG_FORMS[form];
-        size_t length = form + 2;
-        if ((byte(at) & shape.mask) != shape.bits || text.size() - at < length) {
-            continue;
-        }
-        uint32_t code = byte(at) & static_cast<uint8_t>(~shape.mask);
-        for (size_t next = 1; next < length; next++) {
-            if ((byte(at + next) & 0xC0) != 0x80) {
-                return 0;
-            }
-            code = code << 6 | (byte(at + next) & 0x3F);
-        }
-        return code >= shape.least && mayBeShown(code) ? length : 0;
-    }
-    return 0;
+    const Character character = longCharacterAt(text, at);
+    return mayBeShown(character.code) ? character.length : 0;
 }
 
 std::string escapedUtf8(std::string_view text) {
@@ -88,8 +164,8 @@ std::string escapedUtf8(std::string_view text) {
 
 size_t columnsOf(std::string_view text) {
     size_t columns = 0;
-    for (char letter : text) {
-        columns += (static_cast<unsigned char>(letter) & 0xC0) != 0x80 ? 1 : 0;
+    for (size_t at = 0; at < text.size();) {
+        columns += takeColumns(text, at);
     }
     return columns;
 }
@@ -98,11 +174,11 @@ std::string cutToColumns(const std::string& text, size_t columns) {
     if (text.size() <= columns || columnsOf(text) <= columns || columns == 0) {
         return columns == 0 ? "" : text;
     }
-    size_t end = 0;
-    for (size_t column = 0; column + 1 < columns; column++) {
-        do {
-            end++;
-        } while ((static_cast<unsigned char>(text[end]) & 0xC0) == 0x80);
+    size_t end = 0; // as much as fits beside the ellipsis
+    size_t taken = 0;
+    for (size_t at = 0; taken < columns;) {
+        end = at;
+        taken += takeColumns(text, at);
     }
     return text.substr(0, end) + "\u2026";
 }

@@ -21,10 +21,12 @@ std::string escapedUtf8(std::string_view text);
  * (control characters, surrogates, over-long forms and the rest of what is no UTF-8). */
 size_t utf8CharacterAt(std::string_view text, size_t at);
 
-/** Columns that @p text takes on a terminal, a character each. */
+/** Columns that @p text takes on a terminal, whatever the locale: two for an East Asian character,
+ * none for a mark that stands on the one before it, one for each other (also for a byte that is no
+ * UTF-8). */
 size_t columnsOf(std::string_view text);
 
-/** The first @p columns of @p text; when more was there, the last of them is an ellipsis. */
+/** As much of @p text as @p columns hold; when more was there, with an ellipsis at its end. */
 std::string cutToColumns(const std::string& text, size_t columns);
 
 } // namespace tools

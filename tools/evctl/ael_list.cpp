@@ -1,6 +1,7 @@
 /** evctl ael list and evctl ael show: what the event manager's next start will find. */
 #include "common/names.h"
 #include "evctl/commands.h"
+#include "evctl/event_json.h"
 #include "evctl/listing.h"
 #include "evctl/options.h"
 #include "sources/alternate_files.h"

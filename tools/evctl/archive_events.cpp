@@ -1,6 +1,7 @@
 /** evctl archive events, get, stats and export: the events that an archive holds. */
 #include "archive.h"
 #include "evctl/archive_commands.h"
+#include "evctl/event_json.h"
 #include "evctl/listing.h"
 #include "evctl/new_file.h"
 #include "sqlite_store.h"
@@ -155,10 +156,9 @@ int runExport(const EventsOptions& options) {
     const U64_t damaged =
         forEachEvent(options.logs, [&](const auto& generation, const auto& event) {
             if (options.listing.filter.matches(viewOf(event))) {
-                Json json = eventJson(viewOf(event));
-                json["generation"] = generation.number.generation;
-                json["received"] = event.received;
-                file.write(jsonLine(json));
+                file.write(jsonLineOf(
+                    {}, eventMembers(viewOf(event)),
+                    {{"generation", generation.number.generation}, {"received", event.received}}));
                 ++count;
             }
         });

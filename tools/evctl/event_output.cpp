@@ -2,6 +2,7 @@
 
 #include "common/text.h"
 #include "evctl/event_forms.h"
+#include "evctl/event_json.h"
 #include "evctl/event_text.h"
 
 #include <cstdlib>
@@ -67,7 +68,9 @@ const char* colourOf(const EventView& event) {
 /** The whole event, header and data, as it is stored and sent. */
 std::string dumpOf(const EventView& event) {
     const auto* header = reinterpret_cast<const U8_t*>(event.header);
-    std::vector<U8_t> image(header, header + sizeof(EmpEvLogHeader_t));
+    std::vector<U8_t> image;
+    image.reserve(sizeof(EmpEvLogHeader_t) + event.data.size());
+    image.assign(header, header + sizeof(EmpEvLogHeader_t));
     image.insert(image.end(), event.data.begin(), event.data.end());
     return hexDump(image);
 }
@@ -109,15 +112,19 @@ std::string EventPrinter::lineOf(const sources::Event& event) const {
 }
 
 std::string EventPrinter::jsonOf(const sources::Event& event) const {
-    Json json = Json::object();
+    Json before = Json::object();
     if (place_.several) {
-        json["from"] = nameOf(event);
+        before["from"] = nameOf(event);
     }
-    json.update(event.record != nullptr ? recordJson(*event.record) : eventJson(event.view));
+    Json behind = Json::object();
     if (std::string advice = options_.advice ? adviceOf(event.view) : ""; !advice.empty()) {
-        json["advice"] = advice;
+        behind["advice"] = advice;
     }
-    return jsonLine(json);
+    std::string members = eventMembers(event.view);
+    if (event.record != nullptr) {
+        members = placeMembers(*event.record) + "," + members;
+    }
+    return jsonLineOf(before, members, behind);
 }
 
 std::string EventPrinter::fullOf(const sources::Event& event) const {

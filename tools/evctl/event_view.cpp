@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -15,6 +14,7 @@ namespace {
 
 constexpr size_t SEQUENCE_ID_WIDTH = 10;
 constexpr size_t LINE_RESERVE = 256; // most lines are shorter
+constexpr size_t LINES_RESERVE = 768;
 
 /** A text, filled up to @p width, and the two blanks behind it. */
 void addColumn(std::string& line, const std::string& text, size_t width) {
@@ -26,23 +26,29 @@ bool isPrintable(U8_t byte) {
     return byte >= 0x20 && byte < 0x7F;
 }
 
-/** One line of at most 16 bytes. */
-std::string dumpLine(size_t offset, std::span<const U8_t> bytes) {
-    std::array<char, 24> text{};
-    snprintf(text.data(), text.size(), "%04zx ", offset);
-    std::string line = text.data();
-    std::string characters;
-    for (U8_t byte : bytes) {
-        snprintf(text.data(), text.size(), " %02x", static_cast<unsigned>(byte));
-        line += text.data();
-        characters += isPrintable(byte) ? static_cast<char>(byte) : '.';
-    }
-    line.resize(5 + 3 * 16, ' ');
-    return line + "  |" + characters + "|\n";
-}
+constexpr char HEX_DIGITS[] = "0123456789abcdef";
+constexpr size_t DUMP_LINE_MAX = 80;
 
-std::span<const U8_t> textOf(const U8_t (&field)[EMP_ID_TEXT_SIZE]) {
-    return field;
+/** One line of at most 16 bytes. */
+void addDumpLine(std::string& text, size_t offset, std::span<const U8_t> bytes) {
+    std::array<char, DUMP_LINE_MAX> line;
+    line.fill(' ');
+    char* place = line.data();
+    for (int shift = offset > 0xFFFF ? 16 : 12; shift >= 0; shift -= 4) {
+        *place++ = HEX_DIGITS[offset >> shift & 0x0F];
+    }
+    place++;
+    char* letter = place + 3 * 16 + 2;
+    *letter++ = '|';
+    for (U8_t byte : bytes) {
+        place[1] = HEX_DIGITS[byte >> 4];
+        place[2] = HEX_DIGITS[byte & 0x0F];
+        place += 3;
+        *letter++ = isPrintable(byte) ? static_cast<char>(byte) : '.';
+    }
+    *letter++ = '|';
+    *letter++ = '\n';
+    text.append(line.data(), letter);
 }
 
 /** "warning(2)", or "77" for a value without a name. */
@@ -93,28 +99,31 @@ std::string eventLine(const EventView& event, const LineStyle& style) {
 
 std::string eventLines(const EventView& event, Zone zone) {
     const EmpEvLogHeader_t& header = *event.header;
-    std::ostringstream lines;
-    lines << "sequence id  " << U32_t{header.evSequenceId} << "\n"
-          << "instance     " << U32_t{header.evInstanceNumber} << "\n"
-          << "time         " << zonedTime(header.evTime, zone) << "\n"
-          << "type         " << named(tools::eventTypeNames, header.evType) << "\n"
-          << "source       " << named(tools::endpointNames, header.evSource) << "\n"
-          << "category     " << named(tools::categoryNames, header.evCategory) << "\n"
-          << "id           " << eventIdText(header.evSource, header.evId) << "\n"
-          << "id version   " << U32_t{header.evIdVersion} << "\n"
-          << "enclosure    " << escapedText(header.evEnclosureId) << "\n"
-          << "blade        " << escapedText(header.evBladeId) << "\n"
-          << "slot         " << U32_t{header.evSlotId} << "\n"
-          << "length       " << U32_t{header.evStructLength} << "\n";
+    std::string lines;
+    lines.reserve(LINES_RESERVE + event.data.size() * DUMP_LINE_MAX / 16);
+    auto add = [&lines](const char* name, const std::string& value) {
+        lines.append(name).append(value).append(1, '\n');
+    };
+    add("sequence id  ", std::to_string(U32_t{header.evSequenceId}));
+    add("instance     ", std::to_string(U32_t{header.evInstanceNumber}));
+    add("time         ", zonedTime(header.evTime, zone));
+    add("type         ", named(tools::eventTypeNames, header.evType));
+    add("source       ", named(tools::endpointNames, header.evSource));
+    add("category     ", named(tools::categoryNames, header.evCategory));
+    add("id           ", eventIdText(header.evSource, header.evId));
+    add("id version   ", std::to_string(header.evIdVersion));
+    add("enclosure    ", escapedText(header.evEnclosureId));
+    add("blade        ", escapedText(header.evBladeId));
+    add("slot         ", std::to_string(U32_t{header.evSlotId}));
+    add("length       ", std::to_string(U32_t{header.evStructLength}));
     if (std::optional<std::string> said = eventText(event)) {
-        lines << "text         " << *said << "\n";
+        add("text         ", *said);
     }
-    lines << fieldLines(event);
+    lines += fieldLines(event);
     if (std::string advice = adviceOf(event); !advice.empty()) {
-        lines << "advice       " << advice << "\n";
+        add("advice       ", advice);
     }
-    lines << hexDump(event.data);
-    return lines.str();
+    return lines += hexDump(event.data);
 }
 
 std::string recordLines(const EmpEvRecord_t& header, std::span<const U8_t> data) {
@@ -127,42 +136,9 @@ std::string recordLines(const EmpEvRecord_t& header, std::span<const U8_t> data)
            eventLines({reinterpret_cast<const EmpEvLogHeader_t*>(bytes + EMP_CRC_START), data});
 }
 
-Json eventJson(const EventView& event) {
-    const EmpEvLogHeader_t& header = *event.header;
-    std::optional<std::string> text = eventText(event);
-    return {
-        {"sequenceId", U32_t{header.evSequenceId}},
-        {"instanceNumber", U32_t{header.evInstanceNumber}},
-        {"time", isoTime(header.evTime)},
-        {"seconds", U32_t{header.evTime}},
-        {"type", header.evType},
-        {"typeName", nameOrNull(tools::eventTypeNames, header.evType)},
-        {"source", header.evSource},
-        {"sourceName", nameOrNull(tools::endpointNames, header.evSource)},
-        {"category", header.evCategory},
-        {"categoryName", nameOrNull(tools::categoryNames, header.evCategory)},
-        {"id", U32_t{header.evId}},
-        {"idName", nameOrNull(tools::eventNamesOf(header.evSource), header.evId)},
-        {"idVersion", header.evIdVersion},
-        {"enclosureId", escapedText(textOf(header.evEnclosureId))},
-        {"bladeId", escapedText(textOf(header.evBladeId))},
-        {"slotId", U32_t{header.evSlotId}},
-        {"length", event.data.size()},
-        {"data", hexDigits(event.data)},
-        {"text", text ? Json(*text) : Json(nullptr)},
-    };
-}
-
 const char* roleName(EVLOG_ROLE_e role) {
     constexpr std::array<const char*, 3> names = {"newest", "oldest", "dummy"};
     return names.at(role);
-}
-
-Json recordJson(const EvlogRecord_t& record) {
-    Json json = {
-        {"offset", record.offset}, {"part", roleName(record.role)}, {"taken", record.taken}};
-    json.update(eventJson(eventOf(record)));
-    return json;
 }
 
 std::string jsonLine(const Json& json) {
@@ -170,21 +146,21 @@ std::string jsonLine(const Json& json) {
 }
 
 std::string hexDigits(std::span<const U8_t> bytes) {
-    constexpr char digits[] = "0123456789abcdef";
     std::string text;
     text.reserve(bytes.size() * 2);
     for (U8_t byte : bytes) {
-        text += digits[byte >> 4];
-        text += digits[byte & 0x0F];
+        text += HEX_DIGITS[byte >> 4];
+        text += HEX_DIGITS[byte & 0x0F];
     }
     return text;
 }
 
 std::string hexDump(std::span<const U8_t> bytes) {
     std::string text;
+    text.reserve((bytes.size() / 16 + 1) * DUMP_LINE_MAX);
     for (size_t offset = 0; offset < bytes.size(); offset += 16) {
-        text +=
-            dumpLine(offset, bytes.subspan(offset, std::min<size_t>(16, bytes.size() - offset)));
+        addDumpLine(text, offset,
+                    bytes.subspan(offset, std::min<size_t>(16, bytes.size() - offset)));
     }
     return text;
 }

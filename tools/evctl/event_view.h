@@ -1,6 +1,6 @@
 /**
  * @file
- * How an event is shown: as a line, as JSON, as a hex dump.
+ * How an event is shown: as a line, field by field, as a hex dump.
  *
  * An event in a message and an event in a file have the same 152-byte header, so both are shown
  * from there.
@@ -51,12 +51,6 @@ std::string eventLines(const EventView& event, Zone zone = Zone::UTC);
 
 /** eventLines() of a record, its version and checksum on top. */
 std::string recordLines(const EmpEvRecord_t& header, std::span<const U8_t> data);
-
-/** The event as an object: numbers, names, and the data as hexadecimal digits. */
-Json eventJson(const EventView& event);
-
-/** What only a record in a file has: offset, part of the ring, whether it is taken. */
-Json recordJson(const EvlogRecord_t& record);
 
 const char* roleName(EVLOG_ROLE_e role); ///< "newest", "oldest", "dummy"
 

@@ -1,5 +1,6 @@
 /** evctl file show: one record with all its fields and its data. */
 #include "evctl/commands.h"
+#include "evctl/event_json.h"
 #include "evctl/event_view.h"
 #include "evctl/file.h"
 #include "evctl/options.h"

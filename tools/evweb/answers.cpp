@@ -1,6 +1,7 @@
 #include "answers.h"
 
 #include "common/text.h"
+#include "evctl/event_json.h"
 #include "evctl/event_text.h"
 #include "evctl/event_view.h"
 

@@ -114,6 +114,11 @@ TEST(CommandLine, UnknownWordIsNamedWithTheNearestAndThePage) {
                   "Try 'evctl file list --help'.\n");
 }
 
+TEST(CommandLine, WordsBehindAnUnknownOneDoNotChooseThePage) {
+    expectRefused({"flie", "list", "log"}, "evctl: unknown command 'flie'; did you mean 'file'?\n"
+                                           "Try 'evctl --help'.\n");
+}
+
 TEST(CommandLine, HelpShowsRequiredOptionsDefaultsAndWholeTypeNames) {
     EXPECT_THAT(run({"log", "--help"}).output, HasSubstr("Event id within the source (required)"));
     EXPECT_THAT(run({"log", "--help"}).output, HasSubstr("Number of events (default 1)"));

@@ -1,3 +1,4 @@
+#include "evctl/event_json.h"
 #include "evctl/event_view.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,5 @@
 #include "evctl/inquiry.h"
+#include "evctl/walk_start.h"
 
 #include "mmsg_client.h"
 #include "temp_directory.h"
@@ -16,24 +17,68 @@ namespace {
 
 const LogIdentity OTHER = {.enclosure = "ENC", .blade = "BL", .slot = 0x01020304, .instance = 5};
 
-/** Answers one inquiry with these bytes behind the header. */
+struct Answer {
+    U32_t returnCode;
+    Bytes body;
+};
+
+/** Answers inquiries, one after the other, with these bytes behind the header. */
 class InquiryTest : public testing::Test {
   protected:
-    InquiryAnswer answered(U32_t returnCode, const Bytes& body) {
+    template <typename Ask>
+    auto asked(const std::vector<Answer>& answers, Ask&& ask) {
         evctl::RequestOptions options;
         options.where.directory = directory_.path();
         evctl::Requester requester(options);
         support::MmsgClient peer = listener_.accept();
         std::jthread answerer([&] {
-            U32_t handle = support::headerOf(peer.receive()).handle;
-            peer.send(support::makeMmsg(
-                {.type = 2, .cont = 0x40, .returnCode = returnCode, .handle = handle}, body));
+            for (const auto& [returnCode, body] : answers) {
+                U32_t handle = support::headerOf(peer.receive()).handle;
+                peer.send(support::makeMmsg(
+                    {.type = 2, .cont = 0x40, .returnCode = returnCode, .handle = handle}, body));
+            }
         });
-        return inquire(requester, EMP_E_INQUIRY_TYPE_EXACT, OTHER, 9);
+        return ask(requester);
+    }
+
+    InquiryAnswer answered(U32_t returnCode, const Bytes& body) {
+        return asked({{returnCode, body}}, [](evctl::Requester& requester) {
+            return inquire(requester, EMP_E_INQUIRY_TYPE_EXACT, OTHER, 9);
+        });
     }
 
     support::TempDirectory directory_;
     support::MmsgListener listener_{directory_.file("snmp")};
+};
+
+const Answer NOT_THERE = {EMP_E_RESPONSE_FAILURE, Bytes(sizeof(EmpEvLogHeader_t))};
+
+EmpEvLogHeader_t eventOf(U32_t id, U32_t time, U32_t instance = 5) {
+    EmpEvLogHeader_t header{};
+    header.evInstanceNumber = instance;
+    header.evSequenceId = id;
+    header.evTime = time;
+    return header;
+}
+
+Answer holding(const EmpEvLogHeader_t& header) {
+    const auto* bytes = reinterpret_cast<const U8_t*>(&header);
+    return {EMP_E_RESPONSE_SUCCESS, Bytes(bytes, bytes + sizeof(header))};
+}
+
+/** Where a walk begins whose cursor has seen the log as far as event 9, of 1,000 s. */
+class WalkStartTest : public InquiryTest {
+  protected:
+    std::optional<evctl::WalkStart> startOf(const std::vector<Answer>& answers) {
+        EmpEvLogHeader_t seen = eventOf(9, 1000);
+        sources::Event event;
+        event.view.header = &seen;
+        evctl::Cursor cursor;
+        cursor.moveTo(event);
+        return asked(answers, [&cursor](evctl::Requester& requester) {
+            return evctl::startBehind(requester, OTHER, cursor);
+        });
+    }
 };
 
 } // namespace
@@ -106,4 +151,35 @@ TEST_F(InquiryTest, OtherReturnCodesAreNoEvent) {
     InquiryAnswer answer = answered(3, Bytes(152));
     EXPECT_FALSE(answer.found());
     EXPECT_EQ(answer.returnCode, 3U);
+}
+
+TEST_F(WalkStartTest, IsTheEventOfTheCursor) {
+    auto start = startOf({holding(eventOf(20, 2000)), holding(eventOf(9, 1000))});
+    ASSERT_TRUE(start.has_value());
+    EXPECT_EQ(start->sequenceId, 9U);
+    ASSERT_TRUE(start->event.has_value());
+    EXPECT_EQ(start->event->event().header->evSequenceId, 9U);
+}
+
+TEST_F(WalkStartTest, IsThePlaceOfAnEventThatTheLogHasLostSince) {
+    auto start = startOf({holding(eventOf(20, 2000)), NOT_THERE});
+    ASSERT_TRUE(start.has_value());
+    EXPECT_EQ(start->sequenceId, 9U);
+    EXPECT_FALSE(start->event.has_value());
+}
+
+TEST_F(WalkStartTest, ALogThatHasBegunAgainAndIsAheadOfTheCursorIsAllNew) {
+    EXPECT_FALSE(startOf({holding(eventOf(20, 2000)), holding(eventOf(9, 1500))}).has_value());
+}
+
+TEST_F(WalkStartTest, ALogThatHasBegunAgainAndEndsBeforeTheCursorIsAllNew) {
+    EXPECT_FALSE(startOf({holding(eventOf(8, 2000)), NOT_THERE}).has_value());
+}
+
+TEST_F(WalkStartTest, AnotherInstanceIsAllNew) {
+    EXPECT_FALSE(startOf({holding(eventOf(20, 2000, 6))}).has_value());
+}
+
+TEST_F(WalkStartTest, AnEmptyLogIsAllNew) {
+    EXPECT_FALSE(startOf({NOT_THERE}).has_value());
 }
