@@ -5,7 +5,8 @@
  * takes the files into its log at its next start.
  *
  * The writer allocates nothing and uses no stdio while it succeeds, so that a signal handler may
- * call it. It has one static work buffer: two threads of a process must not enter it at once.
+ * call it as its last act; MPU_leaveEvent() of mpu/event.h does not when it fails either. It has
+ * one static work buffer: two threads of a process must not enter it at once.
  */
 #ifndef ALT_EVENT_LOG_H
 #define ALT_EVENT_LOG_H

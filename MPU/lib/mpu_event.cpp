@@ -1,6 +1,6 @@
 #include "mpu/event.h"
 
-#include "altEventLog.h"
+#include "alt_event_file.h"
 #include "mpu_event_search.h"
 #include "mpu_params.h"
 
@@ -59,22 +59,6 @@ MMSG_t* buildEvent(void* to, U8_t endpoint, const MPU_Event_t& event) {
     return message;
 }
 
-/** Leaves the event of a message in a file. */
-bool leave(const MPU_EventLog_t* log, const MMSG_t* message) {
-    alignas(EmpEvLogMsg_t) U8_t body[MMSG_BODY_MAX];
-    U16_t length = message->mmch.mmsg_length;
-    memcpy(body, message->user_data_start, size_t{length} - MMCH_SIZE);
-    auto* event = reinterpret_cast<EmpEvLogMsg_t*>(body);
-    event->evLogHdr.evSource = message->mmch.requestor;
-    event->evLogHdr.evStructLength = static_cast<U16_t>(length - EMP_EVENT_MMSG_SIZE);
-    if (length == EMP_EVENT_MMSG_SIZE) {
-        // A file without data is none.
-        event->evStruct[0] = 0;
-        event->evLogHdr.evStructLength = 1;
-    }
-    return altEventLogM(event, log->params) == ALT_EVENT_LOG_E_OK;
-}
-
 int withError(int status) {
     if (status == MPU_E_EVENT_FAILED) {
         errno = EIO;
@@ -85,7 +69,7 @@ int withError(int status) {
 void leaveKept(MPU_EventLog_t* log) {
     for (size_t at = 0; at < log->keptLength;) {
         const auto* message = reinterpret_cast<const MMSG_t*>(log->kept + at);
-        if (!leave(log, message)) {
+        if (!mpuAelLeave(message, log->params)) {
             log->worst = MPU_E_EVENT_FAILED;
         } else if (log->worst == MPU_E_EVENT_SENT) {
             log->worst = MPU_E_EVENT_IN_FILE;
@@ -313,9 +297,13 @@ int MPU_leaveEvent(const MPU_EventLog_t* log, const MPU_Event_t* event) {
     if (!isValid(log, event)) {
         return MPU_E_EVENT_FAILED;
     }
+    int error = errno;
     U8_t message[MMSG_MAX_LENGTH];
-    bool left = leave(log, buildEvent(message, log->endpoint, *event));
-    return withError(left ? MPU_E_EVENT_IN_FILE : MPU_E_EVENT_FAILED);
+    if (!mpuAelLeave(buildEvent(message, log->endpoint, *event), log->params)) {
+        return withError(MPU_E_EVENT_FAILED);
+    }
+    errno = error; // as the interrupted code knows it
+    return MPU_E_EVENT_IN_FILE;
 }
 
 int MPU_confirmEvents(MPU_EventLog_t* log) {

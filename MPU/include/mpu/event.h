@@ -107,8 +107,10 @@ int MPU_logEvent(MPU_EventLog_t* log, const MPU_Event_t* event);
 
 /**
  * Leaves an event as an alternate event log file without asking for the event manager: for the last
- * act of a process. May be called by a signal handler, see above; only its failure uses stdio.
- * @return MPU_E_EVENT_IN_FILE, or MPU_E_EVENT_FAILED with errno as for MPU_logEvent()
+ * act of a process. May be called by a signal handler, see above: it uses neither stdio nor the
+ * heap, also when it fails, and at most 12 KB of stack.
+ * @return MPU_E_EVENT_IN_FILE, with errno as it was; MPU_E_EVENT_FAILED with errno as for
+ * MPU_logEvent()
  */
 int MPU_leaveEvent(const MPU_EventLog_t* log, const MPU_Event_t* event);
 

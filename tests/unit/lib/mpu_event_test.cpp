@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <latch>
 #include <optional>
 #include <sys/shm.h>
 #include <sys/socket.h>
@@ -295,6 +296,48 @@ TEST_F(MpuEvent, EventWithoutDataIsLeftWithOneZeroByte) {
     ASSERT_EQ(files().size(), 1U);
     EXPECT_EQ(files()[0].substr(152, 2), std::string("\0\1", 2));
     EXPECT_EQ(files()[0].substr(160), std::string(1, '\0'));
+}
+
+// As a signal handler does, while another thread prints or was stopped in the middle of it.
+TEST_F(MpuEvent, LeavingThatFailsIsSaidWhileTheStandardStreamsAreHeld) {
+    strcpy(params->nvramDirectory, "/nowhere");
+    open();
+    std::string said = errorsOf([&] {
+        std::latch held(1);
+        std::latch done(1);
+        std::thread printer([&] {
+            flockfile(stdout);
+            flockfile(stderr);
+            held.count_down();
+            done.wait();
+            funlockfile(stderr);
+            funlockfile(stdout);
+        });
+        held.wait();
+        alarm(20);
+        int status = MPU_leaveEvent(log, &fanEvent);
+        int error = errno;
+        alarm(0);
+        done.count_down();
+        printer.join();
+        EXPECT_EQ(status, MPU_E_EVENT_FAILED);
+        EXPECT_EQ(error, EIO);
+    });
+    EXPECT_EQ(said, "openAELFileFd(): Unable to make directory /nowhere/aelfiles\n");
+}
+
+TEST_F(MpuEvent, LeavingIntoAFullFileSystemFailsAndIsSaid) {
+    open();
+    struct rlimit before;
+    getrlimit(RLIMIT_FSIZE, &before);
+    const struct rlimit full = {170, before.rlim_max};
+    signal(SIGXFSZ, SIG_IGN);
+    std::string said = errorsOf([&] {
+        setrlimit(RLIMIT_FSIZE, &full);
+        EXPECT_EQ(MPU_leaveEvent(log, &fanEvent), MPU_E_EVENT_FAILED);
+        setrlimit(RLIMIT_FSIZE, &before);
+    });
+    EXPECT_EQ(said.substr(0, 57), "*** An error occurred writing to Alternate Event Log\n    ");
 }
 
 TEST_F(MpuEvent, CopiesThatFillTheirSpaceAreConfirmedUnasked) {
