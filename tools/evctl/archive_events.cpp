@@ -89,10 +89,11 @@ int conclude(U64_t damaged) {
 }
 
 int runEvents(const EventsOptions& options) {
-    return listSources(
+    sources::Sources logs =
         sources::archiveSources(options.logs.path, {.logs = options.logs.choice,
-                                                    .allGenerations = options.logs.allGenerations}),
-        options.listing);
+                                                    .allGenerations = options.logs.allGenerations});
+    bool several = logs.size() > 1;
+    return listSources(std::move(logs), options.listing, several);
 }
 
 int runGet(const EventsOptions& options) {

@@ -1,7 +1,9 @@
 /** evctl file list: the events of log files and all that keeps events, one line each. */
 #include "evctl/commands.h"
 #include "evctl/listing.h"
+#include "evctl/passed_over.h"
 
+#include <algorithm>
 #include <iterator>
 
 namespace evctl {
@@ -10,7 +12,7 @@ namespace {
 constexpr char FILE_LIST_EXAMPLES[] =
     "FILE is a log file, its damaged copy, an alternate event log file, an archive, one of these\n"
     "compressed with gzip, a directory with them, or - for standard input. Several are merged by\n"
-    "time.\n"
+    "time. The exit status is 1 when something cannot be read, 2 when nothing can.\n"
     "Examples:\n"
     "  evctl file list kelta_eventlog --type error --source startup,snmp\n"
     "  evctl file list kelta_eventlog --around crash -n 5\n"
@@ -24,13 +26,19 @@ struct ListOptions {
 };
 
 int runList(const ListOptions& options) {
+    sources::OpenOptions how = {.fileOrder = options.fileOrder,
+                                .logs = options.listing.filter.logs};
     sources::Sources all;
+    PassedOver passedOver;
     for (const std::string& path : options.paths) {
-        sources::Sources found = sources::openSources(
-            path, {.fileOrder = options.fileOrder, .logs = options.listing.filter.logs});
-        std::move(found.begin(), found.end(), std::back_inserter(all));
+        passedOver.attempt(
+            [&] { std::ranges::move(sources::openSources(path, how), std::back_inserter(all)); });
     }
-    return listSources(std::move(all), options.listing);
+    if (all.empty() && !passedOver.reasons().empty()) {
+        return passedOver.say(tools::EXIT_COULD_NOT);
+    }
+    bool several = all.size() > 1 || options.paths.size() > 1;
+    return passedOver.say(listSources(std::move(all), options.listing, several));
 }
 
 } // namespace

@@ -16,8 +16,9 @@ namespace evctl {
 namespace {
 
 constexpr char FILE_SALVAGE_EXAMPLES[] =
-    "FILE: a log, its debugging copy, an alternate event file or a directory of such files.\n"
-    "The exit status is 1 when something could not be saved.\n"
+    "FILE: a log, its debugging copy, an alternate event file, or a directory of such files: its\n"
+    "log, debugging copy, logs that guard has set aside, and alternate events.\n"
+    "The exit status is 1 when something could not be saved, or read.\n"
     "Examples:\n"
     "  evctl file salvage kelta_eventlog --output mended\n"
     "  evctl file salvage kelta_eventlog kelta_eventlog.debug --renumber --output all";
@@ -107,6 +108,10 @@ Json salvageJson(const SalvageInputs& inputs, const EvlogSalvage_t& salvage,
                            {"bytes", one.finding.bytes},
                            {"reason", evlogReasonText(one.finding.reason)}});
     }
+    Json unread = Json::array();
+    for (const std::string& reason : inputs.passedOver().reasons()) {
+        unread.push_back(tools::escapedText(reason));
+    }
     return {{"saved", salvage.saved},
             {"marks", salvage.marks},
             {"renumbered", salvage.renumbered},
@@ -115,6 +120,7 @@ Json salvageJson(const SalvageInputs& inputs, const EvlogSalvage_t& salvage,
             {"lastSequenceId", salvage.bytes.empty() ? Json(nullptr) : Json(salvage.lastId)},
             {"leftOut", left},
             {"damaged", damaged},
+            {"unread", unread},
             {"written", written}};
 }
 
@@ -134,6 +140,9 @@ int runSalvage(const SalvageOptions& options) {
     for (const std::string& path : options.paths) {
         inputs.add(path);
     }
+    if (inputs.sources().empty()) {
+        return inputs.passedOver().say(tools::EXIT_COULD_NOT);
+    }
     std::optional<EvlogIdentity_t> identity = identityOf(options.identity);
     EvlogSalvage_t salvage =
         salvageTried(inputs.sources(),
@@ -150,10 +159,10 @@ int runSalvage(const SalvageOptions& options) {
         printLeft(inputs, salvage.left);
         std::cout << savedText(salvage) << (options.dryRun ? "; nothing written" : "") << "\n";
     }
-    if (salvage.bytes.empty()) {
-        return tools::EXIT_COULD_NOT;
-    }
-    return lost.empty() && salvage.left.empty() ? tools::EXIT_DONE : tools::EXIT_FINDING;
+    bool whole = lost.empty() && salvage.left.empty();
+    return inputs.passedOver().say(salvage.bytes.empty() ? tools::EXIT_COULD_NOT
+                                   : whole               ? tools::EXIT_DONE
+                                                         : tools::EXIT_FINDING);
 }
 
 } // namespace

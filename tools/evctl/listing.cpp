@@ -241,8 +241,7 @@ int Listing::finish() {
     return foundAnchor_ ? tools::EXIT_DONE : tools::EXIT_FINDING;
 }
 
-int listSources(sources::Sources sources, const ListingOptions& options) {
-    bool several = sources.size() > 1;
+int listSources(sources::Sources sources, const ListingOptions& options, bool several) {
     std::optional<Resume> resume;
     if (std::optional<Cursor> cursor = startCursor(options)) {
         resume.emplace(*std::move(cursor), options.inclusive);

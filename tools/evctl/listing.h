@@ -87,8 +87,9 @@ class Listing {
 };
 
 /** Lists the events of sources, merged by time, and says what is wrong in them on standard error.
+ * @param several they are of several logs, which the lines tell apart
  * @return the exit status */
-int listSources(sources::Sources sources, const ListingOptions& options);
+int listSources(sources::Sources sources, const ListingOptions& options, bool several);
 
 } // namespace evctl
 

@@ -1,18 +1,25 @@
 #include "evctl/salvage.h"
 
+#include "altEventLog.h"
+#include "common/text.h"
+#include "configuration.h"
 #include "evctl/file.h"
+#include "evctl/file_aside.h"
 #include "evlog/guess.h"
 #include "sources/alternate_files.h"
 
+#include <cerrno>
 #include <filesystem>
-#include <iostream>
 #include <stdexcept>
+#include <sys/stat.h>
 
 namespace evctl {
 namespace {
 
-bool isAlternateEventFile(const std::string& path) {
-    return path.substr(path.rfind('/') + 1).starts_with(EMP_AEL_FILE_PREFIX);
+/** Also a link that leads nowhere, and what cannot be looked at: who reads it will tell. */
+bool isThere(const std::string& path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 || errno != ENOENT;
 }
 
 } // namespace
@@ -23,15 +30,48 @@ void SalvageInputs::add(const std::string& name, std::vector<U8_t> bytes, bool w
     names_.push_back(name);
 }
 
-void SalvageInputs::add(const std::string& path) {
-    if (std::filesystem::is_directory(path)) {
-        for (sources::AelFile& file : sources::readAelDirectory(path)) {
-            if (isAlternateEventFile(file.name)) {
-                add(path + "/" + file.name, std::move(file.bytes), true);
+void SalvageInputs::addAlternates(const std::string& directory) {
+    for (sources::AelFile& file : sources::readAelDirectory(directory)) {
+        std::string name = directory + "/" + file.name;
+        if (file.name.starts_with(EMP_AEL_FILE_PREFIX)) {
+            if (file.fate == sources::AelFate::UNKNOWN) {
+                passedOver_.add(tools::escapedText(name) + ": " + file.reason);
+            } else {
+                add(name, std::move(file.bytes), true);
             }
         }
-        return;
     }
+}
+
+void SalvageInputs::addDirectory(const std::string& path) {
+    size_t before = sources_.size() + passedOver_.reasons().size();
+    // Of two events under one id that of the log counts.
+    std::string log = path + EMP_LOG_FILE_NAME;
+    std::vector<std::string> logs = logsSetAside(log);
+    logs.insert(logs.begin(), {log, path + EMP_DEBUG_LOG_FILE_NAME});
+    for (const std::string& file : logs) {
+        if (isThere(file)) {
+            passedOver_.attempt([&] { addFile(file); });
+        }
+    }
+    for (const std::string& directory : {path, path + EMP_AEL_DIRECTORY_NAME}) {
+        if (isThere(directory)) {
+            passedOver_.attempt([&] { addAlternates(directory); });
+        }
+    }
+    if (sources_.size() + passedOver_.reasons().size() == before) {
+        throw std::runtime_error(
+            path + ": a directory without an event log and without alternate event log files");
+    }
+}
+
+void SalvageInputs::add(const std::string& path) {
+    std::error_code error; // told by who opens it
+    bool isDirectory = std::filesystem::is_directory(path, error);
+    passedOver_.attempt([&] { isDirectory ? addDirectory(path) : addFile(path); });
+}
+
+void SalvageInputs::addFile(const std::string& path) {
     std::vector<sources::LogFile> files = loadLogFiles(path);
     for (sources::LogFile& file : files) {
         bool waiting = file.kind == sources::Kind::ALTERNATE;
@@ -40,7 +80,7 @@ void SalvageInputs::add(const std::string& path) {
         } else if (files.size() == 1) {
             requireLog(file.name, file.image);
         } else { // of a bundle the rest is read
-            std::cerr << "evctl: " << file.name << ": no event log, passed over\n";
+            passedOver_.add(file.name + ": no event log, passed over");
         }
     }
 }

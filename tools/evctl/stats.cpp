@@ -2,10 +2,12 @@
 #include "evctl/commands.h"
 #include "evctl/event_filter.h"
 #include "evctl/event_stats.h"
+#include "evctl/passed_over.h"
 #include "sources/source.h"
 
-#include <cstdlib>
+#include <algorithm>
 #include <iostream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -34,30 +36,34 @@ size_t widthOfOutput() {
     return terminal ? size.ws_col : STATS_WIDTH;
 }
 
-/** @return whether everything could be read */
-bool count(const StatsOptions& options, EventStats& stats) {
-    bool whole = true;
+/** @return how many sources were read */
+size_t count(const StatsOptions& options, EventStats& stats, PassedOver& passedOver) {
+    sources::Sources all;
     for (const std::string& path : options.paths) {
-        for (const auto& source : sources::openSources(path)) {
-            while (std::optional<sources::Event> event = source->next()) {
-                if (options.filter.matches(event->view)) {
-                    stats.add(event->view);
-                }
+        passedOver.attempt(
+            [&] { std::ranges::move(sources::openSources(path), std::back_inserter(all)); });
+    }
+    for (const auto& source : all) {
+        while (std::optional<sources::Event> event = source->next()) {
+            if (options.filter.matches(event->view)) {
+                stats.add(event->view);
             }
-            for (const auto* problems : {&source->notices(), &source->problems()}) {
-                for (const std::string& problem : *problems) {
-                    std::cerr << "evctl: " << source->origin().name << ": " << problem << "\n";
-                    whole = false;
-                }
+        }
+        for (const auto* problems : {&source->notices(), &source->problems()}) {
+            for (const std::string& problem : *problems) {
+                passedOver.add(source->origin().name + ": " + problem);
             }
         }
     }
-    return whole;
+    return all.size();
 }
 
 int runStats(const StatsOptions& options) {
     EventStats stats;
-    bool whole = count(options, stats);
+    PassedOver passedOver;
+    if (count(options, stats, passedOver) == 0) {
+        return passedOver.say(tools::EXIT_COULD_NOT);
+    }
     if (options.form == "json") {
         std::cout << jsonLine(statsJson(stats));
     } else if (options.form == "svg") {
@@ -69,7 +75,7 @@ int runStats(const StatsOptions& options) {
     } else {
         std::cout << statsLines(stats, widthOfOutput());
     }
-    return whole ? tools::EXIT_DONE : tools::EXIT_FINDING;
+    return passedOver.say(tools::EXIT_DONE);
 }
 
 } // namespace

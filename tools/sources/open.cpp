@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string_view>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 
 #if SOURCES_READ_BUNDLES
@@ -218,10 +219,14 @@ Bytes wholeOf(const std::string& path, EvlogImage_t image) {
     return readAll(path, descriptor.number());
 }
 
+const char* loadErrorText(int error) {
+    return error == EINVAL ? "not a regular file" : strerror(error);
+}
+
 EvlogImage_t loadFile(const std::string& path) {
     EvlogImage_t image;
     if (int error = evlogLoadFile(path.c_str(), &image); error != 0) {
-        fail(path, error == EINVAL ? "not a regular file" : strerror(error));
+        fail(path, loadErrorText(error));
     }
     return image;
 }
@@ -237,11 +242,16 @@ Sources openRegular(const std::string& path, const OpenOptions& options) {
     return openBytes(path, wholeOf(path, std::move(image)), options);
 }
 
-void addAlternates(const std::string& directory, Sources& found) {
-    std::unique_ptr<Source> source =
-        alternateDirectorySource({.name = directory, .kind = Kind::ALTERNATE}, directory);
-    if (source) {
-        found.push_back(std::move(source));
+void addAlternates(const std::string& directory, Sources& found,
+                   std::vector<std::string>& problems) {
+    try {
+        std::unique_ptr<Source> source =
+            alternateDirectorySource({.name = directory, .kind = Kind::ALTERNATE}, directory);
+        if (source) {
+            found.push_back(std::move(source));
+        }
+    } catch (const std::system_error& problem) {
+        problems.push_back(directory + ": " + problem.code().message());
     }
 }
 
@@ -252,6 +262,7 @@ bool isThere(const std::string& path) {
 
 Sources openDirectory(const std::string& path, const OpenOptions& options) {
     Sources found;
+    std::vector<std::string> problems;
     for (const char* name : {EMP_DEBUG_LOG_FILE_NAME, EMP_LOG_FILE_NAME}) {
         std::string log = path + name;
         EvlogImage_t image;
@@ -259,15 +270,20 @@ Sources openDirectory(const std::string& path, const OpenOptions& options) {
         if (error == 0) {
             found.push_back(logSource(logOrigin(log), std::move(image), options.fileOrder));
         } else if (error != ENOENT) {
-            fail(log, strerror(error));
+            problems.push_back(log + ": " + loadErrorText(error));
         }
     }
-    addAlternates(path, found);
+    addAlternates(path, found, problems);
     if (std::string below = path + EMP_AEL_DIRECTORY_NAME; isThere(below)) {
-        addAlternates(below, found);
+        addAlternates(below, found, problems);
     }
     if (found.empty()) {
-        fail(path, "a directory without an event log and without alternate event log files");
+        problems.push_back(path + ": a directory without an event log and without alternate event "
+                                  "log files");
+        throw std::runtime_error(problems.front());
+    }
+    for (const std::string& problem : problems) {
+        found.front()->addNotice(problem);
     }
     return found;
 }

@@ -75,7 +75,7 @@ struct OpenOptions {
  * - a bundle (tar, compressed or not): the logs, damaged copies and alternate event log files
  *   in it;
  * - a directory: the log file and the damaged copy in it, and the alternate event log files in it
- *   and in its subdirectory "aelfiles".
+ *   and in its subdirectory "aelfiles". What of it cannot be read is a notice of the first source.
  * Throws std::runtime_error with the name and the reason when it is none of these, holds none, or
  * cannot be read.
  */

@@ -141,7 +141,13 @@ TEST(EventStats, CommandCountsSeveralFiles) {
     EXPECT_THAT(test::run(command).output, HasSubstr(R"({"events":2,"bytes":400,)"));
     EXPECT_THAT(test::run({"stats", directory.file("one"), "-o", "svg"}).output,
                 HasSubstr("startup: 10 events"));
-    EXPECT_EQ(test::run({"stats", directory.file("missing")}).status, 2);
+    test::Said none = test::run({"stats", directory.file("missing")});
+    EXPECT_EQ(none.status, 2);
+    EXPECT_EQ(none.output, "");
+    test::Said rest = test::run({"stats", directory.file("missing"), directory.file("one")});
+    EXPECT_EQ(rest.status, 1);
+    EXPECT_THAT(rest.output, HasSubstr("10 events, 2000 bytes in a log\n"));
+    EXPECT_THAT(rest.errors, HasSubstr("missing: No such file or directory\n"));
 }
 
 TEST(EventStats, AnyFileIsCountedOrRefused) {

@@ -49,6 +49,10 @@ std::string damagedLog() {
     return log.bytes;
 }
 
+std::string waitingEvent(const std::string& body) {
+    return test::record({.instance = 0}, body);
+}
+
 std::vector<std::string> idsOf(const std::string& log) {
     std::vector<std::string> ids;
     for (const EvlogRecord_t& found : test::walk(log).records) {
@@ -115,11 +119,10 @@ TEST_F(FileSalvage, DryRunWritesNothing) {
 TEST_F(FileSalvage, DirectoryOfAlternateEventsIsTakenInTheOrderOfReplay) {
     std::string log = write("log", damagedLog());
     directory_.makeDirectory("aelfiles");
-    auto waiting = [](const std::string& body) { return test::record({.instance = 0}, body); };
-    std::string later = write("aelfiles/kelta_alteventlog1.aaaaaa", waiting("later"));
-    std::string sooner = write("aelfiles/kelta_alteventlog1.bbbbbb", waiting("sooner"));
+    std::string later = write("aelfiles/kelta_alteventlog1.aaaaaa", waitingEvent("later"));
+    std::string sooner = write("aelfiles/kelta_alteventlog1.bbbbbb", waitingEvent("sooner"));
     write("aelfiles/kelta_alteventlog1.cccccc", "no record");
-    write("aelfiles/other", waiting("other"));
+    write("aelfiles/other", waitingEvent("other"));
     std::filesystem::last_write_time(sooner, std::filesystem::last_write_time(later) -
                                                  std::chrono::seconds(100));
     Said said = run({log, directory_.file("aelfiles"), "--output", directory_.file("new")});
@@ -131,6 +134,73 @@ TEST_F(FileSalvage, DirectoryOfAlternateEventsIsTakenInTheOrderOfReplay) {
     EXPECT_EQ(made.find("other"), std::string::npos);
 }
 
+TEST_F(FileSalvage, DirectoryIsLogCopiesAndAlternateEvents) {
+    test::LogImage sound;
+    sound.firstEntry();
+    sound.events(1, 10);
+    sound.dummy();
+    sound.zerosTo();
+    test::LogImage older;
+    older.firstEntry();
+    older.events(1, 4);
+    older.dummy();
+    older.zerosTo();
+    std::string log = write("kelta_eventlog", damagedLog());
+    write("kelta_eventlog.debug", older.bytes);
+    write("kelta_alteventlog1.aaaaaa", waitingEvent("beside"));
+    directory_.makeDirectory("aelfiles");
+    write("aelfiles/kelta_alteventlog1.bbbbbb", waitingEvent("below"));
+    support::TempDirectory made;
+    Said said = run({directory_.path(), "--output", made.file("new")});
+    EXPECT_EQ(said.status, 1);
+    EXPECT_THAT(said.output, HasSubstr("12 events saved, ids 0 to 12"));
+    EXPECT_THAT(said.output, HasSubstr(log + " offset 1000"));
+    EXPECT_EQ(said.errors, "");
+    std::string bytes = support::readFile(made.file("new"));
+    EXPECT_NE(bytes.find("beside"), std::string::npos);
+    EXPECT_NE(bytes.find("below"), std::string::npos);
+    write("kelta_eventlog.fatal-20061121T140000Z", sound.bytes); // has what is damaged in the log
+    EXPECT_THAT(run({directory_.path(), "--dry-run"}).output, HasSubstr("13 events saved"));
+}
+
+TEST_F(FileSalvage, DirectoryWithASoundLogIsStatusZero) {
+    test::LogImage log;
+    log.firstEntry();
+    log.dummy();
+    log.zerosTo();
+    write("kelta_eventlog", log.bytes);
+    Said said = run({directory_.path(), "--dry-run"});
+    EXPECT_EQ(said.status, 0);
+    EXPECT_EQ(said.output, "1 events saved, ids 0 to 0; nothing written\n");
+}
+
+TEST_F(FileSalvage, OfADirectoryTheRestIsTakenWhenTheLogCannotBeRead) {
+    directory_.makeDirectory("kelta_eventlog");
+    write("kelta_eventlog.debug", damagedLog());
+    Said said = run({directory_.path(), "--dry-run"});
+    EXPECT_EQ(said.status, 1);
+    EXPECT_THAT(said.output, HasSubstr("10 events saved"));
+    EXPECT_EQ(said.errors,
+              "evctl: " + directory_.file("kelta_eventlog") + ": not a regular file\n");
+}
+
+TEST_F(FileSalvage, DirectoryWithoutEventsIsRefused) {
+    Said said = run({directory_.path(), "--dry-run"});
+    EXPECT_EQ(said.status, 2);
+    EXPECT_THAT(said.errors, HasSubstr("a directory without an event log"));
+}
+
+TEST_F(FileSalvage, OneFileThatCannotBeReadDoesNotKeepTheOthersFromBeingSaved) {
+    std::string log = write("log", damagedLog());
+    std::string empty = write("empty", "");
+    Said said = run({directory_.file("missing"), empty, log, "--dry-run", "--json"});
+    EXPECT_EQ(said.status, 1);
+    EXPECT_THAT(said.output, HasSubstr(R"("saved":10,)"));
+    EXPECT_THAT(said.output, HasSubstr(R"("unread":[")" + directory_.file("missing") +
+                                       ": No such file or directory\",\"" + empty + ": "));
+    EXPECT_THAT(said.errors, HasSubstr("missing: No such file or directory\nevctl: " + empty));
+}
+
 TEST_F(FileSalvage, AsJson) {
     std::string log = write("log", damagedLog());
     Said said = run({log, "--dry-run", "--json"});
@@ -139,7 +209,7 @@ TEST_F(FileSalvage, AsJson) {
               R"("lastSequenceId":10,"leftOut":[],"damaged":[{"file":")" +
                   log +
                   R"(","offset":1000,"bytes":200,"reason":"checksum does not match"}],)"
-                  R"("written":false})"
+                  R"("unread":[],"written":false})"
                   "\n");
 }
 

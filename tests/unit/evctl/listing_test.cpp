@@ -89,6 +89,22 @@ TEST_F(Listings, SeveralFilesAreMergedByTimeWithTheBladesNames) {
     EXPECT_THAT(list({one, two, "--json"}).output, HasSubstr("{\"from\":\"" + two + "\","));
 }
 
+TEST_F(Listings, OneFileThatCannotBeReadDoesNotHideTheOthers) {
+    std::string one = put("one", 1, 2, 1000);
+    std::string empty = putBytes("empty", "");
+    std::string missing = directory_.file("missing");
+    Said said = list({empty, one, missing, "--json"});
+    EXPECT_EQ(said.status, 1);
+    EXPECT_THAT(said.output, HasSubstr("{\"from\":\"" + one + "\",")); // as if all were there
+    EXPECT_EQ(linesOf(said.output).size(), 2U);
+    EXPECT_EQ(said.errors, "evctl: " + empty + ": no event log; it is empty\nevctl: " + missing +
+                               ": No such file or directory\n");
+    Said none = list({empty, missing, "-o", "csv"});
+    EXPECT_EQ(none.status, 2);
+    EXPECT_EQ(none.output, "");
+    EXPECT_EQ(none.errors, said.errors);
+}
+
 TEST_F(Listings, AroundAnEventAreItsNeighbours) {
     std::string path = put("log", 1, 40, 1000);
     EXPECT_EQ(ids({path, "--around", "20", "-n", "2"}), "18 19 20 21 22");

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 
 #include <fcntl.h>
+#include <filesystem>
 #include <random>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -120,6 +121,20 @@ TEST_F(SourcesOf, ADirectoryIsAllThatIsInIt) {
     EXPECT_EQ(idsOf(*found[2]), (Ids{3, 2}));
     EXPECT_THAT(found[2]->problems(),
                 ElementsAre("kelta_alteventlog\\x1B: shorter than a record's header"));
+}
+
+TEST_F(SourcesOf, WhatOfADirectoryCannotBeReadIsANoticeOfTheRest) {
+    directory_.makeDirectory("kelta_eventlog");
+    put("kelta_eventlog.debug", wrappedLog());
+    put("aelfiles", "no directory");
+    Sources found = openSources(directory_.path());
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_THAT(found[0]->notices(),
+                ElementsAre(directory_.file("kelta_eventlog") + ": not a regular file",
+                            directory_.file("aelfiles") + ": Not a directory"));
+    std::filesystem::remove(directory_.file("kelta_eventlog.debug"));
+    EXPECT_EQ(refusal(directory_.path()),
+              directory_.file("kelta_eventlog") + ": not a regular file");
 }
 
 TEST_F(SourcesOf, APipeIsTheFileThatComes) {
