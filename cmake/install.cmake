@@ -81,11 +81,24 @@ install(FILES ${PACKAGING}/etc/blade.conf
     DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/event-manager COMPONENT event-manager)
 install(FILES ${PACKAGING}/etc/logrotate-blade RENAME event-manager
     DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/logrotate.d COMPONENT event-manager)
-install(FILES README.md ARCHITECTURE.md docs/formats.md docs/operations.md demo/blade.conf
+# The pages lie as they do here, so that what they refer to is there, pictures too. The licence is called
+# as the system calls it.
+file(READ README.md README)
+string(REPLACE "](LICENSE)" "](copyright)" README "${README}")
+file(CONFIGURE OUTPUT ${PACKAGING_BUILD}/README.md CONTENT "${README}" @ONLY)
+set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS README.md)
+install(FILES LICENSE RENAME copyright DESTINATION ${BLADE_DOCDIR} COMPONENT event-manager)
+install(FILES ${PACKAGING_BUILD}/README.md ARCHITECTURE.md demo/blade.conf
     DESTINATION ${BLADE_DOCDIR} COMPONENT event-manager)
+install(DIRECTORY docs DESTINATION ${BLADE_DOCDIR} COMPONENT event-manager
+    FILES_MATCHING PATTERN *.md PATTERN *.svg PATTERN *.png PATTERN man EXCLUDE PATTERN kaitai EXCLUDE)
 
 install_program(evctl ${CMAKE_INSTALL_BINDIR} evctl)
 install_completion(evctl evctl)
+# Started by evctl alone.
+if(TARGET evctl-pg)
+    install(TARGETS evctl-pg RUNTIME DESTINATION libexec/event-manager COMPONENT evctl)
+endif()
 install(FILES docs/kaitai/kelta_eventlog.ksy
     DESTINATION ${CMAKE_INSTALL_DATADIR}/event-manager/kaitai COMPONENT evctl)
 install(FILES tools/dissector/blade.lua

@@ -22,7 +22,8 @@ std::vector<std::string> splitAtColons(const std::string& text) {
     return parts;
 }
 
-/** Beside the program in a build folder, else where it is installed. */
+/** Beside the program in a build folder, else where it is installed, which may be in a folder of
+ * programs that others start. */
 std::optional<std::string> ownDirectory() {
     std::error_code error;
     std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
@@ -30,7 +31,7 @@ std::optional<std::string> ownDirectory() {
         return std::nullopt;
     }
     std::filesystem::path folder = program.parent_path();
-    for (const auto& base : {folder, folder.parent_path()}) {
+    for (const auto& base : {folder, folder.parent_path(), folder.parent_path().parent_path()}) {
         if (std::filesystem::is_directory(base / BELOW_SHARE, error)) {
             return base / BELOW_SHARE;
         }

@@ -2,7 +2,7 @@
 
 #include "archive.h"
 #include "common/text.h"
-#include "sqlite_store.h"
+#include "reader.h"
 
 #include <ctime>
 #include <iomanip>
@@ -153,7 +153,7 @@ bool hasFinding(const Generation& generation) {
 } // namespace
 
 int listArchive(const std::string& path, ReportForm form, std::ostream& out) {
-    const auto store = openArchiveForReading(path);
+    const auto store = openForReading(path);
     for (const Generation& generation : readGenerations(*store, false)) {
         if (form == ReportForm::TEXT) {
             printLine(generation, out);
@@ -167,7 +167,7 @@ int listArchive(const std::string& path, ReportForm form, std::ostream& out) {
 }
 
 int checkArchive(const std::string& path, ReportForm form, std::ostream& out) {
-    return checkArchive(*openArchiveForReading(path), form, out);
+    return checkArchive(*openForReading(path), form, out);
 }
 
 int checkArchive(StoreReader& store, ReportForm form, std::ostream& out) {

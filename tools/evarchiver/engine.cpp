@@ -9,10 +9,6 @@
 
 namespace evarchive {
 
-bool isPgPlace(const std::string& database) {
-    return database.starts_with("postgresql://") || database.starts_with("postgres://");
-}
-
 #ifdef EVARCHIVER_POSTGRES
 
 bool hasPostgres() {

@@ -5,7 +5,7 @@
 #ifndef EVARCHIVER_ENGINE_H
 #define EVARCHIVER_ENGINE_H
 
-#include "store.h"
+#include "reader.h"
 
 #include <functional>
 #include <memory>
@@ -35,9 +35,6 @@ struct Engine {
     bool isKeptByLanes = true;
 };
 
-/** Whether a --db names a PostgreSQL server and no file. */
-bool isPgPlace(const std::string& database);
-
 /** Whether this program can file into one. */
 bool hasPostgres();
 
@@ -46,7 +43,7 @@ bool hasPostgres();
  */
 Engine engineOf(const std::string& database);
 
-/** Opens an archive for reading only, with whatever engine. Throws StoreError. */
+/** Opens an archive for reading only, with whatever engine this program has. Throws StoreError. */
 std::unique_ptr<StoreReader> readerOf(const std::string& database);
 
 } // namespace evarchive

@@ -180,6 +180,11 @@ class StoreReader {
     virtual void forEachRun(const GenerationKey& generation, U32_t from,
                             const std::function<void(const IdRun&)>& take) = 0;
 
+    /** The own events behind an id, or from the first one on, ascending: at least one if there is
+     * any, and as many of up to @p most as are at hand in one step. */
+    virtual std::vector<StoredEvent> eventsBehind(const GenerationKey& generation,
+                                                  std::optional<U32_t> id, std::size_t most);
+
     /** The events of a generation, ascending. The callback must not call the store. */
     virtual void forEachEvent(const GenerationKey& generation,
                               const std::function<void(const StoredEvent&)>& take) = 0;
@@ -256,6 +261,18 @@ class Store : public StoreReader {
     /** Removes the events that were set aside before @p before. @return how many */
     virtual U64_t removeAside(S64_t before) = 0;
 };
+
+inline std::vector<StoredEvent> StoreReader::eventsBehind(const GenerationKey& generation,
+                                                          std::optional<U32_t> id,
+                                                          std::size_t /*most*/) {
+    const auto type = id ? EMP_E_INQUIRY_TYPE_NEXT : EMP_E_INQUIRY_TYPE_FIRST;
+    std::optional<StoredEvent> event = findEvent(generation, type, id.value_or(0));
+    std::vector<StoredEvent> events;
+    if (event) {
+        events.push_back(*std::move(event));
+    }
+    return events;
+}
 
 inline Claim Store::claim(const SeriesKey& /*key*/, U32_t /*first*/) {
     throw StoreError("an archive that is not shared is not claimed");

@@ -47,7 +47,9 @@ void addOne(CLI::App& group, Chosen& chosen, const std::string& name, const std:
             int (*run)(const ArchiveOptions&)) {
     auto options = std::make_shared<ArchiveOptions>();
     CLI::App& command = addCommand(group, name, what, ARCHIVE_EXAMPLES);
-    command.add_option("--db", options->path, "The archive")->type_name("FILE")->required();
+    command.add_option("--db", options->path, "The archive: a file, or postgresql://...")
+        ->type_name("PLACE")
+        ->required();
     command.add_flag("--json", options->json, "As JSON");
     onChosen(command, chosen, options, run);
 }

@@ -4,7 +4,7 @@
 #include "evctl/event_json.h"
 #include "evctl/listing.h"
 #include "evctl/new_file.h"
-#include "sqlite_store.h"
+#include "reader.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -46,7 +46,9 @@ struct EventsOptions {
 };
 
 void addLogOptions(CLI::App& command, LogFilter& logs) {
-    command.add_option("--db", logs.path, "The archive")->type_name("FILE")->required();
+    command.add_option("--db", logs.path, "The archive: a file, or postgresql://...")
+        ->type_name("PLACE")
+        ->required();
     addLogChoice(command, logs.choice);
     command.add_flag("--all-generations", logs.allGenerations,
                      "Also what logs held before they counted again from the start");
@@ -61,7 +63,7 @@ EventView viewOf(const evarchive::StoredEvent& event) {
 template <typename Take>
 U64_t forEachEvent(const LogFilter& logs, const Take& take) {
     U64_t damaged = 0;
-    const auto store = evarchive::openArchiveForReading(logs.path);
+    const auto store = evarchive::openForReading(logs.path);
     const auto generations = store->listGenerations();
     for (size_t i = 0; i < generations.size(); ++i) {
         const bool isNewest =
@@ -190,7 +192,7 @@ int runStats(const EventsOptions& options) {
             }
         });
     U64_t aside = 0;
-    evarchive::openArchiveForReading(options.logs.path)
+    evarchive::openForReading(options.logs.path)
         ->forEachAside([&](const evarchive::AsideEvent& event) {
             aside += options.logs.matches(event.key) ? 1 : 0;
         });

@@ -1,12 +1,12 @@
 /** How far an archive has come with a log. */
 #include "evctl/archive_commands.h"
 #include "evctl/options.h"
-#include "sqlite_store.h"
+#include "reader.h"
 
 namespace evctl {
 
 std::optional<U32_t> newestArchived(const std::string& place, const EmpEvRecord_t& event) {
-    const auto store = evarchive::openArchiveForReading(place);
+    const auto store = evarchive::openForReading(place);
     const evarchive::SeriesKey key{
         .blade = {.enclosure = fieldText(event.evEnclosureId, sizeof(event.evEnclosureId)),
                   .blade = fieldText(event.evBladeId, sizeof(event.evBladeId)),

@@ -1,6 +1,7 @@
 /** evctl archive backup, prune and vacuum: what an operator does with an archive. */
 #include "archive_upkeep.h"
 #include "evctl/archive_commands.h"
+#include "reader.h"
 
 #include <iostream>
 
@@ -19,13 +20,23 @@ struct UpkeepOptions {
     evarchive::RetentionSettings retention;
 };
 
+void requireFile(const std::string& path) {
+    if (evarchive::isPgPlace(path)) {
+        throw std::runtime_error(evarchive::shownPlace(path) +
+                                 ": on a server; 'evarchiver db' and the server's own programs "
+                                 "see to it");
+    }
+}
+
 int runBackup(const UpkeepOptions& options) {
+    requireFile(options.path);
     evarchive::backupArchive(options.path, options.target);
     std::cout << "copied to " << options.target << "\n";
     return tools::EXIT_DONE;
 }
 
 int runPrune(const UpkeepOptions& options) {
+    requireFile(options.path);
     if (!options.retention.isBound()) {
         throw std::runtime_error("prune needs --keep-days, --max-bytes or --blade-quota");
     }
@@ -34,6 +45,7 @@ int runPrune(const UpkeepOptions& options) {
 }
 
 int runVacuum(const UpkeepOptions& options) {
+    requireFile(options.path);
     std::cout << evarchive::vacuumArchive(options.path) << " bytes given back\n";
     return tools::EXIT_DONE;
 }

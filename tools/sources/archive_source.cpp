@@ -1,27 +1,37 @@
 /** The logs of an archive. */
 #include "archive.h"
 #include "common/text.h"
+#include "reader.h"
 #include "sources/source.h"
-#include "sqlite_store.h"
+
+#include <algorithm>
+#include <deque>
+#include <iterator>
 
 namespace sources {
 namespace {
 
 using Reader = std::shared_ptr<evarchive::StoreReader>;
 
+// Of all logs together that one reading merges.
+constexpr size_t EVENTS_AHEAD = 100'000;
+
 /** One log, its generations from old to new. Events of another identity that it holds have a log of
  * their own, and damaged ones are left out, which is a problem of the source. */
 class ArchiveSource final : public Source {
   public:
-    ArchiveSource(Origin origin, Reader store, std::vector<evarchive::GenerationKey> generations)
-        : Source(std::move(origin)), store_(std::move(store)),
-          generations_(std::move(generations)) {}
+    /** @param most events that it holds at a time */
+    ArchiveSource(Origin origin, Reader store, std::vector<evarchive::GenerationKey> generations,
+                  size_t most)
+        : Source(std::move(origin)), store_(std::move(store)), generations_(std::move(generations)),
+          most_(most) {}
 
     std::optional<Event> next() override;
 
     void rewind() override {
         generation_ = 0;
         shown_.reset();
+        ahead_.clear();
         damaged_ = 0;
     }
 
@@ -33,14 +43,21 @@ class ArchiveSource final : public Source {
     std::vector<evarchive::GenerationKey> generations_;
     size_t generation_ = 0;
     std::optional<U32_t> shown_; // the last id of this generation
+    size_t most_;
+    std::deque<evarchive::StoredEvent> ahead_; // of this generation, read and not shown yet
     U64_t damaged_ = 0;
 };
 
 std::optional<evarchive::StoredEvent> ArchiveSource::step() {
     while (generation_ < generations_.size()) {
-        auto type = shown_ ? EMP_E_INQUIRY_TYPE_NEXT : EMP_E_INQUIRY_TYPE_FIRST;
-        if (auto event = store_->findEvent(generations_[generation_], type, shown_.value_or(0))) {
-            shown_ = event->sequenceId;
+        if (ahead_.empty()) {
+            std::ranges::move(store_->eventsBehind(generations_[generation_], shown_, most_),
+                              std::back_inserter(ahead_));
+        }
+        if (!ahead_.empty()) {
+            evarchive::StoredEvent event = std::move(ahead_.front());
+            ahead_.pop_front();
+            shown_ = event.sequenceId;
             return event;
         }
         generation_++;
@@ -76,7 +93,7 @@ bool matches(const LogChoice& logs, const evarchive::SeriesKey& key) {
 }
 
 std::string nameOf(const std::string& path, const evarchive::SeriesKey& key) {
-    return path + "/" + tools::escapedText(key.blade.enclosure) + "/" +
+    return evarchive::shownPlace(path) + "/" + tools::escapedText(key.blade.enclosure) + "/" +
            tools::escapedText(key.blade.blade) + "/" + std::to_string(key.blade.slot) + "/" +
            std::to_string(key.instance);
 }
@@ -84,8 +101,9 @@ std::string nameOf(const std::string& path, const evarchive::SeriesKey& key) {
 } // namespace
 
 Sources archiveSources(const std::string& path, const OpenOptions& options) {
-    Reader store = evarchive::openArchiveForReading(path);
+    Reader store = evarchive::openForReading(path);
     std::vector<evarchive::GenerationInfo> listed = store->listGenerations();
+    size_t most = std::clamp<size_t>(EVENTS_AHEAD / std::max<size_t>(listed.size(), 1), 1, 1000);
     Sources found;
     std::vector<evarchive::GenerationKey> generations;
     for (size_t at = 0; at < listed.size(); at++) {
@@ -96,7 +114,7 @@ Sources archiveSources(const std::string& path, const OpenOptions& options) {
         if (isNewest && matches(options.logs, listed[at].key)) {
             found.push_back(std::make_unique<ArchiveSource>(
                 Origin{.name = nameOf(path, listed[at].key), .kind = Kind::ARCHIVE}, store,
-                std::move(generations)));
+                std::move(generations), most));
         }
         if (isNewest) {
             generations.clear();

@@ -313,9 +313,16 @@ Sources openBytes(const std::string& name, Bytes bytes, const OpenOptions& optio
     return openImage(name, evlogImageOf(bytes), options);
 }
 
+bool isServer(const std::string& path) {
+    return path.starts_with("postgresql://") || path.starts_with("postgres://");
+}
+
 Sources openSources(const std::string& path, const OpenOptions& options) {
     if (path == "-") {
         return openPipe(path, options);
+    }
+    if (isServer(path)) {
+        return archiveSources(path, options);
     }
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) {

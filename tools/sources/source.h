@@ -65,12 +65,15 @@ struct OpenOptions {
     bool allGenerations = false; ///< archives: also what logs held before they began again
 };
 
+/** Whether what is to be read lies on a server: "postgresql://...". */
+bool isServer(const std::string& path);
+
 /**
  * The sources that @p path stands for:
  * - "-", or a pipe: what comes until its end, as the file that it is;
  * - a log file, or its damaged copy (a name that ends in ".debug");
  * - an alternate event log file (a name that begins with "kelta_alteventlog");
- * - an archive: a source for each log in it;
+ * - an archive, in a file or on a server ("postgresql://..."): a source for each log in it;
  * - one of these but an archive, compressed with gzip;
  * - a bundle (tar, compressed or not): the logs, damaged copies and alternate event log files
  *   in it;

@@ -19,7 +19,7 @@ del sys.argv[1:4]
 SYSTEM_PROGRAMS = ("blade", "emp", "evarchiver", "evbridge", "evgate", "evweb", "msm")
 COMPLETED = ("blade", "evarchiver", "evbridge", "evctl", "evfleet", "evgate", "evweb", "msm")
 EXPECTED = [
-    "bin/evctl", "bin/evfleet", *[f"sbin/{program}" for program in SYSTEM_PROGRAMS],
+    "bin/evctl", "bin/evfleet", "libexec/event-manager/evctl-pg", *[f"sbin/{program}" for program in SYSTEM_PROGRAMS],
     *[f"share/bash-completion/completions/{program}" for program in COMPLETED],
     *[f"share/zsh/site-functions/_{program}" for program in COMPLETED],
     *[f"share/fish/vendor_completions.d/{program}.fish" for program in COMPLETED],
@@ -27,8 +27,8 @@ EXPECTED = [
     "lib/systemd/system/blade@.service", "lib/systemd/system/evarchiver.service", "lib/systemd/system/evgate.service",
     "lib/systemd/system/evbridge.service", "lib/systemd/system/evweb.service",
     *[f"lib/{kind}.d/{name}.conf" for kind in ("sysusers", "tmpfiles") for name in ("blade", "evarchiver")],
-    "share/doc/event-manager/README.md", "share/doc/event-manager/operations.md",
-    "share/doc/event-manager/formats.md", "share/doc/libmpu-dev/examples/log_event.c",
+    "share/doc/event-manager/README.md", "share/doc/event-manager/docs/operations.md",
+    "share/doc/event-manager/docs/formats.md", "share/doc/libmpu-dev/examples/log_event.c",
     "share/event-manager/kaitai/kelta_eventlog.ksy", "share/event-manager/wireshark/blade.lua",
     "share/event-manager/wireshark/blade_record.py", "share/event-manager/sql/fleet/001_schema.sql",
     "include/mpu/mpu/event.h", "include/mpu/mpu_gbl.h",
@@ -60,6 +60,14 @@ class InstallTest(unittest.TestCase):
         self.assertEqual(pages, {page.name for page in PAGES.iterdir()})
         for page in self.tree.glob("share/man/man[1-8]/*"):
             self.assertEqual(page.parent.name[3:], page.suffix[1:])
+
+    def test_readme_leads_to_what_is_installed_and_pages_have_their_pictures(self):
+        folder = self.tree / "share/doc/event-manager"
+        places = re.findall(r"\]\(([^)#:]+)[)#]", (folder / "README.md").read_text())
+        for page in folder.glob("docs/*.md"):
+            places += [f"docs/{picture}" for picture in re.findall(r"!\[[^]]*\]\(([^):]+)\)", page.read_text())]
+        self.assertIn("docs/tour/ring.svg", places)
+        self.assertEqual([place for place in places if not (folder / place).is_file()], [])
 
     # --- Services
 

@@ -131,6 +131,10 @@ class PgStore final : public Store {
                     const std::function<void(const IdRun&)>& take) override {
         read(&PgReads::forEachRun, generation, from, take);
     }
+    std::vector<StoredEvent> eventsBehind(const GenerationKey& generation, std::optional<U32_t> id,
+                                          std::size_t most) override {
+        return read(&PgReads::eventsBehind, generation, id, most);
+    }
     void forEachEvent(const GenerationKey& generation,
                       const std::function<void(const StoredEvent&)>& take) override {
         read(&PgReads::forEachEvent, generation, take);

@@ -208,6 +208,19 @@ void PgReads::forEachRun(const GenerationKey& generation, U32_t from,
     }
 }
 
+std::vector<StoredEvent> PgReads::eventsBehind(const GenerationKey& generation,
+                                               std::optional<U32_t> id, std::size_t most) {
+    const SeriesKey key = keyOf(generation.series);
+    const S64_t behind = id ? S64_t{*id} : -1;
+    const PgRows rows = connection_.run(
+        pg::OWN_PAGE, parametersOf(generation).integer(behind).integer(static_cast<S64_t>(most)));
+    std::vector<StoredEvent> events;
+    for (int row = 0; row < rows.count(); ++row) {
+        events.push_back(eventOf(rows, row, key));
+    }
+    return events;
+}
+
 void PgReads::forEachEvent(const GenerationKey& generation,
                            const std::function<void(const StoredEvent&)>& take) {
     const SeriesKey key = keyOf(generation.series);

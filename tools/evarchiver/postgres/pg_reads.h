@@ -44,6 +44,8 @@ class PgReads {
     std::vector<GenerationInfo> listGenerations();
     void forEachRun(const GenerationKey& generation, U32_t from,
                     const std::function<void(const IdRun&)>& take);
+    std::vector<StoredEvent> eventsBehind(const GenerationKey& generation, std::optional<U32_t> id,
+                                          std::size_t most);
     void forEachEvent(const GenerationKey& generation,
                       const std::function<void(const StoredEvent&)>& take);
     void forEachAside(const std::function<void(const AsideEvent&)>& take);

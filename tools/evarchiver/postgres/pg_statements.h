@@ -157,6 +157,11 @@ constexpr PgStatement RUNS{
 constexpr PgStatement PAGE{"page", "SELECT " PG_EVENT_COLUMNS " FROM events WHERE log = $1 "
                                    "AND generation = $2 AND id > $3 ORDER BY id LIMIT $4"};
 
+/** The log's own ones of these. */
+constexpr PgStatement OWN_PAGE{"own_page",
+                               "SELECT " PG_EVENT_COLUMNS " FROM events WHERE log = $1 AND "
+                               "generation = $2 AND own AND id > $3 ORDER BY id LIMIT $4"};
+
 /** The events that inquiries mean, by their type: lowest, next above, exact, next below, highest.
  * log, generation, id */
 constexpr std::array<PgStatement, EMP_E_INQUIRY_TYPE_LAST> FIND = {{
