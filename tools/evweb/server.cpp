@@ -23,7 +23,6 @@ using std::chrono::milliseconds;
 
 constexpr std::chrono::seconds IDLE{15};         // between two requests
 constexpr std::chrono::seconds REQUEST_TIME{10}; // for all of a request's head
-constexpr std::chrono::seconds SEND_TIME{10};    // for the next bytes of an answer
 constexpr std::size_t LONGEST_REQUEST = 32'768;
 constexpr unsigned MOST_REQUESTS = 1000; // of a connection
 constexpr char LOCAL[] = "local";
@@ -37,8 +36,9 @@ constexpr char TOO_MANY[] = "HTTP/1.1 503 Service Unavailable\r\nRetry-After: 2\
 /** A connection as the library reads and writes it. Every wait has an end. */
 class Peer final : public httplib::Stream {
   public:
-    Peer(int descriptor, std::string name, Clock::time_point end)
-        : descriptor_(descriptor), name_(std::move(name)), end_(end) {}
+    Peer(int descriptor, std::string name, const ServerSettings& settings)
+        : descriptor_(descriptor), name_(std::move(name)), sendTime_(settings.sendTime),
+          end_(Clock::now() + settings.lifetime) {}
 
     /** Waits for the first byte of the next request. */
     bool awaitRequest() {
@@ -53,12 +53,10 @@ class Peer final : public httplib::Stream {
 
     bool is_readable() const override { return at_ < size_ || await(POLLIN, readEnd_); }
     bool is_writable() const override {
-        return await(POLLOUT, std::min(end_, Clock::now() + SEND_TIME));
+        return await(POLLOUT, std::min(end_, Clock::now() + sendTime_));
     }
     ssize_t read(char* to, size_t size) override;
-    ssize_t write(const char* from, size_t size) override {
-        return is_writable() ? send(descriptor_, from, size, MSG_NOSIGNAL) : -1;
-    }
+    ssize_t write(const char* from, size_t size) override;
     void get_remote_ip_and_port(std::string& ip, int& port) const override {
         ip = name_;
         port = 0;
@@ -78,6 +76,7 @@ class Peer final : public httplib::Stream {
 
     int descriptor_;
     std::string name_;
+    milliseconds sendTime_;
     Clock::time_point end_;
     Clock::time_point readEnd_;
     std::size_t left_ = 0; // bytes that the request may still have
@@ -104,6 +103,21 @@ ssize_t Peer::read(char* to, size_t size) {
     at_ += count;
     left_ -= count;
     return static_cast<ssize_t>(count);
+}
+
+/** All of it, or nothing is said to be written: the connection ends then. */
+ssize_t Peer::write(const char* from, size_t size) {
+    for (std::size_t sent = 0; sent < size;) {
+        // Room may be for less than there is: a send that waited for the rest would have no end.
+        const ssize_t count =
+            is_writable() ? send(descriptor_, from + sent, size - sent, MSG_DONTWAIT | MSG_NOSIGNAL)
+                          : -1;
+        if (count < 0) {
+            return -1;
+        }
+        sent += static_cast<std::size_t>(count);
+    }
+    return static_cast<ssize_t>(size);
 }
 
 Request requestOf(const httplib::Request& given) {
@@ -296,7 +310,7 @@ class Connections {
         }
         Connection& connection = all_.emplace_back(descriptor);
         connection.thread = std::jthread([this, &connection, name = std::move(name)] {
-            Peer peer(connection.socket.number(), name, Clock::now() + settings_.lifetime);
+            Peer peer(connection.socket.number(), name, settings_);
             protocol_.serve(peer);
             shutdown(connection.socket.number(), SHUT_RDWR);
             connection.isOver = true;
