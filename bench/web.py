@@ -34,8 +34,10 @@ def measure(server, started, rounds):
         return body
 
     def report(name, question):
+        connection.close()  # the server ends connections that are minutes old
         times = []
-        for _ in range(rounds):
+        end = time.monotonic() + 10
+        while len(times) < rounds and (len(times) < 3 or time.monotonic() < end):
             begun = time.perf_counter()
             body = ask(question)
             times.append(1000 * (time.perf_counter() - begun))
@@ -63,13 +65,18 @@ def measure(server, started, rounds):
     report("newest 50 of one blade", f"events?log={log}")
     report("newest 50 of one blade, by its name", "events?blade=BLADE-500")
     report("50 of one source and id", "events?source=11&id=7")
+    report("an event id that is nowhere", "events?id=300")
+    report("errors of an event id that has none", "events?type=error&id=300")
+    report("a category that is nowhere", "events?category=9")
+    report("what came since", f"tail?after={ask('tail?limit=1')['position']}")
     report("50 around an event", f"around?log={log}&id=5000")
     report("timeline of 30 days, 120 bars", f"timeline?since=@{newest - 30 * 86_400}&until=@{newest}&buckets=120")
     report("timeline of one hour, by the minute", f"timeline?since=@{middle}&until=@{middle + 3600}&buckets=60")
+    report("timeline of 30 days, errors of one event id", f"timeline?since=@{newest - 30 * 86_400}&until=@{newest}&type=error&id=13")
+    report("timeline of 30 days, one source", f"timeline?since=@{newest - 30 * 86_400}&until=@{newest}&source=11")
     report("timeline of one blade, 30 days", f"timeline?since=@{newest - 30 * 86_400}&until=@{newest}&log={log}")
     report("overview of 100 logs", "logs")
     report("one log with its generations", f"log?log={log}")
-    rounds = 3
     report("a text that is nowhere (ends after --query-time)", "events?text=nowhere")
     print(f"\nThe summary took {took:.1f} s; resident memory {int(memory) / 1024:.0f} MB.")
 

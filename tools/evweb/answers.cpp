@@ -20,9 +20,8 @@ Json timeJson(S64_t seconds) {
     return isKnown ? Json(evctl::isoTime(static_cast<U32_t>(seconds))) : Json(nullptr);
 }
 
-template <typename Value>
-Json timeOrNull(const std::optional<Value>& seconds) {
-    return seconds ? timeJson(static_cast<S64_t>(*seconds)) : Json(nullptr);
+Json timeOrNull(const std::optional<S64_t>& seconds) {
+    return seconds ? timeJson(*seconds) : Json(nullptr);
 }
 
 Json typesJson(const TypeCounts& counts) {
@@ -84,6 +83,10 @@ Json tableJson(const tools::NameTable& table) {
 }
 
 } // namespace
+
+Json timeOrNull(const std::optional<U32_t>& seconds) {
+    return seconds ? timeJson(*seconds) : Json(nullptr);
+}
 
 bool isWhole(const FoundEvent& event) {
     return evarchive::isWholeEvent(event.event.image);
@@ -160,6 +163,9 @@ Json overviewJson(const Overview& overview) {
             {"known", overview.known},
             {"next", overview.next ? Json(std::to_string(*overview.next)) : Json(nullptr)},
             {"windowSeconds", overview.windowSeconds},
+            {"lately", overview.lately ? Json{{"error", (*overview.lately)[EMP_E_TYPE_ERROR]},
+                                              {"warning", (*overview.lately)[EMP_E_TYPE_WARNING]}}
+                                       : Json(nullptr)},
             {"now", timeJson(time(nullptr))}};
 }
 

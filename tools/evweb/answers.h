@@ -14,6 +14,9 @@ namespace evweb {
 
 using Json = nlohmann::ordered_json;
 
+/** As "2006-11-21T14:00:00Z". */
+Json timeOrNull(const std::optional<U32_t>& seconds);
+
 /** Whether an event's bytes are whole, so that it can be shown. */
 bool isWhole(const FoundEvent& event);
 

@@ -303,6 +303,63 @@ void addBehind(PgConnection& connection, PgQuestion& question, S64_t log) {
         .integer(", ", rows.integer(0, 4), ")");
 }
 
+void addNamed(PgQuestion& question, const LogSearch& search) {
+    if (!search.find.empty()) {
+        question.text(" AND (strpos(lower(enclosure), ", search.find, ") > 0")
+            .text(" OR strpos(lower(blade), ", search.find, ") > 0)");
+    }
+}
+
+/** One more than are wanted, where there is one. */
+PgRows logsByName(PgConnection& connection, const LogSearch& search) {
+    PgQuestion question(LOGS);
+    addNamed(question, search);
+    if (search.behind) {
+        addBehind(connection, question, *search.behind);
+    }
+    return question
+        .integer(" ORDER BY enclosure, blade, slot, instance LIMIT ", S64_t{search.limit} + 1)
+        .ask(connection);
+}
+
+/** Warnings and errors of the last hour have an index by their own time, and only by that. */
+PgRows worstLogs(PgConnection& connection, const LogSearch& search) {
+    PgQuestion worst("SELECT log FROM event_list WHERE own AND type IN (2, 3)");
+    addNamed(worst.time(" AND time >= ", time(nullptr) - LATELY), search);
+    const PgRows found =
+        worst
+            .add(" GROUP BY log ORDER BY count(*) FILTER (WHERE type = 3) DESC, count(*) DESC, log")
+            .integer(" LIMIT ", search.limit)
+            .ask(connection);
+    std::vector<S64_t> logs;
+    for (int row = 0; row < found.count(); ++row) {
+        logs.push_back(found.integer(row, 0));
+    }
+    PgQuestion question(LOGS);
+    return question.integers(" AND log = ANY(", logs, ")")
+        .integers(" ORDER BY array_position(", logs, "::bigint[], log)")
+        .ask(connection);
+}
+
+std::optional<TypeCounts> graveLately(PgConnection& connection) {
+    PgQuestion question("SELECT type, count(*) FROM event_list WHERE own AND type IN (2, 3)");
+    question.time(" AND time >= ", time(nullptr) - LATELY).add(" GROUP BY type");
+    try {
+        const PgRows rows = question.ask(connection);
+        TypeCounts counts{};
+        for (int row = 0; row < rows.count(); ++row) {
+            counts[typeIndex(static_cast<U32_t>(rows.integer(row, 0)))] =
+                static_cast<U64_t>(rows.integer(row, 1));
+        }
+        return counts;
+    } catch (const PgError& error) {
+        if (!isTooLong(error)) {
+            throw;
+        }
+        return std::nullopt;
+    }
+}
+
 GenerationView generationOf(PgConnection& connection, const LogInfo& info, U32_t generation) {
     GenerationView view;
     view.info.number = {info.log, generation};
@@ -396,30 +453,22 @@ ViewStatus PgView::status() {
     });
 }
 
-Overview PgView::logs(const std::string& find, std::optional<S64_t> behind, U32_t limit) {
+Overview PgView::logs(const LogSearch& search) {
     return with<Overview>([&](PgConnection& connection, Clock::time_point deadline) {
         Overview overview;
-        PgQuestion question(LOGS);
-        if (!find.empty()) {
-            question.text(" AND (strpos(lower(enclosure), ", find, ") > 0")
-                .text(" OR strpos(lower(blade), ", find, ") > 0)");
-        }
-        if (behind) {
-            addBehind(connection, question, *behind);
-        }
         const PgRows rows =
-            question.integer(" ORDER BY enclosure, blade, slot, instance LIMIT ", S64_t{limit} + 1)
-                .ask(connection);
-        for (int row = 0; row < rows.count() && overview.logs.size() < limit; ++row) {
+            search.isWorstFirst ? worstLogs(connection, search) : logsByName(connection, search);
+        for (int row = 0; row < rows.count() && overview.logs.size() < search.limit; ++row) {
             overview.logs.push_back(infoOf(rows, row));
         }
-        if (static_cast<U32_t>(rows.count()) > limit) {
+        if (static_cast<U32_t>(rows.count()) > search.limit) {
             overview.next = overview.logs.back().log;
         }
         overview.known = static_cast<U64_t>(
             PgQuestion("SELECT count(*) FROM blade_list").ask(connection).integer(0, 0));
         addEnds(connection, overview.logs);
         overview.windowSeconds = addLately(connection, overview.logs) ? LATELY : 0;
+        overview.lately = graveLately(connection);
         for (std::size_t at = 0; at < overview.logs.size() && Clock::now() < deadline; ++at) {
             addMissing(connection, overview.logs[at], runOf(rows, static_cast<int>(at)));
         }

@@ -62,7 +62,7 @@ class PgView final : public View {
         : place_(std::move(place)), patience_(patience) {}
 
     ViewStatus status() override;
-    Overview logs(const std::string& find, std::optional<S64_t> behind, U32_t limit) override;
+    Overview logs(const LogSearch& search) override;
     LogDetail log(S64_t log) override;
     Page search(const Search& search) override;
     Page around(S64_t log, std::optional<U32_t> generation, U32_t id, U32_t reach) override;

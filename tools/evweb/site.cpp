@@ -12,7 +12,6 @@ namespace {
 
 constexpr std::chrono::seconds QUESTION_WAIT{2};
 constexpr U32_t EXPORT_PAGE = 500;
-constexpr U32_t USUAL_LOGS = 100;
 constexpr char API[] = "/api/v1/";
 
 // No other origin has a part in these pages, neither as a source nor as a frame around them.
@@ -83,11 +82,20 @@ S64_t requiredLog(const Parameters& parameters) {
 }
 
 std::string logs(View& view, const Parameters& parameters) {
-    requireKnown(parameters, {"find", "behind", "limit"});
-    const std::string find = lowerCase(valueOf(parameters, "find"));
-    const auto limit = numberOf(parameters, "limit", 1, MOST_ROWS).value_or(USUAL_LOGS);
-    return textOf(overviewJson(view.logs(find, numberOf(parameters, "behind", INT64_MIN, INT64_MAX),
-                                         static_cast<U32_t>(limit))));
+    requireKnown(parameters, {"find", "behind", "limit", "order"});
+    LogSearch search{.find = lowerCase(valueOf(parameters, "find"))};
+    search.behind = numberOf(parameters, "behind", INT64_MIN, INT64_MAX);
+    search.limit =
+        static_cast<U32_t>(numberOf(parameters, "limit", 1, MOST_ROWS).value_or(search.limit));
+    const std::string order = valueOf(parameters, "order");
+    if (!order.empty() && order != "name" && order != "worst") {
+        throw Refusal(400, "order: name or worst");
+    }
+    search.isWorstFirst = order == "worst";
+    if (search.isWorstFirst && search.behind) {
+        throw Refusal(400, "behind: the worst are listed from the first on");
+    }
+    return textOf(overviewJson(view.logs(search)));
 }
 
 std::string around(View& view, const Parameters& parameters) {
@@ -134,7 +142,13 @@ std::string names(View& /*view*/, const Parameters& parameters) {
 }
 
 std::string events(View& view, const Parameters& parameters) {
-    return textOf(pageJson(view.search(searchOf(parameters))));
+    const Search search = searchOf(parameters);
+    Json json = pageJson(view.search(search));
+    // What "today" or "-2h" was: so a link to this can say it for good.
+    json["since"] = timeOrNull(search.filter.since);
+    json["until"] = timeOrNull(search.filter.until);
+    json["now"] = timeOrNull(std::optional(static_cast<U32_t>(time(nullptr))));
+    return textOf(json);
 }
 
 using Answer = std::string (*)(View&, const Parameters&);
@@ -225,10 +239,9 @@ Response Site::route(const Request& request) {
         return ask(request, request.path.substr(sizeof(API) - 1));
     }
     const PageFile* file = fileOf(request.path);
-    if (file == nullptr) {
-        throw Refusal(404, "no such page");
-    }
-    return {.type = file->type, .body = std::string(file->content)};
+    const int status = file == nullptr ? 404 : 200; // the shell says so in words
+    file = file == nullptr ? fileOf("/") : file;
+    return {.status = status, .type = file->type, .body = std::string(file->content)};
 }
 
 Response Site::ask(const Request& request, const std::string& question) {

@@ -92,15 +92,18 @@ bool isIn(const std::vector<S64_t>& logs, S64_t log) {
     return logs.empty() || std::ranges::binary_search(logs, log);
 }
 
-/** Whether counts of minutes alone tell what a search finds. */
-bool needsNoLook(const Search& search, const LogsWanted& wanted, const Timeline& timeline) {
-    const evctl::EventFilter& filter = search.filter;
-    const auto& types = filter.types;
-    const bool areKnown = std::ranges::all_of(types, [](U32_t type) { return typeIndex(type); });
-    return wanted.isAll && search.text.empty() && filter.sources.empty() &&
-           filter.categories.empty() && filter.ids.empty() && !filter.firstSequenceId &&
-           !filter.lastSequenceId && areKnown && timeline.width % 60 == 0 &&
-           timeline.since % 60 == 0;
+/** Whether what is known of a zone may tell by itself what a search finds in it. */
+bool needsNoLook(const Search& search, const LogsWanted& wanted, const Needs& needs) {
+    return wanted.isAll && search.text.empty() && !search.filter.firstSequenceId &&
+           !search.filter.lastSequenceId && needs.isExact;
+}
+
+bool countZone(const Zone& zone, const Needs& needs, Timeline& timeline) {
+    if (needs.isAnyKind && timeline.width % 60 == 0 && timeline.since % 60 == 0) {
+        zone.countInto(timeline, needs.types);
+        return true;
+    }
+    return zone.countKindsInto(timeline, needs);
 }
 
 U32_t endOf(const Timeline& timeline) {
@@ -326,8 +329,8 @@ void SqliteView::count(const Search& search, Timeline& timeline) {
         }
         return;
     }
-    const bool isByMinute = needsNoLook(within, wanted, timeline);
     const Needs needs = needsOf(within.filter, wanted.logs);
+    const bool isByZone = needsNoLook(within, wanted, needs);
     const Survey::Zones zones = survey_.zones(reading.state());
     const S64_t first = reading.firstRow();
     const S64_t last = reading.lastRow();
@@ -337,8 +340,7 @@ void SqliteView::count(const Search& search, Timeline& timeline) {
         if (zone != nullptr && !zone->mayHold(needs)) {
             continue;
         }
-        if (zone != nullptr && isByMinute) {
-            zone->countInto(timeline, needs.types);
+        if (zone != nullptr && isByZone && countZone(*zone, needs, timeline)) {
             continue;
         }
         withSieve(row, number * ZONE_ROWS, (number + 1) * ZONE_ROWS, 0, within);

@@ -87,10 +87,19 @@ std::vector<evarchive::GenerationInfo> generationsOf(SqliteDatabase& database, S
     return generations;
 }
 
-U64_t missingBetween(const std::vector<evarchive::IdRun>& runs) {
-    U64_t missing = 0;
-    for (std::size_t at = 1; at < runs.size(); ++at) {
-        missing += runs[at].first - runs[at - 1].last - 1;
+/** Ids that are not held between two that are; nothing when there is no time to count. */
+std::optional<U64_t> missingBetween(SqliteReading& reading, const GenerationKey& key, U32_t first,
+                                    U32_t last) {
+    constexpr S64_t idsAtATime = 100'000;
+    U64_t missing = S64_t{last} - first + 1;
+    SqliteStatement row(reading.database(), sqlite_sql::COUNT);
+    for (S64_t from = first; from <= last; from += idsAtATime) {
+        if (reading.isOver()) {
+            return std::nullopt;
+        }
+        row.with(key.series, key.generation, from, std::min<S64_t>(last, from + idsAtATime - 1));
+        row.step();
+        missing -= static_cast<U64_t>(row.integer(0));
     }
     return missing;
 }
@@ -105,11 +114,8 @@ void addEnds(SqliteReading& reading, const evarchive::GenerationInfo& generation
     info.lastId = last->id;
     info.lastTime = last->time;
     info.lastReceived = info.seen = last->received;
-    std::vector<evarchive::IdRun> runs;
     const U32_t from = firstInDoubt(generation, first->id, last->id);
-    if (!reading.isOver() && takeRuns(reading, generation.number, from, SIZE_MAX, runs)) {
-        info.missing = missingBetween(runs);
-    }
+    info.missing = missingBetween(reading, generation.number, from, last->id);
 }
 
 } // namespace
@@ -155,7 +161,7 @@ bool SqliteView::surveyOne() {
         auto zone = std::make_shared<Zone>();
         while (row.step()) {
             if (row.integer(3) != 0) { // others are listed by their own log
-                zone->add({row.integer(0), row.id(4), row.id(5), row.id(6), row.id(8)});
+                zone->add({row.integer(0), row.id(4), row.id(5), row.id(6), row.id(7), row.id(8)});
             }
         }
         zone->finish();
@@ -221,8 +227,11 @@ std::shared_ptr<const SqliteView::Lately> SqliteView::lately(SqliteReading& read
     return lately_;
 }
 
-LogInfo SqliteView::infoOf(SqliteReading& reading, SqliteStatement& row) {
+LogInfo SqliteView::infoOf(SqliteReading& reading, SqliteStatement& row, const Lately& counts) {
     LogInfo info{.log = row.integer(0), .key = keyOf(row)};
+    if (const auto found = counts.counts.find(info.log); found != counts.counts.end()) {
+        info.lately = found->second;
+    }
     const auto generations = generationsOf(reading.database(), info.log);
     if (!generations.empty()) {
         info.generation = generations.front().number.generation;
@@ -233,24 +242,52 @@ LogInfo SqliteView::infoOf(SqliteReading& reading, SqliteStatement& row) {
     return info;
 }
 
-Overview SqliteView::logs(const std::string& find, std::optional<S64_t> behind, U32_t limit) {
-    SqliteReading reading(path_, patience_);
+Overview SqliteView::byName(SqliteReading& reading, const LogSearch& search, const Lately& counts) {
     Overview overview;
-    const auto counts = lately(reading);
-    overview.known = static_cast<U64_t>(reading.database().number("SELECT count(*) FROM series"));
-    overview.windowSeconds = counts->seconds;
-    SqliteStatement row(reading.database(), behind ? sqlite_sql::LOGS : sqlite_sql::FIRST_LOGS);
-    row.with(find, behind.value_or(0), S64_t{limit} + 1);
+    SqliteStatement row(reading.database(),
+                        search.behind ? sqlite_sql::LOGS : sqlite_sql::FIRST_LOGS);
+    row.with(search.find, search.behind.value_or(0), S64_t{search.limit} + 1);
     while (row.step()) {
-        if (overview.logs.size() == limit) {
+        if (overview.logs.size() == search.limit) {
             overview.next = overview.logs.back().log;
             break;
         }
-        LogInfo info = infoOf(reading, row);
-        if (const auto found = counts->counts.find(info.log); found != counts->counts.end()) {
-            info.lately = found->second;
+        overview.logs.push_back(infoOf(reading, row, counts));
+    }
+    return overview;
+}
+
+Overview SqliteView::worst(SqliteReading& reading, const LogSearch& search, const Lately& counts) {
+    std::vector<std::tuple<U64_t, U64_t, S64_t>> order;
+    for (const auto& [log, types] : counts.counts) {
+        if (types[EMP_E_TYPE_ERROR] + types[EMP_E_TYPE_WARNING] > 0) {
+            order.emplace_back(types[EMP_E_TYPE_ERROR], types[EMP_E_TYPE_WARNING], -log);
         }
-        overview.logs.push_back(std::move(info));
+    }
+    std::ranges::sort(order, std::greater());
+    Overview overview;
+    SqliteStatement row(reading.database(), sqlite_sql::ONE_LOG);
+    for (const auto& [errors, warnings, negative] : order) {
+        if (overview.logs.size() == search.limit) {
+            break;
+        }
+        if (row.with(-negative, search.find).step()) {
+            overview.logs.push_back(infoOf(reading, row, counts));
+        }
+    }
+    return overview;
+}
+
+Overview SqliteView::logs(const LogSearch& search) {
+    SqliteReading reading(path_, patience_);
+    const auto counts = lately(reading);
+    Overview overview =
+        search.isWorstFirst ? worst(reading, search, *counts) : byName(reading, search, *counts);
+    overview.known = static_cast<U64_t>(reading.database().number("SELECT count(*) FROM series"));
+    overview.windowSeconds = counts->seconds;
+    overview.lately.emplace();
+    for (const auto& [log, types] : counts->counts) {
+        std::ranges::transform(types, *overview.lately, overview.lately->begin(), std::plus());
     }
     return overview;
 }
@@ -259,10 +296,10 @@ LogDetail SqliteView::log(S64_t log) {
     constexpr std::size_t mostRuns = 500;
     SqliteReading reading(path_, patience_);
     SqliteStatement row(reading.database(), sqlite_sql::ONE_LOG);
-    if (!row.with(log).step()) {
+    if (!row.with(log, std::string()).step()) {
         throw Refusal(404, "the archive has no log " + std::to_string(log));
     }
-    LogDetail detail{.info = infoOf(reading, row)};
+    LogDetail detail{.info = infoOf(reading, row, *lately(reading))};
     for (evarchive::GenerationInfo& info : generationsOf(reading.database(), log)) {
         GenerationView& view = detail.generations.emplace_back();
         const GenerationKey key = info.number;

@@ -32,8 +32,8 @@ namespace sqlite_sql {
 /** What the engine leaves out by itself, so that fewer rows have to be looked at: types and sources
  * as bits, the first and the last second, an event id or -1. Filters see to what is left. */
 #define EVWEB_SIEVE                                                                                \
-    "AND own AND (?4 >> type) & 1 AND (?5 >> source) & 1 AND time BETWEEN ?6 AND ?7 "              \
-    "AND event = iif(?8 < 0, event, ?8) "
+    "AND (?8 < 0 OR event = ?8) AND (?4 >> type) & 1 AND (?5 >> source) & 1 "                      \
+    "AND time BETWEEN ?6 AND ?7 AND own "
 
 /** By arrival: first row, row behind the last one, nothing; what the sieve wants. */
 constexpr char ARRIVALS[] =
@@ -58,6 +58,8 @@ constexpr char LAST[] = "SELECT id, time, received FROM events "
                         "WHERE series = ?1 AND generation = ?2 ORDER BY id DESC LIMIT 1";
 constexpr char IDS[] = "SELECT id FROM events "
                        "WHERE series = ?1 AND generation = ?2 AND id >= ?3 ORDER BY id";
+constexpr char COUNT[] = "SELECT count(*) FROM events "
+                         "WHERE series = ?1 AND generation = ?2 AND id BETWEEN ?3 AND ?4";
 
 /** When a row came, and what came behind it. */
 constexpr char RECEIVED[] = "SELECT received FROM events WHERE rowid >= ?1 ORDER BY rowid LIMIT 1";
@@ -74,7 +76,8 @@ constexpr char FIRST_LOGS[] =
     "WHERE (?1 = '' OR instr(lower(enclosure), ?1) OR instr(lower(blade), ?1)) AND ?2 = ?2 "
     "ORDER BY enclosure, blade, slot, instance LIMIT ?3";
 constexpr char ONE_LOG[] =
-    "SELECT series, enclosure, blade, slot, instance FROM series WHERE series = ?1";
+    "SELECT series, enclosure, blade, slot, instance FROM series WHERE series = ?1 "
+    "AND (?2 = '' OR instr(lower(enclosure), ?2) OR instr(lower(blade), ?2))";
 constexpr char ALL_LOGS[] = "SELECT series, enclosure, blade, slot, instance FROM series "
                             "ORDER BY enclosure, blade, slot, instance";
 constexpr char GENERATIONS[] =
@@ -109,7 +112,7 @@ class SqliteView final : public View {
     SqliteView(std::string path, std::chrono::milliseconds patience);
 
     ViewStatus status() override;
-    Overview logs(const std::string& find, std::optional<S64_t> behind, U32_t limit) override;
+    Overview logs(const LogSearch& search) override;
     LogDetail log(S64_t log) override;
     Page search(const Search& search) override;
     Page around(S64_t log, std::optional<U32_t> generation, U32_t id, U32_t reach) override;
@@ -132,7 +135,9 @@ class SqliteView final : public View {
     Page searchArrivals(SqliteReading& reading, const Search& search,
                         const std::vector<S64_t>& logs);
     std::shared_ptr<const Lately> lately(SqliteReading& reading);
-    LogInfo infoOf(SqliteReading& reading, SqliteStatement& row);
+    static Overview worst(SqliteReading& reading, const LogSearch& search, const Lately& counts);
+    static Overview byName(SqliteReading& reading, const LogSearch& search, const Lately& counts);
+    static LogInfo infoOf(SqliteReading& reading, SqliteStatement& row, const Lately& counts);
     void keepSurveying(const std::stop_token& stop);
 
     std::string path_;

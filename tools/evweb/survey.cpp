@@ -6,18 +6,38 @@ namespace evweb {
 namespace {
 
 constexpr U32_t MINUTE = 60;
+constexpr U64_t SERIES_BITS = 8192; // of more logs than these, some share a bit
 
-U64_t bitOf(U64_t number) {
-    return U64_t{1} << (number % 64);
+template <std::size_t SIZE>
+std::bitset<SIZE> bitsOf(const std::vector<U32_t>& wanted) {
+    std::bitset<SIZE> bits;
+    for (const U32_t number : wanted) {
+        bits.set(number % SIZE);
+    }
+    return wanted.empty() ? bits.set() : bits;
 }
 
-template <typename Number>
-U64_t bitsOf(const std::vector<Number>& wanted) {
-    U64_t bits = wanted.empty() ? ~U64_t{0} : 0;
-    for (const Number number : wanted) {
-        bits |= bitOf(static_cast<U64_t>(number));
-    }
-    return bits;
+constexpr U32_t MOST_SOURCE = 0xFF;
+constexpr U32_t MOST_CATEGORY = 0x3F;
+constexpr U32_t MOST_EVENT = 0xFFFF;
+
+bool areUpTo(const std::vector<U32_t>& numbers, U32_t most) {
+    return std::ranges::all_of(numbers, [most](U32_t number) { return number <= most; });
+}
+
+/** What an event is, in one number: those of the same event stand together. */
+U32_t kindOf(const EventColumns& event) {
+    return (event.event & MOST_EVENT) << 16U | (event.source & MOST_SOURCE) << 8U |
+           (event.category & MOST_CATEGORY) << 2U | static_cast<U32_t>(typeIndex(event.type));
+}
+
+bool isOfKind(U32_t kind, const Needs& needs) {
+    return needs.types[kind & 3U] && needs.categories[kind >> 2U & MOST_CATEGORY] &&
+           needs.sources[kind >> 8U & MOST_SOURCE];
+}
+
+U64_t bitOf(S64_t series) {
+    return static_cast<U64_t>(series) % SERIES_BITS;
 }
 
 } // namespace
@@ -25,13 +45,19 @@ U64_t bitsOf(const std::vector<Number>& wanted) {
 Needs needsOf(const evctl::EventFilter& filter, const std::vector<S64_t>& series) {
     Needs needs{.since = filter.since.value_or(0),
                 .until = filter.until.value_or(UINT32_MAX),
-                .sources = bitsOf(filter.sources),
-                .events = bitsOf(filter.ids),
-                .series = bitsOf(series)};
+                .sources = bitsOf<256>(filter.sources),
+                .categories = bitsOf<64>(filter.categories),
+                .events = filter.ids,
+                .series = series,
+                .isExact = areUpTo(filter.sources, MOST_SOURCE) &&
+                           areUpTo(filter.categories, MOST_CATEGORY),
+                .isAnyKind =
+                    filter.sources.empty() && filter.categories.empty() && filter.ids.empty()};
     if (!filter.types.empty()) {
         needs.types = {};
         for (const U32_t type : filter.types) {
             needs.types[typeIndex(type)] = true;
+            needs.isExact = needs.isExact && typeIndex(type) != 0; // all others are one
         }
     }
     return needs;
@@ -44,20 +70,43 @@ void Zone::add(const EventColumns& event) {
         at = minutes_.insert(at, {minute, {}});
     }
     ++at->counts[typeIndex(event.type)];
-    sources_ |= bitOf(event.source);
-    events_ |= bitOf(event.event);
-    series_ |= bitOf(static_cast<U64_t>(event.series));
+    kinds_.push_back(kindOf(event));
+    areKindsExact_ = areKindsExact_ && event.event <= MOST_EVENT && event.source <= MOST_SOURCE &&
+                     event.category <= MOST_CATEGORY;
+    const U64_t bit = bitOf(event.series);
+    series_.resize(std::max<std::size_t>(series_.size(), bit / 64 + 1));
+    series_[bit / 64] |= U64_t{1} << bit % 64;
 }
 
 void Zone::finish() {
+    std::ranges::sort(kinds_);
+    std::vector<U32_t> kinds;
+    for (const U32_t kind : kinds_) {
+        if (kinds.empty() || kinds.back() != kind) {
+            kinds.push_back(kind);
+            kindCounts_.push_back(0);
+        }
+        ++kindCounts_.back();
+    }
+    kinds_ = std::move(kinds);
+    kinds_.shrink_to_fit();
+    kindCounts_.shrink_to_fit();
     minutes_.shrink_to_fit();
+    series_.shrink_to_fit();
 }
 
 bool Zone::mayHold(const Needs& needs) const {
-    if ((sources_ & needs.sources) == 0 || (events_ & needs.events) == 0 ||
-        (series_ & needs.series) == 0) {
-        return false;
-    }
+    return hasSeries(needs) && hasMinute(needs) && hasKind(needs);
+}
+
+bool Zone::hasSeries(const Needs& needs) const {
+    return needs.series.empty() || std::ranges::any_of(needs.series, [this](S64_t series) {
+               const U64_t bit = bitOf(series);
+               return bit / 64 < series_.size() && (series_[bit / 64] >> bit % 64 & 1U) != 0;
+           });
+}
+
+bool Zone::hasMinute(const Needs& needs) const {
     const auto first =
         std::ranges::lower_bound(minutes_, needs.since / MINUTE, {}, &Minute::minute);
     return std::any_of(first, minutes_.end(), [&needs](const Minute& minute) {
@@ -70,6 +119,39 @@ bool Zone::mayHold(const Needs& needs) const {
             }
         }
         return false;
+    });
+}
+
+bool Zone::countKindsInto(Timeline& timeline, const Needs& needs) const {
+    if (minutes_.empty() || !areKindsExact_ || !needs.isExact) {
+        return false;
+    }
+    const U64_t first = U64_t{minutes_.front().minute} * MINUTE;
+    const U64_t last = U64_t{minutes_.back().minute} * MINUTE + MINUTE - 1;
+    if (first < timeline.since ||
+        (first - timeline.since) / timeline.width != (last - timeline.since) / timeline.width) {
+        return false;
+    }
+    for (std::size_t at = 0; at < kinds_.size(); ++at) {
+        const bool isEvent =
+            needs.events.empty() ||
+            std::ranges::find(needs.events, kinds_[at] >> 16U) != needs.events.end();
+        if (isEvent && isOfKind(kinds_[at], needs)) {
+            timeline.count(static_cast<U32_t>(first), kinds_[at] & 3U, kindCounts_[at]);
+        }
+    }
+    return true;
+}
+
+bool Zone::hasKind(const Needs& needs) const {
+    const auto fits = [&needs](U32_t kind) { return isOfKind(kind, needs); };
+    if (needs.isAnyKind || needs.events.empty()) {
+        return needs.isAnyKind || std::ranges::any_of(kinds_, fits);
+    }
+    return std::ranges::any_of(needs.events, [&](U32_t event) {
+        const auto same = std::ranges::equal_range(kinds_, event & MOST_EVENT, {},
+                                                   [](U32_t kind) { return kind >> 16U; });
+        return std::ranges::any_of(same, fits);
     });
 }
 

@@ -10,12 +10,13 @@
 
 #include "view.h"
 
+#include <bitset>
 #include <mutex>
 
 namespace evweb {
 
 /** Rows of a zone: those with numbers from n * ZONE_ROWS on. Numbers grow with the arrival. */
-constexpr S64_t ZONE_ROWS = 4096;
+constexpr S64_t ZONE_ROWS = 2048;
 
 /** The columns of an event that a summary is made of. */
 struct EventColumns {
@@ -23,17 +24,22 @@ struct EventColumns {
     U32_t time = 0;
     U32_t source = 0;
     U32_t type = 0;
+    U32_t category = 0;
     U32_t event = 0;
 };
 
-/** What a search needs, as far as a zone can tell that it has none of it. */
+/** What a search needs, as far as a zone can tell that it has none of it. Numbers that are larger
+ * than those of events are, stand for several. */
 struct Needs {
     U32_t since = 0;
     U32_t until = UINT32_MAX;
     std::array<bool, 4> types{true, true, true, true}; ///< by typeIndex()
-    U64_t sources = ~U64_t{0};                         ///< a bit each: the number's low six bits
-    U64_t events = ~U64_t{0};
-    U64_t series = ~U64_t{0};
+    std::bitset<256> sources = std::bitset<256>().set();
+    std::bitset<64> categories = std::bitset<64>().set();
+    std::vector<U32_t> events{}; ///< empty: all
+    std::vector<S64_t> series{}; ///< empty: all
+    bool isExact = true;         ///< no two numbers that are wanted or not stand for each other
+    bool isAnyKind = true;       ///< any source, category and event is wanted
 };
 
 /** @param series that are wanted; empty: all */
@@ -50,16 +56,28 @@ class Zone {
     /** Counts its events of these types. Buckets begin and end at whole minutes. */
     void countInto(Timeline& timeline, const std::array<bool, 4>& types) const;
 
+    /** Counts its events of the kinds that are needed, those of all logs, if all of its time lies
+     * in one bucket.
+     * @return false where it cannot tell: nothing was counted */
+    bool countKindsInto(Timeline& timeline, const Needs& needs) const;
+
   private:
     struct Minute {
         U32_t minute;
         std::array<U16_t, 4> counts;
     };
 
-    std::vector<Minute> minutes_; ///< ascending, once finished
-    U64_t sources_ = 0;
-    U64_t events_ = 0;
-    U64_t series_ = 0;
+    bool hasSeries(const Needs& needs) const;
+    bool hasMinute(const Needs& needs) const;
+    bool hasKind(const Needs& needs) const;
+
+    std::vector<Minute> minutes_; ///< ascending
+    /// Event, source, category and type together: all, and ascending without repetitions once
+    /// finished, when there is a number of events for each.
+    std::vector<U32_t> kinds_;
+    std::vector<U16_t> kindCounts_;
+    bool areKindsExact_ = true;
+    std::vector<U64_t> series_; ///< a bit each
 };
 
 /** Which file it is, and which state of it: another one has other row numbers. */

@@ -100,11 +100,20 @@ struct LogInfo {
     TypeCounts lately{};                 ///< events of the window of the overview
 };
 
+/** Which logs are to be listed. */
+struct LogSearch {
+    std::string find{};            ///< what a name holds, lower case; empty: any
+    std::optional<S64_t> behind{}; ///< the log of Overview::next
+    U32_t limit = 100;
+    bool isWorstFirst = false; ///< those with errors and warnings lately, most first; else by name
+};
+
 struct Overview {
     std::vector<LogInfo> logs{};
-    std::optional<S64_t> next{}; ///< the last log of these, when more follow
-    U64_t known = 0;             ///< logs of the archive
-    S64_t windowSeconds = 0;     ///< that LogInfo::lately is about; 0: not known
+    std::optional<S64_t> next{};        ///< the last log of these, when more follow
+    U64_t known = 0;                    ///< logs of the archive
+    S64_t windowSeconds = 0;            ///< that LogInfo::lately is about; 0: not known
+    std::optional<TypeCounts> lately{}; ///< errors and warnings of all logs; nothing: not counted
 };
 
 /** A generation of a log, with the ids that it holds. */
@@ -139,9 +148,7 @@ class View {
 
     virtual ViewStatus status() = 0;
 
-    /** Logs by name. @param find what a name holds, lower case; empty: any
-     *  @param behind the log of Overview::next */
-    virtual Overview logs(const std::string& find, std::optional<S64_t> behind, U32_t limit) = 0;
+    virtual Overview logs(const LogSearch& search) = 0;
 
     virtual LogDetail log(S64_t log) = 0;
 

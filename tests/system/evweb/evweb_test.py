@@ -74,6 +74,13 @@ class Answers:
         self.assertEqual((len(first["logs"]), len(rest["logs"]), rest["next"]), (3, 1, None))
         self.assertEqual(len({log["log"] for log in first["logs"] + rest["logs"]}), 4)
 
+    def test_the_worst_logs_are_listed_first_and_others_not_at_all(self):
+        found = self.ask("logs?order=worst")
+        self.assertEqual([log["blade"] for log in found["logs"]], [HOSTILE, "BLADE-1"])
+        self.assertEqual(found["lately"], {"error": 4, "warning": 4})
+        self.assertEqual([log["blade"] for log in self.ask("logs?order=worst&find=lade")["logs"]], ["BLADE-1"])
+        self.assertEqual(len(self.ask("logs?order=worst&limit=1")["logs"]), 1)
+
     def test_overview_finds_by_a_part_of_the_name(self):
         self.assertEqual([log["blade"] for log in self.ask("logs?find=lade-1")["logs"]], ["BLADE-1"])
 
@@ -86,6 +93,10 @@ class Answers:
                 break
             before = page["next"]
         self.assertEqual((len(seen), len(set(seen))), (EVENTS, EVENTS))
+
+    def test_a_search_says_which_time_its_words_meant(self):
+        page = self.ask("events?since=1970-01-02&until=@86400&limit=1")
+        self.assertEqual((page["since"], page["until"]), ("1970-01-02T00:00:00Z", "1970-01-02T00:00:00Z"))
 
     def test_filters_are_those_of_all_readers(self):
         self.assertEqual({found["typeName"] for found in self.events("type=error,warning")}, {"error", "warning"})
@@ -472,7 +483,7 @@ class BrowserTest(unittest.TestCase):
     def test_a_blade_shows_its_crash_and_its_gaps(self):
         self.show(f"/blade?log={self.logs['BLADE-1']}")
         text = self.text()
-        for word in ("Crashes", "bug-check", "Generation 2", "Generation 1, superseded", "1 gaps", "21 to 24"):
+        for word in ("Crashes", "bug-check", "Generation 2", "Generation 1, superseded", "1 gap", "21 to 24", "Warnings and errors"):
             self.assertIn(word, text)
 
     def test_what_matters_is_told_without_colour(self):

@@ -3,8 +3,6 @@
 #include "site.h"
 #include "temp_directory.h"
 
-#include <gmock/gmock.h>
-#include <nlohmann/json.hpp>
 #include <csignal>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
@@ -29,8 +27,9 @@ class AskedView final : public View {
         }
         return {.engine = "none"};
     }
-    Overview logs(const std::string& find, std::optional<S64_t> behind, U32_t limit) override {
-        asked = find + "|" + std::to_string(behind.value_or(0)) + "|" + std::to_string(limit);
+    Overview logs(const LogSearch& search) override {
+        asked = search.find + "|" + std::to_string(search.behind.value_or(0)) + "|" +
+                std::to_string(search.limit) + (search.isWorstFirst ? "|worst" : "");
         return {};
     }
     LogDetail log(S64_t log) override { throw Refusal(404, std::to_string(log)); }
@@ -227,6 +226,30 @@ TEST_F(SiteTest, PageIsNeverLongerThanItsBound) {
 TEST_F(SiteTest, SearchOfLogsIsPassedOnInSmallLetters) {
     ask("logs", {{"find", "BLADE-Ä"}, {"behind", "-9"}, {"limit", "3"}});
     EXPECT_EQ(view.asked, "blade-Ä|-9|3");
+}
+
+TEST_F(SiteTest, WorstLogsAreListedFromTheFirstOnOnly) {
+    ask("logs", {{"order", "worst"}});
+    EXPECT_EQ(view.asked, "|0|100|worst");
+    ask("logs", {{"order", "name"}});
+    EXPECT_EQ(view.asked, "|0|100");
+    EXPECT_EQ(ask("logs", {{"order", "worst"}, {"behind", "5"}}).status, 400);
+    EXPECT_EQ(ask("logs", {{"order", "slot"}}).status, 400);
+}
+
+TEST_F(SiteTest, SearchSaysWhichTimeItsWordsMeant) {
+    const auto json =
+        nlohmann::json::parse(ask("events", {{"since", "2006-11-21"}, {"limit", "1"}}).body);
+    EXPECT_EQ(json["since"], "2006-11-21T00:00:00Z");
+    EXPECT_TRUE(json["until"].is_null());
+}
+
+TEST_F(SiteTest, WrongAddressShowsThePageThatSaysSo) {
+    const Response response = site().answer(get("/nothing"));
+    EXPECT_EQ(response.status, 404);
+    EXPECT_THAT(response.type, testing::StartsWith("text/html"));
+    EXPECT_EQ(response.body, site().answer(get("/")).body);
+    EXPECT_EQ(ask("nothing").type, "application/json");
 }
 
 TEST_F(SiteTest, ErrorsSayInJsonWhatIsWrongAndQuoteItSafely) {

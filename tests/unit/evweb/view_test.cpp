@@ -86,6 +86,9 @@ TEST_F(SqliteViewTest, SummariesChangeNoAnswer) {
         const Timeline timeline{
             .since = since, .width = width, .buckets = std::vector<TypeCounts>(40)};
         EXPECT_EQ(countsOf(known, {}, timeline), countsOf(fresh, {}, timeline));
+        for (const Search& search : searches) {
+            EXPECT_EQ(countsOf(known, search, timeline), countsOf(fresh, search, timeline));
+        }
     }
 }
 
@@ -147,6 +150,8 @@ TEST_F(SqliteViewTest, EveryStatementForEventsUsesAKeyAndSortsNothing) {
                             "generation=? AND id>?)\n"},
         {sqlite_sql::ONE, "SEARCH events USING INDEX sqlite_autoindex_events_1 (series=? AND "
                           "generation=? AND id=?)\n"},
+        {sqlite_sql::COUNT, "SEARCH events USING COVERING INDEX sqlite_autoindex_events_1 "
+                            "(series=? AND generation=? AND id>? AND id<?)\n"},
         {sqlite_sql::FIRST, "SEARCH events USING INDEX sqlite_autoindex_events_1 (series=? AND "
                             "generation=?)\n"},
         {sqlite_sql::LAST, "SEARCH events USING INDEX sqlite_autoindex_events_1 (series=? AND "
