@@ -18,10 +18,16 @@ async function showArchive() {
   document.getElementById("archive").replaceChildren(parts.join(" · "));
 }
 
+function noPage() {
+  show("No such page", el("h1", null, "There is no such page"),
+    el("p", null, "Nothing is shown at this address. ", el("a", { href: "/" }, "The fleet"), " is where all else begins."));
+}
+
 /** Shows a page; while the archive is away, tries again until it is back. */
 async function start() {
   try {
-    await (await import(PAGES[location.pathname] ?? PAGES["/"])).page();
+    if (PAGES[location.pathname]) await (await import(PAGES[location.pathname])).page();
+    else noPage();
     showArchive().catch(() => {});
   } catch (error) {
     const isAway = error.status === 503 || error instanceof TypeError;

@@ -1,6 +1,8 @@
-import { ask, bladeText, el, eventTable, facts, figures, here, link, note, number, seconds, show, span, svg, time } from "./dom.js";
+import { ask, bladeText, el, eventTable, figures, here, link, note, number, plural, seconds, show, span, svg, time } from "./dom.js";
+import { at, chartOf, notes } from "./timeline.js";
 
 const CRASH = { source: "eventlog", id: 11 };
+const DAY = 86_400;
 
 /** The ids of a generation as a strip. A gap that would be too thin to be seen is made wide enough. */
 function strip(generation) {
@@ -14,7 +16,7 @@ function strip(generation) {
     parts.push(svg("rect", { class: "gap", x: at(from), width: Math.max(3, at(generation.runs[index][0]) - at(from)), y: 3, height: 4 }));
   }
   return svg("svg", { class: "strip", viewBox: "0 0 1000 10", preserveAspectRatio: "none", role: "img",
-    "aria-label": `ids ${first} to ${last}, ${generation.runs.length - 1} gaps` }, parts);
+    "aria-label": `ids ${first} to ${last}, ${plural(generation.runs.length - 1, "gap")}` }, parts);
 }
 
 function gapsOf(generation) {
@@ -28,37 +30,59 @@ function gapsOf(generation) {
 function generationPart(generation, log, isNewest) {
   const gaps = gapsOf(generation);
   return [
-    el("h2", null, `Generation ${generation.generation}${isNewest ? "" : ", superseded"}`),
+    el("h3", null, `Generation ${generation.generation}${isNewest ? "" : ", superseded"}`),
     generation.runs.length > 0 && strip(generation),
-    el("p", { class: "quiet" }, `${number(generation.events)} events${generation.cut ? " or more" : ""}`,
+    el("p", { class: "quiet" }, `${plural(generation.events, "event")}${generation.cut ? " or more" : ""}`,
       generation.runs.length > 0 && `, ids ${number(generation.runs[0][0])} to ${number(generation.runs.at(-1)[1])}`,
-      `, ${number(gaps.length)} gaps, ${number(generation.duplicates)} duplicates dropped; opened ${time(generation.opened)}`,
+      `, ${plural(gaps.length, "gap")}, ${plural(generation.duplicates, "duplicate")} dropped; opened ${time(generation.opened)}`,
       generation.firstTime && `; events of ${time(generation.firstTime)} to ${time(generation.lastTime)}`),
-    gaps.length > 0 && el("details", { open: gaps.length <= 3 }, el("summary", null, `${number(gaps.length)} gaps`),
+    gaps.length > 0 && el("details", { open: gaps.length <= 3 }, el("summary", null, plural(gaps.length, "gap")),
       el("ul", null, gaps.slice(0, 100).map(([first, last]) => el("li", null, "ids ",
         el("a", { href: link("/search", { log, generation: generation.generation, seq: `${Math.max(0, first - 10)}:${last + 10}` }) },
           first === last ? number(first) : `${number(first)} to ${number(last)}`), " are missing")))),
   ];
 }
 
+/** The day before a log's newest event, or before now if its clock runs ahead. */
+async function lastDay(log, now) {
+  const end = Math.min(seconds(log.lastTime), now);
+  const found = await ask("timeline", { log: log.log, since: at(end - DAY + 1), until: at(end), buckets: 96 });
+  return [el("h2", null, "The last 24 hours it tells of", el("small", null, `to ${time(log.lastTime)}`)),
+    chartOf(found, (from, to) => link("/search", { log: log.log, since: at(from), until: at(to) })), notes(found)];
+}
+
+const list = (title, events, more, href) => [el("h2", null, title),
+  events.length > 0 ? eventTable(events, false) : el("p", { class: "quiet" }, "none"),
+  el("div", { class: "row" }, more && el("a", { class: "button", ...href }, "Older ones"))];
+
+async function crashPart(log, crashes) {
+  const [newest] = crashes.events;
+  if (!newest) return null;
+  const around = await ask("around", { log: log.log, generation: newest.generation, id: newest.sequenceId, reach: 8 });
+  const table = eventTable(around.events, false);
+  table.querySelector(`[data-key="${log.log}.${newest.generation}.${newest.sequenceId}"]`)?.classList.add("here");
+  return [el("h2", null, "Crashes"), eventTable(crashes.events, false),
+    el("details", { open: true }, el("summary", null, "what the log holds around the newest one"), table)];
+}
+
 export async function page() {
-  const given = here();
-  const log = await ask("log", { log: given.log });
-  const [recent, crashes] = await Promise.all([ask("events", { log: log.log, limit: 25, before: given.before }), ask("events", { log: log.log, ...CRASH, limit: 5 })]);
-  const around = crashes.events.length > 0
-    ? await ask("around", { log: log.log, generation: crashes.events[0].generation, id: crashes.events[0].sequenceId, reach: 8 }) : null;
-  const name = bladeText(log.enclosure, log.blade, log.slot);
+  const log = await ask("log", { log: here().log });
   const now = seconds(log.now);
+  const [recent, grave, crashes] = await Promise.all([{ limit: 25 }, { type: "error,warning", limit: 15 }, { ...CRASH, limit: 5 }]
+    .map((filters) => ask("events", { log: log.log, ...filters })));
+  const [day, crash] = await Promise.all([log.lastTime && lastDay(log, now), crashPart(log, crashes)]);
+  const name = bladeText(log.enclosure, log.blade, log.slot);
+  const graveFilters = { log: log.log, type: "error,warning" };
   show(name, el("h1", null, name, el("small", null, `enclosure ${log.enclosure}, slot ${log.slot}, instance ${log.instance} of its log`)),
-    figures([["last seen", log.seen ? `${span(now - seconds(log.seen))} ago` : "never"], ["lag", log.lag === null ? "" : span(log.lag)],
+    figures([["last seen", log.seen ? `${span(now - seconds(log.seen))} ago` : "never"],
+      ["behind by", log.lag === null ? "" : log.lag < 0 ? `its clock is ${span(log.lag)} ahead` : span(log.lag)],
       ["newest id", number(log.lastId)], ["missing ids", log.missing === null ? "not counted" : number(log.missing)],
       ["generations", number(log.generations.length)], ["crashes", `${number(crashes.events.length)}${crashes.next ? " or more" : ""}`]]),
     el("div", { class: "row" }, el("a", { class: "button", href: link("/search", { log: log.log }) }, "Search in it"),
       el("a", { class: "button", href: link("/timeline", { log: log.log }) }, "Timeline"), el("a", { class: "button", href: link("/live", { log: log.log }) }, "Live")),
     log.generations.length === 0 && note("It has said who it is, and has sent no event yet."),
-    crashes.events.length > 0 && [el("h2", null, "Crashes"), eventTable(crashes.events, false),
-      el("details", { open: true }, el("summary", null, "what the log holds around the newest one"), eventTable(around.events, false))],
-    log.generations.map((generation, index) => generationPart(generation, log.log, index === 0)),
-    el("h2", null, "Events"), eventTable(recent.events, false),
-    el("div", { class: "row" }, recent.next && el("a", { id: "next", class: "button", rel: "next", href: link("/search", { log: log.log, before: recent.next }) }, "Older events")));
+    crash, day,
+    list("Warnings and errors", grave.events, grave.next, { href: link("/search", { ...graveFilters, before: grave.next }) }),
+    el("h2", null, "What the archive holds of it"), log.generations.map((generation, index) => generationPart(generation, log.log, index === 0)),
+    list("All events", recent.events, recent.next, { id: "next", rel: "next", href: link("/search", { log: log.log, before: recent.next }) }));
 }

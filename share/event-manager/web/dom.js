@@ -49,6 +49,7 @@ export async function ask(question, parameters) {
   return json;
 }
 
+export const plural = (value, one, many = `${one}s`) => `${number(value)} ${value === 1 ? one : many}`;
 export const number = (value) => (value === null || value === undefined ? "" : Number(value).toLocaleString("en-US"));
 
 /** "2026-11-22 10:48:00" */
@@ -64,7 +65,6 @@ export function span(value) {
   }
   return `${Math.round(size)} s`;
 }
-
 
 export const bladeText = (enclosure, blade, slot) => (blade === "" ? `${enclosure}/${slot}` : blade);
 
@@ -98,11 +98,11 @@ export function eventRow(event, withBlade = true) {
     el("td", { class: "nowrap" }, event.sourceName ?? String(event.source)),
     el("td", { class: "nowrap" }, name),
     el("td", { class: "number", "data-name": "id" }, String(event.sequenceId)),
-    el("td", { class: "text" }, event.text ?? event.data.slice(0, 64)));
+    el("td", { class: "text" }, el("span", { class: "clamp" }, event.text ?? event.data.slice(0, 64))));
 }
 
 export function eventTable(events, withBlade, caption) {
-  const heads = ["time", withBlade && "blade", "type", "source", "event", "id", "text"].filter(Boolean);
+  const heads = ["time (UTC)", withBlade && "blade", "type", "source", "event", "id", "text"].filter(Boolean);
   return el("table", { class: "events" }, caption && el("caption", null, caption),
     el("thead", null, el("tr", null, heads.map((head) =>
       el("th", { scope: "col", class: head === "id" ? "number" : null }, head)))),

@@ -1,15 +1,18 @@
 import { ask, bladeText, el, eventTable, facts, here, kind, link, number, seconds, show, span, time } from "./dom.js";
 
+const LONG = 200; // letters that the heading shows for sure
+
 export async function page() {
   const given = here();
   const event = await ask("event", given);
   const near = await ask("around", { log: event.log, generation: event.generation, id: event.sequenceId, reach: 10 });
   const blade = bladeText(event.enclosureId, event.bladeId, event.slotId);
+  const isLong = (event.text ?? "").length > LONG;
   const delay = seconds(event.received) - seconds(event.time);
   const table = eventTable(near.events, false, "What the log holds around it, newest first");
   table.querySelector(`[data-key="${CSS.escape(`${event.log}.${event.generation}.${event.sequenceId}`)}"]`)?.classList.add("here");
   show(`Event ${event.sequenceId} of ${blade}`,
-    el("h1", null, event.text ?? event.idName ?? `event ${event.id}`),
+    el("h1", { class: "clamp" }, event.text ?? event.idName ?? `event ${event.id}`),
     el("div", { class: "row" }, kind(event.type, event.typeName), el("span", null, time(event.time)),
       el("a", { href: link("/blade", { log: event.log }) }, blade)),
     event.advice && el("p", { class: "advice" }, event.advice),
@@ -22,6 +25,7 @@ export async function page() {
       ["sequence id", number(event.sequenceId)],
       ["received", `${time(event.received)}, ${span(delay)} ${delay < 0 ? "before its own time" : "later"}`],
       ["doubtful", event.doubtful && "nothing has been seen behind it: it may be damaged"],
+      ["text", isLong && !event.fields.some((field) => field.value === event.text) && event.text],
       ...event.fields.map((field) => [field.name, field.value]),
       ["data", `${number(event.length)} bytes`],
     ].filter(([, value]) => value)),

@@ -26,6 +26,23 @@ function types(rows, given) {
     el("input", { type: "checkbox", value: row.name, "data-type": true, checked: chosen.includes(row.name) }), row.name))));
 }
 
+let asked = "";
+
+/** Names of blades that hold what was typed so far. */
+async function propose({ target }) {
+  asked = target.value;
+  const found = await ask("logs", { find: asked, limit: 20 }).catch(() => null);
+  if (found === null || asked !== target.value) return;
+  const names = new Set(found.logs.map((log) => log.blade));
+  document.getElementById("blades").replaceChildren(...[...names].map((name) => el("option", { value: name })));
+}
+
+const SPANS = [["last hour", "-1h"], ["6 h", "-6h"], ["24 h", "-1d"], ["7 d", "-1w"], ["any time", null]];
+
+/** Ways to a time, for who does not want to write one. */
+export const spans = (path, given) => el("span", { class: "row" }, SPANS.map(([name, since]) =>
+  el("a", { href: link(path, { ...filtersOf(given), since, until: null }), "aria-current": (given.since ?? null) === since && !given.until ? "true" : null }, name)));
+
 /** @param path where the form leads @param extra further fields */
 export async function filterForm(path, ...extra) {
   const given = here();
@@ -37,11 +54,11 @@ export async function filterForm(path, ...extra) {
       types(known.types, given),
       choice("source", "source", known.sources, given),
       field("id", "event id", given, { list: "events", placeholder: "number" }),
-      field("blade", "blade", given),
-      field("since", "since", given, { placeholder: "-2h, today, 2026-11-21T14:00" }),
-      field("until", "until", given, { placeholder: "now" }),
+      field("blade", "blade (whole name)", given, { list: "blades", oninput: propose }),
+      field("since", "since (UTC)", given, { placeholder: "-2h, yesterday, 14:00, 2026-11-21" }, true),
+      field("until", "until (UTC)", given, { placeholder: "now" }),
       extra),
-    el("datalist", { id: "events" }, known.events.map((event) => el("option", { value: event.id }, `${event.source}: ${event.name}`))),
+    el("datalist", { id: "blades" }), el("datalist", { id: "events" }, known.events.map((event) => el("option", { value: event.id }, `${event.source}: ${event.name}`))),
     el("details", { open: rare.some((name) => name in given) }, el("summary", null, "more filters"),
       el("div", { class: "fields" },
         choice("category", "category", known.categories, given),

@@ -1,4 +1,4 @@
-import { ask, el, eventRow, eventTable, here, link, note, number, show } from "./dom.js";
+import { ask, el, eventRow, eventTable, here, link, note, plural, show } from "./dom.js";
 import { filterForm, filtersOf } from "./filters.js";
 
 const PAUSE = 2000;
@@ -34,7 +34,7 @@ export async function page() {
   const filters = filtersOf(here());
   const table = eventTable([], true);
   const state = el("span", { role: "status", class: "quiet" }, "");
-  const pause = el("button", { type: "button", "aria-pressed": "false" }, "Pause");
+  const pause = el("button", { type: "button", "aria-pressed": "false", title: "Space" }, "Pause");
   const tail = new Tail(filters, table, state);
   const form = await filterForm("/live");
   const isPaused = () => pause.getAttribute("aria-pressed") === "true";
@@ -48,7 +48,7 @@ export async function page() {
       pause.click();
     }
   });
-  const parts = [el("h1", null, "Live"), el("details", null, el("summary", null, "filters"), form)];
+  const parts = [el("h1", null, "Live", el("small", null, "what comes now, newest on top")), el("details", null, el("summary", null, "filters"), form)];
   try {
     await tail.step();
   } catch (error) {
@@ -60,7 +60,7 @@ export async function page() {
   const tick = async () => {
     try {
       if (!isPaused() && !document.hidden) await tail.step();
-      state.textContent = isPaused() ? "paused" : `looked at every 2 seconds; ${number(tail.count)} events so far`;
+      state.textContent = isPaused() ? "paused" : `looked at every 2 seconds; ${plural(tail.count, "event")} so far${tail.count === 0 ? ": nothing has come yet" : ""}`;
     } catch (error) {
       if (error.status === 400) tail.position = null;
       state.textContent = `${error.message}; tried again`;

@@ -6,11 +6,29 @@ const SPANS = [["1 h", 3600], ["6 h", 21_600], ["1 d", 86_400], ["7 d", 604_800]
 const BUCKETS = 120;
 const DAY = 86_400;
 
-const at = (value) => `@${Math.max(0, Math.min(4_294_967_295, Math.round(value)))}`;
-const shortTime = (value, width) => {
+export const at = (value) => `@${Math.max(0, Math.min(4_294_967_295, Math.round(value)))}`;
+const TICKS = [1, 5, 15, 60, 300, 900, 3600, 10_800, 21_600, 43_200, DAY, 2 * DAY, 7 * DAY, 30 * DAY, 365 * DAY, 3650 * DAY];
+
+/** "14:05", "14:05:10", "11-22", "11-22 14:05": as much of a time as neighbours at this distance need. */
+function shortTime(value, step, isFirst) {
   const text = time(iso(value));
-  return width < 60 ? text.slice(5) : width < DAY ? text.slice(5, 16) : text.slice(0, 10);
-};
+  if (step >= DAY) return step >= 30 * DAY ? text.slice(0, 10) : text.slice(5, 10);
+  const clock = text.slice(11, step < 60 ? 19 : 16);
+  return isFirst || value % DAY === 0 ? `${text.slice(5, 10)} ${clock}` : clock;
+}
+
+/** Round times below the bars, at most seven. */
+function axis(found) {
+  const whole = found.width * found.buckets.length;
+  const step = TICKS.find((size) => whole / size <= 7) ?? TICKS.at(-1);
+  const axisOf = el("div", { class: "axis" });
+  for (let value = Math.ceil(found.since / step) * step; value < found.since + whole * 0.97; value += step) {
+    const tick = el("span", null, shortTime(value, step, axisOf.children.length === 0));
+    tick.style.left = `${(100 * (value - found.since)) / whole}%`;
+    axisOf.append(tick);
+  }
+  return axisOf;
+}
 
 function lane(counts, width, [name, style, column], columns) {
   const most = Math.max(1, ...counts.map((bucket) => bucket[column]));
@@ -28,7 +46,7 @@ function hits(found, address, isReached) {
   return found.buckets.map((bucket, index) => {
     const from = found.since + index * found.width;
     const [error, warning, information, other] = bucket;
-    const text = `${time(iso(from))}: ${number(error)} errors, ${number(warning)} warnings, ${number(information)} informations${other ? `, ${number(other)} others` : ""}`;
+    const text = `${time(iso(from))}: ${number(error)} errors, ${number(warning)} warnings, ${number(information)} information${other ? `, ${number(other)} others` : ""}`;
     return svg("a", { href: address(from, from + found.width - 1), tabindex: isReached && index === 0 ? 0 : -1, "data-index": index, "aria-label": text },
       svg("rect", { class: "hit", x: index, width: 1, y: 0, height: 100 }), svg("title", null, text));
   });
@@ -79,6 +97,20 @@ function bindDrag(chart, found, zoom) {
   chart.addEventListener("click", (event) => mark && event.preventDefault(), true);
 }
 
+/** Lanes of bars, one for each type. @param address where a time leads, from its first second to its last */
+export function chartOf(found, address) {
+  const shown = LANES.filter(([, , column]) => (column < 3 && !(found.onlyWarningsAndErrors && column === 2)) || found.buckets.some((bucket) => bucket[column] > 0));
+  const chart = el("div", { class: "lanes" },
+    shown.map((one, index) => lane(found.buckets, found.width, one, () => hits(found, address, index === 0))), axis(found));
+  bindKeys(chart);
+  bindDrag(chart, found, (from, end) => location.assign(address(from, end)));
+  return chart;
+}
+
+/** What a timeline does not tell. */
+export const notes = (found) => [found.cut && note("Time was up: what came earlier is not counted. A shorter time or fewer filters help."),
+  found.onlyWarningsAndErrors && note("Only warnings and errors are counted here; choose a shorter time, or a blade, for all.")];
+
 /** The time that is shown when the address does not say: the day before the newest event. */
 async function usual(given) {
   if (given.since) return given;
@@ -121,17 +153,11 @@ export async function page() {
   const until = found.since + found.width * found.buckets.length - 1;
   // A second cannot be looked at any closer: it leads to its events.
   const address = (from, end) => link(found.width > 1 ? "/timeline" : "/search", { ...filters, since: at(from), until: at(end) });
-  const shown = LANES.filter(([, , column]) => (column < 3 && !(found.onlyWarningsAndErrors && column === 2)) || found.buckets.some((bucket) => bucket[column] > 0));
-  const ticks = [0, 0.25, 0.5, 0.75, 1].map((part) => el("span", null, shortTime(found.since + part * (until - found.since), found.width)));
-  const chart = el("div", { class: "lanes" },
-    shown.map((one, index) => lane(found.buckets, found.width, one, () => hits(found, address, index === 0))), el("div", { class: "axis" }, ticks));
-  bindKeys(chart);
-  bindDrag(chart, found, (from, end) => location.assign(address(from, end)));
+  const chart = chartOf(found, address);
   const width = found.width % DAY === 0 ? `${found.width / DAY} d` : found.width % 3600 === 0 ? `${found.width / 3600} h` : found.width % 60 === 0 ? `${found.width / 60} min` : `${found.width} s`;
   show("Timeline", el("h1", null, "Timeline", el("small", null, `${time(iso(found.since))} to ${time(iso(until))}, ${width} a bar`)),
     controls(filters, found.since, until), chart,
-    found.cut && note("Time was up: what came earlier is not counted. A shorter time or fewer filters help."),
-    found.onlyWarningsAndErrors && note("Only warnings and errors are counted here; choose a shorter time, or a blade, for all."),
+    notes(found),
     el("div", { class: "row" }, el("a", { class: "button", href: link("/search", { ...filters, since: at(found.since), until: at(until) }) }, "The events of this time")),
     form, table(found));
 }
