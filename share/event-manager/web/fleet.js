@@ -22,7 +22,8 @@ const COLUMNS = [
 ];
 
 const events = (log) => log.lately.error + log.lately.warning + log.lately.information + log.lately.other;
-const cell = (name, text, isBad = false) => el("td", { class: `number${isBad ? " bad" : ""}${text === "0" ? " zero" : ""}`, "data-name": name }, text);
+/** @param isDull whether there is no need to read it where room is scarce */
+const cell = (name, text, isBad = false, isDull = text === "0") => el("td", { class: `number${isBad ? " bad" : ""}${isDull ? " dull" : ""}`, "data-name": name }, text);
 
 /** How long the newest event took to come. A clock that is ahead makes it come before its own time. */
 const delay = (lag) => (lag === null ? "" : lag < 0 ? `clock ${span(lag)} ahead` : span(lag));
@@ -40,7 +41,7 @@ function row(log, now) {
     cell("errors", some(log.lately.error, "error"), log.lately.error > 0),
     cell("warnings", some(log.lately.warning, "warning")), cell("events", number(events(log))),
     cell("missing ids", log.missing === null ? "not counted" : number(log.missing), log.missing > 0),
-    cell("newest id", number(log.lastId)), cell("generation", String(log.generation)));
+    cell("newest id", number(log.lastId)), cell("generation", String(log.generation), false, log.generation <= 1));
 }
 
 function head(given, redraw) {
