@@ -47,9 +47,7 @@ PgServer::PgServer(std::vector<std::string> settings) : settings_(std::move(sett
 PgServer::PgServer(const PgServer& primary, const std::string& name)
     : settings_(primary.settings_) {
     giveAway(directory_.path());
-    run({std::string(PROGRAMS) + "pg_basebackup", "-h", primary.socketDirectory(), "-U", "postgres",
-         "-D", data_, "--checkpoint=fast", "--no-sync", "--write-recovery-conf", "-d",
-         "application_name=" + name});
+    copy(primary, name);
     start();
 }
 
@@ -59,6 +57,12 @@ PgServer::~PgServer() {
         process_->signal(SIGQUIT);
         process_->wait();
     }
+}
+
+void PgServer::copy(const PgServer& primary, const std::string& name) {
+    run({std::string(PROGRAMS) + "pg_basebackup", "-h", primary.socketDirectory(), "-U", "postgres",
+         "-D", data_, "--checkpoint=fast", "--no-sync", "--write-recovery-conf", "-d",
+         "application_name=" + name});
 }
 
 void PgServer::run(const std::vector<std::string>& command) {
@@ -181,6 +185,12 @@ void PgServer::thaw() {
 
 void PgServer::promote() {
     sql("SELECT pg_promote(true, 30)");
+}
+
+void PgServer::follow(const PgServer& primary, const std::string& name) {
+    std::filesystem::remove_all(data_);
+    copy(primary, name);
+    start();
 }
 
 PgServer& sharedPgServer() {

@@ -45,8 +45,12 @@ class PgServer {
     void thaw();
     void promote(); ///< of a standby; returns when it can be written
 
+    /** Makes it a standby of @p primary, whatever it was and held before. It must be down. */
+    void follow(const PgServer& primary, const std::string& name);
+
   private:
     void run(const std::vector<std::string>& command);
+    void copy(const PgServer& primary, const std::string& name);
     std::vector<pid_t> processes() const;
 
     TempDirectory directory_;
