@@ -4,6 +4,8 @@
 #include "postgres/pg_store.h"
 
 #include <csignal>
+#include <iomanip>
+#include <sstream>
 
 using namespace support;
 using namespace fleet;
@@ -24,8 +26,17 @@ class ManyArchiversTest : public FleetProcessTest {
         return sharedPgServer().sql(statements, name_);
     }
 
-    static Bytes event(U32_t id, U32_t time) {
-        return eventMessage({.id = id, .data = {1, 2, 3}, .time = time});
+    static Bytes event(U32_t id, U32_t time, const Bytes& data = {1, 2, 3}) {
+        return eventMessage({.id = id, .data = data, .time = time});
+    }
+
+    /** An event without the header of its message, as SQL writes bytes. */
+    static std::string image(const Bytes& message) {
+        std::ostringstream text;
+        for (std::size_t i = 16; i < message.size(); ++i) {
+            text << std::hex << std::setw(2) << std::setfill('0') << int{message[i]};
+        }
+        return text.str();
     }
 
     std::string name_;
@@ -69,6 +80,41 @@ TEST_F(ManyArchiversTest, LateArchiverSetsAsideAndOpensNothing) {
     EXPECT_EQ(sql("SELECT id, reason FROM set_aside ORDER BY id"), "1|4\n2|4\n3|4\n");
     EXPECT_EQ(sql("SELECT generation, id, extract(epoch FROM time)::int FROM events ORDER BY id"),
               "1|0|1000\n1|1|2001\n1|2|2002\n1|3|2003\n");
+}
+
+// Each log whole in its generation, what came late kept aside, and the blade's present log claimed.
+TEST_F(ManyArchiversTest, LogThatWasRebuiltWhileAnArchiverSleptStaysTheNewest) {
+    Archiver& first = startArchiver(place_);
+    Archiver& second = startArchiver(place_);
+    BladeLink before(first.port);
+    before.ask(statusRequest({}, 0, {1, 2, 3}, 1));
+    before.send(event(0, 1000) + event(1, 1001));
+    ASSERT_TRUE(waitUntil([this] { return sql("SELECT count(*) FROM events") == "2\n"; }));
+    first.process->signal(SIGSTOP);
+    before.send(event(2, 1002) + event(3, 1003));
+
+    BladeLink after(second.port);
+    EXPECT_EQ(claimOf(after.ask(statusRequest({}, 0, {9, 9, 9}, 1))), (Claim{0, 1}));
+    const auto rebuilt = [](U32_t id) { return event(id, 2000 + id, {9, 9, 9}); };
+    after.send(rebuilt(0) + rebuilt(1) + rebuilt(2) + rebuilt(3));
+    ASSERT_TRUE(waitUntil([this] { return sql("SELECT count(*) FROM events") == "6\n"; }));
+
+    first.process->signal(SIGCONT);
+    ASSERT_TRUE(waitUntil([this] { return sql("SELECT count(*) FROM set_aside") == "2\n"; }));
+    EXPECT_TRUE(before.isClosed());
+    BladeLink back(first.port); // to the one that had its old log
+    EXPECT_EQ(claimOf(back.ask(statusRequest({}, 0, {9, 9, 9}, 2))), (Claim{1, 0}));
+    back.send(rebuilt(2) + rebuilt(3) + rebuilt(4));
+    ASSERT_TRUE(waitUntil([this] { return sql("SELECT count(*) FROM events") == "7\n"; }));
+    stopArchivers();
+    EXPECT_EQ(sql("SELECT id, reason, encode(image, 'hex') FROM set_aside ORDER BY id"),
+              "2|4|" + image(event(2, 1002)) + "\n3|4|" + image(event(3, 1003)) + "\n");
+    EXPECT_EQ(sql("SELECT generation, id, extract(epoch FROM time)::int, encode(data, 'hex')"
+                  " FROM events ORDER BY generation, id"),
+              "1|0|1000|010203\n1|1|1001|010203\n"
+              "2|0|2000|090909\n2|1|2001|090909\n2|2|2002|090909\n2|3|2003|090909\n"
+              "2|4|2004|090909\n");
+    EXPECT_EQ(sql("SELECT generation FROM logs"), "2\n");
 }
 
 TEST_F(ManyArchiversTest, ArchiverWithoutADatabaseSaysSo) {
