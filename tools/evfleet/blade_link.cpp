@@ -252,14 +252,18 @@ void BladeLink::cut() {
         sendRest();
         break;
     case Outage::RESET:
-        log_.appendEventMessage(rest_, log_.next() - 1);
-        rest_.resize(rest_.size() / 2 + 1);
-        sendRest();
+        sendHalfAMessage();
         socket_.set_option(asio::socket_base::linger(true, 0), ignored);
         break;
     case Outage::ABANDON:
         fleet_.abandoned.push_back(std::move(socket_));
         socket_ = asio::ip::tcp::socket(fleet_.io);
+        break;
+    case Outage::RESTART:
+        // What a killed process has written still goes out, and the connection ends in order.
+        sendHalfAMessage();
+        handle_ = FIRST_HANDLE;
+        ++fleet_.counts.restarts;
         break;
     case Outage::REPEAT_BYTE:
         repeatByte();
@@ -267,6 +271,12 @@ void BladeLink::cut() {
     }
     reset();
     reconnectLater(fleet_.reconnect);
+}
+
+void BladeLink::sendHalfAMessage() {
+    log_.appendEventMessage(rest_, log_.next() - 1);
+    rest_.resize(rest_.size() / 2 + 1);
+    sendRest();
 }
 
 void BladeLink::repeatByte() {

@@ -25,6 +25,7 @@ struct FleetCounts {
     U64_t failedConnects = 0;
     U64_t closedByPeer = 0;
     U64_t outages = 0;      ///< links cut from here
+    U64_t restarts = 0;     ///< of event managers, among the outages
     U64_t died = 0;         ///< answers that did not arrive whole: each ends an event manager
     U64_t claimsBeyond = 0; ///< claims of ids that the log has never given out
 };
@@ -35,8 +36,9 @@ enum class Outage {
     RESET,       ///< within a message
     ABANDON,     ///< nothing more is sent, and a new link is made beside the old one
     REPEAT_BYTE, ///< a message has one of its bytes twice, as a stalled event manager sends it
+    RESTART,     ///< the event manager is killed within a message; its log stays, all else is new
 };
-constexpr int OUTAGE_KINDS = 4;
+constexpr int OUTAGE_KINDS = 5;
 
 /** What all blades share. */
 struct FleetContext {
@@ -81,6 +83,8 @@ class BladeLink {
     bool isCaughtUp() const { return isOpen_ && rest_.empty() && cursor_ + 1 == log_.next(); }
 
   private:
+    static constexpr U32_t FIRST_HANDLE = 1000; ///< of an event manager that has just started
+
     void connected(const asio::error_code& error);
     void closed();
     void reset();
@@ -94,6 +98,7 @@ class BladeLink {
     void awaitRoom();
     bool sendRest();
     void cut();
+    void sendHalfAMessage();
     void repeatByte();
 
     FleetContext& fleet_;
@@ -101,7 +106,7 @@ class BladeLink {
     asio::ip::tcp::socket socket_;
     asio::steady_timer timer_;
     U64_t life_ = 0; ///< of the socket: what was begun for an earlier one is void
-    U32_t handle_ = 1000;
+    U32_t handle_ = FIRST_HANDLE;
     U32_t cursor_ = 0; ///< last id forwarded
     bool isOpen_ = false;
     bool isWaitingForRoom_ = false;

@@ -1,5 +1,7 @@
 #include "evfleet/fleet.h"
 
+#include "../evarchiver/engine.h"
+
 #include <algorithm>
 #include <sys/resource.h>
 
@@ -34,6 +36,9 @@ U32_t drawCount(double mean, std::mt19937_64& random) {
 
 Fleet::Fleet(FleetOptions options, Say say) : options_(std::move(options)), say_(std::move(say)) {
     raiseDescriptorLimit();
+    if (!options_.check.empty()) {
+        evarchive::readerOf(options_.check); // not after an hour's run
+    }
     context_.archivers = options_.archivers;
     context_.reconnect = options_.reconnect;
     context_.oneByOne = options_.oneByOne;

@@ -53,9 +53,10 @@ class Fleet {
   public:
     using Say = std::function<void(const std::string& line)>;
 
+    /** Throws evarchive::StoreError when the archive to be checked cannot be read; so does run().
+     */
     Fleet(FleetOptions options, Say say);
 
-    /** Throws evarchive::StoreError when the archive to be checked cannot be read. */
     FleetResult run();
 
   private:

@@ -20,6 +20,7 @@ void printJson(const FleetResult& result) {
                                    {"closedByPeer", result.counts.closedByPeer},
                                    {"statusAnswers", result.counts.handshakes},
                                    {"outages", result.counts.outages},
+                                   {"restarts", result.counts.restarts},
                                    {"died", result.counts.died},
                                    {"claimsBeyond", result.counts.claimsBeyond},
                                    {"unsettled", result.unsettled}};
@@ -38,11 +39,14 @@ void printText(const FleetResult& result) {
     std::printf("%llu events sent in %.2f s, first status answers in %.2f s\n",
                 static_cast<unsigned long long>(counts.sent), result.sendSeconds,
                 result.connectSeconds);
-    std::printf("%llu connections (%llu failed), %llu ended by the archiver, %llu outages\n",
-                static_cast<unsigned long long>(counts.connects),
-                static_cast<unsigned long long>(counts.failedConnects),
-                static_cast<unsigned long long>(counts.closedByPeer),
-                static_cast<unsigned long long>(counts.outages));
+    std::printf(
+        "%llu connections (%llu failed), %llu ended by the archiver, %llu outages, %llu of them "
+        "restarts\n",
+        static_cast<unsigned long long>(counts.connects),
+        static_cast<unsigned long long>(counts.failedConnects),
+        static_cast<unsigned long long>(counts.closedByPeer),
+        static_cast<unsigned long long>(counts.outages),
+        static_cast<unsigned long long>(counts.restarts));
     std::printf("%llu blades died of an answer in pieces, %llu claims beyond a log, %u blades "
                 "behind at the end\n",
                 static_cast<unsigned long long>(counts.died),

@@ -89,8 +89,8 @@ void addTrouble(CLI::App& app, FleetOptions& options, Raw& raw) {
     CLI::Option_group* trouble = app.add_option_group("Trouble");
     trouble
         ->add_option("--outages", options.outages,
-                     "Of each link, on average: closed, reset within a message, abandoned, or with "
-                     "a byte sent twice")
+                     "Of each link, on average: closed, reset within a message, abandoned, with a "
+                     "byte sent twice, or by a restart of the event manager")
         ->check(checkAmount)
         ->capture_default_str();
     trouble

@@ -1,6 +1,7 @@
 #include "evfleet/fleet.h"
 
 #include "link_messages.h"
+#include "store.h"
 
 #include <asio/buffer.hpp>
 #include <asio/read.hpp>
@@ -41,6 +42,12 @@ class ScriptedArchiver {
 
     asio::ip::tcp::endpoint place() const { return acceptor_.local_endpoint(); }
 
+    /** What came on each link that has ended, its status request first. */
+    std::vector<Bytes> received() {
+        const std::lock_guard lock(mutex_);
+        return received_;
+    }
+
   private:
     void serve() {
         for (bool isFirst = true;; isFirst = false) {
@@ -48,25 +55,31 @@ class ScriptedArchiver {
             if (isEnding_) {
                 return;
             }
+            Bytes bytes;
             try {
-                talk(link, script_.splitFirst && isFirst);
-            } catch (const std::exception&) {
+                talk(link, script_.splitFirst && isFirst, bytes);
+            } catch (const std::system_error& error) {
                 // The blade has gone; the next link is taken.
+                if (error.code() == asio::error::eof) {
+                    const std::lock_guard lock(mutex_);
+                    received_.push_back(bytes);
+                }
             }
         }
     }
 
-    void talk(asio::ip::tcp::socket& link, bool isSplit) {
+    void talk(asio::ip::tcp::socket& link, bool isSplit, Bytes& bytes) {
         link.set_option(asio::ip::tcp::no_delay(true));
         Bytes request(STATUS_SIZE);
         asio::read(link, asio::buffer(request));
+        bytes = request;
         Bytes answer(request.begin(), request.end() - 4);
         answer[7] = 2; // response
         const Bytes claim = [this] {
-            Bytes bytes;
-            support::put32(bytes, script_.last);
-            support::put32(bytes, script_.flag);
-            return bytes;
+            Bytes number;
+            support::put32(number, script_.last);
+            support::put32(number, script_.flag);
+            return number;
         }();
         std::copy(claim.begin(), claim.end(), answer.end() - 8);
         if (isSplit) {
@@ -76,7 +89,8 @@ class ScriptedArchiver {
         }
         U8_t sink[4096];
         while (!isEnding_) {
-            link.read_some(asio::buffer(sink));
+            const std::size_t size = link.read_some(asio::buffer(sink));
+            bytes.insert(bytes.end(), sink, sink + size);
         }
     }
 
@@ -84,6 +98,8 @@ class ScriptedArchiver {
     asio::io_context io_;
     asio::ip::tcp::acceptor acceptor_{io_, {asio::ip::make_address("127.0.0.1"), 0}};
     std::atomic<bool> isEnding_ = false;
+    std::mutex mutex_;
+    std::vector<Bytes> received_; ///< of links that ended in order
     std::thread thread_;
 };
 
@@ -125,6 +141,38 @@ TEST(FleetRun, AnswerInPiecesEndsABlade) {
     EXPECT_FALSE(result.isClean());
 }
 
+TEST(FleetRun, RestartedBladeKeepsItsLogAndNothingElse) {
+    ScriptedArchiver archiver({});
+    evfleet::FleetContext fleet;
+    fleet.archivers = {archiver.place()};
+    fleet.reconnect = std::chrono::milliseconds(10);
+    const evfleet::LogShape shape;
+    evfleet::BladeLink blade(fleet, evfleet::SimulatedLog(shape, 0));
+    blade.logEvents(5);
+    blade.cutAfter(3, evfleet::Outage::RESTART);
+    blade.connect();
+    while (archiver.received().empty() || !blade.isCaughtUp()) {
+        fleet.io.run_for(std::chrono::milliseconds(10));
+    }
+    blade.reconnectNow();
+    while (archiver.received().size() < 2) {
+        fleet.io.run_for(std::chrono::milliseconds(10));
+    }
+    const auto links = archiver.received();
+    Bytes sent;
+    blade.log().appendStatusRequest(sent, 1000);
+    for (U32_t id = 1; id <= 3; ++id) {
+        blade.log().appendEventMessage(sent, id);
+    }
+    ASSERT_GT(links[0].size(), sent.size()) << "and a piece of the next";
+    EXPECT_EQ(Bytes(links[0].begin(), links[0].begin() + std::ptrdiff_t(sent.size())), sent);
+    for (U32_t id = 4; id <= 6; ++id) {
+        blade.log().appendEventMessage(sent, id);
+    }
+    EXPECT_EQ(links[1], sent) << "with the handle of a first request again";
+    EXPECT_EQ(fleet.counts.restarts, 1U);
+}
+
 TEST(FleetRun, NobodyListeningIsToldAsUnsettled) {
     FleetOptions options;
     {
@@ -139,7 +187,14 @@ TEST(FleetRun, NobodyListeningIsToldAsUnsettled) {
     options.progress = std::chrono::seconds(0);
     const FleetResult result = Fleet(options, [](const std::string&) {}).run();
     EXPECT_EQ(result.unsettled, 3U);
+    EXPECT_FALSE(result.isClean());
     EXPECT_GT(result.counts.failedConnects, 0U);
+}
+
+TEST(FleetRun, ArchiveThatCannotBeReadIsToldBeforeAnythingIsSent) {
+    FleetOptions options;
+    options.check = "/dev/null";
+    EXPECT_THROW(Fleet(options, [](const std::string&) {}), evarchive::StoreError);
 }
 
 } // namespace
