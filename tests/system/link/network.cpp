@@ -15,12 +15,6 @@
 namespace support {
 namespace {
 
-void shell(const std::string& line) {
-    if (std::system(line.c_str()) != 0) { // NOLINT(concurrency-mt-unsafe)
-        throw std::runtime_error("failed: " + line);
-    }
-}
-
 // Segments shall travel as they are: a card's work, done by the system, would join them.
 void switchOffloadsOff(const char* device) {
     const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -38,6 +32,12 @@ void switchOffloadsOff(const char* device) {
 }
 
 } // namespace
+
+void shell(const std::string& line) {
+    if (std::system(line.c_str()) != 0) { // NOLINT(concurrency-mt-unsafe)
+        throw std::runtime_error("failed: " + line);
+    }
+}
 
 std::string Network::whyNot(const Wire& wire) {
     if (unshare(CLONE_NEWNET) != 0) {

@@ -30,6 +30,9 @@ inline void PrintTo(const Wire& wire, std::ostream* out) {
     *out << "MTU " << wire.mtu << " " << wire.shape << (wire.rough ? "rough" : "");
 }
 
+/** Runs a command line of the shell. Throws std::runtime_error when it fails. */
+void shell(const std::string& line);
+
 /** One wire; one a process. Throws std::runtime_error when it cannot be made. */
 class Network {
   public:
