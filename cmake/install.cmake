@@ -1,5 +1,5 @@
 # What is installed beside libmpu. The components are the Debian packages: event-manager, evctl, evarchiver,
-# and mpu for libmpu-dev. A component of the whole: cmake --install build/release --component evctl
+# evbridge and mpu for libmpu-dev. A component of the whole: cmake --install build/release --component evctl
 include(GNUInstallDirs)
 set(BLADE_SYSTEMD_DIR lib/systemd/system CACHE STRING "Where units are installed")
 set(BLADE_ZSH_FOLDER site-functions CACHE STRING "Folder of completions below share/zsh")
@@ -136,12 +136,15 @@ if(TARGET evweb)
         DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/default COMPONENT evarchiver)
 endif()
 
+# A package of its own: the library of SNMP brings many others.
 if(TARGET evbridge)
-    install_program(evarchiver ${CMAKE_INSTALL_SBINDIR} evbridge)
-    install_completion(evarchiver evbridge)
-    install_unit(evarchiver evbridge.service)
+    install_program(evbridge ${CMAKE_INSTALL_SBINDIR} evbridge)
+    install_completion(evbridge evbridge)
+    install_unit(evbridge evbridge.service)
     install(FILES ${PACKAGING}/etc/evbridge
-        DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/default COMPONENT evarchiver)
+        DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/default COMPONENT evbridge)
+    install(DIRECTORY share/event-manager/mibs DESTINATION ${CMAKE_INSTALL_DATADIR}/event-manager
+        COMPONENT evbridge)
 endif()
 
 file(GLOB LIBRARY_PAGES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.3)
@@ -153,5 +156,5 @@ install(FILES examples/log_event.c examples/log_events.cpp examples/CMakeLists.t
 if(IS_DIRECTORY ${PROJECT_SOURCE_DIR}/share/event-manager)
     install(DIRECTORY share/event-manager/
         DESTINATION ${CMAKE_INSTALL_DATADIR}/event-manager COMPONENT evctl
-        PATTERN web EXCLUDE)
+        PATTERN web EXCLUDE PATTERN mibs EXCLUDE)
 endif()

@@ -1,16 +1,11 @@
 #include "bridge.h"
 
+#include "cursor_file.h"
 #include "feed.h"
 #include "sink.h"
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
-#include <fcntl.h>
-#include <fstream>
-#include <sstream>
-#include <system_error>
-#include <unistd.h>
 
 namespace evbridge {
 namespace {
@@ -25,22 +20,6 @@ constexpr std::size_t BATCH = 500;
 // While a receiver or a source is away.
 constexpr milliseconds FIRST_PAUSE{250};
 constexpr milliseconds LONGEST_PAUSE{30'000};
-
-constexpr char FIRST_LINE[] = "evbridge 1";
-
-[[noreturn]] void failAt(const std::string& path) {
-    throw std::system_error(errno, std::generic_category(), path);
-}
-
-void syncDirectoryOf(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (descriptor >= 0) {
-        fsync(descriptor);
-        close(descriptor);
-    }
-}
 
 sigset_t ends() {
     sigset_t set{};
@@ -64,11 +43,13 @@ bool waitForEnd(milliseconds time) {
 /** The course of things. */
 class Bridge {
   public:
-    Bridge(const Options& options, const Say& say) : options_(options), say_(say) {
-        const std::string position = readCursorFile(options.cursor);
-        sink_ = openSink(options.to);
-        feed_ = openFeed(options.from, position, say);
-        if (options.skipOld && position.empty()) {
+    Bridge(const Options& options, const Say& say)
+        : options_(options), say_(say), file_(options.cursor) {
+        const auto kept = file_.read();
+        cursor_ = kept.value_or(Cursor{});
+        sink_ = openSink(options.sink, cursor_.suppressed);
+        feed_ = openFeed(options.from, cursor_.position, say);
+        if (options.skipOld && !kept) {
             skip();
         }
     }
@@ -93,41 +74,62 @@ class Bridge {
             skipped += got;
             feed_->taken();
         }
-        writeCursorFile(options_.cursor, feed_->position());
+        keep();
         say_(Level::INFO, std::to_string(skipped) + " events that are there are left out");
     }
 
     // @return whether there was nothing more to hand on
     bool step() {
-        Images images;
+        bool isDone = false;
         try {
-            images = feed_->more(BATCH);
-            handOn(images);
+            const Entries entries = look();
+            isDone = entries.empty();
+            sink_->settle(isDone && options_.once);
+            handOn(entries);
         } catch (const std::exception& error) {
             backOff(error.what());
             return false;
         }
         feed_->taken();
-        const std::string position = feed_->position();
-        if (position != kept_) {
-            writeCursorFile(options_.cursor, position);
-            kept_ = position;
-        }
+        keep();
         if (isAway_) {
             isAway_ = false;
             say_(Level::NOTICE, "goes on");
         }
         away_ = FIRST_PAUSE;
-        pause_ = images.empty() ? options_.interval : milliseconds(0);
-        return images.empty();
+        pause_ = isDone ? options_.interval : milliseconds(0);
+        return isDone;
     }
 
-    void handOn(const Images& images) {
+    // A feed that has failed is opened anew, where it stood.
+    Entries look() {
+        if (!feed_) {
+            feed_ = openFeed(options_.from, cursor_.position, say_);
+        }
+        try {
+            return feed_->more(BATCH);
+        } catch (const std::exception&) {
+            feed_.reset();
+            throw;
+        }
+    }
+
+    void keep() {
+        cursor_ = {.suppressed = sink_->suppressed(), .position = feed_->position()};
+        file_.write(cursor_);
+    }
+
+    bool isWanted(const Entry& entry) const {
+        const evctl::EventView event = entry.event();
+        return sink_->takes(entry) && (entry.gone ? options_.filter.logs.matches(*event.header)
+                                                  : options_.filter.matches(event));
+    }
+
+    void handOn(const Entries& entries) {
         U64_t sent = 0;
-        for (const Bytes& image : images) {
-            const evctl::EventView event = sources::eventOf(image);
-            if (options_.filter.matches(event)) {
-                sink_->send(event);
+        for (const Entry& entry : entries) {
+            if (isWanted(entry)) {
+                sink_->send(entry);
                 ++sent;
             }
         }
@@ -135,7 +137,7 @@ class Bridge {
             sink_->confirm();
         }
         handedOn_ += sent;
-        left_ += images.size() - sent;
+        left_ += entries.size() - sent;
     }
 
     void backOff(const std::string& why) {
@@ -149,9 +151,10 @@ class Bridge {
 
     const Options& options_;
     const Say& say_;
+    CursorFile file_;
+    Cursor cursor_;
     std::unique_ptr<Sink> sink_;
     std::unique_ptr<Feed> feed_;
-    std::string kept_;
     milliseconds pause_{0};
     milliseconds away_ = FIRST_PAUSE;
     bool isAway_ = false;
@@ -160,42 +163,6 @@ class Bridge {
 };
 
 } // namespace
-
-std::string readCursorFile(const std::string& path) {
-    std::ifstream file(path);
-    if (!file) {
-        if (access(path.c_str(), F_OK) == 0) {
-            throw std::runtime_error(path + ": it cannot be read");
-        }
-        return {};
-    }
-    std::string first;
-    if (!std::getline(file, first) || first != FIRST_LINE) {
-        throw std::runtime_error(path + ": it is no cursor of evbridge");
-    }
-    std::ostringstream rest;
-    rest << file.rdbuf();
-    return rest.str();
-}
-
-void writeCursorFile(const std::string& path, const std::string& position) {
-    const std::string fresh = path + ".new";
-    const int descriptor = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640);
-    if (descriptor < 0) {
-        failAt(fresh);
-    }
-    const std::string content = std::string(FIRST_LINE) + "\n" + position;
-    const bool isWritten =
-        write(descriptor, content.data(), content.size()) == static_cast<ssize_t>(content.size()) &&
-        fsync(descriptor) == 0;
-    const int error = errno;
-    close(descriptor);
-    errno = error;
-    if (!isWritten || rename(fresh.c_str(), path.c_str()) != 0) {
-        failAt(fresh);
-    }
-    syncDirectoryOf(path);
-}
 
 int runBridge(const Options& options, const Say& say) {
     const sigset_t set = ends();

@@ -5,19 +5,14 @@
 #ifndef EVBRIDGE_FEED_H
 #define EVBRIDGE_FEED_H
 
+#include "entry.h"
+#include "mmsg.h"
 #include "say.h"
-#include "sources/event.h"
 
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace evbridge {
-
-using sources::Bytes;
-
-/** Events as images: header and data. */
-using Images = std::vector<Bytes>;
 
 /** One source. What more() gives is given again, by this process or the next one, until taken() was
  * called and position() is kept. */
@@ -27,7 +22,7 @@ class Feed {
 
     /** Up to @p most events that were not handed on yet, in the order of their log. Throws
      * std::exception when the source cannot be read now. */
-    virtual Images more(std::size_t most) = 0;
+    virtual Entries more(std::size_t most) = 0;
 
     /** What the last more() gave has been handed on. */
     virtual void taken() = 0;
@@ -36,13 +31,29 @@ class Feed {
     virtual std::string position() const = 0;
 };
 
+/** Where events are. */
+struct FeedOptions {
+    enum class Kind : U8_t { GUESSED, ARCHIVE, LOG, BLADE };
+
+    Kind kind = Kind::GUESSED;           ///< GUESSED: an archive or a log, by what is in the file
+    std::string place{};                 ///< a file; postgresql://...
+    int key = 0;                         ///< of a blade's parameter block
+    U32_t endpoint = MMSG_E_EPID_SNMPMP; ///< as which a blade is asked
+};
+
 /**
- * @param from     an archive (a file or postgresql://...) or a log file
  * @param position what position() of an earlier feed of this place gave, "" for none
  * Throws std::runtime_error when there is nothing of the kind, or the position is none.
  */
-std::unique_ptr<Feed> openFeed(const std::string& from, const std::string& position,
+std::unique_ptr<Feed> openFeed(const FeedOptions& from, const std::string& position,
                                const evarchive::Say& say);
+
+// --- One kind each; as openFeed() ----------------------------------------------------------------
+
+std::unique_ptr<Feed> archiveFeed(const std::string& archive, const std::string& position,
+                                  const evarchive::Say& say);
+std::unique_ptr<Feed> logFeed(const std::string& path, const std::string& position);
+std::unique_ptr<Feed> bladeFeed(int key, U32_t endpoint, const std::string& position);
 
 } // namespace evbridge
 

@@ -66,6 +66,14 @@ void addCommonNames(const X509* certificate, std::vector<std::string>& names) {
     }
 }
 
+void useOwn(SSL_CTX* context, const TlsFiles& files) {
+    require(SSL_CTX_use_certificate_chain_file(context, files.certificate.c_str()) == 1,
+            files.certificate);
+    require(SSL_CTX_use_PrivateKey_file(context, files.key.c_str(), SSL_FILETYPE_PEM) == 1,
+            files.key);
+    require(SSL_CTX_check_private_key(context) == 1, files.key + " and " + files.certificate);
+}
+
 bool isAddress(const std::string& name) {
     in6_addr parsed{};
     return inet_pton(AF_INET, name.c_str(), &parsed) == 1 ||
@@ -99,11 +107,9 @@ TlsContext::TlsContext(TlsSide side, const TlsFiles& files)
     SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
                                   SSL_MODE_RELEASE_BUFFERS);
     SSL_CTX_set_default_passwd_cb(context, noPassphrase);
-    require(SSL_CTX_use_certificate_chain_file(context, files.certificate.c_str()) == 1,
-            files.certificate);
-    require(SSL_CTX_use_PrivateKey_file(context, files.key.c_str(), SSL_FILETYPE_PEM) == 1,
-            files.key);
-    require(SSL_CTX_check_private_key(context) == 1, files.key + " and " + files.certificate);
+    if (side == TlsSide::SERVER || !files.certificate.empty()) {
+        useOwn(context, files);
+    }
     require(SSL_CTX_load_verify_file(context, files.ca.c_str()) == 1, files.ca);
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
     SSL_CTX_set_verify_depth(context, LONGEST_CHAIN);

@@ -20,7 +20,8 @@ using evarchive::View;
 
 /** What proves who we are, and who may speak with us: PEM files. */
 struct TlsFiles {
-    std::string certificate; ///< ours, with what stands between it and the authority
+    std::string certificate; ///< ours, with what stands between it and the authority; a client
+                             ///< that shows none: empty
     std::string key;         ///< of it; without a passphrase
     std::string ca;          ///< authorities whose certificates are believed
 };
@@ -37,7 +38,7 @@ class TlsContext {
     TlsSide side() const { return side_; }
     SSL_CTX* get() const { return context_.get(); }
 
-    /** Days until our certificate is no longer valid; negative: it is not. */
+    /** Days until our certificate, which there is, is no longer valid; negative: it is not. */
     int daysLeft() const;
 
   private:

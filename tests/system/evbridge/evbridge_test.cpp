@@ -1,17 +1,14 @@
 /** Events of archives and logs on their way to receivers that come and go. */
-#include "blade_link.h"
+#include "bridge_fixture.h"
 #include "log_image.h"
-#include "program.h"
 
 #include <gmock/gmock.h>
 
 #include <arpa/inet.h>
 #include <csignal>
 #include <netinet/in.h>
-#include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 using namespace support;
@@ -19,94 +16,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 namespace {
-
-/** A receiver of datagrams. */
-class Datagrams {
-  public:
-    explicit Datagrams(const std::string& path)
-        : path_(path), descriptor_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        EXPECT_EQ(bind(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    }
-    ~Datagrams() {
-        close(descriptor_);
-        unlink(path_.c_str());
-    }
-    Datagrams(const Datagrams&) = delete;
-    Datagrams& operator=(const Datagrams&) = delete;
-
-    /** The next one; empty: nothing came before the deadline. */
-    std::string next(std::chrono::milliseconds deadline = DEADLINE) const {
-        pollfd readable{descriptor_, POLLIN, 0};
-        if (poll(&readable, 1, static_cast<int>(deadline.count())) != 1) {
-            return {};
-        }
-        std::string bytes(65'536, '\0');
-        bytes.resize(static_cast<size_t>(recv(descriptor_, bytes.data(), bytes.size(), 0)));
-        return bytes;
-    }
-
-  private:
-    std::string path_;
-    int descriptor_;
-};
-
-U32_t sequenceOf(const std::string& message) {
-    const size_t at = message.find(" seq=\"");
-    return at == std::string::npos ? 0 : static_cast<U32_t>(std::stoul(message.substr(at + 6)));
-}
-
-class BridgeTest : public ArchiverProcessTest {
-  protected:
-    /** Files events of the blade, all certain. */
-    void file(U32_t first, U32_t last, const LogName& log = {}) {
-        if (!archiver_) {
-            start();
-        }
-        BladeLink link(port_);
-        claim(link, event(first, log));
-        link.send(events(first, last, log));
-        claim(link, event(first, log));
-    }
-
-    std::unique_ptr<Process> bridge(const std::string& to,
-                                    const std::vector<std::string>& more = {"--once"}) {
-        std::vector<std::string> all = {"--from",   from_,       "--to",       to,
-                                        "--cursor", cursorPath_, "--interval", "1"};
-        all.insert(all.end(), more.begin(), more.end());
-        return std::make_unique<Process>(commandOf("evbridge", all),
-                                         directory_.file("bridge" + std::to_string(++starts_)));
-    }
-
-    /** The ids that come until there are @p count messages. */
-    static std::vector<U32_t> ids(const Datagrams& receiver, size_t count) {
-        std::vector<U32_t> found;
-        while (found.size() < count) {
-            const std::string message = receiver.next();
-            if (message.empty()) {
-                break;
-            }
-            found.push_back(sequenceOf(message));
-        }
-        return found;
-    }
-
-    /** All numbers from first to last. */
-    static std::vector<U32_t> range(U32_t first, U32_t last) {
-        std::vector<U32_t> all;
-        for (U32_t id = first; id <= last; ++id) {
-            all.push_back(id);
-        }
-        return all;
-    }
-
-    std::string from_ = database_;
-    std::string socketPath_ = directory_.file("receiver");
-    std::string syslog_ = "syslog:unix:" + socketPath_;
-    std::string cursorPath_ = directory_.file("cursor");
-};
 
 TEST_F(BridgeTest, EachEventOfAnArchiveIsHandedOnOnceAndInOrder) {
     file(1, 900);
@@ -144,9 +53,61 @@ TEST_F(BridgeTest, AMessageSaysWhatTheEventSaysAndWhereItIsFrom) {
     const Datagrams receiver(socketPath_);
     EXPECT_EQ(bridge(syslog_)->wait(), exitedWith(0));
     const std::string message = receiver.next();
-    EXPECT_THAT(message, HasSubstr("<134>1 1970-01-01T00:16:40Z BLADE-1 "));
-    EXPECT_THAT(message, HasSubstr("seq=\"1\" instance=\"1\" enclosure=\"ENC-A\" slot=\"1\""));
-    EXPECT_TRUE(message.ends_with("] " + text)) << message;
+    EXPECT_EQ(message,
+              "<134>1 1970-01-01T00:16:40Z BLADE-1 emp vpi8p EV3 [event@32473 enclosure=\"ENC-A\" "
+              "blade=\"BLADE-1\" slot=\"1\" instance=\"1\" generation=\"1\" sequence=\"1\" "
+              "source=\"vpi8p\" type=\"information\" category=\"management\" id=\"3\" "
+              "id_version=\"1\" data=\"66616e2022322220736c6f77\"] fan \"2\" slow");
+}
+
+TEST_F(BridgeTest, NamesWithSignsOfTheFormCanBeReadAgain) {
+    const LogName log = {.enclosure = "A]B", .blade = "q\"c\\", .slot = 2, .instance = 3};
+    start();
+    {
+        BladeLink link(port_);
+        claim(link, event(1, log));
+        link.send(events(1, 1, log));
+        claim(link, event(1, log));
+    }
+    const Datagrams receiver(socketPath_);
+    EXPECT_EQ(bridge(syslog_, {"--once", "--enterprise", "4711"})->wait(), exitedWith(0));
+    // The text of the blade has its backslash as \x5C, like all texts of blades.
+    EXPECT_THAT(receiver.next(), HasSubstr("[event@4711 enclosure=\"A\\]B\" "
+                                           "blade=\"q\\\"c\\\\x5C\" slot=\"2\""));
+}
+
+TEST_F(BridgeTest, DataIsCutAt1024BytesWhichIsSaid) {
+    start();
+    {
+        BladeLink link(port_);
+        claim(link, event(1));
+        for (U32_t id = 1; id <= 2; ++id) {
+            link.send(eventMessage({.id = id, .data = Bytes(1023 + id, 0xA5)}));
+        }
+        claim(link, event(1));
+    }
+    const Datagrams receiver(socketPath_);
+    EXPECT_EQ(bridge(syslog_)->wait(), exitedWith(0));
+    std::string whole;
+    for (int i = 0; i < 1024; ++i) {
+        whole += "a5";
+    }
+    EXPECT_THAT(receiver.next(), HasSubstr(" data=\"" + whole + "\"] "));
+    EXPECT_THAT(receiver.next(), HasSubstr(" data=\"" + whole + "\" cut=\"1\"] "));
+}
+
+TEST_F(BridgeTest, ASecondBridgeOnOneCursorIsRefused) {
+    file(1, 3);
+    const Datagrams receiver(socketPath_);
+    const auto first = bridge(syslog_, {});
+    EXPECT_EQ(ids(receiver, 3), range(1, 3));
+    const auto second = bridge(syslog_);
+    EXPECT_EQ(second->wait(), exitedWith(2));
+    EXPECT_EQ(second->errorOutput(),
+              "evbridge: " + cursorPath_ + ": another evbridge works with this cursor\n");
+    first->signal(SIGKILL);
+    first->wait();
+    EXPECT_EQ(bridge(syslog_)->wait(), exitedWith(0));
 }
 
 TEST_F(BridgeTest, TheJournalGetsFields) {
@@ -195,6 +156,25 @@ TEST_F(BridgeTest, WhatIsThereCanBeLeftOut) {
     EXPECT_EQ(receiver.next(std::chrono::milliseconds(0)), "");
 }
 
+TEST_F(BridgeTest, WhatIsLeftOutIsSettledByTheFirstStart) {
+    start();
+    const Datagrams receiver(socketPath_);
+    EXPECT_EQ(bridge(syslog_, {"--once", "--skip-old"})->wait(), exitedWith(0));
+    file(1, 2);
+    EXPECT_EQ(bridge(syslog_, {"--once", "--skip-old"})->wait(), exitedWith(0));
+    EXPECT_THAT(ids(receiver, 2), ElementsAre(1, 2));
+}
+
+TEST_F(BridgeTest, WhatComesLateIsHandedOnHoweverMuchElseComes) {
+    file(10, 20);
+    const Datagrams receiver(socketPath_);
+    EXPECT_EQ(bridge(syslog_)->wait(), exitedWith(0));
+    EXPECT_EQ(ids(receiver, 11), range(10, 20));
+    file(3, 21);
+    EXPECT_EQ(bridge(syslog_)->wait(), exitedWith(0));
+    EXPECT_THAT(ids(receiver, 8), testing::UnorderedElementsAre(3, 4, 5, 6, 7, 8, 9, 21));
+}
+
 TEST_F(BridgeTest, AReceiverThatIsAwayMissesNothing) {
     file(1, 20);
     const auto running = bridge(syslog_, {});
@@ -214,16 +194,6 @@ TEST_F(BridgeTest, AReceiverThatIsAwayMissesNothing) {
     running->signal(SIGTERM);
     EXPECT_EQ(running->wait(), exitedWith(0));
     EXPECT_EQ(running->errorOutput(), "");
-}
-
-// What came, each event once or more: without repetitions it is everything, in order.
-void expectAllInOrder(const std::vector<U32_t>& came, U32_t last) {
-    U32_t newest = 0;
-    for (const U32_t id : came) {
-        ASSERT_LE(id, newest + 1) << "nothing is left out";
-        newest = std::max(newest, id);
-    }
-    EXPECT_EQ(newest, last);
 }
 
 TEST_F(BridgeTest, ABridgeKilledAgainAndAgainHandsEverythingOn) {
@@ -351,6 +321,11 @@ TEST_F(BridgeTest, ALogFileIsFollowed) {
     grow(3, "and another");
     EXPECT_EQ(bridge(syslog_)->wait(), exitedWith(0));
     EXPECT_THAT(receiver.next(), HasSubstr("and another"));
+    grow(9, "after a gap");
+    EXPECT_EQ(bridge(syslog_)->wait(), exitedWith(0));
+    EXPECT_THAT(receiver.next(),
+                HasSubstr(" first=\"4\" last=\"8\" count=\"5\"] 5 events overwritten"));
+    EXPECT_THAT(receiver.next(), HasSubstr("after a gap"));
     EXPECT_EQ(receiver.next(std::chrono::milliseconds(0)), "");
 }
 

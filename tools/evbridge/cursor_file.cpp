@@ -1,0 +1,126 @@
+#include "cursor_file.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <string_view>
+#include <sys/file.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace evbridge {
+namespace {
+
+constexpr std::string_view FIRST_LINE = "evbridge 1";
+constexpr std::string_view SUPPRESSED = " suppressed ";
+
+[[noreturn]] void failAt(const std::string& path) {
+    throw std::system_error(errno, std::generic_category(), path);
+}
+
+void syncDirectoryOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor >= 0) {
+        fsync(descriptor);
+        close(descriptor);
+    }
+}
+
+// "evbridge 1" or "evbridge 1 suppressed 12"
+bool takeFirstLine(std::string_view line, Cursor& cursor) {
+    if (!line.starts_with(FIRST_LINE)) {
+        return false;
+    }
+    line.remove_prefix(FIRST_LINE.size());
+    if (line.empty()) {
+        return true;
+    }
+    if (!line.starts_with(SUPPRESSED)) {
+        return false;
+    }
+    line.remove_prefix(SUPPRESSED.size());
+    const auto [stop, error] =
+        std::from_chars(line.data(), line.data() + line.size(), cursor.suppressed);
+    return error == std::errc() && stop == line.data() + line.size();
+}
+
+std::string contentOf(const Cursor& cursor) {
+    std::string content(FIRST_LINE);
+    if (cursor.suppressed > 0) {
+        content.append(SUPPRESSED).append(std::to_string(cursor.suppressed));
+    }
+    return content + "\n" + cursor.position;
+}
+
+} // namespace
+
+// The lock stands beside the file, which is replaced again and again.
+CursorFile::CursorFile(std::string path) : path_(std::move(path)) {
+    const std::string beside = path_ + ".lock";
+    lock_ = open(beside.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
+    if (lock_ < 0) {
+        failAt(beside);
+    }
+    if (flock(lock_, LOCK_EX | LOCK_NB) != 0) {
+        const int error = errno;
+        close(lock_);
+        if (error == EWOULDBLOCK) {
+            throw std::runtime_error(path_ + ": another evbridge works with this cursor");
+        }
+        errno = error;
+        failAt(beside);
+    }
+}
+
+CursorFile::~CursorFile() {
+    close(lock_);
+}
+
+std::optional<Cursor> CursorFile::read() const {
+    std::ifstream file(path_);
+    if (!file) {
+        if (access(path_.c_str(), F_OK) == 0) {
+            throw std::runtime_error(path_ + ": it cannot be read");
+        }
+        return std::nullopt;
+    }
+    Cursor cursor;
+    std::string first;
+    if (!std::getline(file, first) || !takeFirstLine(first, cursor)) {
+        throw std::runtime_error(path_ + ": it is no cursor of evbridge");
+    }
+    std::ostringstream rest;
+    rest << file.rdbuf();
+    cursor.position = rest.str();
+    return cursor;
+}
+
+void CursorFile::write(const Cursor& cursor) {
+    if (cursor == written_) {
+        return;
+    }
+    const std::string fresh = path_ + ".new";
+    const int descriptor = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640);
+    if (descriptor < 0) {
+        failAt(fresh);
+    }
+    const std::string content = contentOf(cursor);
+    const bool isWritten = ::write(descriptor, content.data(), content.size()) ==
+                               static_cast<ssize_t>(content.size()) &&
+                           fsync(descriptor) == 0;
+    const int error = errno;
+    close(descriptor);
+    errno = error;
+    if (!isWritten || rename(fresh.c_str(), path_.c_str()) != 0) {
+        failAt(fresh);
+    }
+    syncDirectoryOf(path_);
+    written_ = cursor;
+}
+
+} // namespace evbridge

@@ -1,0 +1,83 @@
+#include "report.h"
+
+#include "evctl/event_text.h"
+#include "evctl/event_view.h"
+
+namespace evbridge {
+namespace {
+
+U32_t severityOf(U32_t type) {
+    switch (type) {
+    case EMP_E_TYPE_ERROR:
+        return 3;
+    case EMP_E_TYPE_WARNING:
+        return 4;
+    case EMP_E_TYPE_INFORMATION:
+        return 6;
+    default:
+        return 5; // of no type that is known
+    }
+}
+
+void addLog(Report& report, const Entry& entry) {
+    const EmpEvLogHeader_t& header = *entry.event().header;
+    report.fields = {{"enclosure", evctl::escapedText(header.evEnclosureId)},
+                     {"blade", evctl::escapedText(header.evBladeId)},
+                     {"slot", std::to_string(U32_t{header.evSlotId})},
+                     {"instance", std::to_string(U32_t{header.evInstanceNumber})}};
+    if (entry.generation) {
+        report.fields.emplace_back("generation", std::to_string(*entry.generation));
+    }
+}
+
+void addEvent(Report& report, const sources::EventView& event) {
+    const EmpEvLogHeader_t& header = *event.header;
+    report.severity = severityOf(header.evType);
+    report.kind = "event";
+    report.messageId = "EV" + std::to_string(U32_t{header.evId});
+    report.source = tools::endpointNames.brief(header.evSource);
+    report.text = evctl::textColumn(event);
+    if (report.text.empty()) {
+        report.text = evctl::eventIdText(header.evSource, header.evId);
+    }
+    report.data = event.data;
+    const std::pair<std::string, std::string> more[] = {
+        {"sequence", std::to_string(U32_t{header.evSequenceId})},
+        {"source", report.source},
+        {"type", tools::eventTypeNames.brief(header.evType)},
+        {"category", tools::categoryNames.brief(header.evCategory)},
+        {"id", std::to_string(U32_t{header.evId})},
+        {"id_version", std::to_string(U32_t{header.evIdVersion})}};
+    report.fields.insert(report.fields.end(), std::begin(more), std::end(more));
+}
+
+void addGone(Report& report, const IdRun& gone) {
+    const std::string count = std::to_string(U64_t{gone.last} - gone.first + 1);
+    const std::string first = std::to_string(gone.first);
+    const std::string last = std::to_string(gone.last);
+    report.severity = 4;
+    report.kind = "overwritten";
+    report.messageId = "OVERWRITTEN";
+    report.source = "evbridge";
+    report.text = count + " events overwritten: ids " + first + " to " + last +
+                  " left the log before they could be handed on";
+    report.fields.insert(report.fields.end(), {{"first", first}, {"last", last}, {"count", count}});
+}
+
+} // namespace
+
+Report reportOf(const Entry& entry) {
+    const sources::EventView event = entry.event();
+    Report report;
+    report.host = evctl::bladeName(*event.header);
+    report.time = evctl::isoTime(event.header->evTime);
+    addLog(report, entry);
+    if (entry.gone) {
+        addGone(report, *entry.gone);
+    } else {
+        addEvent(report, event);
+    }
+    return report;
+}
+
+} // namespace evbridge
