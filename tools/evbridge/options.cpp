@@ -4,6 +4,7 @@
 #include "evctl/options.h"
 
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 
 namespace evbridge {
@@ -98,14 +99,14 @@ void addReceiver(CLI::App& app, SinkOptions& sink) {
 
 std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
     Options options;
-    U32_t interval = 2;
+    double interval = 2;
     CLI::App app(
         "Hands the events of an archive, a log or a blade on to syslog, the journal or SNMP.",
         "evbridge");
     tools::setUpCommandLine(app, FOOTER);
     addEnds(app, options);
     app.add_option("--interval", interval, "Seconds between two looks for new events")
-        ->check(CLI::Range(1, 3600))
+        ->check(tools::decimalNumber(0.05, 3600))
         ->capture_default_str();
     app.add_flag("--once", options.once, "End when everything has been handed on");
     app.add_flag("--skip-old", options.skipOld,
@@ -116,7 +117,7 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
     if (const auto status = tools::parseCommandLine(app, argc, argv)) {
         return *status;
     }
-    options.interval = std::chrono::seconds(interval);
+    options.interval = std::chrono::milliseconds(std::lround(interval * 1000));
     return options;
 }
 

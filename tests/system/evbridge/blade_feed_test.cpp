@@ -35,7 +35,7 @@ class BladeFeedTest : public BridgeTest {
 
     std::unique_ptr<Process> fromBlade(const std::vector<std::string>& more = {"--once"}) {
         std::vector<std::string> all = {"--from",   "blade",     key_.text(),  "--to", syslog_,
-                                        "--cursor", cursorPath_, "--interval", "1"};
+                                        "--cursor", cursorPath_, "--interval", "0.1"};
         all.insert(all.end(), more.begin(), more.end());
         return std::make_unique<Process>(commandOf("evbridge", all),
                                          directory_.file("bridge" + std::to_string(++starts_)));

@@ -74,7 +74,7 @@ class BridgeTest : public ArchiverProcessTest {
     std::unique_ptr<Process> bridge(const std::string& to,
                                     const std::vector<std::string>& more = {"--once"}) {
         std::vector<std::string> all = {"--from",   from_,       "--to",       to,
-                                        "--cursor", cursorPath_, "--interval", "1"};
+                                        "--cursor", cursorPath_, "--interval", "0.1"};
         all.insert(all.end(), more.begin(), more.end());
         return std::make_unique<Process>(commandOf("evbridge", all),
                                          directory_.file("bridge" + std::to_string(++starts_)));
