@@ -54,6 +54,7 @@ Json infoJson(const LogInfo& info) {
                              ? Json(*info.lastReceived - S64_t{*info.lastTime})
                              : Json(nullptr)},
                  {"missing", orNull(info.missing)},
+                 {"ringFirst", orNull(info.ringFirst)},
                  {"lately", typesJson(info.lately)}});
     return json;
 }
@@ -160,7 +161,7 @@ Json overviewJson(const Overview& overview) {
         logs.push_back(infoJson(info));
     }
     return {{"logs", std::move(logs)},
-            {"known", overview.known},
+            {"known", orNull(overview.known)},
             {"next", overview.next ? Json(std::to_string(*overview.next)) : Json(nullptr)},
             {"windowSeconds", overview.windowSeconds},
             {"lately", overview.lately ? Json{{"error", (*overview.lately)[EMP_E_TYPE_ERROR]},

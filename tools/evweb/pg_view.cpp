@@ -22,7 +22,11 @@ constexpr S64_t FIRST_STRETCH = 60; // seconds that a search looks back at first
 constexpr S64_t STRETCH_GROWTH = 8;
 constexpr U32_t TEXT_PAGE = 500; // rows that are looked through at a time
 constexpr S64_t LATELY = 3600;
-constexpr S64_t TAIL_AGAIN = 5; // seconds: commits of one second may end in the next ones
+// Seconds that a tail looks back: commits of one second end in the next ones, and events bear the
+// time of their archiver.
+constexpr S64_t TAIL_AGAIN = 10;
+// Of a connection: its server keeps each form of a question.
+constexpr U32_t MOST_USES = 500;
 constexpr std::size_t TAIL_ROWS = 1000;
 constexpr S64_t IDS_LOOKED_AT = 20'000;
 constexpr std::size_t MOST_RUNS = 500;
@@ -32,7 +36,10 @@ constexpr char EVENTS[] = "SELECT log, generation, id, time, source, type, categ
                           "idversion, own, doubtful, data, received, enclosure, blade, slot, "
                           "instance FROM event_list WHERE own";
 constexpr char LOGS[] = "SELECT log, enclosure, blade, slot, instance, generation, opened, "
-                        "duplicates, run_first, run_last, seen FROM blade_list WHERE true";
+                        "duplicates, run_first, run_last, seen, "
+                        // Archives of earlier archivers do not have it.
+                        "(to_jsonb(blade_list) ->> 'ring_first')::bigint "
+                        "FROM blade_list WHERE true";
 
 evarchive::SeriesKey keyOf(const PgRows& rows, int row, int column) {
     return {{bytesOfName(rows.text(row, column)), bytesOfName(rows.text(row, column + 1)),
@@ -69,6 +76,9 @@ LogInfo infoOf(const PgRows& rows, int row) {
     if (!rows.isNull(row, 10)) {
         info.seen = rows.time(row, 10);
     }
+    if (!rows.isNull(row, 11)) {
+        info.ringFirst = static_cast<U32_t>(rows.integer(row, 11));
+    }
     return info;
 }
 
@@ -103,6 +113,23 @@ Place placeInLog(const Position& position) {
 
 bool isTooLong(const PgError& error) {
     return error.state() == TOO_LONG;
+}
+
+/** Does something that may be left out. @return false when there was no time for it */
+template <typename Work>
+bool inTime(Clock::time_point deadline, const Work& work) {
+    if (Clock::now() >= deadline) {
+        return false;
+    }
+    try {
+        work();
+        return true;
+    } catch (const PgError& error) {
+        if (!isTooLong(error)) {
+            throw;
+        }
+        return false;
+    }
 }
 
 /** Events go into a page until it is full. */
@@ -244,25 +271,16 @@ void addEnds(PgConnection& connection, std::vector<LogInfo>& logs) {
     }
 }
 
-/** @return whether there was time for it */
-bool addLately(PgConnection& connection, std::vector<LogInfo>& logs) {
+void addLately(PgConnection& connection, std::vector<LogInfo>& logs) {
     PgQuestion question("SELECT log, type, count(*) FROM event_list WHERE own");
     question.time(" AND received >= ", time(nullptr) - LATELY)
         .integers(" AND log = ANY(", numbersOf(logs, false), ") GROUP BY 1, 2");
-    try {
-        const PgRows rows = question.ask(connection);
-        for (int row = 0; row < rows.count(); ++row) {
-            if (LogInfo* info = infoOf(logs, rows.integer(row, 0))) {
-                info->lately[typeIndex(static_cast<U32_t>(rows.integer(row, 1)))] +=
-                    static_cast<U64_t>(rows.integer(row, 2));
-            }
+    const PgRows rows = question.ask(connection);
+    for (int row = 0; row < rows.count(); ++row) {
+        if (LogInfo* info = infoOf(logs, rows.integer(row, 0))) {
+            info->lately[typeIndex(static_cast<U32_t>(rows.integer(row, 1)))] +=
+                static_cast<U64_t>(rows.integer(row, 2));
         }
-        return true;
-    } catch (const PgError& error) {
-        if (!isTooLong(error)) {
-            throw;
-        }
-        return false;
     }
 }
 
@@ -341,26 +359,31 @@ PgRows worstLogs(PgConnection& connection, const LogSearch& search) {
         .ask(connection);
 }
 
-std::optional<TypeCounts> graveLately(PgConnection& connection) {
+TypeCounts graveLately(PgConnection& connection) {
     PgQuestion question("SELECT type, count(*) FROM event_list WHERE own AND type IN (2, 3)");
     question.time(" AND time >= ", time(nullptr) - LATELY).add(" GROUP BY type");
-    try {
-        const PgRows rows = question.ask(connection);
-        TypeCounts counts{};
-        for (int row = 0; row < rows.count(); ++row) {
-            counts[typeIndex(static_cast<U32_t>(rows.integer(row, 0)))] =
-                static_cast<U64_t>(rows.integer(row, 1));
-        }
-        return counts;
-    } catch (const PgError& error) {
-        if (!isTooLong(error)) {
-            throw;
-        }
-        return std::nullopt;
+    const PgRows rows = question.ask(connection);
+    TypeCounts counts{};
+    for (int row = 0; row < rows.count(); ++row) {
+        counts[typeIndex(static_cast<U32_t>(rows.integer(row, 0)))] =
+            static_cast<U64_t>(rows.integer(row, 1));
     }
+    return counts;
 }
 
-GenerationView generationOf(PgConnection& connection, const LogInfo& info, U32_t generation) {
+void addRun(const PgRows& rows, int row, GenerationView& view) {
+    const evarchive::IdRun run{static_cast<U32_t>(rows.integer(row, 0)),
+                               static_cast<U32_t>(rows.integer(row, 1))};
+    view.runs.push_back(run);
+    view.events += U64_t{run.last} - run.first + 1;
+    view.firstTime =
+        std::min(view.firstTime.value_or(UINT32_MAX), static_cast<U32_t>(rows.time(row, 2)));
+    view.lastTime = std::max(view.lastTime.value_or(0), static_cast<U32_t>(rows.time(row, 3)));
+    view.lastReceived = std::max(view.lastReceived.value_or(0), rows.time(row, 4));
+}
+
+GenerationView generationOf(PgConnection& connection, Clock::time_point deadline,
+                            const LogInfo& info, U32_t generation) {
     GenerationView view;
     view.info.number = {info.log, generation};
     view.info.opened = generation == info.generation ? info.opened : -1;
@@ -371,26 +394,14 @@ GenerationView generationOf(PgConnection& connection, const LogInfo& info, U32_t
     question.integer("log = ", info.log)
         .integer(" AND generation = ", generation)
         .integer(") r GROUP BY hole ORDER BY 1 LIMIT ", MOST_RUNS + 1);
-    try {
+    const bool isAsked = inTime(deadline, [&] {
         const PgRows rows = question.ask(connection);
         view.isCut = rows.count() > static_cast<int>(MOST_RUNS);
         for (int row = 0; row < rows.count() && view.runs.size() < MOST_RUNS; ++row) {
-            const evarchive::IdRun& run =
-                view.runs.emplace_back(evarchive::IdRun{static_cast<U32_t>(rows.integer(row, 0)),
-                                                        static_cast<U32_t>(rows.integer(row, 1))});
-            view.events += U64_t{run.last} - run.first + 1;
-            view.firstTime = std::min(view.firstTime.value_or(UINT32_MAX),
-                                      static_cast<U32_t>(rows.time(row, 2)));
-            view.lastTime =
-                std::max(view.lastTime.value_or(0), static_cast<U32_t>(rows.time(row, 3)));
-            view.lastReceived = std::max(view.lastReceived.value_or(0), rows.time(row, 4));
+            addRun(rows, row, view);
         }
-    } catch (const PgError& error) {
-        if (!isTooLong(error)) {
-            throw;
-        }
-        view.isCut = true;
-    }
+    });
+    view.isCut = view.isCut || !isAsked;
     return view;
 }
 
@@ -420,35 +431,38 @@ void countGroups(PgConnection& connection, const Search& search, Timeline& timel
 
 template <typename Result>
 Result PgView::with(const std::function<Result(PgConnection&, Clock::time_point)>& work) {
-    std::unique_ptr<PgConnection> connection;
+    Used used;
     {
         const std::lock_guard lock(mutex_);
         if (!idle_.empty()) {
-            connection = std::move(idle_.back());
+            used = std::move(idle_.back());
             idle_.pop_back();
         }
     }
-    if (!connection || !connection->isOpen()) {
-        connection = std::make_unique<PgConnection>(
-            place_, evarchive::PgPatience{patience_, std::chrono::milliseconds(500)});
-        connection->execute(SET_UP);
+    if (!used.connection || !used.connection->isOpen() || used.uses >= MOST_USES) {
+        used = {std::make_unique<PgConnection>(
+                    place_, evarchive::PgPatience{patience_, std::chrono::milliseconds(500)}),
+                0};
+        used.connection->execute(SET_UP);
     }
-    Result result = work(*connection, Clock::now() + patience_);
+    Result result = work(*used.connection, Clock::now() + patience_);
+    ++used.uses;
     const std::lock_guard lock(mutex_);
-    idle_.push_back(std::move(connection));
+    idle_.push_back(std::move(used));
     return result;
 }
 
 ViewStatus PgView::status() {
-    return with<ViewStatus>([](PgConnection& connection, Clock::time_point /*deadline*/) {
+    return with<ViewStatus>([](PgConnection& connection, Clock::time_point deadline) {
         ViewStatus status{.engine = "PostgreSQL"};
-        const PgRows rows =
-            PgQuestion("SELECT max(seen), pg_database_size(current_database()) FROM blade_list")
-                .ask(connection);
-        if (!rows.isNull(0, 0)) {
-            status.newest = rows.time(0, 0);
-        }
-        status.bytes = static_cast<U64_t>(rows.integer(0, 1));
+        const PgQuestion size("SELECT pg_database_size(current_database())");
+        status.bytes = static_cast<U64_t>(size.ask(connection).integer(0, 0));
+        inTime(deadline, [&] {
+            const PgRows rows = PgQuestion("SELECT max(seen) FROM blade_list").ask(connection);
+            if (!rows.isNull(0, 0)) {
+                status.newest = rows.time(0, 0);
+            }
+        });
         return status;
     });
 }
@@ -464,13 +478,20 @@ Overview PgView::logs(const LogSearch& search) {
         if (static_cast<U32_t>(rows.count()) > search.limit) {
             overview.next = overview.logs.back().log;
         }
-        overview.known = static_cast<U64_t>(
-            PgQuestion("SELECT count(*) FROM blade_list").ask(connection).integer(0, 0));
-        addEnds(connection, overview.logs);
-        overview.windowSeconds = addLately(connection, overview.logs) ? LATELY : 0;
-        overview.lately = graveLately(connection);
-        for (std::size_t at = 0; at < overview.logs.size() && Clock::now() < deadline; ++at) {
-            addMissing(connection, overview.logs[at], runOf(rows, static_cast<int>(at)));
+        inTime(deadline, [&] { addEnds(connection, overview.logs); });
+        inTime(deadline, [&] { overview.lately = graveLately(connection); });
+        inTime(deadline, [&] {
+            addLately(connection, overview.logs);
+            overview.windowSeconds = LATELY;
+        });
+        inTime(deadline, [&] {
+            const PgQuestion question("SELECT count(*) FROM blade_list");
+            overview.known = static_cast<U64_t>(question.ask(connection).integer(0, 0));
+        });
+        for (std::size_t at = 0; at < overview.logs.size(); ++at) {
+            inTime(deadline, [&] {
+                addMissing(connection, overview.logs[at], runOf(rows, static_cast<int>(at)));
+            });
         }
         return overview;
     });
@@ -484,13 +505,14 @@ LogDetail PgView::log(S64_t log) {
         }
         std::vector<LogInfo> one = {infoOf(rows, 0)};
         addEnds(connection, one);
-        addMissing(connection, one.front(), runOf(rows, 0));
+        inTime(deadline, [&] { addMissing(connection, one.front(), runOf(rows, 0)); });
         LogDetail detail{.info = one.front()};
         for (U32_t generation = detail.info.generation;
              generation > 0 && detail.generations.size() < MOST_GENERATIONS &&
              Clock::now() < deadline;
              --generation) {
-            detail.generations.push_back(generationOf(connection, detail.info, generation));
+            detail.generations.push_back(
+                generationOf(connection, deadline, detail.info, generation));
         }
         return detail;
     });
@@ -545,13 +567,19 @@ std::optional<FoundEvent> PgView::event(S64_t log, U32_t generation, U32_t id) {
 }
 
 Tail PgView::tail(const Search& search, const std::optional<Position>& after) {
+    const auto serversTime = [](PgConnection& connection) {
+        return PgQuestion("SELECT now()").ask(connection).time(0, 0);
+    };
     if (!after) {
+        const S64_t begun = with<S64_t>(
+            [&](PgConnection& connection, Clock::time_point) { return serversTime(connection); });
         Page page = this->search(search);
         std::ranges::reverse(page.events);
-        return {std::move(page.events), Place{time(nullptr)}.position()};
+        return {std::move(page.events), Place{begun}.position()};
     }
     const S64_t since = placeOf(*after).second - TAIL_AGAIN;
     return with<Tail>([&](PgConnection& connection, Clock::time_point /*deadline*/) {
+        const S64_t begun = serversTime(connection);
         PgQuestion question(EVENTS);
         if (search.log) {
             question.integer(" AND log = ", *search.log);
@@ -561,7 +589,7 @@ Tail PgView::tail(const Search& search, const std::optional<Position>& after) {
                 .filters(search)
                 .integer(" ORDER BY received, log, generation, id LIMIT ", TAIL_ROWS)
                 .ask(connection);
-        Tail tail{.events = {}, .position = Place{time(nullptr)}.position()};
+        Tail tail{.events = {}, .position = Place{begun}.position()};
         for (int row = 0; row < rows.count(); ++row) {
             FoundEvent event = foundEvent(rows, row);
             if (search.holdsText(evctl::eventOf(event.event.image))) {

@@ -71,6 +71,11 @@ class PgView final : public View {
     void count(const Search& search, Timeline& timeline) override;
 
   private:
+    struct Used {
+        std::unique_ptr<PgConnection> connection{};
+        U32_t uses = 0;
+    };
+
     /** Does something with a connection that nobody else has. One that fails is not used again. */
     template <typename Result>
     Result with(const std::function<Result(PgConnection&, Clock::time_point)>& work);
@@ -78,7 +83,7 @@ class PgView final : public View {
     std::string place_;
     std::chrono::milliseconds patience_;
     std::mutex mutex_;
-    std::vector<std::unique_ptr<PgConnection>> idle_;
+    std::vector<Used> idle_;
 };
 
 } // namespace evweb

@@ -11,6 +11,7 @@ namespace evweb {
 namespace {
 
 constexpr std::chrono::seconds QUESTION_WAIT{2};
+constexpr char TOO_MUCH[] = "too much is asked at a time";
 constexpr U32_t EXPORT_PAGE = 500;
 constexpr char API[] = "/api/v1/";
 
@@ -30,19 +31,23 @@ constexpr std::pair<const char*, const char*> HEADERS[] = {
 // The shell of all pages; what is shown in it its script tells from the address.
 constexpr std::array PAGES = {"/", "/search", "/timeline", "/blade", "/event", "/live"};
 
+/** One of so many places, for as long as it is there. */
+template <std::ptrdiff_t MOST>
 class Turn {
   public:
-    explicit Turn(std::counting_semaphore<8>& questions) : questions_(questions) {
-        if (!questions_.try_acquire_for(QUESTION_WAIT)) {
-            throw Refusal(503, "too much is asked at a time");
+    /** Throws Refusal, with @p otherwise, when none is free in time. */
+    Turn(std::counting_semaphore<MOST>& places, std::chrono::seconds wait, const char* otherwise)
+        : places_(places) {
+        if (!places_.try_acquire_for(wait)) {
+            throw Refusal(503, otherwise);
         }
     }
-    ~Turn() { questions_.release(); }
+    ~Turn() { places_.release(); }
     Turn(const Turn&) = delete;
     Turn& operator=(const Turn&) = delete;
 
   private:
-    std::counting_semaphore<8>& questions_;
+    std::counting_semaphore<MOST>& places_;
 };
 
 std::string textOf(const Json& json) {
@@ -157,12 +162,20 @@ const std::map<std::string, Answer> ANSWERS = {
     {"logs", logs},     {"names", names}, {"status", status}, {"tail", tail},
 };
 
-/** A search, page after page, until it or its bounds are through. */
+/** A search, page after page, until it or its bounds are through. Each page takes a turn of its
+ * own, so that others are answered between two. */
 class Export {
   public:
-    Export(View& view, Search search, const SiteSettings& settings, bool isCsv)
+    /** Throws Refusal when others are under way. */
+    Export(View& view, Search search, const SiteSettings& settings, bool isCsv,
+           std::counting_semaphore<MOST_QUESTIONS>& questions,
+           std::counting_semaphore<MOST_EXPORTS>& exports)
         : view_(view), search_(std::move(search)), left_(settings.exportRows),
-          deadline_(Clock::now() + settings.exportTime), isCsv_(isCsv) {}
+          deadline_(Clock::now() + settings.exportTime), isCsv_(isCsv), questions_(questions),
+          slot_(exports, std::chrono::seconds(0), "others export already; try again later") {}
+
+    /** What the next page gives, which may be nothing. */
+    std::string step();
 
     /** The next lines; empty at the end. */
     std::string piece();
@@ -179,6 +192,8 @@ class Export {
     Clock::time_point deadline_;
     bool isCsv_;
     bool isThrough_ = false;
+    std::counting_semaphore<MOST_QUESTIONS>& questions_;
+    Turn<MOST_EXPORTS> slot_;
 };
 
 std::string Export::lineOf(const FoundEvent& event) const {
@@ -192,9 +207,15 @@ std::string Export::note(const std::string& text) const {
 }
 
 std::string Export::piece() {
-    if (isThrough_) {
-        return "";
+    std::string lines;
+    while (lines.empty() && !isThrough_) {
+        lines = step();
     }
+    return lines;
+}
+
+std::string Export::step() {
+    const Turn<MOST_QUESTIONS> turn(questions_, QUESTION_WAIT, TOO_MUCH);
     search_.limit = static_cast<U32_t>(std::min<U64_t>(left_, EXPORT_PAGE));
     const Page page = view_.search(search_);
     std::string lines;
@@ -209,8 +230,7 @@ std::string Export::piece() {
         return lines +
                note("not all: narrow the search, or go on with before=" + page.next->text());
     }
-    // A page may have found nothing yet, which is not the end.
-    return lines.empty() && !isThrough_ ? piece() : lines;
+    return lines;
 }
 
 } // namespace
@@ -252,7 +272,7 @@ Response Site::ask(const Request& request, const std::string& question) {
 }
 
 std::string Site::askArchive(const Request& request, const std::string& question) {
-    const Turn turn(questions_);
+    const Turn<MOST_QUESTIONS> turn(questions_, QUESTION_WAIT, TOO_MUCH);
     if (question == "timeline") {
         return timeline(request);
     }
@@ -281,19 +301,13 @@ Response Site::exported(const Request& request) {
         throw Refusal(400, "form: csv or jsonl");
     }
     const bool isCsv = form == "csv";
-    auto rows =
-        std::make_shared<Export>(view_, searchOf(request.parameters, {"form"}), settings_, isCsv);
+    auto rows = std::make_shared<Export>(view_, searchOf(request.parameters, {"form"}), settings_,
+                                         isCsv, questions_, exports_);
     Response response{.type = isCsv ? "text/csv; charset=utf-8" : "application/jsonl"};
-    {
-        const Turn turn(questions_); // what is wrong shows while it can still be said
-        response.body = rows->first() + rows->piece();
-    }
+    response.body = rows->first() + rows->step(); // what is wrong shows while it can still be said
     response.headers.emplace_back("Content-Disposition",
                                   "attachment; filename=\"events." + form + "\"");
-    response.more = [this, rows] {
-        const Turn turn(questions_);
-        return rows->piece();
-    };
+    response.more = [rows] { return rows->piece(); };
     return response;
 }
 

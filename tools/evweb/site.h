@@ -12,6 +12,9 @@
 
 namespace evweb {
 
+constexpr int MOST_QUESTIONS = 8; ///< to the archive, at a time
+constexpr int MOST_EXPORTS = 2;   ///< under way
+
 struct SiteSettings {
     AccessRules access{};
     U64_t exportRows = 100'000;          ///< that are exported at most
@@ -47,7 +50,8 @@ class Site {
     View& view_;
     SiteSettings settings_;
     // An archive is not asked more at a time; others wait, and are told when that takes long.
-    std::counting_semaphore<8> questions_{8};
+    std::counting_semaphore<MOST_QUESTIONS> questions_{MOST_QUESTIONS};
+    std::counting_semaphore<MOST_EXPORTS> exports_{MOST_EXPORTS};
 };
 
 } // namespace evweb

@@ -97,6 +97,7 @@ struct LogInfo {
     std::optional<S64_t> lastReceived{}; ///< when that came
     std::optional<S64_t> seen{};         ///< when the blade was last heard of
     std::optional<U64_t> missing{};      ///< ids between others; nothing: not counted in time
+    std::optional<U32_t> ringFirst{};    ///< the blade's oldest at its last handshake, if known
     TypeCounts lately{};                 ///< events of the window of the overview
 };
 
@@ -111,7 +112,7 @@ struct LogSearch {
 struct Overview {
     std::vector<LogInfo> logs{};
     std::optional<S64_t> next{};        ///< the last log of these, when more follow
-    U64_t known = 0;                    ///< logs of the archive
+    std::optional<U64_t> known{};       ///< logs of the archive; nothing: not counted in time
     S64_t windowSeconds = 0;            ///< that LogInfo::lately is about; 0: not known
     std::optional<TypeCounts> lately{}; ///< errors and warnings of all logs; nothing: not counted
 };

@@ -4,42 +4,53 @@ import { at, chartOf, notes } from "./timeline.js";
 const CRASH = { source: "eventlog", id: 11 };
 const DAY = 86_400;
 
-/** The ids of a generation as a strip. A gap that would be too thin to be seen is made wide enough. */
-function strip(generation) {
-  const first = generation.runs[0][0];
-  const last = generation.runs.at(-1)[1];
-  const whole = Math.max(1, last - first + 1);
-  const at = (id) => (1000 * (id - first)) / whole;
-  const parts = generation.runs.map(([from, to]) => svg("rect", { class: "held", x: at(from), width: Math.max(1, at(to + 1) - at(from)), y: 0, height: 10 }));
-  for (let index = 1; index < generation.runs.length; index++) {
-    const from = generation.runs[index - 1][1] + 1;
-    parts.push(svg("rect", { class: "gap", x: at(from), width: Math.max(3, at(generation.runs[index][0]) - at(from)), y: 3, height: 4 }));
-  }
-  return svg("svg", { class: "strip", viewBox: "0 0 1000 10", preserveAspectRatio: "none", role: "img",
-    "aria-label": `ids ${first} to ${last}, ${plural(generation.runs.length - 1, "gap")}` }, parts);
-}
+const gap = (first, last, ring) => ({ first, last, isInRing: ring !== null && first >= ring });
 
-function gapsOf(generation) {
+/** What is missing between the ids that are held, and what the blade's own log had before them. */
+function gapsOf(generation, ring) {
   const gaps = [];
   for (let index = 1; index < generation.runs.length; index++) {
-    gaps.push([generation.runs[index - 1][1] + 1, generation.runs[index][0] - 1]);
+    const [first, last] = [generation.runs[index - 1][1] + 1, generation.runs[index][0] - 1];
+    const isSplit = ring !== null && first < ring && ring <= last;
+    gaps.push(gap(first, isSplit ? ring - 1 : last, ring));
+    if (isSplit) gaps.push(gap(ring, last, ring));
   }
+  const first = generation.runs[0]?.[0];
+  if (ring !== null && ring < first) gaps.unshift(gap(ring, first - 1, ring));
   return gaps;
 }
 
+/** The ids of a generation as a strip. A gap that would be too thin to be seen is made wide enough. */
+function strip(generation, gaps) {
+  const first = Math.min(generation.runs[0][0], gaps[0]?.first ?? Infinity);
+  const last = generation.runs.at(-1)[1];
+  const whole = Math.max(1, last - first + 1);
+  const at = (id) => (1000 * (id - first)) / whole;
+  const rect = (name, from, to, least, y, height) => svg("rect", { class: name, x: at(from), width: Math.max(least, at(to + 1) - at(from)), y, height });
+  return svg("svg", { class: "strip", viewBox: "0 0 1000 10", preserveAspectRatio: "none", role: "img", "aria-label": `ids ${first} to ${last}, ${plural(gaps.length, "gap")}` },
+    generation.runs.map(([from, to]) => rect("held", from, to, 1, 0, 10)),
+    gaps.map((one) => (one.isInRing ? rect("ring", one.first, one.last, 3, 6, 4) : rect("gap", one.first, one.last, 3, 3, 4))));
+}
+
+function gapLine(one, log, generation) {
+  const ids = one.first === one.last ? `id ${number(one.first)}` : `ids ${number(one.first)} to ${number(one.last)}`;
+  return el("li", null, el("a", { href: link("/search", { log, generation, seq: `${Math.max(0, one.first - 10)}:${one.last + 10}` }) }, ids),
+    one.isInRing ? ": only the blade's own log had them when it last connected" : one.first === one.last ? " is missing" : " are missing");
+}
+
 function generationPart(generation, log, isNewest) {
-  const gaps = gapsOf(generation);
+  const gaps = gapsOf(generation, isNewest ? log.ringFirst : null);
+  const hasRuns = generation.runs.length > 0;
   return [
     el("h3", null, `Generation ${generation.generation}${isNewest ? "" : ", superseded"}`),
-    generation.runs.length > 0 && strip(generation),
+    hasRuns && strip(generation, gaps),
     el("p", { class: "quiet" }, `${plural(generation.events, "event")}${generation.cut ? " or more" : ""}`,
-      generation.runs.length > 0 && `, ids ${number(generation.runs[0][0])} to ${number(generation.runs.at(-1)[1])}`,
-      `, ${plural(gaps.length, "gap")}, ${plural(generation.duplicates, "duplicate")} dropped; opened ${time(generation.opened)}`,
-      generation.firstTime && `; events of ${time(generation.firstTime)} to ${time(generation.lastTime)}`),
+      hasRuns && `, ids ${number(generation.runs[0][0])} to ${number(generation.runs.at(-1)[1])}`,
+      `, ${plural(gaps.length, "gap")}, ${plural(generation.duplicates, "duplicate")} dropped`, generation.opened && `; opened ${time(generation.opened)}`,
+      generation.firstTime && `; events of ${time(generation.firstTime)} to ${time(generation.lastTime)}`,
+      isNewest && log.ringFirst !== null && hasRuns && log.ringFirst <= generation.runs.at(-1)[1] && `; the blade's own log began with id ${number(log.ringFirst)} when it last connected`),
     gaps.length > 0 && el("details", { open: gaps.length <= 3 }, el("summary", null, plural(gaps.length, "gap")),
-      el("ul", null, gaps.slice(0, 100).map(([first, last]) => el("li", null, "ids ",
-        el("a", { href: link("/search", { log, generation: generation.generation, seq: `${Math.max(0, first - 10)}:${last + 10}` }) },
-          first === last ? number(first) : `${number(first)} to ${number(last)}`), " are missing")))),
+      el("ul", null, gaps.slice(0, 100).map((one) => gapLine(one, log.log, generation.generation)), gaps.length > 100 && el("li", null, `and ${plural(gaps.length - 100, "further one")}`))),
   ];
 }
 
@@ -83,6 +94,6 @@ export async function page() {
     log.generations.length === 0 && note("It has said who it is, and has sent no event yet."),
     crash, day,
     list("Warnings and errors", grave.events, grave.next, { href: link("/search", { ...graveFilters, before: grave.next }) }),
-    el("h2", null, "What the archive holds of it"), log.generations.map((generation, index) => generationPart(generation, log.log, index === 0)),
+    el("h2", null, "What the archive holds of it"), log.generations.map((generation, index) => generationPart(generation, log, index === 0)),
     list("All events", recent.events, recent.next, { id: "next", rel: "next", href: link("/search", { log: log.log, before: recent.next }) }));
 }

@@ -73,7 +73,7 @@ function totals(list, now, hour) {
   const count = (test) => number(list.logs.filter(test).length);
   const of = isAll ? "" : ", of these";
   const grave = (type) => (list.lately === null ? "not counted" : el("a", { href: link("/search", { type, since: "-1h" }) }, number(list.lately[type])));
-  return figures([[isAll ? "logs" : "logs shown", `${number(list.logs.length)}${isAll ? "" : ` of ${number(list.known)}`}`],
+  return figures([[isAll ? "logs" : "logs shown", `${number(list.logs.length)}${isAll || list.known === null ? "" : ` of ${number(list.known)}`}`],
     [`errors ${hour}`, grave("error")], [`warnings ${hour}`, grave("warning")],
     [`quiet for an hour${of}`, count((log) => !log.seen || now - seconds(log.seen) > QUIET)],
     [`with missing ids${of}`, count((log) => log.missing > 0)]]);

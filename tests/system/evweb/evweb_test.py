@@ -10,6 +10,7 @@ import json
 import os
 import pathlib
 import random
+import re
 import shutil
 import sqlite3
 import sys
@@ -158,13 +159,30 @@ class Answers:
         self.assertEqual(len(rows), EVENTS)
         self.assertIn(HOSTILE, {row["bladeId"] for row in rows})
 
+    def test_every_part_of_an_answer_is_in_the_manual(self):
+        manual = (pathlib.Path(__file__).parents[3] / "docs/man/evweb.8").read_text()
+        known = set(re.findall(r"[A-Za-z]+", manual[manual.index(".SH QUESTIONS"):manual.index(".SH FILES")]))
+
+        def names(answer):
+            if isinstance(answer, dict):
+                return set(answer).union(*map(names, answer.values()))
+            return set().union(*map(names, answer)) if isinstance(answer, list) else set()
+
+        log = self.log_of("BLADE-1")
+        for question in ("logs", f"log?log={log}", "events", f"event?log={log}&generation=2&id=13", f"around?log={log}&id=13", "tail",
+                         f"timeline?since=@{NOW}", "status", "names"):
+            with self.subTest(question):
+                self.assertEqual(names(self.ask(question)) - known, set())
+
     def test_what_is_no_question_gets_a_400_that_says_why(self):
         for question, word in (("events?type=bogus", "bogus"), ("events?foo=1", "foo"), ("events?since=someday", "someday"),
                                ("events?limit=0", "limit"), ("events?limit=501", "501"), ("events?before=x", "before"),
                                ("events?seq=9:3", "9:3"), ("events?generation=1", "generation"), ("events?limit=5&limit=6", "limit"),
                                ("events?text=" + "x" * 600, "text"), ("events?text=a%00b", "NUL"), ("events?before=z1.2", "z1.2"),
                                ("timeline", "since"), ("timeline?since=@9&until=@5", "until"), ("log", "log"), ("log?log=1e3", "1e3"),
-                               ("export?form=xml", "form"), ("around?log=1&id=-1", "-1"), ("status?x=1", "x")):
+                               ("export?form=xml", "form"), ("around?log=1&id=-1", "-1"), ("around?log=1&id=1&reach=251", "250"), ("around?log=1", "id"),
+                               ("timeline?since=-1h&buckets=401", "400"), ("logs?limit=501", "500"), ("logs?order=slot", "order"), ("tail?after=x", "after"),
+                               ("event?log=1&id=1", "generation"), ("events?log=1&generation=0", "generation"), ("logs?behind=x", "behind"), ("status?x=1", "x")):
             with self.subTest(question):
                 self.assertIn(word, self.ask(question, status=400)["error"])
 
@@ -349,6 +367,11 @@ class PostgresTest(Answers, unittest.TestCase):
     def remove(self, blade):
         for table in ("events", "generations", "logs"):
             self.server.sql(f"DELETE FROM {table} WHERE log = (SELECT log FROM logs WHERE blade = '{blade}')", "events")
+
+    def test_a_blade_says_where_its_own_log_began(self):
+        columns = self.server.sql("SELECT column_name FROM information_schema.columns WHERE table_name = 'blade_list'", "events")
+        first = 1 if "ring_first" in columns.split() else None  # archives of earlier archivers do not know
+        self.assertEqual(self.ask(f"log?log={self.log_of('BLADE-1')}")["ringFirst"], first)
 
     def test_names_that_are_no_text_are_found_by_their_bytes(self):
         self.assertEqual([found["bladeId"] for found in self.events("blade=%FF%01blade")], ["\\xFF\\x01blade"])

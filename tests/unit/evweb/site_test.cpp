@@ -37,7 +37,7 @@ class AskedView final : public View {
         last = search;
         pages += 1;
         Page page;
-        page.events.resize(search.limit, eventOf(1));
+        page.events.resize(pages > emptyPages ? search.limit : 0, eventOf(1));
         page.next = Position{'a', {1, pages}};
         return page;
     }
@@ -62,6 +62,7 @@ class AskedView final : public View {
     std::string asked;
     Search last;
     int pages = 0;
+    int emptyPages = 0; // that are given first
 };
 
 class SiteTest : public testing::Test {
@@ -290,6 +291,36 @@ TEST_F(SiteTest, ExportEndsAtItsBoundAndSaysWhereToGoOn) {
     EXPECT_EQ(std::ranges::count(all, '\n'), 1201);
     EXPECT_EQ(view.pages, 3);
     EXPECT_THAT(all, HasSubstr("before=a1.3"));
+}
+
+TEST_F(SiteTest, ExportsLeaveRoomForOthers) {
+    Site site(view, settings);
+    const Request request = get("/api/v1/export", {{"form", "csv"}});
+    const Response first = site.answer(request);
+    {
+        const Response second = site.answer(request);
+        EXPECT_EQ(second.status, 200);
+        const Response third = site.answer(request);
+        EXPECT_EQ(third.status, 503);
+        EXPECT_THAT(third.body, HasSubstr("others export"));
+        EXPECT_EQ(site.answer(get("/api/v1/status")).status, 200);
+    }
+    EXPECT_EQ(site.answer(request).status, 200);
+}
+
+TEST_F(SiteTest, ExportGoesOnBehindPagesThatFoundNothing) {
+    view.emptyPages = 3;
+    settings.exportRows = 500;
+    Response response = ask("export", {{"form", "jsonl"}});
+    EXPECT_EQ(response.body, ""); // the answer begins before anything is found
+    EXPECT_EQ(std::ranges::count(response.more(), '\n'), 501);
+    EXPECT_EQ(response.more(), "");
+}
+
+TEST_F(SiteTest, ExportEndsAfterItsTimeAlsoWhenNothingIsFound) {
+    view.emptyPages = INT32_MAX;
+    settings.exportTime = std::chrono::seconds(0);
+    EXPECT_THAT(ask("export", {{"form", "csv"}}).body, HasSubstr("# not all"));
 }
 
 TEST_F(SiteTest, CsvQuotesWhatNeedsIt) {
