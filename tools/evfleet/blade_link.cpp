@@ -141,6 +141,7 @@ void BladeLink::takeStatusAnswer(const U8_t* body) {
     if (last >= log_.next()) {
         ++fleet_.counts.claimsBeyond;
     }
+    log_.noteClaim(last);
     cursor_ = std::clamp(last, log_.first() - 1, log_.next() - 1);
     if ((flag & EMP_E_ARCHIVER_CONTROL_CLEAR) != 0) {
         log_.clear(last);

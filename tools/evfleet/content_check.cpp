@@ -20,6 +20,7 @@ class BladeCheck {
     void check(evarchive::StoreReader& store, const std::vector<GenerationInfo>& generations) {
         for (const GenerationInfo& generation : generations) {
             present_.clear();
+            doubtful_.clear();
             store.forEachEvent(generation.number,
                                [this](const StoredEvent& event) { take(event); });
         }
@@ -45,6 +46,9 @@ class BladeCheck {
         }
         if (*rebuilt == log_.rebuilt()) {
             present_.insert(event.sequenceId);
+            if (event.doubtful) {
+                doubtful_.insert(event.sequenceId);
+            }
         }
     }
 
@@ -66,6 +70,10 @@ class BladeCheck {
                 ++result_.missing;
                 tell("event " + std::to_string(id) + " is missing");
             }
+            if (id <= log_.claimed() && (!present_.contains(id) || doubtful_.contains(id))) {
+                ++result_.unkept;
+                tell("event " + std::to_string(id) + " was claimed, and is not there for certain");
+            }
         }
     }
 
@@ -80,6 +88,7 @@ class BladeCheck {
     Bytes scratch_;
     std::set<std::pair<U32_t, U32_t>> seen_; ///< rebuilt, id
     std::set<U32_t> present_;                ///< of the newest generation so far
+    std::set<U32_t> doubtful_;               ///< among these
 };
 
 } // namespace

@@ -148,10 +148,42 @@ void Fleet::sayProgress() {
          std::to_string(counts.outages) + " outages");
 }
 
-void Fleet::checkOnce(FleetResult& result) {
-    result.check = checkContent(options_.check, options_.shape.enclosure, options_.blades,
-                                [this](U32_t blade) { return &blades_[blade].log(); });
-    result.isChecked = true;
+// An archive that is away for a moment may be back before the deadline.
+void Fleet::checkOnce(FleetResult& result, Clock::time_point deadline) {
+    for (;;) {
+        try {
+            result.check = checkContent(options_.check, options_.shape.enclosure, options_.blades,
+                                        [this](U32_t blade) { return &blades_[blade].log(); });
+            result.isChecked = true;
+            return;
+        } catch (const evarchive::StoreError&) {
+            if (Clock::now() >= deadline) {
+                throw;
+            }
+        }
+        pause();
+    }
+}
+
+// Before any blade asks anew: what had been claimed and is gone would be sent again, and nobody
+// knew.
+void Fleet::lookForClaimed(FleetResult& result) {
+    if (options_.check.empty()) {
+        return;
+    }
+    const auto deadline = Clock::now() + options_.settle;
+    for (;;) {
+        checkOnce(result, deadline);
+        result.lost = result.check.unkept;
+        if (result.lost == 0 || Clock::now() >= deadline) {
+            return;
+        }
+        pause();
+    }
+}
+
+void Fleet::pause() {
+    runUntil([] { return false; }, Clock::now() + CHECK_PAUSE, [] {});
 }
 
 void Fleet::settle(FleetResult& result) {
@@ -167,8 +199,8 @@ void Fleet::settle(FleetResult& result) {
         if (options_.check.empty()) {
             break;
         }
-        runUntil([] { return false; }, std::min(deadline, Clock::now() + CHECK_PAUSE), nothing);
-        checkOnce(result);
+        pause();
+        checkOnce(result, deadline);
     } while (!result.check.isClean() && Clock::now() < deadline);
     result.unsettled = static_cast<U32_t>(
         std::ranges::count_if(blades_, [](const BladeLink& blade) { return !blade.isCaughtUp(); }));
@@ -188,6 +220,7 @@ FleetResult Fleet::run() {
     runUntil([this] { return areAllCaughtUp(); }, Clock::now() + settleDeadline, [] {});
     result.sendSeconds = secondsSince(logBegin_);
     runUntil([] { return false; }, Clock::now() + options_.hold, [] {});
+    lookForClaimed(result);
     settle(result);
     for (BladeLink& blade : blades_) {
         blade.stop();

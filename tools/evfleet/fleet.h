@@ -40,11 +40,13 @@ struct FleetResult {
     double connectSeconds = 0; ///< until every blade had its first status answer
     double sendSeconds = 0;    ///< from then on until everything had been forwarded
     U32_t unsettled = 0;       ///< blades that the deadline left behind
+    U64_t lost = 0;            ///< events that had been claimed and did not come back by themselves
     bool isChecked = false;
     CheckResult check;
 
     bool isClean() const {
-        return unsettled == 0 && counts.died == 0 && counts.claimsBeyond == 0 && check.isClean();
+        return unsettled == 0 && lost == 0 && counts.died == 0 && counts.claimsBeyond == 0 &&
+               check.isClean();
     }
 };
 
@@ -79,8 +81,10 @@ class Fleet {
     U32_t openCount() const;
     void runUntil(const std::function<bool()>& done, Clock::time_point deadline,
                   const std::function<void()>& step);
+    void lookForClaimed(FleetResult& result);
     void settle(FleetResult& result);
-    void checkOnce(FleetResult& result);
+    void checkOnce(FleetResult& result, Clock::time_point deadline);
+    void pause();
     void sayProgress();
 
     FleetOptions options_;

@@ -25,6 +25,7 @@ void printJson(const FleetResult& result) {
                                    {"claimsBeyond", result.counts.claimsBeyond},
                                    {"unsettled", result.unsettled}};
     if (result.isChecked) {
+        json["lost"] = result.lost;
         json["held"] = result.check.held;
         json["missing"] = result.check.missing;
         json["twice"] = result.check.twice;
@@ -52,6 +53,8 @@ void printText(const FleetResult& result) {
                 static_cast<unsigned long long>(counts.died),
                 static_cast<unsigned long long>(counts.claimsBeyond), result.unsettled);
     if (result.isChecked) {
+        std::printf("archive: %llu events that had been claimed were lost\n",
+                    static_cast<unsigned long long>(result.lost));
         std::printf("archive: %llu events held, %llu missing, %llu twice, %llu corrupt\n",
                     static_cast<unsigned long long>(result.check.held),
                     static_cast<unsigned long long>(result.check.missing),

@@ -11,8 +11,8 @@ namespace evfleet {
 namespace {
 
 constexpr char FOOTER[] =
-    "The fleet ends by itself. Status 1: an event is missing, is held twice or is corrupt, an\n"
-    "answer came in pieces, or a blade could not deliver everything in time.\n\n"
+    "The fleet ends by itself. Status 1: an event is missing, was claimed and lost, is held twice or\n"
+    "is corrupt, an answer came in pieces, or a blade could not deliver everything in time.\n\n"
     "Examples:\n"
     "  evfleet --to 127.0.0.1:4711 --blades 1000 --events 500 --rate 20 --outages 2 --check events.db\n"
     "  evfleet --to 127.0.0.1:4711 --blades 10000 --events 0 --ramp 2000 --hold 10";

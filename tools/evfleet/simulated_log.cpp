@@ -56,6 +56,11 @@ void SimulatedLog::rebuild() {
     ++rebuilt_;
     first_ = 1;
     next_ = 2;
+    claimed_ = 0;
+}
+
+void SimulatedLog::noteClaim(U32_t last) {
+    claimed_ = std::max(claimed_, std::min(last, next_ - 1));
 }
 
 void SimulatedLog::clear(U32_t last) {

@@ -39,6 +39,11 @@ class SimulatedLog {
     U32_t next() const { return next_; }       ///< id that the next event receives
     U32_t rebuilt() const { return rebuilt_; } ///< times that the log began anew
 
+    U32_t claimed() const { return claimed_; } ///< highest id that an archiver claimed to hold, 0
+
+    /** An archiver claims to hold the events up to and including @p last. */
+    void noteClaim(U32_t last);
+
     /** Logs @p count further events. */
     void log(U32_t count);
 
@@ -72,6 +77,7 @@ class SimulatedLog {
     U32_t first_ = 1;
     U32_t next_ = 2;
     U32_t rebuilt_ = 0;
+    U32_t claimed_ = 0;
 };
 
 /** The number in a blade's name. @return -1 when it is no name of a simulated blade */

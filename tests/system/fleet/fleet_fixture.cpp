@@ -55,17 +55,27 @@ bool RealBlade::isArchived(evarchive::StoreReader& archive) {
     return held == copies_;
 }
 
+std::unique_ptr<Process> FleetProcessTest::launch(const std::string& listen,
+                                                  const std::string& place,
+                                                  const std::vector<std::string>& arguments) {
+    std::vector<std::string> all = {"--listen", listen, "--db", place, "--progress", "0"};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return std::make_unique<Process>(commandOf("evarchiver", all),
+                                     directory_.file("archiver" + std::to_string(++starts_)));
+}
+
 Archiver& FleetProcessTest::startArchiver(const std::string& place,
                                           const std::vector<std::string>& arguments) {
-    std::vector<std::string> all = {"--listen", "127.0.0.1:0", "--db", place, "--progress", "0"};
-    all.insert(all.end(), arguments.begin(), arguments.end());
     Archiver& archiver = archivers_.emplace_back();
-    archiver.process =
-        std::make_unique<Process>(commandOf("evarchiver", all),
-                                  directory_.file("archiver" + std::to_string(archivers_.size())));
+    archiver.process = launch("127.0.0.1:0", place, arguments);
     const std::string line = archiver.process->waitForOutput("listening on 127.0.0.1:");
     archiver.port = static_cast<U16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
     return archiver;
+}
+
+void FleetProcessTest::restart(Archiver& archiver, const std::string& place) {
+    archiver.process = launch("127.0.0.1:" + std::to_string(archiver.port), place, {});
+    archiver.process->waitForOutput("listening on 127.0.0.1:");
 }
 
 void FleetProcessTest::stopArchivers() {
@@ -85,6 +95,11 @@ std::unique_ptr<Process> FleetProcessTest::startFleet(const std::string& check,
     }
     all.insert(all.end(), arguments.begin(), arguments.end());
     return std::make_unique<Process>(commandOf("evfleet", all), directory_.file("fleet"));
+}
+
+int rounds(int usual) {
+    const char* text = getenv("FLEET_ROUNDS");
+    return text != nullptr ? std::atoi(text) : usual;
 }
 
 std::string runDb(const std::vector<std::string>& arguments) {

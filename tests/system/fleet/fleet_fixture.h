@@ -55,6 +55,9 @@ class FleetProcessTest : public testing::Test {
     Archiver& startArchiver(const std::string& place,
                             const std::vector<std::string>& arguments = {});
 
+    /** Starts one again that was killed, where it was. */
+    void restart(Archiver& archiver, const std::string& place);
+
     /** Ends all with SIGTERM; each must say that all is safe. */
     void stopArchivers();
 
@@ -64,7 +67,16 @@ class FleetProcessTest : public testing::Test {
 
     support::TempDirectory directory_;
     std::deque<Archiver> archivers_;
+
+  private:
+    std::unique_ptr<support::Process> launch(const std::string& listen, const std::string& place,
+                                             const std::vector<std::string>& arguments);
+
+    int starts_ = 0;
 };
+
+/** FLEET_ROUNDS=n, see scripts/prove; as many rounds as given where it is not set. */
+int rounds(int usual);
 
 /** Runs "evarchiver db ..." and expects its success. @return its output */
 std::string runDb(const std::vector<std::string>& arguments);

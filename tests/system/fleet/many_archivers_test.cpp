@@ -10,6 +10,7 @@
 using namespace support;
 using namespace fleet;
 using testing::HasSubstr;
+using testing::Not;
 
 namespace {
 
@@ -39,6 +40,28 @@ class ManyArchiversTest : public FleetProcessTest {
         return text.str();
     }
 
+    U64_t events() { return std::stoull(sql("SELECT count(*) FROM events")); }
+
+    /** Until the archivers, which have just started, have answered so many. */
+    void waitForHandshakes(std::size_t count) {
+        const auto begin = std::chrono::steady_clock::now();
+        requireSoon([&] { return handshakes() >= count; }, "all to be answered");
+        std::printf(
+            "%zu handshakes in %.2f s\n", count,
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
+    }
+
+    std::size_t handshakes() const {
+        std::size_t count = 0;
+        for (const Archiver& archiver : archivers_) {
+            std::istringstream lines(archiver.process->output());
+            for (std::string line; std::getline(lines, line);) {
+                count += line.find(" claimed") != std::string::npos ? 1 : 0;
+            }
+        }
+        return count;
+    }
+
     std::string name_;
     std::string place_;
 };
@@ -50,11 +73,42 @@ TEST_F(ManyArchiversTest, FleetThatGoesToAndFroIsWholeByContent) {
     startArchiver(place_);
     const auto fleet =
         startFleet(place_, {"--blades", "40", "--events", "60", "--rate", "60", "--outages", "2",
-                            "--rebuilds", "0.5", "--size", "0:500"});
+                            "--rebuilds", "0.5", "--size", "0:500", "--ring", "50"});
     EXPECT_EQ(fleet->wait(std::chrono::seconds(90)), exitedWith(0)) << fleet->output();
     EXPECT_THAT(fleet->output(), HasSubstr("\"missing\":0,\"twice\":0,\"corrupt\":0"));
     stopArchivers();
     EXPECT_THAT(runDb({"maintain", "--db", place_}), HasSubstr("0 partitions made"));
+}
+
+// All at once at first, and again each time that both archivers were killed in mid-ingest.
+TEST_F(ManyArchiversTest, BladesThatComeAllAtOnceAreServedAfterEachOutage) {
+    const int outages = rounds(2);
+    const unsigned blades = outages > 2 ? 1000 : 300; // of scripts/prove, and here
+    startArchiver(place_);
+    startArchiver(place_);
+    const double rate = 30.0 / (3 * outages); // for some seconds an outage
+    const auto fleet = startFleet(place_, {"--blades", std::to_string(blades), "--events", "29",
+                                           "--rate", std::to_string(rate)});
+    waitForHandshakes(blades);
+    for (int outage = 0; outage < outages; ++outage) {
+        const U64_t before = events();
+        ASSERT_TRUE(waitUntil([&] { return events() > before + 300; }));
+        for (Archiver& archiver : archivers_) {
+            archiver.process->signal(SIGKILL);
+            archiver.process->wait();
+        }
+        for (Archiver& archiver : archivers_) {
+            restart(archiver, place_);
+        }
+        waitForHandshakes(blades);
+    }
+    EXPECT_EQ(fleet->wait(std::chrono::seconds(100)), exitedWith(0)) << fleet->output();
+    EXPECT_THAT(fleet->output(), HasSubstr("\"lost\":0,\"held\":" + std::to_string(30 * blades) +
+                                           ",\"missing\":0,\"twice\":0,\"corrupt\":0"));
+    for (const Archiver& archiver : archivers_) {
+        EXPECT_THAT(archiver.process->output(), Not(HasSubstr("does not answer")));
+    }
+    stopArchivers();
 }
 
 // The first archiver holds events of the blade's lost log, when the second one has its new one.

@@ -170,7 +170,8 @@ TEST_F(BadLineTest, ServerBehindABadLineThatBreaksGetsAllOnce) {
     archiver.waitForOutput("events wait, tried again");
     network.setUp(true);
     EXPECT_EQ(fleet.wait(100s), exitedWith(0)) << fleet.output();
-    EXPECT_THAT(fleet.output(), HasSubstr("\"held\":1000,\"missing\":0,\"twice\":0,\"corrupt\":0"));
+    EXPECT_THAT(fleet.output(),
+                HasSubstr("\"lost\":0,\"held\":1000,\"missing\":0,\"twice\":0,\"corrupt\":0"));
     EXPECT_GT(network.rough()->lost(), 0U);
     archiver.signal(SIGTERM);
     EXPECT_EQ(archiver.wait(), exitedWith(0)) << archiver.output();

@@ -103,7 +103,7 @@ TEST_F(SpreadTest, ServerThatIsKilledIsMissedByNobodyElseAndComesBackWithAll) {
     second_.start();
     EXPECT_EQ(fleet->wait(std::chrono::seconds(100)), exitedWith(0)) << fleet->output();
     EXPECT_THAT(fleet->output(),
-                HasSubstr("\"held\":6000,\"missing\":0,\"twice\":0,\"corrupt\":0"));
+                HasSubstr("\"lost\":0,\"held\":6000,\"missing\":0,\"twice\":0,\"corrupt\":0"));
     EXPECT_EQ(count(first_, "events") + count(second_, "events"), count(hub_, "events"));
     EXPECT_GT(count(second_, "events"), 1000U);
     stopArchivers();

@@ -93,6 +93,27 @@ TEST_F(ContentCheckTest, DoubtfulEventOfOtherBytesStandsForNone) {
     EXPECT_EQ(check().missing, 1U);
 }
 
+TEST_F(ContentCheckTest, ClaimedEventMustBeThereForCertain) {
+    hold(1, 2);
+    hold(3, imageOf(3), true);
+    hold(5, 5);
+    log_.noteClaim(2);
+    EXPECT_EQ(check().unkept, 0U);
+    store_->begin();
+    log_.noteClaim(4);
+    const CheckResult result = check();
+    EXPECT_EQ(result.unkept, 2U);
+    EXPECT_EQ(result.missing, 1U) << "the doubtful one is not";
+    EXPECT_FALSE(result.isClean());
+}
+
+TEST_F(ContentCheckTest, ClaimsEndWithTheLog) {
+    hold(1, 5);
+    log_.noteClaim(5);
+    log_.rebuild();
+    EXPECT_EQ(check().unkept, 0U);
+}
+
 TEST_F(ContentCheckTest, BladeWithoutAnyEventMissesAll) {
     const CheckResult result =
         evfleet::checkContent(path_, "another enclosure", 1, [this](U32_t) { return &log_; });

@@ -1,7 +1,8 @@
 #include "evfleet/fleet.h"
 
 #include "link_messages.h"
-#include "store.h"
+#include "sqlite_store.h"
+#include "temp_directory.h"
 
 #include <asio/buffer.hpp>
 #include <asio/read.hpp>
@@ -189,6 +190,24 @@ TEST(FleetRun, NobodyListeningIsToldAsUnsettled) {
     EXPECT_EQ(result.unsettled, 3U);
     EXPECT_FALSE(result.isClean());
     EXPECT_GT(result.counts.failedConnects, 0U);
+}
+
+// The archive is empty, and stays so; the blade could send all of it again.
+TEST(FleetRun, ClaimedEventsThatAreGoneAreTold) {
+    const support::TempDirectory directory;
+    const std::string path = directory.file("events.db");
+    evarchive::openArchive(path);
+    ScriptedArchiver archiver({.last = 1, .flag = 0});
+    FleetOptions options;
+    options.archivers = {archiver.place()};
+    options.blades = 1;
+    options.events = 3;
+    options.settle = std::chrono::seconds(1);
+    options.progress = std::chrono::seconds(0);
+    options.check = path;
+    const FleetResult result = Fleet(options, [](const std::string&) {}).run();
+    EXPECT_EQ(result.lost, 1U);
+    EXPECT_FALSE(result.isClean());
 }
 
 TEST(FleetRun, ArchiveThatCannotBeReadIsToldBeforeAnythingIsSent) {
