@@ -1,8 +1,8 @@
 #include "options.h"
 
-#include "admission.h"
 #include "common/cli.h"
 #include "engine.h"
+#include "limit_options.h"
 
 namespace evarchive {
 namespace {
@@ -20,15 +20,6 @@ const std::map<std::string, Clear> CLEAR_NAMES = {{"all-but-newest", Clear::ALL_
 const std::map<std::string, U16_t> ANSWER_NAMES = {
     {"all", 0}, {"inquiries", EMP_E_MSGS_LOG}, {"status", EMP_E_MSGS_GET_EVENT_ARCHIVER_STATUS}};
 
-std::string checkEndpoint(const std::string& text) {
-    try {
-        endpointOf(text);
-        return {};
-    } catch (const std::invalid_argument& error) {
-        return error.what();
-    }
-}
-
 /** What is parsed in another form than it is kept. */
 struct Parsed {
     std::string listen;
@@ -39,15 +30,6 @@ struct Parsed {
     unsigned answerWait = 10;
     bool mayStopBlades = false;
 };
-
-std::string checkNetwork(const std::string& text) {
-    try {
-        networkOf(text);
-        return {};
-    } catch (const std::invalid_argument& error) {
-        return error.what();
-    }
-}
 
 void addMainOptions(CLI::App& app, Options& options, Parsed& parsed) {
     app.add_option("--listen", parsed.listen,
@@ -61,11 +43,7 @@ void addMainOptions(CLI::App& app, Options& options, Parsed& parsed) {
                                  : "The archive, a file; made if it does not exist. This program "
                                    "was built without PostgreSQL")
         ->required();
-    app.add_option("--allow", options.allow,
-                   "Serve only blades of these networks: ADDRESS or ADDRESS/BITS, as often as "
-                   "needed; default: all addresses")
-        ->check(checkNetwork)
-        ->option_text("NETWORK...");
+    addAllowOption(app, options.allow);
     app.add_option("--metrics", parsed.metrics,
                    "Serve Prometheus metrics at /metrics: PORT on the loopback, or ADDRESS:PORT")
         ->check(checkEndpoint);
@@ -113,16 +91,9 @@ void addTimes(CLI::Option_group& limits, Parsed& parsed) {
 void addLimits(CLI::App& app, Options& options, Parsed& parsed) {
     CLI::Option_group* limits = app.add_option_group("Limits");
     addTimes(*limits, parsed);
-    limits
-        ->add_option("--connection-limit", options.connectionLimit,
-                     "Links at a time; the start is refused when there are too few descriptors. "
-                     "Default: 10000, or as many as there are descriptors for")
-        ->check(CLI::Range(1, 100'000));
-    limits->add_option("--per-host", options.hostLimit, "Links at a time from one address; 0: any")
-        ->capture_default_str();
-    limits->add_option("--handshake-rate", options.handshakeRate, "Links taken a second, at most")
-        ->check(CLI::Range(10, 1'000'000))
-        ->capture_default_str();
+    addLimitOptions(*limits, {.connectionLimit = options.connectionLimit,
+                              .hostLimit = options.hostLimit,
+                              .handshakeRate = options.handshakeRate});
     limits
         ->add_option("--answer-limit", options.answerLimit,
                      "Longest answer in bytes, where segments are larger than the connection says; "

@@ -31,6 +31,7 @@ class RelpSink final : public Sink {
         if (channel_->isUp() && open_.empty()) {
             try {
                 put("close", "");
+                takeAnswer();
             } catch (const SinkAway&) { // then it knows
             }
         }

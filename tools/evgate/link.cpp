@@ -213,25 +213,28 @@ void Link::takeFromInner(View bytes) {
     }
 }
 
+// @return whether TLS has to wait for its socket before the step can be tried again
+bool Link::mustWait(Step step) {
+    outerNeeds_[FOR_READING] = outerNeeds_[FOR_READING] || step == Step::READABLE;
+    outerNeeds_[FOR_WRITING] = outerNeeds_[FOR_WRITING] || step == Step::WRITABLE;
+    return step == Step::READABLE || step == Step::WRITABLE;
+}
+
 bool Link::flushOuter() {
     if (toOuter_.empty()) {
         return false;
     }
     std::size_t size = 0;
-    switch (tls_->write(toOuter_, size)) {
-    case Step::DONE:
-        toOuter_.erase(toOuter_.begin(), toOuter_.begin() + static_cast<std::ptrdiff_t>(size));
-        return true;
-    case Step::READABLE:
-        outerNeeds_[FOR_READING] = true;
+    const Step step = tls_->write(toOuter_, size);
+    if (mustWait(step)) {
         return false;
-    case Step::WRITABLE:
-        outerNeeds_[FOR_WRITING] = true;
-        return false;
-    default:
-        outerFailed();
-        return true;
     }
+    if (step == Step::DONE) {
+        toOuter_.erase(toOuter_.begin(), toOuter_.begin() + static_cast<std::ptrdiff_t>(size));
+    } else {
+        outerFailed();
+    }
+    return true;
 }
 
 bool Link::hasRoomForOuter() const {
@@ -244,25 +247,18 @@ bool Link::readOuter() {
     }
     const std::span<U8_t> buffer = host_.receiveBuffer();
     std::size_t size = 0;
-    switch (tls_->read(buffer, size)) {
-    case Step::DONE:
-        if (stage_ == Stage::OPEN) {
-            takeFromOuter(View(buffer).first(size));
-        }
-        return true;
-    case Step::END:
-        outerEnded();
-        return true;
-    case Step::READABLE:
-        outerNeeds_[FOR_READING] = true;
+    const Step step = tls_->read(buffer, size);
+    if (mustWait(step)) {
         return false;
-    case Step::WRITABLE:
-        outerNeeds_[FOR_WRITING] = true;
-        return false;
-    default:
-        outerFailed();
-        return true;
     }
+    if (step == Step::END) {
+        outerEnded();
+    } else if (step == Step::FAILED) {
+        outerFailed();
+    } else if (stage_ == Stage::OPEN) {
+        takeFromOuter(View(buffer).first(size));
+    }
+    return true;
 }
 
 void Link::takeFromOuter(View bytes) {

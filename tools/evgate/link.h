@@ -117,6 +117,7 @@ class Link : public std::enable_shared_from_this<Link> {
     void takeFromOuter(View bytes);
     bool pass(View request);
     void passRest();
+    bool mustWait(Step step);
     bool hasRoomForOuter() const;
     bool flushOuter();
     bool flushInner();

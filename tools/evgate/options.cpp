@@ -1,7 +1,7 @@
 #include "options.h"
 
-#include "admission.h"
 #include "common/cli.h"
+#include "limit_options.h"
 
 namespace evgate {
 namespace {
@@ -26,27 +26,9 @@ asio::ip::tcp::endpoint toOf(const std::string& text) {
     return evarchive::endpointOf(text, asio::ip::address_v4::loopback());
 }
 
-std::string checkListen(const std::string& text) {
-    try {
-        evarchive::endpointOf(text);
-        return {};
-    } catch (const std::invalid_argument& error) {
-        return error.what();
-    }
-}
-
 std::string checkTo(const std::string& text) {
     try {
         return toOf(text).port() == 0 ? "port 0 is nobody's" : "";
-    } catch (const std::invalid_argument& error) {
-        return error.what();
-    }
-}
-
-std::string checkNetwork(const std::string& text) {
-    try {
-        evarchive::networkOf(text);
-        return {};
     } catch (const std::invalid_argument& error) {
         return error.what();
     }
@@ -58,7 +40,7 @@ void addPlaces(CLI::App& app, Parsed& parsed, const char* who, const char* where
                        ": PORT, ADDRESS:PORT or [ADDRESS]:PORT; port 0 takes a free one, which the "
                        "first line of output names")
         ->required()
-        ->check(checkListen);
+        ->check(evarchive::checkEndpoint);
     app.add_option("--to", parsed.to,
                    std::string(whereTo) + ": ADDRESS:PORT, or PORT on the loopback")
         ->required()
@@ -77,22 +59,12 @@ void addFiles(CLI::App& app, TlsFiles& files) {
 
 void addLimits(CLI::App& app, Options& options, Parsed& parsed) {
     CLI::Option_group* limits = app.add_option_group("Limits");
-    limits
-        ->add_option("--allow", options.allow,
-                     "Take only connections from these networks: ADDRESS or ADDRESS/BITS, as often "
-                     "as needed; default: all addresses")
-        ->check(checkNetwork)
-        ->option_text("NETWORK...");
-    limits
-        ->add_option("--connection-limit", options.connectionLimit,
-                     "Links at a time; the start is refused when there are too few descriptors, "
-                     "two a link. Default: 10000, or as many as there are descriptors for")
-        ->check(CLI::Range(1, 100'000));
-    limits->add_option("--per-host", options.hostLimit, "Links at a time from one address; 0: any")
-        ->capture_default_str();
-    limits->add_option("--handshake-rate", options.handshakeRate, "Links taken a second, at most")
-        ->check(CLI::Range(10, 1'000'000))
-        ->capture_default_str();
+    evarchive::addAllowOption(*limits, options.allow);
+    evarchive::addLimitOptions(*limits,
+                               {.connectionLimit = options.connectionLimit,
+                                .hostLimit = options.hostLimit,
+                                .handshakeRate = options.handshakeRate},
+                               ", two a link");
     limits->add_option("--wait", parsed.wait, "Seconds that a link may take to come to stand")
         ->check(CLI::Range(1, 300))
         ->capture_default_str();
