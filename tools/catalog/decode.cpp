@@ -44,14 +44,15 @@ U64_t rawNumber(const Field& field, std::span<const U8_t> bytes) {
     return negative ? number | ~U64_t{0} << bits : number;
 }
 
-std::string numberText(const Field& field, std::span<const U8_t> bytes) {
+/** @param isSaid within a sentence, where the name of a value is enough */
+std::string numberText(const Field& field, std::span<const U8_t> bytes, bool isSaid) {
     U64_t number = rawNumber(field, bytes);
     auto value = static_cast<S64_t>(number);
     std::string digits =
         field.kind == Kind::SIGNED ? std::to_string(value) : std::to_string(number);
     auto name = field.names.find(value);
     if (name != field.names.end()) {
-        return name->second + "(" + digits + ")";
+        return isSaid ? name->second : name->second + "(" + digits + ")";
     }
     return field.unit.empty() ? digits : digits + " " + field.unit;
 }
@@ -72,7 +73,9 @@ std::string_view viewOf(std::span<const U8_t> bytes) {
 
 } // namespace
 
-std::string valueText(const Field& field, std::span<const U8_t> data) {
+namespace {
+
+std::string textOf(const Field& field, std::span<const U8_t> data, bool isSaid) {
     std::optional<std::span<const U8_t>> bytes = bytesOf(field, data);
     if (!bytes) {
         return "?";
@@ -88,8 +91,14 @@ std::string valueText(const Field& field, std::span<const U8_t> data) {
         return std::to_string((*bytes)[0]) + "." + std::to_string((*bytes)[1]) + "." +
                std::to_string((*bytes)[2]) + "." + std::to_string((*bytes)[3]);
     default:
-        return numberText(field, *bytes);
+        return numberText(field, *bytes, isSaid);
     }
+}
+
+} // namespace
+
+std::string valueText(const Field& field, std::span<const U8_t> data) {
+    return textOf(field, data, false);
 }
 
 std::optional<S64_t> valueNumber(const Field& field, std::span<const U8_t> data) {
@@ -111,7 +120,7 @@ std::string messageOf(const Entry& entry, std::span<const U8_t> data) {
             message += text[at];
             continue;
         }
-        message += valueText(*field, data);
+        message += textOf(*field, data, true);
         at = end;
     }
     return message;

@@ -122,6 +122,8 @@ std::string shortNumber(double number) {
 
 void setUpCommandLine(CLI::App& app, const std::string& footer) {
     app.description(app.get_description() + "\n");
+    // What comes later, such as behind an alias, goes before.
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.set_help_flag("-h,--help", "Print this help and exit");
     app.set_help_all_flag("");
     app.set_version_flag(

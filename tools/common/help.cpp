@@ -98,6 +98,20 @@ class HelpFormatter : public CLI::Formatter {
         return twoColumns("  " + command->get_name(), command->get_description());
     }
 
+    /** A group of options, of which not any number may be given. */
+    std::string make_expanded(const CLI::App* group) const override {
+        const size_t least = group->get_require_option_min();
+        std::string help = "\n" + group->get_group();
+        if (group->get_require_option_max() == 1) {
+            help += least == 1 ? ", one of these" : ", at most one of these";
+        }
+        help += ":\n";
+        for (const CLI::Option* option : group->get_options()) {
+            help += option == group->get_help_ptr() ? "" : make_option(option, false);
+        }
+        return help;
+    }
+
     std::string make_description(const CLI::App* app) const override {
         return paragraphs(CLI::Formatter::make_description(app));
     }

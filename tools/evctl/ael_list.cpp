@@ -2,6 +2,7 @@
 #include "common/names.h"
 #include "evctl/commands.h"
 #include "evctl/event_json.h"
+#include "evctl/event_text.h"
 #include "evctl/listing.h"
 #include "evctl/options.h"
 #include "sources/alternate_files.h"
@@ -79,9 +80,9 @@ std::string listLine(const AelFile& file, Zone zone) {
         const EmpEvRecord_t& header = file.header();
         line += ": " + tools::eventTypeNames.brief(header.evType) + " " +
                 tools::endpointNames.brief(header.evSource) + " " +
-                eventIdText(header.evSource, header.evId);
+                eventIdText(header.evSource, header.evId) + "  " + textColumn(file.event());
     }
-    return line + "\n";
+    return line;
 }
 
 std::string showLines(const AelFile& file) {
@@ -132,6 +133,7 @@ std::vector<AelFile> selected(std::vector<AelFile> files, const ListingOptions& 
     std::erase_if(files, [&options](const AelFile& file) {
         return file.hasHeader() ? !options.filter.matches(file.event()) : !options.filter.isEmpty();
     });
+    files.resize(std::min<U64_t>(files.size(), options.first.value_or(UINT64_MAX)));
     U64_t excess = files.size() - std::min<U64_t>(files.size(), options.last.value_or(UINT64_MAX));
     files.erase(files.begin(), files.begin() + static_cast<std::ptrdiff_t>(excess));
     if (options.reverse) {
@@ -140,11 +142,15 @@ std::vector<AelFile> selected(std::vector<AelFile> files, const ListingOptions& 
     return files;
 }
 
-std::string textOf(const AelFile& file, const OutputOptions& options) {
+std::string textOf(const AelFile& file, const OutputOptions& options, const EventPrinter& events) {
     if (options.form == Form::JSON) {
         return jsonText(file);
     }
-    return options.form == Form::FULL ? showLines(file) : listLine(file, options.zone);
+    if (options.form == Form::FULL) {
+        return showLines(file);
+    }
+    std::string line = listLine(file, options.zone);
+    return file.hasHeader() ? events.styled(line, file.event()) : line + "\n";
 }
 
 bool isFormOfFiles(Form form) {
@@ -152,14 +158,14 @@ bool isFormOfFiles(Form form) {
 }
 
 void printInForm(const std::vector<AelFile>& files, const OutputOptions& options) {
+    EventPrinter events(options);
     if (isFormOfFiles(options.form)) {
         for (const AelFile& file : files) {
             bool isApart = options.form == Form::FULL && &file != files.data();
-            std::cout << (isApart ? "\n" : "") << textOf(file, options);
+            std::cout << (isApart ? "\n" : "") << textOf(file, options, events);
         }
         return;
     }
-    EventPrinter events(options);
     for (const AelFile& file : files) {
         if (file.hasHeader()) {
             events.printNow(file.event());

@@ -233,7 +233,9 @@ void addArchiveEventCommands(CLI::App& group, Chosen& chosen) {
 
     const auto [get, getOptions] = addOne(
         group, chosen, "get", "Show the event with one id; status 1 when no log holds it.", runGet);
-    get->add_option("ID", getOptions->sequenceId, "Sequence id")->required();
+    get->add_option("ID", getOptions->sequenceId, "Sequence id")
+        ->required()
+        ->check(tools::wholeNumber(0, UINT32_MAX));
     addZoneOption(*get, getOptions->listing.output.zone);
     addOutputOptions(*get, getOptions->listing.output);
 

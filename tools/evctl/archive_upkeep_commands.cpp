@@ -76,7 +76,7 @@ void addArchiveUpkeepCommands(CLI::App& group, Chosen& chosen) {
                "Remove its oldest events; the newest one of each log always stays.", runPrune);
     evarchive::RetentionSettings& bounds = pruneOptions->retention;
     prune->add_option("--keep-days", bounds.keepDays, "Days since an event was received")
-        ->check(CLI::Range(0, 36'500));
+        ->check(tools::wholeNumber(0, 36'500));
     prune->add_option("--max-bytes", bounds.maxBytes, "Bytes of the archive in use");
     prune->add_option("--blade-quota", bounds.bladeQuota, "Events of one log");
 

@@ -1,9 +1,11 @@
 #include "evctl/event_filter.h"
 
 #include "common/names.h"
+#include "common/nearest.h"
 #include "evctl/event_text.h"
 #include "evctl/options.h"
 #include "evctl/time_text.h"
+#include "mmsg.h"
 
 #include <algorithm>
 #include <ctime>
@@ -15,23 +17,61 @@ bool holds(const std::vector<U32_t>& wanted, U32_t value) {
     return wanted.empty() || std::ranges::find(wanted, value) != wanted.end();
 }
 
+bool holdsId(const EventFilter& filter, const EmpEvLogHeader_t& header) {
+    std::pair<U32_t, U32_t> named(header.evSource, header.evId);
+    return (filter.ids.empty() && filter.namedIds.empty()) ||
+           (!filter.ids.empty() && holds(filter.ids, named.second)) ||
+           std::ranges::find(filter.namedIds, named) != filter.namedIds.end();
+}
+
 const tools::NameTable noNames{std::span<const tools::EnumName>{}};
 
-void addListOption(CLI::App& command, const std::string& flag, std::vector<U32_t>& values,
-                   const tools::NameTable& names, U32_t max, const std::string& what) {
+/** @param take one text of the list */
+template <typename Take>
+void addListOption(CLI::App& command, const std::string& flag, Take take, const std::string& what) {
     command
         .add_option_function<std::vector<std::string>>(
             flag,
-            [&values, &names, flag, max](const std::vector<std::string>& texts) {
-                for (const std::string& text : texts) {
-                    values.push_back(parseNamed(flag, text, names, max));
-                }
-            },
+            [take](const std::vector<std::string>& texts) { std::ranges::for_each(texts, take); },
             "Only events of this " + what + "; several: comma-separated or repeated")
         ->delimiter(',')
         ->allow_extra_args(false)
         ->type_name("LIST")
         ->group("Filters");
+}
+
+void addNamedListOption(CLI::App& command, const std::string& flag, std::vector<U32_t>& values,
+                        const tools::NameTable& names, const std::string& what) {
+    addListOption(
+        command, flag,
+        [&values, &names, flag](const std::string& text) {
+            values.push_back(parseNamed(flag, text, names, UINT8_MAX));
+        },
+        what);
+}
+
+/** A number, or a name that some source has for one of its ids. */
+void parseId(const std::string& text, EventFilter& filter) {
+    bool isName = false;
+    std::vector<std::string> known;
+    for (U32_t source = 0; source < MMSG_E_MAX_DEFINED_EPIDS; source++) {
+        const tools::NameTable& names = tools::eventNamesOf(source);
+        if (std::optional<U32_t> id = names.value(text)) {
+            filter.namedIds.emplace_back(source, *id);
+            isName = true;
+        }
+        for (const tools::EnumName& row : names.rows()) {
+            known.emplace_back(row.brief);
+        }
+    }
+    std::optional<U32_t> number = tools::parseNumber(text, UINT16_MAX);
+    if (number) {
+        filter.ids.push_back(*number);
+    } else if (!isName) {
+        throw CLI::ValidationError("--id", "'" + text + "' is neither a name nor a number up to " +
+                                               std::to_string(UINT16_MAX) +
+                                               tools::didYouMean(text, known));
+    }
 }
 
 /** One bound of a range; an empty text is no bound. */
@@ -68,9 +108,9 @@ std::optional<U32_t> parseTimeOption(const std::string& flag, const std::string&
 }
 
 /** The library's own expressions are matched by recursion, which a long text makes too deep. */
-std::shared_ptr<const regex_t> parsePattern(const std::string& text) {
+std::shared_ptr<const regex_t> parsePattern(const std::string& text, int flags) {
     auto compiled = std::make_unique<regex_t>();
-    int error = regcomp(compiled.get(), text.c_str(), REG_EXTENDED | REG_NOSUB);
+    int error = regcomp(compiled.get(), text.c_str(), REG_EXTENDED | REG_NOSUB | flags);
     if (error != 0) {
         char reason[128] = {};
         regerror(error, compiled.get(), reason, sizeof(reason));
@@ -100,7 +140,7 @@ void addTimeOption(CLI::App& command, const std::string& flags, const std::strin
 bool EventFilter::matches(const EmpEvLogHeader_t& header) const {
     U32_t sequenceId = header.evSequenceId;
     return holds(types, header.evType) && holds(sources, header.evSource) &&
-           holds(categories, header.evCategory) && holds(ids, header.evId) &&
+           holds(categories, header.evCategory) && holdsId(*this, header) &&
            sequenceId >= firstSequenceId.value_or(0) &&
            sequenceId <= lastSequenceId.value_or(UINT32_MAX) &&
            header.evTime >= since.value_or(0) && header.evTime <= until.value_or(UINT32_MAX) &&
@@ -108,14 +148,15 @@ bool EventFilter::matches(const EmpEvLogHeader_t& header) const {
 }
 
 bool EventFilter::matches(const EventView& event) const {
+    const auto& wanted = inAnyCase ? patternInAnyCase : pattern;
     return matches(*event.header) &&
-           (!pattern || regexec(pattern.get(), textColumn(event).c_str(), 0, nullptr, 0) == 0);
+           (!wanted || regexec(wanted.get(), textColumn(event).c_str(), 0, nullptr, 0) == 0);
 }
 
 bool EventFilter::isEmpty() const {
     return types.empty() && sources.empty() && categories.empty() && ids.empty() &&
-           !firstSequenceId && !lastSequenceId && !since && !until && !pattern &&
-           logs == sources::LogChoice{};
+           namedIds.empty() && !firstSequenceId && !lastSequenceId && !since && !until &&
+           !pattern && logs == sources::LogChoice{};
 }
 
 void addZoneOption(CLI::App& command, Zone& zone) {
@@ -130,22 +171,24 @@ void addZoneOption(CLI::App& command, Zone& zone) {
 
 void addLogChoice(CLI::App& command, sources::LogChoice& logs) {
     auto add = [&command](const char* flag, auto& value, const char* type, const char* what) {
-        command.add_option(flag, value, std::string("Only of this ") + what)
+        return command.add_option(flag, value, std::string("Only of this ") + what)
             ->type_name(type)
             ->group("Filters");
     };
     add("--enclosure", logs.enclosure, "TEXT", "enclosure");
     add("--blade", logs.blade, "TEXT", "blade");
-    add("--slot", logs.slot, "NUMBER", "slot");
-    add("--instance", logs.instance, "NUMBER", "instance of a log");
+    for (CLI::Option* number : {add("--slot", logs.slot, "NUMBER", "slot"),
+                                add("--instance", logs.instance, "NUMBER", "instance of a log")}) {
+        number->check(tools::wholeNumber(0, UINT32_MAX));
+    }
 }
 
 void addFilterOptions(CLI::App& command, EventFilter& filter, const Zone* zone) {
-    addListOption(command, "--type", filter.types, tools::eventTypeNames, UINT8_MAX, "type");
-    addListOption(command, "--source", filter.sources, tools::endpointNames, UINT8_MAX, "source");
-    addListOption(command, "--category", filter.categories, tools::categoryNames, UINT8_MAX,
-                  "category");
-    addListOption(command, "--id", filter.ids, noNames, UINT16_MAX, "event id");
+    addNamedListOption(command, "--type", filter.types, tools::eventTypeNames, "type");
+    addNamedListOption(command, "--source", filter.sources, tools::endpointNames, "source");
+    addNamedListOption(command, "--category", filter.categories, tools::categoryNames, "category");
+    addListOption(
+        command, "--id", [&filter](const std::string& text) { parseId(text, filter); }, "event id");
     command
         .add_option_function<std::string>(
             "--seq", [&filter](const std::string& text) { parseRange(text, filter); },
@@ -160,9 +203,15 @@ void addFilterOptions(CLI::App& command, EventFilter& filter, const Zone* zone) 
     command
         .add_option_function<std::string>(
             "-g,--grep",
-            [&filter](const std::string& text) { filter.pattern = parsePattern(text); },
+            [&filter](const std::string& text) {
+                filter.pattern = parsePattern(text, 0);
+                filter.patternInAnyCase = parsePattern(text, REG_ICASE);
+            },
             "Only events whose text this extended regular expression matches")
         ->type_name("PATTERN")
+        ->group("Filters");
+    command
+        .add_flag("-i,--ignore-case", filter.inAnyCase, "Whatever the case of letters in PATTERN")
         ->group("Filters");
 }
 

@@ -23,12 +23,15 @@ struct EventFilter {
     std::vector<U32_t> sources;
     std::vector<U32_t> categories;
     std::vector<U32_t> ids;
+    std::vector<std::pair<U32_t, U32_t>> namedIds; ///< source, id; an event of ids or of these
     std::optional<U32_t> firstSequenceId;
     std::optional<U32_t> lastSequenceId;
     std::optional<U32_t> since;             ///< seconds since 1970
     std::optional<U32_t> until;             ///< that second included
     std::shared_ptr<const regex_t> pattern; ///< what the text column must hold
-    sources::LogChoice logs;                ///< of which blades
+    std::shared_ptr<const regex_t> patternInAnyCase;
+    bool inAnyCase = false;  ///< which of them
+    sources::LogChoice logs; ///< of which blades
 
     /** All but the pattern. */
     bool matches(const EmpEvLogHeader_t& header) const;
@@ -42,7 +45,8 @@ struct EventFilter {
 /** Adds --local: whose time is printed, and meant by --since and --until. To be called first. */
 void addZoneOption(CLI::App& command, Zone& zone);
 
-/** Adds --type, --source, --category, --id, --seq, --since, --until and --grep.
+/** Adds --type, --source, --category, --id, --seq, --since, --until, --grep and
+ * --ignore-case.
  * @param zone whose times are meant, once the command line is parsed; outlives that. Or nullptr:
  * UTC */
 void addFilterOptions(CLI::App& command, EventFilter& filter, const Zone* zone = nullptr);

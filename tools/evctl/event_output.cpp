@@ -102,13 +102,24 @@ const std::string& EventPrinter::nameOf(const sources::Event& event) const {
     return event.origin != nullptr ? event.origin->name : none;
 }
 
-std::string EventPrinter::lineOf(const sources::Event& event) const {
-    std::string line = eventLine(event.view, {.zone = options_.zone, .blade = place_.several});
+std::string EventPrinter::coloured(std::string line, const EventView& event) const {
     if (columns_) {
         line = tools::cutToColumns(line, *columns_);
     }
-    const char* colour = colour_ ? colourOf(event.view) : "";
+    const char* colour = colour_ ? colourOf(event) : "";
     return *colour == '\0' ? line + "\n" : colour + line + "\x1B[0m\n";
+}
+
+std::string EventPrinter::styled(std::string line, const EventView& event) const {
+    std::string lines = coloured(std::move(line), event);
+    if (std::string advice = options_.advice ? adviceOf(event) : ""; !advice.empty()) {
+        lines += "            -- " + advice + "\n";
+    }
+    return options_.data ? lines + hexDump(event.data) : lines;
+}
+
+std::string EventPrinter::lineOf(const sources::Event& event) const {
+    return eventLine(event.view, {.zone = options_.zone, .blade = place_.several});
 }
 
 std::string EventPrinter::jsonOf(const sources::Event& event) const {
@@ -150,15 +161,10 @@ std::string EventPrinter::textOf(const sources::Event& event) const {
     case Form::SYSLOG:
         return syslogLine(event.view);
     case Form::HEX:
-        return lineOf(event) + dumpOf(event.view);
+        return coloured(lineOf(event), event.view) + dumpOf(event.view);
     default:
-        break;
+        return styled(lineOf(event), event.view);
     }
-    std::string lines = lineOf(event);
-    if (std::string advice = options_.advice ? adviceOf(event.view) : ""; !advice.empty()) {
-        lines += "            -- " + advice + "\n";
-    }
-    return options_.data ? lines + hexDump(event.view.data) : lines;
 }
 
 void EventPrinter::print(const sources::Event& event) {

@@ -55,12 +55,16 @@ class EventPrinter {
      * lines can be nothing but events. */
     void printNote(const Json& object, const std::string& line);
 
+    /** A line about an event: cut, in the colour of its type, and below it what was asked for. */
+    std::string styled(std::string line, const EventView& event) const;
+
     /** How far has been read, likewise. */
     void printCursor(const std::string& cursor);
 
   private:
     std::string textOf(const sources::Event& event) const;
     std::string lineOf(const sources::Event& event) const;
+    std::string coloured(std::string line, const EventView& event) const;
     std::string jsonOf(const sources::Event& event) const;
     std::string fullOf(const sources::Event& event) const;
     const std::string& nameOf(const sources::Event& event) const;

@@ -1,6 +1,10 @@
 #include "evctl/event_text.h"
 
 #include "common/text.h"
+#include "emp_evl.h"
+#include "evctl/advice.h"
+#include "evctl/options.h"
+#include "mmsg.h"
 
 #include <iostream>
 #include <sys/ioctl.h>
@@ -22,6 +26,25 @@ catalog::Catalog loadAndSay() {
     return loaded;
 }
 
+/** The message of a bug-check, as it is stored: its first 64 bytes. */
+std::optional<std::string> bugCheckMessage(const EventView& event) {
+    const EmpEvLogHeader_t& header = *event.header;
+    if (header.evSource != MMSG_E_EPID_EVENTLOGMP ||
+        header.evId != EMP_E_ID_EVENTMGRMP_BUGCHECK_ERROR_MSG ||
+        event.data.size() != sizeof(EmpErrorMsg_t)) {
+        return std::nullopt;
+    }
+    const auto& error = *reinterpret_cast<const EmpErrorMsg_t*>(event.data.data());
+    return tools::escapedUtf8(fieldText(error.empErrorMsg, sizeof(error.empErrorMsg)));
+}
+
+/** Completes the message in a text where it was cut. */
+std::string completed(std::string text, const std::string& message) {
+    const std::string whole = wholeMessage(message);
+    const size_t at = text.find(message);
+    return at == std::string::npos ? text : text.replace(at, message.size(), whole);
+}
+
 } // namespace
 
 const catalog::Catalog& knownEvents() {
@@ -35,10 +58,13 @@ const catalog::Entry* entryOf(const EventView& event) {
 }
 
 std::optional<std::string> eventText(const EventView& event) {
-    if (const catalog::Entry* entry = entryOf(event)) {
-        return catalog::messageOf(*entry, event.data);
+    const catalog::Entry* entry = entryOf(event);
+    if (entry == nullptr) {
+        return catalog::plainText(event.data);
     }
-    return catalog::plainText(event.data);
+    std::optional<std::string> message = bugCheckMessage(event);
+    std::string text = catalog::messageOf(*entry, event.data);
+    return message ? completed(std::move(text), *message) : text;
 }
 
 std::string textColumn(const EventView& event) {
@@ -53,6 +79,10 @@ std::string textColumn(const EventView& event) {
 }
 
 std::string adviceOf(const EventView& event) {
+    const std::optional<std::string> message = bugCheckMessage(event);
+    if (const Advice* row = message ? adviceFor(*message) : nullptr) {
+        return row->meaning + "; what to do: " + row->whatToDo;
+    }
     const catalog::Entry* entry = entryOf(event);
     return entry == nullptr ? "" : entry->advice;
 }

@@ -27,7 +27,8 @@ std::optional<std::string> eventText(const EventView& event);
  * an event without data that nobody knows. */
 std::string textColumn(const EventView& event);
 
-/** What an operator may do about an event; empty: nothing is known. */
+/** What an operator may do about an event: for a bug-check the row of its message on the operators'
+ * page, else what the catalogue says. Empty: nothing is known. */
 std::string adviceOf(const EventView& event);
 
 /** Name and value of every field that the catalogue knows, a line each. */

@@ -1,10 +1,13 @@
 /** evctl file list: the events of log files and all that keeps events, one line each. */
+#include "emp_evl.h"
 #include "evctl/commands.h"
 #include "evctl/listing.h"
+#include "evctl/options.h"
 #include "evctl/passed_over.h"
 
 #include <algorithm>
 #include <iterator>
+#include <stdexcept>
 
 namespace evctl {
 namespace {
@@ -25,12 +28,22 @@ struct ListOptions {
     bool fileOrder = false;
 };
 
+/** The log of the blade that EVCTL_KEY names, or of the only one that runs here. */
+std::string ownLog() {
+    try {
+        const MPU_PARAMS_t& params = attachParams({});
+        return fieldText(params.nvramDirectory, sizeof(params.nvramDirectory)) + EMP_LOG_FILE_NAME;
+    } catch (const std::runtime_error& problem) {
+        throw std::runtime_error(std::string("no FILE is named; ") + problem.what());
+    }
+}
+
 int runList(const ListOptions& options) {
     sources::OpenOptions how = {.fileOrder = options.fileOrder,
                                 .logs = options.listing.filter.logs};
     sources::Sources all;
     PassedOver passedOver;
-    for (const std::string& path : options.paths) {
+    for (const std::string& path : options.paths.empty() ? std::vector{ownLog()} : options.paths) {
         passedOver.attempt(
             [&] { std::ranges::move(sources::openSources(path, how), std::back_inserter(all)); });
     }
@@ -47,7 +60,10 @@ void addFileListCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<ListOptions>();
     CLI::App& command =
         addCommand(parent, "list", "List events of files, oldest first.", FILE_LIST_EXAMPLES);
-    command.add_option("FILE", options->paths, "What is read; nothing is changed")->required();
+    command.add_option(
+        "FILE", options->paths,
+        "What is read; nothing is changed. Without it the log of the blade of EVCTL_KEY, "
+        "or of the only one that runs here");
     addListingOptions(command, options->listing);
     addLogChoice(command, options->listing.filter.logs);
     command.add_flag("--file-order", options->fileOrder, "In the order of the file");

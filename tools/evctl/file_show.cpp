@@ -1,10 +1,12 @@
 /** evctl file show: one record with all its fields and its data. */
+#include "common/text.h"
 #include "evctl/commands.h"
 #include "evctl/event_json.h"
 #include "evctl/event_view.h"
 #include "evctl/file.h"
 #include "evctl/options.h"
 
+#include <algorithm>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
@@ -35,6 +37,21 @@ bool isWanted(const EvlogRecord_t& record, const ShowOptions& options) {
     return record.role != EVLOG_E_ROLE_DUMMY && record.header->evSequenceId == *options.sequenceId;
 }
 
+/** "; there are ids 7 to 203" */
+std::string idsText(const LogContent& content) {
+    U32_t first = UINT32_MAX;
+    U32_t last = 0;
+    for (const EvlogRecord_t& record : content.records) {
+        if (record.role != EVLOG_E_ROLE_DUMMY) {
+            first = std::min(first, U32_t{record.header->evSequenceId});
+            last = std::max(last, U32_t{record.header->evSequenceId});
+        }
+    }
+    return first > last
+               ? ""
+               : "; there are ids " + std::to_string(first) + " to " + std::to_string(last);
+}
+
 int runShow(const ShowOptions& options) {
     EvlogImage_t image = loadLog(options.path);
     LogContent content = readLog(image);
@@ -51,7 +68,10 @@ int runShow(const ShowOptions& options) {
         }
     }
     if (!found) {
-        std::cerr << "evctl: " << options.path << ": no such record\n";
+        std::cerr << "evctl: " << tools::escapedText(options.path) << ": no record "
+                  << (options.offset ? "at offset " + std::to_string(*options.offset)
+                                     : "with sequence id " + std::to_string(*options.sequenceId))
+                  << idsText(content) << "\n";
         return tools::EXIT_FINDING;
     }
     return statusOf(content);
@@ -65,8 +85,12 @@ void addFileShowCommand(CLI::App& parent, Chosen& chosen) {
                                    FILE_SHOW_EXAMPLES);
     addFileArgument(command, options->path);
     CLI::Option_group* which = command.add_option_group("Record", "Which one");
-    which->add_option("--seq", options->sequenceId, "Its sequence id")->type_name("NUMBER");
-    which->add_option("--offset", options->offset, "Its offset in the file")->type_name("NUMBER");
+    which->add_option("--seq", options->sequenceId, "Its sequence id")
+        ->type_name("NUMBER")
+        ->check(tools::wholeNumber(0, UINT32_MAX));
+    which->add_option("--offset", options->offset, "Its offset in the file")
+        ->type_name("NUMBER")
+        ->check(tools::wholeNumber(0, UINT32_MAX));
     which->require_option(1);
     command.add_flag("--json", options->json, "As a JSON object");
     onChosen(command, chosen, options, runShow);

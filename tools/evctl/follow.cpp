@@ -6,6 +6,7 @@
 #include "evctl/walk_start.h"
 
 #include <csignal>
+#include <deque>
 #include <fcntl.h>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -57,6 +58,7 @@ class Follow {
     void show(const EventView& event);
     void catchUp(const Cursor& from);
     void catchUpBehind(U32_t sequenceId);
+    void beginWithLast(U64_t count);
     bool wasCaughtUp(const EmpEvLogHeader_t& header) const;
     bool keepsCursor() const { return !options_.listing.cursorFile.empty(); }
     void keepCursor();
@@ -142,6 +144,38 @@ void Follow::catchUp(const Cursor& from) {
         show(first.event());
         catchUpBehind(first.event().header->evSequenceId);
     }
+}
+
+/** Prints the last events that the blade's log holds, as many as are wanted. */
+void Follow::beginWithLast(U64_t count) {
+    connectRequester();
+    // Nothing before the first one is asked for: the event manager would ask its archiver.
+    InquiryAnswer first = inquire(*requester_, EMP_E_INQUIRY_TYPE_FIRST, {}, 0);
+    InquiryAnswer answer = inquire(*requester_, EMP_E_INQUIRY_TYPE_LAST, own_, 0);
+    if (!first.found() || !answer.found()) {
+        return;
+    }
+    const U32_t oldest = first.event().header->evSequenceId;
+    const U32_t newest = answer.event().header->evSequenceId;
+    std::deque<InquiryAnswer> last;
+    for (U32_t id = newest; answer.found(); id = answer.event().header->evSequenceId) {
+        session_.takeInArrived();
+        InquiryAnswer before;
+        if (id > oldest) {
+            before = inquire(*requester_, EMP_E_INQUIRY_TYPE_PREVIOUS, own_, id);
+        }
+        if (options_.listing.filter.matches(answer.event())) {
+            last.push_front(std::move(answer));
+        }
+        if (last.size() == count || !before.found() || before.event().header->evSequenceId >= id) {
+            break;
+        }
+        answer = std::move(before);
+    }
+    for (const InquiryAnswer& event : last) {
+        show(event.event());
+    }
+    catchUpBehind(newest);
 }
 
 void Follow::catchUpBehind(U32_t sequenceId) {
@@ -235,6 +269,8 @@ int Follow::run() {
     Deadline deadline = deadlineOf(options_);
     if (std::optional<Cursor> from = startCursor(options_.listing)) {
         catchUp(*from);
+    } else if (options_.listing.last) {
+        beginWithLast(*options_.listing.last);
     }
     while (!isDone()) {
         std::optional<Bytes> message = receive(deadline);
@@ -276,6 +312,12 @@ void addFollowCommand(CLI::App& parent, Chosen& chosen) {
     addFilterOptions(command, listing.filter, &listing.output.zone);
     addLogChoice(command, listing.filter.logs);
     addCursorOptions(command, listing);
+    command
+        .add_option("-n,--last", listing.last,
+                    "Begin with so many events that the blade's log holds already")
+        ->type_name("NUMBER")
+        ->check(tools::wholeNumber(1))
+        ->group("Selection");
     addOutputOptions(command, listing.output);
     command.add_flag("--refill", options->refill,
                      "Ask the event manager for events of its log that did not come; without it a "

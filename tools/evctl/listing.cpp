@@ -21,6 +21,24 @@ bool isBugCheck(const EmpEvLogHeader_t& header) {
            header.evId == EMP_E_ID_EVENTMGRMP_BUGCHECK_ERROR_MSG;
 }
 
+/** Of the 24 events of a bug-check the one that says why stands for all. */
+bool isRestOfBugCheck(const EmpEvLogHeader_t& header) {
+    return header.evSource == MMSG_E_EPID_EVENTLOGMP &&
+           header.evId > EMP_E_ID_EVENTMGRMP_BUGCHECK_ERROR_MSG &&
+           header.evId < EMP_E_ID_EVENTMGRMP_NEXT_ID;
+}
+
+/** "5", or "+5" for the first ones. */
+void parseHowMany(const std::string& text, ListingOptions& options) {
+    const bool isFirst = text.starts_with('+');
+    const std::optional<U32_t> number =
+        tools::parseNumber(text.substr(isFirst ? 1 : 0), UINT32_MAX);
+    if (!number || *number == 0) {
+        throw CLI::ValidationError("-n", "'" + text + "' is not a whole number from 1 on");
+    }
+    (isFirst ? options.first : options.last) = *number;
+}
+
 Cursor parseCursor(const std::string& where, const std::string& text) {
     std::optional<Cursor> cursor = Cursor::parse(text);
     if (!cursor) {
@@ -119,9 +137,11 @@ void writeCursorFile(const std::string& path, const Cursor& cursor) {
 }
 
 void addOrderOptions(CLI::App& command, ListingOptions& options) {
-    command.add_option("-n,--last", options.last, "Only the last so many of them; without it, all")
-        ->type_name("NUMBER")
-        ->check(tools::wholeNumber(1))
+    command
+        .add_option_function<std::string>(
+            "-n,--last", [&options](const std::string& text) { parseHowMany(text, options); },
+            "Only the last so many of them, or with + the first; without it, all")
+        ->type_name("[+]NUMBER")
         ->group("Selection");
     command.add_flag("-r,--reverse", options.reverse, "Newest first")->group("Selection");
 }
@@ -164,12 +184,21 @@ bool Listing::isAnchor(const sources::Event& event) const {
 }
 
 bool Listing::take(sources::Event event) {
+    if (options_.first && taken_ == *options_.first && !options_.around) {
+        return false;
+    }
     if (options_.showCursor || !options_.cursorFile.empty()) {
         cursor_.moveTo(event);
+    }
+    const EmpEvLogHeader_t& header = *event.view.header;
+    const bool isAroundCrash = options_.around && !options_.around->sequenceId;
+    if (event.isDouble || (isAroundCrash && isRestOfBugCheck(header))) {
+        return true;
     }
     if (!options_.filter.matches(event.view) && !(options_.around && isAnchor(event))) {
         return true;
     }
+    taken_++;
     if (!options_.last && !options_.reverse && !options_.around) {
         printer_.print(event);
         if (live_) {

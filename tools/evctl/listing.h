@@ -25,7 +25,8 @@ struct Around {
 struct ListingOptions {
     EventFilter filter;
     OutputOptions output;
-    std::optional<U64_t> last; ///< only so many; with around: so many on each side
+    std::optional<U64_t> last;  ///< only so many; with around: so many on each side
+    std::optional<U64_t> first; ///< only so many of the first ones
     bool reverse = false;
     std::optional<Around> around;
     std::optional<Cursor> cursor;
@@ -82,6 +83,7 @@ class Listing {
     EventPrinter printer_;
     bool live_;
     std::deque<sources::Event> kept_;
+    U64_t taken_ = 0; // that the filter let through
     bool foundAnchor_ = true;
     Cursor cursor_;
 };

@@ -105,8 +105,9 @@ U32_t parseNamed(const std::string& option, const std::string& text, const tools
         for (const tools::EnumName& row : names.rows()) {
             known.emplace_back(row.brief);
         }
-        throw CLI::ValidationError(option, "'" + text + "' is neither a name nor a number up to " +
-                                               std::to_string(max) +
+        const char* what =
+            known.empty() ? "' is no number up to " : "' is neither a name nor a number up to ";
+        throw CLI::ValidationError(option, "'" + text + what + std::to_string(max) +
                                                tools::didYouMean(text, known));
     }
     return *value;

@@ -22,18 +22,24 @@ std::optional<U32_t> wholeNumber(std::string_view text) {
     return whole ? std::optional(number) : std::nullopt;
 }
 
-/** "-2h" */
-std::optional<U32_t> timeBefore(std::string_view text, U32_t now) {
-    if (text.size() < 3) {
-        return std::nullopt;
-    }
-    std::optional<U32_t> count = wholeNumber(text.substr(1, text.size() - 2));
-    size_t unit = std::string_view("smhdw").find(text.back());
-    if (!count || unit == std::string_view::npos) {
-        return std::nullopt;
-    }
-    constexpr S64_t seconds[] = {1, 60, 3600, DAY, 7 * DAY};
-    return inRange(S64_t{now} - S64_t{*count} * seconds[unit]);
+/** "-2h", "-1d12h", "+30m" */
+std::optional<U32_t> timeFromNow(std::string_view text, U32_t now) {
+    const S64_t sign = text.front() == '-' ? -1 : 1;
+    S64_t distance = 0;
+    text.remove_prefix(1);
+    do {
+        size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
+        std::optional<U32_t> count = wholeNumber(text.substr(0, digits));
+        size_t unit = digits < text.size() ? std::string_view("smhdw").find(text[digits])
+                                           : std::string_view::npos;
+        if (!count || unit == std::string_view::npos) {
+            return std::nullopt;
+        }
+        constexpr S64_t seconds[] = {1, 60, 3600, DAY, 7 * DAY};
+        distance += S64_t{*count} * seconds[unit];
+        text.remove_prefix(digits + 1);
+    } while (!text.empty() && distance <= UINT32_MAX);
+    return inRange(S64_t{now} + sign * distance);
 }
 
 /** Takes a number of so many digits off the front of @p text, and the @p mark before it, if any. */
@@ -81,7 +87,12 @@ bool takeTimeOfDay(std::string_view text, CivilTime& time) {
     }
     std::optional<U32_t> hour = takeNumber(text, 2, "T ");
     std::optional<U32_t> minute = takeNumber(text, 2, ":");
-    U32_t second = takeNumber(text, 2, ":").value_or(0);
+    std::optional<U32_t> seconds = takeNumber(text, 2, ":");
+    U32_t second = seconds.value_or(0);
+    if (seconds && text.starts_with('.')) { // events have whole seconds
+        size_t end = std::min(text.find_first_not_of("0123456789", 1), text.size());
+        text.remove_prefix(end > 1 ? end : 0);
+    }
     if (!hour || !minute || *hour > 23 || *minute > 59 || second > 59) {
         return false;
     }
@@ -144,14 +155,14 @@ std::optional<U32_t> parseTime(const std::string& text, U32_t now, Zone zone) {
     if (text == "now") {
         return now;
     }
-    if (text == "today" || text == "yesterday") {
-        return midnight(now, text == "today" ? 0 : 1, zone);
+    if (text == "today" || text == "yesterday" || text == "tomorrow") {
+        return midnight(now, text == "today" ? 0 : text == "yesterday" ? 1 : -1, zone);
     }
     if (text.starts_with("@")) {
         return wholeNumber(std::string_view(text).substr(1));
     }
-    if (text.starts_with("-")) {
-        return timeBefore(text, now);
+    if (text.starts_with("-") || text.starts_with("+")) {
+        return timeFromNow(text, now);
     }
     bool isTimeOfDay = text.size() > 2 && text[2] == ':';
     return isoSeconds(isTimeOfDay ? zonedTime(now, zone).substr(0, 11) + text : text, zone);

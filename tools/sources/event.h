@@ -53,6 +53,7 @@ struct Event {
                                             ///< its file, from 0; archive: the log's generation
     const EvlogRecord_t* record = nullptr;  ///< log: its record; else nullptr
     std::shared_ptr<const Bytes> storage{}; ///< holds header and data where the source does not
+    bool isDouble = false; ///< in a Merge: another of its sources has given it already
 };
 
 } // namespace sources

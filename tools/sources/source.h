@@ -13,6 +13,7 @@
 #include "sources/event.h"
 
 #include <optional>
+#include <unordered_map>
 
 namespace sources {
 
@@ -125,7 +126,8 @@ Bytes decompress(std::span<const U8_t> compressed, size_t most,
 // --- Several sources -----------------------------------------------------------------------------
 
 /** The events of several sources in one line of time. Each source keeps its own order: an event
- * whose clock had been put back comes right behind the one before it. */
+ * whose clock had been put back comes right behind the one before it. An event that another of them
+ * has given already, such as a log and its copy have, is marked as a double. */
 class Merge {
   public:
     explicit Merge(Sources sources);
@@ -139,11 +141,24 @@ class Merge {
         Event event;
         size_t source;
     };
+    /** What no two events have in common that are not the same one. */
+    struct Mark {
+        U64_t content; ///< checksum of identity, fields and data; sequence id
+        U64_t place;   ///< time, slot
+        bool operator==(const Mark&) const = default;
+    };
+    struct MarkHash {
+        size_t operator()(const Mark& mark) const {
+            return static_cast<size_t>(mark.content ^ mark.place * 0x9E3779B97F4A7C15U);
+        }
+    };
     static bool isLater(const Head& left, const Head& right);
+    static Mark markOf(const Event& event);
     void fill(size_t source);
 
     Sources sources_;
-    std::vector<Head> heads_; // a heap, the earliest on top
+    std::vector<Head> heads_;                          // a heap, the earliest on top
+    std::unordered_map<Mark, size_t, MarkHash> given_; // by which source
 };
 
 } // namespace sources

@@ -148,7 +148,7 @@ TEST_F(Ael, ListShowsWhatWasWritten) {
     EXPECT_EQ(outcome.ending, support::exitedWith(0));
     EXPECT_THAT(outcome.output,
                 testing::MatchesRegex("   1  20[0-9T:-]+Z       164 bytes  kelta_alteventlog[0-9]+"
-                                      "\\.[A-Za-z0-9]+  stored: warning snmp 300\n"));
+                                      "\\.[A-Za-z0-9]+  stored: warning snmp 300  text\n"));
     EXPECT_EQ(run({"list", "--dir", files()}).output, outcome.output);
 }
 

@@ -152,6 +152,20 @@ TEST_F(EvctlOnABlade, WalkThatFollowsMissesAndRepeatsNothing) {
     EXPECT_EQ(walk.output(), fileList("0:"));
 }
 
+TEST_F(EvctlOnABlade, FollowBeginsWithTheLastOnesThatTheLogHolds) {
+    log(20, 20);
+    support::Process follow = start({"follow", "--dir", dir_, "-n", "3", "--timeout", "60"});
+    follow.waitForOutput("        20  ");
+    log(1, 21);
+    follow.waitForOutput("        21  ");
+    follow.signal(SIGTERM);
+    EXPECT_EQ(follow.wait(), support::diedOf(SIGTERM));
+    EXPECT_EQ(follow.output(), fileList("18:21"));
+    support::Process all = start({"follow", "--dir", dir_, "-n", "100", "--count", "22"});
+    EXPECT_EQ(all.wait(), exitedWith(0));
+    EXPECT_EQ(all.output(), fileList("0:"));
+}
+
 TEST_F(EvctlOnABlade, ArchiverIsSetShownAndSwitchedOff) {
     const std::string counters0 = "timed-out inquiries  0\nconnections closed   0\n";
     EXPECT_EQ(run({"status", "--dir", dir_}),

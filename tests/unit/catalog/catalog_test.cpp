@@ -68,7 +68,9 @@ TEST(Catalog, UnitsAndNamesStandBesideTheNumber) {
               "7 rpm");
     Catalog named =
         withField(R"({"name":"x","offset":0,"width":1,"unit":"s","names":{"7":"seven"}})");
-    EXPECT_EQ(message(named, {7}), "seven(7)");
+    EXPECT_EQ(message(named, {7}), "seven"); // within a sentence
+    EXPECT_EQ(catalog::valueText(named.find(18, 5, 1)->fields.front(), std::array<U8_t, 1>{7}),
+              "seven(7)");
     EXPECT_EQ(message(named, {8}), "8 s");
 }
 

@@ -52,6 +52,14 @@ TEST(EventFilter, EachFieldIsComparedByNameOrNumber) {
     EXPECT_FALSE(shows({"--id", "301"}, header));
 }
 
+TEST(EventFilter, NamesOfIdsAreThoseOfTheirSource) {
+    EXPECT_TRUE(shows({"--id", "signal"}, event(7, 18, 2, 4, 4)));
+    EXPECT_FALSE(shows({"--id", "signal"}, event(7, 20, 2, 4, 4)));
+    EXPECT_FALSE(shows({"--id", "signal"}, event(7, 18, 2, 4, 5)));
+    EXPECT_TRUE(shows({"--id", "signal,5"}, event(7, 20, 2, 4, 5)));
+    EXPECT_FALSE(shows({"--id", "5"}, event(7, 18, 2, 4, 4)));
+}
+
 TEST(EventFilter, ListsAreAlternativesAndFieldsAddUp) {
     EmpEvLogHeader_t header = event(7, 18, 2, 4, 300);
     EXPECT_TRUE(shows({"--type", "error,warning"}, header));

@@ -7,6 +7,8 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <numeric>
 #include <random>
 #include <regex>
 #include <sstream>
@@ -105,6 +107,34 @@ TEST_F(Listings, OneFileThatCannotBeReadDoesNotHideTheOthers) {
     EXPECT_EQ(none.errors, said.errors);
 }
 
+TEST_F(Listings, AnEventOfSeveralFilesIsListedOnce) {
+    std::string one = put("one", 1, 3, 1000);
+    std::string longer = put("longer", 1, 5, 1000);
+    EXPECT_EQ(ids({one, longer}), "1 2 3 4 5");
+    EXPECT_EQ(ids({one, longer, "--around", "3", "-n", "1"}), "2 3 4");
+    std::string cursor = directory_.file("cursor");
+    EXPECT_EQ(ids({one, longer, "--cursor-file", cursor}), "1 2 3 4 5");
+    EXPECT_EQ(ids({one, longer, "--cursor-file", cursor}), "");
+}
+
+TEST_F(Listings, TheFirstOnesEndTheReading) {
+    std::string path = put("log", 1, 9, 1000);
+    EXPECT_EQ(ids({path, "-n", "+2"}), "1 2");
+    EXPECT_EQ(ids({path, "-n", "+2", "-r", "--seq", "4:"}), "5 4");
+    std::string cursor = cursorOf({path, "-n", "+2"});
+    EXPECT_EQ(ids({path, "--after-cursor", cursor, "-n", "+3"}), "3 4 5");
+    EXPECT_EQ(list({path, "-n", "+"}).status, 2);
+    EXPECT_EQ(list({path, "-n", "0"}).status, 2);
+    EXPECT_EQ(ids({path, "-n", "3", "-n", "1"}), "9"); // the later one holds
+}
+
+TEST_F(Listings, TextsAreFoundWhateverTheirCaseIfWished) {
+    std::string path = put("log", 1, 3, 1000);
+    EXPECT_EQ(ids({path, "-g", "EVENT [12]"}), "");
+    EXPECT_EQ(ids({path, "-g", "EVENT [12]", "-i"}), "1 2");
+    EXPECT_EQ(ids({path, "-i", "-g", "EVENT 3"}), "3");
+}
+
 TEST_F(Listings, AroundAnEventAreItsNeighbours) {
     std::string path = put("log", 1, 40, 1000);
     EXPECT_EQ(ids({path, "--around", "20", "-n", "2"}), "18 19 20 21 22");
@@ -131,6 +161,41 @@ TEST_F(Listings, AroundTheNewestBugCheck) {
     log.dummy();
     log.zerosTo();
     EXPECT_EQ(ids({putBytes("log", log.bytes), "--around", "crash", "-n", "1"}), "11 12 13");
+}
+
+TEST_F(Listings, AroundABugCheckAreTheEventsBeforeAndBehindAllOfIt) {
+    test::LogImage log;
+    log.events(1, 5);
+    std::vector<uint16_t> parts(24);
+    std::iota(parts.begin(), parts.end(), uint16_t{11});
+    std::shuffle(parts.begin(), parts.end(), std::mt19937(7));
+    uint32_t id = 6;
+    for (uint16_t part : parts) {
+        log.raw(test::record({.id = id++, .source = 27, .eventId = part}, "part"));
+    }
+    log.events(30, 5);
+    log.dummy();
+    log.zerosTo();
+    uint32_t message = 6 + static_cast<uint32_t>(std::ranges::find(parts, 11) - parts.begin());
+    EXPECT_EQ(ids({putBytes("log", log.bytes), "--around", "crash", "-n", "2"}),
+              "4 5 " + std::to_string(message) + " 30 31");
+}
+
+TEST_F(Listings, ABugCheckIsCompletedAndItsRowIsTheAdvice) {
+    auto text = [](const std::string& field) { return test::text64(field.substr(0, 64)); };
+    std::string message =
+        "Bad Event Source [40] in the Corrupted Event Log File! Please Delete the File.";
+    test::LogImage log;
+    log.raw(test::record({.id = 1, .source = 27, .eventId = 11},
+                         text("f.c") + text("empProcessEventLogFile") +
+                             std::string("\0\0\0\x07", 4) + text(message)));
+    log.dummy();
+    log.zerosTo();
+    Lines lines = linesOf(list({putBytes("log", log.bytes), "-x"}).output);
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_THAT(lines[0], HasSubstr("bug-check: " + message + " (empProcessEventLogFile, line 7)"));
+    EXPECT_THAT(lines[1], HasSubstr("; what to do: "));
+    EXPECT_EQ(lines[1].find("            -- "), 0U);
 }
 
 TEST_F(Listings, AroundNothingIsAFinding) {

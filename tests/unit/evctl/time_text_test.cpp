@@ -43,6 +43,12 @@ TEST(TimeText, SecondsSince1970) {
     EXPECT_EQ(parseTime("@4294967295", NOW), 0xFFFFFFFFU);
 }
 
+TEST(TimeText, FractionsOfSecondsAreTaken) {
+    EXPECT_EQ(parseTime("2006-11-21T14:00:05.750Z", NOW), parseTime("2006-11-21T14:00:05Z", NOW));
+    EXPECT_EQ(parseTime("2006-11-21T14:00:05.7+01:00", NOW),
+              parseTime("2006-11-21T13:00:05Z", NOW));
+}
+
 TEST(TimeText, TimesRelativeToNow) {
     EXPECT_EQ(parseTime("now", NOW), NOW);
     EXPECT_EQ(parseTime("-90s", NOW), NOW - 90);
@@ -50,6 +56,9 @@ TEST(TimeText, TimesRelativeToNow) {
     EXPECT_EQ(parseTime("-2h", NOW), NOW - 7200);
     EXPECT_EQ(parseTime("-3d", NOW), NOW - 259'200);
     EXPECT_EQ(parseTime("-1w", NOW), NOW - 604'800);
+    EXPECT_EQ(parseTime("-1d2h30m", NOW), NOW - 95'400);
+    EXPECT_EQ(parseTime("+90s", NOW), NOW + 90);
+    EXPECT_EQ(parseTime("tomorrow", NOW), NOW + 10 * 3600);
     EXPECT_EQ(parseTime("today", NOW), NOW - 14 * 3600);
     EXPECT_EQ(parseTime("yesterday", NOW), NOW - 38 * 3600);
 }
@@ -84,7 +93,12 @@ TEST(TimeText, AnythingElseIsRefused) {
                              "1969-12-31",
                              "2006-11-21x",
                              "-99999999w",
-                             "tomorrow"}) {
+                             "-1h30",
+                             "-1hh",
+                             "+",
+                             "2006-11-21T14:00:00.",
+                             "2006-11-21T14:00.5",
+                             "next week"}) {
         EXPECT_EQ(parseTime(text, NOW), std::nullopt) << text;
     }
 }

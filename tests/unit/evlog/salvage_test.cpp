@@ -292,6 +292,12 @@ TEST(Salvage, IdsTooFarFromTheOthersAreLeftOut) {
     EXPECT_EQ(reasonsOf(result), std::vector(1, EVLOG_E_LEFT_GENERATION));
 }
 
+TEST(Salvage, IdsTooFarBeforeTheOthersAreLeftOut) {
+    EvlogSalvage_t result = salvage({event(5) + event(40'000) + event(40'001)});
+    expectLog(result, whole(event(40'000) + event(40'001)));
+    EXPECT_EQ(reasonsOf(result), std::vector(1, EVLOG_E_LEFT_GENERATION));
+}
+
 TEST(Salvage, IdsGoOnWithANewInstancePastTheLast) {
     std::string last = record({.instance = 7, .id = 0xFFFFFFFF}, BODY);
     std::string first = record({.instance = 8, .id = 0}, BODY);

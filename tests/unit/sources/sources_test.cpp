@@ -185,6 +185,26 @@ TEST(Merge, IsOneLineOfTimeInWhichEachSourceKeepsItsOrder) {
     EXPECT_EQ(ids, (Ids{10, 20, 21, 11, 12, 22, 13}));
 }
 
+TEST(Merge, MarksWhatAnotherSourceHasGivenAlready) {
+    auto image = [](const std::string& bytes) { return test::imageOf(bytes); };
+    std::string one = test::record({.id = 1, .time = 100}, "x");
+    std::string two = test::record({.id = 2, .time = 200}, "x");
+    std::string other = test::record({.id = 2, .time = 200}, "y");
+    Sources several;
+    std::vector<std::string> files = {one + two, one + other,
+                                      test::record({.slot = 3, .id = 1, .time = 100}, "x")};
+    for (const std::string& bytes : files) {
+        several.push_back(sources::logSource({}, image(bytes)));
+    }
+    several.push_back(sources::alternateFileSource({}, {two.begin(), two.end()}));
+    Merge merge(std::move(several));
+    std::string doubles;
+    while (std::optional<sources::Event> event = merge.next()) {
+        doubles += event->isDouble ? 'd' : '-';
+    }
+    EXPECT_EQ(doubles, "-d---d"); // 1, its double, that of another slot; 2, another 2, the double
+}
+
 TEST(Logs, AreChosenByTheirWholeNames) {
     std::string bytes = test::record({.id = 1}, "x");
     std::unique_ptr<Source> source = sources::logSource({}, test::imageOf(bytes));
