@@ -16,9 +16,8 @@ namespace {
 // The most that an event may take to be read, checked and printed with its text of 100 letters:
 // what it takes today, with room for another release of the compiler. Lower it when it has fallen.
 constexpr double INSTRUCTIONS_OF_A_LISTED_EVENT = 7'000;
-// In the dearest forms, of which each is under 50 ms for a whole log of 1.6 MB.
-constexpr double INSTRUCTIONS_OF_A_DUMPED_EVENT = 16'000;
-constexpr double INSTRUCTIONS_OF_A_JSON_EVENT = 16'000;
+// In any other form; a whole log of 1.6 MB is then listed in less than 50 ms.
+constexpr double INSTRUCTIONS_OF_AN_EVENT_IN_ANY_FORM = 30'000;
 // A hundred logs are merged: an event waits among a hundred.
 constexpr double INSTRUCTIONS_OF_A_MERGED_EVENT = 8'000;
 
@@ -78,14 +77,11 @@ TEST_F(CostOfListings, InstructionsOfAnEventInTheDearForms) {
     constexpr uint32_t SOME = 1000;
     const std::string some = put("some", SOME);
     const std::string few = put("few", 1);
-    for (auto [form, most] : {std::pair("json", INSTRUCTIONS_OF_A_JSON_EVENT),
-                              std::pair("hex", INSTRUCTIONS_OF_A_DUMPED_EVENT),
-                              std::pair("full", INSTRUCTIONS_OF_A_DUMPED_EVENT),
-                              std::pair("csv", INSTRUCTIONS_OF_A_JSON_EVENT)}) {
+    for (const char* form : {"json", "hex", "full", "csv"}) {
         double each =
             (instructionsOf({some, "-o", form}) - instructionsOf({few, "-o", form})) / (SOME - 1);
         std::cout << std::lround(each) << " instructions an event, " << form << "\n";
-        EXPECT_LE(each, most) << form;
+        EXPECT_LE(each, INSTRUCTIONS_OF_AN_EVENT_IN_ANY_FORM) << form;
         EXPECT_GT(each, 1000) << "not counted";
     }
 }
