@@ -132,6 +132,7 @@ void Lane::run() {
             try {
                 workOff();
                 retain();
+                look();
             } catch (const StoreError& error) {
                 undo(error);
             } catch (const StoreConflict& conflict) {
@@ -140,17 +141,45 @@ void Lane::run() {
             publish();
         }
         if (isSafe_) {
-            archive_.noteRuns();
-            commit();
+            noteRuns();
         }
     } catch (const StoreError& error) {
         archive_.abandon();
         isSafe_ = false;
         callbacks_.failed(error.what());
-    } catch (const StoreConflict&) {
-        archive_.abandon(); // of the runs, which the next start finds by itself
     }
     publish();
+}
+
+// Whoever comes next finds them by itself: all events are safe, whatever becomes of this.
+void Lane::noteRuns() {
+    try {
+        archive_.noteRuns();
+        commit();
+    } catch (const StoreError& error) {
+        archive_.abandon();
+        if (!error.isPassing()) {
+            throw;
+        }
+    } catch (const StoreConflict&) {
+        archive_.abandon();
+    }
+}
+
+// Between transactions: what is asked of a storage may send it what waits to be filed.
+void Lane::look() {
+    if (archive_.isUncommitted() || Clock::now() < nextLook_) {
+        return;
+    }
+    nextLook_ = Clock::now() + LOOK_TIME;
+    bytesUsed_ = store_->bytesUsed();
+    sayBack();
+}
+
+void Lane::sayBack() {
+    if (isAway_.exchange(false)) {
+        callbacks_.say(Level::NOTICE, "the archive can be written again");
+    }
 }
 
 void Lane::retain() {
@@ -277,9 +306,7 @@ void Lane::commit() {
         ++commits_;
         commitSeconds_ += seconds;
         worstCommit_ = std::max(worstCommit_, seconds);
-        if (isAway_.exchange(false)) {
-            callbacks_.say(Level::NOTICE, "the archive can be written again");
-        }
+        sayBack();
     } else {
         archive_.commit(); // it may have something to say
     }
@@ -343,10 +370,6 @@ void Lane::rewind() {
 }
 
 void Lane::publish() {
-    if (Clock::now() >= nextLook_ && !isAway_) {
-        nextLook_ = Clock::now() + LOOK_TIME;
-        bytesUsed_ = store_->bytesUsed();
-    }
     const std::lock_guard lock(mutex_);
     state_.counts = archive_.counts();
     state_.commits = commits_;

@@ -165,6 +165,9 @@ class Lane {
     void undo(const StoreError& error);
     void undo(const StoreConflict& conflict);
     void rewind();
+    void noteRuns();
+    void look();
+    void sayBack();
     void publish();
 
     std::unique_ptr<Store> store_;

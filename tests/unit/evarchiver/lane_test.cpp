@@ -94,7 +94,20 @@ class LockableStore : public Store {
     void forEachAside(const std::function<void(const AsideEvent&)>& take) override {
         inner_->forEachAside(take);
     }
-    U64_t bytesUsed() override { return inner_->bytesUsed(); }
+    // As an engine does that sends what waits with the next question.
+    U64_t bytesUsed() override {
+        if (failures_ == LOOKS_FAIL) {
+            throw StoreError("away", StoreError::Kind::PASSING);
+        }
+        if (failures_ == LOOKS_MEET_OTHERS) {
+            failures_ = 0;
+            throw StoreConflict();
+        }
+        return inner_->bytesUsed();
+    }
+
+    static constexpr int LOOKS_FAIL = 1000;
+    static constexpr int LOOKS_MEET_OTHERS = 1001;
 
   private:
     std::atomic<int>& good_;     ///< commits that succeed first
@@ -237,6 +250,52 @@ TEST_F(LaneTest, LastingFailureEndsTheLaneAndIsTold) {
     EXPECT_EQ(failed_, "broken");
     EXPECT_FALSE(lane_->stop(std::chrono::seconds(5)));
     EXPECT_TRUE(replies_.empty());
+}
+
+TEST_F(LaneTest, StorageThatIsAwayWhenOnlyItsSizeIsAskedForIsAskedAgain) {
+    good_ = 1;
+    failures_ = LockableStore::LOOKS_FAIL;
+    start();
+    addStatus();
+    submit();
+    waitForReplies(1);
+    requireSoon([this] { return lane_->state().isAway; }, "the look to fail");
+    failures_ = 0;
+    addEvents(0, 0);
+    addStatus();
+    submit();
+    waitForReplies(2);
+    EXPECT_FALSE(lane_->state().isAway);
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+    EXPECT_EQ(failed_, "");
+}
+
+TEST_F(LaneTest, LookThatMeetsTheWorkOfOthersEndsNoLane) {
+    failures_ = LockableStore::LOOKS_MEET_OTHERS;
+    good_ = 10;
+    start();
+    addStatus();
+    submit();
+    requireSoon([this] { return failures_ == 0; }, "the look");
+    addEvents(0, 4);
+    addStatus();
+    submit();
+    waitForReplies(2);
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+    EXPECT_EQ(lane_->state().counts.stored, 5U);
+    EXPECT_EQ(failed_, "");
+}
+
+TEST_F(LaneTest, StorageThatIsAwayAtTheEndOfAnIdleLaneIsNoFailure) {
+    good_ = 1;
+    start();
+    addEvents(0, 4);
+    addStatus();
+    submit();
+    waitForReplies(1);
+    failures_ = LockableStore::LOOKS_FAIL; // the runs cannot be written either
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+    EXPECT_EQ(failed_, "");
 }
 
 TEST_F(LaneTest, OpenedGenerationAsksTheBladeToSendAgain) {
