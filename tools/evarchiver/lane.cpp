@@ -234,7 +234,8 @@ void Lane::workOff() {
             }
             work(request, batch.bodyOf(request));
             ++requestAt_;
-            if (isAlone || uncommitted_ >= settings_.batch) {
+            if (isAlone || uncommitted_ >= settings_.batch ||
+                uncommittedBytes_ >= settings_.batchBytes) {
                 commit();
             }
         }
@@ -285,6 +286,7 @@ void Lane::fileEvent(LinkNumber link, View body, Certainty certainty) {
         firstUncommitted_ = Clock::now();
     }
     ++uncommitted_;
+    uncommittedBytes_ += body.size();
     const Filed filed = archive_.fileEvent(link, body, certainty);
     if (filed == Filed::NEW_GENERATION) {
         held_.push_back({link, Reply::Kind::RESEND});
@@ -311,6 +313,7 @@ void Lane::commit() {
         archive_.commit(); // it may have something to say
     }
     uncommitted_ = 0;
+    uncommittedBytes_ = 0;
     if (!held_.empty()) {
         callbacks_.deliver(std::exchange(held_, {}));
     }
@@ -362,9 +365,12 @@ void Lane::undo(const StoreConflict& conflict) {
     }
 }
 
+// What was undone may have been committed all the same: that a blade shall send its log again does
+// not show when the same is done once more, so it is not forgotten.
 void Lane::rewind() {
-    held_.clear();
+    std::erase_if(held_, [](const Reply& reply) { return reply.kind != Reply::Kind::RESEND; });
     uncommitted_ = 0;
+    uncommittedBytes_ = 0;
     batchAt_ = 0;
     requestAt_ = committedTo_;
 }

@@ -111,6 +111,8 @@ struct LaneSettings {
     ArchiveSettings archive;
     RetentionSettings retention;
     U32_t batch = 1000; ///< events to a transaction at most, at least 1
+    /** Bytes of events to a transaction, from which on it is committed. */
+    std::size_t batchBytes = std::size_t{1} << 20U;
 };
 
 /** One lane. */
@@ -183,6 +185,7 @@ class Lane {
     std::size_t committedTo_ = 0;             ///< requests of work_'s first batch that are safe
     std::vector<Reply> held_;                 ///< they wait for the commit
     U32_t uncommitted_ = 0;                   ///< events since the last commit
+    std::size_t uncommittedBytes_ = 0;        ///< of them
     Clock::time_point firstUncommitted_;
     std::chrono::milliseconds delay_{0}; ///< before the next try
     Clock::time_point saidAway_;

@@ -23,7 +23,7 @@ class LockableStore : public Store {
     void commit() override {
         if (good_ > 0) {
             --good_;
-        } else if (failures_ > 0) {
+        } else if (failures_ > 0 && failures_ < LOOKS_FAIL) {
             --failures_;
             throw StoreError("locked", StoreError::Kind::PASSING);
         }
@@ -31,6 +31,11 @@ class LockableStore : public Store {
             throw StoreError("broken");
         }
         inner_->commit();
+        if (failures_ == COMMIT_IS_NOT_TOLD) {
+            failures_ = 0;
+            throw StoreError("cut", StoreError::Kind::PASSING);
+        }
+        ++commits_;
     }
     void rollback() noexcept override { inner_->rollback(); }
     SeriesNumber addSeries(const SeriesKey& key) override { return inner_->addSeries(key); }
@@ -108,10 +113,14 @@ class LockableStore : public Store {
 
     static constexpr int LOOKS_FAIL = 1000;
     static constexpr int LOOKS_MEET_OTHERS = 1001;
+    static constexpr int COMMIT_IS_NOT_TOLD = 1002;
+
+    int commits() const { return commits_; }
 
   private:
     std::atomic<int>& good_;     ///< commits that succeed first
     std::atomic<int>& failures_; ///< commits that fail; below 0: all, for good
+    std::atomic<int> commits_ = 0;
     std::unique_ptr<Store> inner_ = openArchiveInMemory();
 };
 
@@ -219,7 +228,7 @@ TEST_F(LaneTest, FailureBetweenTwoCommitsOfOneBatchRepeatsOnlyTheRest) {
 }
 
 TEST_F(LaneTest, StorageThatIsAwayKeepsTheWorkAndTheCount) {
-    failures_ = 1'000'000;
+    failures_ = 900;
     start();
     addEvents(0, 9);
     const std::size_t size = batch_.size();
@@ -293,7 +302,7 @@ TEST_F(LaneTest, StorageThatIsAwayAtTheEndOfAnIdleLaneIsNoFailure) {
     addStatus();
     submit();
     waitForReplies(1);
-    failures_ = LockableStore::LOOKS_FAIL; // the runs cannot be written either
+    failures_ = 1; // the runs cannot be written
     EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
     EXPECT_EQ(failed_, "");
 }
@@ -305,6 +314,34 @@ TEST_F(LaneTest, OpenedGenerationAsksTheBladeToSendAgain) {
     batch_.add(1, Batch::Kind::EVENT, eventBody({.id = 5, .time = 2000}));
     submit();
     EXPECT_EQ(waitForReplies(2)[1].kind, Reply::Kind::RESEND);
+}
+
+// The commit was done, and nobody was told so: the same again is a duplicate, and opens nothing.
+TEST_F(LaneTest, OpenedGenerationAsksForItAlsoWhenItsCommitIsNotTold) {
+    start();
+    addEvents(0, 4);
+    addStatus();
+    submit();
+    waitForReplies(1);
+    failures_ = LockableStore::COMMIT_IS_NOT_TOLD;
+    batch_.add(1, Batch::Kind::EVENT, eventBody({.id = 4, .time = 2000}));
+    submit();
+    EXPECT_EQ(waitForReplies(2)[1].kind, Reply::Kind::RESEND);
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+    EXPECT_EQ(failures_, 0);
+}
+
+TEST_F(LaneTest, BatchEndsWithSoManyBytes) {
+    LaneSettings settings;
+    settings.batchBytes = 1000;
+    auto store = std::make_unique<LockableStore>(good_, failures_);
+    const LockableStore& watched = *store;
+    start(std::move(store), settings);
+    addEvents(0, 19); // of 155 bytes: seven are too many
+    submit();
+    requireSoon([&] { return watched.commits() >= 3; }, "commits");
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+    EXPECT_EQ(lane_->state().counts.stored, 20U);
 }
 
 TEST_F(LaneTest, FullArchiveClosesTheLink) {

@@ -58,6 +58,8 @@ struct Rules {
     bool shedsWholeLinks = true;
     /** After an unknown outcome the batch is done again; else it is taken for done. */
     bool repeatsUnknown = true;
+    /** That the blade shall send its log again is told with the repeat, too. */
+    bool remembersResend = true;
     /** A status answer tells of committed events only. */
     bool claimsCommitted = true;
     /** A server that fails forgets no commit, and no claim that came before one. */

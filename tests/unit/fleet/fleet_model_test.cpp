@@ -99,6 +99,10 @@ TEST(FleetModelTest, UnknownCommitThatIsTakenForDoneLosesAnEvent) {
     expectFault({.repeatsUnknown = false}, {.links = 2, .unknownCommits = 1}, LOST);
 }
 
+TEST(FleetModelTest, ResendThatIsForgottenWithAnUnknownCommitLeavesTheNewLogWithoutItsBeginning) {
+    expectFault({.remembersResend = false}, {.links = 2, .unknownCommits = 1}, NOT_THE_BLADES_LOG);
+}
+
 TEST(FleetModelTest, ClaimThatIsForgottenWithoutTheCommitsBehindItSpoilsTheBladesNewLog) {
     expectFault({.keepsOrder = false}, {.links = 2, .ids = 2, .crashes = 1}, TOO_MANY_GENERATIONS);
 }

@@ -288,8 +288,12 @@ void World::apply(Link& link, const Planned& planned, unsigned number) {
                                                  : state_.links[other].isOutdated;
         }
     }
-    if (planned.opens != 0 && planned.generation > 1 && state_.present == number &&
-        link.hasResent == 0) {
+}
+
+// The archiver does so when it knows that its commit went well.
+void World::tellToResend(Link& link, unsigned number) {
+    link.owesResend = 0;
+    if (state_.present == number && link.hasResent == 0) {
         link.hasResent = 1;
         state_.next = 0;
     }
@@ -337,10 +341,17 @@ void World::commit(unsigned number, Outcome outcome) {
         }
         apply(link, link.plan[i], number);
     }
+    const bool opens =
+        std::any_of(link.plan.begin(), link.plan.begin() + link.planned,
+                    [](Planned plan) { return plan.opens != 0 && plan.generation > 1; });
     if (outcome == Outcome::KNOWN || !rules_.repeatsUnknown) {
+        if (opens || link.owesResend != 0) {
+            tellToResend(link, number);
+        }
         dropDone(link);
         return;
     }
+    link.owesResend = (opens && rules_.remembersResend) || link.owesResend != 0 ? 1 : 0;
     dropPlan(link);
     look(link);
 }

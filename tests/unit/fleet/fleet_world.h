@@ -63,7 +63,8 @@ struct Link {
     U8_t isOutdated = 0;  // but another one has filed without a claim since
     U8_t generation = 0;
     U8_t highest = NONE;
-    U8_t hasResent = 0;
+    U8_t hasResent : 4 = 0;
+    U8_t owesResend : 4 = 0; // a generation was opened by a commit of unknown outcome
     U8_t waiting = 0;
     U8_t planned = 0; // of those that wait
     std::array<Event, std::size_t{MOST_IDS}* 2> queue = {};
@@ -207,6 +208,7 @@ class World {
     bool isUpToDate(Link& link) const;
     bool opensBehind(const Link& link) const;
     void apply(Link& link, const Planned& planned, unsigned number);
+    void tellToResend(Link& link, unsigned number);
     void dropPlan(Link& link) const {
         link.planned = 0;
         link.plan = {};
