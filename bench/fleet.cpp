@@ -323,7 +323,8 @@ int fill(const std::string& place, U32_t events) {
         }
     }
     connection.execute(
-        "UPDATE logs SET generation = 1; "
+        "UPDATE logs SET generation = 1, highest = " + std::to_string(EVENTS_PER_LOG - 1) +
+        "; "
         "INSERT INTO generations (log, generation, opened) SELECT log, 1, now() FROM logs");
     std::cout << R"({"logs": )" << logs << "}\n";
     return 0;
@@ -412,14 +413,12 @@ int statements(const std::string& place, U32_t logs, U32_t count) {
         const SeriesNumber log = logNumber(identity);
         const S64_t first = EVENTS_PER_LOG - RING;
         const auto begun = Clock::now();
-        connection.queue(pg::CLAIM, PgParameters().integer(log).integer(1).bytes(identity));
+        connection.queue(pg::CLAIM,
+                         PgParameters().integer(log).integer(1).bytes(identity).integer(first));
         connection.queue(pg::NEWEST, PgParameters().integer(log));
-        connection.queue(pg::GLANCE_HIGHEST, PgParameters().integer(log));
-        connection.queue(pg::GLANCE_HELD, PgParameters().integer(log).integer(first));
-        connection.queue(pg::GLANCE_RUN,
-                         PgParameters().integer(log).integer(first).integer(pg::FIRST_RUN_PAGE));
+        connection.queue(pg::FIRST, PgParameters().integer(log).integer(first));
         connection.sync();
-        for (int answers = 5; answers > 0; --answers) {
+        for (int answers = 3; answers > 0; --answers) {
             connection.take();
         }
         connection.finish();

@@ -1,4 +1,5 @@
--- The archive of a fleet on PostgreSQL, layout 1. "evarchiver db create" runs it; so can an administrator.
+-- The archive of a fleet on PostgreSQL, layout 1; what later ones change stands in the files behind this one.
+-- "evarchiver db create" runs it; so can an administrator.
 -- No sequence, no trigger, no foreign key, no function of the server's own: any engine that speaks this
 -- dialect can take it, and each table can be spread over servers by its column "log".
 

@@ -9,3 +9,4 @@ SELECT create_distributed_table('generations', 'log', colocate_with => 'logs');
 SELECT create_distributed_table('events', 'log', colocate_with => 'logs');
 SELECT create_distributed_table('set_aside', 'log', colocate_with => 'logs');
 SELECT create_reference_table('meta');
+SELECT create_reference_table('names');

@@ -1,6 +1,7 @@
 -- A hub: a database in which an archive that is spread over several servers looks like one. It holds no
 -- event. Its tables are parted by the log's number, a part for each server, which "evarchiver db hub" adds.
--- Archivers ask it which servers there are and file there; it is for those who read.
+-- Archivers ask it which servers there are and file there; it is for those who read. As of layout 1, like the
+-- schema of the servers; the files behind that one change both.
 CREATE EXTENSION IF NOT EXISTS postgres_fdw;
 
 CREATE TABLE logs (

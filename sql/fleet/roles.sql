@@ -2,15 +2,16 @@
 DO $$ BEGIN CREATE ROLE ev_writer NOLOGIN; EXCEPTION WHEN duplicate_object THEN NULL; END $$;
 DO $$ BEGIN CREATE ROLE ev_reader NOLOGIN; EXCEPTION WHEN duplicate_object THEN NULL; END $$;
 
-REVOKE ALL ON logs, generations, events, set_aside, meta FROM PUBLIC;
+REVOKE ALL ON logs, generations, events, set_aside, meta, names FROM PUBLIC;
 
 -- An archiver. It changes no event but for the mark of doubt, and removes one only when the blade's
 -- stream turns out to have been damaged, or the true one comes; it cannot touch what was set aside.
 GRANT SELECT, INSERT ON logs, generations, events, set_aside TO ev_writer;
-GRANT UPDATE (generation, epoch, owner, visits, seen) ON logs TO ev_writer;
+GRANT UPDATE (generation, epoch, owner, unclaimed, seen, ring_first, highest, run_first, run_last)
+    ON logs TO ev_writer;
 GRANT UPDATE (duplicates, run_first, run_last) ON generations TO ev_writer;
 GRANT UPDATE (doubtful), DELETE ON events TO ev_writer;
-GRANT SELECT ON meta TO ev_writer;
+GRANT SELECT ON meta, names TO ev_writer;
 
 -- A dashboard, a page, a person.
 GRANT SELECT ON blade_list, event_list, gap_list, set_aside_list TO ev_reader;

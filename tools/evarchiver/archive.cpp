@@ -135,8 +135,8 @@ Place Archive::placeOf(const Series& series, U32_t id, std::optional<StoredEvent
     } else if (series.proven && series.proven->contains(id)) {
         const auto oldest = store_.oldestEvent(series.newest);
         const bool isKnown = oldest && isWholeEvent(oldest->image);
-        place.expiredBefore =
-            isKnown ? U32_t{imageOf<EmpEvLogHeader_t>(oldest->image).evTime} : U32_t{0};
+        place.expiredBefore = isKnown ? U32_t{imageOf<EmpEvLogHeader_t>(oldest->image).evTime}
+                                      : store_.droppedBefore();
     }
     return place;
 }

@@ -212,6 +212,7 @@ class Archive {
     static void extendRun(Series& series, U32_t id);
     void noteGap(const Series& series, U32_t id);
     IdRun runFrom(Series& series, U32_t first);
+    void extendProven(Series& series);
     void noteRun(Series& series);
     StatusVerdict verdictFor(const EmpGetEvArchiverStatusMsg_t& request, Series& series);
     Series& seriesOf(const SeriesKey& key);

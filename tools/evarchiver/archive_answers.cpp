@@ -69,6 +69,10 @@ StatusVerdict Archive::verdictFor(const EmpGetEvArchiverStatusMsg_t& request, Se
     if (!isSameLog(request, place)) {
         return NOTHING_HELD;
     }
+    if (!place.image) {
+        say(Level::INFO, nameOf(series.key) + ": its id " + std::to_string(first) +
+                             " has expired here and could not be compared");
+    }
     const IdRun run = runFrom(series, first);
     if (settings_.clear == Clear::NOTHING || !place.image) {
         return claimOf(run);
@@ -89,15 +93,23 @@ IdRun Archive::runFrom(Series& series, U32_t first) {
         series.proven = IdRun{first, first};
         series.notedTo = 0;
     }
-    const auto last = store_.heldEvent(series.newest, series.proven->last);
-    if (last && !last->doubtful) {
-        series.proven->last = store_.endOfRun(series.newest, series.proven->last);
+    if (series.highestId.value_or(0) > series.proven->last) {
+        extendProven(series);
     }
     if (series.proven->last - series.notedTo >= RUN_GROWTH_NOTED) {
         ensureTransaction();
         noteRun(series);
     }
     return {first, series.proven->last};
+}
+
+// The last id of the run may be one that retention took; the next one tells whether it goes on.
+void Archive::extendProven(Series& series) {
+    const U32_t next = series.proven->last + 1;
+    const auto held = store_.heldEvent(series.newest, next);
+    if (held && !held->doubtful) {
+        series.proven->last = store_.endOfRun(series.newest, next);
+    }
 }
 
 void Archive::noteRun(Series& series) {

@@ -58,7 +58,7 @@ Archive::Series Archive::load(const SeriesKey& key, const Claim& claim) {
     Series series{.key = key, .isOurs = settings_.share.has(key), .newest = {claim.series, 0}};
     if (const auto& newest = claim.newest) {
         series.newest = newest->number;
-        series.highestId = store_.highestId(series.newest);
+        series.highestId = newest->highest ? newest->highest : store_.highestId(series.newest);
         if (newest->proven && newest->proven->last <= series.highestId.value_or(0)) {
             series.proven = newest->proven;
             series.notedTo = newest->proven->last;

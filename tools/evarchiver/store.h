@@ -115,6 +115,9 @@ struct GenerationInfo {
     /** Ids that were all held once, proven by a look at each; retention may have taken the first
      * ones since. */
     std::optional<IdRun> proven;
+    /** An id that none was higher than, ever; nothing: the engine does not keep it, or there was
+     * none. */
+    std::optional<U32_t> highest = {};
 };
 
 /** What a handshake begins with. */
@@ -169,6 +172,10 @@ class StoreReader {
     /** @return the last id of the unbroken run of events, none of them doubtful, that begins at
      * @p from, which is one of them */
     virtual U32_t endOfRun(const GenerationKey& generation, U32_t from) = 0;
+
+    /** evTime that nothing reaches of what retention took when it left a log nothing; 0: it leaves
+     * each log its newest event. Seconds since 1970-01-01 UTC. */
+    virtual U32_t droppedBefore() { return 0; }
 
     /** Events held, of all series. May have to count them. */
     virtual U64_t rowCount() = 0;

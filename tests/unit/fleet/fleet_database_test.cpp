@@ -1,5 +1,9 @@
 /** Making a shared archive, its partitions, its roles. */
+#include "archive.h"
 #include "fleet_server.h"
+
+#include <atomic>
+#include <thread>
 
 using namespace evarchive;
 using fleet::NOW;
@@ -33,6 +37,18 @@ class FleetDatabaseTest : public testing::Test {
                              false, received});
         }
         store->commit();
+    }
+
+    /** What a blade is told whose log begins with this id. */
+    static StatusVerdict handshake(Archive& archive, U32_t first) {
+        const StatusVerdict verdict = archive.answerStatus(
+            1, imageOf<EmpGetEvArchiverStatusMsg_t>(support::statusBody({}, first, {1, 2, 3})));
+        archive.commit();
+        return verdict;
+    }
+
+    static Bytes bodyOf(U32_t id, S64_t time) {
+        return eventBody({.id = id, .time = static_cast<U32_t>(time)});
     }
 
     std::string sql(const std::string& statements) { return server().sql(statements, name_); }
@@ -75,6 +91,95 @@ TEST_F(FleetDatabaseTest, PastPartitionsGoAndTheirRunsAreRemembered) {
     EXPECT_EQ(sql("SELECT run_first, run_last FROM generations"), "5|7\n");
 }
 
+TEST_F(FleetDatabaseTest, BladeIsNotAskedForWhatAllWent) {
+    file({{5, NOW}, {6, NOW}, {7, NOW + DAY}}, NOW);
+    maintainFleet(place_, 0, NOW + 30 * DAY);
+    ASSERT_EQ(sql("SELECT count(*) FROM events"), "0\n");
+    const auto store = openPgArchive(place_);
+    std::vector<std::string> lines;
+    Archive archive(*store, {}, [&](Level, const std::string& line) { lines.push_back(line); });
+    EXPECT_EQ(handshake(archive, 5), (StatusVerdict{6, 0}));
+    EXPECT_THAT(lines, testing::Contains(HasSubstr("has expired here and could not be compared")));
+    EXPECT_EQ(archive.fileEvent(1, bodyOf(7, NOW + DAY)), Filed::DUPLICATE);
+    EXPECT_EQ(archive.fileEvent(1, bodyOf(8, NOW + 30 * DAY)), Filed::STORED);
+    archive.commit();
+    EXPECT_EQ(handshake(archive, 5), (StatusVerdict{7, 0}));
+}
+
+TEST_F(FleetDatabaseTest, RebuiltLogOfABladeWhoseEventsAllWentIsANewGeneration) {
+    file({{5, NOW}, {6, NOW}, {7, NOW}}, NOW);
+    maintainFleet(place_, 0, NOW + 30 * DAY);
+    const auto store = openPgArchive(place_);
+    Archive archive(*store, {}, [](Level, const std::string&) {});
+    handshake(archive, 5);
+    EXPECT_EQ(archive.fileEvent(1, bodyOf(5, NOW + 29 * DAY)), Filed::NEW_GENERATION);
+    EXPECT_EQ(archive.fileEvent(1, bodyOf(6, NOW + 29 * DAY)), Filed::STORED);
+    archive.commit();
+    EXPECT_EQ(handshake(archive, 5), (StatusVerdict{5, 0}));
+    EXPECT_EQ(sql("SELECT generation FROM logs"), "2\n");
+}
+
+TEST_F(FleetDatabaseTest, RunGoesOnBehindWhatWent) {
+    file({{5, NOW}, {6, NOW}, {7, NOW + 2 * DAY}, {8, NOW + 2 * DAY}}, NOW);
+    // As a program of before has left it: the run is known from what went only.
+    sql("UPDATE logs SET run_first = NULL, run_last = NULL");
+    maintainFleet(place_, 0, NOW + 5 * DAY);
+    ASSERT_EQ(sql("SELECT id FROM events ORDER BY id"), "7\n8\n");
+    const auto store = openPgArchive(place_);
+    Archive archive(*store, {}, [](Level, const std::string&) {});
+    EXPECT_EQ(handshake(archive, 5), (StatusVerdict{7, 0}));
+}
+
+// Archivers file all the while: nothing that is younger is lost, and nobody is in a dead lock.
+TEST_F(FleetDatabaseTest, UpkeepGoesOnWhileEventsAreFiled) {
+    std::atomic<bool> isOver = false;
+    std::atomic<U32_t> filed = 0;
+    std::vector<std::thread> archivers;
+    for (U32_t number = 0; number < 2; ++number) {
+        archivers.emplace_back([&, number] {
+            const auto store = openPgArchive(place_);
+            Archive archive(*store, {}, [](Level, const std::string&) {});
+            archive.setTime(NOW + 40 * DAY);
+            for (U32_t id = 0; !isOver; ++id) {
+                // Past retention, of today, and of a day that no partition is there for yet.
+                const S64_t time = NOW + (S64_t{id % 3} * 20 - 4) * DAY;
+                const Bytes body = eventBody(
+                    {.log = {.slot = number}, .id = id, .time = static_cast<U32_t>(time)});
+                for (bool isDone = false; !isDone;) {
+                    try {
+                        archive.fileEvent(number + 1, body);
+                        archive.fileEvent(number + 1, body); // counted as a duplicate
+                        archive.commit();
+                        isDone = true;
+                    } catch (const StoreConflict&) {
+                        archive.abandon();
+                    } catch (const StoreError& error) {
+                        EXPECT_TRUE(error.isPassing()) << error.what();
+                        archive.abandon();
+                    }
+                }
+                ++filed;
+            }
+        });
+    }
+    for (const S64_t day : {1, 14, 27, 40}) {
+        const U32_t before = filed;
+        EXPECT_NO_THROW(maintainFleet(place_, 0, NOW + day * DAY));
+        EXPECT_TRUE(support::waitUntil([&] { return filed > before + 10; }));
+    }
+    isOver = true;
+    for (std::thread& archiver : archivers) {
+        archiver.join();
+    }
+    EXPECT_EQ(maintainFleet(place_, 0, NOW + 40 * DAY).dropped.size(), 0U);
+    EXPECT_EQ(sql("SELECT count(*) - count(DISTINCT (log, id)) FROM events"), "0\n");
+    // Each third one is of a day that is still kept.
+    EXPECT_EQ(
+        sql("SELECT bool_and(n = (highest + 1) / 3) FROM (SELECT log, count(*) AS n FROM events "
+            "WHERE id % 3 = 2 GROUP BY log) e JOIN logs l ON l.log = e.log"),
+        "t\n");
+}
+
 TEST_F(FleetDatabaseTest, StrayEventsGoByTheTimeOfTheirArrival) {
     file({{0, 0}, {1, 0xFFFFFFFF}}, NOW - 30 * DAY);
     file({{2, 5}}, NOW);
@@ -111,16 +216,19 @@ TEST_F(FleetDatabaseTest, ViewsHaveTheDocumentedColumns) {
                   "WHERE table_name LIKE '%_list' GROUP BY 1 ORDER BY 1"),
               "blade_list|enclosure text, blade text, slot bigint, instance bigint, generation "
               "bigint, seen timestamp with time zone, log bigint, opened timestamp with time zone, "
-              "duplicates bigint, run_first bigint, run_last bigint\n"
+              "duplicates bigint, run_first bigint, run_last bigint, ring_first bigint, highest "
+              "bigint\n"
               "event_list|time timestamp with time zone, received timestamp with time zone, "
               "enclosure text, blade text, slot bigint, instance bigint, generation bigint, id "
               "bigint, source smallint, type smallint, type_name text, category smallint, event "
               "integer, idversion smallint, own boolean, doubtful boolean, newest boolean, bytes "
-              "integer, data bytea, log bigint\n"
+              "integer, data bytea, log bigint, source_name text, category_name text, event_name "
+              "text\n"
               "gap_list|enclosure text, blade text, slot bigint, instance bigint, generation "
               "bigint, first bigint, last bigint, log bigint\n"
               "set_aside_list|received timestamp with time zone, enclosure text, blade text, slot "
-              "bigint, instance bigint, id bigint, reason smallint, image bytea, log bigint\n");
+              "bigint, instance bigint, id bigint, reason smallint, image bytea, log bigint, "
+              "generation bigint\n");
 }
 
 TEST_F(FleetDatabaseTest, TimeRangeReadsOnlyThePartitionsOfItsDays) {
@@ -135,6 +243,43 @@ TEST_F(FleetDatabaseTest, GapsOfOneLogAreFoundByItsIndex) {
     EXPECT_THAT(sql("SET enable_seqscan = off; EXPLAIN (COSTS OFF) "
                     "SELECT * FROM gap_list WHERE log = 5"),
                 testing::Not(HasSubstr("Seq Scan on events")));
+}
+
+TEST_F(FleetDatabaseTest, NumbersHaveNamesFromTheProgramAndTheCatalogue) {
+    file({{0, NOW}}, NOW);
+    sql("UPDATE events SET type = 7 WHERE false; UPDATE events SET event = 4, idversion = 2");
+    EXPECT_EQ(sql("SELECT source_name, type_name, category_name, event_name FROM event_list"),
+              "eventlog|information|management|lost_event\n");
+    sql("UPDATE events SET idversion = 1");
+    EXPECT_EQ(sql("SELECT event_name FROM event_list"), "corrupted_event_log_file\n");
+    sql("UPDATE events SET event = 999, source = 200, type = 9, category = 99");
+    EXPECT_EQ(sql("SELECT source_name, type_name, category_name, event_name FROM event_list"),
+              "|9||\n");
+}
+
+TEST_F(FleetDatabaseTest, UpgradeTakesTheNamesOfTheCatalogueOfNow) {
+    sql("UPDATE names SET name = 'x' WHERE what = 'type'; INSERT INTO names VALUES ('event', 27, 777, -1, 'gone')");
+    upgradeFleet(place_);
+    EXPECT_EQ(sql("SELECT count(*) FROM names WHERE name IN ('x', 'gone')"), "0\n");
+}
+
+// As the first program left it.
+TEST_F(FleetDatabaseTest, ArchiveOfTheFirstLayoutIsUpgradedWithItsEvents) {
+    file({{3, NOW}, {4, NOW}, {9, NOW - DAY}}, NOW);
+    sql("DROP VIEW blade_list, event_list, gap_list, set_aside_list; DROP TABLE names; "
+        "ALTER TABLE set_aside DROP COLUMN generation; ALTER TABLE logs DROP COLUMN ring_first, "
+        "DROP COLUMN highest, DROP COLUMN run_first, DROP COLUMN run_last; "
+        "ALTER TABLE logs RENAME COLUMN unclaimed TO visits; "
+        "UPDATE generations SET run_first = 3, run_last = 4; UPDATE meta SET value = '1' WHERE name = 'layout'");
+    EXPECT_THROW(openPgArchive(place_), StoreError);
+    EXPECT_EQ(upgradeFleet(place_), 1);
+    EXPECT_EQ(upgradeFleet(place_), PG_LAYOUT);
+    EXPECT_EQ(sql("SELECT count(*) FROM event_list"), "3\n");
+    const Claim claim = openPgArchive(place_)->claim(key_, 3);
+    EXPECT_EQ(claim.newest->highest, 9U);
+    EXPECT_EQ(claim.newest->proven, (IdRun{3, 4}));
+    EXPECT_THAT([&] { sql("UPDATE logs SET visits = visits + 1"); },
+                ThrowsMessage<std::runtime_error>(HasSubstr("does not exist")));
 }
 
 TEST_F(FleetDatabaseTest, UpgradeOfThePresentLayoutChangesNothing) {
@@ -164,19 +309,54 @@ TEST_F(FleetDatabaseTest, ArchiverDoesItsWorkWithTheWritersRights) {
 }
 
 TEST_F(FleetDatabaseTest, EachForbiddenStatementOfAWriterIsRefused) {
-    for (const char* statement :
-         {"UPDATE events SET data = ''", "UPDATE events SET id = 1", "DELETE FROM set_aside",
-          "DELETE FROM logs", "DELETE FROM generations", "UPDATE logs SET identity = ''",
-          "UPDATE meta SET value = ''", "UPDATE set_aside SET id = 1", "DROP TABLE events",
-          "TRUNCATE events", "CREATE TABLE x (y int)"}) {
+    for (const char* statement : {"UPDATE events SET data = ''",
+                                  "UPDATE events SET id = 1",
+                                  "DELETE FROM set_aside",
+                                  "DELETE FROM logs",
+                                  "DELETE FROM generations",
+                                  "UPDATE logs SET identity = ''",
+                                  "UPDATE logs SET log = 1",
+                                  "UPDATE logs SET enclosure = ''",
+                                  "UPDATE generations SET opened = now()",
+                                  "UPDATE events SET time = now()",
+                                  "UPDATE events SET head = NULL",
+                                  "UPDATE set_aside SET image = ''",
+                                  "TRUNCATE logs",
+                                  "TRUNCATE set_aside",
+                                  "ALTER TABLE events ADD COLUMN x int",
+                                  "DELETE FROM names",
+                                  "INSERT INTO names VALUES ('x', 1, 1, 1, 'x')",
+                                  "INSERT INTO meta VALUES ('x', 'x')",
+                                  "DROP TABLE events_default",
+                                  "CREATE INDEX ON events (id)",
+                                  "DELETE FROM meta",
+                                  "UPDATE meta SET value = ''",
+                                  "UPDATE set_aside SET id = 1",
+                                  "DROP TABLE events",
+                                  "TRUNCATE events",
+                                  "CREATE TABLE x (y int)"}) {
         EXPECT_THAT([&] { sql(std::string("SET ROLE ev_writer; ") + statement); },
                     ThrowsMessage<std::runtime_error>(
                         testing::AnyOf(HasSubstr("permission denied"), HasSubstr("must be owner"))))
             << statement;
     }
-    EXPECT_THAT([&] { sql("SET ROLE ev_reader; SELECT * FROM events"); },
-                ThrowsMessage<std::runtime_error>(HasSubstr("permission denied")));
-    EXPECT_NO_THROW(sql("SET ROLE ev_reader; SELECT * FROM event_list"));
+}
+
+TEST_F(FleetDatabaseTest, EachForbiddenStatementOfAReaderIsRefused) {
+    for (const char* statement :
+         {"SELECT * FROM events", "SELECT * FROM logs", "SELECT * FROM set_aside",
+          "SELECT * FROM meta", "INSERT INTO events (log) VALUES (1)", "UPDATE logs SET epoch = 1",
+          "DELETE FROM event_list", "UPDATE blade_list SET seen = now()", "CREATE TABLE x (y int)",
+          "TRUNCATE generations"}) {
+        EXPECT_THAT([&] { sql(std::string("SET ROLE ev_reader; ") + statement); },
+                    ThrowsMessage<std::runtime_error>(testing::AnyOf(HasSubstr("permission denied"),
+                                                                     HasSubstr("must be owner"),
+                                                                     HasSubstr("cannot"))))
+            << statement;
+    }
+    for (const char* view : {"event_list", "blade_list", "gap_list", "set_aside_list"}) {
+        EXPECT_NO_THROW(sql(std::string("SET ROLE ev_reader; SELECT * FROM ") + view)) << view;
+    }
 }
 
 TEST_F(FleetDatabaseTest, OwnerIsToldWhatIsMissing) {

@@ -83,7 +83,9 @@ TEST_P(FleetImportTest, EveryLogIsTakenOverWithAllItsGenerations) {
     for (std::size_t i = 0; i < before.size(); ++i) {
         EXPECT_EQ(after[i].opened, before[i].opened);
         EXPECT_EQ(after[i].duplicates, before[i].duplicates);
-        EXPECT_EQ(after[i].proven, before[i].proven);
+        ASSERT_TRUE(after[i].proven); // the events themselves may have told of more
+        EXPECT_TRUE(!before[i].proven || (after[i].proven->first <= before[i].proven->first &&
+                                          after[i].proven->last >= before[i].proven->last));
     }
     std::vector<Bytes> aside;
     archive->forEachAside([&](const AsideEvent& event) { aside.push_back(event.image); });
@@ -98,6 +100,9 @@ TEST_P(FleetImportTest, LogThatIsThereAlreadyIsLeftOut) {
     EXPECT_EQ(again.logs, 1U);
     EXPECT_EQ(again.leftOut, 1U);
     EXPECT_THAT(out_.str(), HasSubstr("slot 0 instance 1: left out"));
+    if (GetParam() == fleet::emptyArchive) { // no blade was taken from its archiver
+        EXPECT_EQ(fleet::server().sql("SELECT max(epoch) FROM logs", "contract"), "1\n");
+    }
     EXPECT_EQ(openPgArchiveForReading(place_)->rowCount(), 3U);
 }
 

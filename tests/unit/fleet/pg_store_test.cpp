@@ -1,4 +1,6 @@
 /** Several archivers on one PostgreSQL server: claims, fences, unknown outcomes, refusals. */
+#include "archive.h"
+#include "cutting_proxy.h"
 #include "fleet_server.h"
 #include "postgres/log_number.h"
 #include "postgres/pg_engine.h"
@@ -83,17 +85,12 @@ TEST_F(PgStoreTest, ClaimTellsWhatOthersHaveFiled) {
 
 TEST_F(PgStoreTest, HandshakeLearnsAllItAsksWithItsClaim) {
     const GenerationKey generation = fill(*other_, {0, 1, 2, 5});
-    other_->begin();
-    other_->newestGeneration(generation.series);
-    other_->noteProven(generation, {0, 1});
-    other_->commit();
-    const Claim claim = store_->claim(key_, 0);
     const U64_t asked = callsOf("% FROM events %");
-    EXPECT_EQ(store_->highestId(claim.newest->number), 5U);
-    EXPECT_EQ(store_->heldEvent(generation, 0)->image, eventBody({.id = 0}));
+    const Claim claim = store_->claim(key_, 1);
+    EXPECT_EQ(claim.newest->highest, 5U);
+    EXPECT_EQ(claim.newest->proven, (IdRun{0, 2}));
     EXPECT_EQ(store_->heldEvent(generation, 1)->image, eventBody({.id = 1}));
-    EXPECT_EQ(store_->endOfRun(generation, 1), 2U);
-    EXPECT_EQ(callsOf("% FROM events %"), asked);
+    EXPECT_EQ(callsOf("% FROM events %") - asked, 1U);
 }
 
 TEST_F(PgStoreTest, HandshakeLearnsThatItsFirstIdIsNotHeld) {
@@ -102,6 +99,89 @@ TEST_F(PgStoreTest, HandshakeLearnsThatItsFirstIdIsNotHeld) {
     const U64_t asked = callsOf("% FROM events %");
     EXPECT_EQ(store_->heldEvent(generation, 2), std::nullopt);
     EXPECT_EQ(callsOf("% FROM events %"), asked);
+}
+
+TEST_F(PgStoreTest, HandshakeWritesDownTheOldestIdOfTheBlade) {
+    store_->claim(key_, 17);
+    EXPECT_EQ(server().sql("SELECT ring_first FROM logs", "contract"), "17\n");
+    store_->claim(key_, 23);
+    EXPECT_EQ(server().sql("SELECT ring_first FROM logs", "contract"), "23\n");
+}
+
+// What the log's row says, batch by batch.
+TEST_F(PgStoreTest, RunGrowsWithEachBatchAndEndsBeforeAHole) {
+    for (const auto& [ids, run] : {std::pair(std::vector<U32_t>{3, 4}, IdRun{3, 4}),
+                                   {{5}, {3, 5}},
+                                   {{8, 9}, {3, 5}},
+                                   {{6}, {3, 6}}}) {
+        fill(*store_, ids);
+        EXPECT_EQ(other_->claim(key_, 3).newest->proven, run);
+    }
+    EXPECT_EQ(store_->claim(key_, 3).newest->highest, 9U);
+}
+
+TEST_F(PgStoreTest, RunDoesNotTakeInWhatIsDoubtfulUntilItIsConfirmed) {
+    const GenerationKey generation = fill(*store_, {0});
+    store_->begin();
+    add(*store_, generation, 1, 1000, true);
+    store_->commit();
+    EXPECT_EQ(other_->claim(key_, 0).newest->proven, (IdRun{0, 0}));
+    EXPECT_EQ(other_->claim(key_, 0).newest->highest, 1U);
+    other_->begin();
+    other_->confirmEvent(generation, 1);
+    other_->commit();
+    EXPECT_EQ(store_->claim(key_, 0).newest->proven, (IdRun{0, 1}));
+}
+
+TEST_F(PgStoreTest, RunEndsBeforeAnEventThatIsRemoved) {
+    const GenerationKey generation = fill(*store_, {0, 1, 2, 3});
+    store_->begin();
+    store_->removeEvent(generation, 2);
+    store_->commit();
+    EXPECT_EQ(other_->claim(key_, 0).newest->proven, (IdRun{0, 1}));
+    EXPECT_EQ(store_->claim(key_, 0).newest->highest, 3U);
+}
+
+TEST_F(PgStoreTest, RunThatWasUndoneIsNotWrittenByTheNextBatch) {
+    const GenerationKey generation = fill(*store_, {0});
+    store_->begin();
+    add(*store_, generation, 1);
+    store_->highestId(generation); // it is with the server
+    store_->rollback();
+    store_->begin();
+    add(*store_, generation, 3);
+    store_->commit();
+    EXPECT_EQ(other_->claim(key_, 0).newest->proven, (IdRun{0, 0}));
+}
+
+TEST_F(PgStoreTest, NewGenerationBeginsWithoutRunAndHighestId) {
+    const GenerationKey generation = fill(*store_, {0, 1, 2});
+    store_->begin();
+    store_->addGeneration({generation.series, 2}, fleet::NOW);
+    add(*store_, {generation.series, 2}, 0);
+    store_->commit();
+    const Claim claim = other_->claim(key_, 0);
+    EXPECT_EQ(claim.newest->number.generation, 2U);
+    EXPECT_EQ(claim.newest->highest, 0U);
+    EXPECT_EQ(claim.newest->proven, (IdRun{0, 0}));
+}
+
+TEST_F(PgStoreTest, UnclaimedEventRaisesTheHighestIdAndNoRun) {
+    const GenerationKey generation = fill(*store_, {0});
+    other_->begin();
+    other_->newestGeneration(generation.series);
+    add(*other_, generation, 1, 1000, true);
+    other_->commit();
+    EXPECT_EQ(store_->claim(key_, 0).newest->highest, 1U);
+    EXPECT_EQ(store_->claim(key_, 0).newest->proven, (IdRun{0, 0}));
+}
+
+TEST_F(PgStoreTest, RunThatTheBladeSpeaksOfIsTakenFromItsGeneration) {
+    const GenerationKey generation = fill(*store_, {50, 51});
+    server().sql("UPDATE generations SET run_first = 3, run_last = 9", "contract");
+    EXPECT_EQ(other_->claim(key_, 4).newest->proven, (IdRun{3, 9}));
+    EXPECT_EQ(other_->claim(key_, 50).newest->proven, (IdRun{50, 51}));
+    EXPECT_EQ(generation.generation, 1U);
 }
 
 TEST_F(PgStoreTest, HandshakeFollowsALongRunToItsEnd) {
@@ -324,6 +404,44 @@ TEST_F(PgStoreTest, RepeatedBatchIsSeenToBeThere) {
     EXPECT_EQ(count("events"), 2U);
 }
 
+// The server has committed, the connection ends before it says so.
+TEST_F(PgStoreTest, CommitWhoseAnswerNeverCameIsRepeatedWithoutHarm) {
+    fleet::CuttingProxy proxy(server().socketDirectory());
+    std::string place = place_;
+    std::string from = server().socketDirectory();
+    std::string to = proxy.directory();
+    for (std::string* path : {&from, &to}) {
+        for (auto at = path->find('/'); at != std::string::npos; at = path->find('/')) {
+            path->replace(at, 1, "%2F");
+        }
+    }
+    place.replace(place.find(from), from.size(), to);
+    const auto store = openPgArchive(place);
+    Archive archive(*store, {}, [](Level, const std::string&) {});
+    const auto request = imageOf<EmpGetEvArchiverStatusMsg_t>(
+        support::statusBody({.enclosure = "CUT"}, 0, {1, 2, 3}));
+    const auto file = [&](U32_t id) {
+        return archive.fileEvent(1, eventBody({.log = {.enclosure = "CUT"}, .id = id}));
+    };
+    archive.answerStatus(1, request);
+    archive.commit();
+    file(0);
+    archive.commit();
+    proxy.cutAtCommit();
+    file(1);
+    file(2);
+    EXPECT_THROW(archive.commit(), StoreError);
+    archive.abandon();
+    EXPECT_TRUE(proxy.hasCut());
+    EXPECT_EQ(count("events"), 3U);
+    EXPECT_EQ(file(1), Filed::DUPLICATE);
+    EXPECT_EQ(file(2), Filed::DUPLICATE);
+    EXPECT_EQ(file(3), Filed::STORED);
+    archive.commit();
+    EXPECT_EQ(count("events"), 4U);
+    EXPECT_EQ(archive.answerStatus(1, request), (StatusVerdict{2, 0}));
+}
+
 TEST_F(PgStoreTest, CutConnectionIsPassingAndTheClaimHoldsOn) {
     const GenerationKey generation = fill(*store_, {0});
     store_->begin();
@@ -360,6 +478,54 @@ TEST_F(PgStoreTest, LastEventThatIsGoneAfterAReconnectionLosesTheClaim) {
         EXPECT_THAT(conflict.lost(), ElementsAre(generation.series));
     }
     EXPECT_NO_THROW(store_->begin());
+}
+
+// The server that has taken over is too slow at first: what it may lack is looked at all the same.
+TEST_F(PgStoreTest, LookAtTheClaimsThatFailedIsDoneAgain) {
+    const GenerationKey generation = fill(*store_, {0, 1});
+    PgStore impatient(place_, {std::chrono::milliseconds(200), std::chrono::milliseconds(100)}, "");
+    fill(impatient, {2});
+    server().sql("DELETE FROM events WHERE id = 2; SELECT pg_terminate_backend(pid) FROM "
+                 "pg_stat_activity WHERE application_name = 'evarchiver'",
+                 "contract");
+    EXPECT_THROW(impatient.highestId(generation), StoreError);
+    {
+        const support::TempDirectory directory;
+        support::Process holder(
+            {"psql", "-X", "-c", "BEGIN; LOCK TABLE logs; SELECT pg_sleep(30)", place_},
+            directory.file("holder"));
+        ASSERT_TRUE(support::waitUntil([] {
+            return server().sql(
+                       "SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'PgSleep'") ==
+                   "1\n";
+        }));
+        EXPECT_THROW(impatient.begin(), StoreError);
+        server().sql(
+            "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE wait_event = 'PgSleep'");
+    }
+    try {
+        impatient.begin();
+        FAIL() << "the event is gone";
+    } catch (const StoreConflict& conflict) {
+        EXPECT_THAT(conflict.lost(), ElementsAre(generation.series));
+    }
+}
+
+// What a place says of the server's settings is added to what bounds every wait.
+TEST_F(PgStoreTest, OptionsOfThePlaceLeaveTheTimeOuts) {
+    PgConnection connection(place_ + "?options=-cwork_mem%3D3MB");
+    EXPECT_EQ(connection.run({"show1", "SHOW work_mem"}).text(0, 0), "3MB");
+    EXPECT_EQ(connection.run({"show2", "SHOW statement_timeout"}).text(0, 0), "1500ms");
+}
+
+TEST_F(PgStoreTest, ServerOfASpreadArchiveThatIsAwayMayShowLater) {
+    const auto away = openPgNode("postgresql://postgres@%2Ftmp%2Fnowhere/x", 0, 2);
+    try {
+        away->begin();
+        FAIL() << "nobody is there";
+    } catch (const StoreError& error) {
+        EXPECT_TRUE(error.isPassing()) << error.what();
+    }
 }
 
 TEST_F(PgStoreTest, LogsWithTheSameNumberAreToldApart) {
@@ -404,6 +570,8 @@ TEST_F(PgStoreTest, EventThatTheEngineRefusesIsSetAsideAndTheOthersAreFiled) {
     store_->commit();
     server().sql("ALTER TABLE events DROP CONSTRAINT test", "contract");
     EXPECT_EQ(count("events"), 19U);
+    EXPECT_EQ(other_->claim(key_, 0).newest->proven, (IdRun{0, 4})); // not what was refused
+    EXPECT_EQ(server().sql("SELECT generation FROM set_aside", "contract"), "1\n");
     EXPECT_EQ(store_->endOfRun(generation, 0), 4U);
     std::vector<AsideEvent> aside;
     store_->forEachAside([&](const AsideEvent& event) { aside.push_back(event); });
@@ -424,11 +592,19 @@ TEST_F(PgStoreTest, EventsOfWildClocksAreFiled) {
     EXPECT_EQ(count("events_default"), 2U);
 }
 
-TEST_F(PgStoreTest, LayoutThatIsNotKnownIsRefused) {
-    server().sql("UPDATE meta SET value = '2' WHERE name = 'layout'", "contract");
-    EXPECT_THAT([this] { openPgArchive(place_); },
-                ThrowsMessage<StoreError>(HasSubstr("layout 2 of the archive is not known")));
-    server().sql("UPDATE meta SET value = '1' WHERE name = 'layout'", "contract");
+TEST_F(PgStoreTest, LayoutThatIsNotKnownIsRefusedBeItOlderOrNewer) {
+    const S64_t newer = PG_LAYOUT + 1;
+    for (const S64_t layout : {S64_t{1}, newer}) {
+        server().sql("UPDATE meta SET value = '" + std::to_string(layout) +
+                         "' WHERE name = 'layout'",
+                     "contract");
+        EXPECT_THAT([this] { openPgArchive(place_); },
+                    ThrowsMessage<StoreError>(HasSubstr("layout " + std::to_string(layout) +
+                                                        " of the archive is not known")));
+    }
+    server().sql("UPDATE meta SET value = '" + std::to_string(PG_LAYOUT) +
+                     "' WHERE name = 'layout'",
+                 "contract");
 }
 
 TEST_F(PgStoreTest, DatabaseWithoutAnArchiveIsRefused) {

@@ -1,11 +1,14 @@
 #include "fleet_database.h"
 
 #include "fleet_hub.h"
+#include "fleet_names.h"
 #include "fleet_owner.h"
 #include "fleet_sql.h"
 
 #include <algorithm>
 #include <ctime>
+#include <functional>
+#include <thread>
 
 namespace evarchive {
 namespace {
@@ -73,6 +76,15 @@ constexpr PgStatement PARTITIONS{
                   "WHERE i.inhparent = 'events'::regclass ORDER BY 1"};
 constexpr PgStatement RETENTION{"retention",
                                 "SELECT value::bigint FROM meta WHERE name = 'retention_days'"};
+// Archivers and readers are in the way for a moment each. While this waits, they do.
+constexpr char SHORT_WAIT[] = "SET LOCAL lock_timeout = 1000; ";
+constexpr char LOCK_TIMEOUT[] = "55P03";
+constexpr int MOST_TRIES = 20;
+constexpr std::chrono::milliseconds BETWEEN_TRIES{100};
+
+constexpr PgStatement REMOVE_OLD_ASIDE{
+    "remove_old_aside", "DELETE FROM set_aside WHERE ctid = ANY(ARRAY(SELECT ctid FROM set_aside "
+                        "WHERE received < $1 LIMIT $2))"};
 constexpr PgStatement REMOVE_DEFAULT{
     "remove_default", "DELETE FROM events_default WHERE ctid = ANY(ARRAY(SELECT ctid FROM "
                       "events_default WHERE received < $1 LIMIT $2))"};
@@ -95,10 +107,19 @@ class Maintenance {
         }
         retention_ = owner_.connection().run(RETENTION).integer(0, 0);
         look();
-        makeAhead();
-        dropPast();
-        freezeClosed();
-        removeRest();
+        // A step that fails keeps no other one from what it is for: a full disk, above all.
+        std::optional<PgError> failed;
+        for (const auto step : {&Maintenance::makeAhead, &Maintenance::dropPast,
+                                &Maintenance::freezeClosed, &Maintenance::removeRest}) {
+            try {
+                (this->*step)();
+            } catch (const PgError& error) {
+                failed = error;
+            }
+        }
+        if (failed) {
+            throw *failed;
+        }
         return upkeep_;
     }
 
@@ -143,16 +164,37 @@ class Maintenance {
 
     void dropPast() {
         const S64_t oldest = today() - retention_;
-        std::erase_if(partitions_, [&](const Partition& it) {
-            const bool isPast = it.days.end <= oldest;
-            if (isPast) {
-                drop(nameOf(it.days));
+        const auto isPast = [oldest](const Partition& it) { return it.days.end <= oldest; };
+        for (const Partition& it : partitions_) {
+            if (isPast(it)) {
+                drop(it.days);
             }
-            return isPast;
-        });
+        }
+        std::erase_if(partitions_, isPast);
     }
 
-    void drop(const std::string& name);
+    // A transaction, again when others were in its way.
+    void again(const std::function<void(PgConnection&)>& work) {
+        for (int left = MOST_TRIES;; --left) {
+            PgConnection& connection = owner_.connection();
+            try {
+                connection.execute(std::string("BEGIN; ") + SHORT_WAIT);
+                work(connection);
+                connection.execute("COMMIT");
+                return;
+            } catch (const PgError& error) {
+                if (connection.isOpen()) {
+                    connection.execute("ROLLBACK");
+                }
+                if (left == 0 || !(error.isConflict() || error.state() == LOCK_TIMEOUT)) {
+                    throw;
+                }
+            }
+            std::this_thread::sleep_for(BETWEEN_TRIES);
+        }
+    }
+
+    void drop(const Days& days);
 
     // Nothing comes any more into one that has been over for a day, but for late events.
     void freezeClosed() {
@@ -167,17 +209,20 @@ class Maintenance {
     }
 
     void removeRest() {
+        upkeep_.removed += removeAll(REMOVE_DEFAULT);
+        upkeep_.removedAside += removeAll(REMOVE_OLD_ASIDE);
+    }
+
+    // In parts, so that nobody waits for long.
+    U64_t removeAll(const PgStatement& statement) {
         const S64_t before = (today() - retention_) * DAY;
         U64_t removed = 0;
-        do {
-            removed =
-                owner_.connection()
-                    .run(REMOVE_DEFAULT, PgParameters().time(before).integer(REMOVED_AT_A_TIME))
-                    .affected();
-            upkeep_.removed += removed;
-        } while (removed > 0);
-        upkeep_.removedAside =
-            owner_.connection().run(pg::REMOVE_ASIDE, PgParameters().time(before)).affected();
+        for (U64_t part = 1; part > 0; removed += part) {
+            part = owner_.connection()
+                       .run(statement, PgParameters().time(before).integer(REMOVED_AT_A_TIME))
+                       .affected();
+        }
+        return removed;
     }
 
     FleetOwner lock_;
@@ -189,44 +234,60 @@ class Maintenance {
 };
 
 // Rows of the default partition that belong to the new one are moved: it could not be attached
-// otherwise.
+// otherwise. Nothing may come to it meanwhile, nor may somebody read there who then wants to file.
 void Maintenance::make(S64_t day, S64_t end, std::vector<Partition>& made) {
     for (; day < end; day += width()) {
         const Days days{day, std::min(end, day + width())};
         const std::string name = nameOf(days);
         const std::string from = boundOf(days.first);
         const std::string to = boundOf(days.end);
-        PgConnection& connection = owner_.connection();
-        connection.execute(text({"BEGIN; CREATE TABLE ", name,
-                                 " (LIKE events INCLUDING DEFAULTS INCLUDING STORAGE INCLUDING "
-                                 "INDEXES) WITH (toast_tuple_target = 8160)"}));
-        const std::string statement = "move_" + name;
-        const std::string move =
-            text({"WITH moved AS (DELETE FROM events_default WHERE time >= ", from, " AND time < ",
-                  to, " RETURNING *) INSERT INTO ", name, " SELECT * FROM moved"});
-        upkeep_.moved += connection.run({statement.c_str(), move.c_str()}).affected();
-        connection.execute(text({"ALTER TABLE events ATTACH PARTITION ", name, " FOR VALUES FROM (",
-                                 from, ") TO (", to, "); COMMIT"}));
+        U64_t moved = 0;
+        again([&](PgConnection& connection) {
+            connection.execute(text({"LOCK TABLE events_default; CREATE TABLE ", name,
+                                     " (LIKE events INCLUDING DEFAULTS INCLUDING STORAGE INCLUDING "
+                                     "INDEXES) WITH (toast_tuple_target = 8160)"}));
+            const std::string statement = "move_" + name;
+            const std::string move = text(
+                {"WITH moved AS (DELETE FROM events_default WHERE time >= ", from, " AND time < ",
+                 to, " RETURNING *) INSERT INTO ", name, " SELECT * FROM moved"});
+            moved = connection.run({statement.c_str(), move.c_str()}).affected();
+            connection.execute(text({"ALTER TABLE events ATTACH PARTITION ", name,
+                                     " FOR VALUES FROM (", from, ") TO (", to, ")"}));
+        });
+        upkeep_.moved += moved;
         made.push_back({days, false});
         upkeep_.made.push_back(name);
     }
 }
 
-// What went is remembered as a run, so that nobody asks a blade for it again.
-void Maintenance::drop(const std::string& name) {
-    owner_.inTransaction(
-        "UPDATE generations g SET run_first = least(g.run_first, r.first), "
-        "run_last = greatest(g.run_last, r.last) FROM ("
+// What goes is remembered as a run, so that nobody asks a blade for it again: first, since it is as
+// true while the events are there, and an archiver that has such a row waits for nothing then.
+void Maintenance::drop(const Days& days) {
+    const std::string name = nameOf(days);
+    PgConnection& connection = owner_.connection();
+    connection.execute(
+        "DROP TABLE IF EXISTS pg_temp.gone; CREATE TEMPORARY TABLE gone AS "
         "SELECT DISTINCT ON (log, generation) log, generation, min(id) AS first, max(id) AS last "
         "FROM (SELECT log, generation, id, id - dense_rank() OVER "
         "(PARTITION BY log, generation ORDER BY id) AS hole FROM " +
         name +
         " WHERE NOT doubtful) h GROUP BY log, generation, hole "
-        "ORDER BY log, generation, max(id) DESC) r "
-        "WHERE g.log = r.log AND g.generation = r.generation AND (g.run_first IS NULL OR "
-        "(r.first <= g.run_last + 1 AND r.last >= g.run_first - 1)); "
-        "ALTER TABLE events DETACH PARTITION " +
-        name + "; DROP TABLE " + name);
+        "ORDER BY log, generation, max(id) DESC");
+    again([](PgConnection& it) {
+        it.execute(
+            "UPDATE generations g SET run_first = least(g.run_first, r.first), "
+            "run_last = greatest(g.run_last, r.last) FROM gone r "
+            "WHERE g.log = r.log AND g.generation = r.generation AND (g.run_first IS NULL OR "
+            "(r.first <= g.run_last + 1 AND r.last >= g.run_first - 1))");
+    });
+    again([&](PgConnection& it) {
+        it.execute(
+            text({"ALTER TABLE events DETACH PARTITION ", name, "; DROP TABLE ", name,
+                  "; INSERT INTO meta VALUES ('dropped_before', '", std::to_string(days.end * DAY),
+                  "') ON CONFLICT (name) DO UPDATE SET value = "
+                  "greatest(meta.value::bigint, EXCLUDED.value::bigint)::text"}));
+    });
+    connection.execute("DROP TABLE gone");
     upkeep_.dropped.push_back(name);
 }
 
@@ -238,7 +299,8 @@ void createFleet(const std::string& place, U32_t retentionDays, S64_t now) {
         if (owner.has("meta")) {
             throw StoreError(owner.connection().placeShown() + ": there is an archive already");
         }
-        owner.inTransaction(std::string(pg::SQL_001_SCHEMA) + pg::SQL_VIEWS + pg::SQL_ROLES);
+        owner.inTransaction(std::string(pg::SQL_001_SCHEMA) + pg::SQL_002_HANDSHAKE + sqlOfNames() +
+                            pg::SQL_VIEWS + pg::SQL_ROLES);
     }
     maintainFleet(place, retentionDays, now);
 }
@@ -253,8 +315,8 @@ S64_t upgradeFleet(const std::string& place) {
         throw StoreError(owner.connection().placeShown() + ": layout " + std::to_string(layout) +
                          " of the archive is not known");
     }
-    // Layout 1 is the first one: only what hangs on it can be older than the program.
-    owner.inTransaction(std::string(pg::SQL_VIEWS) + pg::SQL_ROLES);
+    owner.inTransaction(std::string(layout < 2 ? pg::SQL_002_HANDSHAKE : "") + sqlOfNames() +
+                        pg::SQL_VIEWS + pg::SQL_ROLES);
     return layout;
 }
 

@@ -1,5 +1,6 @@
 #include "fleet_hub.h"
 
+#include "fleet_names.h"
 #include "fleet_owner.h"
 #include "fleet_sql.h"
 #include "log_number.h"
@@ -8,14 +9,6 @@ namespace evarchive {
 namespace {
 
 constexpr const char* SPREAD_TABLES[] = {"logs", "generations", "events", "set_aside"};
-
-std::string quoted(const std::string& text) {
-    std::string literal = "'";
-    for (const char letter : text) {
-        literal += letter == '\'' ? "''" : std::string(1, letter);
-    }
-    return literal + "'";
-}
 
 std::string boundOf(U32_t node, U32_t nodes) {
     if (node == 0) {
@@ -29,7 +22,7 @@ std::string boundOf(U32_t node, U32_t nodes) {
 std::string sqlOfNode(const std::string& place, U32_t node, U32_t nodes) {
     const std::string number = std::to_string(node + 1);
     const std::string server = "node" + number;
-    std::string options = "fetch_size '1000', async_capable 'true'";
+    std::string options = "fetch_size '1000', batch_size '1000', async_capable 'true'";
     std::string user;
     bool hasPassword = false;
     for (const auto& [name, value] : placeOptions(place)) {
@@ -94,7 +87,8 @@ void createHub(const std::string& place, const std::vector<std::string>& nodes) 
     for (U32_t node = 0; node < count; ++node) {
         sql += sqlOfNode(nodes[node], node, count);
     }
-    owner.inTransaction(sql + pg::SQL_VIEWS + pg::SQL_ROLES + "GRANT SELECT ON nodes TO ev_writer");
+    owner.inTransaction(sql + pg::SQL_002_HANDSHAKE + sqlOfNames() + pg::SQL_VIEWS + pg::SQL_ROLES +
+                        "GRANT SELECT ON nodes TO ev_writer");
 }
 
 std::vector<std::string> nodesOf(const std::string& place) {

@@ -68,6 +68,10 @@ class Import {
 
     bool takeLog(const SeriesKey& key, const std::vector<GenerationInfo>& generations) {
         Store& store = storeOf(key);
+        const auto there = store.findSeries(key);
+        if (there && store.newestGeneration(*there)) {
+            return false; // a claim would take the blade from its archiver
+        }
         const Claim claim = store.claim(key, 0);
         if (claim.newest) {
             return false;

@@ -10,6 +10,15 @@
 
 namespace evarchive {
 
+/** A literal of SQL. */
+inline std::string quoted(const std::string& text) {
+    std::string literal = "'";
+    for (const char letter : text) {
+        literal += letter == '\'' ? "''" : std::string(1, letter);
+    }
+    return literal + "'";
+}
+
 /** No statement of an owner is cut short. */
 class FleetOwner {
   public:

@@ -41,4 +41,32 @@ PgParameters PgBatch::parameters() {
     return parameters;
 }
 
+namespace {
+
+void add(PgArray& column, const std::optional<U32_t>& value) {
+    if (value) {
+        column.addNumber(*value);
+    } else {
+        column.addNull();
+    }
+}
+
+} // namespace
+
+void PgFence::add(SeriesNumber log, std::optional<U32_t> highest, const std::optional<IdRun>& run) {
+    logs_.addNumber(log);
+    evarchive::add(highest_, highest);
+    evarchive::add(first_, run ? std::optional(run->first) : std::nullopt);
+    evarchive::add(last_, run ? std::optional(run->last) : std::nullopt);
+}
+
+PgParameters PgFence::parameters(bool withRuns) {
+    PgParameters parameters;
+    parameters.array(logs_).array(highest_);
+    if (withRuns) {
+        parameters.array(first_).array(last_);
+    }
+    return parameters;
+}
+
 } // namespace evarchive

@@ -45,6 +45,22 @@ class PgBatch {
     PgArray data_{PgType::BYTEA};
 };
 
+/** What the rows of logs are to say from now on. */
+class PgFence {
+  public:
+    void add(SeriesNumber log, std::optional<U32_t> highest, const std::optional<IdRun>& run);
+    U32_t size() const { return logs_.size(); }
+
+    /** @param withRuns of pg::FENCE, else of pg::VISIT */
+    PgParameters parameters(bool withRuns);
+
+  private:
+    PgArray logs_{PgType::BIGINT};
+    PgArray highest_{PgType::BIGINT};
+    PgArray first_{PgType::BIGINT};
+    PgArray last_{PgType::BIGINT};
+};
+
 } // namespace evarchive
 
 #endif

@@ -68,7 +68,8 @@ std::map<std::string, std::string> settingsOf(const std::string& place,
                         " -c plan_cache_mode=force_generic_plan -c DateStyle=ISO"},
     };
     for (const auto& [name, value] : placeOptions(place)) {
-        settings[name] = value;
+        // Of the server's settings the place may change some; what it does not name stays bounded.
+        settings[name] = name == "options" ? settings[name] + " " + value : value;
     }
     return settings;
 }
@@ -173,9 +174,7 @@ void PgConnection::Free::operator()(pg_result* result) const {
 }
 
 PgConnection::PgConnection(std::string place, const PgPatience& patience)
-    : place_(std::move(place)), patience_(patience) {
-    reopen();
-}
+    : place_(std::move(place)), patience_(patience) {}
 
 PgConnection::~PgConnection() {
     close();

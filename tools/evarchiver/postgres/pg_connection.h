@@ -26,10 +26,13 @@ class PgError : public StoreError {
         : StoreError(text, kind), state_(std::move(state)) {}
 
     /** Whether it is about a value, so that the same row would be refused again. */
-    bool isAboutData() const { return state_.starts_with("22") || state_.starts_with("23"); }
+    bool isAboutData() const {
+        return !isConflict() && (state_.starts_with("22") || state_.starts_with("23"));
+    }
 
-    /** Whether two transactions were in each other's way: both can go well, one after the other. */
-    bool isConflict() const { return state_.starts_with("40"); }
+    /** Whether two transactions were in each other's way: both can go well, one after the other.
+     * One way of it is that a row is there already. */
+    bool isConflict() const { return state_.starts_with("40") || state_ == "23505"; }
 
     const std::string& state() const { return state_; }
 
@@ -100,7 +103,8 @@ struct PgPatience {
  */
 class PgConnection {
   public:
-    /** @param place "postgresql://..." with one host or several; what it does not say is set for
+    /** Connects at its first use.
+     * @param place "postgresql://..." with one host or several; what it does not say is set for
      * an archive: the server that can be written, times after which the wait ends */
     explicit PgConnection(std::string place, const PgPatience& patience = {});
     ~PgConnection();

@@ -16,24 +16,25 @@
 
 namespace evarchive {
 
-/** What this process goes by when it files into a log. */
+/** What this process goes by when it files into a log: its row, with what the transaction adds. */
 struct Known {
     bool isOwned = false;
     S64_t epoch = 0;
     S64_t owner = 0;
     S64_t generation = 0;
-    S64_t visits = 0;
-    bool isFresh = false;     ///< generation and visits are those of the last look
+    S64_t unclaimed = 0;
+    std::optional<U32_t> highest = {};
+    std::optional<IdRun> run = {};
+    bool isFresh = false;     ///< what is not the claim's is that of the last look
     S64_t lastGeneration = 0; ///< of the last event that was committed here
     S64_t lastId = -1;        ///< its id; -1: none was
-};
 
-/** What a handshake saw of the newest generation, until something is filed. */
-struct Glance {
-    GenerationKey generation;
-    std::optional<U32_t> highest;
-    S64_t runFrom = -1; ///< -1: no run was looked for
-    U32_t runTo = 0;    ///< as far as the page went
+    /** The row, as CLAIM and LOOK give it; of a log that is owned, the claim stays. */
+    void read(const PgRows& rows);
+
+    /** The newest generation holds, or has lost, an id. */
+    void hold(U32_t id, bool isDoubtful);
+    void lose(U32_t id);
 };
 
 /** The engine. Calls are those of Store; pg_store.cpp has them, pg_filing.cpp what a commit does.
@@ -43,9 +44,12 @@ class PgStore final : public Store {
     /** @param node "1 of 3" where the archive is spread, "": it is not, nothing: whatever it is */
     PgStore(const std::string& place, const PgPatience& patience, std::optional<std::string> node);
 
+    /** Connects, unless it is, and checks what a connection must find. Every call does so. */
+    void connect();
+
     // What goes wrong between two processes is no failure of the storage.
     template <typename Call>
-    auto guarded(Call call) {
+    decltype(auto) guarded(Call call) {
         try {
             connect();
             return call();
@@ -74,7 +78,6 @@ class PgStore final : public Store {
     }
 
     void begin() override {
-        glance_.reset();
         isBegun_ = true;
         guarded([] {});
     }
@@ -85,10 +88,10 @@ class PgStore final : public Store {
     void addGeneration(const GenerationKey& generation, S64_t opened) override;
     void addEvent(const GenerationKey& generation, const NewEvent& event) override;
     void confirmEvent(const GenerationKey& generation, U32_t id) override {
-        changeEvent(pg::CONFIRM, generation, id);
+        changeEvent(pg::CONFIRM, generation, id).hold(id, false);
     }
     void removeEvent(const GenerationKey& generation, U32_t id) override {
-        changeEvent(pg::REMOVE, generation, id);
+        changeEvent(pg::REMOVE, generation, id).lose(id);
     }
     U64_t removeOldest(const GenerationKey& generation, S64_t before, U64_t most) override;
     void countDuplicates(const GenerationKey& generation, U64_t more) override {
@@ -118,10 +121,12 @@ class PgStore final : public Store {
         return read(&PgReads::oldestEvent, generation);
     }
     std::optional<U32_t> highestId(const GenerationKey& generation) override {
-        return glance_ && glance_->generation == generation ? glance_->highest
-                                                            : read(&PgReads::highestId, generation);
+        return read(&PgReads::highestId, generation);
     }
-    U32_t endOfRun(const GenerationKey& generation, U32_t from) override;
+    U32_t endOfRun(const GenerationKey& generation, U32_t from) override {
+        return read(&PgReads::endOfRun, generation, from);
+    }
+    U32_t droppedBefore() override { return read(&PgReads::droppedBefore); }
     U64_t rowCount() override { return read(&PgReads::rowCount); }
     U64_t bytesUsed() override { return read(&PgReads::bytesUsed); }
     std::vector<GenerationInfo> listGenerations() override {
@@ -144,18 +149,17 @@ class PgStore final : public Store {
     }
 
   private:
-    void connect();
     void requireLayout();
     void requireClaims();
     void beginOnServer();
     PgRows change(const PgStatement& statement, const PgParameters& parameters);
-    void changeEvent(const PgStatement& statement, const GenerationKey& generation, U32_t id);
+    Known& changeEvent(const PgStatement& statement, const GenerationKey& generation, U32_t id);
     Known& known(SeriesNumber series);
     void queueName(const SeriesKey& key, SeriesNumber number);
     SeriesNumber nameSeries(const SeriesKey& key);
     std::optional<Claim> tryClaim(const SeriesKey& key, SeriesNumber number, U32_t first,
                                   bool isNew);
-    void glance(const GenerationKey& generation, const SeriesKey& key, U32_t first);
+    GenerationInfo newestOf(SeriesNumber series, const PgRows& newest, U32_t first);
 
     struct Verdict {
         std::vector<S64_t> lost;
@@ -163,13 +167,14 @@ class PgStore final : public Store {
     };
 
     void flush();
-    std::vector<SeriesNumber> unfenced();
+    bool hasWork() const { return !touched_.empty() || !pending_.empty(); }
     void sortPending();
-    void queueFences(const std::vector<SeriesNumber>& unfenced);
+    void advance();
+    void queueFences();
     void queueTaken();
     void takeAnswers(bool looksAgain, bool files);
     void judge(const PgRows& rows, int row, Verdict& verdict);
-    bool takeFiled();
+    void takeFiled(const Verdict& verdict);
     PgParameters parametersOf(std::size_t first, std::size_t count);
     void fileByHalves(std::size_t first, std::size_t count);
     void refuse(const PendingEvent& event);
@@ -180,14 +185,13 @@ class PgStore final : public Store {
     PgReads reads_;
     S64_t owner_; ///< drawn by chance: nobody else has it
     std::unordered_map<SeriesNumber, Known> known_;
-    std::set<SeriesNumber> touched_; ///< logs that the transaction has changed something of
-    std::set<SeriesNumber> fenced_;  ///< those of them whose rows are locked
+    std::set<SeriesNumber> touched_; ///< logs that something was changed of since their fence
     std::vector<PendingEvent> pending_;
     std::vector<std::pair<GenerationKey, U32_t>> filed_; ///< in this transaction
     std::vector<U32_t> fences_; ///< of the fences on their way: how many logs they lock
     PgBatch batch_;
     LookedUp looked_;
-    std::optional<Glance> glance_;
+    bool isUnchecked_ = true; ///< the layout and the claims, since the connection was made
     bool isBegun_ = false;
     bool isOnServer_ = false; ///< the server, too, has begun
     bool hasNamed_ = false;   ///< the transaction may have given a log its row

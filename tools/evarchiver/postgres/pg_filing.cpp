@@ -12,17 +12,30 @@ void PgStore::sortPending() {
     });
 }
 
-void PgStore::queueFences(const std::vector<SeriesNumber>& unfenced) {
-    PgArray owned(PgType::BIGINT);
-    PgArray free(PgType::BIGINT);
-    for (const SeriesNumber series : unfenced) {
-        (known_.at(series).isOwned ? owned : free).addNumber(series);
-    }
-    for (auto [logs, statement] : {std::pair(&owned, &pg::FENCE), std::pair(&free, &pg::VISIT)}) {
-        if (logs->size() > 0) {
-            connection_.queue(*statement, PgParameters().array(*logs));
-            fences_.push_back(logs->size());
+// What the logs' rows say of the newest generation when the events are there.
+void PgStore::advance() {
+    for (const PendingEvent& event : pending_) {
+        Known& log = known_.at(event.generation.series);
+        if (log.generation == event.generation.generation) {
+            log.hold(event.row.sequenceId, event.doubtful);
         }
+    }
+}
+
+void PgStore::queueFences() {
+    PgFence owned;
+    PgFence free;
+    for (const SeriesNumber series : std::exchange(touched_, {})) {
+        const Known& log = known_.at(series);
+        (log.isOwned ? owned : free).add(series, log.highest, log.run);
+    }
+    if (owned.size() > 0) {
+        connection_.queue(pg::FENCE, owned.parameters(true));
+        fences_.push_back(owned.size());
+    }
+    if (free.size() > 0) {
+        connection_.queue(pg::VISIT, free.parameters(false));
+        fences_.push_back(free.size());
     }
 }
 
@@ -45,30 +58,22 @@ void PgStore::queueTaken() {
 void PgStore::judge(const PgRows& rows, int row, Verdict& verdict) {
     const SeriesNumber series = rows.integer(row, 0);
     Known& log = known_.at(series);
-    log.visits += log.isOwned ? 0 : 1; // the mark that was just left
+    log.unclaimed += log.isOwned ? 0 : 1; // the mark that was just left
     if (log.isOwned && (rows.integer(row, 1) != log.epoch || rows.integer(row, 2) != log.owner)) {
         verdict.lost.push_back(series);
         log = {};
-    } else if (rows.integer(row, 3) != log.generation || rows.integer(row, 4) != log.visits) {
+    } else if (rows.integer(row, 3) != log.generation || rows.integer(row, 4) != log.unclaimed) {
         verdict.isStale = true;
     }
-    fenced_.insert(series);
-}
-
-std::vector<SeriesNumber> PgStore::unfenced() {
-    std::vector<SeriesNumber> series;
-    std::ranges::set_difference(touched_, fenced_, std::back_inserter(series));
-    for (const SeriesNumber number : series) {
-        known(number);
-    }
-    return series;
 }
 
 // Files what was handed over. Until the commit it may still be undone.
 void PgStore::flush() {
-    const std::vector<SeriesNumber> logs = unfenced();
-    if (logs.empty() && pending_.empty()) {
+    if (!hasWork()) {
         return;
+    }
+    for (const SeriesNumber series : touched_) {
+        known(series);
     }
     sortPending();
     const bool looksAgain = std::ranges::any_of(pending_, [this](const PendingEvent& event) {
@@ -79,7 +84,8 @@ void PgStore::flush() {
     if (begins) {
         connection_.queue(pg::BEGIN);
     }
-    queueFences(logs);
+    advance();
+    queueFences();
     if (looksAgain) {
         queueTaken();
     }
@@ -106,7 +112,7 @@ void PgStore::takeAnswers(bool looksAgain, bool files) {
         verdict.isStale = connection_.take().count() > 0 || verdict.isStale;
     }
     if (files) {
-        verdict.isStale = takeFiled() || verdict.isStale;
+        takeFiled(verdict);
     }
     connection_.finish();
     if (verdict.isStale || !verdict.lost.empty()) {
@@ -121,16 +127,16 @@ void PgStore::takeAnswers(bool looksAgain, bool files) {
     pending_.clear();
 }
 
-// @return whether an id was not free
-bool PgStore::takeFiled() {
+// An id that is not free is one to look at again.
+void PgStore::takeFiled(const Verdict& verdict) {
     try {
-        return connection_.take().affected() != pending_.size();
+        connection_.take();
     } catch (const PgError& error) {
-        if (!error.isAboutData()) {
+        if (!error.isAboutData() && !error.isConflict()) {
             throw;
         }
-        isCareful_ = true;
-        throw StoreConflict();
+        isCareful_ = error.isAboutData();
+        throw StoreConflict(verdict.lost);
     }
 }
 
@@ -146,9 +152,7 @@ PgParameters PgStore::parametersOf(std::size_t first, std::size_t count) {
 void PgStore::fileByHalves(std::size_t first, std::size_t count) {
     connection_.execute("SAVEPOINT half");
     try {
-        if (connection_.run(pg::FILE, parametersOf(first, count)).affected() != count) {
-            throw StoreConflict();
-        }
+        connection_.run(pg::FILE, parametersOf(first, count));
         connection_.execute("RELEASE SAVEPOINT half");
         return;
     } catch (const PgError& error) {
@@ -167,6 +171,8 @@ void PgStore::fileByHalves(std::size_t first, std::size_t count) {
 
 void PgStore::refuse(const PendingEvent& event) {
     const SeriesKey key = reads_.keyOf(event.generation.series);
+    known_.at(event.generation.series).lose(event.row.sequenceId);
+    touched_.insert(event.generation.series); // its row has said more than is true
     const Bytes image = imageOfRow(event.row, key);
     setAside(key, Aside::REFUSED,
              {event.row.sequenceId, image, event.own, event.doubtful, event.received});
@@ -174,7 +180,9 @@ void PgStore::refuse(const PendingEvent& event) {
 
 void PgStore::commit() {
     guarded([&] {
-        flush();
+        while (hasWork()) {
+            flush();
+        }
         if (isOnServer_ && connection_.run(pg::COMMIT).tag() != "COMMIT") {
             throw PgError("the server did not commit", "40000", StoreError::Kind::PASSING);
         }
@@ -189,7 +197,6 @@ void PgStore::commit() {
 }
 
 void PgStore::rollback() noexcept {
-    glance_.reset();
     try {
         if (isOnServer_ && connection_.isOpen()) {
             connection_.execute("ROLLBACK");
@@ -208,7 +215,6 @@ void PgStore::rollback() noexcept {
 
 void PgStore::endTransaction() {
     touched_.clear();
-    fenced_.clear();
     pending_.clear();
     filed_.clear();
     fences_.clear();

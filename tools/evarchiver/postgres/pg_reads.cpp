@@ -7,7 +7,8 @@
 namespace evarchive {
 namespace {
 
-// Ids that a walk along a run looks at, after few at first.
+// Ids that a walk along a run looks at: few at first, since most begin near the run's end.
+constexpr S64_t FIRST_RUN_PAGE = 64;
 constexpr S64_t RUN_PAGE = 4096;
 constexpr S64_t EVENT_PAGE = 1000;
 
@@ -110,11 +111,6 @@ PgRows PgReads::ask(const PgStatement& statement, const GenerationKey& generatio
     return connection_.run(statement, parametersOf(generation).integer(id));
 }
 
-std::optional<GenerationInfo> PgReads::newestGeneration(SeriesNumber series) {
-    const PgRows rows = connection_.run(pg::NEWEST, PgParameters().integer(series));
-    return rows.count() > 0 ? std::optional(generationOf(rows, 0, 0, series)) : std::nullopt;
-}
-
 std::optional<StoredEvent> PgReads::findEvent(const GenerationKey& generation,
                                               EMP_INQUIRY_TYPE_e type, U32_t id) {
     const auto& statement = pg::FIND[static_cast<std::size_t>(type - EMP_E_INQUIRY_TYPE_FIRST)];
@@ -150,7 +146,7 @@ std::optional<U32_t> PgReads::highestId(const GenerationKey& generation) {
 
 U32_t PgReads::endOfRun(const GenerationKey& generation, U32_t from) {
     S64_t last = S64_t{from} - 1;
-    for (S64_t size = pg::FIRST_RUN_PAGE;; size = std::min(8 * size, RUN_PAGE)) {
+    for (S64_t size = FIRST_RUN_PAGE;; size = std::min(8 * size, RUN_PAGE)) {
         const S64_t first = last + 1;
         PgParameters page = parametersOf(generation);
         const PgRows rows = connection_.run(pg::RUN_END, page.integer(first).integer(first + size));
@@ -162,7 +158,7 @@ U32_t PgReads::endOfRun(const GenerationKey& generation, U32_t from) {
             break;
         }
     }
-    return static_cast<U32_t>(last);
+    return static_cast<U32_t>(std::max(last, S64_t{0})); // it may have gone since somebody saw it
 }
 
 bool PgReads::isHeld(SeriesNumber series, View image) {
@@ -175,6 +171,11 @@ bool PgReads::isHeld(SeriesNumber series, View image) {
         }
     }
     return false;
+}
+
+U32_t PgReads::droppedBefore() {
+    const PgRows rows = connection_.run(pg::DROPPED);
+    return rows.count() > 0 ? static_cast<U32_t>(rows.integer(0, 0)) : 0;
 }
 
 U64_t PgReads::rowCount() {

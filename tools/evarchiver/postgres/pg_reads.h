@@ -30,7 +30,6 @@ class PgReads {
     /** Rows of logs that were seen may not be there any more. */
     void forget();
 
-    std::optional<GenerationInfo> newestGeneration(SeriesNumber series);
     std::optional<StoredEvent> findEvent(const GenerationKey& generation, EMP_INQUIRY_TYPE_e type,
                                          U32_t id);
     std::optional<StoredEvent> heldEvent(const GenerationKey& generation, U32_t id);
@@ -39,6 +38,7 @@ class PgReads {
     std::optional<U32_t> highestId(const GenerationKey& generation);
     U32_t endOfRun(const GenerationKey& generation, U32_t from);
     bool isHeld(SeriesNumber series, View image);
+    U32_t droppedBefore();
     U64_t rowCount();
     U64_t bytesUsed();
     std::vector<GenerationInfo> listGenerations();

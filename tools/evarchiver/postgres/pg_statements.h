@@ -16,9 +16,6 @@ namespace evarchive::pg {
 #define PG_EVENT_COLUMNS                                                                           \
     "id, time, received, event, source, type, category, idversion, own, doubtful, head, data"
 
-/** Ids that a walk along a run looks at first: few, since most begin near the run's end. */
-constexpr S64_t FIRST_RUN_PAGE = 64;
-
 constexpr PgStatement BEGIN{"begin", "BEGIN"};
 constexpr PgStatement COMMIT{"commit", "COMMIT"};
 
@@ -29,75 +26,68 @@ constexpr PgStatement NAME{"name",
 
 constexpr PgStatement IDENTITY{"identity", "SELECT identity FROM logs WHERE log = $1"};
 
-/** A handshake: log, the owner's number, identity. It waits for no disk: a server that forgets it
- * has committed nothing since, and everybody who relied on it finds it lost. */
+/** A handshake: log, the owner's number, identity, the blade's oldest id. It waits for no disk: a
+ * server that forgets it has committed nothing since, and everybody who relied on it finds it lost.
+ */
 constexpr PgStatement CLAIM{"claim",
-                            "UPDATE logs SET epoch = epoch + 1, owner = $2, seen = now() "
-                            "WHERE log = $1 AND identity = $3 RETURNING epoch, generation, visits, "
-                            "set_config('synchronous_commit', 'off', true)"};
+                            "UPDATE logs SET epoch = epoch + 1, owner = $2, ring_first = $4, "
+                            "seen = now() WHERE log = $1 AND identity = $3 "
+                            "RETURNING epoch, owner, generation, unclaimed, highest, run_first, "
+                            "run_last, set_config('synchronous_commit', 'off', true)"};
 
-/** What a handshake asks next of the newest generation, in one round trip with its claim. */
-#define PG_NEWEST "(SELECT generation FROM logs WHERE log = $1)"
+/** The event of an id, in the newest generation: what a handshake asks next, with its claim. */
+constexpr PgStatement FIRST{"first", "SELECT " PG_EVENT_COLUMNS " FROM events WHERE log = $1 AND "
+                                     "generation = (SELECT generation FROM logs WHERE log = $1) "
+                                     "AND id = $2"};
 
-constexpr PgStatement GLANCE_HIGHEST{"glance_highest",
-                                     "SELECT id FROM events WHERE log = $1 AND generation = " //
-                                     PG_NEWEST " ORDER BY id DESC LIMIT 1"};
-
-/** The event of an id, and the last one that is known to be held without a hole. */
-constexpr PgStatement GLANCE_HELD{
-    "glance_held", "SELECT " PG_EVENT_COLUMNS " FROM events WHERE log = $1 AND generation = " //
-    PG_NEWEST " AND id = ANY(ARRAY[$2, (SELECT run_last FROM generations WHERE log = $1 "
-                   "AND generation = " PG_NEWEST ")])"};
-
-/** How far the ids go on from there, or from the id, within a page: log, id, page's size. */
-constexpr PgStatement GLANCE_RUN{
-    "glance_run",
-    "SELECT s.start, (SELECT max(id) FROM (SELECT id, id - dense_rank() OVER (ORDER BY id) AS hole "
-    "FROM events WHERE log = $1 AND generation = s.generation AND id >= s.start "
-    "AND id < s.start + $3 AND NOT doubtful) r WHERE hole = s.start - 1) FROM (SELECT generation, "
-    "CASE WHEN $2 BETWEEN run_first AND run_last THEN run_last ELSE $2 END AS start "
-    "FROM generations WHERE log = $1 ORDER BY generation DESC LIMIT 1) s"};
-
-/** What is known of a log before something is filed without a claim. */
-constexpr PgStatement LOOK{"look", "SELECT epoch, owner, generation, visits FROM logs "
-                                   "WHERE log = $1"};
+/** The same columns, before something is filed. */
+constexpr PgStatement LOOK{"look", "SELECT epoch, owner, generation, unclaimed, highest, "
+                                   "run_first, run_last FROM logs WHERE log = $1"};
 
 /** The newest generation. Its row and the log's are written together. */
 constexpr PgStatement NEWEST{"newest",
                              "SELECT generation, opened, duplicates, run_first, run_last "
                              "FROM generations WHERE log = $1 ORDER BY generation DESC LIMIT 1"};
 
-/** Locks logs and tells who owns them. Of a claim, and of one who files without. */
-constexpr PgStatement FENCE{"fence", "UPDATE logs SET seen = now() WHERE log = ANY($1) "
-                                     "RETURNING log, epoch, owner, generation, visits"};
-constexpr PgStatement VISIT{"visit", "UPDATE logs SET seen = now(), visits = visits + 1 "
-                                     "WHERE log = ANY($1) "
-                                     "RETURNING log, epoch, owner, generation, visits"};
+/** Locks logs, writes down how far they go with what is filed behind it, and tells who owns them:
+ * logs, highest ids, runs. Of a claim, and of one who files without. */
+constexpr PgStatement FENCE{
+    "fence", "UPDATE logs l SET seen = now(), highest = greatest(l.highest, n.highest), "
+             "run_first = n.first, run_last = n.last FROM unnest($1::bigint[], $2::bigint[], "
+             "$3::bigint[], $4::bigint[]) AS n(log, highest, first, last) WHERE l.log = n.log "
+             "RETURNING l.log, epoch, owner, generation, unclaimed"};
+constexpr PgStatement VISIT{
+    "visit", "UPDATE logs l SET seen = now(), highest = greatest(l.highest, n.highest), "
+             "unclaimed = unclaimed + 1 FROM unnest($1::bigint[], $2::bigint[]) "
+             "AS n(log, highest) WHERE l.log = n.log "
+             "RETURNING l.log, epoch, owner, generation, unclaimed"};
 
 /** Whether an id that was free still is: logs, generations, ids. */
 constexpr PgStatement TAKEN{
     "taken", "SELECT 1 FROM unnest($1::bigint[], $2::bigint[], $3::bigint[]) AS n(log, g, id) "
              "JOIN events e ON e.log = n.log AND e.generation = n.g AND e.id = n.id LIMIT 1"};
 
-/** Events, an array for each column. */
+/** Events, an array for each column. An id that is taken ends the transaction: that is dearer than
+ * to pass over it, but rare, and what is dear with every event is to be ready for it. */
 constexpr PgStatement FILE{
     "file", "INSERT INTO events (log, generation, " PG_EVENT_COLUMNS ") "
             "SELECT * FROM unnest($1::bigint[], $2::bigint[], $3::bigint[], $4::timestamptz[], "
             "$5::timestamptz[], $6::integer[], $7::smallint[], $8::smallint[], $9::smallint[], "
-            "$10::smallint[], $11::boolean[], $12::boolean[], $13::bytea[], $14::bytea[]) "
-            "ON CONFLICT DO NOTHING"};
+            "$10::smallint[], $11::boolean[], $12::boolean[], $13::bytea[], $14::bytea[])"};
 
 /** A generation is opened behind the one that is known: log, generation, time; epoch and owner. */
 constexpr PgStatement OPEN_OWNED{
-    "open_owned", "WITH opened AS (UPDATE logs SET generation = $2 WHERE log = $1 "
+    "open_owned", "WITH opened AS (UPDATE logs SET generation = $2, highest = NULL, "
+                  "run_first = NULL, run_last = NULL WHERE log = $1 "
                   "AND generation = $2 - 1 AND epoch = $4 AND owner = $5 RETURNING log) "
                   "INSERT INTO generations (log, generation, opened) "
                   "SELECT log, $2, $3 FROM opened"};
 constexpr PgStatement OPEN_FREE{
-    "open_free", "WITH opened AS (UPDATE logs SET generation = $2, visits = visits + 1 "
-                 "WHERE log = $1 AND generation = $2 - 1 RETURNING log) "
-                 "INSERT INTO generations (log, generation, opened) "
-                 "SELECT log, $2, $3 FROM opened"};
+    "open_free",
+    "WITH opened AS (UPDATE logs SET generation = $2, highest = NULL, "
+    "run_first = NULL, run_last = NULL, unclaimed = unclaimed + 1 WHERE log = $1 AND generation = $2 - 1 RETURNING log) "
+    "INSERT INTO generations (log, generation, opened) "
+    "SELECT log, $2, $3 FROM opened"};
 
 constexpr PgStatement CONFIRM{"confirm", "UPDATE events SET doubtful = false "
                                          "WHERE log = $1 AND generation = $2 AND id = $3"};
@@ -122,8 +112,9 @@ constexpr PgStatement FORGET_RUN{"forget_run",
 
 /** log, id, digest, reason, received, image */
 constexpr PgStatement ASIDE{
-    "aside", "INSERT INTO set_aside (log, id, digest, reason, received, image) "
-             "VALUES ($1, $2, $3, $4::bigint::smallint, $5, $6) ON CONFLICT DO NOTHING"};
+    "aside", "INSERT INTO set_aside (log, id, digest, reason, received, image, generation) "
+             "VALUES ($1, $2, $3, $4::bigint::smallint, $5, $6, "
+             "(SELECT generation FROM logs WHERE log = $1)) ON CONFLICT DO NOTHING"};
 constexpr PgStatement REMOVE_ASIDE{"remove_aside", "DELETE FROM set_aside WHERE received < $1"};
 
 constexpr PgStatement HELD{"held", "SELECT " PG_EVENT_COLUMNS " FROM events "
@@ -177,6 +168,11 @@ constexpr std::array<PgStatement, EMP_E_INQUIRY_TYPE_LAST> FIND = {{
                   "AND own AND $3::bigint IS NOT NULL ORDER BY id DESC LIMIT 1"},
 }};
 
+/** evTime that nothing of the partitions reaches which are gone, in seconds since 1970-01-01 UTC.
+ */
+constexpr PgStatement DROPPED{"dropped", "SELECT value::bigint FROM meta "
+                                         "WHERE name = 'dropped_before'"};
+
 /** Claims that do not hold any more, or whose last event is gone: logs, epochs, owners,
  * generations, ids. */
 constexpr PgStatement LOST{
@@ -193,8 +189,11 @@ constexpr PgStatement COUNT{"count", "SELECT count(*) FROM events"};
 constexpr PgStatement SIZE{"size", "SELECT coalesce(sum(pg_total_relation_size(relid)), 0)::bigint "
                                    "FROM pg_partition_tree('events')"};
 constexpr PgStatement GENERATIONS{
-    "generations", "SELECT l.log, l.identity, g.generation, g.opened, g.duplicates, g.run_first, "
-                   "g.run_last FROM logs l JOIN generations g ON g.log = l.log"};
+    "generations", "SELECT l.log, l.identity, g.generation, g.opened, g.duplicates, "
+                   "CASE WHEN n.run_last IS NULL THEN g.run_first ELSE n.run_first END, "
+                   "coalesce(n.run_last, g.run_last) FROM logs l JOIN generations g "
+                   "ON g.log = l.log LEFT JOIN logs n ON n.log = g.log "
+                   "AND n.generation = g.generation"};
 constexpr PgStatement ASIDES{"asides", "SELECT l.identity, s.id, s.reason, s.received, s.image "
                                        "FROM set_aside s JOIN logs l ON l.log = s.log "
                                        "ORDER BY s.received, s.id"};

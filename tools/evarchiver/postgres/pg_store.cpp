@@ -4,6 +4,7 @@
 #include "log_number.h"
 #include "pg_engine.h"
 
+#include <algorithm>
 #include <array>
 #include <random>
 
@@ -15,28 +16,70 @@ S64_t drawNumber() {
     return static_cast<S64_t>((U64_t{device()} << 31) ^ device()) & INT64_MAX;
 }
 
+// A statement has its time, and each of them is a look into all partitions.
+constexpr U32_t CLAIMS_AT_A_TIME = 500;
+
 } // namespace
+
+void Known::read(const PgRows& rows) {
+    if (!isOwned) {
+        epoch = rows.integer(0, 0);
+        owner = rows.integer(0, 1);
+    }
+    generation = rows.integer(0, 2);
+    unclaimed = rows.integer(0, 3);
+    highest.reset();
+    run.reset();
+    if (!rows.isNull(0, 4)) {
+        highest = static_cast<U32_t>(rows.integer(0, 4));
+    }
+    if (!rows.isNull(0, 5) && !rows.isNull(0, 6)) {
+        run = IdRun{static_cast<U32_t>(rows.integer(0, 5)), static_cast<U32_t>(rows.integer(0, 6))};
+    }
+    isFresh = true;
+}
+
+void Known::hold(U32_t id, bool isDoubtful) {
+    highest = std::max(highest.value_or(0), id);
+    if (isDoubtful || !isOwned) {
+        return; // the run is its owner's business
+    }
+    if (!run) {
+        run = IdRun{id, id};
+    } else if (id == U64_t{run->last} + 1) {
+        run->last = id;
+    }
+}
+
+void Known::lose(U32_t id) {
+    if (run && run->contains(id)) {
+        run = id > run->first ? std::optional(IdRun{run->first, id - 1}) : std::nullopt;
+    }
+}
 
 PgStore::PgStore(const std::string& place, const PgPatience& patience,
                  std::optional<std::string> node)
     : connection_(place, patience), node_(std::move(node)), reads_(connection_),
-      owner_(drawNumber()) {
-    requireLayout();
-}
+      owner_(drawNumber()) {}
 
+// What is to be checked stays so until it was: a server that has just taken over may be too slow at
+// first.
 void PgStore::connect() {
-    if (connection_.isOpen()) {
+    if (connection_.isOpen() && !isUnchecked_) {
         return;
     }
     if (isOnServer_) {
         throw PgError("the connection was lost", "08006", StoreError::Kind::PASSING);
     }
+    isUnchecked_ = true;
     reads_.forget();
     looked_.clear();
-    glance_.reset();
-    connection_.reopen();
+    if (!connection_.isOpen()) {
+        connection_.reopen();
+    }
     requireLayout();
     requireClaims();
+    isUnchecked_ = false;
 }
 
 void PgStore::requireLayout() {
@@ -68,32 +111,36 @@ void PgStore::requireLayout() {
 
 // A server that took the place of another may lack the last that the other one had.
 void PgStore::requireClaims() {
-    std::array<PgArray, 5> columns{PgArray{PgType::BIGINT}, PgArray{PgType::BIGINT},
-                                   PgArray{PgType::BIGINT}, PgArray{PgType::BIGINT},
-                                   PgArray{PgType::BIGINT}};
-    for (const auto& [series, known] : known_) {
-        if (known.isOwned) {
-            columns[0].addNumber(series);
-            columns[1].addNumber(known.epoch);
-            columns[2].addNumber(known.owner);
-            columns[3].addNumber(known.lastGeneration);
-            columns[4].addNumber(known.lastId);
+    std::vector<S64_t> lost;
+    auto next = known_.cbegin();
+    while (next != known_.cend()) {
+        std::array<PgArray, 5> columns{PgArray{PgType::BIGINT}, PgArray{PgType::BIGINT},
+                                       PgArray{PgType::BIGINT}, PgArray{PgType::BIGINT},
+                                       PgArray{PgType::BIGINT}};
+        for (; next != known_.cend() && columns[0].size() < CLAIMS_AT_A_TIME; ++next) {
+            const auto& [series, known] = *next;
+            if (known.isOwned) {
+                columns[0].addNumber(series);
+                columns[1].addNumber(known.epoch);
+                columns[2].addNumber(known.owner);
+                columns[3].addNumber(known.lastGeneration);
+                columns[4].addNumber(known.lastId);
+            }
+        }
+        PgParameters parameters;
+        for (PgArray& column : columns) {
+            parameters.array(column);
+        }
+        const PgRows rows = connection_.run(pg::LOST, parameters);
+        for (int row = 0; row < rows.count(); ++row) {
+            lost.push_back(rows.integer(row, 0));
         }
     }
-    if (columns[0].size() == 0) {
-        return;
-    }
-    PgParameters parameters;
-    for (PgArray& column : columns) {
-        parameters.array(column);
-    }
-    const PgRows rows = connection_.run(pg::LOST, parameters);
-    std::vector<S64_t> lost;
-    for (int row = 0; row < rows.count(); ++row) {
-        lost.push_back(rows.integer(row, 0));
-        known_.erase(lost.back());
+    for (const S64_t series : lost) {
+        known_.erase(series);
     }
     if (!lost.empty()) {
+        isUnchecked_ = false;
         throw StoreConflict(lost);
     }
 }
@@ -120,13 +167,7 @@ Known& PgStore::known(SeriesNumber series) {
         if (rows.count() == 0) {
             throw StoreConflict();
         }
-        if (!known.isOwned) {
-            known.epoch = rows.integer(0, 0);
-            known.owner = rows.integer(0, 1);
-        }
-        known.generation = rows.integer(0, 2);
-        known.visits = rows.integer(0, 3);
-        known.isFresh = true;
+        known.read(rows);
     }
     return known;
 }
@@ -160,7 +201,6 @@ SeriesNumber PgStore::nameSeries(const SeriesKey& key) {
 Claim PgStore::claim(const SeriesKey& key, U32_t first) {
     return guarded([&] {
         looked_.clear();
-        glance_.reset();
         if (const auto claimed = tryClaim(key, reads_.likelyNumberOf(key), first, false)) {
             return *claimed;
         }
@@ -182,54 +222,50 @@ std::optional<Claim> PgStore::tryClaim(const SeriesKey& key, SeriesNumber number
     if (isNew) {
         queueName(key, number);
     }
-    PgParameters claim;
-    connection_.queue(pg::CLAIM, claim.integer(number).integer(owner_).bytes(identityOf(key)));
+    connection_.queue(
+        pg::CLAIM,
+        PgParameters().integer(number).integer(owner_).bytes(identityOf(key)).integer(first));
     connection_.queue(pg::NEWEST, PgParameters().integer(number));
-    connection_.queue(pg::GLANCE_HIGHEST, PgParameters().integer(number));
-    connection_.queue(pg::GLANCE_HELD, PgParameters().integer(number).integer(first));
-    connection_.queue(pg::GLANCE_RUN,
-                      PgParameters().integer(number).integer(first).integer(pg::FIRST_RUN_PAGE));
+    connection_.queue(pg::FIRST, PgParameters().integer(number).integer(first));
     connection_.sync();
     if (isNew) {
         connection_.take();
     }
     const PgRows claimed = connection_.take();
     const PgRows newest = connection_.take();
-    if (claimed.count() == 0 || newest.count() == 0) {
-        connection_.finish();
-    } else {
-        glance({number, static_cast<U32_t>(newest.integer(0, 0))}, key, first);
-    }
+    const PgRows held = connection_.take();
+    connection_.finish();
     if (claimed.count() == 0) {
         return std::nullopt;
     }
     reads_.remember(number, key);
-    known_[number] = {
-        true, claimed.integer(0, 0), owner_, claimed.integer(0, 1), claimed.integer(0, 2), true};
-    return Claim{number, newest.count() > 0 ? std::optional(generationOf(newest, 0, 0, number))
-                                            : std::nullopt};
+    Known& log = known_[number] = {};
+    log.read(claimed);
+    log.isOwned = true;
+    if (newest.count() == 0) {
+        return Claim{number, std::nullopt};
+    }
+    const GenerationInfo info = newestOf(number, newest, first);
+    looked_.put(info.number, first,
+                held.count() > 0 ? std::optional(PgReads::eventOf(held, 0, key)) : std::nullopt);
+    return Claim{number, info};
 }
 
-void PgStore::glance(const GenerationKey& generation, const SeriesKey& key, U32_t first) {
-    const PgRows highest = connection_.take();
-    const PgRows held = connection_.take();
-    const PgRows run = connection_.take();
-    connection_.finish();
-    glance_.emplace();
-    glance_->generation = generation;
-    if (highest.count() > 0) {
-        glance_->highest = static_cast<U32_t>(highest.integer(0, 0));
+// The log's row knows of the last run, the generation's perhaps of the one that the blade speaks
+// of.
+GenerationInfo PgStore::newestOf(SeriesNumber series, const PgRows& newest, U32_t first) {
+    GenerationInfo info = generationOf(newest, 0, 0, series);
+    const Known& log = known_.at(series);
+    if (log.generation != info.number.generation) {
+        return info;
     }
-    looked_.put(generation, first, std::nullopt);
-    for (int row = 0; row < held.count(); ++row) {
-        StoredEvent event = PgReads::eventOf(held, row, key);
-        const U32_t id = event.sequenceId;
-        looked_.put(generation, id, std::move(event));
+    info.highest = log.highest;
+    const bool isOther =
+        info.proven && log.run && info.proven->contains(first) && !log.run->contains(first);
+    if (log.run && !isOther) {
+        info.proven = log.run;
     }
-    if (run.count() > 0 && !run.isNull(0, 1)) {
-        glance_->runFrom = run.integer(0, 0);
-        glance_->runTo = static_cast<U32_t>(run.integer(0, 1));
-    }
+    return info;
 }
 
 std::optional<StoredEvent> PgStore::heldEvent(const GenerationKey& generation, U32_t id) {
@@ -247,19 +283,12 @@ std::optional<StoredEvent> PgStore::heldEvent(const GenerationKey& generation, U
     });
 }
 
-U32_t PgStore::endOfRun(const GenerationKey& generation, U32_t from) {
-    if (!glance_ || glance_->generation != generation || glance_->runFrom != from) {
-        return read(&PgReads::endOfRun, generation, from);
-    }
-    const bool isPageFull = glance_->runTo >= glance_->runFrom + pg::FIRST_RUN_PAGE - 1;
-    return isPageFull ? read(&PgReads::endOfRun, generation, glance_->runTo) : glance_->runTo;
-}
-
 std::optional<GenerationInfo> PgStore::newestGeneration(SeriesNumber series) {
-    return guarded([&] {
+    return guarded([&]() -> std::optional<GenerationInfo> {
         flush();
         known(series);
-        return reads_.newestGeneration(series);
+        const PgRows rows = connection_.run(pg::NEWEST, PgParameters().integer(series));
+        return rows.count() > 0 ? std::optional(newestOf(series, rows, 0)) : std::nullopt;
     });
 }
 
@@ -275,12 +304,20 @@ void PgStore::addGeneration(const GenerationKey& generation, S64_t opened) {
     guarded([&] {
         Known& log = known(generation.series);
         beginOnServer();
+        flush(); // what comes before belongs to the generation before, and so does its run
+        if (log.isOwned && log.run) {
+            connection_.run(pg::NOTE_RUN, PgParameters()
+                                              .integer(generation.series)
+                                              .integer(log.generation)
+                                              .integer(log.run->first)
+                                              .integer(log.run->last));
+        }
         PgParameters parameters;
         parameters.integer(generation.series).integer(generation.generation).time(opened);
         if (log.isOwned) {
             parameters.integer(log.epoch).integer(log.owner);
         } else {
-            ++log.visits;
+            ++log.unclaimed;
         }
         const PgRows rows =
             connection_.run(log.isOwned ? pg::OPEN_OWNED : pg::OPEN_FREE, parameters);
@@ -290,6 +327,8 @@ void PgStore::addGeneration(const GenerationKey& generation, S64_t opened) {
             throw StoreConflict();
         }
         log.generation = generation.generation;
+        log.highest.reset();
+        log.run.reset();
     });
 }
 
@@ -300,8 +339,12 @@ void PgStore::addEvent(const GenerationKey& generation, const NewEvent& event) {
                         event.doubtful, event.received});
 }
 
-void PgStore::changeEvent(const PgStatement& statement, const GenerationKey& generation, U32_t id) {
-    guarded([&] { flush(); });
+Known& PgStore::changeEvent(const PgStatement& statement, const GenerationKey& generation,
+                            U32_t id) {
+    Known& log = guarded([&]() -> Known& {
+        flush();
+        return known(generation.series);
+    });
     looked_.forget(generation);
     touched_.insert(generation.series);
     const PgRows rows = change(
@@ -310,6 +353,7 @@ void PgStore::changeEvent(const PgStatement& statement, const GenerationKey& gen
     if (rows.affected() == 0) {
         throw StoreConflict();
     }
+    return log;
 }
 
 U64_t PgStore::removeOldest(const GenerationKey& generation, S64_t before, U64_t most) {
@@ -322,10 +366,24 @@ U64_t PgStore::removeOldest(const GenerationKey& generation, S64_t before, U64_t
         .affected();
 }
 
+// Of a log that is owned its row tells, which the fence writes; of others, and of generations of
+// before, the generation's.
 void PgStore::noteProven(const GenerationKey& generation, const IdRun& run) {
+    const bool isNothing = run.first > run.last;
+    const auto known = known_.find(generation.series);
+    if (known != known_.end() && known->second.isOwned && known->second.isFresh &&
+        known->second.generation == generation.generation) {
+        std::optional<IdRun>& noted = known->second.run;
+        const bool isWithin = noted && noted->contains(run.first) && run.last <= noted->last;
+        if (isNothing ? noted.has_value() : !isWithin) {
+            noted = isNothing ? std::nullopt : std::optional(run);
+            touched_.insert(generation.series);
+        }
+        return;
+    }
     PgParameters parameters;
     parameters.integer(generation.series).integer(generation.generation);
-    if (run.first > run.last) {
+    if (isNothing) {
         change(pg::FORGET_RUN, parameters);
     } else {
         change(pg::NOTE_RUN, parameters.integer(run.first).integer(run.last));
@@ -343,8 +401,17 @@ void PgStore::setAside(const SeriesKey& key, Aside reason, const NewEvent& event
                           .bytes(event.image));
 }
 
+namespace {
+
+std::unique_ptr<PgStore> opened(std::unique_ptr<PgStore> store) {
+    store->connect();
+    return store;
+}
+
+} // namespace
+
 std::unique_ptr<Store> openPgArchive(const std::string& place) {
-    return std::make_unique<PgStore>(place, PgPatience(), "");
+    return opened(std::make_unique<PgStore>(place, PgPatience(), ""));
 }
 
 std::string nodeName(U32_t node, U32_t nodes) {
@@ -352,11 +419,19 @@ std::string nodeName(U32_t node, U32_t nodes) {
 }
 
 std::unique_ptr<Store> openPgNode(const std::string& place, U32_t node, U32_t nodes) {
-    return std::make_unique<PgStore>(place, PgPatience(), nodeName(node, nodes));
+    auto store = std::make_unique<PgStore>(place, PgPatience(), nodeName(node, nodes));
+    try {
+        store->connect();
+    } catch (const StoreError& error) {
+        if (!error.isPassing()) {
+            throw;
+        }
+    }
+    return store;
 }
 
 std::unique_ptr<StoreReader> openPgArchiveForReading(const std::string& place) {
-    return std::make_unique<PgStore>(place, PgPatience::endless(), std::nullopt);
+    return opened(std::make_unique<PgStore>(place, PgPatience::endless(), std::nullopt));
 }
 
 } // namespace evarchive

@@ -18,7 +18,7 @@
 namespace evarchive {
 
 /** The layout of tables that this program knows. */
-constexpr S64_t PG_LAYOUT = 1;
+constexpr S64_t PG_LAYOUT = 2;
 
 /**
  * Opens an archive for filing. Throws StoreError when the server cannot be reached, or what it has
@@ -27,7 +27,8 @@ constexpr S64_t PG_LAYOUT = 1;
  */
 std::unique_ptr<Store> openPgArchive(const std::string& place);
 
-/** The same for one of the servers that an archive is spread over. @param node from 0 on */
+/** The same for one of the servers that an archive is spread over; one that is away for now may
+ * show later. @param node from 0 on */
 std::unique_ptr<Store> openPgNode(const std::string& place, U32_t node, U32_t nodes);
 
 /** What a server is called that has a part of an archive: "1 of 3". */
