@@ -33,7 +33,15 @@ struct Bounds {
 class World {
   public:
     enum BladeAction : unsigned { LOG, REBUILD, SEND, SEND_AND_CUT, CUT, BLADE_ACTIONS };
-    enum ProcessAction : unsigned { CONNECT, WORK, COMMIT, FAIL, DIE, PROCESS_ACTIONS };
+    enum ProcessAction : unsigned {
+        CONNECT,
+        WORK,
+        COMMIT,
+        FAIL,
+        FAIL_UNHEARD, ///< what seems to have failed is safe
+        DIE,
+        PROCESS_ACTIONS
+    };
 
     explicit World(const Bounds& bounds) : bounds_(bounds), processes_(bounds.processes) {
         std::ranges::generate(processes_,
@@ -62,6 +70,7 @@ class World {
         case COMMIT:
             return process.archive->isUncommitted();
         case FAIL:
+        case FAIL_UNHEARD:
             return process.archive->isUncommitted() && failures_ < bounds_.failures;
         default:
             return process.isWarm && failures_ < bounds_.failures;
@@ -90,12 +99,18 @@ class World {
             ++failures_;
             fail(process);
             break;
+        case FAIL_UNHEARD:
+            ++failures_;
+            failUnheard(process);
+            break;
         default:
             ++failures_;
             die(process);
             break;
         }
     }
+
+    bool isConnected() const { return peer_ != nullptr; }
 
     /** The blade connects once more and sends all that it has; everything comes to its end.
      * @param isLate the first process stands still until then, and the blade is on the last one */
@@ -104,12 +119,18 @@ class World {
         settle();
         cut();
         connect(isLate ? *processes_.back() : *processes_.front());
+        sendTheRest();
+    }
+
+    /** The same on the link that the blade has; if that turns out to be closed, on another one. */
+    void stay() {
         settle();
-        sendAll();
-        logOne(); // a rebuilt log that ends where the claim does shows with its next event
-        sendAll();
-        isFirstStill_ = false;
-        settle();
+        sendTheRest();
+        for (int round = 0; peer_ == nullptr; ++round) {
+            ASSERT_LT(round, 5) << "the blade connects without end";
+            connect(*processes_.front());
+            sendTheRest();
+        }
     }
 
     void expectAllIsThere() {
@@ -298,11 +319,24 @@ class World {
     void fail(Process& process) {
         process.archive->abandon();
         process.isWarm = false;
-        process.held.clear();
+        std::erase_if(process.held, [](const auto& reply) { return reply.second.has_value(); });
         while (!process.worked.empty()) {
             process.queue.push_front(std::move(process.worked.back()));
             process.worked.pop_back();
         }
+    }
+
+    void failUnheard(Process& process) {
+        process.store->failAfterCommit();
+        try {
+            process.archive->commit();
+        } catch (const StoreConflict& conflict) {
+            undo(process, conflict);
+            return;
+        } catch (const StoreError&) {
+            // Nothing tells that it is safe.
+        }
+        fail(process);
     }
 
     void undo(Process& process, const StoreConflict& conflict) {
@@ -339,6 +373,15 @@ class World {
                 }
             }
         }
+    }
+
+    void sendTheRest() {
+        settle();
+        sendAll();
+        logOne(); // a rebuilt log that ends where the claim does shows with its next event
+        sendAll();
+        isFirstStill_ = false;
+        settle();
     }
 
     void sendAll() {
@@ -478,6 +521,11 @@ class ExhaustiveTest : public testing::TestWithParam<Bounds> {
         for (U32_t process = 0; process < bounds.processes; ++process) {
             const auto world = after(bounds, way);
             world->finish(process > 0);
+            world->expectAllIsThere();
+        }
+        const auto world = after(bounds, way);
+        if (world->isConnected()) {
+            world->stay();
             world->expectAllIsThere();
         }
     }

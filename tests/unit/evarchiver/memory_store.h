@@ -68,9 +68,18 @@ class MemoryStore : public Store {
             change(committed_);
         }
         work_.reset();
+        if (std::exchange(failsAfterCommit_, false)) {
+            throw StoreError("nothing was heard of it", StoreError::Kind::PASSING);
+        }
     }
 
-    void rollback() noexcept override { work_.reset(); }
+    /** The next commit that is made seems to have failed. */
+    void failAfterCommit() { failsAfterCommit_ = true; }
+
+    void rollback() noexcept override {
+        work_.reset();
+        failsAfterCommit_ = false;
+    }
 
     SeriesNumber addSeries(const SeriesKey& key) override {
         change([key](MemoryDatabase& all) { addTo(all, key); });
@@ -303,6 +312,7 @@ class MemoryStore : public Store {
 
     MemoryDatabase& committed_;
     bool isShared_;
+    bool failsAfterCommit_ = false;
     std::optional<MemoryDatabase> work_; ///< within a transaction
     std::vector<std::function<void(MemoryDatabase&)>> changes_;
     std::set<SeriesNumber> ours_; ///< series with changes that need their claim
