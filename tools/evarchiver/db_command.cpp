@@ -61,7 +61,10 @@ int maintain(const DbOptions& options) {
               << upkeep.dropped.size() << " partitions dropped, " << upkeep.frozen << " frozen, "
               << upkeep.removed << " stray events and " << upkeep.removedAside
               << " set aside removed\n";
-    return tools::EXIT_DONE;
+    for (const std::string& failure : upkeep.failed) {
+        std::cout << failure << "\n";
+    }
+    return upkeep.failed.empty() ? int{tools::EXIT_DONE} : tools::EXIT_FINDING;
 }
 
 int import(const DbOptions& options) {

@@ -53,6 +53,10 @@ class FleetDatabaseTest : public testing::Test {
 
     std::string sql(const std::string& statements) { return server().sql(statements, name_); }
 
+    bool isSomebodyWaiting() {
+        return sql("SELECT count(*) FROM pg_locks WHERE NOT granted") != "0\n";
+    }
+
     std::string name_ = "upkeep";
     std::string place_ = server().makeDatabase(name_);
     SeriesKey key_{{"ENC-A", "BLADE-1", 1}, 1};
@@ -164,7 +168,7 @@ TEST_F(FleetDatabaseTest, UpkeepGoesOnWhileEventsAreFiled) {
     }
     for (const S64_t day : {1, 14, 27, 40}) {
         const U32_t before = filed;
-        EXPECT_NO_THROW(maintainFleet(place_, 0, NOW + day * DAY));
+        EXPECT_THAT(maintainFleet(place_, 0, NOW + day * DAY).failed, IsEmpty());
         EXPECT_TRUE(support::waitUntil([&] { return filed > before + 10; }));
     }
     isOver = true;
@@ -178,6 +182,55 @@ TEST_F(FleetDatabaseTest, UpkeepGoesOnWhileEventsAreFiled) {
         sql("SELECT bool_and(n = (highest + 1) / 3) FROM (SELECT log, count(*) AS n FROM events "
             "WHERE id % 3 = 2 GROUP BY log) e JOIN logs l ON l.log = e.log"),
         "t\n");
+}
+
+// Its time is one that a partition is about to be made for.
+TEST_F(FleetDatabaseTest, EventThatComesWhileItsPartitionIsMadeIsMovedToo) {
+    file({{0, NOW + 20 * DAY}}, NOW);
+    const auto archiver = openPgArchive(place_);
+    const GenerationKey generation{archiver->claim(key_, 0).series, 1};
+    const Bytes image = eventBody({.id = 1, .time = static_cast<U32_t>(NOW + 20 * DAY)});
+    archiver->begin();
+    archiver->addEvent(generation, {1, image, true, false, NOW});
+    archiver->highestId(generation); // the server has it
+    FleetUpkeep upkeep;
+    std::thread owner([&] { upkeep = maintainFleet(place_, 0, NOW + 20 * DAY); });
+    EXPECT_TRUE(support::waitUntil([this] { return isSomebodyWaiting(); }));
+    archiver->commit();
+    owner.join();
+    EXPECT_THAT(upkeep.failed, IsEmpty());
+    EXPECT_EQ(upkeep.moved, 2U);
+    EXPECT_EQ(sql("SELECT count(*) FROM events_default"), "0\n");
+}
+
+TEST_F(FleetDatabaseTest, PastPartitionIsDroppedAroundAnArchiverAtWork) {
+    file({{0, NOW}}, NOW);
+    const auto archiver = openPgArchive(place_);
+    const GenerationKey generation{archiver->claim(key_, 0).series, 1};
+    const Bytes image = eventBody({.id = 1, .time = static_cast<U32_t>(NOW + 2 * DAY)});
+    archiver->begin();
+    archiver->addEvent(generation, {1, image, true, false, NOW});
+    archiver->highestId(generation);
+    FleetUpkeep upkeep;
+    std::thread owner([&] { upkeep = maintainFleet(place_, 0, NOW + 5 * DAY); });
+    EXPECT_TRUE(support::waitUntil([this] { return isSomebodyWaiting(); }));
+    archiver->countDuplicates(generation, 1); // of a row that what goes is written into
+    archiver->commit();
+    owner.join();
+    EXPECT_THAT(upkeep.failed, IsEmpty());
+    EXPECT_THAT(upkeep.dropped, testing::Contains("events_20231114_1"));
+    EXPECT_EQ(sql("SELECT run_first, run_last, duplicates FROM generations"), "0|0|1\n");
+    EXPECT_EQ(sql("SELECT value FROM meta WHERE name = 'dropped_before'"), "1700006400\n");
+}
+
+TEST_F(FleetDatabaseTest, WhatCannotBeDoneLeavesTheRestToBeDone) {
+    file({{0, NOW}}, NOW);
+    sql("CREATE TABLE events_20231123_1 ()");
+    const FleetUpkeep upkeep = maintainFleet(place_, 0, NOW + 8 * DAY);
+    EXPECT_THAT(upkeep.failed,
+                testing::ElementsAre(HasSubstr("events_20231123_1 could not be made")));
+    EXPECT_THAT(upkeep.made, testing::Contains("events_20231124_1"));
+    EXPECT_THAT(upkeep.dropped, testing::Contains("events_20231114_1"));
 }
 
 TEST_F(FleetDatabaseTest, StrayEventsGoByTheTimeOfTheirArrival) {
@@ -280,6 +333,14 @@ TEST_F(FleetDatabaseTest, ArchiveOfTheFirstLayoutIsUpgradedWithItsEvents) {
     EXPECT_EQ(claim.newest->proven, (IdRun{3, 4}));
     EXPECT_THAT([&] { sql("UPDATE logs SET visits = visits + 1"); },
                 ThrowsMessage<std::runtime_error>(HasSubstr("does not exist")));
+}
+
+TEST_F(FleetDatabaseTest, GapsOfABladeAreFoundByItsLog) {
+    file({{0, NOW}, {4, NOW}}, NOW);
+    EXPECT_THAT(sql("SET enable_seqscan = off; EXPLAIN (COSTS OFF) SELECT * FROM gap_list WHERE "
+                    "log = (SELECT log FROM blade_list WHERE blade = 'BLADE-1')"),
+                testing::AllOf(HasSubstr("Index Cond: (log = $"),
+                               testing::Not(HasSubstr("Seq Scan on events"))));
 }
 
 TEST_F(FleetDatabaseTest, UpgradeOfThePresentLayoutChangesNothing) {

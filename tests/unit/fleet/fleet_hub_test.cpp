@@ -111,3 +111,12 @@ TEST_F(FleetHubTest, UpkeepGoesToEachServer) {
     EXPECT_THAT(out.str(), HasSubstr("server 2 of 2:"));
     EXPECT_EQ(upgradeFleet(hub_), PG_LAYOUT);
 }
+
+TEST_F(FleetHubTest, UpkeepOfOneServerDoesNotWaitForAnother) {
+    server().sql("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = 'node1'");
+    server().sql("ALTER DATABASE node1 RENAME TO node_away");
+    const FleetUpkeep upkeep = maintainFleet(hub_, 0, NOW + 86'400);
+    server().sql("ALTER DATABASE node_away RENAME TO node1");
+    EXPECT_THAT(upkeep.failed, testing::ElementsAre(HasSubstr("server 1 of 2: ")));
+    EXPECT_THAT(upkeep.made, testing::SizeIs(1));
+}

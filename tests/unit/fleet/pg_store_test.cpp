@@ -616,3 +616,22 @@ TEST_F(PgStoreTest, ServerThatIsNotThereIsSaid) {
     EXPECT_THROW(openPgArchive("postgresql://postgres@%2Ftmp%2Fnowhere/x"), StoreError);
     EXPECT_THROW(openPgArchive("postgresql://?nonsense=1"), StoreError);
 }
+
+TEST_F(PgStoreTest, ManyClaimsAreLookedUpInPieces) {
+    std::vector<S64_t> series;
+    for (U32_t slot = 0; slot < 600; ++slot) {
+        series.push_back(store_->claim({{"ENC-A", "BLADE-1", slot}, 1}, 0).series);
+    }
+    server().sql("UPDATE logs SET epoch = epoch + 1 WHERE slot IN (0, 300, 599); "
+                 "SELECT pg_terminate_backend(pid) FROM pg_stat_activity "
+                 "WHERE application_name = 'evarchiver'",
+                 "contract");
+    EXPECT_THROW(store_->highestId({series[0], 1}), StoreError);
+    try {
+        store_->begin();
+        FAIL() << "three claims are lost";
+    } catch (const StoreConflict& conflict) {
+        EXPECT_THAT(conflict.lost(),
+                    testing::UnorderedElementsAre(series[0], series[300], series[599]));
+    }
+}

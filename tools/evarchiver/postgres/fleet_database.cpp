@@ -7,18 +7,28 @@
 
 #include <algorithm>
 #include <ctime>
-#include <functional>
 #include <thread>
 
 namespace evarchive {
 namespace {
 
 constexpr S64_t DAY = 86'400;
+constexpr char LOCKED[] = "55P03"; ///< a lock was not to be had in time
 
 // Partitions that are live at a time, about; each one costs every look-up a little.
 constexpr U32_t LIVE_PARTITIONS = 12;
 
 constexpr S64_t REMOVED_AT_A_TIME = 10'000;
+constexpr S64_t NOTED_AT_A_TIME = 1'000;
+
+// Who waits for a table keeps all others waiting that come behind, archivers too: so the wait is
+// short, and done often. The last ones are long enough for the server to send its own upkeep away.
+constexpr int MOST_TRIES = 30;
+constexpr int LONG_TRIES = 5;
+constexpr std::chrono::milliseconds SHORT_WAIT{300};
+constexpr std::chrono::milliseconds LONG_WAIT{1500};
+constexpr std::chrono::milliseconds FIRST_PAUSE{20};
+constexpr std::chrono::milliseconds LONGEST_PAUSE{1000};
 
 /** Days, from 1970-01-01 on: the first, and the one behind the last. */
 struct Days {
@@ -76,18 +86,25 @@ constexpr PgStatement PARTITIONS{
                   "WHERE i.inhparent = 'events'::regclass ORDER BY 1"};
 constexpr PgStatement RETENTION{"retention",
                                 "SELECT value::bigint FROM meta WHERE name = 'retention_days'"};
-// Archivers and readers are in the way for a moment each. While this waits, they do.
-constexpr char SHORT_WAIT[] = "SET LOCAL lock_timeout = 1000; ";
-constexpr char LOCK_TIMEOUT[] = "55P03";
-constexpr int MOST_TRIES = 20;
-constexpr std::chrono::milliseconds BETWEEN_TRIES{100};
-
-constexpr PgStatement REMOVE_OLD_ASIDE{
-    "remove_old_aside", "DELETE FROM set_aside WHERE ctid = ANY(ARRAY(SELECT ctid FROM set_aside "
-                        "WHERE received < $1 LIMIT $2))"};
 constexpr PgStatement REMOVE_DEFAULT{
     "remove_default", "DELETE FROM events_default WHERE ctid = ANY(ARRAY(SELECT ctid FROM "
                       "events_default WHERE received < $1 LIMIT $2))"};
+constexpr PgStatement REMOVE_ASIDE{
+    "remove_aside_part", "DELETE FROM set_aside WHERE ctid = ANY(ARRAY(SELECT ctid FROM set_aside "
+                         "WHERE received < $1 LIMIT $2))"};
+
+/** Runs of what goes, into the generations' rows: those that somebody else has locked wait. */
+constexpr PgStatement NOTE_GONE{
+    "note_gone",
+    "WITH part AS (SELECT r.* FROM gone r JOIN generations g USING (log, generation) "
+    "ORDER BY r.log, r.generation LIMIT $1 FOR UPDATE OF g SKIP LOCKED), "
+    "noted AS (UPDATE generations g SET run_first = least(g.run_first, r.first), "
+    "run_last = greatest(g.run_last, r.last) FROM part r "
+    "WHERE g.log = r.log AND g.generation = r.generation AND (g.run_first IS NULL OR "
+    "(r.first <= g.run_last + 1 AND r.last >= g.run_first - 1))) "
+    "DELETE FROM gone USING part r WHERE gone.log = r.log AND gone.generation = r.generation"};
+constexpr PgStatement STILL_GONE{
+    "still_gone", "SELECT 1 FROM gone JOIN generations USING (log, generation) LIMIT 1"};
 
 /** One round. */
 class Maintenance {
@@ -107,19 +124,10 @@ class Maintenance {
         }
         retention_ = owner_.connection().run(RETENTION).integer(0, 0);
         look();
-        // A step that fails keeps no other one from what it is for: a full disk, above all.
-        std::optional<PgError> failed;
-        for (const auto step : {&Maintenance::makeAhead, &Maintenance::dropPast,
-                                &Maintenance::freezeClosed, &Maintenance::removeRest}) {
-            try {
-                (this->*step)();
-            } catch (const PgError& error) {
-                failed = error;
-            }
-        }
-        if (failed) {
-            throw *failed;
-        }
+        makeAhead();
+        dropPast();
+        freezeClosed();
+        removeRest();
         return upkeep_;
     }
 
@@ -161,134 +169,178 @@ class Maintenance {
     }
 
     void make(S64_t day, S64_t end, std::vector<Partition>& made);
+    void makeOne(const Days& days);
 
     void dropPast() {
         const S64_t oldest = today() - retention_;
-        const auto isPast = [oldest](const Partition& it) { return it.days.end <= oldest; };
-        for (const Partition& it : partitions_) {
-            if (isPast(it)) {
-                drop(it.days);
+        std::erase_if(partitions_, [&](const Partition& it) {
+            const bool isPast = it.days.end <= oldest;
+            if (isPast) {
+                attempt(nameOf(it.days) + " could not be dropped", [&] { drop(it.days); });
             }
-        }
-        std::erase_if(partitions_, isPast);
-    }
-
-    // A transaction, again when others were in its way.
-    void again(const std::function<void(PgConnection&)>& work) {
-        for (int left = MOST_TRIES;; --left) {
-            PgConnection& connection = owner_.connection();
-            try {
-                connection.execute(std::string("BEGIN; ") + SHORT_WAIT);
-                work(connection);
-                connection.execute("COMMIT");
-                return;
-            } catch (const PgError& error) {
-                if (connection.isOpen()) {
-                    connection.execute("ROLLBACK");
-                }
-                if (left == 0 || !(error.isConflict() || error.state() == LOCK_TIMEOUT)) {
-                    throw;
-                }
-            }
-            std::this_thread::sleep_for(BETWEEN_TRIES);
-        }
+            return isPast;
+        });
     }
 
     void drop(const Days& days);
+    void noteGone(const std::string& name);
 
     // Nothing comes any more into one that has been over for a day, but for late events.
     void freezeClosed() {
         for (const Partition& it : partitions_) {
             if (!it.isFrozen && it.days.end < today()) {
                 const std::string name = nameOf(it.days);
-                owner_.connection().execute("VACUUM (FREEZE) " + name);
-                owner_.connection().execute("COMMENT ON TABLE " + name + " IS 'frozen'");
-                ++upkeep_.frozen;
+                attempt(name + " could not be frozen", [&] { freeze(name); });
             }
         }
     }
 
-    void removeRest() {
-        upkeep_.removed += removeAll(REMOVE_DEFAULT);
-        upkeep_.removedAside += removeAll(REMOVE_OLD_ASIDE);
+    void freeze(const std::string& name) {
+        again([&] {
+            owner_.connection().execute("VACUUM (FREEZE) " + name);
+            owner_.connection().execute("COMMENT ON TABLE " + name + " IS 'frozen'");
+        });
+        ++upkeep_.frozen;
     }
 
-    // In parts, so that nobody waits for long.
-    U64_t removeAll(const PgStatement& statement) {
+    void removeRest() {
+        attempt("stray events could not be removed",
+                [this] { again([this] { removeAll(REMOVE_DEFAULT, upkeep_.removed); }); });
+        attempt("what was set aside could not be removed",
+                [this] { again([this] { removeAll(REMOVE_ASIDE, upkeep_.removedAside); }); });
+    }
+
+    void removeAll(const PgStatement& statement, U64_t& count) {
         const S64_t before = (today() - retention_) * DAY;
         U64_t removed = 0;
-        for (U64_t part = 1; part > 0; removed += part) {
-            part = owner_.connection()
-                       .run(statement, PgParameters().time(before).integer(REMOVED_AT_A_TIME))
-                       .affected();
+        do {
+            removed = owner_.connection()
+                          .run(statement, PgParameters().time(before).integer(REMOVED_AT_A_TIME))
+                          .affected();
+            count += removed;
+        } while (removed > 0);
+    }
+
+    // Begins a transaction that takes locks.
+    std::string begin() const {
+        const auto wait = triesLeft_ > LONG_TRIES ? SHORT_WAIT : LONG_WAIT;
+        return "BEGIN; SET LOCAL lock_timeout = " + std::to_string(wait.count()) + "; ";
+    }
+
+    // Archivers at work, their users and the server's own upkeep are in the way for a moment.
+    template <typename Work>
+    void again(Work work) {
+        auto pause = FIRST_PAUSE;
+        for (triesLeft_ = MOST_TRIES;; --triesLeft_) {
+            try {
+                work();
+                return;
+            } catch (const PgError& error) {
+                const bool isOpen = owner_.connection().isOpen();
+                if (isOpen) {
+                    owner_.connection().execute("ROLLBACK");
+                }
+                const bool isBusy = error.isConflict() || error.state() == LOCKED;
+                if (!isOpen || !isBusy || triesLeft_ == 0) {
+                    throw;
+                }
+            }
+            std::this_thread::sleep_for(pause);
+            pause = std::min(2 * pause, LONGEST_PAUSE);
         }
-        return removed;
+    }
+
+    // What cannot be done leaves the rest to be done.
+    template <typename Work>
+    void attempt(const std::string& what, Work work) {
+        try {
+            work();
+        } catch (const PgError& error) {
+            if (!owner_.connection().isOpen()) {
+                throw;
+            }
+            upkeep_.failed.push_back(what + ": " + error.what());
+        }
     }
 
     FleetOwner lock_;
     FleetOwner owner_;
     S64_t now_;
     S64_t retention_ = 0;
+    int triesLeft_ = 0;
     std::vector<Partition> partitions_;
     FleetUpkeep upkeep_;
 };
 
-// Rows of the default partition that belong to the new one are moved: it could not be attached
-// otherwise. Nothing may come to it meanwhile, nor may somebody read there who then wants to file.
 void Maintenance::make(S64_t day, S64_t end, std::vector<Partition>& made) {
     for (; day < end; day += width()) {
         const Days days{day, std::min(end, day + width())};
-        const std::string name = nameOf(days);
-        const std::string from = boundOf(days.first);
-        const std::string to = boundOf(days.end);
-        U64_t moved = 0;
-        again([&](PgConnection& connection) {
-            connection.execute(text({"LOCK TABLE events_default; CREATE TABLE ", name,
-                                     " (LIKE events INCLUDING DEFAULTS INCLUDING STORAGE INCLUDING "
-                                     "INDEXES) WITH (toast_tuple_target = 8160)"}));
-            const std::string statement = "move_" + name;
-            const std::string move = text(
-                {"WITH moved AS (DELETE FROM events_default WHERE time >= ", from, " AND time < ",
-                 to, " RETURNING *) INSERT INTO ", name, " SELECT * FROM moved"});
-            moved = connection.run({statement.c_str(), move.c_str()}).affected();
-            connection.execute(text({"ALTER TABLE events ATTACH PARTITION ", name,
-                                     " FOR VALUES FROM (", from, ") TO (", to, ")"}));
+        attempt(nameOf(days) + " could not be made", [&] {
+            again([&] { makeOne(days); });
+            made.push_back({days, false});
         });
-        upkeep_.moved += moved;
-        made.push_back({days, false});
-        upkeep_.made.push_back(name);
     }
 }
 
-// What goes is remembered as a run, so that nobody asks a blade for it again: first, since it is as
-// true while the events are there, and an archiver that has such a row waits for nothing then.
+// Rows of the default partition that belong to the new one are moved: it could not be attached
+// otherwise. None may come meanwhile.
+void Maintenance::makeOne(const Days& days) {
+    const std::string name = nameOf(days);
+    const std::string from = boundOf(days.first);
+    const std::string to = boundOf(days.end);
+    PgConnection& connection = owner_.connection();
+    connection.execute(begin() + text({"LOCK TABLE ONLY events IN SHARE UPDATE EXCLUSIVE MODE; "
+                                       "LOCK TABLE events_default IN ACCESS EXCLUSIVE MODE; "
+                                       "CREATE TABLE ",
+                                       name,
+                                       " (LIKE events INCLUDING DEFAULTS INCLUDING STORAGE "
+                                       "INCLUDING INDEXES) WITH (toast_tuple_target = 8160)"}));
+    const std::string statement = "move_" + name;
+    const std::string move =
+        text({"WITH moved AS (DELETE FROM events_default WHERE time >= ", from, " AND time < ", to,
+              " RETURNING *) INSERT INTO ", name, " SELECT * FROM moved"});
+    const U64_t moved = connection.run({statement.c_str(), move.c_str()}).affected();
+    connection.execute(text({"ALTER TABLE events ATTACH PARTITION ", name, " FOR VALUES FROM (",
+                             from, ") TO (", to, "); COMMIT"}));
+    upkeep_.moved += moved;
+    upkeep_.made.push_back(name);
+}
+
+// Nearly nothing comes any more into what is past, so that its runs are found without a lock.
 void Maintenance::drop(const Days& days) {
     const std::string name = nameOf(days);
+    noteGone(name);
+    again([&] {
+        owner_.connection().execute(
+            begin() +
+            text({"ALTER TABLE events DETACH PARTITION ", name, "; DROP TABLE ", name,
+                  "; INSERT INTO meta VALUES ('dropped_before', '", std::to_string(days.end * DAY),
+                  "') ON CONFLICT (name) DO UPDATE SET value = "
+                  "greatest(meta.value::bigint, excluded.value::bigint)::text; COMMIT"}));
+    });
+    upkeep_.dropped.push_back(name);
+}
+
+// What goes is remembered as a run, so that nobody asks a blade for it again: of each generation
+// the last one, if it goes on from what is known. It waits for nobody while it has rows locked.
+void Maintenance::noteGone(const std::string& name) {
     PgConnection& connection = owner_.connection();
     connection.execute(
-        "DROP TABLE IF EXISTS pg_temp.gone; CREATE TEMPORARY TABLE gone AS "
-        "SELECT DISTINCT ON (log, generation) log, generation, min(id) AS first, max(id) AS last "
+        "CREATE TEMP TABLE IF NOT EXISTS gone (log bigint, generation bigint, first bigint, "
+        "last bigint, PRIMARY KEY (log, generation)); TRUNCATE gone; INSERT INTO gone "
+        "SELECT DISTINCT ON (log, generation) log, generation, min(id), max(id) "
         "FROM (SELECT log, generation, id, id - dense_rank() OVER "
         "(PARTITION BY log, generation ORDER BY id) AS hole FROM " +
         name +
         " WHERE NOT doubtful) h GROUP BY log, generation, hole "
-        "ORDER BY log, generation, max(id) DESC");
-    again([](PgConnection& it) {
-        it.execute(
-            "UPDATE generations g SET run_first = least(g.run_first, r.first), "
-            "run_last = greatest(g.run_last, r.last) FROM gone r "
-            "WHERE g.log = r.log AND g.generation = r.generation AND (g.run_first IS NULL OR "
-            "(r.first <= g.run_last + 1 AND r.last >= g.run_first - 1))");
+        "ORDER BY log, generation, max(id) DESC; ANALYZE gone");
+    again([&] {
+        while (connection.run(NOTE_GONE, PgParameters().integer(NOTED_AT_A_TIME)).affected() > 0) {
+        }
+        if (connection.run(STILL_GONE).count() > 0) {
+            throw PgError("its logs are locked", LOCKED, StoreError::Kind::PASSING);
+        }
     });
-    again([&](PgConnection& it) {
-        it.execute(
-            text({"ALTER TABLE events DETACH PARTITION ", name, "; DROP TABLE ", name,
-                  "; INSERT INTO meta VALUES ('dropped_before', '", std::to_string(days.end * DAY),
-                  "') ON CONFLICT (name) DO UPDATE SET value = "
-                  "greatest(meta.value::bigint, EXCLUDED.value::bigint)::text"}));
-    });
-    connection.execute("DROP TABLE gone");
-    upkeep_.dropped.push_back(name);
 }
 
 } // namespace
@@ -327,6 +379,7 @@ FleetUpkeep& FleetUpkeep::operator+=(const FleetUpkeep& other) {
     frozen += other.frozen;
     removed += other.removed;
     removedAside += other.removedAside;
+    failed.insert(failed.end(), other.failed.begin(), other.failed.end());
     return *this;
 }
 
@@ -336,8 +389,13 @@ FleetUpkeep maintainFleet(const std::string& place, U32_t retentionDays, S64_t n
         return Maintenance(place, now).run(retentionDays);
     }
     FleetUpkeep all;
-    for (const std::string& node : nodes) {
-        all += Maintenance(node, now).run(retentionDays);
+    for (std::size_t node = 0; node < nodes.size(); ++node) {
+        try {
+            all += Maintenance(nodes[node], now).run(retentionDays);
+        } catch (const StoreError& error) {
+            all.failed.push_back("server " + std::to_string(node + 1) + " of " +
+                                 std::to_string(nodes.size()) + ": " + error.what());
+        }
     }
     return all;
 }

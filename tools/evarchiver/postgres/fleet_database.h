@@ -33,13 +33,15 @@ struct FleetUpkeep {
     U64_t frozen = 0;                 ///< partitions that nothing comes into any more
     U64_t removed = 0;                ///< events of the default partition, past retention
     U64_t removedAside = 0;           ///< events that had been set aside, past retention
+    std::vector<std::string> failed;  ///< what could not be done, and why: the next round tries
 
     FleetUpkeep& operator+=(const FleetUpkeep& other);
 };
 
 /**
  * Makes partitions ahead, drops those past retention. One at a time: another one that runs lets
- * this one fail with a passing StoreError. Of a hub: that of each of its servers.
+ * this one fail with a passing StoreError. Archivers go on meanwhile; it waits for them, but keeps
+ * them waiting for moments only. Of a hub: that of each of its servers.
  * @param retentionDays kept from now on; 0: as before
  * @param now           seconds since 1970-01-01 UTC
  */
