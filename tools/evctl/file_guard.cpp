@@ -135,7 +135,7 @@ void replace(const std::string& path, const EvlogSalvage_t& salvage, const struc
     std::string made = path + LOG_BEING_MADE;
     unlink(made.c_str()); // of one that ended half-way
     if (!salvage.bytes.empty()) {
-        writeFileWhole(made, salvage.bytes, file.st_mode & 07777);
+        writeFileWhole(made, salvage.bytes, {.mode = file.st_mode & 07777});
     }
     std::string aside = setAside(path, file);
     int result = salvage.bytes.empty() ? unlink(path.c_str()) : rename(made.c_str(), path.c_str());

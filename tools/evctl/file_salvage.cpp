@@ -17,7 +17,8 @@ namespace {
 
 constexpr char FILE_SALVAGE_EXAMPLES[] =
     "FILE: a log, its debugging copy, an alternate event file, or a directory of such files: its\n"
-    "log, debugging copy, logs that guard has set aside, and alternate events.\n"
+    "log, debugging copy, logs that guard has set aside, and alternate events. The new log gets\n"
+    "owner and permissions of the first one, where it may be given away.\n"
     "The exit status is 1 when something could not be saved, or read.\n"
     "Examples:\n"
     "  evctl file salvage kelta_eventlog --output mended\n"
@@ -132,6 +133,24 @@ void requireNew(const std::string& path) {
     }
 }
 
+/** The new log is for the event manager that had the first one. */
+void writeLog(const std::string& path, const std::vector<U8_t>& bytes,
+              const SalvageInputs& inputs) {
+    for (size_t source = 0; source < inputs.sources().size(); source++) {
+        const std::string& log = inputs.nameOf(source);
+        std::optional<FileAccess> access = accessOf(log);
+        if (inputs.sources()[source].waiting || !access) {
+            continue;
+        }
+        if (!writeNewFile(path, bytes, *access)) {
+            std::cerr << "evctl: " << tools::escapedText(path) << ": belongs to another user than "
+                      << tools::escapedText(log) << "; give it to that one before the start\n";
+        }
+        return;
+    }
+    writeNewFile(path, bytes);
+}
+
 int runSalvage(const SalvageOptions& options) {
     if (!options.dryRun) {
         requireNew(options.output);
@@ -150,7 +169,7 @@ int runSalvage(const SalvageOptions& options) {
     std::vector<Lost> lost = lostOf(inputs);
     bool write = !options.dryRun && !salvage.bytes.empty();
     if (write) {
-        writeNewFile(options.output, salvage.bytes);
+        writeLog(options.output, salvage.bytes, inputs);
     }
     if (options.json) {
         std::cout << jsonLine(salvageJson(inputs, salvage, lost, write));

@@ -39,19 +39,36 @@ int renameToNew(const std::string& from, const std::string& to) {
     return 0;
 }
 
+/** @return false: the file stays this user's */
+bool giveAway(int descriptor, const FileAccess& access) {
+    struct stat made {};
+    return !access.owner || fchown(descriptor, *access.owner, access.group) == 0 ||
+           (fstat(descriptor, &made) == 0 && made.st_uid == *access.owner);
+}
+
 } // namespace
+
+std::optional<FileAccess> accessOf(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return std::nullopt;
+    }
+    return FileAccess{(status.st_mode & 0777U) | S_IRUSR | S_IWUSR, status.st_uid, status.st_gid};
+}
 
 void failWith(const std::string& path, int error) {
     throw std::runtime_error(path + ": " + strerror(error));
 }
 
-void writeFileWhole(const std::string& path, std::span<const U8_t> bytes, mode_t mode) {
+bool writeFileWhole(const std::string& path, std::span<const U8_t> bytes,
+                    const FileAccess& access) {
     int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (descriptor < 0) {
         failWith(path, errno);
     }
     int error = writeAll(descriptor, bytes);
-    if (error == 0 && (fchmod(descriptor, mode) != 0 || fsync(descriptor) != 0)) {
+    bool given = giveAway(descriptor, access); // before the mode, which it may change
+    if (error == 0 && (fchmod(descriptor, access.mode) != 0 || fsync(descriptor) != 0)) {
         error = errno;
     }
     if (close(descriptor) != 0 && error == 0) {
@@ -61,6 +78,7 @@ void writeFileWhole(const std::string& path, std::span<const U8_t> bytes, mode_t
         unlink(path.c_str());
         failWith(path, error);
     }
+    return given;
 }
 
 void syncDirectoryOf(const std::string& path) {
@@ -77,14 +95,15 @@ void syncDirectoryOf(const std::string& path) {
     }
 }
 
-void writeNewFile(const std::string& path, std::span<const U8_t> bytes) {
+bool writeNewFile(const std::string& path, std::span<const U8_t> bytes, const FileAccess& access) {
     std::string part = path + ".part" + std::to_string(getpid());
-    writeFileWhole(part, bytes, S_IRUSR | S_IWUSR);
+    bool given = writeFileWhole(part, bytes, access);
     if (int error = renameToNew(part, path); error != 0) {
         unlink(part.c_str());
         failWith(path, error);
     }
     syncDirectoryOf(path);
+    return given;
 }
 
 } // namespace evctl

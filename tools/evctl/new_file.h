@@ -7,23 +7,36 @@
 
 #include "fixed_width.h"
 
+#include <optional>
 #include <span>
 #include <string>
-#include <sys/types.h>
+#include <sys/stat.h>
 
 namespace evctl {
 
+/** Whose a new file is to be, and who may do what with it. */
+struct FileAccess {
+    mode_t mode = S_IRUSR | S_IWUSR;
+    std::optional<uid_t> owner{}; ///< none: this process's user and group
+    gid_t group = 0;              ///< with an owner only, where it may be given
+};
+
+/** That of the file @p path, which its owner may write at least; none where there is no file. */
+std::optional<FileAccess> accessOf(const std::string& path);
+
 /**
- * Writes a file of this user's own (mode 0600) and has it on the device before its name appears.
- * Never replaces anything: throws std::runtime_error when @p path is there, be it a dangling link,
- * or when it cannot be written; nothing is left then.
+ * Writes a file and has it on the device before its name appears. Never replaces anything: throws
+ * std::runtime_error when @p path is there, be it a dangling link, or when it cannot be written;
+ * nothing is left then.
+ * @return false: the file is there, but this process may not give it to that owner
  */
-void writeNewFile(const std::string& path, std::span<const U8_t> bytes);
+bool writeNewFile(const std::string& path, std::span<const U8_t> bytes,
+                  const FileAccess& access = {});
 
 /** Makes a file that holds @p bytes and is on the device; its name's being there is not. Throws
  * std::runtime_error when something has the name, or when it cannot be written; nothing is left
- * then. */
-void writeFileWhole(const std::string& path, std::span<const U8_t> bytes, mode_t mode);
+ * then. @return as writeNewFile() */
+bool writeFileWhole(const std::string& path, std::span<const U8_t> bytes, const FileAccess& access);
 
 /** Has what happened to names in the directory of @p path on the device. Throws. */
 void syncDirectoryOf(const std::string& path);

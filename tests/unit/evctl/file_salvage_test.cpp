@@ -76,9 +76,6 @@ TEST_F(FileSalvage, SaysWhatIsSavedAndWhatIsNot) {
     EXPECT_EQ(test::run({"file", "verify", directory_.file("new")}).status, 0);
     EXPECT_EQ(test::run({"file", "predict", directory_.file("new")}).status, 0);
     EXPECT_EQ(names(), (std::vector<std::string>{"log", "new"}));
-    struct stat status {};
-    ASSERT_EQ(stat(directory_.file("new").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777U, 0600U);
 }
 
 TEST_F(FileSalvage, SoundLogIsStatusZero) {
@@ -104,6 +101,40 @@ TEST_F(FileSalvage, NeverWritesOverAnything) {
     EXPECT_EQ(support::readFile(there), "precious");
     EXPECT_EQ(support::readFile(log), damagedLog());
     EXPECT_EQ(names(), (std::vector<std::string>{"dangling", "log", "there"}));
+}
+
+// Else the event manager, which runs as a user of its own, could not open what root has mended.
+TEST_F(FileSalvage, NewLogHasTheFirstLogsOwnerAndPermissions) {
+    std::string log = write("log", damagedLog());
+    ASSERT_EQ(chmod(log.c_str(), 0440), 0);
+    uid_t owner = geteuid() == 0 ? 12345 : geteuid();
+    gid_t group = geteuid() == 0 ? 12346 : getegid();
+    ASSERT_EQ(chown(log.c_str(), owner, group), 0);
+    EXPECT_EQ(run({log, "--output", directory_.file("new")}).errors, "");
+    struct stat status {};
+    ASSERT_EQ(stat(directory_.file("new").c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, owner);
+    EXPECT_EQ(status.st_gid, group);
+    EXPECT_EQ(status.st_mode & 07777U, 0640U);
+}
+
+TEST_F(FileSalvage, NewLogThatCannotBeGivenToTheFirstLogsOwnerIsSaid) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only the super-user can make a file of another user";
+    }
+    std::string log = write("log", damagedLog());
+    ASSERT_EQ(chown(log.c_str(), 12345, 12345), 0);
+    ASSERT_EQ(chmod(log.c_str(), 0644), 0);
+    ASSERT_EQ(chmod(directory_.path().c_str(), 0777), 0);
+    ASSERT_EQ(seteuid(12347), 0);
+    Said said = run({log, "--output", directory_.file("new")});
+    ASSERT_EQ(seteuid(0), 0);
+    EXPECT_EQ(said.status, 1);
+    EXPECT_EQ(said.errors, "evctl: " + directory_.file("new") + ": belongs to another user than " +
+                               log + "; give it to that one before the start\n");
+    struct stat status {};
+    ASSERT_EQ(stat(directory_.file("new").c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, 12347U);
 }
 
 TEST_F(FileSalvage, DryRunWritesNothing) {
