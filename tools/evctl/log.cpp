@@ -86,7 +86,11 @@ void leaveAll(const LogOptions& options, const EventFields& fields, const Bytes&
     std::cerr << "evctl: " << count << " left as alternate event log files\n";
 }
 
-int runLog(const LogOptions& options) {
+int runLog(const LogOptions& given) {
+    LogOptions options = given;
+    if (options.orAel) {
+        requireBlock(options.where, "--or-ael", "needs --key: it names the directory of the files");
+    }
     EventFields fields = fieldsOf(options.event);
     Bytes data = dataOf(options.event);
     if (options.orAel) {
@@ -144,12 +148,6 @@ void addLogCommand(CLI::App& parent, Chosen& chosen) {
         ->type_name("NUMBER")
         ->check(tools::decimalNumber(0.001, 1e6));
     addConfirmOptions(command, *options);
-    // Not the final callback: that one is the command's run.
-    command.parse_complete_callback([options] {
-        if (options->orAel && !options->where.directory.empty()) {
-            throw CLI::ValidationError("--or-ael", "needs --key: it names the directory");
-        }
-    });
     onChosen(command, chosen, options, runLog);
 }
 

@@ -12,17 +12,12 @@
 #include <unistd.h>
 
 namespace evctl {
-
 namespace {
 
-int parseKey(const std::string& where, const std::string& text) {
-    char* end = nullptr;
-    errno = 0;
-    long key = strtol(text.c_str(), &end, 0);
-    if (errno != 0 || text.empty() || *end != '\0' || key < KEY_MIN || key > INT32_MAX) {
-        throw CLI::ValidationError(where, "'" + text + "' is not a key: a number from 100 on");
-    }
-    return static_cast<int>(key);
+/** A variable of the environment; one that is empty names nothing. */
+const char* named(const char* variable) {
+    const char* value = getenv(variable);
+    return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
 /** Maker and owner: the one could, the other can, write into it. */
@@ -37,6 +32,16 @@ void checkOwner(const KeyOptions& options, int key, const struct ipc_perm& segme
 }
 
 } // namespace
+
+int parseKey(const std::string& where, const std::string& text) {
+    char* end = nullptr;
+    errno = 0;
+    long key = strtol(text.c_str(), &end, 0);
+    if (errno != 0 || text.empty() || *end != '\0' || key < KEY_MIN || key > INT32_MAX) {
+        throw CLI::ValidationError(where, "'" + text + "' is not a key: a number from 100 on");
+    }
+    return static_cast<int>(key);
+}
 
 CLI::Option* addKeyOption(CLI::App& command, KeyOptions& options) {
     // Not within an option group, which would count it.
@@ -66,8 +71,8 @@ int keyOf(const KeyOptions& options) {
     if (options.key) {
         return *options.key;
     }
-    const char* key = getenv("EVCTL_KEY");
-    return key != nullptr ? parseKey("EVCTL_KEY", key) : onlyRunningBlade();
+    const char* key = named("EVCTL_KEY");
+    return key != nullptr ? parseKey("EVCTL_KEY", key) : onlyRunningBlade(options.anyOwner);
 }
 
 const MPU_PARAMS_t& attachParams(const KeyOptions& options) {
@@ -89,12 +94,25 @@ std::string switchDirectory(const SwitchOptions& options) {
     if (!options.block.given() && !options.directory.empty()) {
         return options.directory;
     }
-    const char* directory = getenv("EVCTL_DIR");
-    if (!options.block.given() && directory != nullptr && *directory != '\0') {
+    const char* directory = named("EVCTL_DIR");
+    if (!options.block.given() && directory != nullptr) {
         return directory;
     }
     const MPU_PARAMS_t& params = attachParams(options.block);
     return fieldText(params.mmsgDirectory, sizeof(params.mmsgDirectory));
+}
+
+void requireBlock(SwitchOptions& options, const std::string& who, const std::string& why) {
+    if (options.block.given()) {
+        return;
+    }
+    bool hasDirectory = !options.directory.empty() ||
+                        (named("EVCTL_DIR") != nullptr && named("EVCTL_KEY") == nullptr);
+    if (hasDirectory) {
+        throw CLI::ValidationError(
+            who, why + (options.directory.empty() ? ", not EVCTL_DIR" : ", not --dir"));
+    }
+    options.block.key = keyOf(options.block);
 }
 
 U32_t parseNamed(const std::string& option, const std::string& text, const tools::NameTable& names,

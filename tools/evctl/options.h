@@ -36,11 +36,22 @@ struct SwitchOptions {
 /** Adds --dir and --key, of which one may be given. */
 void addSwitchOptions(CLI::App& command, SwitchOptions& options);
 
+/**
+ * For commands that need more of a blade than its switch: fixes the block, of which the switch is
+ * then taken, too, so that no two blades are mixed up.
+ * Throws CLI::ValidationError of @p who with @p why ("needs --key: ...") when only the directory of
+ * a switch is named, and as keyOf().
+ */
+void requireBlock(SwitchOptions& options, const std::string& who, const std::string& why);
+
 /** The switch's directory. Throws when the parameter block cannot be attached. */
 std::string switchDirectory(const SwitchOptions& options);
 
 /** Adds --key and --any-owner. @return the first, for further demands on it */
 CLI::Option* addKeyOption(CLI::App& command, KeyOptions& options);
+
+/** A key as --key takes it; throws CLI::ValidationError of @p where. */
+int parseKey(const std::string& where, const std::string& text);
 
 /** The key that is meant; throws when none is named and not just one blade runs here. */
 int keyOf(const KeyOptions& options);

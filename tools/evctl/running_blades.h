@@ -6,16 +6,28 @@
 #define EVCTL_RUNNING_BLADES_H
 
 #include <istream>
+#include <sys/types.h>
 #include <vector>
 
 namespace evctl {
 
-/** The keys of the shared memory segments that have the size of a parameter block and that some
- * process has attached, in a table as the system keeps it (/proc/sysvipc/shm). */
-std::vector<int> keysOfRunningBlades(std::istream& table);
+/** A shared memory segment that looks like the parameter block of a blade that runs. */
+struct RunningBlade {
+    int key;
+    uid_t owner;
+    uid_t creator;
 
-/** The key of the only blade that runs here. Throws when there is none, or several. */
-int onlyRunningBlade();
+    bool operator==(const RunningBlade&) const = default;
+};
+
+/** The segments that have the size of a parameter block and that some process has attached, in a
+ * table as the system keeps it (/proc/sysvipc/shm). */
+std::vector<RunningBlade> runningBlades(std::istream& table);
+
+/** The key of the only blade that runs here. Blocks of users other than this one and root count
+ * only with @p anyOwner: anybody can make one. Throws when there is none, when there are several,
+ * and when the system keeps no table. */
+int onlyRunningBlade(bool anyOwner);
 
 } // namespace evctl
 

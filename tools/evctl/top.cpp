@@ -127,7 +127,11 @@ void printBatch(const std::vector<std::string>& lines, bool first) {
     std::cout.flush();
 }
 
-int runTop(const TopOptions& options) {
+int runTop(const TopOptions& given) {
+    TopOptions options = given;
+    if (options.path.empty()) {
+        requireBlock(options.request.where, "top", "without LOG needs --key: it names the log");
+    }
     Top top(options);
     std::vector<std::string> lines = top.lines(); // or says what is wrong on the usual screen
     auto interval = std::chrono::milliseconds(static_cast<S64_t>(options.interval * 1000));
