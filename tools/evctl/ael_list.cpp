@@ -70,11 +70,16 @@ std::string nameText(const std::string& name) {
     return escapedText({reinterpret_cast<const U8_t*>(name.data()), name.size()});
 }
 
+/** Beside a local time, one that no event can have is told in UTC. */
+std::string timeOfFile(S64_t seconds, Zone zone) {
+    return seconds >= 0 && seconds <= UINT32_MAX ? zonedTime(static_cast<U32_t>(seconds), zone)
+                                                 : isoTimeOfFile(seconds);
+}
+
 std::string listLine(const AelFile& file, Zone zone) {
     std::array<char, 80> text{};
     snprintf(text.data(), text.size(), "%4s  %s  %8llu bytes  ", orderText(file).c_str(),
-             zonedTime(static_cast<U32_t>(file.modified), zone).c_str(),
-             static_cast<unsigned long long>(file.size));
+             timeOfFile(file.modified, zone).c_str(), static_cast<unsigned long long>(file.size));
     std::string line = text.data() + nameText(file.name) + "  " + verdictText(file);
     if (file.fate == AelFate::STORED) {
         const EmpEvRecord_t& header = file.header();
@@ -88,8 +93,8 @@ std::string listLine(const AelFile& file, Zone zone) {
 std::string showLines(const AelFile& file) {
     std::string lines = "file         " + nameText(file.name) + "\n" + "order        " +
                         orderText(file) + "\n" + "verdict      " + verdictText(file) + "\n" +
-                        "modified     " + isoTime(static_cast<U32_t>(file.modified)) + "\n" +
-                        "size         " + std::to_string(file.size) + "\n";
+                        "modified     " + isoTimeOfFile(file.modified) + "\n" + "size         " +
+                        std::to_string(file.size) + "\n";
     return file.hasHeader() ? lines + recordLines(file.header(), file.data()) : lines;
 }
 
@@ -98,7 +103,7 @@ std::string jsonText(const AelFile& file) {
                  {"order", file.order ? Json(*file.order) : Json(nullptr)},
                  {"fate", sources::aelFateName(file.fate)},
                  {"reason", file.reason.empty() ? Json(nullptr) : Json(file.reason)},
-                 {"modified", isoTime(static_cast<U32_t>(file.modified))},
+                 {"modified", isoTimeOfFile(file.modified)},
                  {"modifiedSeconds", file.modified},
                  {"bytes", file.size},
                  {"event", file.hasHeader() ? eventJson(file.event()) : Json(nullptr)}};

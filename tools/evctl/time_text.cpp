@@ -149,6 +149,28 @@ std::optional<U32_t> midnight(U32_t now, int daysBefore, Zone zone) {
     return inRange(mktime(&local));
 }
 
+/** Of the years 0 to 9999. */
+std::string isoText(S64_t seconds) {
+    // Not gmtime: without its locks and tables, for listings of many events.
+    using namespace std::chrono;
+    const sys_days day = floor<days>(sys_seconds{std::chrono::seconds{seconds}});
+    const year_month_day date{day};
+    const auto rest = static_cast<unsigned>(seconds - day.time_since_epoch().count() * S64_t{DAY});
+    std::string text = "0000-00-00T00:00:00Z";
+    auto put = [&text](size_t at, size_t digits, unsigned value) {
+        for (size_t digit = digits; digit > 0; digit--, value /= 10) {
+            text[at + digit - 1] = static_cast<char>('0' + value % 10);
+        }
+    };
+    put(0, 4, static_cast<unsigned>(static_cast<int>(date.year())));
+    put(5, 2, static_cast<unsigned>(date.month()));
+    put(8, 2, static_cast<unsigned>(date.day()));
+    put(11, 2, rest / 3600);
+    put(14, 2, rest / 60 % 60);
+    put(17, 2, rest % 60);
+    return text;
+}
+
 } // namespace
 
 std::optional<U32_t> parseTime(const std::string& text, U32_t now, Zone zone) {
@@ -169,23 +191,14 @@ std::optional<U32_t> parseTime(const std::string& text, U32_t now, Zone zone) {
 }
 
 std::string isoTime(U32_t seconds) {
-    // Not gmtime: without its locks and tables, for listings of many events.
-    using namespace std::chrono;
-    year_month_day date{sys_days{days{seconds / DAY}}};
-    U32_t rest = seconds % DAY;
-    std::string text = "0000-00-00T00:00:00Z";
-    auto put = [&text](size_t at, size_t digits, unsigned value) {
-        for (size_t digit = digits; digit > 0; digit--, value /= 10) {
-            text[at + digit - 1] = static_cast<char>('0' + value % 10);
-        }
-    };
-    put(0, 4, static_cast<unsigned>(static_cast<int>(date.year())));
-    put(5, 2, static_cast<unsigned>(date.month()));
-    put(8, 2, static_cast<unsigned>(date.day()));
-    put(11, 2, rest / 3600);
-    put(14, 2, rest / 60 % 60);
-    put(17, 2, rest % 60);
-    return text;
+    return isoText(seconds);
+}
+
+std::string isoTimeOfFile(S64_t seconds) {
+    constexpr S64_t firstYear = -62'167'219'200;
+    constexpr S64_t behindLastYear = 253'402'300'800;
+    bool hasFourDigits = seconds >= firstYear && seconds < behindLastYear;
+    return hasFourDigits ? isoText(seconds) : "@" + std::to_string(seconds);
 }
 
 std::string zonedTime(U32_t seconds, Zone zone) {

@@ -31,6 +31,10 @@ std::optional<U32_t> parseTime(const std::string& text, U32_t now, Zone zone = Z
 /** Seconds since 1970 as "2006-11-21T14:00:00Z"; the whole range of 32 bits. */
 std::string isoTime(U32_t seconds);
 
+/** A time that no event need be able to have: as isoTime() in the years 0 to 9999, else "@SECONDS".
+ */
+std::string isoTimeOfFile(S64_t seconds);
+
 /** isoTime(), or "2006-11-21T15:00:00+01:00". */
 std::string zonedTime(U32_t seconds, Zone zone);
 

@@ -1,10 +1,17 @@
 #include "evctl/time_text.h"
 
-#include <gtest/gtest.h>
+#include "../evlog/log_image.h"
+#include "run.h"
+#include "temp_directory.h"
+
+#include <gmock/gmock.h>
 
 #include <cstdlib>
 #include <ctime>
+#include <fcntl.h>
+#include <sys/stat.h>
 
+using evctl::isoTimeOfFile;
 using evctl::parseTime;
 using evctl::Zone;
 using evctl::zonedTime;
@@ -120,4 +127,31 @@ TEST(TimeText, LocalTimesAreThoseOfTheZone) {
     EXPECT_EQ(zonedTime(NOW, local), "2006-11-21T15:00:00+01:00");
     EXPECT_EQ(zonedTime(0xFFFFFFFF, local), "2106-02-07T07:28:15+01:00");
     EXPECT_EQ(zonedTime(NOW, Zone::UTC), "2006-11-21T14:00:00Z");
+}
+
+TEST(TimeText, TimesOfFilesAreOfAnyYear) {
+    EXPECT_EQ(isoTimeOfFile(NOW), "2006-11-21T14:00:00Z");
+    EXPECT_EQ(isoTimeOfFile(-1), "1969-12-31T23:59:59Z");
+    EXPECT_EQ(isoTimeOfFile(-315'619'200), "1960-01-01T00:00:00Z");
+    EXPECT_EQ(isoTimeOfFile(4'294'967'296), "2106-02-07T06:28:16Z");
+    EXPECT_EQ(isoTimeOfFile(253'402'300'799), "9999-12-31T23:59:59Z");
+    EXPECT_EQ(isoTimeOfFile(253'402'300'800), "@253402300800");
+    EXPECT_EQ(isoTimeOfFile(-62'167'219'200), "0000-01-01T00:00:00Z");
+    EXPECT_EQ(isoTimeOfFile(INT64_MIN), "@-9223372036854775808");
+}
+
+TEST(TimeText, AlternateFilesOfOtherCenturiesAreListedWithTheirTimes) {
+    support::TempDirectory directory;
+    auto put = [&directory](const std::string& name, time_t modified) {
+        std::string path = directory.file("kelta_alteventlog" + name);
+        support::writeFile(path, test::record({.instance = 0}, "event"));
+        const struct timespec times[] = {{modified, 0}, {modified, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    };
+    put("1", -315'619'200);
+    std::string listed = test::run({"ael", "list", "--dir", directory.path()}).output;
+    EXPECT_THAT(listed, testing::HasSubstr(" 1960-01-01T00:00:00Z ")) << listed;
+    listed = test::run({"ael", "list", "--dir", directory.path(), "--json", "--local"}).output;
+    EXPECT_THAT(listed, testing::HasSubstr(
+                            R"("modified":"1960-01-01T00:00:00Z","modifiedSeconds":-315619200)"));
 }
