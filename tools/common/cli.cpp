@@ -2,6 +2,7 @@
 
 #include "common/help.h"
 #include "common/nearest.h"
+#include "common/text.h"
 #include "version.h"
 
 #include <charconv>
@@ -176,7 +177,7 @@ CLI::Validator notEmpty() {
 }
 
 int sayCouldNot(const std::string& program, const std::string& text) {
-    std::cerr << program << ": " << text << "\n";
+    std::cerr << program << ": " << shownLine(text) << "\n";
     return EXIT_COULD_NOT;
 }
 

@@ -26,13 +26,32 @@ struct Form {
 constexpr std::array<Form, 3> LONG_FORMS = {
     {{0xE0, 0xC0, 0x80}, {0xF0, 0xE0, 0x800}, {0xF8, 0xF0, 0x10000}}};
 
+struct Range {
+    uint32_t first;
+    uint32_t last;
+};
+
+template <typename Ranges>
+bool contains(const Ranges& ranges, uint32_t code) {
+    return std::ranges::any_of(
+        ranges, [code](const Range& range) { return code >= range.first && code <= range.last; });
+}
+
+// Marks that turn the direction of what follows, break lines or cannot be seen forge a listing.
+constexpr std::array<Range, 9> INVISIBLE = {{{0x00AD, 0x00AD},
+                                             {0x061C, 0x061C},
+                                             {0x180E, 0x180E},
+                                             {0x200B, 0x200F},
+                                             {0x2028, 0x202E},
+                                             {0x2060, 0x206F},
+                                             {0xFEFF, 0xFEFF},
+                                             {0xFFF9, 0xFFFB},
+                                             {0xE0000, 0xE007F}}};
+
 bool mayBeShown(uint32_t code) {
     bool control = code < 0xA0; // the longer forms begin at 0x80
     bool surrogate = code >= 0xD800 && code < 0xE000;
-    // Marks that turn the direction of what follows, or break lines, forge a listing.
-    bool invisible = (code >= 0x200B && code <= 0x200F) || (code >= 0x2028 && code <= 0x202E) ||
-                     (code >= 0x2060 && code <= 0x206F) || code == 0xFEFF;
-    return !control && !surrogate && !invisible && code <= 0x10FFFF;
+    return !control && !surrogate && !contains(INVISIBLE, code) && code <= 0x10FFFF;
 }
 
 struct Character {
@@ -60,11 +79,6 @@ Character longCharacterAt(std::string_view text, size_t at) {
     }
     return {};
 }
-
-struct Range {
-    uint32_t first;
-    uint32_t last;
-};
 
 // Of two columns: East Asian characters and pictures, by blocks, as the standard library's format()
 // takes them, and a few blocks of pictures more.
@@ -100,12 +114,6 @@ constexpr std::array<Range, 18> COMBINING = {{{0x0300, 0x036F},
                                               {0xFE00, 0xFE0F},
                                               {0xFE20, 0xFE2F},
                                               {0xE0100, 0xE01EF}}};
-
-template <typename Ranges>
-bool contains(const Ranges& ranges, uint32_t code) {
-    return std::ranges::any_of(
-        ranges, [code](const Range& range) { return code >= range.first && code <= range.last; });
-}
 
 /** Whatever the locale: logs come from elsewhere, and the board may have no other than C. */
 size_t columnsOf(const Character& character) {
@@ -144,13 +152,16 @@ size_t utf8CharacterAt(std::string_view text, size_t at) {
     return mayBeShown(character.code) ? character.length : 0;
 }
 
-std::string escapedUtf8(std::string_view text) {
+namespace {
+
+/** Everything but what may be shown, and @p also, as \\xNN. */
+std::string escapedBut(std::string_view text, std::string_view also) {
     std::string shown;
     shown.reserve(text.size());
     size_t kept = 0; // what comes from here on is shown as it is
     for (size_t at = 0; at < text.size();) {
         size_t length = 0;
-        if (text[at] != '\\') {
+        if (also.find(text[at]) == std::string_view::npos) {
             length = isPrintable(text[at]) ? 1 : utf8CharacterAt(text, at);
         }
         if (length == 0) {
@@ -160,6 +171,16 @@ std::string escapedUtf8(std::string_view text) {
         at += std::max<size_t>(length, 1);
     }
     return shown.append(text, kept);
+}
+
+} // namespace
+
+std::string escapedUtf8(std::string_view text) {
+    return escapedBut(text, "\\");
+}
+
+std::string shownLine(std::string_view text) {
+    return escapedBut(text, "");
 }
 
 size_t columnsOf(std::string_view text) {

@@ -17,6 +17,10 @@ std::string escapedText(std::string_view text);
  * NUL. */
 std::string escapedUtf8(std::string_view text);
 
+/** escapedUtf8() that leaves the backslash: a line in which parts are escaped already, and others,
+ * such as names of files, are not. */
+std::string shownLine(std::string_view text);
+
 /** Bytes of the UTF-8 character that begins at @p at: 1 to 4; 0 when none that may be shown does
  * (control characters, surrogates, over-long forms and the rest of what is no UTF-8). */
 size_t utf8CharacterAt(std::string_view text, size_t at);

@@ -1,6 +1,7 @@
 /** evctl file: event log files, read without the event manager and without a change. */
 #include "evctl/file.h"
 
+#include "common/text.h"
 #include "configuration.h"
 #include "evctl/commands.h"
 #include "evlog/guess.h"
@@ -33,7 +34,7 @@ std::vector<sources::LogFile> loadLogFiles(const std::string& path) {
     std::vector<std::string> notices;
     std::vector<sources::LogFile> files = sources::loadLogFiles(path, &notices);
     for (const std::string& notice : notices) {
-        std::cerr << "evctl: " << notice << "\n";
+        std::cerr << "evctl: " << tools::shownLine(notice) << "\n";
     }
     return files;
 }

@@ -93,9 +93,9 @@ bool matches(const LogChoice& logs, const evarchive::SeriesKey& key) {
 }
 
 std::string nameOf(const std::string& path, const evarchive::SeriesKey& key) {
-    return evarchive::shownPlace(path) + "/" + tools::escapedText(key.blade.enclosure) + "/" +
-           tools::escapedText(key.blade.blade) + "/" + std::to_string(key.blade.slot) + "/" +
-           std::to_string(key.instance);
+    return tools::escapedUtf8(evarchive::shownPlace(path)) + "/" +
+           tools::escapedText(key.blade.enclosure) + "/" + tools::escapedText(key.blade.blade) +
+           "/" + std::to_string(key.blade.slot) + "/" + std::to_string(key.instance);
 }
 
 } // namespace

@@ -90,9 +90,13 @@ std::string baseName(const std::string& name) {
     return name.substr(name.rfind('/') + 1);
 }
 
+Origin originOf(const std::string& name, Kind kind) {
+    return {.name = tools::escapedUtf8(name), .kind = kind};
+}
+
 Origin logOrigin(const std::string& name) {
     bool isCopy = name.ends_with(DAMAGED_COPY_SUFFIX);
-    return {.name = name, .kind = isCopy ? Kind::DAMAGED_COPY : Kind::LOG};
+    return originOf(name, isCopy ? Kind::DAMAGED_COPY : Kind::LOG);
 }
 
 Sources one(std::unique_ptr<Source> source) {
@@ -107,8 +111,7 @@ Kind kindOf(const std::string& name) {
 
 Sources openImage(const std::string& name, EvlogImage_t image, const OpenOptions& options) {
     if (kindOf(name) == Kind::ALTERNATE) {
-        return one(
-            alternateFileSource({.name = name, .kind = Kind::ALTERNATE}, std::move(image.bytes)));
+        return one(alternateFileSource(originOf(name, Kind::ALTERNATE), std::move(image.bytes)));
     }
     if (!evlogIsLog(image)) {
         fail(name, std::string("no event log; it is ") + evlogGuess(image));
@@ -132,7 +135,7 @@ std::vector<LogFile> unpackEvents(const std::string& name, std::span<const U8_t>
     std::vector<LogFile> found;
     for (const bundle::Member& member : bundle::unpack(bytes, problems)) {
         if (isNameOfEvents(member.name)) {
-            found.push_back({.name = name + ":" + tools::escapedText(member.name),
+            found.push_back({.name = name + ":" + member.name,
                              .kind = kindOf(member.name),
                              .image = evlogImageOf(member.bytes)});
         }
@@ -161,7 +164,7 @@ Sources openBundle(const std::string& name, std::span<const U8_t> bytes,
             found.push_back(
                 std::move(openImage(file.name, std::move(file.image), options).front()));
         } catch (const std::runtime_error& problem) {
-            problems.emplace_back(problem.what());
+            problems.push_back(tools::shownLine(problem.what()));
         }
     }
     if (found.empty()) {
@@ -246,7 +249,7 @@ void addAlternates(const std::string& directory, Sources& found,
                    std::vector<std::string>& problems) {
     try {
         std::unique_ptr<Source> source =
-            alternateDirectorySource({.name = directory, .kind = Kind::ALTERNATE}, directory);
+            alternateDirectorySource(originOf(directory, Kind::ALTERNATE), directory);
         if (source) {
             found.push_back(std::move(source));
         }

@@ -392,3 +392,21 @@ TEST_F(Listings, DamageAtRandomIsAFindingAndNoMore) {
         EXPECT_LE(linesOf(said.output).size(), 20U);
     }
 }
+
+// A bundle that was unpacked by hand or a pattern may bring any name.
+TEST_F(Listings, NamesOfFilesCannotForgeLines) {
+    std::string evil = put("a\x1B[31m\nlog", 5, 1, 1000);
+    std::string damaged = putBytes("b\x1B", support::readFile(evil) + "garbage");
+    for (const std::string form : {"full", "json", "csv", "short"}) {
+        Said said = list({evil, damaged, "-o", form});
+        EXPECT_EQ(said.output.find('\x1B'), std::string::npos) << form;
+        EXPECT_EQ(said.errors.find('\x1B'), std::string::npos) << form;
+    }
+    EXPECT_THAT(list({evil, damaged, "-o", "full"}).output,
+                HasSubstr("from         " + directory_.path() + "/a\\x1B[31m\\x0Alog\n"));
+    EXPECT_EQ(list({evil + "\x1B"}).errors,
+              "evctl: " + directory_.path() +
+                  "/a\\x1B[31m\\x0Alog\\x1B: No such file or directory\n");
+    Said shown = run({"file", "show", "--seq", "99", evil});
+    EXPECT_EQ(shown.errors.find('\x1B'), std::string::npos);
+}

@@ -40,3 +40,18 @@ TEST(TextColumns, AWideCharacterIsNotCutInTwo) {
 TEST(TextColumns, MarksStayWithTheirCharacter) {
     EXPECT_EQ(cutToColumns("a\u0308b\u0308c\u0308", 2), "a\u0308\u2026");
 }
+
+TEST(Escapes, MarksThatCannotBeSeenAreShown) {
+    for (const char* mark : {"\u00ad", "\u061c", "\u180e", "\u200b", "\u202e", "\u2066", "\ufeff",
+                             "\ufff9", "\ufffb", "\U000E0001", "\U000E007F"}) {
+        EXPECT_EQ(tools::escapedUtf8(mark).substr(0, 2), "\\x") << tools::escapedUtf8(mark);
+    }
+    EXPECT_EQ(tools::escapedUtf8("\u00ae\u061b\u180f\u2070\ufffc\U000E0100"),
+              "\u00ae\u061b\u180f\u2070\ufffc\U000E0100");
+}
+
+TEST(Escapes, ALineKeepsWhatIsEscapedInIt) {
+    EXPECT_EQ(tools::shownLine("a\x1B[31m\n\xFF \\x1B \u00e4"),
+              "a\\x1B[31m\\x0A\\xFF \\x1B \u00e4");
+    EXPECT_EQ(tools::escapedUtf8("\\x1B"), "\\x5Cx1B");
+}
