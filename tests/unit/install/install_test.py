@@ -149,7 +149,9 @@ class InstallTest(unittest.TestCase):
 
     OFFERED = (
         (("evctl", ""), {"file", "log", "--help"}), (("evctl", "file", ""), {"list", "verify", "--help"}),
-        (("evctl", "file", "list", "--"), {"--json", "--help"}), (("evctl", "log", "--text", "x", "--"), {"--hex"}),
+        (("evctl", "file", "list", "--"), {"--json", "--help"}),
+        (("evctl", "file", "list", "-o", ""), {"short", "csv"}),
+        (("evctl", "file", "list", "--around", ""), {"crash"}), (("evctl", "log", "--text", "x", "--"), {"--hex"}),
         (("msm", "--"), {"--help"}), (("blade", "--"), {"--slot", "--key"}), (("evarchiver", "--"), {"--listen"}),
     )
 
