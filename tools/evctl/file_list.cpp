@@ -1,5 +1,6 @@
 /** evctl file list: the events of log files and all that keeps events, one line each. */
 #include "emp_evl.h"
+#include "evctl/blade_source.h"
 #include "evctl/commands.h"
 #include "evctl/listing.h"
 #include "evctl/options.h"
@@ -14,12 +15,14 @@ namespace {
 
 constexpr char FILE_LIST_EXAMPLES[] =
     "FILE is a log file, its damaged copy, an alternate event log file, an archive, one of these\n"
-    "compressed with gzip, a directory with them, or - for standard input. Several are merged by\n"
-    "time. The exit status is 1 when something cannot be read, 2 when nothing can.\n"
+    "compressed with gzip, a directory with them, - for standard input, or blade:KEY for the log\n"
+    "of a running blade. Several are merged by time. The exit status is 1 when something cannot be\n"
+    "read, 2 when nothing can.\n"
     "Examples:\n"
     "  evctl file list kelta_eventlog --type error --source startup,snmp\n"
     "  evctl file list kelta_eventlog --around crash -n 5\n"
     "  evctl file list blade*/kelta_eventlog --since -2h -o csv\n"
+    "  evctl file list blade:0x1234 blade:0x1235 --since -10m\n"
     "  ssh blade cat /nvram/kelta_eventlog | evctl file list - -g 'drive [0-9]+'";
 
 struct ListOptions {
@@ -45,7 +48,7 @@ int runList(const ListOptions& options) {
     PassedOver passedOver;
     for (const std::string& path : options.paths.empty() ? std::vector{ownLog()} : options.paths) {
         passedOver.attempt(
-            [&] { std::ranges::move(sources::openSources(path, how), std::back_inserter(all)); });
+            [&] { std::ranges::move(openSourcesOrBlade(path, how), std::back_inserter(all)); });
     }
     if (all.empty() && !passedOver.reasons().empty()) {
         return passedOver.say(tools::EXIT_COULD_NOT);

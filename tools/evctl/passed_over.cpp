@@ -1,6 +1,7 @@
 #include "evctl/passed_over.h"
 
 #include "common/cli.h"
+#include "common/text.h"
 
 #include <algorithm>
 #include <iostream>
@@ -18,7 +19,7 @@ void PassedOver::attempt(const std::function<void()>& read) {
 
 int PassedOver::say(int status) const {
     for (const std::string& reason : reasons_) {
-        std::cerr << "evctl: " << reason << "\n";
+        std::cerr << "evctl: " << tools::shownLine(reason) << "\n";
     }
     return reasons_.empty() ? status : std::max(status, static_cast<int>(tools::EXIT_FINDING));
 }

@@ -1,4 +1,5 @@
 /** evctl stats: what a log is filled with, and how fast. */
+#include "evctl/blade_source.h"
 #include "evctl/commands.h"
 #include "evctl/event_filter.h"
 #include "evctl/event_stats.h"
@@ -17,7 +18,8 @@ namespace {
 
 constexpr char STATS_EXAMPLES[] =
     "LOG: whatever events are read from: logs, damaged copies, alternate events, archives,\n"
-    "directories, '-'. The exit status is 1 when something of it cannot be read.\n"
+    "directories, '-', running blades (blade:KEY). The exit status is 1 when something of it\n"
+    "cannot be read.\n"
     "Examples:\n"
     "  evctl stats kelta_eventlog\n"
     "  evctl stats blade*/kelta_eventlog --since -1d -o svg > day.svg";
@@ -41,7 +43,7 @@ size_t count(const StatsOptions& options, EventStats& stats, PassedOver& passedO
     sources::Sources all;
     for (const std::string& path : options.paths) {
         passedOver.attempt(
-            [&] { std::ranges::move(sources::openSources(path), std::back_inserter(all)); });
+            [&] { std::ranges::move(openSourcesOrBlade(path), std::back_inserter(all)); });
     }
     for (const auto& source : all) {
         while (std::optional<sources::Event> event = source->next()) {

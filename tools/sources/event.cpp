@@ -16,7 +16,8 @@ EventView eventOf(std::span<const U8_t> image) {
 }
 
 const char* kindName(Kind kind) {
-    constexpr std::array<const char*, 4> names = {"log", "damaged-copy", "alternate", "archive"};
+    constexpr std::array<const char*, 5> names = {"log", "damaged-copy", "alternate", "archive",
+                                                  "blade"};
     return names.at(static_cast<size_t>(kind));
 }
 

@@ -35,9 +35,10 @@ enum class Kind : U8_t {
     DAMAGED_COPY, ///< the copy that was kept of a damaged one
     ALTERNATE,    ///< alternate event log files
     ARCHIVE,      ///< a log of an archive
+    BLADE,        ///< the log of a running blade
 };
 
-const char* kindName(Kind kind); ///< "log", "damaged-copy", "alternate", "archive"
+const char* kindName(Kind kind); ///< "log", "damaged-copy", "alternate", "archive", "blade"
 
 /** The place itself. */
 struct Origin {

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <netinet/in.h>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -136,6 +137,25 @@ TEST_F(EvctlOnABlade, WalkIsTheFilesList) {
     EXPECT_EQ(run({"walk", "--key", key_.text()}), all);
     EXPECT_EQ(run({"walk", "--dir", dir_, "--after", "0:290"}), fileList("291:"));
     EXPECT_EQ(run({"walk", "--dir", dir_, "--after", "0:300"}), "");
+}
+
+TEST_F(EvctlOnABlade, IsASourceBesideOthers) {
+    const std::string blade = "blade:" + key_.text();
+    log(3, 3);
+    const std::string file = base_.file("slot0/nvram/kelta_eventlog");
+    EXPECT_EQ(run({"file", "list", blade}), run({"file", "list", file}));
+    EXPECT_EQ(run({"file", "list", blade, "-n", "2", "-r"}),
+              run({"file", "list", file, "-n2", "-r"}));
+    std::filesystem::copy_file(file, base_.file("earlier"));
+    log(2, 5);
+    const std::string merged = run({"file", "list", "--json", blade, base_.file("earlier")});
+    EXPECT_NE(merged.find("{\"from\":\"" + blade + "\",\"sequenceId\":5,"), std::string::npos)
+        << merged;
+    EXPECT_NE(run({"stats", blade}).find("6 events"), std::string::npos);
+    support::Process none = start({"file", "list", "blade:0x7ffffff1"});
+    EXPECT_EQ(none.wait(), exitedWith(2));
+    EXPECT_NE(none.errorOutput().find("evctl: blade:0x7ffffff1: no parameter block under key"),
+              std::string::npos);
 }
 
 TEST_F(EvctlOnABlade, WalkThatFollowsMissesAndRepeatsNothing) {
