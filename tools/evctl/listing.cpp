@@ -1,6 +1,7 @@
 #include "evctl/listing.h"
 
 #include "emp_evl.h"
+#include "evctl/new_file.h"
 #include "mmsg.h"
 
 #include <algorithm>
@@ -127,13 +128,17 @@ void addCursorOptions(CLI::App& command, ListingOptions& options) {
 }
 
 void writeCursorFile(const std::string& path, const Cursor& cursor) {
-    std::string draft = path + ".new";
-    std::ofstream file(draft, std::ios::trunc);
-    if (!(file << cursor.text() << "\n"
-               << std::flush) ||
-        rename(draft.c_str(), path.c_str()) != 0) {
-        failFile(path);
+    const std::string draft = path + ".new" + std::to_string(getpid());
+    unlink(draft.c_str()); // of another one of this number, which was stopped half-way
+    const std::string text = cursor.text() + "\n";
+    writeFileWhole(draft, {reinterpret_cast<const U8_t*>(text.data()), text.size()},
+                   accessOf(path).value_or(FileAccess{}));
+    if (rename(draft.c_str(), path.c_str()) != 0) {
+        int error = errno;
+        unlink(draft.c_str());
+        failWith(path, error);
     }
+    syncDirectoryOf(path);
 }
 
 void addOrderOptions(CLI::App& command, ListingOptions& options) {
@@ -168,7 +173,9 @@ std::optional<Cursor> startCursor(const ListingOptions& options) {
         failFile(options.cursorFile);
     }
     std::string text;
-    std::getline(file, text);
+    if (!std::getline(file, text)) {
+        return std::nullopt; // made for a cursor, and not yet used
+    }
     return parseCursor(options.cursorFile, text);
 }
 

@@ -46,8 +46,8 @@ void addOrderOptions(CLI::App& command, ListingOptions& options);
 /** Adds --cursor, --after-cursor, --show-cursor and --cursor-file. */
 void addCursorOptions(CLI::App& command, ListingOptions& options);
 
-/** Leaves a cursor in a file: all of it or nothing, since a reader that is stopped meanwhile must
- * not begin anew. Throws. */
+/** Leaves a cursor in a file: all of it or nothing, also when the power goes, since a reader that
+ * is stopped meanwhile must not begin anew. Throws. */
 void writeCursorFile(const std::string& path, const Cursor& cursor);
 
 /** The cursor to begin behind: of the option, else of the file, if there is one. Throws when the

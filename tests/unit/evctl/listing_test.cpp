@@ -12,6 +12,8 @@
 #include <random>
 #include <regex>
 #include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using test::run;
 using test::Said;
@@ -229,6 +231,30 @@ TEST_F(Listings, CursorFileIsReadAndLeft) {
     support::writeFile(file, "nonsense\n");
     EXPECT_EQ(list({path, "--cursor-file", file}).status, 2);
     EXPECT_EQ(support::readFile(file), "nonsense\n");
+}
+
+TEST_F(Listings, CursorFileThatIsEmptyHoldsNoneYet) {
+    std::string path = put("log", 1, 3, 1000);
+    std::string file = putBytes("cursor", "");
+    ASSERT_EQ(chmod(file.c_str(), 0640), 0);
+    EXPECT_EQ(ids({path, "--cursor-file", file}), "1 2 3");
+    EXPECT_EQ(ids({path, "--cursor-file", file}), "");
+    struct stat status {};
+    ASSERT_EQ(stat(file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0640U);
+}
+
+// Two readers of one cursor must not write into each other's draft, nor through anybody's link.
+TEST_F(Listings, CursorFileIsWrittenAsideUnderANameOfItsOwn) {
+    std::string path = put("log", 1, 3, 1000);
+    std::string file = directory_.file("cursor");
+    std::string precious = putBytes("precious", "precious");
+    ASSERT_EQ(symlink(precious.c_str(), (file + ".new").c_str()), 0);
+    std::string own = file + ".new" + std::to_string(getpid());
+    ASSERT_EQ(symlink(precious.c_str(), own.c_str()), 0);
+    EXPECT_EQ(ids({path, "--cursor-file", file}), "1 2 3");
+    EXPECT_EQ(ids({path, "--cursor-file", file}), "");
+    EXPECT_EQ(support::readFile(precious), "precious");
 }
 
 TEST_F(Listings, LocalTimesBearTheirOffset) {
