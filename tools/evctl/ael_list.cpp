@@ -138,7 +138,8 @@ std::vector<AelFile> selected(std::vector<AelFile> files, const ListingOptions& 
     std::erase_if(files, [&options](const AelFile& file) {
         return file.hasHeader() ? !options.filter.matches(file.event()) : !options.filter.isEmpty();
     });
-    files.resize(std::min<U64_t>(files.size(), options.first.value_or(UINT64_MAX)));
+    files.resize(
+        static_cast<size_t>(std::min<U64_t>(files.size(), options.first.value_or(UINT64_MAX))));
     U64_t excess = files.size() - std::min<U64_t>(files.size(), options.last.value_or(UINT64_MAX));
     files.erase(files.begin(), files.begin() + static_cast<std::ptrdiff_t>(excess));
     if (options.reverse) {
