@@ -1,6 +1,7 @@
 /** evctl file map: the ring as it lies in its file. */
 #include "evctl/commands.h"
 #include "evctl/log_map.h"
+#include "evctl/svg.h"
 
 #include <iostream>
 
@@ -21,7 +22,7 @@ int runMap(const MapOptions& options) {
     EvlogImage_t image = loadLog(options.path);
     LogContent content = readLog(image);
     LogMap map = mapOf(content);
-    std::cout << (options.form == "svg" ? mapPicture(map, content, options.path)
+    std::cout << (options.form == "svg" ? mapPicture(map, content, Svg::titleOf(options.path))
                                         : mapLines(map, content));
     return statusOf(content);
 }

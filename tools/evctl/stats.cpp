@@ -4,6 +4,7 @@
 #include "evctl/event_filter.h"
 #include "evctl/event_stats.h"
 #include "evctl/passed_over.h"
+#include "evctl/svg.h"
 #include "sources/source.h"
 
 #include <algorithm>
@@ -69,7 +70,7 @@ int runStats(const StatsOptions& options) {
     if (options.form == "json") {
         std::cout << jsonLine(statsJson(stats));
     } else if (options.form == "svg") {
-        std::string title = options.paths.front();
+        std::string title = Svg::titleOf(options.paths.front());
         title += options.paths.size() > 1
                      ? " and " + std::to_string(options.paths.size() - 1) + " more"
                      : "";
@@ -93,6 +94,8 @@ void addStatsCommand(CLI::App& parent, Chosen& chosen) {
         ->type_name("text|svg|json")
         ->capture_default_str()
         ->check(CLI::IsMember({"text", "svg", "json"}));
+    command.add_flag_callback(
+        "--json", [options] { options->form = "json"; }, "As -o json: one object");
     onChosen(command, chosen, options, runStats);
 }
 

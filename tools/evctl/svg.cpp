@@ -77,6 +77,13 @@ std::string xmlText(const std::string& text) {
     return safe;
 }
 
+std::string Svg::titleOf(const std::string& path) {
+    size_t name = path.find_last_of('/');
+    size_t folder = name == std::string::npos || name == 0 ? std::string::npos
+                                                           : path.find_last_of('/', name - 1);
+    return folder == std::string::npos ? path : path.substr(folder + 1);
+}
+
 Svg::Svg(U32_t width, U32_t height, const std::string& title)
     : content_("<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 " + std::to_string(width) +
                " " + std::to_string(height) + "\"" + attribute("width", width) +

@@ -25,7 +25,12 @@ enum class Filling : U8_t {
 /** A picture that grows; lengths are in pixels. */
 class Svg {
   public:
+    /** @param title of the picture */
     Svg(U32_t width, U32_t height, const std::string& title);
+
+    /** What a picture of a file is called: its name and its folder's. The whole path of a
+     * customer's machine is nobody's business where pictures are shown. */
+    static std::string titleOf(const std::string& path);
 
     /** @param hint shown where the pointer rests; "" for nothing */
     void box(double x, double y, double width, double height, Filling filling,
