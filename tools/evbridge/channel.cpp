@@ -9,7 +9,6 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/un.h>
-#include <thread>
 #include <unistd.h>
 
 namespace evbridge {
@@ -142,7 +141,10 @@ void Channel::awaitAcknowledgement() {
         if (Clock::now() > end) {
             fail("it takes nothing");
         }
-        std::this_thread::sleep_for(milliseconds(1));
+        pollfd broken{descriptor_, 0, 0}; // of a broken one it is never all acknowledged
+        if (poll(&broken, 1, 1) == 1) {
+            fail("it has broken the connection");
+        }
     }
     U8_t space[512];
     std::size_t size = 0;

@@ -7,6 +7,7 @@
 #include <csignal>
 
 using namespace support;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -97,7 +98,8 @@ TEST_F(BladeFeedTest, TheArchiverIsAskedNothingOnItsBehalf) {
     EXPECT_EQ(running->wait(), exitedWith(0));
     archiver_->signal(SIGTERM);
     archiver_->wait();
-    EXPECT_THAT(archiver_->output(), HasSubstr(" 0 inquiries answered, 0 "));
+    EXPECT_THAT(archiver_->output(), Not(ContainsRegex("[1-9][0-9]* inquiries answered")));
+    EXPECT_THAT(archiver_->output(), Not(ContainsRegex("[1-9][0-9]* answered with nothing")));
 }
 
 TEST_F(BladeFeedTest, ABladeThatGoesAwayIsWaitedFor) {
