@@ -1,15 +1,24 @@
 /**
- * What tools read and show: any bytes as a log, a damaged copy, an alternate event file, compressed
- * or not; every event of it as lines and as JSON; the bug-checks in it.
+ * What tools read and show: any bytes as a log, a damaged copy, an alternate event file, a bundle,
+ * compressed or not; every event of it in every form; pictures and numbers of it, cursors, the
+ * bug-checks in it.
  */
 #include "messages.h"
 
+#include "bundle/bundle.h"
 #include "catalog/catalog.h"
 #include "evctl/crash_view.h"
+#include "evctl/cursor.h"
+#include "evctl/event_forms.h"
 #include "evctl/event_json.h"
+#include "evctl/event_stats.h"
+#include "evctl/event_text.h"
 #include "evctl/event_view.h"
+#include "evctl/file.h"
+#include "evctl/log_map.h"
 #include "sources/source.h"
 
+#include <algorithm>
 #include <array>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -20,7 +29,7 @@ using fuzz::Bytes;
 using fuzz::Input;
 
 constexpr std::array names = {"kelta_eventlog", "kelta_eventlog.debug", "kelta_alteventlog1",
-                              "anything.gz"};
+                              "anything.gz", "a\x1B\n,\"name"};
 constexpr std::size_t LONGEST = 70'000;
 
 /** What the bytes begin with; the first bytes of an input, up to the first 0. */
@@ -68,6 +77,15 @@ void show(const sources::Event& event) {
         evctl::recordLines(*event.record->header, event.record->body);
         evctl::jsonLine(evctl::recordJson(*event.record));
     }
+    evctl::eventLines(event.view);
+    evctl::adviceOf(event.view);
+    const std::string csv = evctl::csvLine(event.view, event.origin->name);
+    const std::string syslog = evctl::syslogLine(event.view);
+    for (const std::string& form : {csv, syslog}) {
+        fuzz::expect(form.find('\n') == form.size() - 1,
+                     "a form of an event is more than one line");
+        fuzz::expect(form.find('\x1B') == std::string::npos, "a form of an event has a control");
+    }
     evctl::hexDump(event.view.data);
     if (auto text = catalog::plainText(event.view.data)) {
         fuzz::expect(text->find('\n') == std::string::npos, "a text is more than one line");
@@ -84,6 +102,49 @@ void showCrashes(const Bytes& bytes) {
         evctl::crashLines(json);
         fuzz::expect(evctl::Json::accept(evctl::jsonLine(json)),
                      "a bug-check's JSON cannot be read back");
+    }
+}
+
+/** A log as a picture and as numbers. */
+void showWhole(const Bytes& bytes) {
+    EvlogImage_t image = evlogImageOf(bytes);
+    evctl::LogContent content = evctl::readLog(image);
+    evctl::EventStats stats;
+    for (const EvlogRecord_t& record : content.records) {
+        stats.add(sources::eventOf(record));
+    }
+    evctl::statsLines(stats, 80);
+    evctl::statsPicture(stats, names.back());
+    evctl::jsonLine(evctl::statsJson(stats));
+    evctl::LogMap map = evctl::mapOf(content);
+    evctl::mapLines(map, content);
+    fuzz::expect(evctl::mapPicture(map, content, names.back()).find('\x1B') == std::string::npos,
+                 "a picture has a control");
+}
+
+/** A cursor of what has been read can be read back; any log can be gone on with behind it. */
+void resume(sources::Source& source) {
+    evctl::Cursor cursor;
+    while (auto event = source.next()) {
+        cursor.moveTo(*event);
+    }
+    source.rewind();
+    auto parsed = evctl::Cursor::parse(cursor.text());
+    fuzz::expect(parsed && parsed->text() == cursor.text(), "a cursor cannot be read back");
+    evctl::Resume behind(*parsed, false);
+    behind.look(source);
+    while (auto event = source.next()) {
+        behind.wants(*event);
+    }
+    source.rewind();
+}
+
+/** The bytes as what a bundle holds, and as a bundle. */
+void showBundle(const Bytes& bytes) {
+    std::vector<std::string> problems;
+    bundle::unpack(bytes, &problems);
+    for (const std::string& problem : problems) {
+        fuzz::expect(problem.find('\n') == std::string::npos, "a problem is more than one line");
     }
 }
 
@@ -114,6 +175,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
             source->rewind();
             fuzz::expect(count(*source) == events, "a source gives other events when read again");
             source->rewind();
+            resume(*source);
         }
         sources::Merge merge(std::move(all));
         while (merge.next()) {
@@ -122,6 +184,9 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         // it is no source
     }
     showCrashes(bytes);
+    showWhole(bytes);
+    showBundle(bytes);
+    evctl::Cursor::parse(std::string(bytes.begin(), bytes.end()));
     return 0;
 }
 
@@ -146,7 +211,17 @@ std::vector<Bytes> seeds() {
     }
     Seed zipped = Seed().byte(3).byte(0).byte(END);
     zipped.text(std::string("\x1F\x8B\x08\x00\x00\x00\x00\x00\x00\x03\x03\x00\x00\x00", 14));
-    return {log.bytes, wrapped.bytes, alternate.bytes, crashes.bytes, zipped.bytes};
+    Seed bundled = Seed().byte(4).byte(0).byte(END);
+    const Bytes packed = bundle::pack({{"a/kelta_eventlog", log.bytes}, {"parameters", {}}}, 0);
+    std::optional<std::string> problem;
+    Bytes tar = sources::decompress(packed, LONGEST, &problem);
+    tar.resize(std::min<std::size_t>(tar.size(), 2048));
+    fuzz::append(bundled.bytes, tar);
+    Seed packedToo = Seed().byte(4).byte(0).byte(END);
+    fuzz::append(packedToo.bytes, packed);
+    Seed cursor = Seed().byte(4).byte(1).byte(END).text("c1:0123456789abcdef.1.2.3,1.2.3.4");
+    return {log.bytes,    wrapped.bytes, alternate.bytes, crashes.bytes,
+            zipped.bytes, bundled.bytes, packedToo.bytes, cursor.bytes};
 }
 
 } // namespace fuzz
