@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Measures questions of the page over a large archive file, one after the other over one connection.
+"""Measures questions of the page over a large archive, one after the other over one connection.
 
-Usage: bench/web.py EVWEB ARCHIVE [ROUNDS]      (bench_web_archive makes one)
+Usage: bench/web.py EVWEB ARCHIVE [ROUNDS]      (bench_web_archive makes a file; `evarchiver db import` takes it over)
 """
 
 import http.client
@@ -46,14 +46,14 @@ def measure(server, started, rounds):
         print(f"| {name} | {found}{' cut' if body.get('cut') else ''} | {times[len(times) // 2]:.1f} | {times[int(len(times) * 0.95)]:.1f} |")
 
     status = ask("status")
-    print(f"{status['events']} events, {status['bytes'] / 1e9:.2f} GB\n\n| What | found | median ms | 95 % ms |\n|---|---|---|---|")
+    print(f"{status['events'] or 'some'} events, {status['bytes'] / 1e9:.2f} GB\n\n| What | found | median ms | 95 % ms |\n|---|---|---|---|")
     report("newest 50, nothing known yet", "events")
     while ask("status")["surveyed"] < 1:
         time.sleep(0.05)
     took = time.monotonic() - started
     with open(f"/proc/{server.pid}/status") as file:
         memory = next(line.split()[1] for line in file if line.startswith("VmRSS"))
-    newest = int(time.mktime(time.strptime(status["newestTime"], "%Y-%m-%dT%H:%M:%SZ")) - time.timezone)
+    newest = ask("events?limit=1")["events"][0]["seconds"]
     middle = newest - 15 * 86_400
     log = ask("logs?find=blade-500")["logs"][0]["log"]
     before = ask(f"events?until=@{middle}&limit=1")["next"]
@@ -76,6 +76,7 @@ def measure(server, started, rounds):
     report("timeline of 30 days, one source", f"timeline?since=@{newest - 30 * 86_400}&until=@{newest}&source=11")
     report("timeline of one blade, 30 days", f"timeline?since=@{newest - 30 * 86_400}&until=@{newest}&log={log}")
     report("overview of 100 logs", "logs")
+    report("the worst logs", "logs?order=worst")
     report("one log with its generations", f"log?log={log}")
     report("a text that is nowhere (ends after --query-time)", "events?text=nowhere")
     print(f"\nThe summary took {took:.1f} s; resident memory {int(memory) / 1024:.0f} MB.")

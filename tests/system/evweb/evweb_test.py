@@ -107,6 +107,30 @@ class Answers:
         self.assertEqual(len(self.events("since=-2d&slot=5")), 0)
         self.assertEqual(len(self.events(f"until=@{NOW - 86400}")), 2)
 
+    def test_times_that_a_filter_names_belong_to_it(self):
+        second = NOW - 86400 * 3
+        for log in ("", f"&log={self.log_of('QUIET')}"):
+            for since, until, count in ((second, second, 2), (second + 1, second + 5, 0), (second - 5, second - 1, 0), (second - 1, second + 1, 2)):
+                with self.subTest(log=log, since=since - second, until=until - second):
+                    self.assertEqual(len(self.events(f"since=@{since}&until=@{until}{log}")), count)
+                    line = self.ask(f"timeline?since=@{since}&until=@{until}{log}")
+                    self.assertEqual(sum(map(sum, line["buckets"])), count)
+
+    def test_pages_of_one_log_follow_each_other_without_a_hole(self):
+        seen, before = [], ""
+        while before is not None:
+            page = self.ask(f"events?log={self.log_of('BLADE-1')}&limit=7&before={before}")
+            seen += [(found["generation"], found["sequenceId"]) for found in page["events"]]
+            before = page["next"]
+        self.assertEqual((len(seen), len(set(seen))), (50, 50))
+
+    def test_ids_that_are_missing_are_counted(self):
+        self.archiver.send([event("HOLES", number, seconds=NOW) for number in (3, 4, 6, 9, 10)])
+        log = wait_until(lambda: next((log for log in self.ask("logs?find=holes")["logs"] if log["lastId"] == 10), None), "five events")
+        self.assertEqual((log["firstId"], log["missing"]), (3, 3))
+        self.assertEqual(self.ask(f"log?log={log['log']}")["generations"][0]["runs"], [[3, 4], [6, 6], [9, 10]])
+        self.remove("HOLES")
+
     def test_text_is_found_whatever_its_case(self):
         self.assertEqual([found["text"] for found in self.events("text=needle")], ["Needle in the hay"])
         self.assertEqual(self.events("text=bug-check")[0]["idName"], "bugcheck_error_msg")
@@ -508,6 +532,32 @@ class BrowserTest(unittest.TestCase):
         text = self.text()
         for word in ("Crashes", "bug-check", "Generation 2", "Generation 1, superseded", "1 gap", "21 to 24", "Warnings and errors"):
             self.assertIn(word, text)
+
+    def test_a_wrong_address_shows_a_page_that_leads_back(self):
+        self.show("/nothing")
+        self.assertIn("no such page", self.text())
+        self.assertEqual(self.browser.run("document.querySelector('main a').pathname"), "/")
+
+    def test_what_the_fleet_is_sorted_by_stands_in_its_address(self):
+        self.show("/")
+        first = "document.querySelector('tbody tr').textContent"
+        self.assertNotIn("BLADE-1", self.browser.run(first))
+        self.browser.run("[...document.querySelectorAll('th button')].find((button) => button.textContent === 'events').click()")
+        self.assertEqual(self.browser.run("location.search"), "?sort=-events")
+        self.show("/?sort=-events")
+        self.assertIn("BLADE-1", self.browser.run(first))
+        self.assertEqual(self.browser.run("document.querySelector('th[aria-sort=descending]').textContent"), "events ↓")
+
+    def test_a_search_has_a_link_that_shows_the_same_tomorrow(self):
+        self.show("/search?since=-2h&type=error")
+        address = self.browser.run("[...document.querySelectorAll('main a')].find((link) => link.textContent === 'permanent link').href")
+        self.assertRegex(address, r"type=error&since=20\d\d-\d\d-\d\dT.*Z&until=20\d\d-.*Z$")
+        self.show(address[address.index("/search"):])
+        self.assertEqual(self.browser.run("document.querySelectorAll('tbody tr').length"), 4)
+
+    def test_long_texts_leave_room_for_others(self):
+        self.show("/search")
+        self.assertEqual(self.browser.run("getComputedStyle(document.querySelector('td.text span')).webkitLineClamp"), "3")
 
     def test_what_matters_is_told_without_colour(self):
         self.show("/search?type=error")
