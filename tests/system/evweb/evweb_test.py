@@ -150,7 +150,7 @@ class Answers:
 
     def test_one_event_tells_all_that_is_known(self):
         found = self.ask(f"event?log={self.log_of('BLADE-1')}&generation=2&id=13")
-        self.assertIn("evctl file crash", found["advice"])
+        self.assertIn("a record could not be read whole", found["advice"])
         self.assertIn({"name": "line", "value": "212"}, found["fields"])
         self.ask(f"event?log={self.log_of('BLADE-1')}&generation=2&id=99", status=404)
 
