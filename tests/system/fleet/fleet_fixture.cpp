@@ -3,6 +3,7 @@
 #include "link_messages.h"
 
 #include <csignal>
+#include <thread>
 
 namespace fleet {
 
@@ -95,6 +96,18 @@ std::unique_ptr<Process> FleetProcessTest::startFleet(const std::string& check,
     }
     all.insert(all.end(), arguments.begin(), arguments.end());
     return std::make_unique<Process>(commandOf("evfleet", all), directory_.file("fleet"));
+}
+
+bool waitForServer(const std::function<bool()>& reached, std::chrono::milliseconds deadline) {
+    return waitUntil(
+        [&reached] {
+            const bool is = reached();
+            if (!is) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(25));
+            }
+            return is;
+        },
+        deadline);
 }
 
 int rounds(int usual) {

@@ -75,6 +75,11 @@ class FleetProcessTest : public testing::Test {
     int starts_ = 0;
 };
 
+/** waitUntil() for what a server is asked, each time on a connection of its own: looks less often.
+ */
+bool waitForServer(const std::function<bool()>& reached,
+                   std::chrono::milliseconds deadline = support::DEADLINE);
+
 /** FLEET_ROUNDS=n, see scripts/prove; as many rounds as given where it is not set. */
 int rounds(int usual);
 

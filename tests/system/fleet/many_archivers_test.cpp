@@ -92,7 +92,7 @@ TEST_F(ManyArchiversTest, BladesThatComeAllAtOnceAreServedAfterEachOutage) {
     waitForHandshakes(blades);
     for (int outage = 0; outage < outages; ++outage) {
         const U64_t before = events();
-        ASSERT_TRUE(waitUntil([&] { return events() > before + 300; }));
+        ASSERT_TRUE(waitForServer([&] { return events() > before + 300; }));
         for (Archiver& archiver : archivers_) {
             archiver.process->signal(SIGKILL);
             archiver.process->wait();
@@ -118,17 +118,17 @@ TEST_F(ManyArchiversTest, LateArchiverSetsAsideAndOpensNothing) {
     BladeLink before(first.port);
     before.ask(statusRequest({}, 0, {1, 2, 3}, 1));
     before.send(event(0, 1000));
-    ASSERT_TRUE(waitUntil([this] { return sql("SELECT count(*) FROM events") == "1\n"; }));
+    ASSERT_TRUE(waitForServer([this] { return sql("SELECT count(*) FROM events") == "1\n"; }));
     first.process->signal(SIGSTOP);
     before.send(event(1, 1001) + event(2, 1002) + event(3, 1003));
 
     BladeLink after(second.port); // of the log that was rebuilt
     EXPECT_EQ(claimOf(after.ask(statusRequest({}, 0, {1, 2, 3}, 1))), (Claim{0, 1}));
     after.send(event(0, 1000) + event(1, 2001) + event(2, 2002) + event(3, 2003));
-    ASSERT_TRUE(waitUntil([this] { return sql("SELECT count(*) FROM events") == "4\n"; }));
+    ASSERT_TRUE(waitForServer([this] { return sql("SELECT count(*) FROM events") == "4\n"; }));
 
     first.process->signal(SIGCONT);
-    ASSERT_TRUE(waitUntil([this] { return sql("SELECT count(*) FROM set_aside") != "0\n"; }));
+    ASSERT_TRUE(waitForServer([this] { return sql("SELECT count(*) FROM set_aside") != "0\n"; }));
     EXPECT_TRUE(before.isClosed());
     stopArchivers();
     EXPECT_EQ(sql("SELECT id, reason FROM set_aside ORDER BY id"), "1|4\n2|4\n3|4\n");
@@ -143,7 +143,7 @@ TEST_F(ManyArchiversTest, LogThatWasRebuiltWhileAnArchiverSleptStaysTheNewest) {
     BladeLink before(first.port);
     before.ask(statusRequest({}, 0, {1, 2, 3}, 1));
     before.send(event(0, 1000) + event(1, 1001));
-    ASSERT_TRUE(waitUntil([this] { return sql("SELECT count(*) FROM events") == "2\n"; }));
+    ASSERT_TRUE(waitForServer([this] { return sql("SELECT count(*) FROM events") == "2\n"; }));
     first.process->signal(SIGSTOP);
     before.send(event(2, 1002) + event(3, 1003));
 
@@ -151,15 +151,15 @@ TEST_F(ManyArchiversTest, LogThatWasRebuiltWhileAnArchiverSleptStaysTheNewest) {
     EXPECT_EQ(claimOf(after.ask(statusRequest({}, 0, {9, 9, 9}, 1))), (Claim{0, 1}));
     const auto rebuilt = [](U32_t id) { return event(id, 2000 + id, {9, 9, 9}); };
     after.send(rebuilt(0) + rebuilt(1) + rebuilt(2) + rebuilt(3));
-    ASSERT_TRUE(waitUntil([this] { return sql("SELECT count(*) FROM events") == "6\n"; }));
+    ASSERT_TRUE(waitForServer([this] { return sql("SELECT count(*) FROM events") == "6\n"; }));
 
     first.process->signal(SIGCONT);
-    ASSERT_TRUE(waitUntil([this] { return sql("SELECT count(*) FROM set_aside") == "2\n"; }));
+    ASSERT_TRUE(waitForServer([this] { return sql("SELECT count(*) FROM set_aside") == "2\n"; }));
     EXPECT_TRUE(before.isClosed());
     BladeLink back(first.port); // to the one that had its old log
     EXPECT_EQ(claimOf(back.ask(statusRequest({}, 0, {9, 9, 9}, 2))), (Claim{1, 0}));
     back.send(rebuilt(2) + rebuilt(3) + rebuilt(4));
-    ASSERT_TRUE(waitUntil([this] { return sql("SELECT count(*) FROM events") == "7\n"; }));
+    ASSERT_TRUE(waitForServer([this] { return sql("SELECT count(*) FROM events") == "7\n"; }));
     stopArchivers();
     EXPECT_EQ(sql("SELECT id, reason, encode(image, 'hex') FROM set_aside ORDER BY id"),
               "2|4|" + image(event(2, 1002)) + "\n3|4|" + image(event(3, 1003)) + "\n");

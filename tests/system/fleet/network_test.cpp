@@ -126,7 +126,7 @@ TEST_F(OneAddressTest, RealEventManagersNoticeNothingOfWhatHappensBehindIt) {
     intake = crowd.log(course.each);
     expectNothingNoticed(crowd, "both are back", intake);
     const auto archive = evarchive::openPgArchiveForReading(place_);
-    EXPECT_TRUE(waitUntil(
+    EXPECT_TRUE(waitForServer(
         [&] {
             crowd.pass();
             return crowd.countArchived(*archive) == course.blades;
@@ -165,7 +165,7 @@ TEST_F(BadLineTest, ServerBehindABadLineThatBreaksGetsAllOnce) {
                                   "40", "--reconnect", "200", "--settle", "60"})),
                   directory_.file("fleet"));
     const auto events = [&] { return std::stoul(server.sql("SELECT count(*) FROM events")); };
-    ASSERT_TRUE(waitUntil([&] { return events() > 200; }));
+    ASSERT_TRUE(waitForServer([&] { return events() > 200; }));
     network.setUp(false);
     archiver.waitForOutput("events wait, tried again");
     network.setUp(true);

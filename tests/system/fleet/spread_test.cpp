@@ -45,7 +45,7 @@ class SpreadTest : public FleetProcessTest {
             probe.link->send(eventMessage({.log = probe.log, .id = filed_}));
         }
         ++filed_;
-        EXPECT_TRUE(waitUntil([this] {
+        EXPECT_TRUE(waitForServer([this] {
             return count(first_, "event_list WHERE enclosure = 'PROBE'") == filed_ * probes_.size();
         }));
         return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -83,7 +83,7 @@ TEST_F(SpreadTest, ServerThatIsKilledIsMissedByNobodyElseAndComesBackWithAll) {
     ASSERT_GE(probes_.size(), 3U);
     const auto fleet = startFleet(
         hub_.place(), {"--blades", "60", "--events", "99", "--rate", "25", "--outages", "1"});
-    ASSERT_TRUE(waitUntil([&] { return count(second_, "events") > 300; }));
+    ASSERT_TRUE(waitForServer([&] { return count(second_, "events") > 300; }));
     const auto before = timesToFile();
     second_.kill();
     archivers_.front().process->waitForOutput("events wait, tried again");
@@ -98,7 +98,7 @@ TEST_F(SpreadTest, ServerThatIsKilledIsMissedByNobodyElseAndComesBackWithAll) {
     const U64_t logs = count(first_, "logs WHERE enclosure = 'FLEET'");
     EXPECT_GT(logs, 10U);
     EXPECT_LT(logs, 50U);
-    EXPECT_TRUE(waitUntil(
+    EXPECT_TRUE(waitForServer(
         [&] { return count(first_, "event_list WHERE enclosure = 'FLEET'") >= 100 * logs; }));
     second_.start();
     EXPECT_EQ(fleet->wait(std::chrono::seconds(100)), exitedWith(0)) << fleet->output();

@@ -24,6 +24,7 @@ struct Script {
     U32_t last = 0;
     U32_t flag = 1;
     bool splitFirst = false; ///< the first answer comes in two pieces
+    std::function<void()> atSecondLink = [] {};
 };
 
 /** Answers each connection's status request and reads what comes behind it. One at a time. */
@@ -55,6 +56,9 @@ class ScriptedArchiver {
             asio::ip::tcp::socket link = acceptor_.accept();
             if (isEnding_) {
                 return;
+            }
+            if (!isFirst) {
+                script_.atSecondLink();
             }
             Bytes bytes;
             try {
@@ -192,20 +196,42 @@ TEST(FleetRun, NobodyListeningIsToldAsUnsettled) {
     EXPECT_GT(result.counts.failedConnects, 0U);
 }
 
-// The archive is empty, and stays so; the blade could send all of it again.
+// They are there again once the blade has asked anew, which hides nothing.
 TEST(FleetRun, ClaimedEventsThatAreGoneAreTold) {
     const support::TempDirectory directory;
     const std::string path = directory.file("events.db");
-    evarchive::openArchive(path);
-    ScriptedArchiver archiver({.last = 1, .flag = 0});
     FleetOptions options;
+    options.events = 3;
+    options.check = path;
+    const auto fileAll = [&] {
+        const auto store = evarchive::openArchive(path);
+        const evfleet::SimulatedLog log(options.shape, 0);
+        store->begin();
+        const auto series = store->addSeries({{"FLEET", log.bladeName(), 0}, 1});
+        store->addGeneration({series, 1}, 0);
+        for (U32_t id = 1; id <= 4; ++id) {
+            evfleet::Bytes image;
+            log.appendEvent(image, id, 0);
+            evarchive::NewEvent event;
+            event.sequenceId = id;
+            event.image = image;
+            store->addEvent({series, 1}, event);
+        }
+        store->commit();
+    };
+    evarchive::openArchive(path);
+    bool isFiled = false;
+    ScriptedArchiver archiver({.last = 1, .flag = 0, .atSecondLink = [&] {
+                                   if (!std::exchange(isFiled, true)) {
+                                       fileAll();
+                                   }
+                               }});
     options.archivers = {archiver.place()};
     options.blades = 1;
-    options.events = 3;
     options.settle = std::chrono::seconds(1);
     options.progress = std::chrono::seconds(0);
-    options.check = path;
     const FleetResult result = Fleet(options, [](const std::string&) {}).run();
+    EXPECT_TRUE(result.check.isClean());
     EXPECT_EQ(result.lost, 1U);
     EXPECT_FALSE(result.isClean());
 }
