@@ -21,9 +21,14 @@ class Members {
 
     void number(std::string_view name, U64_t value) { begin(name).append(std::to_string(value)); }
 
+    /** A text in which nothing needs an escape. */
+    void plain(std::string_view name, std::string_view value) {
+        begin(name).append(1, '"').append(value).append(1, '"');
+    }
+
     void text(std::string_view name, std::string_view value) {
         if (std::ranges::all_of(value, isPlain)) {
-            begin(name).append(1, '"').append(value).append(1, '"');
+            plain(name, value);
         } else {
             begin(name).append(Json(value).dump(-1, ' ', false, Json::error_handler_t::replace));
         }
@@ -38,7 +43,7 @@ class Members {
         if (row == nullptr) {
             nothing(name + "Name");
         } else {
-            text(name + "Name", row->brief);
+            plain(name + "Name", row->brief);
         }
     }
 
@@ -67,7 +72,7 @@ std::string eventMembers(const EventView& event) {
     Members members(MEMBERS_RESERVE + 3 * event.data.size());
     members.number("sequenceId", header.evSequenceId);
     members.number("instanceNumber", header.evInstanceNumber);
-    members.text("time", isoTime(header.evTime));
+    members.plain("time", isoTime(header.evTime));
     members.number("seconds", header.evTime);
     members.named("type", tools::eventTypeNames, header.evType);
     members.named("source", tools::endpointNames, header.evSource);
@@ -78,7 +83,7 @@ std::string eventMembers(const EventView& event) {
     members.text("bladeId", escapedText(header.evBladeId));
     members.number("slotId", header.evSlotId);
     members.number("length", event.data.size());
-    members.text("data", hexDigits(event.data));
+    members.plain("data", hexDigits(event.data));
     if (std::optional<std::string> said = eventText(event)) {
         members.text("text", *said);
     } else {
@@ -90,7 +95,7 @@ std::string eventMembers(const EventView& event) {
 std::string placeMembers(const EvlogRecord_t& record) {
     Members members(MEMBERS_RESERVE);
     members.number("offset", record.offset);
-    members.text("part", roleName(record.role));
+    members.plain("part", roleName(record.role));
     members.flag("taken", record.taken);
     return members.take();
 }

@@ -146,11 +146,11 @@ std::string jsonLine(const Json& json) {
 }
 
 std::string hexDigits(std::span<const U8_t> bytes) {
-    std::string text;
-    text.reserve(bytes.size() * 2);
+    std::string text(bytes.size() * 2, '0');
+    char* place = text.data();
     for (U8_t byte : bytes) {
-        text += HEX_DIGITS[byte >> 4];
-        text += HEX_DIGITS[byte & 0x0F];
+        *place++ = HEX_DIGITS[byte >> 4];
+        *place++ = HEX_DIGITS[byte & 0x0F];
     }
     return text;
 }
