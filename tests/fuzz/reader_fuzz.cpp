@@ -211,8 +211,11 @@ std::vector<Bytes> seeds() {
     }
     Seed zipped = Seed().byte(3).byte(0).byte(END);
     zipped.text(std::string("\x1F\x8B\x08\x00\x00\x00\x00\x00\x00\x03\x03\x00\x00\x00", 14));
+    Input logOnly(log.bytes.data() + 2, log.bytes.size() - 2);
+    Seed named = Seed().byte(4).byte(0);
+    event(named, 3, 26).byte(END).byte(0);
     Seed bundled = Seed().byte(4).byte(0).byte(END);
-    const Bytes packed = bundle::pack({{"a/kelta_eventlog", log.bytes}, {"parameters", {}}}, 0);
+    const Bytes packed = bundle::pack({{"a/kelta_eventlog", made(logOnly)}, {"parameters", {}}}, 0);
     std::optional<std::string> problem;
     Bytes tar = sources::decompress(packed, LONGEST, &problem);
     tar.resize(std::min<std::size_t>(tar.size(), 2048));
@@ -220,8 +223,8 @@ std::vector<Bytes> seeds() {
     Seed packedToo = Seed().byte(4).byte(0).byte(END);
     fuzz::append(packedToo.bytes, packed);
     Seed cursor = Seed().byte(4).byte(1).byte(END).text("c1:0123456789abcdef.1.2.3,1.2.3.4");
-    return {log.bytes,    wrapped.bytes, alternate.bytes, crashes.bytes,
-            zipped.bytes, bundled.bytes, packedToo.bytes, cursor.bytes};
+    return {log.bytes,     wrapped.bytes,   alternate.bytes, crashes.bytes, zipped.bytes,
+            bundled.bytes, packedToo.bytes, cursor.bytes,    named.bytes};
 }
 
 } // namespace fuzz
