@@ -35,25 +35,13 @@ class ArchiveFeed final : public Feed {
     }
 
     Entries more(std::size_t most) override {
-        given_.clear();
-        Entries entries;
-        const auto generations = store_->listGenerations();
-        for (const auto& generation : generations) {
-            addNewest(generation, most, entries);
-        }
-        if (given_.size() < most && Clock::now() >= nextWholeLook_) {
-            for (const auto& generation : generations) {
-                addLate(generation, most, entries);
+        for (;;) {
+            Entries entries = look(most);
+            if (!entries.empty() || given_.empty()) {
+                return entries;
             }
-            if (given_.size() < most) {
-                nextWholeLook_ = Clock::now() + WHOLE_LOOK;
-            }
-        }
-        if (entries.empty() && !given_.empty()) {
             taken(); // nothing of it is handed on
-            return more(most);
         }
-        return entries;
     }
 
     void taken() override {
@@ -72,6 +60,24 @@ class ArchiveFeed final : public Feed {
     }
 
   private:
+    Entries look(std::size_t most) {
+        given_.clear();
+        Entries entries;
+        const auto generations = store_->listGenerations();
+        for (const auto& generation : generations) {
+            addNewest(generation, most, entries);
+        }
+        if (given_.size() < most && Clock::now() >= nextWholeLook_) {
+            for (const auto& generation : generations) {
+                addLate(generation, most, entries);
+            }
+            if (given_.size() < most) {
+                nextWholeLook_ = Clock::now() + WHOLE_LOOK;
+            }
+        }
+        return entries;
+    }
+
     static std::string nameOf(const evarchive::GenerationInfo& generation) {
         const auto& [blade, instance] = generation.key;
         return tools::escapedText(blade.enclosure) + "/" + tools::escapedText(blade.blade) + "/" +

@@ -160,7 +160,7 @@ void Link::turn() {
         const bool toOuter = flushOuter();
         const bool fromInner = readInner();
         const bool toInner = flushInner();
-        const bool fromOuter = readOuter();
+        const bool fromOuter = stage_ != Stage::CLOSED && readOuter();
         if (stage_ == Stage::CLOSED) {
             return;
         }
