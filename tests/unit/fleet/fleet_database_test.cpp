@@ -205,6 +205,7 @@ TEST_F(FleetDatabaseTest, EventThatComesWhileItsPartitionIsMadeIsMovedToo) {
 
 TEST_F(FleetDatabaseTest, PastPartitionIsDroppedAroundAnArchiverAtWork) {
     file({{0, NOW}}, NOW);
+    maintainFleet(place_, 9, NOW + 5 * DAY); // nothing is left to be made
     const auto archiver = openPgArchive(place_);
     const GenerationKey generation{archiver->claim(key_, 0).series, 1};
     const Bytes image = eventBody({.id = 1, .time = static_cast<U32_t>(NOW + 2 * DAY)});
@@ -212,7 +213,7 @@ TEST_F(FleetDatabaseTest, PastPartitionIsDroppedAroundAnArchiverAtWork) {
     archiver->addEvent(generation, {1, image, true, false, NOW});
     archiver->highestId(generation);
     FleetUpkeep upkeep;
-    std::thread owner([&] { upkeep = maintainFleet(place_, 0, NOW + 5 * DAY); });
+    std::thread owner([&] { upkeep = maintainFleet(place_, 4, NOW + 5 * DAY); });
     EXPECT_TRUE(support::waitUntil([this] { return isSomebodyWaiting(); }));
     archiver->countDuplicates(generation, 1); // of a row that what goes is written into
     archiver->commit();
