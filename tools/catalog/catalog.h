@@ -59,6 +59,7 @@ struct Entry {
     std::string advice;           ///< what an operator may do; empty: nothing
     std::vector<Field> fields;
     std::string file; ///< where it stands
+    U32_t layer = 0;  ///< directories that came before its own, or its file
 
     const Field* field(const std::string& wanted) const;
 };
@@ -87,11 +88,18 @@ class Catalog {
     /** add() for a file. */
     void addFile(const std::string& path, std::vector<Problem>* problems);
 
-    /** addFile() for each file of a directory whose name ends in ".json", in the order of names. A
-     * directory that is not there has none. */
+    /**
+     * addFile() for each file of a directory whose name ends in ".json", in the order of names. It
+     * goes before the directories that came earlier: a file replaces theirs of the same name, and
+     * an entry theirs of the same event.
+     */
     void addDirectory(const std::string& path, std::vector<Problem>* problems);
 
-    /** @return the entry of that version, else that of any version, else nullptr */
+    /** What later directories have replaced, as "replaces ..." at the place of what counts. */
+    const std::vector<Problem>& replaced() const { return replaced_; }
+
+    /** @return of the last directory that knows it: the entry of that version, else that of any
+     * version; else nullptr. @param version above 255: entries of any version only */
     const Entry* find(U32_t source, U32_t id, U32_t version) const;
 
     /** In the order of sources and ids. */
@@ -99,15 +107,21 @@ class Catalog {
 
   private:
     void take(Entry entry, const std::string& place, std::vector<Problem>* problems);
+    void dropFile(const std::string& path, std::vector<Problem>* problems);
 
     std::map<U32_t, std::vector<Entry>> bySource_;
+    std::map<std::string, std::string> files_; // of directories: paths by name
+    std::vector<Problem> replaced_;
+    U32_t layer_ = 0;
 };
 
 /** Where catalogues stand: the directories that EVENT_MANAGER_CATALOG names, with colons between;
- * when it is not set, those of the installation and of the site (/etc/event-manager/catalog.d). */
+ * when it is not set, those of the installation and of the site (/etc/event-manager/catalog.d).
+ * Later ones go before. */
 std::vector<std::string> catalogDirectories();
 
-/** The catalogue of catalogDirectories(). */
+/** The catalogue of catalogDirectories(). One that the variable names must be there; any that is
+ * there must be readable. */
 Catalog loadCatalog(std::vector<Problem>* problems);
 
 // --- Decoding ------------------------------------------------------------------------------------

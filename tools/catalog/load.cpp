@@ -1,6 +1,7 @@
 #include "catalog/catalog.h"
 
 #include "common/names.h"
+#include "common/text.h"
 #include "emp_mesgs.h"
 
 #include <algorithm>
@@ -68,7 +69,7 @@ class Reader {
             sayOf(member, required ? "must be a text, not empty" : "must be a text");
             return "";
         }
-        return found->get<std::string>();
+        return shown(member, found->get<std::string>());
     }
 
     std::optional<U32_t> number(const std::string& member, U32_t min, U32_t max, bool required) {
@@ -104,6 +105,19 @@ class Reader {
         }
         sayOf(member, "'" + found + "' is none of " + known);
         return words.front().second;
+    }
+
+    /** @return the text: readers show it as it is, in a line, so nothing else may be in it */
+    std::string shown(const std::string& member, const std::string& text) {
+        for (size_t at = 0; at < text.size();) {
+            size_t length = tools::utf8CharacterAt(text, at);
+            if (length == 0) {
+                sayOf(member, "holds a control character");
+                return "";
+            }
+            at += length;
+        }
+        return text;
     }
 
   private:
@@ -145,7 +159,7 @@ void readNames(Reader& reader, Field& field) {
         if (!value || !name.is_string()) {
             reader.sayOf("names/" + text, "must be a number with a name");
         } else {
-            field.names[*value] = name.get<std::string>();
+            field.names[*value] = reader.shown("names/" + text, name.get<std::string>());
         }
     }
 }
@@ -252,22 +266,46 @@ const Field* Entry::field(const std::string& wanted) const {
 }
 
 std::string problemLine(const Problem& problem) {
-    return problem.file + ": " + (problem.place.empty() ? "" : problem.place + ": ") + problem.text;
+    return tools::escapedUtf8(problem.file) + ": " +
+           (problem.place.empty() ? "" : tools::escapedUtf8(problem.place) + ": ") +
+           tools::escapedUtf8(problem.text);
 }
 
 void Catalog::take(Entry entry, const std::string& place, std::vector<Problem>* problems) {
     std::vector<Entry>& entries = bySource_[entry.source];
+    auto overlaps = [&entry](const Entry& other) {
+        return other.firstId <= entry.lastId && other.lastId >= entry.firstId;
+    };
     for (const Entry& other : entries) {
-        if (other.version == entry.version && other.firstId <= entry.lastId &&
-            other.lastId >= entry.firstId) {
-            problems->push_back({entry.file, place, "the same event stands in " + other.file});
+        if (other.layer == entry.layer && other.version == entry.version && overlaps(other)) {
+            problems->push_back(
+                {entry.file, place, "the same event stands in " + other.file + ", which counts"});
             return;
         }
     }
+    for (const Entry& other : entries) {
+        bool sameVersion = !entry.version || entry.version == other.version;
+        if (other.layer < entry.layer && sameVersion && overlaps(other)) {
+            replaced_.push_back({entry.file, place, "goes before that of " + other.file});
+        }
+    }
+    std::erase_if(entries, [&entry](const Entry& other) { // of a range, part may be left
+        return other.layer < entry.layer && (!entry.version || entry.version == other.version) &&
+               other.firstId >= entry.firstId && other.lastId <= entry.lastId;
+    });
     auto after = std::find_if(entries.begin(), entries.end(), [&entry](const Entry& other) {
         return std::tie(other.firstId, other.version) > std::tie(entry.firstId, entry.version);
     });
     entries.insert(after, std::move(entry));
+}
+
+void Catalog::dropFile(const std::string& path, std::vector<Problem>* problems) {
+    for (auto& [source, entries] : bySource_) {
+        std::erase_if(entries, [&path](const Entry& entry) { return entry.file == path; });
+    }
+    for (std::vector<Problem>* list : {problems, &replaced_}) {
+        std::erase_if(*list, [&path](const Problem& problem) { return problem.file == path; });
+    }
 }
 
 void Catalog::add(const std::string& json, const std::string& file,
@@ -291,6 +329,7 @@ void Catalog::add(const std::string& json, const std::string& file,
         Reader each = reader.at("events/" + std::to_string(index), (*events)[index]);
         Entry entry;
         entry.file = file;
+        entry.layer = layer_;
         entry.source = source.value_or(0);
         if (readEntry(each, entry) && source) {
             take(std::move(entry), each.place(), problems);
@@ -319,14 +358,24 @@ void Catalog::addFile(const std::string& path, std::vector<Problem>* problems) {
 
 void Catalog::addDirectory(const std::string& path, std::vector<Problem>* problems) {
     std::error_code error;
-    std::set<std::string> files;
-    for (const auto& file : std::filesystem::directory_iterator(path, error)) {
-        if (file.path().extension() == ".json") {
-            files.insert(file.path());
+    std::map<std::string, std::string> files;
+    std::filesystem::directory_iterator file(path, error);
+    for (; !error && file != std::filesystem::directory_iterator(); file.increment(error)) {
+        if (file->path().extension() == ".json") {
+            files[file->path().filename()] = file->path();
         }
     }
-    for (const std::string& file : files) {
-        addFile(file, problems);
+    if (error) {
+        problems->push_back({path, "", error.message()});
+    }
+    layer_++;
+    for (const auto& [name, each] : files) {
+        if (auto earlier = files_.find(name); earlier != files_.end()) {
+            dropFile(earlier->second, problems);
+            replaced_.push_back({each, "", "replaces " + earlier->second});
+        }
+        files_[name] = each;
+        addFile(each, problems);
     }
 }
 
@@ -335,17 +384,19 @@ const Entry* Catalog::find(U32_t source, U32_t id, U32_t version) const {
     if (entries == bySource_.end()) {
         return nullptr;
     }
-    const Entry* any = nullptr;
+    const Entry* best = nullptr;
     for (const Entry& entry : entries->second) {
-        if (id < entry.firstId || id > entry.lastId) {
+        if (id < entry.firstId) {
+            break;
+        }
+        if (id > entry.lastId || (entry.version && *entry.version != version)) {
             continue;
         }
-        if (entry.version == version) {
-            return &entry;
-        }
-        any = entry.version ? any : &entry;
+        bool isNearer = best == nullptr || entry.layer > best->layer ||
+                        (entry.layer == best->layer && entry.version);
+        best = isNearer ? &entry : best;
     }
-    return any;
+    return best;
 }
 
 std::vector<const Entry*> Catalog::entries() const {

@@ -55,8 +55,13 @@ std::vector<std::string> catalogDirectories() {
 
 Catalog loadCatalog(std::vector<Problem>* problems) {
     Catalog catalog;
+    bool isNamed = getenv(VARIABLE) != nullptr;
     for (const std::string& directory : catalogDirectories()) {
-        catalog.addDirectory(directory, problems);
+        std::error_code error;
+        auto type = std::filesystem::status(directory, error).type();
+        if (isNamed || type != std::filesystem::file_type::not_found) {
+            catalog.addDirectory(directory, problems);
+        }
     }
     return catalog;
 }

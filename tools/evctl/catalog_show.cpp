@@ -17,8 +17,11 @@ constexpr char CATALOG_SHOW_EXAMPLES[] = "Examples:\n"
                                          "  evctl catalog show startup signal --json";
 constexpr char CATALOG_CHECK_EXAMPLES[] =
     "Without FILE, the catalogue in use is checked. The exit status is 1 when anything is wrong.\n"
+    "What one directory replaces of another is told and is not wrong.\n"
     "Example:\n"
     "  evctl catalog check my-processes.json";
+
+constexpr U32_t ANY_VERSION = UINT8_MAX + 1;
 
 struct CatalogOptions {
     std::vector<std::string> files;
@@ -132,7 +135,8 @@ int runShow(const CatalogOptions& options) {
     sayProblems(problems, std::cerr);
     bool found = false;
     for (const catalog::Entry* entry : loaded.entries()) {
-        if (entry->source != source || id < entry->firstId || id > entry->lastId) {
+        // Unless one of a later directory goes before it.
+        if (loaded.find(source, id, entry->version.value_or(ANY_VERSION)) != entry) {
             continue;
         }
         found = true;
@@ -150,7 +154,8 @@ int runShow(const CatalogOptions& options) {
 
 int runCheck(const CatalogOptions& options) {
     std::vector<catalog::Problem> problems;
-    load(options.files, &problems);
+    catalog::Catalog loaded = load(options.files, &problems);
+    sayProblems(loaded.replaced(), std::cout);
     return sayProblems(problems, std::cout);
 }
 

@@ -126,7 +126,7 @@ TEST(Catalog, WhatIsWrongIsToldWithItsPlaceAndLeftOut) {
                             "f: /events/2/text: no field is named 'y'",
                             "f: /events/4: must be an object",
                             "f: /events/5/severity: 'loud' is none of information, warning, error",
-                            "f: /events/6: the same event stands in f",
+                            "f: /events/6: the same event stands in f, which counts",
                             "f: /events/7/fields/0: reaches beyond the 3848 bytes that an event "
                             "may have",
                             "f: /events/7/fields/1/width: a number has 1 to 8 bytes",
@@ -201,9 +201,92 @@ TEST(Catalog, OnlyFilesNamedJsonAreReadInTheOrderOfNames) {
     ASSERT_EQ(problems.size(), 1U);
     EXPECT_EQ(problemLine(problems[0]), directory.file("b.json") +
                                             ": /events/0: the same event stands in " +
-                                            directory.file("a.json"));
-    catalog.addDirectory(directory.file("nothing"), &problems);
-    EXPECT_EQ(problems.size(), 1U);
+                                            directory.file("a.json") + ", which counts");
+}
+
+namespace {
+
+std::string eventsOf(const std::string& events) {
+    return R"({"source":18,"events":[)" + events + "]}";
+}
+
+/** Two directories, one after the other. */
+class CatalogDirectories : public testing::Test {
+  protected:
+    CatalogDirectories() {
+        shipped_ = directory_.makeDirectory("share") + "/";
+        site_ = directory_.makeDirectory("etc") + "/";
+        setenv("EVENT_MANAGER_CATALOG", (shipped_ + ":" + site_).c_str(), 1);
+    }
+    ~CatalogDirectories() override { unsetenv("EVENT_MANAGER_CATALOG"); }
+
+    std::vector<std::string> load() {
+        std::vector<Problem> problems;
+        catalog_ = loadCatalog(&problems);
+        std::vector<std::string> lines;
+        problems.insert(problems.end(), catalog_.replaced().begin(), catalog_.replaced().end());
+        for (const Problem& problem : problems) {
+            lines.push_back(problemLine(problem));
+        }
+        return lines;
+    }
+    std::string textOf(U32_t id, U32_t version = 1) {
+        const Entry* entry = catalog_.find(18, id, version);
+        return entry == nullptr ? "none" : entry->text;
+    }
+
+    support::TempDirectory directory_;
+    std::string shipped_;
+    std::string site_;
+    Catalog catalog_;
+};
+
+} // namespace
+
+TEST_F(CatalogDirectories, AnEntryOfALaterOneReplacesThatOfTheSameEvent) {
+    support::writeFile(shipped_ + "a.json", eventsOf(R"({"id":1,"text":"shipped"},
+        {"id":1,"idVersion":2,"text":"shipped 2"}, {"id":5,"lastId":9,"text":"shipped range"})"));
+    support::writeFile(site_ + "b.json", eventsOf(R"({"id":1,"text":"own"},
+        {"id":7,"text":"own"}, {"id":8,"idVersion":3,"text":"own 3"})"));
+    std::string goesBefore = ": goes before that of " + shipped_ + "a.json";
+    EXPECT_THAT(load(), ElementsAre(site_ + "b.json: /events/0" + goesBefore, // any version
+                                    site_ + "b.json: /events/0" + goesBefore, // and the second
+                                    site_ + "b.json: /events/1" + goesBefore));
+    EXPECT_EQ(textOf(1), "own");
+    EXPECT_EQ(textOf(1, 2), "own");
+    EXPECT_EQ(textOf(6), "shipped range");
+    EXPECT_EQ(textOf(7), "own");
+    EXPECT_EQ(textOf(8), "shipped range");
+    EXPECT_EQ(textOf(8, 3), "own 3");
+    EXPECT_EQ(catalog_.entries().size(), 4U); // both of event 1 are gone
+}
+
+TEST_F(CatalogDirectories, AFileOfALaterOneReplacesThatOfTheSameName) {
+    support::writeFile(shipped_ + "a.json", eventsOf(R"({"id":1,"text":"shipped"},{"id":2})"));
+    support::writeFile(site_ + "a.json", eventsOf(R"({"id":3,"text":"own"})"));
+    EXPECT_THAT(load(), ElementsAre(site_ + "a.json: replaces " + shipped_ + "a.json"));
+    EXPECT_EQ(textOf(1), "none");
+    EXPECT_EQ(textOf(3), "own");
+}
+
+TEST_F(CatalogDirectories, OneThatIsNamedAndCannotBeReadIsTold) {
+    support::writeFile(directory_.file("file"), "");
+    setenv("EVENT_MANAGER_CATALOG", (directory_.file("no") + ":" + directory_.file("file")).c_str(),
+           1);
+    EXPECT_THAT(load(), ElementsAre(directory_.file("no") + ": No such file or directory",
+                                    directory_.file("file") + ": Not a directory"));
+}
+
+TEST(Catalog, TextsThatWouldBreakALineAreRefused) {
+    EXPECT_THAT(problemsOf(R"({"source":18,"\u001b[2J":1,"events":[{"id":1,"text":"a\nb"},
+        {"id":2,"text":"x","advice":"\u202e"}, {"id":3,"text":"\u00e4"},
+        {"id":4,"text":"x","fields":[{"name":"n","offset":0,"width":1,"unit":"\u001b",
+                                      "names":{"1":"\r"}}]}]})"),
+                ElementsAre("f: /\\x1B[2J: unknown member",
+                            "f: /events/0/text: holds a control character",
+                            "f: /events/1/advice: holds a control character",
+                            "f: /events/3/fields/0/unit: holds a control character",
+                            "f: /events/3/fields/0/names/1: holds a control character"));
 }
 
 TEST(Catalog, PlainTextIsUtf8WithoutControls) {
