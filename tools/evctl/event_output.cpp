@@ -44,13 +44,14 @@ bool isSet(const char* variable) {
     return value != nullptr && *value != '\0';
 }
 
-bool wantsColour(Colour colour, bool paged) {
+bool wantsColour(Colour colour, const OutputPlace& place) {
     if (colour != Colour::AUTO) {
         return colour == Colour::ALWAYS;
     }
     const char* terminal = getenv("TERM");
     bool isDumb = terminal == nullptr || std::string_view(terminal) == "dumb";
-    return !isSet("NO_COLOR") && !isDumb && (paged || isatty(STDOUT_FILENO) != 0);
+    return !isSet("NO_COLOR") && !isDumb && place.colours &&
+           (place.paged || isatty(STDOUT_FILENO) != 0);
 }
 
 /** Nothing in the colour of the terminal. */
@@ -91,7 +92,7 @@ void addOutputOptions(CLI::App& command, OutputOptions& options) {
 
 EventPrinter::EventPrinter(const OutputOptions& options, const OutputPlace& place)
     : options_(options), place_(place), columns_(place.paged ? std::nullopt : outputColumns()),
-      colour_(wantsColour(options.colour, place.paged)) {
+      colour_(wantsColour(options.colour, place)) {
     if (options.form == Form::CSV) {
         std::cout << csvHeader();
     }

@@ -37,7 +37,8 @@ void addOutputOptions(CLI::App& command, OutputOptions& options);
 /** Where it is printed. */
 struct OutputPlace {
     bool several = false; ///< events of several logs: shows which one each is of
-    bool paged = false;   ///< a pager takes it, which shows colours, and long lines as it likes
+    bool paged = false;   ///< a pager takes it, which shows long lines as it likes
+    bool colours = true;  ///< where it is shown colours are, not their codes
 };
 
 /** Prints events on standard output. */

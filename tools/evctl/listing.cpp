@@ -181,8 +181,9 @@ std::optional<Cursor> startCursor(const ListingOptions& options) {
 
 Listing::Listing(const ListingOptions& options, bool several, bool live)
     : options_(options), pager_(!options.noPager && !live),
-      printer_(options.output, {.several = several, .paged = pager_.isThere()}), live_(live),
-      cursor_(startCursor(options).value_or(Cursor{})) {}
+      printer_(options.output,
+               {.several = several, .paged = pager_.isThere(), .colours = pager_.showsColours()}),
+      live_(live), cursor_(startCursor(options).value_or(Cursor{})) {}
 
 bool Listing::isAnchor(const sources::Event& event) const {
     const EmpEvLogHeader_t& header = *event.view.header;
@@ -246,13 +247,17 @@ void Listing::keepNeighbours() {
     kept_ = std::move(near);
 }
 
-void Listing::tellCursor() {
+/** @return whether all could be shown, as far as anybody wanted to see it */
+bool Listing::tellCursor() {
     if (options_.showCursor) {
         printer_.printCursor(cursor_.text());
     }
-    if (!options_.cursorFile.empty() && std::cout.flush()) {
+    bool isTaken = static_cast<bool>(std::cout.flush());
+    bool isShown = pager_.finish();
+    if (!options_.cursorFile.empty() && isTaken && isShown) {
         writeCursorFile(options_.cursorFile, cursor_);
     }
+    return isShown;
 }
 
 int Listing::finish() {
@@ -266,7 +271,7 @@ int Listing::finish() {
         printer_.print(event);
     }
     kept_.clear();
-    tellCursor();
+    bool isShown = tellCursor();
     if (!foundAnchor_) {
         std::cerr << "evctl: no "
                   << (options_.around->sequenceId
@@ -274,7 +279,7 @@ int Listing::finish() {
                           : "bug-check")
                   << "\n";
     }
-    return foundAnchor_ ? tools::EXIT_DONE : tools::EXIT_FINDING;
+    return !isShown ? tools::EXIT_COULD_NOT : foundAnchor_ ? tools::EXIT_DONE : tools::EXIT_FINDING;
 }
 
 int listSources(sources::Sources sources, const ListingOptions& options, bool several) {
@@ -298,7 +303,7 @@ int listSources(sources::Sources sources, const ListingOptions& options, bool se
     for (const auto& source : merge.sources()) {
         sayProblems(*source, several);
         bool isSound = source->problems().empty() && source->notices().empty();
-        status = isSound ? status : tools::EXIT_FINDING;
+        status = std::max<int>(status, isSound ? tools::EXIT_DONE : tools::EXIT_FINDING);
     }
     return status;
 }

@@ -76,7 +76,7 @@ class Listing {
   private:
     bool isAnchor(const sources::Event& event) const;
     void keepNeighbours();
-    void tellCursor();
+    bool tellCursor();
 
     const ListingOptions& options_;
     Pager pager_;

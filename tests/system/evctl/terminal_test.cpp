@@ -8,6 +8,8 @@
 #include <gmock/gmock.h>
 
 #include <csignal>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using support::Bytes;
 using support::Ending;
@@ -51,6 +53,12 @@ class OnATerminal : public testing::Test {
         arguments.insert(arguments.begin(), {"file", "list", log_});
         return run(arguments, columns, extra);
     }
+    std::string script(const std::string& name, const std::string& commands) {
+        std::string path = directory_.file(name);
+        support::writeFile(path, "#!/bin/sh\n" + commands + "\n");
+        chmod(path.c_str(), 0700);
+        return path;
+    }
     static support::Process::Environment withTerm(support::Process::Environment extra) {
         extra.insert(extra.begin(), {{"TERM", "xterm"}, {"NO_COLOR", ""}, {"EVCTL_PAGER", ""}});
         return extra;
@@ -75,12 +83,18 @@ TEST_F(OnATerminal, ColoursAreSparedWhereTheyAreNotWanted) {
     EXPECT_THAT(list({"-n", "1"}, {{"TERM", "dumb"}}), StartsWith("        60"));
 }
 
-TEST_F(OnATerminal, APagerGetsWholeLinesInColour) {
-    support::Process::Environment pager = {{"EVCTL_PAGER", "sed s/^/P:/"}, {"PAGER", "false"}};
+TEST_F(OnATerminal, APagerGetsWholeLinesInColourIfItShowsThem) {
+    std::string less = script("less", "exec sed s/^/P:/");
+    support::Process::Environment pager = {{"EVCTL_PAGER", less}, {"PAGER", "false"}};
     std::string output = list({"-n", "2"}, pager, 40);
     EXPECT_THAT(output, StartsWith("P:\x1B[33m        59  "));
     EXPECT_THAT(output, HasSubstr("event 59\x1B[0m\r\nP:"));
     EXPECT_THAT(list({"-n", "2", "--no-pager"}, pager), Not(HasSubstr("P:")));
+    pager.emplace_back("LESS", "-X");
+    EXPECT_THAT(list({"-n", "2"}, pager), StartsWith("P:        59  "));
+    EXPECT_THAT(list({"-n", "2"}, {{"EVCTL_PAGER", "sed s/^/P:/"}}), StartsWith("P:        59  "));
+    EXPECT_THAT(list({"-n", "1", "--color=always"}, {{"EVCTL_PAGER", "sed s/^/P:/"}}),
+                StartsWith("P:\x1B[33m        60  "));
 }
 
 TEST_F(OnATerminal, APagerThatHasSeenEnoughEndsTheListing) {
@@ -88,9 +102,35 @@ TEST_F(OnATerminal, APagerThatHasSeenEnoughEndsTheListing) {
     EXPECT_EQ(list({}, {{"EVCTL_PAGER", "true"}}), "");
 }
 
-TEST_F(OnATerminal, APagerThatCannotBeRunIsSaid) {
-    EXPECT_THAT(list({"-n", "1"}, {{"EVCTL_PAGER", "/nonexistent/pager"}}),
-                HasSubstr("/nonexistent/pager"));
+TEST_F(OnATerminal, APagerThatCannotBeRunIsSaidAndDoneWithout) {
+    for (const char* pager : {"/nonexistent/pager -x", "nonexistent", "/"}) {
+        std::string output = list({"-n", "1", "--color=never"}, {{"EVCTL_PAGER", pager}});
+        EXPECT_THAT(output, StartsWith("evctl: the pager '" + std::string(pager) + "' cannot be "));
+        EXPECT_THAT(output, HasSubstr("\r\n        60  2006-11-21T14:00:00Z  warning"));
+    }
+}
+
+TEST_F(OnATerminal, APagerThatTurnsOutNotToRunIsAFailure) {
+    std::string cursor = directory_.file("cursor");
+    Terminal terminal(
+        support::commandOf("evctl", {"file", "list", log_, "-n", "1", "--cursor-file", cursor}),
+        100, withTerm({{"EVCTL_PAGER", "exec '/nonexistent/pager'"}}));
+    Ending ending;
+    EXPECT_THAT(terminal.wait(&ending), HasSubstr("so nothing was shown; --no-pager shows it\r\n"));
+    EXPECT_EQ(ending, exitedWith(2));
+    EXPECT_NE(access(cursor.c_str(), F_OK), 0); // the events come again
+}
+
+TEST_F(OnATerminal, TheInterruptKeyIsThePagers) {
+    std::string pager = script("pager", "trap 'kill $!; echo over; exit 0' INT\n"
+                                        "sleep 60 > /dev/null 2>&1 &\necho ready\nwait");
+    Terminal terminal(support::commandOf("evctl", {"file", "list", log_}), 100,
+                      withTerm({{"EVCTL_PAGER", pager}}));
+    terminal.waitFor("ready");
+    terminal.type("\x03");
+    Ending ending;
+    EXPECT_THAT(terminal.wait(&ending), EndsWith("over\r\n"));
+    EXPECT_EQ(ending, exitedWith(0));
 }
 
 TEST_F(OnATerminal, APagerOfTheNameCatIsNone) {
