@@ -13,8 +13,9 @@ namespace evctl {
 namespace {
 
 constexpr U32_t HOUR = 3600;
-constexpr U32_t LINES_MAX = 48; // of a chart of times
-constexpr U32_t LONGEST = 100 * 365 * 24;
+constexpr U32_t LINES_MAX = 48;  // of a chart of times
+constexpr U32_t YEAR = 365 * 24; // in hours; no log is silent for as long
+constexpr U32_t LONGEST = 100 * YEAR;
 constexpr U32_t HOURS_OF_A_LINE[] = {1,      3, 6, 12, 24, 7 * 24, 28 * 24, 365 * 24, 10 * 365 * 24,
                                      LONGEST};
 constexpr size_t TALKERS = 10;
@@ -108,18 +109,61 @@ std::string chartLines(const Chart& chart, U64_t allBytes, size_t width) {
     return lines;
 }
 
+std::string countText(U64_t count, const std::string& one) {
+    return std::to_string(count) + " " + one + (count == 1 ? "" : "s");
+}
+
+std::string shownTime(const EventStats& stats, U32_t seconds) {
+    return zonedTime(seconds, stats.scope().zone);
+}
+
 /** The lines above the charts. */
 std::vector<std::string> headLinesOf(const EventStats& stats) {
-    std::vector<std::string> lines = {std::to_string(stats.all().events) + " events, " +
-                                      std::to_string(stats.all().bytes) + " bytes in a log"};
-    if (stats.all().events > 0) {
-        lines.push_back("from " + isoTime(stats.firstTime()) + " to " + isoTime(stats.lastTime()));
+    const Amount& all = stats.all();
+    std::vector<std::string> lines = {countText(all.events, "event") + ", " +
+                                      std::to_string(all.bytes) + " bytes in a log"};
+    if (stats.scope().wholeLog) {
+        lines.front() += ", which is " + percentText(all.bytes, EMP_LOG_FILE_SIZE) + " full";
+    }
+    if (all.events > 0) {
+        lines.push_back("from " + shownTime(stats, stats.firstTime()) + " to " +
+                        shownTime(stats, stats.lastTime()));
     }
     if (stats.rate() > 0) {
-        lines.push_back(fixedText(stats.rate(), 1) + " events an hour; at this rate a log holds " +
-                        fixedText(stats.hoursHeld(), 1) + " hours");
+        lines.push_back(fixedText(stats.rate(), 1) + " events an hour");
+    }
+    if (stats.hoursHeld() > 0) {
+        lines.back() += "; at this rate a log holds " + fixedText(stats.hoursHeld(), 1) + " hours";
+    }
+    if (stats.leftOut() + stats.jumps() > 0) {
+        lines.push_back("clock jumps: " + countText(stats.leftOut(), "event") + " and " +
+                        countText(stats.jumps(), "step") +
+                        " of more than a year are left out of the rate");
     }
     return lines;
+}
+
+/** Of times in the order of a log, as many as never go back. */
+std::vector<U32_t> longestRise(const std::vector<U32_t>& times) {
+    std::vector<size_t> tails; // by length: the place where such a line ends with the least time
+    std::vector<size_t> before(times.size());
+    auto timeAt = [&times](size_t place) { return times[place]; };
+    for (size_t at = 0; at < times.size(); at++) {
+        auto tail = std::ranges::upper_bound(tails, times[at], {}, timeAt);
+        before[at] = tail == tails.begin() ? at : *std::prev(tail);
+        if (tail == tails.end()) {
+            tails.push_back(at);
+        } else {
+            *tail = at;
+        }
+    }
+    std::vector<U32_t> line(tails.size());
+    size_t at = tails.empty() ? 0 : tails.back();
+    for (size_t length = line.size(); length > 0; length--) {
+        line[length - 1] = times[at];
+        at = before[at];
+    }
+    return line;
 }
 
 Json sharesJson(const std::vector<Share>& shares) {
@@ -184,6 +228,7 @@ void EventStats::add(const EventView& event) {
     sources_[header.evSource].add(amount);
     talkers_[U32_t{header.evSource} << 16 | U16_t{header.evId}].add(amount);
     hours_[time / HOUR].add(amount);
+    coming_.push_back(time);
     all_.add(amount);
     first_ = std::min(first_, time);
     last_ = std::max(last_, time);
@@ -210,40 +255,73 @@ std::vector<Share> EventStats::talkers(size_t most) const {
     return shares;
 }
 
-std::vector<Share> EventStats::times(U32_t* seconds) const {
-    U32_t span = hours_.empty() ? 0 : hours_.rbegin()->first - hours_.begin()->first;
-    U32_t hours = *std::ranges::find_if(
-        HOURS_OF_A_LINE, [span](U32_t step) { return step == LONGEST || span / step < LINES_MAX; });
-    *seconds = hours * HOUR;
+/** No more than one line beyond those of a chart. */
+std::vector<Share> EventStats::timesBy(U32_t hours) const {
     std::map<U32_t, Amount> amounts;
     for (const auto& [hour, amount] : hours_) {
         amounts[hour / hours].add(amount);
     }
     std::vector<Share> shares;
     for (auto next = amounts.begin(); next != amounts.end(); ++next) {
-        U32_t from = next == amounts.begin() ? next->first : std::prev(next)->first + 1;
-        for (U32_t line = from; line < next->first; line++) {
-            shares.push_back({isoTime(line * *seconds), {}});
+        U32_t empty = next == amounts.begin() ? 0 : next->first - std::prev(next)->first - 1;
+        for (U32_t line = next->first - (empty > YEAR / hours ? 0 : empty);
+             line < next->first && shares.size() <= LINES_MAX; line++) {
+            shares.push_back({zonedTime(line * hours * HOUR, scope_.zone), {}});
         }
-        shares.push_back({isoTime(next->first * *seconds), next->second});
+        if (shares.size() <= LINES_MAX) {
+            shares.push_back({zonedTime(next->first * hours * HOUR, scope_.zone), next->second});
+        }
     }
     return shares;
 }
 
-double EventStats::rate() const {
-    if (all_.events < 2 || last_ == first_) {
-        return 0;
+std::vector<Share> EventStats::times(U32_t* seconds) const {
+    std::vector<Share> shares;
+    for (U32_t hours : HOURS_OF_A_LINE) {
+        *seconds = hours * HOUR;
+        shares = timesBy(hours);
+        if (shares.size() <= LINES_MAX) {
+            break;
+        }
     }
-    // Of so many events, one less stretch lies between them.
-    return static_cast<double>(all_.events - 1) * HOUR / (last_ - first_);
+    return shares;
+}
+
+void EventStats::endSource(bool ordered) {
+    std::vector<U32_t> line = ordered ? longestRise(coming_) : coming_;
+    std::ranges::sort(line);
+    leftOut_ += coming_.size() - line.size();
+    coming_.clear();
+    auto middle = line_.insert(line_.end(), line.begin(), line.end());
+    std::inplace_merge(line_.begin(), middle, line_.end());
+}
+
+U64_t EventStats::jumps() const {
+    U64_t count = 0;
+    for (size_t at = 1; at < line_.size(); at++) {
+        count += line_[at] - line_[at - 1] > YEAR * HOUR ? 1 : 0;
+    }
+    return count;
+}
+
+double EventStats::rate() const {
+    U64_t elapsed = 0;
+    U64_t steps = 0; // of so many events, one less lies between them
+    for (size_t at = 1; at < line_.size(); at++) {
+        U32_t step = line_[at] - line_[at - 1];
+        elapsed += step > YEAR * HOUR ? 0 : step;
+        steps += step > YEAR * HOUR ? 0 : 1;
+    }
+    return elapsed == 0 ? 0 : static_cast<double>(steps * HOUR) / static_cast<double>(elapsed);
 }
 
 double EventStats::hoursHeld() const {
-    if (rate() == 0) {
+    double hourly = rate();
+    if (!scope_.wholeLog || hourly == 0) {
         return 0;
     }
     double perEvent = static_cast<double>(all_.bytes) / static_cast<double>(all_.events);
-    return EMP_LOG_FILE_SIZE / (perEvent * rate());
+    return EMP_LOG_FILE_SIZE / (perEvent * hourly);
 }
 
 Json statsJson(const EventStats& stats) {
@@ -255,7 +333,11 @@ Json statsJson(const EventStats& stats) {
             {"firstTime", any ? Json(isoTime(stats.firstTime())) : Json(nullptr)},
             {"lastTime", any ? Json(isoTime(stats.lastTime())) : Json(nullptr)},
             {"eventsPerHour", stats.rate() > 0 ? Json(stats.rate()) : Json(nullptr)},
-            {"hoursHeld", stats.rate() > 0 ? Json(stats.hoursHeld()) : Json(nullptr)},
+            {"hoursHeld", stats.hoursHeld() > 0 ? Json(stats.hoursHeld()) : Json(nullptr)},
+            {"full", stats.scope().wholeLog
+                         ? Json(static_cast<double>(stats.all().bytes) / EMP_LOG_FILE_SIZE)
+                         : Json(nullptr)},
+            {"leftOutOfRate", {{"events", stats.leftOut()}, {"steps", stats.jumps()}}},
             {"types", sharesJson(stats.types())},
             {"sources", sharesJson(stats.sources())},
             {"talkers", sharesJson(stats.talkers(TALKERS))},

@@ -6,6 +6,7 @@
 #define EVCTL_EVENT_STATS_H
 
 #include "evctl/event_view.h"
+#include "evctl/time_text.h"
 
 #include <map>
 #include <string>
@@ -30,10 +31,24 @@ struct Share {
     Amount amount;
 };
 
+/** What is counted, and how it is shown. */
+struct StatsScope {
+    bool wholeLog = false; ///< all events of one log: says what share of it they fill, and for how
+                           ///< many hours it has room
+    Zone zone = Zone::UTC;
+};
+
 /** Counts events as they come. */
 class EventStats {
   public:
+    explicit EventStats(const StatsScope& scope = {}) : scope_(scope) {}
+
     void add(const EventView& event);
+
+    /** The events of one source have come. @param ordered in the order in which they were logged */
+    void endSource(bool ordered);
+
+    const StatsScope& scope() const { return scope_; }
 
     const Amount& all() const { return all_; }
     U32_t firstTime() const { return first_; } ///< seconds since 1970; only with events
@@ -46,16 +61,27 @@ class EventStats {
     std::vector<Share> talkers(size_t most) const;
 
     /** Stretches of equal length, an hour or the smallest multiple that gives few lines; those
-     * without events among them. @param seconds receives the length */
+     * without events among them, if they are of less than a year. @param seconds receives the
+     * length */
     std::vector<Share> times(U32_t* seconds) const;
 
-    /** Events an hour between the first and the last; 0 when they are of one second. */
+    /** Events an hour, of those whose times never go back within their source; 0 when they are of
+     * one second. Steps of more than a year are left out. */
     double rate() const;
+    U64_t leftOut() const { return leftOut_; } ///< events: the clock was another one
+    U64_t jumps() const;                       ///< steps of more than a year
 
-    /** Hours of events that a whole log holds at this rate; 0 when there is none. */
+    /** Hours of events that a whole log holds at this rate; 0 when there is none, and when it is
+     * not one whole log that was counted. */
     double hoursHeld() const;
 
   private:
+    std::vector<Share> timesBy(U32_t hours) const;
+
+    StatsScope scope_;
+    std::vector<U32_t> coming_; // times of this source
+    std::vector<U32_t> line_;   // those that count for the rate, sorted
+    U64_t leftOut_ = 0;
     std::map<U32_t, Amount> types_;
     std::map<U32_t, Amount> sources_;
     std::map<U32_t, Amount> talkers_; // by source and id

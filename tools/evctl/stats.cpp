@@ -20,7 +20,8 @@ namespace {
 constexpr char STATS_EXAMPLES[] =
     "LOG: whatever events are read from: logs, damaged copies, alternate events, archives,\n"
     "directories, '-', running blades (blade:KEY). The exit status is 1 when something of it\n"
-    "cannot be read.\n"
+    "cannot be read, 2 when nothing can.\n"
+    "How full it is, and how many hours it holds, is told of one log without filters.\n"
     "Examples:\n"
     "  evctl stats kelta_eventlog\n"
     "  evctl stats blade*/kelta_eventlog --since -1d -o svg > day.svg";
@@ -30,6 +31,7 @@ constexpr size_t STATS_WIDTH = 100;
 struct StatsOptions {
     std::vector<std::string> paths;
     EventFilter filter;
+    Zone zone = Zone::UTC;
     std::string form = "text";
 };
 
@@ -39,33 +41,44 @@ size_t widthOfOutput() {
     return terminal ? size.ws_col : STATS_WIDTH;
 }
 
-/** @return how many sources were read */
-size_t count(const StatsOptions& options, EventStats& stats, PassedOver& passedOver) {
-    sources::Sources all;
-    for (const std::string& path : options.paths) {
-        passedOver.attempt(
-            [&] { std::ranges::move(openSourcesOrBlade(path), std::back_inserter(all)); });
+/** What is wrong in a source. */
+void noteProblems(const sources::Source& source, PassedOver& passedOver) {
+    for (const auto* problems : {&source.notices(), &source.problems()}) {
+        for (const std::string& problem : *problems) {
+            passedOver.add(source.origin().name + ": " + problem);
+        }
     }
+}
+
+EventStats count(const sources::Sources& all, const StatsOptions& options) {
+    bool isLog = all.size() == 1 && all.front()->origin().kind != sources::Kind::ALTERNATE;
+    EventStats stats({.wholeLog = isLog && options.filter.isEmpty(), .zone = options.zone});
     for (const auto& source : all) {
         while (std::optional<sources::Event> event = source->next()) {
             if (options.filter.matches(event->view)) {
                 stats.add(event->view);
             }
         }
-        for (const auto* problems : {&source->notices(), &source->problems()}) {
-            for (const std::string& problem : *problems) {
-                passedOver.add(source->origin().name + ": " + problem);
-            }
-        }
+        stats.endSource(source->origin().kind != sources::Kind::ALTERNATE);
     }
-    return all.size();
+    return stats;
 }
 
 int runStats(const StatsOptions& options) {
-    EventStats stats;
+    sources::Sources all;
     PassedOver passedOver;
-    if (count(options, stats, passedOver) == 0) {
+    for (const std::string& path : options.paths) {
+        passedOver.attempt([&] {
+            std::ranges::move(openSourcesOrBlade(path, {.logs = options.filter.logs}),
+                              std::back_inserter(all));
+        });
+    }
+    if (all.empty() && !passedOver.reasons().empty()) {
         return passedOver.say(tools::EXIT_COULD_NOT);
+    }
+    EventStats stats = count(all, options);
+    for (const auto& source : all) {
+        noteProblems(*source, passedOver);
     }
     if (options.form == "json") {
         std::cout << jsonLine(statsJson(stats));
@@ -89,7 +102,9 @@ void addStatsCommand(CLI::App& parent, Chosen& chosen) {
         addCommand(parent, "stats", "Count events by type, source and hour; say what fills a log.",
                    STATS_EXAMPLES);
     command.add_option("LOG", options->paths, "Where the events are")->required();
-    addFilterOptions(command, options->filter);
+    addZoneOption(command, options->zone);
+    addFilterOptions(command, options->filter, &options->zone);
+    addLogChoice(command, options->filter.logs);
     command.add_option("-o,--output", options->form, "As what")
         ->type_name("text|svg|json")
         ->capture_default_str()

@@ -40,23 +40,83 @@ class Events {
 } // namespace
 
 TEST(EventStats, RateSaysHowManyHoursALogHolds) {
-    EventStats stats;
+    EventStats stats({.wholeLog = true});
     Events events;
     for (U32_t minute = 0; minute <= 60; minute++) {
         events.add(stats, T0 + minute * 60);
     }
+    stats.endSource(true);
     EXPECT_DOUBLE_EQ(stats.rate(), 60);
     EXPECT_DOUBLE_EQ(stats.hoursHeld(), 1'600'000.0 / 200 / 60);
     EXPECT_THAT(evctl::statsLines(stats, 80),
-                HasSubstr("61 events, 12200 bytes in a log\n"
+                HasSubstr("61 events, 12200 bytes in a log, which is 0.8% full\n"
                           "from 2006-11-21T14:00:00Z to 2006-11-21T15:00:00Z\n"
                           "60.0 events an hour; at this rate a log holds 133.3 hours\n"));
 }
 
-TEST(EventStats, OneEventHasNoRate) {
+TEST(EventStats, ClocksThatJumpAreLeftOutOfTheRateAndSaid) {
+    constexpr U32_t year2106 = UINT32_MAX - 1000;
+    EventStats stats({.wholeLog = true});
+    Events events;
+    events.add(stats, 5); // before the clock was set
+    for (U32_t minute = 0; minute <= 60; minute++) {
+        events.add(stats, T0 + minute * 60);
+        if (minute == 30) {
+            events.add(stats, year2106);
+            events.add(stats, 7);
+        }
+    }
+    stats.endSource(true);
+    EXPECT_DOUBLE_EQ(stats.rate(), 60);
+    EXPECT_EQ(stats.leftOut(), 2U);
+    EXPECT_EQ(stats.jumps(), 1U);
+    EXPECT_THAT(
+        evctl::statsLines(stats, 80),
+        HasSubstr("clock jumps: 2 events and 1 step of more than a year are left out of the "
+                  "rate\n"));
+    U32_t seconds = 0;
+    std::vector<evctl::Share> times = stats.times(&seconds);
+    EXPECT_EQ(seconds, 3600U);
+    ASSERT_EQ(times.size(), 4U); // 1970, two hours, 2106
+    EXPECT_EQ(times[0].amount.events, 2U);
+    EXPECT_EQ(times[1].name, "2006-11-21T14:00:00Z");
+}
+
+TEST(EventStats, OfSeveralSourcesTheRateIsThatOfAllAndNoHoursAreTold) {
     EventStats stats;
     Events events;
+    for (U32_t start : {T0 + 30, T0}) {
+        for (U32_t minute = 0; minute <= 60; minute++) {
+            events.add(stats, start + minute * 60);
+        }
+        stats.endSource(true);
+    }
+    EXPECT_DOUBLE_EQ(stats.rate(), 120);
+    EXPECT_EQ(stats.leftOut(), 0U);
+    EXPECT_EQ(stats.hoursHeld(), 0);
+    EXPECT_EQ(evctl::statsJson(stats)["hoursHeld"], nullptr);
+}
+
+TEST(EventStats, AnyOrderOfTimesHasARate) {
+    std::minstd_rand random(4);
+    for (int round = 0; round < 50; round++) {
+        EventStats stats({.wholeLog = true});
+        Events events;
+        for (U32_t count = 0; count < 100; count++) {
+            events.add(stats, round % 2 == 0 ? static_cast<U32_t>(random() * 2 + random() % 2)
+                                             : UINT32_MAX - count);
+        }
+        stats.endSource(true);
+        EXPECT_GE(stats.rate(), 0);
+        EXPECT_LT(stats.leftOut(), 100U);
+    }
+}
+
+TEST(EventStats, OneEventHasNoRate) {
+    EventStats stats({.wholeLog = true});
+    Events events;
     events.add(stats, T0);
+    stats.endSource(true);
     EXPECT_EQ(stats.rate(), 0);
     EXPECT_EQ(stats.hoursHeld(), 0);
     EXPECT_EQ(evctl::statsJson(stats)["hoursHeld"], nullptr);
@@ -121,7 +181,7 @@ TEST(EventStats, AnyTimesGiveFewLines) {
         events.add(stats, last);
         U32_t seconds = 0;
         EXPECT_LE(stats.times(&seconds).size(), 49U);
-        EXPECT_EQ(seconds == 3600, last == T0 + 47 * 3600);
+        EXPECT_EQ(seconds == 3600, last == T0 + 47 * 3600 || last == UINT32_MAX);
     }
 }
 
@@ -139,6 +199,15 @@ TEST(EventStats, CommandCountsSeveralFiles) {
     EXPECT_THAT(said.output, HasSubstr("20 events, 4000 bytes in a log\n"));
     command.insert(command.end(), {"--seq", "3", "-o", "json"});
     EXPECT_THAT(test::run(command).output, HasSubstr(R"({"events":2,"bytes":400,)"));
+    EXPECT_THAT(test::run(command).output, HasSubstr(R"("hoursHeld":null,"full":null,)"));
+    command = {"stats", directory.file("one")};
+    EXPECT_THAT(test::run(command).output, HasSubstr("10 events, 2000 bytes in a log, which is "));
+    command.insert(command.end(), {"--since", "@0"});
+    EXPECT_THAT(test::run(command).output, HasSubstr("10 events, 2000 bytes in a log\n"));
+    command.insert(command.end(), {"--blade", "BLADE-B"});
+    EXPECT_THAT(test::run(command).output, HasSubstr("0 events, "));
+    EXPECT_THAT(test::run({"stats", directory.file("one"), "--local", "-o", "json"}).output,
+                HasSubstr("\"firstTime\":\"2006-11-21T14:00:00Z\""));
     EXPECT_THAT(test::run({"stats", directory.file("one"), "-o", "svg"}).output,
                 HasSubstr("startup: 10 events"));
     test::Said none = test::run({"stats", directory.file("missing")});
@@ -146,7 +215,7 @@ TEST(EventStats, CommandCountsSeveralFiles) {
     EXPECT_EQ(none.output, "");
     test::Said rest = test::run({"stats", directory.file("missing"), directory.file("one")});
     EXPECT_EQ(rest.status, 1);
-    EXPECT_THAT(rest.output, HasSubstr("10 events, 2000 bytes in a log\n"));
+    EXPECT_THAT(rest.output, HasSubstr("10 events, 2000 bytes in a log, which is 0.1% full\n"));
     EXPECT_THAT(rest.errors, HasSubstr("missing: No such file or directory\n"));
 }
 
