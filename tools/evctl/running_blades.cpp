@@ -18,7 +18,7 @@ namespace evctl {
 namespace {
 
 constexpr char TABLE[] = "/proc/sysvipc/shm";
-constexpr char WHAT_TO_DO[] = "; name one with --key, or its directory with --dir";
+constexpr char WHAT_TO_DO[] = "; name one with --key, or give its directory";
 
 /** The blade that a line of the table tells of, if it does. */
 std::optional<RunningBlade> bladeOf(const std::string& line) {

@@ -4,14 +4,19 @@
 #include "evctl/options.h"
 
 #if EVCTL_WRITES_BUNDLES
+#include "evctl/event_view.h"
 #include "evctl/new_file.h"
 #include "evctl/params_view.h"
 #include "evctl/request.h"
+#include "evctl/running_emp.h"
 #include "evctl/status_view.h"
 #include "evctl/support_files.h"
 #include "version.h"
 
+#include <algorithm>
+#include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <sys/utsname.h>
 #endif
@@ -25,7 +30,8 @@ namespace {
 constexpr char SUPPORT_EXAMPLES[] =
     "The exit status is 1 when something is missing in the bundle.\n"
     "Examples:\n"
-    "  evctl support --key 0x1234 --tail /var/log/blade/emp-1.log -o help.tar.gz\n"
+    "  evctl support -o help.tar.gz\n"
+    "  evctl support --key 0x1234 --tail /var/log/messages -o help.tar.gz\n"
     "  evctl support --nvram /var/lib/blade/slot1/nvram --redact -o help.tar.gz";
 
 struct SupportOptions {
@@ -49,6 +55,10 @@ void addStatus(SupportFiles& files, const KeyOptions& block) {
         Bytes reply = Requester(request).ask(
             makeMessage(EMP_E_MSGS_GET_EVENT_MANAGER_STATUS, request.endpoint, 0),
             sizeof(EmpGetEvManagerStatusMsg_t));
+        if (U32_t returnCode = mmchOf(reply).return_code; returnCode != EMP_E_RESPONSE_SUCCESS) {
+            throw std::runtime_error("the event manager does not tell (return code " +
+                                     std::to_string(returnCode) + ")");
+        }
         files.addObject("status.json",
                         statusJson(*reinterpret_cast<const EmpGetEvManagerStatusMsg_t*>(
                             reply.data() + MMCH_SIZE)));
@@ -57,31 +67,79 @@ void addStatus(SupportFiles& files, const KeyOptions& block) {
     }
 }
 
-Json versionsJson() {
+/** @param emp empty where none runs, or its program cannot be read */
+Json versionsJson(const std::string& emp) {
     struct utsname system {};
     uname(&system);
     return {{"evctl", VersionFullString()},
+            {"libmpu", VersionFullString()}, // this program's, whose function that is
+            {"eventManager", emp.empty() ? Json(nullptr) : Json(emp)},
             {"system", std::string(system.sysname) + " " + system.release},
             {"machine", system.machine},
             {"seconds", static_cast<U32_t>(time(nullptr))}};
 }
 
+/** The files that the program which runs a blade keeps its outputs in, by themselves. */
+std::vector<std::string> usualOutputs(const MPU_PARAMS_t& params) {
+    std::string directory = fieldText(params.logDirectory, sizeof(params.logDirectory));
+    if (directory.empty()) {
+        directory = fieldText(params.mmsgDirectory, sizeof(params.mmsgDirectory));
+    }
+    return {directory + "/emp.log", directory + "/msm.log"};
+}
+
+/** All that a parameter block leads to. */
+void addBlade(SupportFiles& files, KeyOptions block) {
+    block.key = keyOf(block); // EVCTL_DIR would lead elsewhere
+    const MPU_PARAMS_t& params = attachParams(block);
+    files.addObject("parameters.json", paramsJson(params));
+    addStatus(files, block);
+    EvlogIdentity_t identity = {.enclosureId = {}, .slotId = params.slotId};
+    memcpy(identity.enclosureId, params.chassisSN,
+           std::min(sizeof(identity.enclosureId), sizeof(params.chassisSN)));
+    files.addLogs(fieldText(params.nvramDirectory, sizeof(params.nvramDirectory)), &identity);
+    std::optional<RunningEmp> emp = findRunningEmp(*block.key);
+    bool isNamed = emp && !emp->outputs.empty();
+    for (const std::string& output : isNamed ? emp->outputs : usualOutputs(params)) {
+        for (const char* turn : {"", ".1"}) { // the one before it, too
+            files.addKnownTail(output + turn);
+        }
+    }
+    files.addVersions(versionsJson(emp ? emp->version : ""));
+}
+
+void addDirectory(SupportFiles& files, const std::string& nvram) {
+    std::error_code error;
+    if (!std::filesystem::is_directory(nvram, error)) {
+        throw std::runtime_error(nvram + ": " + (error ? error.message() : "not a directory"));
+    }
+    files.addLogs(nvram, nullptr);
+    files.addVersions(versionsJson(""));
+}
+
+std::string outputOf(const SupportOptions& options) {
+    if (!options.output.empty()) {
+        return options.output;
+    }
+    std::string stamp = isoTime(static_cast<U32_t>(time(nullptr)));
+    std::erase_if(stamp, [](char letter) { return letter == '-' || letter == ':'; });
+    return "support-" + stamp + ".tar.gz";
+}
+
 int runSupport(const SupportOptions& options) {
     SupportFiles files(options.redact);
-    std::string nvram = options.nvram;
-    if (options.block.given()) {
-        const MPU_PARAMS_t& params = attachParams(options.block);
-        nvram = fieldText(params.nvramDirectory, sizeof(params.nvramDirectory));
-        files.addObject("parameters.json", paramsJson(params));
-        addStatus(files, options.block);
+    if (options.nvram.empty()) {
+        addBlade(files, options.block);
+    } else {
+        addDirectory(files, options.nvram);
     }
-    files.addLogs(nvram);
     for (const std::string& path : options.tails) {
         files.addTail(path);
     }
-    files.addVersions(versionsJson());
     std::vector<bundle::Member> members = files.finish();
-    writeNewFile(options.output, bundle::pack(members, static_cast<U32_t>(time(nullptr))));
+    std::string output = outputOf(options);
+    writeNewFile(output, bundle::pack(members, static_cast<U32_t>(time(nullptr))));
+    std::cout << tools::escapedText(output) << ":\n";
     for (const bundle::Member& member : members) {
         std::cout << tools::escapedText(member.name) << "  " << member.bytes.size() << "\n";
     }
@@ -111,14 +169,15 @@ void addSupportCommand(CLI::App& parent, Chosen& chosen) {
                      "Directory of the log, without the state of a running blade")
         ->type_name("DIR");
     addKeyOption(*where, options->block);
-    where->require_option(1);
+    where->require_option(0, 1);
     command
         .add_option("--tail", options->tails,
                     "The end of these files, too, such as the event manager's output")
         ->type_name("FILE");
-    command.add_option("-o,--output", options->output, "The bundle; it must not be there")
-        ->type_name("NEW")
-        ->required();
+    command
+        .add_option("-o,--output", options->output,
+                    "The bundle; it must not be there (default support-TIME.tar.gz)")
+        ->type_name("NEW");
     command.add_flag("--redact", options->redact, "Without names and data");
     onChosen(command, chosen, options, runSupport);
 }

@@ -28,8 +28,8 @@ std::string baseName(const std::string& path) {
 }
 
 /** The last bytes of a regular file. @return 0, or an errno value */
-int readTail(const std::string& path, std::vector<U8_t>& bytes) {
-    int descriptor = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+int readTail(const std::string& path, int flags, std::vector<U8_t>& bytes) {
+    int descriptor = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags);
     if (descriptor < 0) {
         return errno;
     }
@@ -82,7 +82,7 @@ void SupportFiles::addObject(const std::string& name, Json json) {
 /** @param original what the log is judged by; @p shown what is quoted of it */
 void SupportFiles::addReports(const EvlogImage_t& original, const EvlogImage_t& shown) {
     addText("predict.json",
-            jsonLine(predictionJson(&EMP_LOG_FILE_NAME[1], evlogPredict(original, nullptr))));
+            jsonLine(predictionJson(&EMP_LOG_FILE_NAME[1], evlogPredict(original, identity_))));
     addText("verify.json", jsonLine(findingsJson(readLog(original))));
     LogContent content = readLog(shown);
     sortByAge(content.records);
@@ -150,7 +150,8 @@ std::string SupportFiles::nameOfAside(const std::string& path, size_t number) co
                                : name;
 }
 
-void SupportFiles::addLogs(const std::string& directory) {
+void SupportFiles::addLogs(const std::string& directory, const EvlogIdentity_t* identity) {
+    identity_ = identity;
     std::string log = directory + EMP_LOG_FILE_NAME;
     addLog(log, baseName(log), true);
     addLog(directory + EMP_DEBUG_LOG_FILE_NAME, &EMP_DEBUG_LOG_FILE_NAME[1], false);
@@ -168,10 +169,27 @@ void SupportFiles::addTail(const std::string& path) {
         return;
     }
     std::vector<U8_t> bytes;
-    if (int error = readTail(path, bytes); error != 0) {
+    if (int error = readTail(path, 0, bytes); error != 0) {
         addProblem("outputs", tools::escapedText(path) + ": " + strerror(error));
         return;
     }
+    addOutput(path, std::move(bytes));
+}
+
+void SupportFiles::addKnownTail(const std::string& path) {
+    std::vector<U8_t> bytes;
+    if (redact_) {
+        return;
+    }
+    if (int error = readTail(path, O_NOFOLLOW, bytes); error == 0) {
+        addOutput(path, std::move(bytes));
+    } else if (error != ENOENT) {
+        addProblem("outputs", tools::escapedText(path) + ": " + strerror(error));
+    }
+}
+
+void SupportFiles::addOutput(const std::string& path, std::vector<U8_t> bytes) {
+    std::string name = tools::escapedText(baseName(path));
     std::string member = FOLDER + ("outputs/" + name);
     for (int number = 2;
          std::ranges::find(members_, member, &bundle::Member::name) != members_.end(); number++) {

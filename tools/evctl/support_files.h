@@ -25,11 +25,15 @@ class SupportFiles {
     explicit SupportFiles(bool redact) : redact_(redact) {}
 
     /** The log, its debugging copy, those that were set aside, the alternate events of a directory,
-     * and what is to be said of the log: prediction, damage, bug-checks. */
-    void addLogs(const std::string& directory);
+     * and what is to be said of the log: prediction, damage, bug-checks.
+     * @param identity of the blade, to tell another one's log; or nullptr: not known */
+    void addLogs(const std::string& directory, const EvlogIdentity_t* identity);
 
     /** The end of an output. Left out when names and data shall be. */
     void addTail(const std::string& path);
+
+    /** The same of an output that nobody asked for: when it is there, and no link. */
+    void addKnownTail(const std::string& path);
 
     /** @param json without its texts when names and data shall be left out */
     void addObject(const std::string& name, Json json);
@@ -52,10 +56,12 @@ class SupportFiles {
     void addText(const std::string& name, const std::string& text);
     void addLog(const std::string& path, const std::string& name, bool expected);
     void addReports(const EvlogImage_t& original, const EvlogImage_t& shown);
+    void addOutput(const std::string& path, std::vector<U8_t> bytes);
     void addAlternates(const std::string& directory);
     std::string nameOfAside(const std::string& path, size_t number) const;
 
     bool redact_;
+    const EvlogIdentity_t* identity_ = nullptr; ///< while logs are added
     Redaction redaction_;
     std::vector<bundle::Member> members_;
     std::vector<std::string> problems_;

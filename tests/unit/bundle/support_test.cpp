@@ -4,6 +4,8 @@
 
 #include "bundle/bundle.h"
 #include "evctl/redact.h"
+#include "evctl/running_emp.h"
+#include "mpu_gbl.h"
 #include "sources/source.h"
 #include "temp_directory.h"
 
@@ -13,6 +15,9 @@
 #include <filesystem>
 #include <map>
 #include <random>
+#include <sched.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
 #include <unordered_set>
 
 using test::Said;
@@ -51,8 +56,11 @@ class Support : public testing::Test {
         support::writeFile(directory_.file(name), bytes);
     }
     Said pack(const std::vector<std::string>& more = {}) {
-        std::vector<std::string> arguments = {"support", "--nvram", directory_.file("nvram"), "-o",
-                                              bundlePath()};
+        return pack({"--nvram", directory_.file("nvram")}, more);
+    }
+    Said pack(const std::vector<std::string>& where, const std::vector<std::string>& more) {
+        std::vector<std::string> arguments = {"support", "-o", bundlePath()};
+        arguments.insert(arguments.end(), where.begin(), where.end());
         arguments.insert(arguments.end(), more.begin(), more.end());
         Said said = test::run(arguments);
         std::string packed = support::readFile(bundlePath());
@@ -85,6 +93,111 @@ TEST_F(Support, HoldsWhatIsThere) {
     EXPECT_THAT(members_["support/versions.json"], HasSubstr("\"evctl\""));
     EXPECT_EQ(members_["support/missing.txt"], "");
     EXPECT_THAT(said.output, HasSubstr("support/kelta_eventlog  1600000\n"));
+}
+
+namespace {
+
+/** A parameter block in shared memory of its own. */
+class SupportOfABlade : public Support {
+  protected:
+    SupportOfABlade() {
+        unsetenv("EVCTL_KEY");
+        unsetenv("EVCTL_DIR");
+        isAlone_ = unshare(CLONE_NEWIPC) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWIPC) == 0;
+        id_ = isAlone_ ? shmget(0x1234, sizeof(MPU_PARAMS_t), IPC_CREAT | 0600) : -1;
+        if (id_ < 0) {
+            return;
+        }
+        params_ = static_cast<MPU_PARAMS_t*>(shmat(id_, nullptr, 0));
+        params_->version = MPU_PARAMS_VERSION;
+        params_->slotId = 2;
+        strcpy(reinterpret_cast<char*>(params_->chassisSN), "CHASSIS-2");
+        strcpy(params_->nvramDirectory, directory_.file("nvram").c_str());
+        strcpy(params_->mmsgDirectory, directory_.path().c_str());
+    }
+    ~SupportOfABlade() override {
+        if (id_ >= 0) {
+            shmdt(params_);
+            shmctl(id_, IPC_RMID, nullptr);
+        }
+    }
+
+    bool isAlone_ = false;
+    int id_ = -1;
+    MPU_PARAMS_t* params_ = nullptr;
+};
+
+} // namespace
+
+TEST_F(SupportOfABlade, TheOnlyOneThatRunsIsMeantAndItsIdentityJudgesTheLog) {
+    if (!isAlone_) {
+        GTEST_SKIP() << "no namespaces";
+    }
+    test::LogImage sound;
+    sound.firstEntry();
+    sound.events(1, 3);
+    sound.dummy();
+    sound.zerosTo();
+    write("nvram/kelta_eventlog", sound.bytes);
+    write("emp.log", "said by the event manager");
+    write("emp.log.1", "said before");
+    std::filesystem::create_symlink(directory_.file("nvram/kelta_eventlog"),
+                                    directory_.file("msm.log"));
+    Said said = pack({}, {});
+    EXPECT_EQ(said.status, 1);
+    EXPECT_THAT(said.errors, HasSubstr("not in the bundle: status: ")); // nobody answers
+    EXPECT_THAT(members_["support/predict.json"], HasSubstr(R"("verdict":"foreign")"));
+    EXPECT_THAT(members_["support/parameters.json"], HasSubstr("CHASSIS-2"));
+    EXPECT_THAT(members_["support/versions.json"], HasSubstr(R"("eventManager":null)"));
+    EXPECT_EQ(members_["support/outputs/emp.log"], "said by the event manager");
+    EXPECT_EQ(members_["support/outputs/emp.log.1"], "said before");
+    EXPECT_EQ(members_.count("support/outputs/msm.log"), 0U);
+    EXPECT_THAT(said.errors, HasSubstr("msm.log: "));
+    std::filesystem::remove(bundlePath());
+    setenv("EVCTL_KEY", "0x4321", 1);
+    EXPECT_THAT(test::run({"support", "-o", bundlePath()}).errors,
+                HasSubstr("no parameter block under key 17185"));
+    unsetenv("EVCTL_KEY");
+}
+
+TEST(RunningEmp, ItsVersionAndTheOutputsOfItsBladeAreFound) {
+    support::TempDirectory proc;
+    proc.makeDirectory("17");
+    proc.makeDirectory("16");
+    proc.makeDirectory("self");
+    auto put = [&](const std::string& name, const std::string& text) {
+        support::writeFile(proc.file(name), text);
+    };
+    auto putWords = [&](const std::string& name, const std::vector<std::string>& words) {
+        std::string line;
+        for (const std::string& word : words) {
+            line += word + '\0';
+        }
+        put(name, line);
+    };
+    putWords("16/cmdline", {"/x/blade", "--emp-log", "/l/emp-1.log", "--msm-log=m.log"});
+    putWords("17/cmdline", {"/x/emp", "0x1234"});
+    put("17/stat", "17 (a) b) S 16 17");
+    auto field = [](std::string text, size_t size) {
+        text.resize(size);
+        return text;
+    };
+    put("17/exe", "Version x" + field("Version 9.8.7.6", 32) + field("build-1", 64) +
+                      field("Apr  7 2006 09:15:50", 21) + "rest");
+    std::optional<evctl::RunningEmp> emp = evctl::findRunningEmp(0x1234, proc.path());
+    ASSERT_TRUE(emp);
+    EXPECT_EQ(emp->version, "9.8.7.6 | build-1 | Apr  7 2006 09:15:50");
+    EXPECT_THAT(emp->outputs, testing::ElementsAre("/l/emp-1.log", proc.file("16/cwd/m.log")));
+    EXPECT_FALSE(evctl::findRunningEmp(0x1235, proc.path()));
+    EXPECT_EQ(evctl::versionIn("Version 1"), "");
+    EXPECT_EQ(evctl::versionIn(std::string(200, 'x') + "Version " + std::string(200, 'y')), "");
+}
+
+TEST_F(Support, OfNoDirectoryThereIsNoBundle) {
+    Said said = test::run({"support", "--nvram", directory_.file("nowhere"), "-o", bundlePath()});
+    EXPECT_EQ(said.status, 2);
+    EXPECT_THAT(said.errors, HasSubstr("nowhere: No such file or directory"));
+    EXPECT_FALSE(std::filesystem::exists(bundlePath()));
 }
 
 TEST_F(Support, ChecksumsAreThoseOfTheMembers) {
