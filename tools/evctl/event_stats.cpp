@@ -109,10 +109,6 @@ std::string chartLines(const Chart& chart, U64_t allBytes, size_t width) {
     return lines;
 }
 
-std::string countText(U64_t count, const std::string& one) {
-    return std::to_string(count) + " " + one + (count == 1 ? "" : "s");
-}
-
 std::string shownTime(const EventStats& stats, U32_t seconds) {
     return zonedTime(seconds, stats.scope().zone);
 }

@@ -165,4 +165,8 @@ std::string hexDump(std::span<const U8_t> bytes) {
     return text;
 }
 
+std::string countText(U64_t count, const std::string& one) {
+    return std::to_string(count) + " " + one + (count == 1 ? "" : "s");
+}
+
 } // namespace evctl

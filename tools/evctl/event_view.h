@@ -62,6 +62,9 @@ std::string hexDigits(std::span<const U8_t> bytes);
 /** Lines of 16 bytes: offset, hexadecimal, printable characters. */
 std::string hexDump(std::span<const U8_t> bytes);
 
+/** "1 event", "2 events" */
+std::string countText(U64_t count, const std::string& one);
+
 } // namespace evctl
 
 #endif

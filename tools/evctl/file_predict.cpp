@@ -6,6 +6,7 @@
 #include "evctl/file_identity.h"
 #include "evctl/predict_view.h"
 
+#include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
@@ -14,7 +15,8 @@ namespace {
 
 constexpr char FILE_PREDICT_EXAMPLES[] =
     "The exit status is 0 when nothing is lost, 1 when events are, or a bug-check will come\n"
-    "later, and 2 when the event manager cannot work with this file.\n"
+    "later, and 2 when the event manager cannot work with this file; or when it cannot be read,\n"
+    "which standard error says. A file that is not there yet is a new log.\n"
     "Whether the log belongs to this blade is judged only with --enclosure and --slot.\n"
     "Example:\n"
     "  evctl file predict kelta_eventlog";
@@ -25,15 +27,31 @@ struct PredictOptions {
     bool json = false;
 };
 
+/** No file, where the event manager can make one. */
+bool isMissing(const std::string& path) {
+    std::filesystem::path place(path);
+    std::filesystem::path directory = place.has_parent_path() ? place.parent_path() : ".";
+    std::error_code error;
+    return path != "-" &&
+           std::filesystem::symlink_status(place, error).type() ==
+               std::filesystem::file_type::not_found &&
+           std::filesystem::is_directory(directory, error);
+}
+
+/** "1 event is", "2 events are" */
+std::string eventsAre(U64_t count, const std::string& kind) {
+    return countText(count, kind + "event") + (count == 1 ? " is " : " are ");
+}
+
 std::string lossLine(const EvlogPrediction_t& prediction) {
-    std::string events = std::to_string(prediction.lost) + " readable events ";
+    std::string events = eventsAre(prediction.lost, "readable ");
     switch (prediction.state.verdict) {
     case EVLOG_E_VERDICT_REBUILT:
-        return events + "are set aside in the debugging copy, which the start after that deletes";
+        return events + "set aside in the debugging copy, which the start after that deletes";
     case EVLOG_E_VERDICT_FOREIGN:
-        return events + "are cleared";
+        return events + "cleared";
     default:
-        return events + "are not taken, and will be overwritten";
+        return events + "not taken, and will be overwritten";
     }
 }
 
@@ -55,7 +73,7 @@ void printLines(const EvlogPrediction_t& prediction) {
                   << state.stopOffset << ")\n";
         return;
     }
-    std::cout << prediction.taken << " events are taken; the next one gets sequence id "
+    std::cout << eventsAre(prediction.taken, "") << "taken; the next one gets sequence id "
               << state.empSequenceId << " of instance " << state.empInstanceNumber << "\n";
     if (prediction.lost > 0) {
         std::cout << lossLine(prediction) << "\n";
@@ -66,13 +84,15 @@ void printLines(const EvlogPrediction_t& prediction) {
 }
 
 int runPredict(const PredictOptions& options) {
-    // Also of a file that is no log: the event manager takes any.
-    EvlogImage_t image = loadAnyLog(options.path);
+    // Also of a file that is no log: the event manager takes any, and makes one that is not there.
+    bool isThere = !isMissing(options.path);
+    EvlogImage_t image = isThere ? loadAnyLog(options.path) : EvlogImage_t{};
     std::optional<EvlogIdentity_t> identity = identityOf(options.identity);
     EvlogPrediction_t prediction = evlogPredict(image, identity ? &*identity : nullptr);
     if (options.json) {
         std::cout << jsonLine(predictionJson(tools::escapedText(options.path), prediction));
     } else {
+        std::cout << (isThere ? "" : "there is no such file yet\n");
         printLines(prediction);
     }
     if (prediction.isFatal()) {

@@ -194,7 +194,7 @@ void addFileSalvageCommand(CLI::App& parent, Chosen& chosen) {
     command.add_option("FILE", options->paths, "Where the events are; these are only read")
         ->required();
     CLI::Option* output =
-        command.add_option("--output", options->output, "The new log")->type_name("NEW");
+        command.add_option("-o,--output", options->output, "The new log")->type_name("NEW");
     CLI::Option* dryRun =
         command.add_flag("--dry-run", options->dryRun, "Only say what would be saved");
     output->excludes(dryRun);

@@ -3,6 +3,7 @@
 #include "altEventLog.h"
 #include "common/text.h"
 #include "configuration.h"
+#include "evctl/event_view.h"
 #include "evctl/file.h"
 #include "evctl/file_aside.h"
 #include "evlog/guess.h"
@@ -103,13 +104,13 @@ std::string savedText(const EvlogSalvage_t& salvage) {
     if (salvage.bytes.empty()) {
         return "no event saved";
     }
-    std::string text = std::to_string(salvage.saved) + " events saved, ids " +
+    std::string text = countText(salvage.saved, "event") + " saved, ids " +
                        std::to_string(salvage.firstId) + " to " + std::to_string(salvage.lastId);
     if (salvage.marks > 0) {
         text += ", " + std::to_string(salvage.marks) + " of these marks for lost events";
     }
     if (salvage.renumbered > 0) {
-        text += ", " + std::to_string(salvage.renumbered) + " events with a new id";
+        text += ", " + countText(salvage.renumbered, "event") + " with a new id";
     }
     return text;
 }

@@ -292,13 +292,13 @@ Sources openDirectory(const std::string& path, const OpenOptions& options) {
 }
 
 /** Waits for whoever writes into it, as every reader of a pipe does. */
-Sources openPipe(const std::string& path, const OpenOptions& options) {
+Bytes readPipe(const std::string& path) {
     Descriptor descriptor(path == "-" ? STDIN_FILENO
                                       : open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC));
     if (descriptor.number() < 0) {
         fail(path, strerror(errno));
     }
-    return openBytes(path, readAll(path, descriptor.number()), options);
+    return readAll(path, descriptor.number());
 }
 
 } // namespace
@@ -322,7 +322,7 @@ bool isServer(const std::string& path) {
 
 Sources openSources(const std::string& path, const OpenOptions& options) {
     if (path == "-") {
-        return openPipe(path, options);
+        return openBytes(path, readPipe(path), options);
     }
     if (isServer(path)) {
         return archiveSources(path, options);
@@ -334,15 +334,24 @@ Sources openSources(const std::string& path, const OpenOptions& options) {
     if (S_ISDIR(status.st_mode)) {
         return openDirectory(path, options);
     }
-    return S_ISREG(status.st_mode) ? openRegular(path, options) : openPipe(path, options);
+    return S_ISREG(status.st_mode) ? openRegular(path, options)
+                                   : openBytes(path, readPipe(path), options);
 }
 
 std::vector<LogFile> loadLogFiles(const std::string& path, std::vector<std::string>* notices) {
-    EvlogImage_t image = loadFile(path);
+    struct stat status {};
+    bool isThere = path != "-" && stat(path.c_str(), &status) == 0;
+    if (isThere && S_ISDIR(status.st_mode)) {
+        return loadLogFiles(path + EMP_LOG_FILE_NAME, notices);
+    }
+    bool isPipe = path == "-" || (isThere && !S_ISREG(status.st_mode));
+    Bytes piped = isPipe ? readPipe(path) : Bytes{};
+    EvlogImage_t image = isPipe ? evlogImageOf(piped) : loadFile(path);
+    auto whole = [&] { return isPipe ? std::move(piped) : wholeOf(path, std::move(image)); };
     std::string name = path;
     if (isGzip(image.bytes)) {
         std::optional<std::string> problem;
-        Bytes plain = plainOf(path, wholeOf(path, std::move(image)), &problem);
+        Bytes plain = plainOf(path, whole(), &problem);
         if (problem) {
             notices->push_back(path + ": " + *problem);
         }
@@ -352,7 +361,7 @@ std::vector<LogFile> loadLogFiles(const std::string& path, std::vector<std::stri
         }
         image = evlogImageOf(plain);
     } else if (isBundle(image.bytes)) {
-        return unpackEvents(path, wholeOf(path, std::move(image)), notices);
+        return unpackEvents(path, whole(), notices);
     }
     return {{.name = name, .kind = kindOf(name), .image = std::move(image)}};
 }

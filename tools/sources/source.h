@@ -96,8 +96,9 @@ struct LogFile {
 };
 
 /**
- * A regular file, plain or compressed; or of a bundle all logs, copies of logs and alternate event
- * log files in it, in their order, at least one. Whether a log stands in a file is not looked at.
+ * A file, "-" or a pipe, plain or compressed; of a directory the log in it; or of a bundle all
+ * logs, copies of logs and alternate event log files in it, in their order, at least one. Whether a
+ * log stands in a file is not looked at.
  * @param notices receives what is wrong on the way, a line each
  * Throws std::runtime_error with the name and the reason.
  */
