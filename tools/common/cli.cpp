@@ -105,6 +105,11 @@ int sayWrongUse(CLI::App& app, const CLI::Error& error) {
     return EXIT_COULD_NOT;
 }
 
+int statusOfOutput(const CLI::App& app) {
+    return std::cout.flush() ? EXIT_DONE
+                             : sayCouldNot(app.get_name(), "cannot write standard output");
+}
+
 template <typename Number>
 std::optional<Number> parsed(const std::string& text) {
     Number number{};
@@ -139,10 +144,10 @@ std::optional<int> parseCommandLine(CLI::App& app, int argc, const char* const* 
         return std::nullopt;
     } catch (const CLI::CallForVersion& version) {
         std::cout << version.what() << "\n";
-        return EXIT_DONE;
+        return statusOfOutput(app);
     } catch (const CLI::Success& help) {
         app.exit(help);
-        return EXIT_DONE;
+        return statusOfOutput(app);
     } catch (const CLI::Error& error) {
         return sayWrongUse(app, error);
     }

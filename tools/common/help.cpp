@@ -42,15 +42,29 @@ std::string twoColumns(const std::string& left, const std::string& text) {
     return left.size() >= column ? left + "\n" + right : left + right.substr(left.size());
 }
 
-/** Wraps the lines that are no examples: those are indented, and stay as they are. */
+/** Wraps the lines that are no examples: those are indented, and stay as they are. What does not
+ * fit on a line goes on with the next one, unless that is a title. */
 std::string paragraphs(const std::string& text) {
     std::istringstream lines(text);
     std::string result;
+    std::string rest; // of the line before
     for (std::string line; std::getline(lines, line);) {
-        bool fits = line.empty() || line.front() == ' ' || line.size() <= helpWidth();
-        result += fits ? line + "\n" : wrapped(line, 0);
+        bool isProse = !line.empty() && line.front() != ' ' && line.back() != ':';
+        if (!rest.empty()) {
+            result += isProse ? "" : rest + "\n";
+            line = isProse ? rest + " " + line : line;
+            rest.clear();
+        }
+        bool fits = !isProse || line.size() <= helpWidth();
+        std::string shown = fits ? line + "\n" : wrapped(line, 0);
+        if (!fits) {
+            size_t last = shown.rfind('\n', shown.size() - 2) + 1;
+            rest = shown.substr(last, shown.size() - last - 1);
+            shown.resize(last);
+        }
+        result += shown;
     }
-    return result;
+    return result + (rest.empty() ? "" : rest + "\n");
 }
 
 /** The value's name as the program gave it: the library adds what the checks say of themselves. */

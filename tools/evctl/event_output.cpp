@@ -48,9 +48,7 @@ bool wantsColour(Colour colour, const OutputPlace& place) {
     if (colour != Colour::AUTO) {
         return colour == Colour::ALWAYS;
     }
-    const char* terminal = getenv("TERM");
-    bool isDumb = terminal == nullptr || std::string_view(terminal) == "dumb";
-    return !isSet("NO_COLOR") && !isDumb && place.colours &&
+    return !isSet("NO_COLOR") && !isDumbTerminal() && place.colours &&
            (place.paged || isatty(STDOUT_FILENO) != 0);
 }
 
@@ -88,6 +86,11 @@ void addOutputOptions(CLI::App& command, OutputOptions& options) {
     addWordOption(command, "--color", options.colour, COLOURS, "auto|always|never",
                   "Lines in the colour of the event's type (default auto: on a terminal, unless "
                   "NO_COLOR is set)");
+}
+
+bool isDumbTerminal() {
+    const char* terminal = getenv("TERM");
+    return terminal == nullptr || std::string_view(terminal) == "dumb";
 }
 
 EventPrinter::EventPrinter(const OutputOptions& options, const OutputPlace& place)

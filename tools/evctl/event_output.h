@@ -34,6 +34,9 @@ struct OutputOptions {
 /** Adds -o, --json, --data, -x, --local and --color. */
 void addOutputOptions(CLI::App& command, OutputOptions& options);
 
+/** Whether the terminal, by TERM, takes nothing but text. */
+bool isDumbTerminal();
+
 /** Where it is printed. */
 struct OutputPlace {
     bool several = false; ///< events of several logs: shows which one each is of

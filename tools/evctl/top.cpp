@@ -3,6 +3,7 @@
 #include "configuration.h"
 #include "evctl/archive_commands.h"
 #include "evctl/commands.h"
+#include "evctl/event_output.h"
 #include "evctl/live_screen.h"
 #include "evctl/request.h"
 #include "evctl/top_view.h"
@@ -136,7 +137,7 @@ int runTop(const TopOptions& given) {
     std::vector<std::string> lines = top.lines(); // or says what is wrong on the usual screen
     auto interval = std::chrono::milliseconds(static_cast<S64_t>(options.interval * 1000));
     std::optional<LiveScreen> screen;
-    if (!options.batch && isatty(STDOUT_FILENO) != 0) {
+    if (!options.batch && !isDumbTerminal() && isatty(STDOUT_FILENO) != 0) {
         screen.emplace();
     }
     for (U64_t shown = 1;; shown++) {

@@ -187,6 +187,15 @@ TEST_F(TopOnATerminal, TheInterruptKeyEndsIt) {
     expectClean(terminal, before, support::diedOf(SIGINT));
 }
 
+TEST_F(TopOnATerminal, WhatTakesNothingButTextGetsOnePictureBelowTheOther) {
+    std::vector<std::string> command = top();
+    command.insert(command.end(), {"-n", "1"});
+    Terminal terminal(command, 120, withTerm({{"TERM", "dumb"}}));
+    Ending ending;
+    EXPECT_THAT(terminal.wait(&ending), Not(HasSubstr("\x1B")));
+    EXPECT_EQ(ending, exitedWith(0));
+}
+
 TEST_F(TopOnATerminal, LinesAreCutToTheWidthThatItGets) {
     Terminal terminal(top("60"), 60, withTerm({}));
     EXPECT_THAT(terminal.waitFor("startup"), Not(HasSubstr("unwrapped")));

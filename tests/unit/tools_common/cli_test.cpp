@@ -85,6 +85,32 @@ TEST(CommandLine, HelpFitsTheWidthThatTheEnvironmentSays) {
     unsetenv("COLUMNS");
 }
 
+TEST(CommandLine, FootersAreWrappedAsParagraphs) {
+    setenv("COLUMNS", "40", 1);
+    CLI::App app("Does.", "tool");
+    setUpCommandLine(app, "A line that is longer than what there is\nroom for goes on.\nNext one.\n"
+                          "Examples:\n  tool with words that are no prose and stay where they are");
+    EXPECT_THAT(app.help(), HasSubstr("A line that is longer than what there is\n"
+                                      "room for goes on.\nNext one.\n"));
+    setUpCommandLine(app, "A line that is longer than what there is room\nfor goes on.\nNext one.\n"
+                          "Examples:\n  tool with words that are no prose and stay where they are");
+    EXPECT_THAT(app.help(), HasSubstr("A line that is longer than what there is\n"
+                                      "room for goes on.\nNext one.\nExamples:\n"
+                                      "  tool with words that are no prose and stay where"));
+    unsetenv("COLUMNS");
+}
+
+TEST(CommandLine, HelpThatNobodyCanReadIsAFailure) {
+    for (const char* option : {"--help", "--version"}) {
+        std::cout.setstate(std::ios::badbit);
+        Tool tool;
+        int status = tool.parse({option}).value_or(-1);
+        std::cout.clear();
+        EXPECT_EQ(status, EXIT_COULD_NOT) << option;
+        EXPECT_EQ(tool.err, "tool: cannot write standard output\n");
+    }
+}
+
 TEST(CommandLine, HelpWidthIsBoundedAndDefaultsTo80) {
     for (auto [columns, width] : std::vector<std::pair<const char*, size_t>>{
              {"1", 40}, {"4000000000", 120}, {"wide", 80}, {"-5", 80}, {"", 80}}) {
