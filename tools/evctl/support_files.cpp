@@ -160,6 +160,7 @@ void SupportFiles::addLogs(const std::string& directory, const EvlogIdentity_t* 
         addLog(asides[number], nameOfAside(asides[number], number + 1), false);
     }
     addAlternates(directory + EMP_AEL_DIRECTORY_NAME);
+    identity_ = nullptr;
 }
 
 void SupportFiles::addTail(const std::string& path) {

@@ -375,7 +375,7 @@ TEST_F(Support, ReadersTakeTheBundle) {
     EXPECT_THAT(said.output, HasSubstr(R"({"events":16,)"));
     said = test::run({"file", "list", bundlePath()});
     EXPECT_EQ(said.status, 1);
-    EXPECT_EQ(std::ranges::count(said.output, '\n'), 16);
+    EXPECT_EQ(std::ranges::count(said.output, '\n'), 6); // the logs' events are the same
 }
 
 TEST_F(Support, ReadersOfAFileTakeTheLogInTheBundle) {
