@@ -284,9 +284,10 @@ TEST(CommandLine, FilesThatCannotBeRead) {
     setenv("EVCTL_KEY", "0x7fabcdef", 1); // else list would take the log of a blade that runs here
     for (const char* command : {"list", "verify", "info", "predict", "crash"}) {
         expectRefused({"file", command, "/nowhere/log"}, "/nowhere/log: No such file");
-        expectRefused({"file", command, "/dev"}, command == std::string("list")
-                                                     ? "/dev: a directory without an event log"
-                                                     : "/dev/kelta_eventlog: No such file or directory");
+        expectRefused({"file", command, "/dev"},
+                      command == std::string("list")
+                          ? "/dev: a directory without an event log"
+                          : "/dev/kelta_eventlog: No such file or directory");
         expectRefused({"file", command}, "FILE");
     }
 }
