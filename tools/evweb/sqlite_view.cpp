@@ -91,7 +91,7 @@ std::vector<evarchive::GenerationInfo> generationsOf(SqliteDatabase& database, S
 std::optional<U64_t> missingBetween(SqliteReading& reading, const GenerationKey& key, U32_t first,
                                     U32_t last) {
     constexpr S64_t idsAtATime = 100'000;
-    U64_t missing = S64_t{last} - first + 1;
+    U64_t missing = U64_t{last} - first + 1;
     SqliteStatement row(reading.database(), sqlite_sql::COUNT);
     for (S64_t from = first; from <= last; from += idsAtATime) {
         if (reading.isOver()) {

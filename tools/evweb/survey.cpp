@@ -149,9 +149,9 @@ bool Zone::hasKind(const Needs& needs) const {
         return needs.isAnyKind || std::ranges::any_of(kinds_, fits);
     }
     return std::ranges::any_of(needs.events, [&](U32_t event) {
-        const auto same = std::ranges::equal_range(kinds_, event & MOST_EVENT, {},
-                                                   [](U32_t kind) { return kind >> 16U; });
-        return std::ranges::any_of(same, fits);
+        const U32_t least = (event & MOST_EVENT) << 16U;
+        const auto end = std::upper_bound(kinds_.begin(), kinds_.end(), least | 0xFFFFU);
+        return std::any_of(std::lower_bound(kinds_.begin(), end, least), end, fits);
     });
 }
 
