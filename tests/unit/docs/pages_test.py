@@ -14,6 +14,8 @@ PROGRAMS = pathlib.Path(sys.argv.pop(1))
 PAGES = pathlib.Path(__file__).resolve().parents[3] / "docs" / "man"
 # It takes a key and nothing else.
 WITHOUT_HELP = {"emp"}
+# What evctl becomes for archives on servers: nobody calls it.
+WITHOUT_PAGE = {"evctl-pg"}
 # Commands of their own, which the program's help does not list.
 COMMANDS_APART = {"evarchiver": ["db"]}
 
@@ -62,7 +64,7 @@ class PagesTest(unittest.TestCase):
 
     def test_every_program_with_a_help_has_a_page(self):
         shown = {file.name for file in PROGRAMS.iterdir() if file.is_file() and os.access(file, os.X_OK)}
-        self.assertEqual(shown - set(self.pages), set())
+        self.assertEqual(shown - set(self.pages), WITHOUT_PAGE & shown)
         self.assertGreaterEqual(len(self.helps), 5)
 
     def test_every_subcommand_is_on_its_page(self):
