@@ -317,6 +317,11 @@ TEST_F(BridgeTest, WhatATcpReceiversSystemHasNotAcknowledgedIsNotHandedOn) {
     {
         TcpReceiver receiver(port);
         EXPECT_EQ(sequenceOf(receiver.next()), 1U);
+        const auto isHandedOn = [this] {
+            return std::filesystem::exists(cursorPath_) &&
+                   readFile(cursorPath_).find("1-60 ") != std::string::npos;
+        };
+        EXPECT_FALSE(waitUntil(isHandedOn, std::chrono::milliseconds(500)));
     }
     TcpReceiver receiver(port);
     EXPECT_EQ(sequenceOf(receiver.next()), 1U) << "all comes again";
