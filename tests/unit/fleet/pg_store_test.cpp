@@ -580,6 +580,17 @@ TEST_F(PgStoreTest, EventThatTheEngineRefusesIsSetAsideAndTheOthersAreFiled) {
     EXPECT_EQ(aside[0].image, eventBody({.id = 5}));
 }
 
+TEST_F(PgStoreTest, IdThatIsTakenIsAConflictAndNotRefusedHoweverOftenItIsTried) {
+    const GenerationKey generation = fill(*store_, {0});
+    for (int tries = 0; tries < 2; ++tries) {
+        store_->begin();
+        store_->newestGeneration(generation.series);
+        add(*store_, generation, 0);
+        EXPECT_TRUE(lostAt(*store_).empty());
+    }
+    EXPECT_EQ(count("set_aside"), 0U);
+}
+
 TEST_F(PgStoreTest, EventsOfWildClocksAreFiled) {
     const GenerationKey generation = fill(*store_, {});
     store_->begin();
