@@ -154,14 +154,15 @@ size_t utf8CharacterAt(std::string_view text, size_t at) {
 
 namespace {
 
-/** Everything but what may be shown, and @p also, as \\xNN. */
-std::string escapedBut(std::string_view text, std::string_view also) {
+/** Everything but what may be shown as \\xNN, a backslash too if it is asked for. */
+template <bool WITH_BACKSLASHES>
+std::string escaped(std::string_view text) {
     std::string shown;
     shown.reserve(text.size());
     size_t kept = 0; // what comes from here on is shown as it is
     for (size_t at = 0; at < text.size();) {
         size_t length = 0;
-        if (also.find(text[at]) == std::string_view::npos) {
+        if (!WITH_BACKSLASHES || text[at] != '\\') {
             length = isPrintable(text[at]) ? 1 : utf8CharacterAt(text, at);
         }
         if (length == 0) {
@@ -176,11 +177,11 @@ std::string escapedBut(std::string_view text, std::string_view also) {
 } // namespace
 
 std::string escapedUtf8(std::string_view text) {
-    return escapedBut(text, "\\");
+    return escaped<true>(text);
 }
 
 std::string shownLine(std::string_view text) {
-    return escapedBut(text, "");
+    return escaped<false>(text);
 }
 
 size_t columnsOf(std::string_view text) {
