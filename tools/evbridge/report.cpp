@@ -1,23 +1,11 @@
 #include "report.h"
 
+#include "evctl/event_forms.h"
 #include "evctl/event_text.h"
 #include "evctl/event_view.h"
 
 namespace evbridge {
 namespace {
-
-U32_t severityOf(U32_t type) {
-    switch (type) {
-    case EMP_E_TYPE_ERROR:
-        return 3;
-    case EMP_E_TYPE_WARNING:
-        return 4;
-    case EMP_E_TYPE_INFORMATION:
-        return 6;
-    default:
-        return 5; // of no type that is known
-    }
-}
 
 void addLog(Report& report, const Entry& entry) {
     const EmpEvLogHeader_t& header = *entry.event().header;
@@ -32,7 +20,7 @@ void addLog(Report& report, const Entry& entry) {
 
 void addEvent(Report& report, const sources::EventView& event) {
     const EmpEvLogHeader_t& header = *event.header;
-    report.severity = severityOf(header.evType);
+    report.severity = evctl::syslogSeverity(header.evType);
     report.kind = "event";
     report.messageId = "EV" + std::to_string(U32_t{header.evId});
     report.source = tools::endpointNames.brief(header.evSource);

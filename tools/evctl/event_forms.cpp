@@ -27,19 +27,6 @@ std::string csvField(const std::string& text) {
 
 constexpr U32_t LOCAL0 = 16 * 8;
 
-U32_t severityOf(const EmpEvLogHeader_t& header) {
-    switch (header.evType) {
-    case EMP_E_TYPE_ERROR:
-        return 3;
-    case EMP_E_TYPE_WARNING:
-        return 4;
-    case EMP_E_TYPE_INFORMATION:
-        return 6;
-    default:
-        return 5; // notice: of no type that is known
-    }
-}
-
 /** A word of the header: without blanks, not longer than the protocol takes it. */
 std::string syslogWord(std::string text, size_t longest) {
     for (char& letter : text) {
@@ -106,7 +93,7 @@ std::string csvLine(const EventView& event, const std::string& from) {
 
 std::string syslogLine(const EventView& event) {
     const EmpEvLogHeader_t& header = *event.header;
-    std::string line = "<" + std::to_string(LOCAL0 + severityOf(header)) + ">1 ";
+    std::string line = "<" + std::to_string(LOCAL0 + syslogSeverity(header.evType)) + ">1 ";
     line += isoTime(header.evTime) + " ";
     line += syslogWord(bladeName(header), 255) + " ";
     line += syslogWord(tools::endpointNames.brief(header.evSource), 48) + " - ";
@@ -114,6 +101,19 @@ std::string syslogLine(const EventView& event) {
     line += structuredData(header);
     std::string text = textColumn(event);
     return text.empty() ? line + "\n" : line + " " + text + "\n";
+}
+
+U32_t syslogSeverity(U32_t type) {
+    switch (type) {
+    case EMP_E_TYPE_ERROR:
+        return 3;
+    case EMP_E_TYPE_WARNING:
+        return 4;
+    case EMP_E_TYPE_INFORMATION:
+        return 6;
+    default:
+        return 5;
+    }
 }
 
 } // namespace evctl

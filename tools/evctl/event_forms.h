@@ -21,6 +21,10 @@ std::string csvLine(const EventView& event, const std::string& from);
  * the host is its blade, the application its source. */
 std::string syslogLine(const EventView& event);
 
+/** How severe RFC 5424 calls an event of that type: 3 (error) to 6 (information); 5 (notice) if
+ * the type is not known. */
+U32_t syslogSeverity(U32_t type);
+
 } // namespace evctl
 
 #endif
