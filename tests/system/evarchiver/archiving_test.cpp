@@ -175,9 +175,15 @@ TEST_F(ArchivingTest, UnreadAnswersAreBoundForAllBladesTogether) {
     links[0]->ask(eventMessage({.id = 0, .data = Bytes(300, 0xD7)}) +
                   inquiryMessage(LAST, {}, 0, 1));
     // 20 KB for each of them, of which a window takes a few: no one of them is too much.
-    for (const auto& link : links) {
+    const auto askOn = [](BladeLink& link) {
         for (U32_t handle = 0; handle < 43; ++handle) {
-            link->send(inquiryMessage(LAST, {}, 0, handle));
+            link.send(inquiryMessage(LAST, {}, 0, handle));
+        }
+    };
+    for (const auto& link : links) {
+        try {
+            askOn(*link);
+        } catch (const std::runtime_error&) { // the archiver was quicker, and has closed this one
         }
     }
     EXPECT_THAT(archiver_->waitForOutput("does not read its answers"), HasSubstr("closed"));
