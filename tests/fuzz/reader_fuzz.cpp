@@ -7,12 +7,12 @@
 
 #include "bundle/bundle.h"
 #include "catalog/catalog.h"
+#include "catalog/event_text.h"
 #include "evctl/crash_view.h"
 #include "evctl/cursor.h"
 #include "evctl/event_forms.h"
 #include "evctl/event_json.h"
 #include "evctl/event_stats.h"
-#include "evctl/event_text.h"
 #include "evctl/event_view.h"
 #include "evctl/file.h"
 #include "evctl/log_map.h"
@@ -78,7 +78,7 @@ void show(const sources::Event& event) {
         evctl::jsonLine(evctl::recordJson(*event.record));
     }
     evctl::eventLines(event.view);
-    evctl::adviceOf(event.view);
+    catalog::adviceOf(event.view);
     const std::string csv = evctl::csvLine(event.view, event.origin->name);
     const std::string syslog = evctl::syslogLine(event.view);
     for (const std::string& form : {csv, syslog}) {

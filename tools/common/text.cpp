@@ -192,6 +192,17 @@ size_t columnsOf(std::string_view text) {
     return columns;
 }
 
+std::string hexDigits(std::span<const U8_t> bytes) {
+    constexpr char digits[] = "0123456789abcdef";
+    std::string text(bytes.size() * 2, '0');
+    char* place = text.data();
+    for (U8_t byte : bytes) {
+        *place++ = digits[byte >> 4];
+        *place++ = digits[byte & 0x0F];
+    }
+    return text;
+}
+
 std::string cutToColumns(const std::string& text, size_t columns) {
     if (text.size() <= columns || columnsOf(text) <= columns || columns == 0) {
         return columns == 0 ? "" : text;

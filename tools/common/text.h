@@ -5,6 +5,9 @@
 #ifndef TOOLS_TEXT_H
 #define TOOLS_TEXT_H
 
+#include "fixed_width.h"
+
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -29,6 +32,9 @@ size_t utf8CharacterAt(std::string_view text, size_t at);
  * none for a mark that stands on the one before it, one for each other (also for a byte that is no
  * UTF-8). */
 size_t columnsOf(std::string_view text);
+
+/** Two hexadecimal digits a byte. */
+std::string hexDigits(std::span<const U8_t> bytes);
 
 /** As much of @p text as @p columns hold; when more was there, with an ellipsis at its end. */
 std::string cutToColumns(const std::string& text, size_t columns);

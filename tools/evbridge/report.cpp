@@ -1,7 +1,7 @@
 #include "report.h"
 
+#include "catalog/event_text.h"
 #include "evctl/event_forms.h"
-#include "evctl/event_text.h"
 #include "evctl/event_view.h"
 
 namespace evbridge {
@@ -24,7 +24,7 @@ void addEvent(Report& report, const sources::EventView& event) {
     report.kind = "event";
     report.messageId = "EV" + std::to_string(U32_t{header.evId});
     report.source = tools::endpointNames.brief(header.evSource);
-    report.text = evctl::textColumn(event);
+    report.text = catalog::textColumn(event);
     if (report.text.empty()) {
         report.text = evctl::eventIdText(header.evSource, header.evId);
     }

@@ -1,8 +1,8 @@
 /** evctl ael list and evctl ael show: what the event manager's next start will find. */
+#include "catalog/event_text.h"
 #include "common/names.h"
 #include "evctl/commands.h"
 #include "evctl/event_json.h"
-#include "evctl/event_text.h"
 #include "evctl/listing.h"
 #include "evctl/options.h"
 #include "sources/alternate_files.h"
@@ -85,7 +85,8 @@ std::string listLine(const AelFile& file, Zone zone) {
         const EmpEvRecord_t& header = file.header();
         line += ": " + tools::eventTypeNames.brief(header.evType) + " " +
                 tools::endpointNames.brief(header.evSource) + " " +
-                eventIdText(header.evSource, header.evId) + "  " + textColumn(file.event());
+                eventIdText(header.evSource, header.evId) + "  " +
+                catalog::textColumn(file.event());
     }
     return line;
 }

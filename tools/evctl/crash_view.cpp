@@ -1,8 +1,8 @@
 #include "evctl/crash_view.h"
 
+#include "catalog/advice.h"
 #include "common/names.h"
 #include "configuration.h"
-#include "evctl/advice.h"
 #include "evctl/event_view.h"
 #include "evctl/lines.h"
 #include "mmsg.h"
@@ -91,9 +91,10 @@ void addError(Json& json, const EvlogRecord_t* record) {
 void addAdvice(Json& json) {
     json.update({{"wholeMessage", nullptr}, {"meaning", nullptr}, {"whatToDo", nullptr}});
     const Json& message = json["message"];
-    const Advice* advice = message.is_null() ? nullptr : adviceFor(message.get<std::string>());
+    const catalog::Advice* advice =
+        message.is_null() ? nullptr : catalog::adviceFor(message.get<std::string>());
     if (advice != nullptr) {
-        json["wholeMessage"] = wholeMessage(message.get<std::string>());
+        json["wholeMessage"] = catalog::wholeMessage(message.get<std::string>());
         json["meaning"] = advice->meaning;
         json["whatToDo"] = advice->whatToDo;
     }

@@ -1,8 +1,8 @@
 #include "evctl/event_filter.h"
 
+#include "catalog/event_text.h"
 #include "common/names.h"
 #include "common/nearest.h"
-#include "evctl/event_text.h"
 #include "evctl/options.h"
 #include "evctl/time_text.h"
 #include "mmsg.h"
@@ -150,7 +150,8 @@ bool EventFilter::matches(const EmpEvLogHeader_t& header) const {
 bool EventFilter::matches(const EventView& event) const {
     const auto& wanted = inAnyCase ? patternInAnyCase : pattern;
     return matches(*event.header) &&
-           (!wanted || regexec(wanted.get(), textColumn(event).c_str(), 0, nullptr, 0) == 0);
+           (!wanted ||
+            regexec(wanted.get(), catalog::textColumn(event).c_str(), 0, nullptr, 0) == 0);
 }
 
 bool EventFilter::isEmpty() const {

@@ -1,7 +1,7 @@
 #include "evctl/event_forms.h"
 
+#include "catalog/event_text.h"
 #include "common/text.h"
-#include "evctl/event_text.h"
 
 #include <initializer_list>
 
@@ -82,7 +82,7 @@ std::string csvLine(const EventView& event, const std::string& from) {
              escapedText(header.evBladeId),
              std::to_string(U32_t{header.evSlotId}),
              std::to_string(event.data.size()),
-             eventText(event).value_or(""),
+             catalog::eventText(event).value_or(""),
              hexDigits(event.data),
              from,
          }) {
@@ -99,7 +99,7 @@ std::string syslogLine(const EventView& event) {
     line += syslogWord(tools::endpointNames.brief(header.evSource), 48) + " - ";
     line += syslogWord(tools::eventNamesOf(header.evSource).brief(header.evId), 32) + " ";
     line += structuredData(header);
-    std::string text = textColumn(event);
+    std::string text = catalog::textColumn(event);
     return text.empty() ? line + "\n" : line + " " + text + "\n";
 }
 

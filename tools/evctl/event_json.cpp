@@ -1,6 +1,6 @@
 #include "evctl/event_json.h"
 
-#include "evctl/event_text.h"
+#include "catalog/event_text.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
@@ -84,7 +84,7 @@ std::string eventMembers(const EventView& event) {
     members.number("slotId", header.evSlotId);
     members.number("length", event.data.size());
     members.plain("data", hexDigits(event.data));
-    if (std::optional<std::string> said = eventText(event)) {
+    if (std::optional<std::string> said = catalog::eventText(event)) {
         members.text("text", *said);
     } else {
         members.nothing("text");

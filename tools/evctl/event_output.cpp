@@ -1,14 +1,15 @@
 #include "evctl/event_output.h"
 
+#include "catalog/event_text.h"
 #include "common/text.h"
 #include "evctl/event_forms.h"
 #include "evctl/event_json.h"
-#include "evctl/event_text.h"
 
 #include <cstdlib>
 #include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace evctl {
@@ -93,6 +94,14 @@ bool isDumbTerminal() {
     return terminal == nullptr || std::string_view(terminal) == "dumb";
 }
 
+std::optional<size_t> outputColumns() {
+    struct winsize size {};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
+        return std::nullopt;
+    }
+    return size.ws_col;
+}
+
 EventPrinter::EventPrinter(const OutputOptions& options, const OutputPlace& place)
     : options_(options), place_(place), columns_(place.paged ? std::nullopt : outputColumns()),
       colour_(wantsColour(options.colour, place)) {
@@ -116,7 +125,7 @@ std::string EventPrinter::coloured(std::string line, const EventView& event) con
 
 std::string EventPrinter::styled(std::string line, const EventView& event) const {
     std::string lines = coloured(std::move(line), event);
-    if (std::string advice = options_.advice ? adviceOf(event) : ""; !advice.empty()) {
+    if (std::string advice = options_.advice ? catalog::adviceOf(event) : ""; !advice.empty()) {
         lines += "            -- " + advice + "\n";
     }
     return options_.data ? lines + hexDump(event.data) : lines;
@@ -132,7 +141,8 @@ std::string EventPrinter::jsonOf(const sources::Event& event) const {
         before["from"] = nameOf(event);
     }
     Json behind = Json::object();
-    if (std::string advice = options_.advice ? adviceOf(event.view) : ""; !advice.empty()) {
+    if (std::string advice = options_.advice ? catalog::adviceOf(event.view) : "";
+        !advice.empty()) {
         behind["advice"] = advice;
     }
     std::string members = eventMembers(event.view);

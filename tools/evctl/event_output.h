@@ -37,6 +37,9 @@ void addOutputOptions(CLI::App& command, OutputOptions& options);
 /** Whether the terminal, by TERM, takes nothing but text. */
 bool isDumbTerminal();
 
+/** Columns of the terminal that standard output is; nothing: it is none, lines are not cut. */
+std::optional<size_t> outputColumns();
+
 /** Where it is printed. */
 struct OutputPlace {
     bool several = false; ///< events of several logs: shows which one each is of

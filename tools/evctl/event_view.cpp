@@ -1,8 +1,8 @@
 #include "evctl/event_view.h"
 
+#include "catalog/event_text.h"
 #include "common/names.h"
 #include "common/text.h"
-#include "evctl/event_text.h"
 
 #include <algorithm>
 #include <array>
@@ -92,7 +92,7 @@ std::string eventLine(const EventView& event, const LineStyle& style) {
     addColumn(line, tools::endpointNames.brief(header.evSource), 15);
     addColumn(line, tools::categoryNames.brief(header.evCategory), 13);
     addColumn(line, eventIdText(header.evSource, header.evId), 20);
-    line += textColumn(event);
+    line += catalog::textColumn(event);
     line.erase(line.find_last_not_of(' ') + 1);
     return line;
 }
@@ -116,11 +116,11 @@ std::string eventLines(const EventView& event, Zone zone) {
     add("blade        ", escapedText(header.evBladeId));
     add("slot         ", std::to_string(U32_t{header.evSlotId}));
     add("length       ", std::to_string(U32_t{header.evStructLength}));
-    if (std::optional<std::string> said = eventText(event)) {
+    if (std::optional<std::string> said = catalog::eventText(event)) {
         add("text         ", *said);
     }
-    lines += fieldLines(event);
-    if (std::string advice = adviceOf(event); !advice.empty()) {
+    lines += catalog::fieldLines(event);
+    if (std::string advice = catalog::adviceOf(event); !advice.empty()) {
         add("advice       ", advice);
     }
     return lines += hexDump(event.data);
@@ -143,16 +143,6 @@ const char* roleName(EVLOG_ROLE_e role) {
 
 std::string jsonLine(const Json& json) {
     return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
-}
-
-std::string hexDigits(std::span<const U8_t> bytes) {
-    std::string text(bytes.size() * 2, '0');
-    char* place = text.data();
-    for (U8_t byte : bytes) {
-        *place++ = HEX_DIGITS[byte >> 4];
-        *place++ = HEX_DIGITS[byte & 0x0F];
-    }
-    return text;
 }
 
 std::string hexDump(std::span<const U8_t> bytes) {

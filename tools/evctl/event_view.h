@@ -9,6 +9,7 @@
 #define EVCTL_EVENT_VIEW_H
 
 #include "common/names.h"
+#include "common/text.h"
 #include "emp_mesgs.h"
 #include "evctl/time_text.h"
 #include "evlog/evlog.h"
@@ -24,6 +25,7 @@ using Json = nlohmann::ordered_json;
 
 using sources::eventOf;
 using sources::EventView;
+using tools::hexDigits;
 
 /** A fixed-size text with everything but printable ASCII, and the backslash, as \\xNN. */
 std::string escapedText(std::span<const U8_t> field);
@@ -56,8 +58,6 @@ const char* roleName(EVLOG_ROLE_e role); ///< "newest", "oldest", "dummy"
 
 /** One line of JSON; bytes that are no UTF-8 are replaced. */
 std::string jsonLine(const Json& json);
-
-std::string hexDigits(std::span<const U8_t> bytes);
 
 /** Lines of 16 bytes: offset, hexadecimal, printable characters. */
 std::string hexDump(std::span<const U8_t> bytes);

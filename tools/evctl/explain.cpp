@@ -1,6 +1,6 @@
 /** evctl explain: what an operator is told of a bug-check or a verdict. */
+#include "catalog/advice.h"
 #include "common/text.h"
-#include "evctl/advice.h"
 #include "evctl/commands.h"
 #include "evctl/lines.h"
 
@@ -23,7 +23,7 @@ struct ExplainOptions {
     bool json = false;
 };
 
-Json adviceJson(const Advice& advice) {
+Json adviceJson(const catalog::Advice& advice) {
     return {{"kind", advice.isVerdict() ? "verdict" : "bug-check"},
             {"name", advice.name},
             {"functions", advice.isVerdict() ? Json(nullptr) : Json(advice.functions)},
@@ -31,7 +31,7 @@ Json adviceJson(const Advice& advice) {
             {"whatToDo", advice.whatToDo}};
 }
 
-std::string adviceLines(const Advice& advice) {
+std::string adviceLines(const catalog::Advice& advice) {
     Json lines = {{advice.isVerdict() ? "verdict" : "bug-check", advice.name}};
     if (!advice.isVerdict()) {
         lines["functions"] = advice.functions;
@@ -46,8 +46,8 @@ int runExplain(const ExplainOptions& options) {
     for (const std::string& word : options.words) {
         text += (text.empty() ? "" : " ") + word;
     }
-    std::vector<const Advice*> found = adviceMeantBy(text);
-    for (const Advice* advice : found) {
+    std::vector<const catalog::Advice*> found = catalog::adviceMeantBy(text);
+    for (const catalog::Advice* advice : found) {
         if (options.json) {
             std::cout << jsonLine(adviceJson(*advice));
         } else {
@@ -57,7 +57,7 @@ int runExplain(const ExplainOptions& options) {
     if (!found.empty()) {
         return tools::EXIT_DONE;
     }
-    std::optional<std::string> nearest = adviceNearestTo(text);
+    std::optional<std::string> nearest = catalog::adviceNearestTo(text);
     std::cerr << "evctl: nothing is known of '" << tools::escapedUtf8(text) << "'"
               << (nearest ? "; did you mean '" + *nearest + "'?" : "") << "\n";
     return tools::EXIT_FINDING;

@@ -1,7 +1,7 @@
 #include "evctl/live_screen.h"
 
 #include "common/text.h"
-#include "evctl/event_text.h"
+#include "evctl/event_output.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,8 +1,8 @@
 #include "evctl/redact.h"
 
 #include "altEventLog.h"
+#include "catalog/advice.h"
 #include "emp_evl.h"
-#include "evctl/advice.h"
 #include "mmsg.h"
 
 #include <algorithm>
@@ -44,7 +44,7 @@ bool keepBugcheckMessage(const EmpEvRecord_t& header, U8_t* data, U32_t dataLeng
         return false;
     }
     auto& error = *reinterpret_cast<EmpErrorMsg_t*>(data);
-    const Advice* known = adviceFor(textOf(error.empErrorMsg));
+    const catalog::Advice* known = catalog::adviceFor(textOf(error.empErrorMsg));
     if (known == nullptr || !isOneOf(known->functions, textOf(error.empFunctionName))) {
         return false;
     }

@@ -1,8 +1,8 @@
 #include "answers.h"
 
+#include "catalog/event_text.h"
 #include "common/text.h"
 #include "evctl/event_json.h"
-#include "evctl/event_text.h"
 #include "evctl/event_view.h"
 
 #include <ctime>
@@ -107,10 +107,10 @@ Json wholeEventJson(const FoundEvent& event) {
     Json json = eventJson(event);
     const evctl::EventView view = evctl::eventOf(event.event.image);
     json["own"] = event.event.own;
-    json["advice"] = evctl::adviceOf(view);
+    json["advice"] = catalog::adviceOf(view);
     json["dump"] = evctl::hexDump(view.data);
     Json fields = Json::array();
-    if (const catalog::Entry* entry = evctl::entryOf(view)) {
+    if (const catalog::Entry* entry = catalog::entryOf(view)) {
         json["severity"] = entry->severity;
         for (const catalog::Field& field : entry->fields) {
             fields.push_back(
@@ -192,7 +192,7 @@ Json statusJson(const ViewStatus& status) {
 
 Json namesJson() {
     Json known = Json::array();
-    for (const catalog::Entry* entry : evctl::knownEvents().entries()) {
+    for (const catalog::Entry* entry : catalog::knownEvents().entries()) {
         known.push_back({{"source", tools::endpointNames.brief(entry->source)},
                          {"id", entry->firstId},
                          {"last", entry->lastId},

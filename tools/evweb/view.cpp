@@ -1,6 +1,6 @@
 #include "view.h"
 
-#include "evctl/event_text.h"
+#include "catalog/event_text.h"
 #include "http.h"
 
 #include <charconv>
@@ -49,7 +49,7 @@ bool Search::matches(const EmpEvLogHeader_t& header) const {
 }
 
 bool Search::holdsText(const evctl::EventView& event) const {
-    return text.empty() || lowerCase(evctl::textColumn(event)).find(text) != std::string::npos;
+    return text.empty() || lowerCase(catalog::textColumn(event)).find(text) != std::string::npos;
 }
 
 std::size_t typeIndex(U32_t type) {

@@ -1,12 +1,12 @@
-#include "evctl/advice.h"
+#include "catalog/advice.h"
 
 #include "evlog/evlog.h"
 #include "run.h"
 
 #include <gmock/gmock.h>
 
-using evctl::adviceFor;
-using evctl::wholeMessage;
+using catalog::adviceFor;
+using catalog::wholeMessage;
 using testing::HasSubstr;
 
 namespace {
@@ -15,7 +15,7 @@ constexpr char ARCHIVER[] =
     "Linux recv function fails, Event Archiver Msg length readSize = [%d] is wrong";
 
 std::string nameFor(const std::string& message) {
-    const evctl::Advice* advice = adviceFor(message);
+    const catalog::Advice* advice = adviceFor(message);
     return advice == nullptr ? "none" : advice->name;
 }
 
@@ -23,12 +23,12 @@ std::string nameFor(const std::string& message) {
 
 TEST(Advice, EveryRowOfThePageIsThere) {
     size_t verdicts = 0;
-    for (const evctl::Advice& advice : evctl::allAdvice()) {
+    for (const catalog::Advice& advice : catalog::allAdvice()) {
         EXPECT_FALSE(advice.name.empty() || advice.meaning.empty() || advice.whatToDo.empty());
         verdicts += advice.isVerdict() ? 1 : 0;
     }
     EXPECT_EQ(verdicts, size_t{EVLOG_E_VERDICTS});
-    EXPECT_GE(evctl::allAdvice().size() - verdicts, 23U);
+    EXPECT_GE(catalog::allAdvice().size() - verdicts, 23U);
 }
 
 TEST(Advice, EveryVerdictHasItsRow) {

@@ -1,33 +1,32 @@
-#include "evctl/event_text.h"
+#include "catalog/event_text.h"
 
+#include "catalog/advice.h"
 #include "common/text.h"
 #include "emp_evl.h"
-#include "evctl/advice.h"
-#include "evctl/options.h"
 #include "mmsg.h"
 
+#include <cerrno>
+#include <cstring>
 #include <iostream>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
-namespace evctl {
+namespace catalog {
 namespace {
 
 // Enough to recognise data by; 'file show' has all of it.
 constexpr size_t HEX_BYTES_MAX = 32;
 constexpr size_t NAME_WIDTH = 13;
 
-catalog::Catalog loadAndSay() {
-    std::vector<catalog::Problem> problems;
-    catalog::Catalog loaded = catalog::loadCatalog(&problems);
-    for (const catalog::Problem& problem : problems) {
-        std::cerr << "evctl: " << catalog::problemLine(problem) << "\n";
+Catalog loadAndSay() {
+    std::vector<Problem> problems;
+    Catalog loaded = loadCatalog(&problems);
+    for (const Problem& problem : problems) {
+        std::cerr << program_invocation_short_name << ": " << problemLine(problem) << "\n";
     }
     return loaded;
 }
 
 /** The message of a bug-check, as it is stored: its first 64 bytes. */
-std::optional<std::string> bugCheckMessage(const EventView& event) {
+std::optional<std::string> bugCheckMessage(const sources::EventView& event) {
     const EmpEvLogHeader_t& header = *event.header;
     if (header.evSource != MMSG_E_EPID_EVENTLOGMP ||
         header.evId != EMP_E_ID_EVENTMGRMP_BUGCHECK_ERROR_MSG ||
@@ -35,7 +34,8 @@ std::optional<std::string> bugCheckMessage(const EventView& event) {
         return std::nullopt;
     }
     const auto& error = *reinterpret_cast<const EmpErrorMsg_t*>(event.data.data());
-    return tools::escapedUtf8(fieldText(error.empErrorMsg, sizeof(error.empErrorMsg)));
+    const auto* text = reinterpret_cast<const char*>(error.empErrorMsg);
+    return tools::escapedUtf8({text, strnlen(text, sizeof(error.empErrorMsg))});
 }
 
 /** Completes the message in a text where it was cut. */
@@ -47,66 +47,58 @@ std::string completed(std::string text, const std::string& message) {
 
 } // namespace
 
-const catalog::Catalog& knownEvents() {
-    static const catalog::Catalog known = loadAndSay();
+const Catalog& knownEvents() {
+    static const Catalog known = loadAndSay();
     return known;
 }
 
-const catalog::Entry* entryOf(const EventView& event) {
+const Entry* entryOf(const sources::EventView& event) {
     const EmpEvLogHeader_t& header = *event.header;
     return knownEvents().find(header.evSource, header.evId, header.evIdVersion);
 }
 
-std::optional<std::string> eventText(const EventView& event) {
-    const catalog::Entry* entry = entryOf(event);
+std::optional<std::string> eventText(const sources::EventView& event) {
+    const Entry* entry = entryOf(event);
     if (entry == nullptr) {
-        return catalog::plainText(event.data);
+        return plainText(event.data);
     }
     std::optional<std::string> message = bugCheckMessage(event);
-    std::string text = catalog::messageOf(*entry, event.data);
+    std::string text = messageOf(*entry, event.data);
     return message ? completed(std::move(text), *message) : text;
 }
 
-std::string textColumn(const EventView& event) {
+std::string textColumn(const sources::EventView& event) {
     if (std::optional<std::string> text = eventText(event)) {
         return *text;
     }
     if (event.data.size() <= HEX_BYTES_MAX) {
-        return hexDigits(event.data);
+        return tools::hexDigits(event.data);
     }
-    return hexDigits(event.data.first(HEX_BYTES_MAX)) + "... (" +
+    return tools::hexDigits(event.data.first(HEX_BYTES_MAX)) + "... (" +
            std::to_string(event.data.size()) + " bytes)";
 }
 
-std::string adviceOf(const EventView& event) {
+std::string adviceOf(const sources::EventView& event) {
     const std::optional<std::string> message = bugCheckMessage(event);
     if (const Advice* row = message ? adviceFor(*message) : nullptr) {
         return row->meaning + "; what to do: " + row->whatToDo;
     }
-    const catalog::Entry* entry = entryOf(event);
+    const Entry* entry = entryOf(event);
     return entry == nullptr ? "" : entry->advice;
 }
 
-std::string fieldLines(const EventView& event) {
-    const catalog::Entry* entry = entryOf(event);
+std::string fieldLines(const sources::EventView& event) {
+    const Entry* entry = entryOf(event);
     if (entry == nullptr) {
         return "";
     }
     std::string lines;
-    for (const catalog::Field& field : entry->fields) {
+    for (const Field& field : entry->fields) {
         std::string line = "  " + field.name;
         line.resize(std::max(line.size() + 1, NAME_WIDTH), ' ');
-        lines += line + catalog::valueText(field, event.data) + "\n";
+        lines += line + valueText(field, event.data) + "\n";
     }
     return lines;
 }
 
-std::optional<size_t> outputColumns() {
-    struct winsize size {};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
-        return std::nullopt;
-    }
-    return size.ws_col;
-}
-
-} // namespace evctl
+} // namespace catalog

@@ -3,15 +3,15 @@
  * What operators are told of bug-checks and verdicts: the rows of their page, which the build puts
  * into the program.
  */
-#ifndef EVCTL_ADVICE_H
-#define EVCTL_ADVICE_H
+#ifndef CATALOG_ADVICE_H
+#define CATALOG_ADVICE_H
 
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace evctl {
+namespace catalog {
 
 /** The sections "Bug-checks" and "Verdicts" of the page, as they are. */
 extern const char* const OPERATIONS_TABLES;
@@ -44,6 +44,6 @@ std::vector<const Advice*> adviceMeantBy(const std::string& text);
 /** The name nearest to a mistyped one. */
 std::optional<std::string> adviceNearestTo(const std::string& text);
 
-} // namespace evctl
+} // namespace catalog
 
 #endif

@@ -1,4 +1,4 @@
-#include "evctl/advice.h"
+#include "catalog/advice.h"
 
 #include "common/nearest.h"
 
@@ -6,7 +6,7 @@
 #include <cctype>
 #include <sstream>
 
-namespace evctl {
+namespace catalog {
 namespace {
 
 constexpr std::string_view NUMBER = "%d";
@@ -137,4 +137,4 @@ std::optional<std::string> adviceNearestTo(const std::string& text) {
     return tools::nearestName(text, names);
 }
 
-} // namespace evctl
+} // namespace catalog
