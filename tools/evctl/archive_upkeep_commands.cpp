@@ -1,9 +1,12 @@
 /** evctl archive backup, prune and vacuum: what an operator does with an archive. */
 #include "archive_upkeep.h"
+#include "common/text.h"
 #include "evctl/archive_commands.h"
+#include "evctl/event_view.h"
 #include "reader.h"
 
 #include <iostream>
+#include <nlohmann/json.hpp>
 
 namespace evctl {
 namespace {
@@ -18,7 +21,14 @@ struct UpkeepOptions {
     std::string path;
     std::string target;
     evarchive::RetentionSettings retention;
+    bool json = false;
 };
+
+/** The only member of an object, or a line. */
+void say(const UpkeepOptions& options, const char* member, const Json& value,
+         const std::string& line) {
+    std::cout << (options.json ? jsonLine({{member, value}}) : line + "\n");
+}
 
 void requireFile(const std::string& path) {
     if (evarchive::isPgPlace(path)) {
@@ -31,7 +41,8 @@ void requireFile(const std::string& path) {
 int runBackup(const UpkeepOptions& options) {
     requireFile(options.path);
     evarchive::backupArchive(options.path, options.target);
-    std::cout << "copied to " << options.target << "\n";
+    std::string target = tools::shownLine(options.target);
+    say(options, "copy", target, "copied to " + target);
     return tools::EXIT_DONE;
 }
 
@@ -40,13 +51,15 @@ int runPrune(const UpkeepOptions& options) {
     if (!options.retention.isBound()) {
         throw std::runtime_error("prune needs --keep-days, --max-bytes or --blade-quota");
     }
-    std::cout << evarchive::pruneArchive(options.path, options.retention) << " events removed\n";
+    U64_t removed = evarchive::pruneArchive(options.path, options.retention);
+    say(options, "eventsRemoved", removed, std::to_string(removed) + " events removed");
     return tools::EXIT_DONE;
 }
 
 int runVacuum(const UpkeepOptions& options) {
     requireFile(options.path);
-    std::cout << evarchive::vacuumArchive(options.path) << " bytes given back\n";
+    U64_t bytes = evarchive::vacuumArchive(options.path);
+    say(options, "bytesGivenBack", bytes, std::to_string(bytes) + " bytes given back");
     return tools::EXIT_DONE;
 }
 
@@ -57,6 +70,7 @@ std::pair<CLI::App*, std::shared_ptr<UpkeepOptions>> addOne(CLI::App& group, Cho
     auto options = std::make_shared<UpkeepOptions>();
     CLI::App& command = addCommand(group, name, what, ARCHIVE_UPKEEP_COMMANDS_EXAMPLES);
     command.add_option("--db", options->path, "The archive")->type_name("FILE")->required();
+    command.add_flag("--json", options->json, "As a JSON object");
     onChosen(command, chosen, options, run);
     return {&command, options};
 }

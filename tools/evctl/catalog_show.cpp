@@ -1,6 +1,7 @@
 /** evctl catalog: what is known of events, and whether a catalogue is as it should be. */
 #include "catalog/catalog.h"
 #include "common/names.h"
+#include "common/text.h"
 #include "evctl/commands.h"
 #include "evctl/event_view.h"
 #include "evctl/options.h"
@@ -8,6 +9,7 @@
 #include <array>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 namespace evctl {
 namespace {
@@ -41,6 +43,14 @@ catalog::Catalog load(const std::vector<std::string>& files,
         loaded.addFile(file, problems);
     }
     return loaded;
+}
+
+Json problemJson(const catalog::Problem& problem, bool isReplaced) {
+    return {
+        {"file", tools::escapedUtf8(problem.file)},
+        {"place", problem.place.empty() ? Json(nullptr) : Json(tools::escapedUtf8(problem.place))},
+        {"text", tools::escapedUtf8(problem.text)},
+        {"replaced", isReplaced}};
 }
 
 int sayProblems(const std::vector<catalog::Problem>& problems, std::ostream& out) {
@@ -155,8 +165,17 @@ int runShow(const CatalogOptions& options) {
 int runCheck(const CatalogOptions& options) {
     std::vector<catalog::Problem> problems;
     catalog::Catalog loaded = load(options.files, &problems);
-    sayProblems(loaded.replaced(), std::cout);
-    return sayProblems(problems, std::cout);
+    if (!options.json) {
+        sayProblems(loaded.replaced(), std::cout);
+        return sayProblems(problems, std::cout);
+    }
+    for (const auto& [list, isReplaced] :
+         {std::pair(&loaded.replaced(), true), std::pair(&std::as_const(problems), false)}) {
+        for (const catalog::Problem& problem : *list) {
+            std::cout << jsonLine(problemJson(problem, isReplaced));
+        }
+    }
+    return problems.empty() ? tools::EXIT_DONE : tools::EXIT_FINDING;
 }
 
 } // namespace
@@ -182,6 +201,7 @@ void addCatalogCommands(CLI::App& parent, Chosen& chosen) {
     CLI::App& checkCommand =
         addCommand(group, "check", "Say what is wrong in a catalogue.", CATALOG_CHECK_EXAMPLES);
     checkCommand.add_option("FILE", check->files, "Files of a catalogue");
+    checkCommand.add_flag("--json", check->json, "One JSON object a line");
     onChosen(checkCommand, chosen, check, runCheck);
 }
 

@@ -1,6 +1,7 @@
 /** evctl file guard: before a start, puts a sound log in the place of one that would stop it. */
 #include "common/text.h"
 #include "evctl/commands.h"
+#include "evctl/event_view.h"
 #include "evctl/file.h"
 #include "evctl/file_aside.h"
 #include "evctl/new_file.h"
@@ -14,6 +15,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -33,6 +35,7 @@ constexpr char LOG_BEING_MADE[] = ".guard";
 struct GuardOptions {
     std::string path;
     U32_t keep = 4;
+    bool json = false;
 };
 
 /** The log, held open, so that what was judged is what is set aside. */
@@ -121,17 +124,22 @@ std::string setAside(const std::string& path, const struct stat& file) {
     return aside;
 }
 
-void removeOldest(const std::string& path, U32_t keep) {
+/** @return those that are gone, fit to be shown */
+std::vector<std::string> removeOldest(const std::string& path, U32_t keep) {
     std::vector<std::string> asides = logsSetAside(path);
+    std::vector<std::string> removed;
     for (size_t place = 0; place + keep < asides.size(); place++) {
         if (unlink(asides[place].c_str()) == 0) {
-            std::cout << tools::escapedText(asides[place]) << ": removed\n";
+            removed.push_back(tools::escapedText(asides[place]));
         }
     }
+    return removed;
 }
 
-/** The log's name leads to the damaged file or to the whole new one, at every moment. */
-void replace(const std::string& path, const EvlogSalvage_t& salvage, const struct stat& file) {
+/** The log's name leads to the damaged file or to the whole new one, at every moment.
+ * @return the damaged file's new name */
+std::string replace(const std::string& path, const EvlogSalvage_t& salvage,
+                    const struct stat& file) {
     std::string made = path + LOG_BEING_MADE;
     unlink(made.c_str()); // of one that ended half-way
     if (!salvage.bytes.empty()) {
@@ -143,10 +151,53 @@ void replace(const std::string& path, const EvlogSalvage_t& salvage, const struc
         failWith(path, errno);
     }
     syncDirectoryOf(path);
-    std::cout << "set aside as " << tools::escapedText(aside) << "; "
+    return aside;
+}
+
+/** What was done, fit to be shown. */
+struct Replaced {
+    std::string file;
+    std::string reason;
+    std::string aside{};
+    std::vector<std::string> removed{};
+};
+
+std::string whyFatal(const EvlogPrediction_t& prediction) {
+    return prediction.bugcheck ? "the first event would end in \"" +
+                                     std::string(prediction.bugcheck->message) + "\""
+                               : evlogVerdictText(prediction.state.verdict);
+}
+
+void printLines(const Replaced& done, const EvlogSalvage_t& salvage) {
+    std::cout << "set aside as " << done.aside << "; "
               << (salvage.bytes.empty() ? "no event can be read of it, the start makes a new log"
                                         : savedText(salvage))
               << "\n";
+    for (const std::string& removed : done.removed) {
+        std::cout << removed << ": removed\n";
+    }
+}
+
+Json replacedJson(const Replaced& done, const EvlogSalvage_t& salvage) {
+    return {{"file", done.file},      {"replaced", true},       {"reason", done.reason},
+            {"aside", done.aside},    {"saved", salvage.saved}, {"marks", salvage.marks},
+            {"removed", done.removed}};
+}
+
+int conclude(const GuardOptions& options, const Replaced& done, const EvlogSalvage_t& salvage) {
+    if (options.json) {
+        std::cout << jsonLine(replacedJson(done, salvage));
+    } else {
+        printLines(done, salvage);
+    }
+    return tools::EXIT_FINDING;
+}
+
+int nothingToDo(const GuardOptions& options) {
+    if (options.json) {
+        std::cout << jsonLine({{"file", tools::escapedText(options.path)}, {"replaced", false}});
+    }
+    return tools::EXIT_DONE;
 }
 
 void requireOwn(const std::string& path, const struct stat& file) {
@@ -161,31 +212,30 @@ void requireOwn(const std::string& path, const struct stat& file) {
 int runGuard(const GuardOptions& options) {
     GuardedLog log(options.path);
     if (!log.isThere()) {
-        return tools::EXIT_DONE;
+        return nothingToDo(options);
     }
     struct stat file = log.status();
     requireOwn(options.path, file);
     EvlogImage_t image = log.load(options.path);
     EvlogPrediction_t prediction = evlogPredict(image, nullptr);
     if (!prediction.isFatal()) {
-        return tools::EXIT_DONE;
+        return nothingToDo(options);
     }
     if (log.isInUse()) {
         throw std::runtime_error(options.path + ": in use; end the event manager first");
     }
-    std::cout << tools::escapedText(options.path) << ": "
-              << (prediction.bugcheck ? "the first event would end in \"" +
-                                            std::string(prediction.bugcheck->message) + "\""
-                                      : evlogVerdictText(prediction.state.verdict))
-              << "\n";
+    Replaced done = {.file = tools::escapedText(options.path), .reason = whyFatal(prediction)};
+    if (!options.json) { // also when more cannot be done
+        std::cout << done.file << ": " << done.reason << "\n";
+    }
     EvlogSource_t source = {.bytes = image.bytes};
     EvlogSalvage_t salvage = salvageTried({&source, 1}, {});
     if (!isSameFile(options.path, file)) {
         throw std::runtime_error(options.path + ": replaced meanwhile; nothing was changed");
     }
-    replace(options.path, salvage, file);
-    removeOldest(options.path, options.keep);
-    return tools::EXIT_FINDING;
+    done.aside = tools::escapedText(replace(options.path, salvage, file));
+    done.removed = removeOldest(options.path, options.keep);
+    return conclude(options, done, salvage);
 }
 
 } // namespace
@@ -217,6 +267,7 @@ void addFileGuardCommand(CLI::App& parent, Chosen& chosen) {
         ->type_name("NUMBER")
         ->capture_default_str()
         ->check(tools::wholeNumber(1, 1000));
+    command.add_flag("--json", options->json, "As a JSON object");
     onChosen(command, chosen, options, runGuard);
 }
 

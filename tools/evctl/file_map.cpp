@@ -1,9 +1,11 @@
 /** evctl file map: the ring as it lies in its file. */
 #include "evctl/commands.h"
+#include "evctl/event_view.h"
 #include "evctl/log_map.h"
 #include "evctl/svg.h"
 
 #include <iostream>
+#include <nlohmann/json.hpp>
 
 namespace evctl {
 namespace {
@@ -22,8 +24,13 @@ int runMap(const MapOptions& options) {
     EvlogImage_t image = loadLog(options.path);
     LogContent content = readLog(image);
     LogMap map = mapOf(content);
-    std::cout << (options.form == "svg" ? mapPicture(map, content, Svg::titleOf(options.path))
-                                        : mapLines(map, content));
+    if (options.form == "json") {
+        std::cout << jsonLine(mapJson(map, content));
+    } else if (options.form == "svg") {
+        std::cout << mapPicture(map, content, Svg::titleOf(options.path));
+    } else {
+        std::cout << mapLines(map, content);
+    }
     return statusOf(content);
 }
 
@@ -36,9 +43,11 @@ void addFileMapCommand(CLI::App& parent, Chosen& chosen) {
                    FILE_MAP_EXAMPLES);
     addFileArgument(command, options->path);
     command.add_option("-o,--output", options->form, "As what")
-        ->type_name("text|svg")
+        ->type_name("text|svg|json")
         ->capture_default_str()
-        ->check(CLI::IsMember({"text", "svg"}));
+        ->check(CLI::IsMember({"text", "svg", "json"}));
+    command.add_flag_callback(
+        "--json", [options] { options->form = "json"; }, "As -o json: one object");
     onChosen(command, chosen, options, runMap);
 }
 

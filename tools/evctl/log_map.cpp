@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 namespace evctl {
 namespace {
@@ -120,6 +121,24 @@ const char* kindText(CellKind kind) {
     return texts.at(static_cast<size_t>(kind));
 }
 
+Json rangeJson(const MapRange& range) {
+    if (range.first == nullptr) {
+        return nullptr;
+    }
+    return {{"firstSequenceId", U32_t{range.first->evSequenceId}},
+            {"lastSequenceId", U32_t{range.last->evSequenceId}},
+            {"firstTime", isoTime(range.first->evTime)},
+            {"lastTime", isoTime(range.last->evTime)}};
+}
+
+std::string lettersOf(const MapRow& row) {
+    std::string letters;
+    for (const MapCell& cell : row.cells) {
+        letters += letterOf(cell);
+    }
+    return letters;
+}
+
 // --- The picture
 
 constexpr double MAP_LEFT = 70;
@@ -209,10 +228,7 @@ LogMap mapOf(const LogContent& content) {
 std::string mapLines(const LogMap& map, const LogContent& content) {
     std::string lines = verdictLine(content) + "\n";
     for (U32_t number = 0; number < MAP_ROWS; number++) {
-        std::string cells;
-        for (const MapCell& cell : map.rows[number].cells) {
-            cells += letterOf(cell);
-        }
+        std::string cells = lettersOf(map.rows[number]);
         U32_t offset = number * ROW_BYTES;
         if (map.start / ROW_BYTES == number) {
             putPosition(cells, map.start, '<');
@@ -230,6 +246,24 @@ std::string mapLines(const LogMap& map, const LogContent& content) {
         lines += findingText(finding) + "\n";
     }
     return lines;
+}
+
+Json mapJson(const LogMap& map, const LogContent& content) {
+    Json rows = Json::array();
+    for (U32_t number = 0; number < MAP_ROWS; number++) {
+        const MapRow& row = map.rows[number];
+        rows.push_back({{"offset", number * ROW_BYTES},
+                        {"cells", lettersOf(row)},
+                        {"newest", rangeJson(row.recent)},
+                        {"oldest", rangeJson(row.old)}});
+    }
+    bool isProtected = map.start < EMP_LOG_FILE_SIZE;
+    return {{"verdict", evlogVerdictName(content.state.verdict)},
+            {"writtenNext", map.write},
+            {"oldestEvent", isProtected ? Json(map.start) : Json(nullptr)},
+            {"bytesPerCell", MAP_CELL_BYTES},
+            {"rows", rows},
+            {"findings", content.findings.size()}};
 }
 
 std::string mapPicture(const LogMap& map, const LogContent& content, const std::string& name) {

@@ -57,6 +57,9 @@ LogMap mapOf(const LogContent& content);
 
 std::string mapLines(const LogMap& map, const LogContent& content);
 
+/** The same for programs: the cells as the letters of mapLines(), without the positions in them. */
+Json mapJson(const LogMap& map, const LogContent& content);
+
 /** @param name of the file */
 std::string mapPicture(const LogMap& map, const LogContent& content, const std::string& name);
 

@@ -40,6 +40,7 @@ struct SupportOptions {
     std::vector<std::string> tails;
     std::string output;
     bool redact = false;
+    bool json = false;
 };
 
 #if EVCTL_WRITES_BUNDLES
@@ -126,6 +127,20 @@ std::string outputOf(const SupportOptions& options) {
     return "support-" + stamp + ".tar.gz";
 }
 
+Json bundleJson(const std::string& output, const std::vector<bundle::Member>& members,
+                const std::vector<std::string>& problems) {
+    Json packed = Json::array();
+    for (const bundle::Member& member : members) {
+        packed.push_back(
+            {{"name", tools::escapedText(member.name)}, {"bytes", member.bytes.size()}});
+    }
+    Json missing = Json::array();
+    for (const std::string& problem : problems) {
+        missing.push_back(tools::shownLine(problem));
+    }
+    return {{"bundle", tools::escapedText(output)}, {"members", packed}, {"missing", missing}};
+}
+
 int runSupport(const SupportOptions& options) {
     SupportFiles files(options.redact);
     if (options.nvram.empty()) {
@@ -139,9 +154,13 @@ int runSupport(const SupportOptions& options) {
     std::vector<bundle::Member> members = files.finish();
     std::string output = outputOf(options);
     writeNewFile(output, bundle::pack(members, static_cast<U32_t>(time(nullptr))));
-    std::cout << tools::escapedText(output) << ":\n";
-    for (const bundle::Member& member : members) {
-        std::cout << tools::escapedText(member.name) << "  " << member.bytes.size() << "\n";
+    if (options.json) {
+        std::cout << jsonLine(bundleJson(output, members, files.problems()));
+    } else {
+        std::cout << tools::escapedText(output) << ":\n";
+        for (const bundle::Member& member : members) {
+            std::cout << tools::escapedText(member.name) << "  " << member.bytes.size() << "\n";
+        }
     }
     for (const std::string& problem : files.problems()) {
         std::cerr << "evctl: not in the bundle: " << problem << "\n";
@@ -179,6 +198,7 @@ void addSupportCommand(CLI::App& parent, Chosen& chosen) {
                     "The bundle; it must not be there (default support-TIME.tar.gz)")
         ->type_name("NEW");
     command.add_flag("--redact", options->redact, "Without names and data");
+    command.add_flag("--json", options->json, "What is in it as a JSON object");
     onChosen(command, chosen, options, runSupport);
 }
 

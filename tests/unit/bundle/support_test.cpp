@@ -213,6 +213,19 @@ TEST_F(Support, ChecksumsAreThoseOfTheMembers) {
     }
 }
 
+TEST_F(Support, JsonNamesWhatIsInItAndWhatIsMissing) {
+    Said said = pack({"--json", "--tail", "/nowhere/at all"});
+    EXPECT_EQ(said.status, 1);
+    nlohmann::json json = nlohmann::json::parse(said.output);
+    EXPECT_EQ(json["bundle"], bundlePath());
+    EXPECT_EQ(json["members"].size(), members_.size());
+    for (const auto& member : json["members"]) {
+        EXPECT_EQ(member["bytes"], members_[member["name"]].size()) << member;
+    }
+    EXPECT_EQ(json["missing"],
+              nlohmann::json::array({"outputs: /nowhere/at all: No such file or directory"}));
+}
+
 TEST_F(Support, NeverReplacesAFile) {
     support::writeFile(bundlePath(), "precious");
     Said said = test::run({"support", "--nvram", directory_.file("nvram"), "-o", bundlePath()});

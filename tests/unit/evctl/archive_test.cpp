@@ -274,6 +274,17 @@ TEST_F(ArchiveCommands, PruneKeepsWhatItIsToldAndTheNewestOfEachLog) {
     EXPECT_EQ(archive({"check"}).status, 0); // what was taken is no gap
 }
 
+TEST_F(ArchiveCommands, UpkeepTellsProgramsToo) {
+    fillTwoLogs();
+    auto toldAs = [this](std::vector<std::string> words) {
+        words.push_back("--json");
+        return archive(words).output;
+    };
+    EXPECT_EQ(toldAs({"backup", "--to", target_}), "{\"copy\":\"" + target_ + "\"}\n");
+    EXPECT_EQ(toldAs({"prune", "--blade-quota", "1"}), "{\"eventsRemoved\":2}\n");
+    EXPECT_THAT(toldAs({"vacuum"}), testing::StartsWith("{\"bytesGivenBack\":"));
+}
+
 TEST_F(ArchiveCommands, WhatIsNotThereIsNotMade) {
     auto commands = READERS;
     commands.insert(commands.end(), {{"export", "--to", target_},

@@ -334,6 +334,25 @@ TEST(CommandLine, FiltersThatNameNothingAreRefused) {
     expectRefused({"file", "list", "-n", "0", "/nowhere/log"}, "whole number from 1 on");
 }
 
+TEST(CommandLine, CatalogCheckNamesFilePlaceAndReason) {
+    support::TempDirectory directory;
+    const std::string file = directory.file("mine.json");
+    support::writeFile(file, R"({"source":20,"events":[{"id":1,"text":"fine"},{"id":2}]})");
+    const Said lines = run({"catalog", "check", file});
+    EXPECT_EQ(lines.status, 1);
+    EXPECT_EQ(lines.output, file + ": /events/1/text: is missing\n");
+    const Said json = run({"catalog", "check", file, "--json"});
+    EXPECT_EQ(json.status, 1);
+    EXPECT_EQ(json.output, R"({"file":")" + file +
+                               R"(","place":"/events/1/text","text":"is missing",)"
+                               R"("replaced":false})"
+                               "\n");
+    support::writeFile(file, R"({"source":20,"events":[{"id":1,"text":"fine"}]})");
+    const Said sound = run({"catalog", "check", file, "--json"});
+    EXPECT_EQ(sound.status, 0);
+    EXPECT_EQ(sound.output + sound.errors, "");
+}
+
 TEST(CommandLine, ManualNamesEveryOption) {
     std::string manual = support::readFile(support::sourceFile("docs/man/evctl.1"));
     std::set<std::string> options;

@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -110,6 +111,23 @@ TEST_F(FileGuard, FatalLogGivesWay) {
     EXPECT_EQ(status.st_mode & 07777U, 0700U);
     EXPECT_EQ(guard().status, 0) << "there is nothing more to do";
     EXPECT_EQ(others().size(), 1U);
+}
+
+TEST_F(FileGuard, JsonSaysWhetherALogWasReplacedAndByWhat) {
+    write(soundLog());
+    nlohmann::json json = nlohmann::json::parse(guard({"--json"}).output);
+    EXPECT_EQ(json, (nlohmann::json{{"file", path()}, {"replaced", false}}));
+    write(fatalLog());
+    support::writeFile(path() + ".fatal-20061121T140000Z", "oldest");
+    Said said = guard({"--json", "--keep", "1"});
+    EXPECT_EQ(said.status, 1);
+    json = nlohmann::json::parse(said.output);
+    EXPECT_EQ(json["replaced"], true);
+    EXPECT_THAT(json["reason"], HasSubstr("\"Mismatching empStartSequenceId"));
+    EXPECT_EQ(json["aside"], others().at(0));
+    EXPECT_EQ(json["saved"], 10);
+    EXPECT_EQ(json["marks"], 1);
+    EXPECT_EQ(json["removed"], nlohmann::json::array({path() + ".fatal-20061121T140000Z"}));
 }
 
 TEST_F(FileGuard, LogOfWhichNothingCanBeReadIsSetAside) {

@@ -8,6 +8,7 @@
 
 #include <gmock/gmock.h>
 
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 using testing::HasSubstr;
@@ -52,6 +53,37 @@ TEST(LogMap, CellsShowTypeAgeGapUnusedAndPositions) {
     EXPECT_THAT(lines, HasSubstr("wrapped: a log that has gone round its end\n      0 "));
     EXPECT_THAT(lines, HasSubstr(" ids 1000 to 1001, then 500 to 500\n"));
     EXPECT_THAT(lines, HasSubstr("\n> written next: offset 4000   < oldest event: offset 8077\n"));
+}
+
+TEST(LogMap, JsonHasTheSameCellsAndPositionsForPrograms) {
+    test::LogImage log;
+    log.raw(event(1000, 1, 1840));
+    log.raw(event(1001, 2, 1840));
+    log.raw(std::string(4077, 'g'));
+    log.raw(event(500, 3, 1840));
+    log.dummy();
+    log.zerosTo();
+    support::TempDirectory directory;
+    support::writeFile(directory.file("log"), log.bytes);
+    test::Said said = test::run({"file", "map", directory.file("log"), "--json"});
+    EXPECT_EQ(said.status, 0) << said.errors;
+    evctl::Json json = evctl::Json::parse(said.output);
+    EXPECT_EQ(json["verdict"], "wrapped");
+    EXPECT_EQ(json["writtenNext"], 4000);
+    EXPECT_EQ(json["oldestEvent"], 8077);
+    EXPECT_EQ(json["bytesPerCell"], 1000);
+    EXPECT_EQ(json["findings"], 0);
+    EXPECT_EQ(json["rows"].size(), 25U);
+    EXPECT_EQ(json["rows"][0]["cells"], "IIWW~~~~eee" + std::string(53, '.'));
+    EXPECT_EQ(json["rows"][0]["newest"]["lastSequenceId"], 1001);
+    EXPECT_EQ(json["rows"][0]["oldest"]["firstSequenceId"], 500);
+    EXPECT_EQ(json["rows"][24]["offset"], 1'536'000);
+    EXPECT_TRUE(json["rows"][24]["newest"].is_null());
+    log.bytes.resize(4000);
+    log.dummy();
+    support::writeFile(directory.file("log"), log.bytes);
+    json = evctl::Json::parse(test::run({"file", "map", directory.file("log"), "--json"}).output);
+    EXPECT_TRUE(json["oldestEvent"].is_null()) << json;
 }
 
 TEST(LogMap, CellShowsTheWorstThatIsInIt) {
