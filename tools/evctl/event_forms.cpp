@@ -32,7 +32,7 @@ std::string syslogWord(std::string text, size_t longest) {
     for (char& letter : text) {
         letter = letter == ' ' ? '_' : letter;
     }
-    return text.empty() ? "-" : text.substr(0, longest);
+    return text.substr(0, longest);
 }
 
 std::string syslogValue(const std::string& text) {

@@ -1,3 +1,4 @@
+#include "../evlog/log_image.h"
 #include "run.h"
 
 #include "program.h"
@@ -5,6 +6,7 @@
 #include "version.h"
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
 #include <regex>
 #include <set>
@@ -62,6 +64,20 @@ const std::vector<std::vector<std::string>> ALL_COMMANDS = {
 std::vector<std::string> with(std::vector<std::string> command, const std::string& more) {
     command.push_back(more);
     return command;
+}
+
+/** The names of members, but for those that are values: of types, endpoints, fields. */
+void addMembers(const nlohmann::json& json, std::set<std::string>& names) {
+    const std::set<std::string> ofValues = {"control", "header", "names"};
+    for (const auto& [name, value] : json.items()) {
+        if (json.is_object()) {
+            names.insert(name);
+        }
+        const bool isCounts = value.is_object() && (name == "types" || name == "sources");
+        if (value.is_structured() && !isCounts && !ofValues.contains(name)) {
+            addMembers(value, names);
+        }
+    }
 }
 
 void expectRefused(const std::vector<std::string>& arguments, const std::string& reason) {
@@ -351,6 +367,53 @@ TEST(CommandLine, CatalogCheckNamesFilePlaceAndReason) {
     const Said sound = run({"catalog", "check", file, "--json"});
     EXPECT_EQ(sound.status, 0);
     EXPECT_EQ(sound.output + sound.errors, "");
+}
+
+TEST(CommandLine, ManualNamesEveryMemberOfJson) {
+    support::TempDirectory directory;
+    const std::string log = directory.file("kelta_eventlog");
+    test::LogImage image;
+    image.firstEntry();
+    image.events(1, 10);
+    image.raw(test::record({.id = 11, .source = 27, .eventId = 11}, std::string(196, '\0')));
+    image.raw(test::record({.id = 12, .source = 27, .eventId = 34}, std::string(2000, '\1')));
+    image.dummy();
+    image.zerosTo();
+    image.damage(1100); // the guard mends it, at last
+    support::writeFile(log, image.bytes);
+    const std::string broken = directory.file("broken.json");
+    support::writeFile(broken, R"({"source":20,"events":[{}]})");
+    std::string manual = support::readFile(support::sourceFile("docs/man/evctl.1"));
+    manual = manual.substr(manual.find(".SH JSON"));
+    manual.resize(manual.find(".SH EXIT STATUS"));
+    std::set<std::string> said;
+    for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
+             {"file", "list", log, "-x", "--show-cursor"},
+             {"file", "show", log, "--seq", "3"},
+             {"file", "verify", log},
+             {"file", "info", log},
+             {"file", "predict", log},
+             {"file", "salvage", log, "--dry-run"},
+             {"file", "crash", log, "--index", "all"},
+             {"file", "map", log},
+             {"stats", log},
+             {"explain", "rebuilt"},
+             {"catalog", "list"},
+             {"catalog", "check", broken},
+             {"file", "guard", log},
+         }) {
+        const Said output = run(with(command, "--json"));
+        EXPECT_NE(output.output, "") << command.back() << output.errors;
+        std::istringstream lines(output.output);
+        for (std::string line; std::getline(lines, line);) {
+            addMembers(nlohmann::json::parse(line), said);
+        }
+    }
+    EXPECT_GE(said.size(), 100U);
+    for (const std::string& member : said) {
+        const bool isThere = std::regex_search(manual, std::regex("\\b" + member + "\\b"));
+        EXPECT_TRUE(isThere) << member;
+    }
 }
 
 TEST(CommandLine, ManualNamesEveryOption) {

@@ -22,6 +22,19 @@ std::unique_ptr<sources::Source> log(uint32_t firstId, uint32_t count, uint32_t 
     return sources::logSource({}, test::imageOf(bytes));
 }
 
+/** Such events, all of one second, in a place of @p kind. */
+std::unique_ptr<sources::Source> place(sources::Kind kind, std::initializer_list<uint32_t> ids,
+                                       const test::RecordFields& fields = {}) {
+    std::string bytes;
+    for (uint32_t id : ids) {
+        test::RecordFields event = fields;
+        event.id = id;
+        event.time = 100;
+        bytes += test::record(event, "x");
+    }
+    return sources::logSource({.name = "", .kind = kind}, test::imageOf(bytes));
+}
+
 /** A cursor behind all events of a source. */
 Cursor behind(std::unique_ptr<sources::Source> source) {
     Cursor cursor;
@@ -97,6 +110,55 @@ TEST(Cursors, LogsThatAreNotInThemAreWantedWhole) {
     Cursor cursor = behind(log(1, 3, 100));
     EXPECT_EQ(wanted(cursor, log(1, 2, 100, {.slot = 3})), (Ids{1, 2}));
     EXPECT_EQ(wanted(cursor, log(1, 2, 100, {.enclosure = "CHASSIS-2"})), (Ids{1, 2}));
+}
+
+TEST(Cursors, AlternateEventsAreWantedAlwaysForTheyHaveNoOrder) {
+    auto alternate = [] { return place(sources::Kind::ALTERNATE, {5}); };
+    EXPECT_EQ(behind(alternate()).text(), "c1:");
+    EXPECT_EQ(wanted(behind(place(sources::Kind::LOG, {9})), alternate()), Ids{5});
+}
+
+TEST(Cursors, ADamagedCopyIsNotItsLog) {
+    Cursor cursor = behind(place(sources::Kind::DAMAGED_COPY, {1, 2, 3}));
+    EXPECT_EQ(wanted(cursor, place(sources::Kind::LOG, {1, 2})), (Ids{1, 2}));
+    EXPECT_EQ(wanted(cursor, place(sources::Kind::DAMAGED_COPY, {1, 2, 3, 4})), Ids{4});
+}
+
+TEST(Cursors, NamesDoNotRunIntoEachOther) {
+    Cursor cursor = behind(place(sources::Kind::LOG, {3}, {.enclosure = "AB", .blade = "C"}));
+    auto other = place(sources::Kind::LOG, {1}, {.enclosure = "A", .blade = "BC"});
+    EXPECT_EQ(wanted(cursor, std::move(other)), Ids{1});
+}
+
+TEST(Cursors, AnOlderStateOfTheSameSecondHasNotBegunAgain) {
+    Cursor cursor = behind(place(sources::Kind::LOG, {1, 2, 3}));
+    EXPECT_EQ(wanted(cursor, place(sources::Kind::LOG, {1, 2})), Ids{});
+}
+
+TEST(Cursors, WhereTheMarkedEventIsDamagedTheRestIsWanted) {
+    Cursor cursor = behind(log(1, 3, 100));
+    std::string bytes;
+    for (uint32_t id : {1, 2, 4, 5}) {
+        bytes += test::record({.id = id, .time = 99 + id}, "x");
+    }
+    EXPECT_EQ(wanted(cursor, sources::logSource({}, test::imageOf(bytes))), (Ids{4, 5}));
+}
+
+TEST(Cursors, EachStateOfALogIsJudgedByItself) {
+    Resume resume(behind(log(1, 3, 100)), false);
+    auto same = log(1, 4, 100);
+    auto anew = log(0, 2, 500);
+    resume.look(*same);
+    resume.look(*anew);
+    Ids ids;
+    for (sources::Source* source : {same.get(), anew.get()}) {
+        while (std::optional<sources::Event> event = source->next()) {
+            if (resume.wants(*event)) {
+                ids.push_back(event->view.header->evSequenceId);
+            }
+        }
+    }
+    EXPECT_EQ(ids, (Ids{4, 0, 1}));
 }
 
 TEST(Cursors, HoldForSeveralLogs) {

@@ -81,6 +81,30 @@ TEST(EventFilter, RangeIncludesBothEnds) {
     EXPECT_FALSE(shows({"--seq", "7"}, at(8)));
 }
 
+TEST(EventFilter, TimesIncludeTheirSecond) {
+    auto at = [](U32_t time) {
+        EmpEvLogHeader_t header = event(7, 18, 2, 4, 300);
+        header.evTime = time;
+        return header;
+    };
+    EXPECT_FALSE(shows({"--since", "@100"}, at(99)));
+    EXPECT_TRUE(shows({"--since", "@100"}, at(100)));
+    EXPECT_TRUE(shows({"--until", "@100"}, at(100)));
+    EXPECT_FALSE(shows({"--until", "@100"}, at(101)));
+    EXPECT_TRUE(shows({"--until", "@4294967295"}, at(0xFFFFFFFF)));
+}
+
+TEST(EventFilter, IsEmptyOnlyWithoutAnyOfThem) {
+    EXPECT_TRUE(parse({}).isEmpty());
+    EXPECT_TRUE(parse({"--ignore-case"}).isEmpty());
+    for (const char* option :
+         {"--type=error", "--source=snmp", "--category=disk", "--id=300", "--id=signal",
+          "--seq=7:", "--seq=:7", "--since=@1", "--until=@1", "--grep=x", "--enclosure=E",
+          "--blade=B", "--slot=0", "--instance=0"}) {
+        EXPECT_FALSE(parse({option}).isEmpty()) << option;
+    }
+}
+
 TEST(EventFilter, ListDoesNotSwallowTheFileArgument) {
     std::string file;
     parse({"--type", "error", "log"}, &file);

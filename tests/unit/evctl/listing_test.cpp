@@ -308,6 +308,35 @@ TEST_F(Listings, CsvIsQuotedWhereNeeded) {
                                        directory_.file("log")));
 }
 
+TEST_F(Listings, CsvKeepsBlanksAtTheEndsOfAText) {
+    test::LogImage log;
+    log.raw(test::record({.id = 1}, " before"));
+    log.raw(test::record({.id = 2}, "behind "));
+    log.raw(test::record({.id = 3}, "be tween"));
+    Lines lines = linesOf(list({putBytes("log", log.bytes), "-o", "csv"}).output);
+    ASSERT_EQ(lines.size(), 4U);
+    EXPECT_THAT(lines[1], HasSubstr(",7,\" before\",20"));
+    EXPECT_THAT(lines[2], HasSubstr(",7,\"behind \",62"));
+    EXPECT_THAT(lines[3], HasSubstr(",8,be tween,62"));
+}
+
+TEST_F(Listings, SyslogHasASeverityForEveryTypeAndWordsOfTheLengthsAllowed) {
+    test::LogImage log;
+    for (uint8_t type = 0; type < 5; type++) {
+        log.raw(test::record({.blade = "", .id = 1U + type, .type = type}, "x"));
+    }
+    log.raw(test::record({.blade = std::string(64, '\x80'), .id = 6}, "x"));
+    Lines lines = linesOf(list({putBytes("log", log.bytes), "-o", "syslog"}).output);
+    ASSERT_EQ(lines.size(), 6U);
+    EXPECT_THAT(lines[0],
+                testing::StartsWith("<133>1 2006-11-21T14:00:00Z CHASSIS-1/2 startup - 300 ["));
+    EXPECT_THAT(lines[1], testing::StartsWith("<134>1 "));
+    EXPECT_THAT(lines[2], testing::StartsWith("<132>1 "));
+    EXPECT_THAT(lines[3], testing::StartsWith("<131>1 "));
+    EXPECT_THAT(lines[4], testing::StartsWith("<133>1 "));
+    EXPECT_EQ(lines[5].find(" startup "), 28U + 255) << lines[5];
+}
+
 TEST_F(Listings, SyslogIsAMessageALine) {
     test::LogImage log;
     log.raw(test::record({.enclosure = "a]\"b", .id = 7, .time = 1000}, "text"));

@@ -96,6 +96,15 @@ TEST(LogMap, CellShowsTheWorstThatIsInIt) {
     EXPECT_EQ(rowOf(mapOfBytes(log.bytes), 0).substr(0, 2), "EW");
 }
 
+TEST(LogMap, CellOfAGapAndUnusedSpaceIsAGap) {
+    test::LogImage log;
+    log.events(0, 10);
+    log.raw(std::string(500, 'g'));
+    log.dummy();
+    log.zerosTo();
+    EXPECT_EQ(rowOf(mapOfBytes(log.bytes), 0).substr(0, 5), ">W~..");
+}
+
 TEST(LogMap, DamageIsSeen) {
     test::LogImage log;
     log.events(0, 10);

@@ -16,12 +16,14 @@ using test::storedBy;
 
 namespace {
 
-/** Compares for the largest events; smaller ones take too many to go round. */
+/** Compares for the largest events; smaller ones take too many to go round, unless the log is full.
+ */
 void expectAgreement(const LogImage& log, const std::string& what,
-                     const EvlogIdentity_t& blade = test::identityOf("CHASSIS-1", 2)) {
+                     const EvlogIdentity_t& blade = test::identityOf("CHASSIS-1", 2),
+                     U32_t dataLength = 3848) {
     SCOPED_TRACE(what);
-    EvlogPrediction_t prediction = evlogPredict(test::imageOf(log.bytes), &blade, {3848});
-    std::optional<U32_t> stored = storedBy(log.bytes, 3848, blade);
+    EvlogPrediction_t prediction = evlogPredict(test::imageOf(log.bytes), &blade, {dataLength});
+    std::optional<U32_t> stored = storedBy(log.bytes, dataLength, blade);
     EXPECT_EQ(stored.has_value(), !evlogIsFatal(prediction.state.verdict));
     if (!stored) {
         return;
@@ -121,6 +123,25 @@ TEST(Predict, AgreesOnAStaleDummyInTheGap) {
     log.dummy();
     log.zerosTo();
     expectAgreement(log, "stale dummy");
+}
+
+// Behind the wrap the rest of the first event lies in the gap, and what it quotes is found there.
+TEST(Predict, AgreesOnAQuotedRecordInTheGapBehindTheWrap) {
+    for (size_t before : {60, 100, 200, 300}) {
+        for (uint32_t id : {1001, 7}) {
+            LogImage log;
+            std::string quoted = test::record({.id = id}, std::string(40, 'q'));
+            std::string first = std::string(before, 'e') + quoted;
+            log.raw(test::record({.id = 1000}, first + std::string(3848 - first.size(), 'e')));
+            for (uint32_t more = 1001; log.bytes.size() + 4008 <= test::RING; more++) {
+                log.event(more, 3848);
+            }
+            log.dummy();
+            log.zerosTo();
+            expectAgreement(log, std::to_string(before) + " " + std::to_string(id),
+                            test::identityOf("CHASSIS-1", 2), 40);
+        }
+    }
 }
 
 TEST(Predict, AgreesOnTheGoldenFiles) {

@@ -205,6 +205,31 @@ TEST(Merge, MarksWhatAnotherSourceHasGivenAlready) {
     EXPECT_EQ(doubles, "-d---d"); // 1, its double, that of another slot; 2, another 2, the double
 }
 
+TEST(Merge, WhatOneSourceGivesTwiceIsNoDouble) {
+    std::string one = test::record({.id = 1, .time = 100}, "x");
+    Sources several;
+    several.push_back(sources::logSource({}, test::imageOf(one + one)));
+    several.push_back(sources::logSource({}, test::imageOf(test::record({.id = 9}, "y"))));
+    Merge merge(std::move(several));
+    while (std::optional<sources::Event> event = merge.next()) {
+        EXPECT_FALSE(event->isDouble);
+    }
+}
+
+TEST(Merge, AlternateEventsThatDifferInTheirDataAreBothGiven) {
+    Sources several;
+    for (const char* data : {"x", "y", "x"}) {
+        std::string bytes = test::record({.id = 1, .time = 100}, data);
+        several.push_back(sources::alternateFileSource({}, {bytes.begin(), bytes.end()}));
+    }
+    Merge merge(std::move(several));
+    std::string doubles;
+    while (std::optional<sources::Event> event = merge.next()) {
+        doubles += event->isDouble ? 'd' : '-';
+    }
+    EXPECT_EQ(doubles, "--d");
+}
+
 TEST(Logs, AreChosenByTheirWholeNames) {
     std::string bytes = test::record({.id = 1}, "x");
     std::unique_ptr<Source> source = sources::logSource({}, test::imageOf(bytes));
