@@ -518,6 +518,18 @@ TEST_F(PgStoreTest, OptionsOfThePlaceLeaveTheTimeOuts) {
     EXPECT_EQ(connection.run({"show2", "SHOW statement_timeout"}).text(0, 0), "1500ms");
 }
 
+// Else a line that broke in the middle of a transaction leaves its logs locked for two hours. (What
+// is in force on a socket of the file system is 0.)
+TEST_F(PgStoreTest, ServerNoticesWithinSecondsThatItsLineIsDead) {
+    PgConnection connection(place_);
+    EXPECT_EQ(connection
+                  .run({"line", "SELECT string_agg(name || ' ' || reset_val, ', ' ORDER BY name) "
+                                "FROM pg_settings WHERE source = 'client' AND name LIKE 'tcp%'"})
+                  .text(0, 0),
+              "tcp_keepalives_count 3, tcp_keepalives_idle 2, tcp_keepalives_interval 1, "
+              "tcp_user_timeout 2000");
+}
+
 TEST_F(PgStoreTest, ServerOfASpreadArchiveThatIsAwayMayShowLater) {
     const auto away = openPgNode("postgresql://postgres@%2Ftmp%2Fnowhere/x", 0, 2);
     try {

@@ -53,6 +53,10 @@ ConnectionOptions optionsOf(const std::string& place) {
 std::map<std::string, std::string> settingsOf(const std::string& place,
                                               const PgPatience& patience) {
     const std::string inTransaction = std::to_string(2 * patience.statement.count());
+    // A server that waits for the rest of a transaction's statements holds its locks under none of
+    // its time-outs: only its own look at the line tells it that nobody is there any more.
+    const std::string theServersLine = " -c tcp_user_timeout=2000 -c tcp_keepalives_idle=2"
+                                       " -c tcp_keepalives_interval=1 -c tcp_keepalives_count=3";
     std::map<std::string, std::string> settings = {
         {"target_session_attrs", "read-write"},
         {"connect_timeout", "2"},
@@ -65,7 +69,7 @@ std::map<std::string, std::string> settingsOf(const std::string& place,
         {"options", "-c statement_timeout=" + std::to_string(patience.statement.count()) +
                         " -c lock_timeout=" + std::to_string(patience.lock.count()) +
                         " -c idle_in_transaction_session_timeout=" + inTransaction +
-                        " -c plan_cache_mode=force_generic_plan -c DateStyle=ISO"},
+                        theServersLine + " -c plan_cache_mode=force_generic_plan -c DateStyle=ISO"},
     };
     for (const auto& [name, value] : placeOptions(place)) {
         // Of the server's settings the place may change some; what it does not name stays bounded.
