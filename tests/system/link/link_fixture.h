@@ -9,6 +9,7 @@
 #include "link_messages.h"
 #include "scripted_archiver.h"
 
+#include <functional>
 #include <gtest/gtest.h>
 
 /** What a status reply says. */
@@ -55,8 +56,9 @@ class LinkProcessTest : public testing::Test {
     static support::Bytes inquiryAnswer(const support::LogName& log, U32_t id, U32_t returnCode,
                                         U32_t handle);
 
-    /** Logs an event. @return the message that it becomes on the link */
-    support::Bytes log(const support::Bytes& data);
+    /** Logs an event. @param amongReplies replies may come before its copy, and are passed over:
+     * its data is not empty then. @return the message that it becomes on the link */
+    support::Bytes log(const support::Bytes& data, bool amongReplies = false);
 
     /** Logs an event that the archiver gets at once, whole and as it is. */
     void expectForwarding(support::ArchiverEnd& end, const support::Bytes& data);
@@ -76,8 +78,10 @@ class LinkProcessTest : public testing::Test {
     support::Bytes reply(U32_t returnCode, U32_t handle, U32_t endpoint = 18);
 
     /** Logs events of the largest size until the connection takes no more, or only a part of one.
+     * @param between called before every eighth of them, may send what is answered by replies: they
+     *                are passed over
      * @return all their messages, and how much of them the connection took */
-    std::pair<support::Bytes, size_t> fill();
+    std::pair<support::Bytes, size_t> fill(const std::function<void()>& between = {});
 
     const support::LogName own_{"CHASSIS-7", "BLADE-42", 3, 0};
     const support::LogName other_{"CHASSIS-7", "BLADE-43", 4, 0};
