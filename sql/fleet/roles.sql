@@ -4,13 +4,13 @@ DO $$ BEGIN CREATE ROLE ev_reader NOLOGIN; EXCEPTION WHEN duplicate_object THEN 
 
 REVOKE ALL ON logs, generations, events, set_aside, meta, names FROM PUBLIC;
 
--- An archiver. It changes no event but for the mark of doubt, and removes one only when the blade's
+-- An archiver. It changes no event but for the mark of doubt, with the time when that goes, and removes one only when the blade's
 -- stream turns out to have been damaged, or the true one comes; it cannot touch what was set aside.
 GRANT SELECT, INSERT ON logs, generations, events, set_aside TO ev_writer;
 GRANT UPDATE (generation, epoch, owner, unclaimed, seen, ring_first, highest, run_first, run_last)
     ON logs TO ev_writer;
 GRANT UPDATE (duplicates, run_first, run_last) ON generations TO ev_writer;
-GRANT UPDATE (doubtful), DELETE ON events TO ev_writer;
+GRANT UPDATE (doubtful, received), DELETE ON events TO ev_writer;
 GRANT SELECT ON meta, names TO ev_writer;
 
 -- A dashboard, a page, a person.

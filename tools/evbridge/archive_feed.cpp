@@ -1,13 +1,9 @@
 #include "archive.h"
-#include "common/text.h"
 #include "engine.h"
 #include "feed.h"
 #include "id_runs.h"
 
 #include <chrono>
-#include <map>
-#include <sstream>
-#include <stdexcept>
 
 namespace evbridge {
 namespace {
@@ -19,20 +15,12 @@ using Clock = std::chrono::steady_clock;
 // Events can come behind later ones of their log: so often all of it is looked through.
 constexpr std::chrono::seconds WHOLE_LOOK{60};
 
-/** An archive: of each generation of each log the ids that were handed on. */
+/** An archive in a file: of each generation of each log the ids that were handed on. */
 class ArchiveFeed final : public Feed {
   public:
     ArchiveFeed(const std::string& archive, const std::string& position, Say say)
-        : store_(evarchive::readerOf(archive)), say_(std::move(say)) {
-        std::istringstream lines(position);
-        for (std::string line; std::getline(lines, line);) {
-            const std::size_t blank = line.find(' ');
-            if (blank == std::string::npos) {
-                throw std::runtime_error("the cursor is not one of an archive");
-            }
-            done_[line.substr(blank + 1)] = IdRuns::parse(line.substr(0, blank));
-        }
-    }
+        : store_(evarchive::readerOf(archive)), say_(std::move(say)),
+          done_(parseLogRuns(position)) {}
 
     Entries more(std::size_t most) override {
         for (;;) {
@@ -51,13 +39,7 @@ class ArchiveFeed final : public Feed {
         given_.clear();
     }
 
-    std::string position() const override {
-        std::string lines;
-        for (const auto& [name, runs] : done_) {
-            lines += runs.text() + " " + name + "\n";
-        }
-        return lines;
-    }
+    std::string position() const override { return textOf(done_); }
 
   private:
     Entries look(std::size_t most) {
@@ -79,10 +61,7 @@ class ArchiveFeed final : public Feed {
     }
 
     static std::string nameOf(const evarchive::GenerationInfo& generation) {
-        const auto& [blade, instance] = generation.key;
-        return tools::escapedText(blade.enclosure) + "/" + tools::escapedText(blade.blade) + "/" +
-               std::to_string(blade.slot) + "/" + std::to_string(instance) + "/" +
-               std::to_string(generation.number.generation);
+        return evbridge::nameOf(generation.key, generation.number.generation);
     }
 
     // What has come behind the last event that was handed on.
@@ -146,7 +125,7 @@ class ArchiveFeed final : public Feed {
 
     std::unique_ptr<evarchive::StoreReader> store_;
     Say say_;
-    std::map<std::string, IdRuns> done_;
+    LogRuns done_;
     std::vector<std::pair<std::string, U32_t>> given_;
     Clock::time_point nextWholeLook_;
 };

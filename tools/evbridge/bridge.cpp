@@ -68,22 +68,20 @@ class Bridge {
 
   private:
     void skip() {
-        U64_t skipped = 0;
-        for (std::size_t got = 1; got > 0;) {
-            got = feed_->more(BATCH).size();
-            skipped += got;
-            feed_->taken();
-        }
+        const auto skipped = feed_->skip();
         keep();
-        say_(Level::INFO, std::to_string(skipped) + " events that are there are left out");
+        say_(Level::INFO, skipped ? std::to_string(*skipped) + " events that are there are left out"
+                                  : "what is there is left out");
     }
 
     // @return whether there was nothing more to hand on
     bool step() {
+        bool isIdle = false;
         bool isDone = false;
         try {
             const Entries entries = look();
-            isDone = entries.empty();
+            isIdle = entries.empty();
+            isDone = isIdle && feed_->hasAll();
             sink_->settle(isDone && options_.once);
             handOn(entries);
         } catch (const std::exception& error) {
@@ -97,7 +95,7 @@ class Bridge {
             say_(Level::NOTICE, "goes on");
         }
         away_ = FIRST_PAUSE;
-        pause_ = isDone ? options_.interval : milliseconds(0);
+        pause_ = isIdle ? options_.interval : milliseconds(0);
         return isDone;
     }
 

@@ -12,6 +12,8 @@ namespace {
 // Also one without any log yet.
 constexpr std::string_view ARCHIVE_START = "SQLite format 3";
 
+constexpr std::size_t SKIPPED_AT_A_TIME = 500;
+
 bool isArchive(const std::string& from) {
     if (evarchive::isPgPlace(from)) {
         return true;
@@ -27,6 +29,16 @@ bool isArchive(const std::string& from) {
 
 } // namespace
 
+std::optional<U64_t> Feed::skip() {
+    U64_t skipped = 0;
+    for (std::size_t got = 1; got > 0;) {
+        got = more(SKIPPED_AT_A_TIME).size();
+        skipped += got;
+        taken();
+    }
+    return skipped;
+}
+
 std::unique_ptr<Feed> openFeed(const FeedOptions& from, const std::string& position,
                                const evarchive::Say& say) {
     using Kind = FeedOptions::Kind;
@@ -37,6 +49,11 @@ std::unique_ptr<Feed> openFeed(const FeedOptions& from, const std::string& posit
     if (kind == Kind::GUESSED) {
         kind = isArchive(from.place) ? Kind::ARCHIVE : Kind::LOG;
     }
+#ifdef EVARCHIVER_POSTGRES
+    if (kind == Kind::ARCHIVE && evarchive::isPgPlace(from.place)) {
+        return arrivalFeed(from.place, from.lag, position, say);
+    }
+#endif
     return kind == Kind::ARCHIVE ? archiveFeed(from.place, position, say)
                                  : logFeed(from.place, position);
 }

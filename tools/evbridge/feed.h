@@ -9,7 +9,9 @@
 #include "mmsg.h"
 #include "say.h"
 
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace evbridge {
@@ -27,6 +29,12 @@ class Feed {
     /** What the last more() gave has been handed on. */
     virtual void taken() = 0;
 
+    /** Leaves out what is there. @return how many events it is, where they had to be looked at */
+    virtual std::optional<U64_t> skip();
+
+    /** Whether all is handed on that was there when this feed began, once there is no more. */
+    virtual bool hasAll() const { return true; }
+
     /** How far, as lines. */
     virtual std::string position() const = 0;
 };
@@ -39,6 +47,7 @@ struct FeedOptions {
     std::string place{};                 ///< a file; postgresql://...
     int key = 0;                         ///< of a blade's parameter block
     U32_t endpoint = MMSG_E_EPID_SNMPMP; ///< as which a blade is asked
+    std::chrono::seconds lag{5};         ///< behind the clock of a server with an archive
 };
 
 /**
@@ -52,6 +61,8 @@ std::unique_ptr<Feed> openFeed(const FeedOptions& from, const std::string& posit
 
 std::unique_ptr<Feed> archiveFeed(const std::string& archive, const std::string& position,
                                   const evarchive::Say& say);
+std::unique_ptr<Feed> arrivalFeed(const std::string& server, std::chrono::seconds lag,
+                                  const std::string& position, const evarchive::Say& say);
 std::unique_ptr<Feed> logFeed(const std::string& path, const std::string& position);
 std::unique_ptr<Feed> bladeFeed(int key, U32_t endpoint, const std::string& position);
 

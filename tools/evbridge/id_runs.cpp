@@ -1,5 +1,7 @@
 #include "id_runs.h"
 
+#include "common/text.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <sstream>
@@ -36,6 +38,11 @@ void IdRuns::forEachMissing(const IdRun& held, const std::function<bool(U32_t)>&
     }
 }
 
+bool IdRuns::contains(U32_t id) const {
+    const auto run = std::ranges::lower_bound(runs_, id, {}, &IdRun::last);
+    return run != runs_.end() && run->first <= id;
+}
+
 std::string IdRuns::text() const {
     std::string all;
     for (const IdRun& run : runs_) {
@@ -59,6 +66,34 @@ IdRuns IdRuns::parse(const std::string& text) {
         runs.runs_.push_back({first, last});
     }
     return runs;
+}
+
+std::string nameOf(const evarchive::SeriesKey& log, U32_t generation) {
+    const auto& [blade, instance] = log;
+    return tools::escapedText(blade.enclosure) + "/" + tools::escapedText(blade.blade) + "/" +
+           std::to_string(blade.slot) + "/" + std::to_string(instance) + "/" +
+           std::to_string(generation);
+}
+
+std::string textOf(const LogRuns& logs) {
+    std::string lines;
+    for (const auto& [name, runs] : logs) {
+        lines += runs.text() + " " + name + "\n";
+    }
+    return lines;
+}
+
+LogRuns parseLogRuns(const std::string& lines) {
+    LogRuns logs;
+    std::istringstream stream(lines);
+    for (std::string line; std::getline(stream, line);) {
+        const std::size_t blank = line.find(' ');
+        if (blank == std::string::npos) {
+            throw std::runtime_error("the cursor is not one of an archive");
+        }
+        logs[line.substr(blank + 1)] = IdRuns::parse(line.substr(0, blank));
+    }
+    return logs;
 }
 
 } // namespace evbridge

@@ -8,6 +8,7 @@
 #include "store.h"
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -31,9 +32,23 @@ class IdRuns {
     /** Throws std::runtime_error for a text that is none. */
     static IdRuns parse(const std::string& text);
 
+    bool contains(U32_t id) const;
+
   private:
     std::vector<IdRun> runs_; ///< ascending, with holes between them
 };
+
+/** Of each generation of each log, by name. */
+using LogRuns = std::map<std::string, IdRuns>;
+
+/** "ENC-A/BLADE-1/1/1/1": enclosure, blade, slot, instance, generation. */
+std::string nameOf(const evarchive::SeriesKey& log, U32_t generation);
+
+/** A line each. */
+std::string textOf(const LogRuns& logs);
+
+/** Throws std::runtime_error for lines that are none. */
+LogRuns parseLogRuns(const std::string& lines);
 
 } // namespace evbridge
 

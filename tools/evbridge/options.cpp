@@ -11,8 +11,8 @@ namespace evbridge {
 namespace {
 
 constexpr char FOOTER[] =
-    "Each event is handed on at least once, in the order of its log: what the receiver has\n"
-    "taken is noted in the cursor file, and a new start goes on from there.\n\n"
+    "Each event is handed on at least once, in the order in which it came: what the receiver\n"
+    "has taken is noted in the cursor file, and a new start goes on from there.\n\n"
     "Examples:\n"
     "  evbridge --from archive /var/lib/evarchiver/events.db --to journal \\\n"
     "    --cursor /var/lib/evbridge/journal\n"
@@ -100,6 +100,7 @@ void addReceiver(CLI::App& app, SinkOptions& sink) {
 std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
     Options options;
     double interval = 2;
+    int lag = 5;
     CLI::App app(
         "Hands the events of an archive, a log or a blade on to syslog, the journal or SNMP.",
         "evbridge");
@@ -108,7 +109,13 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
     app.add_option("--interval", interval, "Seconds between two looks for new events")
         ->check(tools::decimalNumber(0.05, 3600))
         ->capture_default_str();
-    app.add_flag("--once", options.once, "End when everything has been handed on");
+    app.add_option("--lag", lag,
+                   "An archive on a server: seconds that its clock may be set back, or that of the "
+                   "server that takes over be behind; events wait so long")
+        ->check(CLI::Range(1, 3600))
+        ->capture_default_str();
+    app.add_flag("--once", options.once,
+                 "End when everything has been handed on that was there at the start");
     app.add_flag("--skip-old", options.skipOld,
                  "Without a cursor: leave out what is there, begin with what comes from now on");
     addReceiver(app, options.sink);
@@ -117,6 +124,7 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
     if (const auto status = tools::parseCommandLine(app, argc, argv)) {
         return *status;
     }
+    options.from.lag = std::chrono::seconds(lag);
     options.interval = std::chrono::milliseconds(std::lround(interval * 1000));
     return options;
 }

@@ -21,8 +21,8 @@ struct Options {
     std::string cursor; ///< file
     evctl::EventFilter filter;
     std::chrono::milliseconds interval{2000}; ///< between two looks
-    bool once = false;                        ///< until everything has been handed on
-    bool skipOld = false;                     ///< without a cursor: only what comes from now on
+    bool once = false;    ///< until everything has been handed on that was there
+    bool skipOld = false; ///< without a cursor: only what comes from now on
 };
 
 /** @return what was asked for, or the status to exit with, everything being said */

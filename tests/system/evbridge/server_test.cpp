@@ -1,8 +1,13 @@
-/** Events of an archive on a PostgreSQL server, which goes away meanwhile. */
+/** Events of archives on PostgreSQL servers, which go away meanwhile. */
 #include "bridge_fixture.h"
 #include "pg_server.h"
+#include "postgres/pg_connection.h"
+
+#include <gmock/gmock.h>
 
 using namespace support;
+using testing::ElementsAre;
+using testing::MatchesRegex;
 
 namespace {
 
@@ -10,11 +15,30 @@ class ServerTest : public BridgeTest {
   protected:
     ServerTest() {
         database_ = from_ = server_.place();
-        Process create(commandOf("evarchiver", {"db", "create", "--db", database_}),
-                       directory_.file("create"));
-        EXPECT_EQ(create.wait(), exitedWith(0)) << create.errorOutput();
+        create({"create", "--db", database_});
     }
     ~ServerTest() override { archiver_.reset(); }
+
+    void create(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), "db");
+        Process creation(commandOf("evarchiver", arguments), directory_.file("create"));
+        EXPECT_EQ(creation.wait(), exitedWith(0)) << creation.errorOutput();
+    }
+
+    std::unique_ptr<Process> bridgeWith(std::vector<std::string> more) {
+        more.insert(more.begin(), {"--lag", "1"});
+        return bridge(syslog_, more);
+    }
+
+    /** What comes while all is handed on, which is so many. */
+    std::vector<U32_t> handedOn(size_t count) {
+        const Datagrams receiver(socketPath_);
+        const auto run = bridgeWith({"--once"});
+        const std::vector<U32_t> found = ids(receiver, count);
+        EXPECT_EQ(run->wait(), exitedWith(0)) << run->errorOutput();
+        EXPECT_EQ(receiver.next(std::chrono::milliseconds(0)), "");
+        return found;
+    }
 
     PgServer server_;
 };
@@ -22,7 +46,7 @@ class ServerTest : public BridgeTest {
 TEST_F(ServerTest, EventsAreHandedOnAndAfterAnOutageOfTheServerTheRest) {
     file(1, 700);
     const Datagrams receiver(socketPath_);
-    const auto running = bridge(syslog_, {});
+    const auto running = bridgeWith({});
     EXPECT_EQ(ids(receiver, 700), range(1, 700));
     server_.kill();
     running->waitForOutput("events wait, tried again");
@@ -32,6 +56,71 @@ TEST_F(ServerTest, EventsAreHandedOnAndAfterAnOutageOfTheServerTheRest) {
     EXPECT_EQ(ids(receiver, 10), range(701, 710));
     running->signal(SIGTERM);
     EXPECT_EQ(running->wait(), exitedWith(0));
+}
+
+TEST_F(ServerTest, WhatACommitBringsLateIsHandedOnBeforeWhatIsBehindIt) {
+    file(1, 2);
+    const Datagrams receiver(socketPath_);
+    const auto running = bridgeWith({});
+    EXPECT_EQ(ids(receiver, 2), range(1, 2));
+    evarchive::PgConnection late(database_);
+    late.execute("BEGIN");
+    late.execute("SET LOCAL idle_in_transaction_session_timeout = 0");
+    late.execute("INSERT INTO events SELECT log, 9, time, clock_timestamp(), generation, event, "
+                 "source, type, category, idversion, own, doubtful, head, data FROM events "
+                 "WHERE id = 1");
+    file(1, 4);
+    const auto looked = [this] {
+        return server_.sql("SELECT max(query_start) > (SELECT max(received) + interval '1.5 s' "
+                           "FROM events) FROM pg_stat_activity "
+                           "WHERE application_name = 'evbridge'") == "t\n";
+    };
+    while (!looked()) {
+    }
+    EXPECT_EQ(receiver.next(std::chrono::milliseconds(0)), "");
+    late.execute("COMMIT");
+    EXPECT_THAT(ids(receiver, 3), ElementsAre(9, 3, 4));
+}
+
+TEST_F(ServerTest, ACursorThatKeptIdsGoesOnAsOneThatKeepsAPlace) {
+    file(1, 8);
+    writeFile(cursorPath_, "evbridge 1\n1-3,5-6 ENC-A/BLADE-1/1/1/1\n");
+    EXPECT_THAT(handedOn(3), ElementsAre(4, 7, 8));
+    EXPECT_THAT(readFile(cursorPath_), MatchesRegex("evbridge 1\narrivals 1( -?[0-9]+){4}\n"));
+    EXPECT_THAT(handedOn(0), ElementsAre());
+    file(1, 9);
+    EXPECT_THAT(handedOn(1), ElementsAre(9));
+}
+
+TEST_F(ServerTest, WhatIsThereCanBeLeftOutWithoutLookingAtIt) {
+    file(1, 3);
+    const auto first = bridgeWith({"--once", "--skip-old"});
+    EXPECT_EQ(first->wait(), exitedWith(0)) << first->errorOutput();
+    EXPECT_THAT(first->output(), testing::HasSubstr("what is there is left out"));
+    file(1, 5);
+    EXPECT_THAT(handedOn(2), ElementsAre(4, 5));
+}
+
+TEST_F(ServerTest, EachServerOfASpreadArchiveHasAPlaceInTheCursor) {
+    const std::vector<std::string> nodes = {server_.makeDatabase("node1"),
+                                            server_.makeDatabase("node2")};
+    for (const std::string& node : nodes) {
+        create({"create", "--db", node});
+    }
+    database_ = from_ = server_.makeDatabase("hub");
+    create({"hub", "--db", database_, "--node", nodes[0], nodes[1]});
+    for (U32_t slot = 0; slot < 8; ++slot) {
+        file(10 * slot, 10 * slot + 1, {.slot = slot});
+    }
+    EXPECT_GT(std::stoi(server_.sql("SELECT count(*) FROM logs", "node1")), 0);
+    EXPECT_GT(std::stoi(server_.sql("SELECT count(*) FROM logs", "node2")), 0);
+    std::vector<U32_t> all = handedOn(16);
+    std::ranges::sort(all);
+    EXPECT_THAT(all, ElementsAre(0, 1, 10, 11, 20, 21, 30, 31, 40, 41, 50, 51, 60, 61, 70, 71));
+    EXPECT_THAT(readFile(cursorPath_), MatchesRegex("evbridge 1\narrivals 1.*\narrivals 2.*\n"));
+    EXPECT_THAT(handedOn(0), ElementsAre());
+    from_ = nodes[0];
+    EXPECT_EQ(bridgeWith({"--once"})->wait(), exitedWith(2)) << "of another archive";
 }
 
 } // namespace

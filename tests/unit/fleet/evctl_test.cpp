@@ -21,7 +21,7 @@ class EvctlOnAServer : public testing::Test {
         const support::LogName log = {
             .enclosure = "ENC-A", .blade = blade, .slot = 1, .instance = 1};
         const SeriesKey key{{"ENC-A", blade, 1}, 1};
-        const auto store = openPgArchive(place_);
+        const auto store = openPgArchive(place_, Received::AS_TOLD);
         const GenerationKey generation{store->claim(key, 0).series, 1};
         store->begin();
         store->addGeneration(generation, fleet::NOW);

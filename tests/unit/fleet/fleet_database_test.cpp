@@ -24,7 +24,7 @@ class FleetDatabaseTest : public testing::Test {
     ~FleetDatabaseTest() override { server().sql("DROP DATABASE " + name_ + " WITH (FORCE)"); }
 
     void file(const std::vector<std::pair<U32_t, S64_t>>& events, S64_t received) {
-        const auto store = openPgArchive(place_);
+        const auto store = openPgArchive(place_, Received::AS_TOLD);
         const Claim claim = store->claim(key_, 0);
         const GenerationKey generation{claim.series, 1};
         store->begin();

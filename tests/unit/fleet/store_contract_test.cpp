@@ -266,8 +266,9 @@ TEST_P(StoreContractTest, TextsThatAreNoTextsNameALog) {
 
 INSTANTIATE_TEST_SUITE_P(
     Engines, StoreContractTest,
-    testing::Values(fleet::Engine{"sqlite", [] { return openArchiveInMemory(); }},
-                    fleet::Engine{"postgresql",
-                                  [] { return openPgArchive(fleet::emptyArchive()); }},
-                    fleet::Engine{"hub", [] { return openPgArchive(fleet::emptyHub()); }}),
+    testing::Values(
+        fleet::Engine{"sqlite", [] { return openArchiveInMemory(); }},
+        fleet::Engine{"postgresql",
+                      [] { return openPgArchive(fleet::emptyArchive(), Received::AS_TOLD); }},
+        fleet::Engine{"hub", [] { return openPgArchive(fleet::emptyHub(), Received::AS_TOLD); }}),
     [](const testing::TestParamInfo<fleet::Engine>& engine) { return engine.param.name; });

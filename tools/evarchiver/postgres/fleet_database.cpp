@@ -84,6 +84,12 @@ constexpr PgStatement PARTITIONS{
     "partitions", "SELECT c.relname::text, coalesce(obj_description(c.oid, 'pg_class') = 'frozen', "
                   "false) FROM pg_inherits i JOIN pg_class c ON c.oid = i.inhrelid "
                   "WHERE i.inhparent = 'events'::regclass ORDER BY 1"};
+// Those who read events as they come look at the pages that no summary is there of, all of them.
+constexpr PgStatement UNSUMMARIZED{
+    "unsummarized",
+    "SELECT c.oid::regclass::text FROM pg_inherits i JOIN pg_class c ON c.oid = i.inhrelid "
+    "WHERE i.inhparent = 'events_by_arrival'::regclass "
+    "AND NOT coalesce('autosummarize=on' = ANY(c.reloptions), false)"};
 constexpr PgStatement RETENTION{"retention",
                                 "SELECT value::bigint FROM meta WHERE name = 'retention_days'"};
 constexpr PgStatement REMOVE_DEFAULT{
@@ -125,6 +131,7 @@ class Maintenance {
         retention_ = owner_.connection().run(RETENTION).integer(0, 0);
         look();
         makeAhead();
+        keepSummarized();
         dropPast();
         freezeClosed();
         removeRest();
@@ -170,6 +177,18 @@ class Maintenance {
 
     void make(S64_t day, S64_t end, std::vector<Partition>& made);
     void makeOne(const Days& days);
+
+    void keepSummarized() {
+        attempt("indexes could not be set up", [this] {
+            const PgRows rows = owner_.connection().run(UNSUMMARIZED);
+            for (int row = 0; row < rows.count(); ++row) {
+                again([&] {
+                    owner_.connection().execute(begin() + "ALTER INDEX " + rows.text(row, 0) +
+                                                " SET (autosummarize = on); COMMIT");
+                });
+            }
+        });
+    }
 
     void dropPast() {
         const S64_t oldest = today() - retention_;

@@ -21,10 +21,10 @@ class Import {
         const std::vector<std::string> nodes = nodesOf(place);
         const auto count = static_cast<U32_t>(nodes.size());
         for (U32_t node = 0; node < count; ++node) {
-            stores_.push_back(openPgNode(nodes[node], node, count));
+            stores_.push_back(openPgNode(nodes[node], node, count, Received::AS_TOLD));
         }
         if (nodes.empty()) {
-            stores_.push_back(openPgArchive(place));
+            stores_.push_back(openPgArchive(place, Received::AS_TOLD));
         }
     }
 

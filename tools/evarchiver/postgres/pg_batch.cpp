@@ -7,7 +7,11 @@ void PgBatch::add(const PendingEvent& event) {
     generations_.addNumber(event.generation.generation);
     ids_.addNumber(event.row.sequenceId);
     times_.addNumber(pgTime(event.row.time));
-    received_.addNumber(pgTime(event.received));
+    if (isTold_) {
+        received_.addNumber(pgTime(event.received));
+    } else {
+        received_.addNull();
+    }
     events_.addNumber(event.row.event);
     sources_.addNumber(event.row.source);
     types_.addNumber(event.row.type);

@@ -7,6 +7,7 @@
 
 #include "event_row.h"
 #include "pg_connection.h"
+#include "pg_store.h"
 
 namespace evarchive {
 
@@ -22,6 +23,8 @@ struct PendingEvent {
 /** Arrays for the parameters of pg::FILE. */
 class PgBatch {
   public:
+    explicit PgBatch(Received received) : isTold_(received == Received::AS_TOLD) {}
+
     void add(const PendingEvent& event);
     void clear();
     U32_t size() const { return logs_.size(); }
@@ -29,6 +32,7 @@ class PgBatch {
     PgParameters parameters();
 
   private:
+    bool isTold_;
     PgArray logs_{PgType::BIGINT};
     PgArray generations_{PgType::BIGINT};
     PgArray ids_{PgType::BIGINT};

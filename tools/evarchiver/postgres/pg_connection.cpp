@@ -104,8 +104,12 @@ PgParameters& PgParameters::integer(S64_t value) {
 }
 
 PgParameters& PgParameters::time(S64_t seconds) {
+    return instant(pgTime(seconds));
+}
+
+PgParameters& PgParameters::instant(S64_t microseconds) {
     Bytes bytes;
-    putNumber(bytes, pgTime(seconds), 8);
+    putNumber(bytes, microseconds, 8);
     return add(static_cast<U32_t>(PgType::TIMESTAMPTZ), bytes);
 }
 

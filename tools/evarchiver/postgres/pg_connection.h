@@ -52,8 +52,9 @@ std::map<std::string, std::string> placeOptions(const std::string& place);
 /** Parameters $1, $2, ... of a statement. */
 class PgParameters {
   public:
-    PgParameters& integer(S64_t value); ///< bigint
-    PgParameters& time(S64_t seconds);  ///< timestamptz; seconds since 1970-01-01 UTC
+    PgParameters& integer(S64_t value);        ///< bigint
+    PgParameters& time(S64_t seconds);         ///< timestamptz; seconds since 1970-01-01 UTC
+    PgParameters& instant(S64_t microseconds); ///< timestamptz as PgRows::integer() gives one
     PgParameters& boolean(bool value);
     PgParameters& text(std::string_view value);
     PgParameters& bytes(View value);
@@ -76,7 +77,8 @@ class PgRows {
     U64_t affected() const;  ///< by an INSERT, UPDATE or DELETE
     std::string tag() const; ///< what the server says it did
     bool isNull(int row, int column) const;
-    S64_t integer(int row, int column) const; ///< a number of any width, or a boolean
+    S64_t integer(int row, int column) const; ///< a number of any width, or a boolean; of a
+                                              ///< timestamptz microseconds since 2000-01-01
     S64_t time(int row, int column) const;    ///< seconds since 1970-01-01 UTC
     Bytes bytes(int row, int column) const;   ///< also of a text
     std::string text(int row, int column) const;

@@ -42,7 +42,8 @@ struct Known {
 class PgStore final : public Store {
   public:
     /** @param node "1 of 3" where the archive is spread, "": it is not, nothing: whatever it is */
-    PgStore(const std::string& place, const PgPatience& patience, std::optional<std::string> node);
+    PgStore(const std::string& place, const PgPatience& patience, std::optional<std::string> node,
+            Received received = Received::BY_SERVER);
 
     /** Connects, unless it is, and checks what a connection must find. Every call does so. */
     void connect();

@@ -67,13 +67,18 @@ constexpr PgStatement TAKEN{
     "taken", "SELECT 1 FROM unnest($1::bigint[], $2::bigint[], $3::bigint[]) AS n(log, g, id) "
              "JOIN events e ON e.log = n.log AND e.generation = n.g AND e.id = n.id LIMIT 1"};
 
-/** Events, an array for each column. An id that is taken ends the transaction: that is dearer than
- * to pass over it, but rare, and what is dear with every event is to be ready for it. */
+/** Events, an array for each column. The server says when they came unless the archiver does: one
+ * clock for all archivers, read when the transaction already has its number. An id that is taken
+ * ends the transaction: that is dearer than to pass over it, but rare, and what is dear with every
+ * event is to be ready for it. */
 constexpr PgStatement FILE{
-    "file", "INSERT INTO events (log, generation, " PG_EVENT_COLUMNS ") "
-            "SELECT * FROM unnest($1::bigint[], $2::bigint[], $3::bigint[], $4::timestamptz[], "
-            "$5::timestamptz[], $6::integer[], $7::smallint[], $8::smallint[], $9::smallint[], "
-            "$10::smallint[], $11::boolean[], $12::boolean[], $13::bytea[], $14::bytea[])"};
+    "file",
+    "INSERT INTO events (log, generation, " PG_EVENT_COLUMNS ") "
+    "SELECT log, generation, id, time, coalesce(received, clock_timestamp()), event, source, "
+    "type, category, idversion, own, doubtful, head, data FROM unnest($1::bigint[], "
+    "$2::bigint[], $3::bigint[], $4::timestamptz[], $5::timestamptz[], $6::integer[], "
+    "$7::smallint[], $8::smallint[], $9::smallint[], $10::smallint[], $11::boolean[], "
+    "$12::boolean[], $13::bytea[], $14::bytea[]) AS n(log, generation, " PG_EVENT_COLUMNS ")"};
 
 /** A generation is opened behind the one that is known: log, generation, time; epoch and owner. */
 constexpr PgStatement OPEN_OWNED{
@@ -89,8 +94,10 @@ constexpr PgStatement OPEN_FREE{
     "INSERT INTO generations (log, generation, opened) "
     "SELECT log, $2, $3 FROM opened"};
 
-constexpr PgStatement CONFIRM{"confirm", "UPDATE events SET doubtful = false "
-                                         "WHERE log = $1 AND generation = $2 AND id = $3"};
+/** Who reads events as they come meets it again. */
+constexpr PgStatement CONFIRM{"confirm",
+                              "UPDATE events SET doubtful = false, received = clock_timestamp() "
+                              "WHERE log = $1 AND generation = $2 AND id = $3"};
 constexpr PgStatement REMOVE{"remove", "DELETE FROM events "
                                        "WHERE log = $1 AND generation = $2 AND id = $3"};
 

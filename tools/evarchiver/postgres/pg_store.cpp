@@ -58,9 +58,9 @@ void Known::lose(U32_t id) {
 }
 
 PgStore::PgStore(const std::string& place, const PgPatience& patience,
-                 std::optional<std::string> node)
+                 std::optional<std::string> node, Received received)
     : connection_(place, patience), node_(std::move(node)), reads_(connection_),
-      owner_(drawNumber()) {}
+      owner_(drawNumber()), batch_(received) {}
 
 // What is to be checked stays so until it was: a server that has just taken over may be too slow at
 // first.
@@ -410,16 +410,17 @@ std::unique_ptr<PgStore> opened(std::unique_ptr<PgStore> store) {
 
 } // namespace
 
-std::unique_ptr<Store> openPgArchive(const std::string& place) {
-    return opened(std::make_unique<PgStore>(place, PgPatience(), ""));
+std::unique_ptr<Store> openPgArchive(const std::string& place, Received received) {
+    return opened(std::make_unique<PgStore>(place, PgPatience(), "", received));
 }
 
 std::string nodeName(U32_t node, U32_t nodes) {
     return std::to_string(node + 1) + " of " + std::to_string(nodes);
 }
 
-std::unique_ptr<Store> openPgNode(const std::string& place, U32_t node, U32_t nodes) {
-    auto store = std::make_unique<PgStore>(place, PgPatience(), nodeName(node, nodes));
+std::unique_ptr<Store> openPgNode(const std::string& place, U32_t node, U32_t nodes,
+                                  Received received) {
+    auto store = std::make_unique<PgStore>(place, PgPatience(), nodeName(node, nodes), received);
     try {
         store->connect();
     } catch (const StoreError& error) {

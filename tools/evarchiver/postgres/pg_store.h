@@ -20,16 +20,22 @@ namespace evarchive {
 /** The layout of tables that this program knows. */
 constexpr S64_t PG_LAYOUT = 2;
 
+/** What an event is filed as having come: when the server gets it, which is when it can be read
+ * first, whatever the clocks of archivers say; or what is handed over with it. */
+enum class Received : U8_t { BY_SERVER, AS_TOLD };
+
 /**
  * Opens an archive for filing. Throws StoreError when the server cannot be reached, or what it has
  * is no archive or one of another layout.
  * @param place "postgresql://..."
  */
-std::unique_ptr<Store> openPgArchive(const std::string& place);
+std::unique_ptr<Store> openPgArchive(const std::string& place,
+                                     Received received = Received::BY_SERVER);
 
 /** The same for one of the servers that an archive is spread over; one that is away for now may
  * show later. @param node from 0 on */
-std::unique_ptr<Store> openPgNode(const std::string& place, U32_t node, U32_t nodes);
+std::unique_ptr<Store> openPgNode(const std::string& place, U32_t node, U32_t nodes,
+                                  Received received = Received::BY_SERVER);
 
 /** What a server is called that has a part of an archive: "1 of 3". */
 std::string nodeName(U32_t node, U32_t nodes);

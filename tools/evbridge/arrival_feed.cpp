@@ -1,0 +1,214 @@
+#include "feed.h"
+#include "id_runs.h"
+#include "postgres/fleet_hub.h"
+#include "postgres/pg_arrivals.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <stdexcept>
+
+namespace evbridge {
+namespace {
+
+using evarchive::ArrivalPlace;
+using evarchive::ArrivedEvent;
+using evarchive::Level;
+using evarchive::PgArrivals;
+using evarchive::Say;
+
+constexpr S64_t MINUTE = 60'000'000; // microseconds
+
+constexpr std::string_view FIRST_WORD = "arrivals ";
+
+/** How far one server's events were handed on. */
+struct Reached {
+    ArrivalPlace place{};
+
+    std::string text(std::size_t number) const {
+        char line[128];
+        snprintf(line, sizeof(line),
+                 "arrivals %zu %" PRId64 " %" PRId64 " %" PRId64 " %" PRId64 "\n", number,
+                 place.received, place.log, place.generation, place.id);
+        return line;
+    }
+
+    static std::optional<Reached> parse(const std::string& line, std::size_t number) {
+        std::size_t found = 0;
+        char rest = 0;
+        Reached reached;
+        ArrivalPlace& place = reached.place;
+        const int read = std::sscanf(
+            line.c_str(), "arrivals %zu %" SCNd64 " %" SCNd64 " %" SCNd64 " %" SCNd64 "%c", &found,
+            &place.received, &place.log, &place.generation, &place.id, &rest);
+        return read == 5 && found == number ? std::optional(reached) : std::nullopt;
+    }
+};
+
+/**
+ * An archive on a server, or on several: of each server the place among what came there that was
+ * reached. Bridges of before kept the ids of each log instead; those are left out once more, and
+ * forgotten when everything has been passed that was there at the start.
+ */
+class ArrivalFeed final : public Feed {
+  public:
+    ArrivalFeed(const std::string& archive, std::chrono::seconds lag, std::string position, Say say)
+        : say_(std::move(say)) {
+        evarchive::readerOf(archive); // says what is wrong with it
+        std::vector<std::string> places = evarchive::nodesOf(archive);
+        if (places.empty()) {
+            places.push_back(archive);
+        }
+        std::vector<Reached> reached = takeReached(position, places.size());
+        done_ = parseLogRuns(position);
+        for (std::size_t i = 0; i < places.size(); ++i) {
+            const ArrivalPlace& place = reached[i].place;
+            servers_.push_back({std::make_unique<PgArrivals>(places[i], lag), place, place, place});
+            servers_.back().begun = servers_.back().arrivals->now();
+        }
+    }
+
+    Entries more(std::size_t most) override {
+        for (;;) {
+            Entries entries = look(most);
+            if (!entries.empty() || given_ == 0) {
+                return entries;
+            }
+            taken(); // nothing of it is handed on
+        }
+    }
+
+    void taken() override {
+        for (Server& server : servers_) {
+            server.place = server.next;
+            if (given_ > 0 || server.isWorthKeeping()) {
+                server.kept = server.place;
+            }
+        }
+        if (hasAll()) {
+            done_.clear();
+        }
+    }
+
+    bool hasAll() const override {
+        return std::ranges::all_of(
+            servers_, [](const Server& server) { return server.place.received >= server.begun; });
+    }
+
+    std::optional<U64_t> skip() override {
+        for (Server& server : servers_) {
+            server.place = server.kept = {.received = server.arrivals->now()};
+        }
+        return std::nullopt;
+    }
+
+    std::string position() const override {
+        std::string lines;
+        for (std::size_t i = 0; i < servers_.size(); ++i) {
+            lines += Reached{servers_[i].kept}.text(i + 1);
+        }
+        return lines + textOf(done_);
+    }
+
+  private:
+    struct Server {
+        std::unique_ptr<PgArrivals> arrivals;
+        ArrivalPlace place; ///< up to there everything was handed on
+        ArrivalPlace next;  ///< with what more() gave
+        ArrivalPlace kept;  ///< as the position says
+        S64_t begun = 0;    ///< the server's time then
+        bool isHeldUp = false;
+
+        // What has only gone by is not worth a write each time.
+        bool isWorthKeeping() const {
+            return place.received >= begun && kept.received < place.received - MINUTE;
+        }
+    };
+
+    Entries look(std::size_t most) {
+        Entries entries;
+        given_ = 0;
+        for (Server& server : servers_) {
+            server.next = server.place;
+            takeFrom(server, most, entries);
+            watch(server);
+        }
+        return entries;
+    }
+
+    // The lines of the servers in front of the others, or the beginning of each.
+    static std::vector<Reached> takeReached(std::string& position, std::size_t servers) {
+        std::vector<Reached> all;
+        while (position.starts_with(FIRST_WORD)) {
+            const std::size_t end = std::min(position.find('\n'), position.size());
+            const auto reached = Reached::parse(position.substr(0, end), all.size() + 1);
+            if (!reached) {
+                throw std::runtime_error("the cursor is not one of an archive on a server");
+            }
+            all.push_back(*reached);
+            position.erase(0, end + 1);
+        }
+        if (all.empty()) {
+            all.resize(servers);
+        }
+        if (all.size() != servers) {
+            throw std::runtime_error("the cursor is one of an archive on " +
+                                     std::to_string(all.size()) + " servers");
+        }
+        return all;
+    }
+
+    // Passes over stretches of time without an event.
+    void takeFrom(Server& server, std::size_t most, Entries& entries) {
+        while (given_ < most) {
+            const std::size_t room = most - given_;
+            auto arrivals = server.arrivals->take(server.next, room);
+            for (ArrivedEvent& arrival : arrivals) {
+                give(arrival, entries);
+            }
+            if (server.next.received >= server.arrivals->complete()) {
+                return;
+            }
+        }
+    }
+
+    void give(ArrivedEvent& arrival, Entries& entries) {
+        ++given_;
+        const std::string name = nameOf(arrival.key, arrival.generation);
+        const auto done = done_.find(name);
+        if (done != done_.end() && done->second.contains(arrival.sequenceId)) {
+            return;
+        }
+        if (!evarchive::isWholeEvent(arrival.image)) {
+            say_(Level::WARNING,
+                 name + ": event " + std::to_string(arrival.sequenceId) + " is damaged, left out");
+            return;
+        }
+        entries.push_back({.image = std::move(arrival.image), .generation = arrival.generation});
+    }
+
+    // Says that a transaction of the server has been open for long, once.
+    void watch(Server& server) {
+        const auto since = server.arrivals->waitsSince();
+        const bool isLong = since && server.arrivals->now() - *since > MINUTE;
+        if (isLong && !server.isHeldUp) {
+            say_(Level::WARNING, "events wait for a transaction that the server has had open for a "
+                                 "minute: what it files comes in front of them");
+        }
+        server.isHeldUp = isLong;
+    }
+
+    Say say_;
+    std::vector<Server> servers_;
+    LogRuns done_;
+    std::size_t given_ = 0; ///< by the last more(), with those that are left out
+};
+
+} // namespace
+
+std::unique_ptr<Feed> arrivalFeed(const std::string& server, std::chrono::seconds lag,
+                                  const std::string& position, const Say& say) {
+    return std::make_unique<ArrivalFeed>(server, lag, position, say);
+}
+
+} // namespace evbridge
