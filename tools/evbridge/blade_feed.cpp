@@ -1,4 +1,4 @@
-#include "evctl/inquiry.h"
+#include "evctl/ring_walk.h"
 #include "feed.h"
 #include "ring_place.h"
 
@@ -11,21 +11,13 @@ namespace {
 using evctl::InquiryAnswer;
 using evctl::LogMark;
 
-// So close to the oldest event it is asked for again and again, see BladeFeed.
-constexpr U32_t NARROW = 256;
-
 constexpr double ANSWER_SECONDS = 5;
 
-/**
- * A running blade, asked through its message switch. An inquiry that its event manager cannot
- * answer from its own log goes to the archiver, of which it allows itself only some in its life: so
- * nothing is asked for but what certainly is in the log, its newest and its oldest event being told
- * first.
- */
+/** A running blade, asked through its message switch for nothing but what its log holds. */
 class BladeFeed final : public Feed {
   public:
     BladeFeed(int key, U32_t endpoint, const std::string& position) {
-        readBlock(key);
+        const evctl::LogIdentity log = readBlock(key);
         request_.endpoint = endpoint;
         request_.timeout = ANSWER_SECONDS;
         const auto place = RingPlace::parse(position.substr(0, position.find('\n')));
@@ -34,12 +26,13 @@ class BladeFeed final : public Feed {
         }
         place_ = *place;
         requester_.emplace(request_);
+        walk_.emplace(*requester_, log);
     }
 
     Entries more(std::size_t most) override {
         Entries entries;
         next_ = place_;
-        const InquiryAnswer last = ask(EMP_E_INQUIRY_TYPE_LAST, {}, 0);
+        const InquiryAnswer last = walk_->newest();
         if (!last.found()) {
             return entries;
         }
@@ -47,7 +40,6 @@ class BladeFeed final : public Feed {
         if (newest == place_.last() || newest == refusedAt_) {
             return entries;
         }
-        log_.instance = newest.instance; // also of an event that was replayed
         if (!begin(newest, entries)) {
             return entries;
         }
@@ -65,19 +57,17 @@ class BladeFeed final : public Feed {
     std::string position() const override { return place_.text() + "\n"; }
 
   private:
-    InquiryAnswer ask(EMP_INQUIRY_TYPE_e type, const evctl::LogIdentity& log, U32_t id) {
-        return evctl::inquire(*requester_, type, log, id);
-    }
-
     // Only what is asked about the very log is answered from it.
-    void readBlock(int key) {
+    evctl::LogIdentity readBlock(int key) {
         const MPU_PARAMS_t& params = evctl::attachParams({.key = key});
         request_.where.directory =
             evctl::fieldText(params.mmsgDirectory, sizeof(params.mmsgDirectory));
-        log_.enclosure = evctl::fieldText(params.chassisSN, sizeof(params.chassisSN));
-        log_.blade = evctl::fieldText(params.serialStr, sizeof(params.serialStr));
-        log_.slot = params.slotId;
+        evctl::LogIdentity log;
+        log.enclosure = evctl::fieldText(params.chassisSN, sizeof(params.chassisSN));
+        log.blade = evctl::fieldText(params.serialStr, sizeof(params.serialStr));
+        log.slot = params.slotId;
         shmdt(&params);
+        return log;
     }
 
     // Where the last look ended, or with the oldest event. @return false: there is none
@@ -98,7 +88,7 @@ class BladeFeed final : public Feed {
 
     // Asks where the log begins, and takes that event when those in front of it are gone.
     bool lookAtOldest(Entries& entries) {
-        const InquiryAnswer first = ask(EMP_E_INQUIRY_TYPE_FIRST, {}, 0);
+        const InquiryAnswer first = walk_->oldest();
         if (!first.found()) {
             return false;
         }
@@ -114,32 +104,23 @@ class BladeFeed final : public Feed {
         if (next_.last()->sequenceId < oldest_) {
             return false; // just gone
         }
-        const InquiryAnswer there = ask(EMP_E_INQUIRY_TYPE_EXACT, log_, next_.last()->sequenceId);
+        const InquiryAnswer there = evctl::inquire(*requester_, EMP_E_INQUIRY_TYPE_EXACT,
+                                                   walk_->log(), next_.last()->sequenceId);
         return there.found() && evctl::markOf(*there.event().header) != *next_.last();
     }
 
     // The next event, which there is. @return false: it was refused
     bool goOn(Entries& entries) {
-        const U32_t id = next_.last()->sequenceId;
-        if (id - oldest_ < NARROW) {
-            if (!lookAtOldest(entries)) {
-                return false;
-            }
-            if (next_.last()->sequenceId != id) {
-                return true;
-            }
+        const std::optional<InquiryAnswer> answer = walk_->behind(next_.last()->sequenceId);
+        if (answer) {
+            next_.take(answer->event(), entries);
         }
-        const InquiryAnswer answer = ask(EMP_E_INQUIRY_TYPE_NEXT, log_, id);
-        if (!answer.found() || answer.event().header->evSequenceId <= id) {
-            return false;
-        }
-        next_.take(answer.event(), entries);
-        return true;
+        return answer.has_value();
     }
 
     evctl::RequestOptions request_;
     std::optional<evctl::Requester> requester_;
-    evctl::LogIdentity log_;
+    std::optional<evctl::RingWalk> walk_;
     RingPlace place_;
     RingPlace next_;
     U32_t oldest_ = 0;
