@@ -1,6 +1,7 @@
 /** Making a shared archive, its partitions, its roles. */
 #include "archive.h"
 #include "fleet_server.h"
+#include "postgres/pg_connection.h"
 
 #include <atomic>
 #include <thread>
@@ -184,19 +185,18 @@ TEST_F(FleetDatabaseTest, UpkeepGoesOnWhileEventsAreFiled) {
         "t\n");
 }
 
-// Its time is one that a partition is about to be made for.
+// Its time is one that a partition is about to be made for. It is committed by the server itself,
+// in the moment in which it sees somebody wait for it: a wait is over after 300 ms.
 TEST_F(FleetDatabaseTest, EventThatComesWhileItsPartitionIsMadeIsMovedToo) {
     file({{0, NOW + 20 * DAY}}, NOW);
-    const auto archiver = openPgArchive(place_);
-    const GenerationKey generation{archiver->claim(key_, 0).series, 1};
-    const Bytes image = eventBody({.id = 1, .time = static_cast<U32_t>(NOW + 20 * DAY)});
-    archiver->begin();
-    archiver->addEvent(generation, {1, image, true, false, NOW});
-    archiver->highestId(generation); // the server has it
+    PgConnection writer(place_, PgPatience::endless());
+    writer.execute("BEGIN; INSERT INTO events SELECT log, 1, time, received, generation, event, "
+                   "source, type, category, idversion, own, doubtful, head, data FROM events");
     FleetUpkeep upkeep;
     std::thread owner([&] { upkeep = maintainFleet(place_, 0, NOW + 20 * DAY); });
-    EXPECT_TRUE(support::waitUntil([this] { return isSomebodyWaiting(); }));
-    archiver->commit();
+    writer.execute("DO $$ BEGIN WHILE NOT EXISTS (SELECT 1 FROM pg_locks WHERE NOT granted AND "
+                   "database = (SELECT oid FROM pg_database WHERE datname = current_database())) "
+                   "LOOP PERFORM pg_sleep(0.001); END LOOP; END $$; COMMIT");
     owner.join();
     EXPECT_THAT(upkeep.failed, IsEmpty());
     EXPECT_EQ(upkeep.moved, 2U);
@@ -427,6 +427,13 @@ TEST_F(FleetDatabaseTest, OwnerIsToldWhatIsMissing) {
     EXPECT_THAT(out.str(), HasSubstr("commits wait for no standby"));
     EXPECT_EQ(describeFleet(place_, NOW + 60 * DAY, out), 1U);
     EXPECT_THAT(out.str(), HasSubstr("no partition for tomorrow"));
+}
+
+TEST_F(FleetDatabaseTest, WhatComesLastIsFoundWithoutASummaryOfEachPageByHand) {
+    EXPECT_EQ(sql("SELECT count(*), bool_and('autosummarize=on' = ANY(c.reloptions)) FROM "
+                  "pg_inherits i JOIN pg_class c ON c.oid = i.inhrelid "
+                  "WHERE i.inhparent = 'events_by_arrival'::regclass"),
+              "8|t\n");
 }
 
 TEST_F(FleetDatabaseTest, OneMaintenanceAtATime) {

@@ -1,6 +1,7 @@
 /** An archive that is spread over servers: who has which log, and how they look like one. */
 #include "fleet_server.h"
 #include "postgres/log_number.h"
+#include "postgres/pg_connection.h"
 
 using namespace evarchive;
 using fleet::NOW;
@@ -119,4 +120,14 @@ TEST_F(FleetHubTest, UpkeepOfOneServerDoesNotWaitForAnother) {
     server().sql("ALTER DATABASE node_away RENAME TO node1");
     EXPECT_THAT(upkeep.failed, testing::ElementsAre(HasSubstr("server 1 of 2: ")));
     EXPECT_THAT(upkeep.made, testing::SizeIs(1));
+}
+
+TEST_F(FleetHubTest, OneMaintenanceOfAllServersAtATime) {
+    PgConnection other(nodesOf(hub_)[1], PgPatience::endless());
+    other.execute("BEGIN; SELECT 1 FROM meta WHERE name = 'maintenance' FOR UPDATE");
+    EXPECT_THAT([this] { maintainFleet(hub_, 0, NOW + 2 * 86'400); },
+                ThrowsMessage<StoreError>(HasSubstr("another maintenance is at work")));
+    other.execute("COMMIT");
+    EXPECT_THAT(maintainFleet(hub_, 0, NOW + 2 * 86'400).made, testing::Not(IsEmpty()))
+        << "nothing was done before";
 }

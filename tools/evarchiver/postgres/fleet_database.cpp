@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <ctime>
+#include <functional>
+#include <memory>
 #include <thread>
 
 namespace evarchive {
@@ -112,14 +114,18 @@ constexpr PgStatement NOTE_GONE{
 constexpr PgStatement STILL_GONE{
     "still_gone", "SELECT 1 FROM gone JOIN generations USING (log, generation) LIMIT 1"};
 
+/** Another process maintains the same archive. */
+class AnotherRound : public StoreError {
+  public:
+    using StoreError::StoreError;
+};
+
 /** One round. */
 class Maintenance {
   public:
     Maintenance(const std::string& place, S64_t now) : lock_(place), owner_(place), now_(now) {
         owner_.requireLayout();
-        // Held to the end of the round, by a connection of its own.
-        lock_.connection().execute("BEGIN; SET LOCAL lock_timeout = 1; "
-                                   "SELECT 1 FROM meta WHERE name = 'maintenance' FOR UPDATE");
+        lockRound();
     }
 
     FleetUpkeep run(U32_t retentionDays) {
@@ -143,6 +149,20 @@ class Maintenance {
         Days days;
         bool isFrozen = false;
     };
+
+    // Held to the end of the round, by a connection of its own.
+    void lockRound() {
+        try {
+            lock_.connection().execute("BEGIN; SET LOCAL lock_timeout = 1; "
+                                       "SELECT 1 FROM meta WHERE name = 'maintenance' FOR UPDATE");
+        } catch (const PgError& error) {
+            if (error.state() == LOCKED) {
+                throw AnotherRound(lock_.connection().placeShown() +
+                                   ": another maintenance is at work");
+            }
+            throw;
+        }
+    }
 
     S64_t today() const { return now_ / DAY; }
     S64_t width() const { return (retention_ + LIVE_PARTITIONS - 1) / LIVE_PARTITIONS; }
@@ -402,18 +422,31 @@ FleetUpkeep& FleetUpkeep::operator+=(const FleetUpkeep& other) {
     return *this;
 }
 
+// One round at a time, also of a spread archive: its servers' rounds begin together or not at all.
 FleetUpkeep maintainFleet(const std::string& place, U32_t retentionDays, S64_t now) {
     const std::vector<std::string> nodes = nodesOf(place);
     if (nodes.empty()) {
         return Maintenance(place, now).run(retentionDays);
     }
     FleetUpkeep all;
-    for (std::size_t node = 0; node < nodes.size(); ++node) {
+    std::vector<std::unique_ptr<Maintenance>> rounds(nodes.size());
+    const auto attempt = [&](std::size_t node, const std::function<void()>& work) {
         try {
-            all += Maintenance(nodes[node], now).run(retentionDays);
+            work();
+        } catch (const AnotherRound&) {
+            throw;
         } catch (const StoreError& error) {
             all.failed.push_back("server " + std::to_string(node + 1) + " of " +
                                  std::to_string(nodes.size()) + ": " + error.what());
+        }
+    };
+    for (std::size_t node = 0; node < nodes.size(); ++node) {
+        attempt(node, [&] { rounds[node] = std::make_unique<Maintenance>(nodes[node], now); });
+    }
+    for (std::size_t node = 0; node < nodes.size(); ++node) {
+        if (rounds[node]) {
+            attempt(node, [&] { all += rounds[node]->run(retentionDays); });
+            rounds[node].reset();
         }
     }
     return all;
