@@ -4,6 +4,7 @@
 #include "common/cli.h"
 #include "engine.h"
 
+#include <chrono>
 #include <ctime>
 #include <iostream>
 #include <string_view>
@@ -29,12 +30,16 @@ constexpr char FOOTER[] =
     "  evarchiver db create --db postgresql://db1,db2/events --retention-days 90\n"
     "  evarchiver db maintain --db postgresql://db1,db2/events    # hourly, from a timer";
 
+// Of an import whose server was away, or that archivers were in the way of, for too long.
+constexpr int EXIT_AWAY = 3;
+
 /** What was asked for. */
 struct DbOptions {
     std::string place;
     U32_t retentionDays = 0;
     std::vector<std::string> nodes;
     std::string file;
+    std::chrono::seconds patience{60};
 };
 
 std::string checkPlace(const std::string& text) {
@@ -69,11 +74,21 @@ int maintain(const DbOptions& options) {
 
 int import(const DbOptions& options) {
     const auto from = readerOf(options.file);
-    const Imported imported = importArchive(*from, options.place, std::cout);
-    std::cout << imported.logs << " logs, " << imported.events << " events and "
-              << imported.setAside << " set aside taken over, " << imported.leftOut
-              << " logs left out\n";
-    return imported.leftOut > 0 ? tools::EXIT_FINDING : tools::EXIT_DONE;
+    try {
+        const Imported imported = importArchive(*from, options.place, std::cout, options.patience);
+        std::cout << imported.logs << " logs, " << imported.events << " events and "
+                  << imported.setAside << " set aside taken over, " << imported.refused
+                  << " events refused and set aside, " << imported.there << " logs there already, "
+                  << imported.leftOut << " left out\n";
+        return imported.leftOut + imported.refused > 0 ? tools::EXIT_FINDING : tools::EXIT_DONE;
+    } catch (const StoreError& error) {
+        if (!error.isPassing()) {
+            throw;
+        }
+        tools::sayCouldNot("evarchiver", std::string(error.what()) +
+                                             "; run again, it goes on with what is not there yet");
+        return EXIT_AWAY;
+    }
 }
 
 int check(const DbOptions& options) {
@@ -102,6 +117,12 @@ int runDbCommand(int argc, const char* const* argv) {
     importing->add_option("--from", options.file, "The archive, a file")
         ->required()
         ->check(CLI::ExistingFile);
+    importing
+        ->add_option_function<int>(
+            "--patience",
+            [&options](int seconds) { options.patience = std::chrono::seconds(seconds); },
+            "Seconds that the server may be away at a time; default: 60. Then status 3")
+        ->check(CLI::Range(1, 86'400));
     CLI::App* upgrade = addCommand(app, options, "upgrade", "Bring an earlier layout up to date");
     CLI::App* upkeep =
         addCommand(app, options, "maintain", "Make partitions ahead, drop those past retention");

@@ -25,6 +25,7 @@ namespace fleet {
 /** Takes one connection after the other. */
 class CuttingProxy {
   public:
+    /** @param server the directory of its socket */
     explicit CuttingProxy(std::string server) : server_(std::move(server) + NAME) {
         const sockaddr_un place = placeOf(directory_.path() + NAME);
         bind(listener_, reinterpret_cast<const sockaddr*>(&place), sizeof(place));
@@ -42,7 +43,17 @@ class CuttingProxy {
     CuttingProxy(const CuttingProxy&) = delete;
     CuttingProxy& operator=(const CuttingProxy&) = delete;
 
-    std::string directory() const { return directory_.path(); }
+    /** A place on the server, by way of here. */
+    std::string through(std::string place) const {
+        std::string from = server_.substr(0, server_.size() - strlen(NAME));
+        std::string to = directory_.path();
+        for (std::string* path : {&from, &to}) {
+            for (auto at = path->find('/'); at != std::string::npos; at = path->find('/')) {
+                path->replace(at, 1, "%2F");
+            }
+        }
+        return place.replace(place.find(from), from.size(), to);
+    }
 
     /** The next commit is done, and its answer never comes. */
     void cutAtCommit() { cuts_ = true; }

@@ -407,16 +407,7 @@ TEST_F(PgStoreTest, RepeatedBatchIsSeenToBeThere) {
 // The server has committed, the connection ends before it says so.
 TEST_F(PgStoreTest, CommitWhoseAnswerNeverCameIsRepeatedWithoutHarm) {
     fleet::CuttingProxy proxy(server().socketDirectory());
-    std::string place = place_;
-    std::string from = server().socketDirectory();
-    std::string to = proxy.directory();
-    for (std::string* path : {&from, &to}) {
-        for (auto at = path->find('/'); at != std::string::npos; at = path->find('/')) {
-            path->replace(at, 1, "%2F");
-        }
-    }
-    place.replace(place.find(from), from.size(), to);
-    const auto store = openPgArchive(place);
+    const auto store = openPgArchive(proxy.through(place_));
     Archive archive(*store, {}, [](Level, const std::string&) {});
     const auto request = imageOf<EmpGetEvArchiverStatusMsg_t>(
         support::statusBody({.enclosure = "CUT"}, 0, {1, 2, 3}));
