@@ -19,7 +19,7 @@ using std::chrono::milliseconds;
 
 // A TLS server that refuses our certificate says so only after our own part is done. What it says
 // when it takes it, usually a ticket, comes at once.
-constexpr milliseconds VERDICT_TIME{1000};
+constexpr milliseconds VERDICT_TIME{3000};
 
 Step stepOfError() {
     return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? Step::WRITABLE

@@ -7,9 +7,13 @@
 
 #include <gmock/gmock.h>
 
+#include <arpa/inet.h>
 #include <csignal>
 #include <fstream>
+#include <netinet/in.h>
 #include <set>
+#include <sys/socket.h>
+#include <thread>
 
 using namespace support;
 using testing::HasSubstr;
@@ -184,6 +188,97 @@ TEST_F(TlsReceiverTest, ThatRefusesUsGetsNothingAndNothingCountsAsHandedOn) {
     const auto running = overTls({"--name", "server.example"});
     running->waitForOutput("no TLS link");
     EXPECT_NE(access(cursorPath_.c_str(), F_OK), 0);
+}
+
+/** Stands in front of a server, and keeps back what the client says behind its first words until it
+ * is silent. */
+class HoldingRelay {
+  public:
+    explicit HoldingRelay(int server) : server_(server) {
+        sockaddr_in address = loopback(0);
+        EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        EXPECT_EQ(listen(listener_, 8), 0);
+        thread_ = std::thread([this] {
+            for (int client = -1; (client = accept(listener_, nullptr, nullptr)) >= 0;) {
+                relay(client);
+            }
+        });
+    }
+    ~HoldingRelay() {
+        shutdown(listener_, SHUT_RDWR);
+        thread_.join();
+        close(listener_);
+    }
+    HoldingRelay(const HoldingRelay&) = delete;
+    HoldingRelay& operator=(const HoldingRelay&) = delete;
+
+    int port() const {
+        sockaddr_in address{};
+        socklen_t size = sizeof(address);
+        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
+        return ntohs(address.sin_port);
+    }
+
+  private:
+    static constexpr int SILENCE = 100; // ms
+
+    static sockaddr_in loopback(int port) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<U16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return address;
+    }
+
+    // Until one of them ends.
+    void relay(int client) const {
+        const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const sockaddr_in address = loopback(server_);
+        connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+        std::string held;
+        bool hasAnswered = false;
+        for (bool goesOn = true; goesOn;) {
+            pollfd ends[] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
+            const bool isSilent = poll(ends, 2, held.empty() ? -1 : SILENCE) == 0;
+            if ((ends[0].revents) != 0) {
+                goesOn = take(client, held);
+            }
+            if (ends[1].revents != 0) {
+                std::string words;
+                goesOn = take(server, words) && goesOn;
+                send(client, words.data(), words.size(), MSG_NOSIGNAL);
+                hasAnswered = true;
+            }
+            if (isSilent || !hasAnswered) {
+                send(server, held.data(), held.size(), MSG_NOSIGNAL);
+                held.clear();
+            }
+        }
+        close(client);
+        close(server);
+    }
+
+    static bool take(int descriptor, std::string& words) {
+        char space[4096];
+        const ssize_t size = recv(descriptor, space, sizeof(space), 0);
+        words.append(space, size > 0 ? static_cast<size_t>(size) : 0);
+        return size > 0;
+    }
+
+    int server_;
+    int listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    std::thread thread_;
+};
+
+// What is sent is acknowledged by its system before it has looked at our certificate.
+TEST_F(TlsReceiverTest, ThatTakesItsTimeToRefuseUsGetsNothingAndNothingCountsAsHandedOn) {
+    const HoldingRelay relay(std::stoi(portText_));
+    const auto running = bridge("syslog:tls:127.0.0.1:" + std::to_string(relay.port()),
+                                {"--once", "--ca", authority_.path(), "--name", "server.example"});
+    running->waitForOutput("no TLS link");
+    EXPECT_NE(access(cursorPath_.c_str(), F_OK), 0);
+    running->signal(SIGKILL);
+    running->wait();
 }
 
 TEST_F(TlsReceiverTest, OfAnotherNameGetsNothing) {

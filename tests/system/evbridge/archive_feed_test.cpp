@@ -1,0 +1,68 @@
+/** What one look at an archive in a file gives. */
+#include "evbridge/feed.h"
+#include "link_messages.h"
+#include "sqlite_store.h"
+#include "temp_directory.h"
+
+#include <gmock/gmock.h>
+
+using namespace evarchive;
+using support::eventBody;
+using testing::ElementsAre;
+
+namespace {
+
+class ArchiveFeedTest : public testing::Test {
+  protected:
+    void file(const std::vector<U32_t>& ids) {
+        store_->begin();
+        for (const U32_t id : ids) {
+            store_->addEvent(generation_, {id, eventBody({.id = id}), true, false, 0});
+        }
+        store_->commit();
+    }
+
+    std::unique_ptr<evbridge::Feed> feed(const std::string& position) const {
+        return evbridge::archiveFeed(path_, position, [](Level, const std::string&) {});
+    }
+
+    static std::vector<U32_t> idsOf(const evbridge::Entries& entries) {
+        std::vector<U32_t> ids;
+        for (const evbridge::Entry& entry : entries) {
+            ids.push_back(entry.event().header->evSequenceId);
+        }
+        return ids;
+    }
+
+    support::TempDirectory directory_;
+    std::string path_ = directory_.file("archive");
+    std::unique_ptr<Store> store_ = archiveConnector(path_)();
+    GenerationKey generation_ = [this] {
+        store_->begin();
+        const GenerationKey made{store_->addSeries({{"ENC-A", "BLADE-1", 1}, 1}), 1};
+        store_->addGeneration(made, 0);
+        store_->commit();
+        return made;
+    }();
+};
+
+TEST_F(ArchiveFeedTest, WhatComesLateIsHandedOnAlsoWhileNewComes) {
+    file({10, 11});
+    const auto first = feed("");
+    EXPECT_THAT(idsOf(first->more(500)), ElementsAre(10, 11));
+    first->taken();
+    file({7, 12});
+    EXPECT_THAT(idsOf(feed(first->position())->more(500)), ElementsAre(12, 7));
+}
+
+TEST_F(ArchiveFeedTest, WhatWasNotTakenIsGivenAgain) {
+    file({10, 11, 12});
+    const auto open = feed("");
+    EXPECT_THAT(idsOf(open->more(2)), ElementsAre(10, 11));
+    EXPECT_THAT(idsOf(open->more(2)), ElementsAre(10, 11));
+    EXPECT_EQ(open->position(), "");
+    open->taken();
+    EXPECT_THAT(idsOf(open->more(2)), ElementsAre(12));
+}
+
+} // namespace
