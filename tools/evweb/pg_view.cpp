@@ -197,13 +197,14 @@ bool searchStretch(PgConnection& connection, const Search& search, S64_t since, 
                    Filling& filling) {
     PgQuestion question(EVENTS);
     question.time(" AND received >= ", since)
-        .time(" AND received <= ", place.second)
-        .time(" AND (received, log, generation, id) < (", place.second)
+        .time(" AND received < ", place.second + 1)
+        .time(" AND (date_trunc('second', received), log, generation, id) < (", place.second)
         .integer(", ", place.log)
         .integer(", ", place.generation)
         .integer(", ", place.id, ")")
         .filters(search)
-        .integer(" ORDER BY received DESC, log DESC, generation DESC, id DESC LIMIT ",
+        .integer(" ORDER BY date_trunc('second', received) DESC, log DESC, generation DESC, "
+                 "id DESC LIMIT ",
                  filling.rowsWanted());
     return filling.take(question.ask(connection), place);
 }
