@@ -1,5 +1,6 @@
+#include "pg_question.h"
+
 #include "common/text.h"
-#include "pg_view.h"
 
 #include <algorithm>
 
@@ -44,6 +45,12 @@ std::string bytesOfName(const std::string& text) {
     return bytes;
 }
 
+evarchive::SeriesKey keyOf(const PgRows& rows, int row, int column) {
+    return {{bytesOfName(rows.text(row, column)), bytesOfName(rows.text(row, column + 1)),
+             static_cast<U32_t>(rows.integer(row, column + 2))},
+            static_cast<U32_t>(rows.integer(row, column + 3))};
+}
+
 PgQuestion& PgQuestion::place(const std::string& before, const std::string& after) {
     sql_ += before + "$" + std::to_string(++count_) + after;
     return *this;
@@ -57,6 +64,11 @@ PgQuestion& PgQuestion::integer(const std::string& before, S64_t value, const st
 PgQuestion& PgQuestion::time(const std::string& before, S64_t seconds, const std::string& after) {
     parameters_.time(seconds);
     return place(before, after);
+}
+
+PgQuestion& PgQuestion::instant(const std::string& before, S64_t value, const std::string& after) {
+    return integer(before + " timestamptz '2000-01-01 00:00:00+00' + interval '1 microsecond' * ",
+                   value, after);
 }
 
 PgQuestion& PgQuestion::text(const std::string& before, const std::string& value,

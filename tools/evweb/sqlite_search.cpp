@@ -8,7 +8,6 @@ namespace evweb {
 namespace {
 
 constexpr char BY_ARRIVAL = 'a'; // state of the file, row
-constexpr char BY_ID = 'i';      // generation, id
 
 // Rows behind the newest that are looked at again: an event that turned out to be damaged makes
 // room for the true one, under the same number.
@@ -26,19 +25,6 @@ S64_t rowOf(const SqliteReading& reading, const Position& position) {
         throw Refusal(400, "the archive was rewritten since: begin the search anew");
     }
     return position.numbers[1];
-}
-
-/** A generation, and the id that the next event is below. */
-struct Place {
-    U32_t generation;
-    S64_t id;
-};
-
-Place placeOf(const Position& position) {
-    if (position.kind != BY_ID || position.numbers.size() != 2) {
-        throw Refusal(400, "'" + position.text() + "' is no place in one log");
-    }
-    return {static_cast<U32_t>(position.numbers[0]), position.numbers[1]};
 }
 
 bool isFull(const Page& page, const Search& search) {
@@ -66,7 +52,7 @@ std::optional<S64_t> takeOlder(SqliteReading& reading, const Search& search,
 
 std::vector<U32_t> generationsFrom(SqliteReading& reading, S64_t log, const Search& search) {
     std::vector<U32_t> generations;
-    const U32_t newest = search.before ? placeOf(*search.before).generation : UINT32_MAX;
+    const S64_t newest = search.before ? IdPlace::of(*search.before).generation : INT64_MAX;
     SqliteStatement row(reading.database(), sqlite_sql::GENERATIONS);
     row.with(log);
     while (row.step()) {
@@ -104,11 +90,6 @@ bool countZone(const Zone& zone, const Needs& needs, Timeline& timeline) {
         return true;
     }
     return zone.countKindsInto(timeline, needs);
-}
-
-U32_t endOf(const Timeline& timeline) {
-    const U64_t end = timeline.since + U64_t{timeline.width} * timeline.buckets.size();
-    return static_cast<U32_t>(std::min<U64_t>(end, U64_t{UINT32_MAX} + 1) - 1);
 }
 
 void countRow(const SqliteStatement& row, const Search& search, Timeline& timeline) {
@@ -208,11 +189,11 @@ Page SqliteView::searchLog(SqliteReading& reading, const Search& search, S64_t l
     Page page;
     for (const U32_t generation : generationsFrom(reading, log, search)) {
         S64_t below = S64_t{UINT32_MAX} + 1;
-        if (search.before && placeOf(*search.before).generation == generation) {
-            below = placeOf(*search.before).id;
+        if (search.before && IdPlace::of(*search.before).generation == generation) {
+            below = IdPlace::of(*search.before).id;
         }
         if (const auto left = takeOlder(reading, search, {log, generation}, below, page)) {
-            page.next = Position{BY_ID, {generation, *left}};
+            page.next = IdPlace{generation, *left}.position();
             return page;
         }
     }
@@ -274,7 +255,7 @@ Page SqliteView::around(S64_t log, std::optional<U32_t> generation, U32_t id, U3
     std::ranges::reverse(page.events);
     search.limit += static_cast<U32_t>(page.events.size());
     if (const auto left = takeOlder(reading, search, key, id, page)) {
-        page.next = Position{BY_ID, {key.generation, *left}};
+        page.next = IdPlace{key.generation, *left}.position();
     }
     return page;
 }
@@ -322,7 +303,7 @@ void SqliteView::count(const Search& search, Timeline& timeline) {
     Search within = search;
     within.filter.logs = {};
     within.filter.since = timeline.since;
-    within.filter.until = endOf(timeline);
+    within.filter.until = timeline.end();
     if (!wanted.isAll && wanted.logs.size() <= 1) {
         if (!wanted.logs.empty()) {
             countLog(reading, within, wanted.logs.front(), timeline);

@@ -64,12 +64,6 @@ bool takeRuns(SqliteReading& reading, const GenerationKey& key, U32_t from, std:
     return true;
 }
 
-// What lies before the end of the proven run has no hole.
-U32_t firstInDoubt(const evarchive::GenerationInfo& info, U32_t first, U32_t last) {
-    const bool isProven = info.proven && info.proven->first <= first && first <= info.proven->last;
-    return isProven ? std::min(info.proven->last, last) : first;
-}
-
 std::vector<evarchive::GenerationInfo> generationsOf(SqliteDatabase& database, S64_t series) {
     std::vector<evarchive::GenerationInfo> generations;
     SqliteStatement row(database, sqlite_sql::GENERATIONS);
@@ -114,7 +108,7 @@ void addEnds(SqliteReading& reading, const evarchive::GenerationInfo& generation
     info.lastId = last->id;
     info.lastTime = last->time;
     info.lastReceived = info.seen = last->received;
-    const U32_t from = firstInDoubt(generation, first->id, last->id);
+    const U32_t from = firstInDoubt(generation.proven, first->id, last->id);
     info.missing = missingBetween(reading, generation.number, from, last->id);
 }
 

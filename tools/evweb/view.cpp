@@ -3,12 +3,14 @@
 #include "catalog/event_text.h"
 #include "http.h"
 
+#include <algorithm>
 #include <charconv>
 
 namespace evweb {
 namespace {
 
 constexpr std::size_t MOST_NUMBERS = 4;
+constexpr char BY_ID = 'i'; // generation, id
 
 } // namespace
 
@@ -44,6 +46,17 @@ std::optional<Position> Position::parse(const std::string& text) {
     }
 }
 
+Position IdPlace::position() const {
+    return {BY_ID, {generation, id}};
+}
+
+IdPlace IdPlace::of(const Position& position) {
+    if (position.kind != BY_ID || position.numbers.size() != 2) {
+        throw Refusal(400, "'" + position.text() + "' is no place in one log");
+    }
+    return {position.numbers[0], position.numbers[1]};
+}
+
 bool Search::matches(const EmpEvLogHeader_t& header) const {
     return filter.matches(header);
 }
@@ -54,6 +67,16 @@ bool Search::holdsText(const evctl::EventView& event) const {
 
 std::size_t typeIndex(U32_t type) {
     return type >= EMP_E_TYPE_INFORMATION && type <= EMP_E_TYPE_ERROR ? type : 0;
+}
+
+U32_t firstInDoubt(const std::optional<evarchive::IdRun>& proven, U32_t first, U32_t last) {
+    const bool isProven = proven && proven->first <= first && first <= proven->last;
+    return isProven ? std::min(proven->last, last) : first;
+}
+
+U32_t Timeline::end() const {
+    const U64_t end = since + U64_t{width} * buckets.size();
+    return static_cast<U32_t>(std::min<U64_t>(end, U64_t{UINT32_MAX} + 1) - 1);
 }
 
 void Timeline::count(U32_t time, std::size_t type, U64_t events) {

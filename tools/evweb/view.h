@@ -32,6 +32,17 @@ struct Position {
     bool operator==(const Position&) const = default;
 };
 
+/** A place in one log, in front of the events that are older. */
+struct IdPlace {
+    S64_t generation = INT64_MAX;
+    S64_t id = INT64_MAX;
+
+    Position position() const;
+
+    /** Throws Refusal when it is another place. */
+    static IdPlace of(const Position& position);
+};
+
 /** Which events are wanted. */
 struct Search {
     evctl::EventFilter filter{};
@@ -80,6 +91,8 @@ struct Timeline {
     bool isOnlyGrave = false; ///< warnings and errors only
     bool isComplete() const { return !isCut && !isOnlyGrave; }
 
+    U32_t end() const; ///< the last second
+
     /** Counts, where the time is one of a bucket. */
     void count(U32_t time, std::size_t type, U64_t events = 1);
 };
@@ -93,13 +106,17 @@ struct LogInfo {
     U64_t duplicates = 0;
     std::optional<U32_t> firstId{};
     std::optional<U32_t> lastId{};
-    std::optional<U32_t> lastTime{};     ///< of the event with the highest id
-    std::optional<S64_t> lastReceived{}; ///< when that came
-    std::optional<S64_t> seen{};         ///< when the blade was last heard of
-    std::optional<U64_t> missing{};      ///< ids between others; nothing: not counted in time
-    std::optional<U32_t> ringFirst{};    ///< the blade's oldest at its last handshake, if known
-    TypeCounts lately{};                 ///< events of the window of the overview
+    std::optional<U32_t> lastTime{};          ///< of the event with the highest id
+    std::optional<S64_t> lastReceived{};      ///< when that came
+    std::optional<S64_t> seen{};              ///< when the blade was last heard of
+    std::optional<U64_t> missing{};           ///< ids between others; nothing: not counted in time
+    std::optional<evarchive::IdRun> proven{}; ///< a run of ids that is known to have no hole
+    std::optional<U32_t> ringFirst{}; ///< the blade's oldest at its last handshake, if known
+    TypeCounts lately{};              ///< events of the window of the overview
 };
+
+/** The id behind which a generation may have holes, given its first and last one. */
+U32_t firstInDoubt(const std::optional<evarchive::IdRun>& proven, U32_t first, U32_t last);
 
 /** Which logs are to be listed. */
 struct LogSearch {

@@ -397,6 +397,46 @@ class PostgresTest(Answers, unittest.TestCase):
         first = 1 if "ring_first" in columns.split() else None  # archives of earlier archivers do not know
         self.assertEqual(self.ask(f"log?log={self.log_of('BLADE-1')}")["ringFirst"], first)
 
+    def crowd(self, count, received):
+        """Many events of one blade, each with an arrival of its own."""
+        self.server.sql("INSERT INTO logs (log, identity, enclosure, blade, slot, instance, generation) VALUES (7, '', 'CROWD', 'CROWD', 1, 0, 1);"
+                        f"INSERT INTO events SELECT 7, n, now(), {received}, 1, 1, 18, 1, 1, 1, true, false, NULL, '' FROM generate_series(1, {count}) n",
+                        "events")
+        self.addCleanup(self.remove, "CROWD")
+
+    def ids_of_pages(self, question):
+        """The ids that pages of a search show, one after the other."""
+        page = self.ask(f"events?{question}")
+        while True:
+            yield from (found["sequenceId"] for found in page["events"])
+            if not page["next"]:
+                return
+            page = self.ask(f"events?{question}&before={page['next']}")
+
+    def test_events_of_one_second_follow_each_other_also_where_there_are_too_many_to_be_sorted_at_once(self):
+        self.crowd(20_500, "date_trunc('second', now()) + interval '1 hour' + n * interval '40 microseconds'")
+        ids = self.ids_of_pages("limit=300")
+        self.assertEqual([next(ids) for _ in range(1000)], list(range(20_500, 19_500, -1)))
+
+    def test_pages_lead_into_a_crowd_and_out_of_it(self):
+        self.crowd(20_500, "now() - interval '1 hour' - n * interval '20 milliseconds'")
+        ids = self.ids_of_pages("limit=400&enclosure=CROWD&id=1")
+        self.assertEqual([next(ids) for _ in range(1200)], list(range(1, 1201)))
+        ids = self.ids_of_pages("limit=400&seq=20000:&id=1")
+        self.assertEqual(list(ids), list(range(20_000, 20_501)))
+
+    def test_the_newest_events_are_found_without_reading_a_table_whole(self):
+        self.crowd(5000, "now() - (n * 7919 % 5000) * interval '1 minute'")  # the rows stand in no order
+        self.server.sql("ANALYZE events", "events")
+        scans = "SELECT sum(seq_scan) FROM pg_stat_all_tables WHERE relname LIKE 'events_%'"
+        users = "SELECT count(*) FROM pg_stat_activity WHERE application_name = 'evweb'"
+        before, others = self.server.sql(scans, "events"), self.server.sql(users)
+        web = Web(PROGRAMS, self.server.place("events", "page"))
+        self.assertEqual(len(web.ask("events?limit=50")[1]["events"]), 50)
+        web.end()
+        wait_until(lambda: self.server.sql(users) == others, "the server to know all that was done")
+        self.assertEqual(self.server.sql(scans, "events"), before)
+
     def test_names_that_are_no_text_are_found_by_their_bytes(self):
         self.assertEqual([found["bladeId"] for found in self.events("blade=%FF%01blade")], ["\\xFF\\x01blade"])
 

@@ -1,0 +1,374 @@
+#include "pg_events.h"
+
+#include "http.h"
+#include "pg_logs.h"
+#include "postgres/event_row.h"
+
+#include <algorithm>
+#include <ctime>
+
+namespace evweb {
+namespace {
+
+constexpr char BY_ARRIVAL = 'm'; // instant, log, generation, id
+
+constexpr S64_t FIRST_STRETCH = 60 * SECOND; // that a search looks back at first
+constexpr S64_t SHORTEST_STRETCH = SECOND;
+constexpr S64_t STRETCH_GROWTH = 8;
+constexpr S64_t AHEAD = 86'400 * SECOND; // that an archiver's clock may be
+constexpr S64_t CROWD = 20'000;          // events of a stretch that are too many to be sorted
+constexpr U32_t TEXT_PAGE = 2000;        // events that are looked through at a time
+
+// How far a tail looks back: commits of one moment end in the next ones, and events may bear the
+// time of their archiver.
+constexpr S64_t TAIL_AGAIN = 10 * SECOND;
+constexpr std::size_t TAIL_ROWS = 1000;
+
+// Of a timeline, which are counted one after the other.
+constexpr std::size_t TIMELINE_PARTS = 4;
+
+constexpr char EVENTS[] = "SELECT log, generation, id, time, source, type, category, event, "
+                          "idversion, own, doubtful, data, received, enclosure, blade, slot, "
+                          "instance FROM event_list WHERE own";
+constexpr int RECEIVED_COLUMN = 12;
+constexpr int COUNT_COLUMN = 17; // behind those of EVENTS
+
+// A table whose rows do not stand as they arrived would be read from end to end, where the index of
+// arrivals tells at once that nothing of a stretch is in it. And a plan for some fifteen partitions
+// takes as long as the question: it is made once.
+constexpr char BY_INDEX[] = "SET enable_seqscan = off; SET plan_cache_mode = force_generic_plan";
+constexpr char BY_TABLE[] = "RESET enable_seqscan; SET plan_cache_mode = force_custom_plan";
+
+FoundEvent foundEvent(const PgRows& rows, int row) {
+    evarchive::EventRow event;
+    event.sequenceId = static_cast<U32_t>(rows.integer(row, 2));
+    event.time = static_cast<U32_t>(rows.time(row, 3));
+    event.source = static_cast<U8_t>(rows.integer(row, 4));
+    event.type = static_cast<U8_t>(rows.integer(row, 5));
+    event.category = static_cast<U8_t>(rows.integer(row, 6));
+    event.event = static_cast<U16_t>(rows.integer(row, 7));
+    event.idVersion = static_cast<U8_t>(rows.integer(row, 8));
+    event.data = rows.bytes(row, 11);
+    return {rows.integer(row, 0),
+            static_cast<U32_t>(rows.integer(row, 1)),
+            {event.sequenceId, rows.integer(row, 9) != 0,
+             evarchive::imageOfRow(event, keyOf(rows, row, 13)), rows.integer(row, 10) != 0,
+             rows.time(row, 12)}};
+}
+
+/** A place among all events, in front of those that are older. */
+struct Place {
+    S64_t instant;
+    S64_t log = INT64_MAX;
+    S64_t generation = INT64_MAX;
+    S64_t id = INT64_MAX;
+
+    Position position() const { return {BY_ARRIVAL, {instant, log, generation, id}}; }
+};
+
+Place placeOf(const Position& position) {
+    if (position.kind != BY_ARRIVAL || position.numbers.size() != 4) {
+        throw Refusal(400, "'" + position.text() + "' is no place in a search of all logs");
+    }
+    const auto& numbers = position.numbers;
+    return {std::clamp(numbers[0], instantOf(0), instantOf(UINT32_MAX)), numbers[1], numbers[2],
+            numbers[3]};
+}
+
+/** Where the event of a row stands. */
+Place placeOf(const PgRows& rows, int row) {
+    return {rows.integer(row, RECEIVED_COLUMN), rows.integer(row, 0), rows.integer(row, 1),
+            rows.integer(row, 2)};
+}
+
+/** Events go into a page until it is full. */
+class Filling {
+  public:
+    Filling(const Search& search, Clock::time_point deadline, Page& filled)
+        : page(filled), search_(search), deadline_(deadline) {}
+
+    /** The end of a statement. The number stands in it: so the server plans for few rows. */
+    std::string limit() const { return " LIMIT " + std::to_string(rowsAsked()); }
+
+    /** @return whether there may be more, or no room for it; then @p place is that of the last */
+    bool take(const PgRows& rows, Place& place) {
+        for (int row = 0; row < rows.count() && !isFull(); ++row) {
+            FoundEvent event = foundEvent(rows, row);
+            place = placeOf(rows, row);
+            if (search_.holdsText(evctl::eventOf(event.event.image))) {
+                page.events.push_back(std::move(event));
+            }
+        }
+        return isFull() || static_cast<U32_t>(rows.count()) == rowsAsked();
+    }
+
+    bool isFull() const { return page.events.size() >= search_.limit; }
+    bool isOver() const { return Clock::now() >= deadline_; }
+
+    /** Whether what takes so much longer than what took since @p begun is likely to be in time. */
+    bool hasTimeFor(S64_t times, Clock::time_point begun) const {
+        const auto now = Clock::now();
+        return (now - begun) * times < (deadline_ - now) / 2;
+    }
+
+    Page& page;
+
+  private:
+    U32_t rowsAsked() const { return search_.text.empty() ? search_.limit : TEXT_PAGE; }
+
+    const Search& search_;
+    Clock::time_point deadline_;
+};
+
+void searchLog(PgConnection& connection, const Search& search, Filling& filling) {
+    IdPlace from{INT64_MAX, INT64_MAX};
+    if (search.before) {
+        from = IdPlace::of(*search.before);
+    }
+    for (;;) {
+        PgQuestion question(EVENTS);
+        question.integer(" AND log = ", *search.log);
+        if (search.generation) {
+            question.integer(" AND generation = ", *search.generation);
+        }
+        question.integer(" AND (generation, id) < (", from.generation)
+            .integer(", ", from.id, ")")
+            .filters(search)
+            .add(" ORDER BY generation DESC, id DESC" + filling.limit());
+        Place last{};
+        const bool goesOn = filling.take(question.ask(connection), last);
+        from = {last.generation, last.id};
+        filling.page.isCut = goesOn && !filling.isFull() && filling.isOver();
+        if (goesOn && (filling.isFull() || filling.page.isCut)) {
+            filling.page.next = from.position();
+        }
+        if (!goesOn || filling.page.next) {
+            return;
+        }
+    }
+}
+
+/** The arrivals that are looked through next. */
+class Stretch {
+  public:
+    /** @param ahead what the first one has more, where hardly anything is expected */
+    explicit Stretch(const Place& end, S64_t ahead = 0)
+        : place(end), since_(end.instant - ahead - width_) {}
+
+    Place place; ///< it ends in front of this one
+
+    S64_t since() const { return std::max(since_, instantOf(0)); }
+    bool isShortest() const { return width_ == SHORTEST_STRETCH; }
+    bool isOver() const { return place.instant < instantOf(0); }
+
+    void narrow() {
+        crowdedSince_ = since_;
+        width_ = std::max(SHORTEST_STRETCH, width_ / STRETCH_GROWTH);
+        since_ = place.instant - width_;
+    }
+
+    /** Nothing is left in it. @param mayGrow whether there is time for a wider one */
+    void moveOn(bool mayGrow) {
+        place = {since_ - 1};
+        if (place.instant < crowdedSince_) {
+            crowdedSince_ = INT64_MAX;
+        }
+        if (mayGrow && crowdedSince_ == INT64_MAX) {
+            width_ = std::min(width_ * STRETCH_GROWTH, instantOf(UINT32_MAX) - instantOf(0));
+        }
+        since_ = place.instant - width_;
+    }
+
+  private:
+    S64_t width_ = FIRST_STRETCH;
+    S64_t since_;
+    S64_t crowdedSince_ = INT64_MAX; ///< from here to the place there were too many at once
+};
+
+enum class Found : U8_t { ALL, MORE, TOO_MANY };
+
+Found searchStretch(PgConnection& connection, const Search& search, Stretch& stretch,
+                    Filling& filling) {
+    const Place& end = stretch.place;
+    PgQuestion question("SELECT *, count(*) OVER () FROM (");
+    question.add(EVENTS)
+        .instant(" AND received >=", stretch.since())
+        .instant(" AND received <=", end.instant)
+        .instant(" AND (received, log, generation, id) < (", end.instant)
+        .integer(", ", end.log)
+        .integer(", ", end.generation)
+        .integer(", ", end.id, ")")
+        .filters(search)
+        .integer(" LIMIT ", stretch.isShortest() ? INT64_MAX : CROWD)
+        .add(") found ORDER BY received DESC, log DESC, generation DESC, id DESC" +
+             filling.limit());
+    const PgRows rows = question.ask(connection);
+    if (!stretch.isShortest() && rows.count() > 0 && rows.integer(0, COUNT_COLUMN) == CROWD) {
+        return Found::TOO_MANY;
+    }
+    return filling.take(rows, stretch.place) ? Found::MORE : Found::ALL;
+}
+
+void searchOnce(PgConnection& connection, const Search& search, Stretch& stretch,
+                Filling& filling) {
+    const auto begun = Clock::now();
+    switch (searchStretch(connection, search, stretch, filling)) {
+    case Found::TOO_MANY:
+        stretch.narrow();
+        break;
+    case Found::ALL:
+        if (!filling.isFull()) {
+            stretch.moveOn(filling.hasTimeFor(STRETCH_GROWTH, begun));
+        }
+        break;
+    case Found::MORE:
+        break;
+    }
+}
+
+void searchAll(PgConnection& connection, const Search& search, Filling& filling) {
+    Stretch stretch = search.before ? Stretch(placeOf(*search.before))
+                                    : Stretch(Place{instantOf(time(nullptr)) + AHEAD}, AHEAD);
+    bool isFirst = true;
+    while (!stretch.isOver()) {
+        try {
+            searchOnce(connection, search, stretch, filling);
+        } catch (const PgError& error) {
+            if (!isTooLong(error) || isFirst) {
+                throw;
+            }
+            filling.page.isCut = true;
+        }
+        isFirst = false;
+        filling.page.isCut = filling.page.isCut || (!filling.isFull() && filling.isOver());
+        if ((filling.isFull() || filling.page.isCut) && !stretch.isOver()) {
+            filling.page.next = stretch.place.position();
+            return;
+        }
+    }
+    filling.page.isCut = false;
+}
+
+/** Events behind a place, in the order of their arrival. */
+Tail arrivalsSince(PgConnection& connection, const Search& search, S64_t since, S64_t now) {
+    PgQuestion question(EVENTS);
+    if (search.log) {
+        question.integer(" AND log = ", *search.log);
+    }
+    const PgRows rows =
+        question.instant(" AND received >=", since)
+            .filters(search)
+            .add(" ORDER BY received, log, generation, id LIMIT " + std::to_string(TAIL_ROWS))
+            .ask(connection);
+    Tail tail{.events = {}, .position = Place{now}.position()};
+    for (int row = 0; row < rows.count(); ++row) {
+        FoundEvent event = foundEvent(rows, row);
+        if (search.holdsText(evctl::eventOf(event.event.image))) {
+            tail.events.push_back(std::move(event));
+        }
+    }
+    if (static_cast<std::size_t>(rows.count()) == TAIL_ROWS) {
+        // More came than is shown at a time: at least a second further on.
+        const S64_t last = placeOf(rows, rows.count() - 1).instant;
+        tail.position = Place{std::max(last, since + SECOND) + TAIL_AGAIN}.position();
+    }
+    return tail;
+}
+
+/** Counts what a part of the timeline's buckets holds, the last one not among them. */
+void countPart(PgConnection& connection, const Search& search, Timeline& timeline,
+               std::size_t first, std::size_t last) {
+    const auto beginOf = [&](std::size_t bucket) {
+        return timeline.since + S64_t{timeline.width} * static_cast<S64_t>(bucket);
+    };
+    PgQuestion question("SELECT date_bin(make_interval(secs => ");
+    question.integer("", timeline.width)
+        .time("), time, ", timeline.since)
+        .time("), type, count(*) FROM event_list WHERE own AND time >= ", beginOf(first))
+        .time(" AND time < ", beginOf(last));
+    if (search.log) {
+        question.integer(" AND log = ", *search.log);
+    }
+    if (search.generation) {
+        question.integer(" AND generation = ", *search.generation);
+    }
+    const PgRows rows = question.filters(search).add(" GROUP BY 1, 2").ask(connection);
+    for (int row = 0; row < rows.count(); ++row) {
+        timeline.count(static_cast<U32_t>(rows.time(row, 0)),
+                       typeIndex(static_cast<U32_t>(rows.integer(row, 1))),
+                       static_cast<U64_t>(rows.integer(row, 2)));
+    }
+}
+
+} // namespace
+
+Page searchEvents(PgConnection& connection, const Search& search, Clock::time_point deadline) {
+    Page page;
+    Filling filling(search, deadline, page);
+    connection.execute(BY_INDEX);
+    if (search.log) {
+        searchLog(connection, search, filling);
+    } else {
+        searchAll(connection, search, filling);
+    }
+    return page;
+}
+
+Page eventsAround(PgConnection& connection, Search search, U32_t id, Clock::time_point deadline) {
+    const PgRows rows = PgQuestion(EVENTS)
+                            .integer(" AND log = ", *search.log)
+                            .integer(" AND generation = ", *search.generation)
+                            .integer(" AND id >= ", id)
+                            .integer(" ORDER BY id LIMIT ", S64_t{search.limit} + 1)
+                            .ask(connection);
+    search.before = IdPlace{*search.generation, id}.position();
+    Page page = searchEvents(connection, search, deadline);
+    for (int row = 0; row < rows.count(); ++row) {
+        page.events.insert(page.events.begin(), foundEvent(rows, row));
+    }
+    return page;
+}
+
+std::optional<FoundEvent> oneEvent(PgConnection& connection, S64_t log, U32_t generation,
+                                   U32_t id) {
+    const PgRows rows = PgQuestion(EVENTS)
+                            .integer(" AND log = ", log)
+                            .integer(" AND generation = ", generation)
+                            .integer(" AND id = ", id)
+                            .ask(connection);
+    return rows.count() > 0 ? std::optional(foundEvent(rows, 0)) : std::nullopt;
+}
+
+Tail eventsSince(PgConnection& connection, const Search& search,
+                 const std::optional<Position>& after, Clock::time_point deadline) {
+    const S64_t now = PgQuestion("SELECT now()").ask(connection).integer(0, 0);
+    if (after) {
+        connection.execute(BY_INDEX);
+        return arrivalsSince(connection, search, placeOf(*after).instant - TAIL_AGAIN, now);
+    }
+    Page page = searchEvents(connection, search, deadline);
+    std::ranges::reverse(page.events);
+    return {std::move(page.events), Place{now}.position()};
+}
+
+bool countEvents(PgConnection& connection, const Search& search, Timeline& timeline,
+                 Clock::time_point deadline, bool isAllOrNothing) {
+    connection.execute(BY_TABLE);
+    const auto begun = Clock::now();
+    const std::size_t all = timeline.buckets.size();
+    const std::size_t part = (all + TIMELINE_PARTS - 1) / TIMELINE_PARTS;
+    for (std::size_t left = all; left > 0;) {
+        const std::size_t first = left - std::min(part, left);
+        if (!inTime(deadline, [&] { countPart(connection, search, timeline, first, left); })) {
+            return false;
+        }
+        left = first;
+        const auto now = Clock::now();
+        if (isAllOrNothing && (now - begun) / (all - left) * left > deadline - now) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace evweb
