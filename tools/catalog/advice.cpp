@@ -10,7 +10,8 @@ namespace catalog {
 namespace {
 
 constexpr std::string_view NUMBER = "%d";
-// A shorter beginning would fit several bug-checks, and might be a whole other message.
+// A shorter beginning would fit several bug-checks, and might be a whole other message. No verdict
+// is as long.
 constexpr size_t SHORTEST_CUT = 48;
 
 bool isDigit(char letter) {
@@ -96,7 +97,7 @@ const Advice* adviceFor(std::string_view message) {
         if (rest && rest->empty()) {
             return &advice;
         }
-        if (rest && !advice.isVerdict() && message.size() >= SHORTEST_CUT) {
+        if (rest && message.size() >= SHORTEST_CUT) {
             cut = &advice;
         }
     }

@@ -18,10 +18,12 @@ bool holds(const std::vector<U32_t>& wanted, U32_t value) {
 }
 
 bool holdsId(const EventFilter& filter, const EmpEvLogHeader_t& header) {
-    std::pair<U32_t, U32_t> named(header.evSource, header.evId);
+    auto isNamed = [source = header.evSource, id = U32_t{header.evId}](const auto& named) {
+        return named.first == source && id >= named.second->first && id <= named.second->last;
+    };
     return (filter.ids.empty() && filter.namedIds.empty()) ||
-           (!filter.ids.empty() && holds(filter.ids, named.second)) ||
-           std::ranges::find(filter.namedIds, named) != filter.namedIds.end();
+           (!filter.ids.empty() && holds(filter.ids, header.evId)) ||
+           std::ranges::any_of(filter.namedIds, isNamed);
 }
 
 const tools::NameTable noNames{std::span<const tools::EnumName>{}};
@@ -57,7 +59,7 @@ void parseId(const std::string& text, EventFilter& filter) {
     for (U32_t source = 0; source < MMSG_E_MAX_DEFINED_EPIDS; source++) {
         const tools::NameTable& names = tools::eventNamesOf(source);
         if (std::optional<U32_t> id = names.value(text)) {
-            filter.namedIds.emplace_back(source, *id);
+            filter.namedIds.emplace_back(source, names.find(*id));
             isName = true;
         }
         for (const tools::EnumName& row : names.rows()) {

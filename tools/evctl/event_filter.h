@@ -23,7 +23,8 @@ struct EventFilter {
     std::vector<U32_t> sources;
     std::vector<U32_t> categories;
     std::vector<U32_t> ids;
-    std::vector<std::pair<U32_t, U32_t>> namedIds; ///< source, id; an event of ids or of these
+    std::vector<std::pair<U32_t, const tools::EnumName*>> namedIds; ///< source, its name of ids; an
+                                                                    ///< event of ids or of these
     std::optional<U32_t> firstSequenceId;
     std::optional<U32_t> lastSequenceId;
     std::optional<U32_t> since;             ///< seconds since 1970

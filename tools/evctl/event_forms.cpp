@@ -14,7 +14,7 @@ constexpr char CSV_HEADER[] =
 
 /** Nothing in it but letters, digits and the like needs no quotes. */
 std::string csvField(const std::string& text) {
-    if (text.find_first_of("\",\r\n") == std::string::npos && !text.starts_with(' ') &&
+    if (text.find_first_of("\",") == std::string::npos && !text.starts_with(' ') &&
         !text.ends_with(' ')) {
         return text;
     }

@@ -205,7 +205,7 @@ LogMap mapOf(const LogContent& content) {
         if (record.role == EVLOG_E_ROLE_DUMMY) {
             markUnused(map, record.offset);
         } else {
-            used = record.offset + EMP_RECORD_SIZE + static_cast<U32_t>(record.body.size());
+            used = record.offset; // the record itself is drawn over it
         }
     }
     bool dummy = std::ranges::any_of(content.records, [](const EvlogRecord_t& record) {

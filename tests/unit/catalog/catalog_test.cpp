@@ -59,8 +59,10 @@ TEST(Catalog, NumbersOfOneToEightBytesHaveTheirWholeRange) {
     EXPECT_EQ(message(withField(R"({"name":"x","offset":0,"width":8,"type":"signed"})"),
                       {128, 0, 0, 0, 0, 0, 0, 0}),
               "-9223372036854775808");
-    EXPECT_EQ(message(withField(R"({"name":"x","offset":0,"width":1,"type":"signed"})"), {255}),
-              "-1");
+    Catalog narrow = withField(R"({"name":"x","offset":0,"width":1,"type":"signed"})");
+    EXPECT_EQ(message(narrow, {255}), "-1");
+    EXPECT_EQ(message(narrow, {128}), "-128");
+    EXPECT_EQ(message(narrow, {127}), "127");
 }
 
 TEST(Catalog, UnitsAndNamesStandBesideTheNumber) {
@@ -136,6 +138,13 @@ TEST(Catalog, WhatIsWrongIsToldWithItsPlaceAndLeftOut) {
                             "f: /events/7/fields/2/width: is missing"));
     EXPECT_EQ(catalog.entries().size(), 1U);
     EXPECT_EQ(catalog.find(18, 3, 0)->text, "good");
+}
+
+TEST(Catalog, ARangeThatEndsBeforeItBeginsIsWrong) {
+    EXPECT_THAT(problemsOf(R"({"source":18,"events":[{"id":7,"lastId":6,"text":"x"}]})"),
+                ElementsAre("f: /events/0/lastId: must be a number from 7 to 65535"));
+    EXPECT_THAT(problemsOf(R"({"source":18,"events":[{"id":7,"lastId":7,"text":"x"}]})"),
+                ElementsAre());
 }
 
 TEST(Catalog, AnythingMayBeInAFile) {

@@ -68,6 +68,11 @@ TEST(Advice, ExplainPrintsTheRow) {
     EXPECT_EQ(said.output, "verdict       unwrapped\n"
                            "meaning       a log that has not gone round its end\n"
                            "what to do    nothing\n");
+    said = test::run({"explain", "unwrapped", "--json"});
+    EXPECT_EQ(said.output, R"({"kind":"verdict","name":"unwrapped","functions":null,)"
+                           R"("meaning":"a log that has not gone round its end",)"
+                           R"("whatToDo":"nothing"})"
+                           "\n");
 }
 
 TEST(Advice, ExplainTakesAPartOfAText) {

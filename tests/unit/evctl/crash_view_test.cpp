@@ -100,6 +100,18 @@ TEST(CrashView, HeadSaysWhatWhereWhen) {
               0U);
 }
 
+TEST(CrashView, IdsAreTheRangeOfItsRecordsInWhateverOrderTheyStand) {
+    CrashLog log;
+    log.add(12, 1'164'117'600);
+    log.add(34, 1'164'117'600);
+    log.add(11, 1'164'117'600, errorBody());
+    log.add(15, 1'164'117'600);
+    Json json = report(log);
+    EXPECT_EQ(json["lowestSequenceId"], 1);
+    EXPECT_EQ(json["highestSequenceId"], 4);
+    EXPECT_EQ(json["records"], 4);
+}
+
 TEST(CrashView, MessageIsCompletedAndExplained) {
     CrashLog log;
     auto body = errorBody();

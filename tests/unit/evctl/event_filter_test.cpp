@@ -60,6 +60,15 @@ TEST(EventFilter, NamesOfIdsAreThoseOfTheirSource) {
     EXPECT_FALSE(shows({"--id", "5"}, event(7, 18, 2, 4, 4)));
 }
 
+TEST(EventFilter, ANameOfSeveralIdsMeansAllOfThem) {
+    for (U16_t id : std::vector<U16_t>{15, 16, 34}) {
+        EXPECT_TRUE(shows({"--id", "bugcheck_entry_database"}, event(7, 27, 3, 1, id))) << id;
+    }
+    EXPECT_FALSE(shows({"--id", "bugcheck_entry_database"}, event(7, 27, 3, 1, 14)));
+    EXPECT_FALSE(shows({"--id", "bugcheck_entry_database"}, event(7, 27, 3, 1, 35)));
+    EXPECT_FALSE(shows({"--id", "bugcheck_entry_database"}, event(7, 18, 3, 1, 15)));
+}
+
 TEST(EventFilter, ListsAreAlternativesAndFieldsAddUp) {
     EmpEvLogHeader_t header = event(7, 18, 2, 4, 300);
     EXPECT_TRUE(shows({"--type", "error,warning"}, header));

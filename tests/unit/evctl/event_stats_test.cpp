@@ -142,6 +142,20 @@ TEST(EventStats, TalkersAreSortedByTheirBytes) {
     EXPECT_EQ(talkers[1].name, "snmp 300");
     EXPECT_EQ(talkers[1].amount.events, 3U);
     EXPECT_EQ(stats.talkers(1).size(), 1U);
+    events.add(stats, T0, 30, 1, 7, 2000);
+    std::vector<evctl::Share> sources = stats.sources(); // the largest last in number, first here
+    ASSERT_EQ(sources.size(), 3U);
+    EXPECT_EQ(sources[0].name, "smi_ind");
+    EXPECT_EQ(sources[2].name, "snmp");
+}
+
+TEST(EventStats, LinesHaveAColumnForEachNumberAndABar) {
+    EventStats stats;
+    Events events;
+    for (int count = 0; count < 3; count++) {
+        events.add(stats, T0, 28, 1, 300, 0);
+    }
+    events.add(stats, T0, 18, 3, 4, 840);
     std::string lines = evctl::statsLines(stats, 80);
     EXPECT_THAT(lines, HasSubstr("startup signal(4)                        1       1000  67.6% "
                                  "###################\n"));

@@ -303,6 +303,34 @@ TEST_F(FileSalvage, PredictKnowsThatALogThatIsNotThereIsANewOne) {
     EXPECT_EQ(said.status, 0);
     EXPECT_THAT(said.output, testing::StartsWith("there is no such file yet\nfresh: "));
     EXPECT_EQ(test::run({"file", "predict", directory_.file("no/kelta_eventlog")}).status, 2);
+    ASSERT_EQ(symlink("nowhere", directory_.file("link").c_str()), 0);
+    EXPECT_EQ(test::run({"file", "predict", directory_.file("link")}).status, 2);
+}
+
+TEST_F(FileSalvage, PredictTellsLossesFromALogThatNoStartCanWorkWith) {
+    test::LogImage sound;
+    sound.firstEntry();
+    sound.events(1, 10);
+    sound.dummy();
+    sound.zerosTo();
+    auto predicted = [this](const test::LogImage& log) {
+        return test::run({"file", "predict", write("predicted", log.bytes)});
+    };
+    EXPECT_EQ(predicted(sound).status, 0);
+    test::LogImage rebuilt = sound;
+    rebuilt.damage(500);
+    rebuilt.damage(1300);
+    Said said = predicted(rebuilt);
+    EXPECT_EQ(said.status, 1);
+    EXPECT_THAT(said.output, HasSubstr("9 readable events are set aside in the debugging copy"));
+    test::LogImage later = sound;
+    later.damage(0);
+    said = predicted(later);
+    EXPECT_EQ(said.status, 1);
+    EXPECT_THAT(said.output, HasSubstr("at event 399 after the start, if each has 3848 bytes"));
+    test::LogImage fatal = sound;
+    fatal.damage(1100);
+    EXPECT_EQ(predicted(fatal).status, 2);
 }
 
 TEST_F(FileSalvage, WhatIsNoLogIsRefused) {

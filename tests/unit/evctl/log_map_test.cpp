@@ -82,6 +82,9 @@ TEST(LogMap, JsonHasTheSameCellsAndPositionsForPrograms) {
     log.bytes.resize(4000);
     log.dummy();
     support::writeFile(directory.file("log"), log.bytes);
+    log.bytes[2100] = 'x';
+    support::writeFile(directory.file("damaged"), log.bytes);
+    EXPECT_EQ(test::run({"file", "map", directory.file("damaged")}).status, 1);
     json = evctl::Json::parse(test::run({"file", "map", directory.file("log"), "--json"}).output);
     EXPECT_TRUE(json["oldestEvent"].is_null()) << json;
 }
@@ -99,10 +102,10 @@ TEST(LogMap, CellShowsTheWorstThatIsInIt) {
 TEST(LogMap, CellOfAGapAndUnusedSpaceIsAGap) {
     test::LogImage log;
     log.events(0, 10);
-    log.raw(std::string(500, 'g'));
+    log.raw(std::string(1500, 'g'));
     log.dummy();
     log.zerosTo();
-    EXPECT_EQ(rowOf(mapOfBytes(log.bytes), 0).substr(0, 5), ">W~..");
+    EXPECT_EQ(rowOf(mapOfBytes(log.bytes), 0).substr(0, 5), "WW>~.");
 }
 
 TEST(LogMap, DamageIsSeen) {

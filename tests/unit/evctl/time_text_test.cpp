@@ -108,6 +108,11 @@ TEST(TimeText, AnythingElseIsRefused) {
                              "next week"}) {
         EXPECT_EQ(parseTime(text, NOW), std::nullopt) << text;
     }
+    std::string far = "-";
+    for (int step = 0; step < 4000; step++) {
+        far += "4294967295w"; // in all, beyond 64 bits
+    }
+    EXPECT_EQ(parseTime(far, NOW), std::nullopt);
 }
 
 TEST(TimeText, LocalTimesAreThoseOfTheZone) {

@@ -60,6 +60,18 @@ TEST_F(TopPicture, RatesAreTheEventsOfTheLastStretchesOfTime) {
     EXPECT_EQ(all[8], "volmgr               0      1      1       1  12.5%  30 s       ##");
 }
 
+TEST_F(TopPicture, OfSourcesOfTheSameRatesTheOneWithMoreEventsComesFirst) {
+    add(18, 5);
+    add(20, 5);
+    for (int count = 0; count < 3; count++) {
+        add(20, 7200);
+    }
+    std::vector<std::string> all = lines();
+    ASSERT_EQ(all.size(), 9U);
+    EXPECT_THAT(all[7], StartsWith("volmgr "));
+    EXPECT_THAT(all[8], StartsWith("startup "));
+}
+
 TEST_F(TopPicture, EventsOfTheFutureAreOfNoStretch) {
     add(18, -5);
     std::vector<std::string> all = lines();

@@ -126,11 +126,52 @@ TEST(Predict, AgreesOnAStaleDummyInTheGap) {
 }
 
 // Behind the wrap the rest of the first event lies in the gap, and what it quotes is found there.
+// Whether an event that just fits discards one decides on when the record behind it is met.
+TEST(Predict, AgreesOnAnEventThatJustFitsIntoTheGap) {
+    for (size_t gap : {4007, 4008, 4009}) {
+        LogImage log;
+        log.events(1000, 20);
+        log.raw(std::string(gap, 'g'));
+        log.event(500, 3848);
+        log.event(777); // the ids go on elsewhere
+        log.events(501, 20);
+        log.dummy();
+        log.zerosTo();
+        expectAgreement(log, std::to_string(gap));
+    }
+}
+
+TEST(Predict, AgreesOnADummyThatSaysLessThanItsSpace) {
+    for (bool whole : {true, false}) {
+        LogImage log;
+        log.events(1000, 20);
+        log.events(500, 30);
+        log.dummy(100);
+        if (whole) {
+            log.zerosTo();
+        }
+        expectAgreement(log, whole ? "whole" : "short");
+    }
+}
+
+// The index has holes, and the first record lies at 0, as an empty entry says too.
+TEST(Predict, AgreesOnIdsThatJumpBehindTheFirstRecord) {
+    LogImage log;
+    log.event(5, 3848);
+    for (uint32_t id = 9000; log.bytes.size() + 4008 <= test::RING - 4008; id++) {
+        log.event(id, 3848);
+    }
+    log.dummy();
+    log.zerosTo();
+    expectAgreement(log, "jump");
+}
+
 TEST(Predict, AgreesOnAQuotedRecordInTheGapBehindTheWrap) {
     for (size_t before : {60, 100, 200, 300}) {
-        for (uint32_t id : {1001, 7}) {
+        for (uint32_t id : {1001, 7, 40}) {
             LogImage log;
-            std::string quoted = test::record({.id = id}, std::string(40, 'q'));
+            const uint8_t source = id == 40 ? 40 : 18; // no process has this one
+            std::string quoted = test::record({.id = id, .source = source}, std::string(40, 'q'));
             std::string first = std::string(before, 'e') + quoted;
             log.raw(test::record({.id = 1000}, first + std::string(3848 - first.size(), 'e')));
             for (uint32_t more = 1001; log.bytes.size() + 4008 <= test::RING; more++) {
