@@ -1,6 +1,5 @@
 /** evctl file map: the ring as it lies in its file. */
 #include "evctl/commands.h"
-#include "evctl/event_view.h"
 #include "evctl/log_map.h"
 #include "evctl/svg.h"
 

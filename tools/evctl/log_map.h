@@ -5,6 +5,7 @@
 #ifndef EVCTL_LOG_MAP_H
 #define EVCTL_LOG_MAP_H
 
+#include "evctl/event_view.h"
 #include "evctl/file.h"
 
 #include <optional>
