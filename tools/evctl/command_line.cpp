@@ -12,9 +12,10 @@ constexpr char PROGRAM[] = "evctl";
 
 /** A new subcommand is one more file and one more line here. */
 constexpr AddCommand COMMANDS[] = {
-    addLogCommand,     addFollowCommand,  addGetCommands,  addWalkCommand,     addArchiverCommands,
-    addStatusCommand,  addFileCommands,   addAelCommands,  addArchiveCommands, addCatalogCommands,
-    addParamsCommands, addExplainCommand, addStatsCommand, addTopCommand,      addSupportCommand};
+    addLogCommand,       addFollowCommand,   addGetCommands,    addWalkCommand,
+    addArchiverCommands, addStatusCommand,   addFileCommands,   addAelCommands,
+    addArchiveCommands,  addCatalogCommands, addParamsCommands, addExplainCommand,
+    addStatsCommand,     addTopCommand,      addSupportCommand, addCompleteCommand};
 
 int runChosen(const Chosen& chosen) {
     try {

@@ -58,6 +58,7 @@ void addFileMapCommand(CLI::App& parent, Chosen& chosen);
 void addFileCrashCommand(CLI::App& parent, Chosen& chosen);
 void addSupportCommand(CLI::App& parent, Chosen& chosen);
 void addStatsCommand(CLI::App& parent, Chosen& chosen);
+void addCompleteCommand(CLI::App& parent, Chosen& chosen);
 void addTopCommand(CLI::App& parent, Chosen& chosen);
 void addExplainCommand(CLI::App& parent, Chosen& chosen);
 void addAelCommands(CLI::App& parent, Chosen& chosen);

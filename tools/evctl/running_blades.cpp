@@ -17,7 +17,6 @@ namespace evctl {
 
 namespace {
 
-constexpr char TABLE[] = "/proc/sysvipc/shm";
 constexpr char WHAT_TO_DO[] = "; name one with --key, or give its directory";
 
 /** The blade that a line of the table tells of, if it does. */
@@ -67,10 +66,10 @@ std::vector<RunningBlade> runningBlades(std::istream& table) {
 }
 
 int onlyRunningBlade(bool anyOwner) {
-    std::ifstream table(TABLE);
+    std::ifstream table(SHARED_MEMORY_TABLE);
     if (!table) {
-        throw std::runtime_error(std::string("which blades run here cannot be told: ") + TABLE +
-                                 ": " + strerror(errno) + WHAT_TO_DO);
+        throw std::runtime_error(std::string("which blades run here cannot be told: ") +
+                                 SHARED_MEMORY_TABLE + ": " + strerror(errno) + WHAT_TO_DO);
     }
     std::vector<RunningBlade> blades = runningBlades(table);
     size_t all = blades.size();

@@ -20,6 +20,9 @@ struct RunningBlade {
     bool operator==(const RunningBlade&) const = default;
 };
 
+/** Where the system keeps its table of segments. */
+constexpr char SHARED_MEMORY_TABLE[] = "/proc/sysvipc/shm";
+
 /** The segments that have the size of a parameter block and that some process has attached, in a
  * table as the system keeps it (/proc/sysvipc/shm). */
 std::vector<RunningBlade> runningBlades(std::istream& table);

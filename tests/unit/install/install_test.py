@@ -151,6 +151,8 @@ class InstallTest(unittest.TestCase):
         (("evctl", ""), {"file", "log", "--help"}), (("evctl", "file", ""), {"list", "verify", "--help"}),
         (("evctl", "file", "list", "--"), {"--json", "--help"}),
         (("evctl", "file", "list", "-o", ""), {"short", "csv"}),
+        (("evctl", "file", "list", "--type", ""), {"warning", "error"}), (("evctl", "log", "--source", ""), {"startup", "snmp"}),
+        (("evctl", "explain", ""), {"unwrapped", "bad-source"}), (("evctl", "catalog", "show", ""), {"startup"}),
         (("evctl", "file", "list", "--around", ""), {"crash"}), (("evctl", "log", "--text", "x", "--"), {"--hex"}),
         (("msm", "--"), {"--help"}), (("blade", "--"), {"--slot", "--key"}), (("evarchiver", "--"), {"--listen"}),
     )
