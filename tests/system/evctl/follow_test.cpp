@@ -328,6 +328,61 @@ TEST_F(Follow, BehindTheCursorOfALogThatHasBegunAgainAllIsNew) {
     EXPECT_EQ(idsOf(evctl.output()), (std::vector{0, 1}));
 }
 
+TEST_F(Follow, WithRetryItGoesOnBehindTheLastEventWhenTheSwitchIsBack) {
+    support::MmsgListener asked(directory_.file("snmp"));
+    support::Process evctl = start({"--retry", "--count", "4"});
+    {
+        support::MmsgClient peer = listener_.accept();
+        support::MmsgClient inquiries = asked.accept();
+        answerIdentity(inquiries, eventBody(4));
+        answerAbout(inquiries, LAST, 0, eventBody(4));
+        peer.send(eventCopy(5, 2, ""));
+        evctl.waitForOutput("         5  ");
+    }
+    support::MmsgClient peer = listener_.accept();
+    support::MmsgClient inquiries = asked.accept();
+    answerIdentity(inquiries, eventBody(7));
+    answerAbout(inquiries, LAST, 0, eventBody(7));
+    answerAbout(inquiries, EXACT, 5, eventBody(5));
+    answerAbout(inquiries, NEXT, 5, eventBody(6));
+    answerAbout(inquiries, NEXT, 6, eventBody(7));
+    answerAbout(inquiries, NEXT, 7, {});
+    peer.send(eventCopy(8, 2, ""));
+    EXPECT_EQ(evctl.wait(), support::exitedWith(0)) << evctl.errorOutput();
+    EXPECT_EQ(idsOf(evctl.output()), (std::vector{5, 6, 7, 8}));
+    EXPECT_EQ(evctl.errorOutput(),
+              "evctl: the message switch closed the connection; waiting for it "
+              "to come back\nevctl: going on\n");
+}
+
+TEST_F(Follow, WithRetryNothingIsLostBeforeTheFirstEventHasCome) {
+    support::MmsgListener asked(directory_.file("snmp"));
+    support::Process evctl = start({"--retry", "--count", "1"});
+    {
+        support::MmsgClient peer = listener_.accept();
+        support::MmsgClient inquiries = asked.accept();
+        answerIdentity(inquiries, eventBody(4));
+        answerAbout(inquiries, LAST, 0, eventBody(4));
+    }
+    support::MmsgClient peer = listener_.accept();
+    support::MmsgClient inquiries = asked.accept();
+    answerIdentity(inquiries, eventBody(5));
+    answerAbout(inquiries, LAST, 0, eventBody(5));
+    answerAbout(inquiries, EXACT, 4, eventBody(4));
+    answerAbout(inquiries, NEXT, 4, eventBody(5));
+    EXPECT_EQ(evctl.wait(), support::exitedWith(0)) << evctl.errorOutput();
+    EXPECT_EQ(idsOf(evctl.output()), (std::vector{5}));
+}
+
+TEST_F(Follow, WithRetryTheTimeoutHoldsWhileTheSwitchIsAway) {
+    support::Process counted =
+        start({"--retry", "--endpoint", "smis", "--timeout", "0.05", "--count", "1"});
+    EXPECT_EQ(counted.wait(), support::exitedWith(1));
+    EXPECT_NE(counted.errorOutput().find("; waiting for it to come back\n"), std::string::npos);
+    support::Process evctl = start({"--retry", "--endpoint", "smis", "--timeout", "0.05"});
+    EXPECT_EQ(evctl.wait(), support::exitedWith(0));
+}
+
 TEST_F(Follow, KeepsTheCursorWhileNothingComes) {
     std::string cursor = directory_.file("cursor");
     support::Process evctl = start({"--cursor-file", cursor});
