@@ -3,8 +3,12 @@
 #include "common/text.h"
 #include "evctl/archive_commands.h"
 #include "evctl/event_view.h"
+#include "evctl/new_file.h"
 #include "reader.h"
 
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
@@ -14,7 +18,7 @@ namespace {
 constexpr char ARCHIVE_UPKEEP_COMMANDS_EXAMPLES[] =
     "Examples:\n"
     "  evctl archive backup --db events.db --to events-2026-11.db\n"
-    "  evctl archive prune --db events.db --keep-days 30\n"
+    "  evctl archive prune --db events.db --keep-days 30 --dry-run\n"
     "The archive may be in use; while vacuum runs, events wait.";
 
 struct UpkeepOptions {
@@ -22,6 +26,37 @@ struct UpkeepOptions {
     std::string target;
     evarchive::RetentionSettings retention;
     bool json = false;
+    bool dryRun = false;
+};
+
+/** A copy of an archive where temporary files are, and gone with this. */
+class ArchiveCopy {
+  public:
+    explicit ArchiveCopy(const std::string& archive)
+        : directory_(std::filesystem::temp_directory_path() / "evctl-prune-XXXXXX") {
+        if (mkdtemp(directory_.data()) == nullptr) {
+            failWith(directory_, errno);
+        }
+        try {
+            evarchive::backupArchive(archive, path());
+        } catch (...) {
+            remove();
+            throw;
+        }
+    }
+    ~ArchiveCopy() { remove(); }
+    ArchiveCopy(const ArchiveCopy&) = delete;
+    ArchiveCopy& operator=(const ArchiveCopy&) = delete;
+
+    std::string path() const { return directory_ + "/archive.db"; }
+
+  private:
+    void remove() const {
+        std::error_code error;
+        std::filesystem::remove_all(directory_, error);
+    }
+
+    std::string directory_;
 };
 
 /** The only member of an object, or a line. */
@@ -50,6 +85,13 @@ int runPrune(const UpkeepOptions& options) {
     requireFile(options.path);
     if (!options.retention.isBound()) {
         throw std::runtime_error("prune needs --keep-days, --max-bytes or --blade-quota");
+    }
+    if (options.dryRun) {
+        // The rules look at what they have removed already, so that only a trial tells.
+        const ArchiveCopy copy(options.path);
+        U64_t number = evarchive::pruneArchive(copy.path(), options.retention);
+        say(options, "eventsToRemove", number, std::to_string(number) + " events would be removed");
+        return tools::EXIT_DONE;
     }
     U64_t removed = evarchive::pruneArchive(options.path, options.retention);
     say(options, "eventsRemoved", removed, std::to_string(removed) + " events removed");
@@ -93,6 +135,8 @@ void addArchiveUpkeepCommands(CLI::App& group, Chosen& chosen) {
         ->check(tools::wholeNumber(0, 36'500));
     prune->add_option("--max-bytes", bounds.maxBytes, "Bytes of the archive in use");
     prune->add_option("--blade-quota", bounds.bladeQuota, "Events of one log");
+    prune->add_flag("--dry-run", pruneOptions->dryRun,
+                    "Only say how many it would be, tried on a copy in TMPDIR or /tmp");
 
     addOne(group, chosen, "vacuum", "Give the room of removed events back to the file system.",
            runVacuum);

@@ -9,6 +9,7 @@
 
 #include <gmock/gmock.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
 #include <sstream>
@@ -315,3 +316,9 @@ TEST_F(ArchiveCommands, WhatIsNotThereIsNotMade) {
     EXPECT_THAT(test::run({"archive", "backup", "--db", path_}).errors, HasSubstr("--to"));
     EXPECT_THAT(test::run({"archive", "export", "--db", path_}).errors, HasSubstr("--to"));
 }
+    const std::string before = support::readFile(path_);
+    setenv("TMPDIR", directory_.makeDirectory("tmp").c_str(), 1);
+    EXPECT_EQ(archive({"prune", "--blade-quota", "20", "--dry-run"}).output,
+              "30 events would be removed\n");
+    EXPECT_EQ(support::readFile(path_), before);
+    EXPECT_TRUE(std::filesystem::is_empty(directory_.file("tmp"))) << "the copy is gone";
