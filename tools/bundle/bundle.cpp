@@ -2,17 +2,22 @@
 
 #include "common/text.h"
 
+#include <algorithm>
 #include <archive.h>
 #include <archive_entry.h>
 #include <array>
+#include <map>
 #include <memory>
 #include <openssl/sha.h>
+#include <sstream>
 #include <stdexcept>
+#include <utility>
 
 namespace bundle {
 namespace {
 
 constexpr mode_t MODE = 0644;
+constexpr size_t DIGITS = size_t{2} * SHA256_DIGEST_LENGTH; // of a checksum
 
 struct EndRead {
     void operator()(struct archive* packed) const { archive_read_free(packed); }
@@ -47,7 +52,7 @@ void packOne(struct archive* packed, const Member& member, U32_t time) {
     archive_entry_set_size(entry.get(), static_cast<la_int64_t>(member.bytes.size()));
     archive_entry_set_filetype(entry.get(), AE_IFREG);
     archive_entry_set_perm(entry.get(), MODE);
-    archive_entry_set_mtime(entry.get(), time, 0);
+    archive_entry_set_mtime(entry.get(), static_cast<time_t>(member.time.value_or(time)), 0);
     require(archive_write_header(packed, entry.get()), packed);
     la_ssize_t count = archive_write_data(packed, member.bytes.data(), member.bytes.size());
     require(count < 0 ? ARCHIVE_FATAL : ARCHIVE_OK, packed);
@@ -113,7 +118,8 @@ bool Unpacking::readData(Member& member) {
 
 void Unpacking::take(struct archive_entry* entry) {
     const char* name = archive_entry_pathname(entry);
-    Member member = {.name = name == nullptr ? "" : name, .bytes = {}};
+    Member member = {
+        .name = name == nullptr ? "" : name, .bytes = {}, .time = archive_entry_mtime(entry)};
     if (archive_entry_filetype(entry) == AE_IFDIR) {
         return;
     }
@@ -169,6 +175,40 @@ std::vector<U8_t> pack(const std::vector<Member>& members, U32_t time) {
 
 std::vector<Member> unpack(std::span<const U8_t> packed, std::vector<std::string>* problems) {
     return Unpacking(packed, problems).run();
+}
+
+void compareChecksums(const std::vector<Member>& members, std::vector<std::string>* problems) {
+    auto sums = std::ranges::find_if(members, [](const Member& member) {
+        return member.name.substr(member.name.rfind('/') + 1) == CHECKSUMS;
+    });
+    if (sums == members.end()) {
+        return;
+    }
+    const std::string folder = sums->name.substr(0, sums->name.rfind('/') + 1);
+    std::map<std::string, const Member*> unchecked;
+    for (const Member& member : members) {
+        unchecked[member.name] = &member;
+    }
+    std::istringstream lines(std::string(sums->bytes.begin(), sums->bytes.end()));
+    for (std::string line; std::getline(lines, line);) {
+        const std::string digits = line.substr(0, DIGITS);
+        // Two blanks, or one and the sign of binary data.
+        const std::string name = line.size() > DIGITS + 2 ? line.substr(DIGITS + 2) : "";
+        auto member = unchecked.find(folder + name);
+        if (name.empty() || digits.find_first_not_of("0123456789abcdef") != std::string::npos) {
+            problems->push_back(std::string(CHECKSUMS) + ": a line that is no checksum");
+            return;
+        }
+        if (member == unchecked.end()) {
+            problems->push_back(tools::escapedText(name) + ": has a checksum, and is not there");
+            continue;
+        }
+        // Once: a hostile bundle may name a long member a thousand times.
+        const Member* compared = std::exchange(member->second, nullptr);
+        if (compared != nullptr && sha256(compared->bytes) != digits) {
+            problems->push_back(tools::escapedText(name) + ": does not agree with its checksum");
+        }
+    }
 }
 
 std::string sha256(std::span<const U8_t> bytes) {

@@ -3,6 +3,7 @@
 #include "common/names.h"
 #include "evctl/commands.h"
 #include "evctl/event_json.h"
+#include "evctl/file.h"
 #include "evctl/listing.h"
 #include "evctl/options.h"
 #include "sources/alternate_files.h"
@@ -10,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -25,23 +27,49 @@ constexpr char LIST_EXAMPLES[] =
     "The exit status is 1 when the next start will delete something without storing it.\n"
     "Examples:\n"
     "  evctl ael list --key 0x1234\n"
-    "  evctl ael list --dir /nvram/aelfiles --type error --since -1d -o csv";
+    "  evctl ael list --dir /nvram/aelfiles --type error --since -1d -o csv\n"
+    "  evctl ael list support.tar.gz";
 constexpr char SHOW_EXAMPLES[] =
     "Examples:\n"
     "  evctl ael show --key 0x1234\n"
     "  evctl ael show --dir /nvram/aelfiles kelta_alteventlog77.a1B2c3";
 
 struct AelOptions {
-    std::string directory;
+    std::string place; ///< a directory or a bundle
     KeyOptions block;
     std::vector<std::string> names; ///< show: only these
     bool json = false;              ///< show
     ListingOptions listing;         ///< list: filters, order and output of them
 };
 
-std::vector<AelFile> filesOf(const AelOptions& options) {
-    if (!options.directory.empty()) {
-        return sources::readAelDirectory(options.directory);
+bool isDirectory(const std::string& path) {
+    std::error_code error;
+    return std::filesystem::is_directory(path, error);
+}
+
+/** The alternate event log files of a bundle, or a single one. */
+std::vector<AelFile> filesIn(const std::string& path, int* status) {
+    std::vector<AelFile> files;
+    for (sources::LogFile& found : loadLogFiles(path, status)) {
+        if (found.kind == sources::Kind::ALTERNATE) {
+            AelFile file;
+            file.name = found.name.substr(found.name.find_last_of(":/") + 1);
+            file.size = found.image.fileSize;
+            file.modified = found.modified;
+            file.bytes = std::move(found.image.bytes);
+            sources::judgeAelFile(file);
+            files.push_back(std::move(file));
+        }
+    }
+    return sources::inOrderOfReplay(std::move(files));
+}
+
+/** @param status raised to a finding when something is wrong on the way */
+std::vector<AelFile> filesOf(const AelOptions& options, int* status) {
+    if (!options.place.empty()) {
+        bool isOneFile = options.place == "-" || std::filesystem::exists(options.place);
+        return isOneFile && !isDirectory(options.place) ? filesIn(options.place, status)
+                                                        : sources::readAelDirectory(options.place);
     }
     const MPU_PARAMS_t& params = attachParams(options.block);
     try {
@@ -134,13 +162,28 @@ int statusOfFiles(const std::vector<AelFile>& files) {
     return std::ranges::any_of(files, isLost) ? tools::EXIT_FINDING : tools::EXIT_DONE;
 }
 
-/** Those that the options want. A file without an event is one of them when any event would do. */
-std::vector<AelFile> selected(std::vector<AelFile> files, const ListingOptions& options) {
-    std::erase_if(files, [&options](const AelFile& file) {
-        return file.hasHeader() ? !options.filter.matches(file.event()) : !options.filter.isEmpty();
+/** A file without an event is wanted when any event would do. */
+bool isWanted(const AelFile& file, const ListingOptions& options) {
+    return file.hasHeader() ? options.filter.matches(file.event()) : options.filter.isEmpty();
+}
+
+/** Those that the options want. @param listed receives a mark for each file that was looked at, in
+ * this listing or in that of the cursor: those that are gone need none */
+std::vector<AelFile> selected(std::vector<AelFile> files, const ListingOptions& options,
+                              Cursor& listed) {
+    const Cursor before = startCursor(options).value_or(Cursor{});
+    U64_t left = options.first.value_or(UINT64_MAX);
+    std::erase_if(files, [&](const AelFile& file) {
+        const U64_t number = fileNumber(file.name, file.modified);
+        const bool isOld = before.find(number) != nullptr;
+        if (left == 0 && !isOld) {
+            return true;
+        }
+        listed.addFile(number);
+        const bool isShown = left > 0 && (!isOld || options.inclusive) && isWanted(file, options);
+        left -= isShown ? 1 : 0;
+        return !isShown;
     });
-    files.resize(
-        static_cast<size_t>(std::min<U64_t>(files.size(), options.first.value_or(UINT64_MAX))));
     U64_t excess = files.size() - std::min<U64_t>(files.size(), options.last.value_or(UINT64_MAX));
     files.erase(files.begin(), files.begin() + static_cast<std::ptrdiff_t>(excess));
     if (options.reverse) {
@@ -164,8 +207,8 @@ bool isFormOfFiles(Form form) {
     return form == Form::SHORT || form == Form::FULL || form == Form::JSON;
 }
 
-void printInForm(const std::vector<AelFile>& files, const OutputOptions& options) {
-    EventPrinter events(options);
+void printInForm(const std::vector<AelFile>& files, const OutputOptions& options,
+                 EventPrinter& events) {
     if (isFormOfFiles(options.form)) {
         for (const AelFile& file : files) {
             bool isApart = options.form == Form::FULL && &file != files.data();
@@ -181,23 +224,35 @@ void printInForm(const std::vector<AelFile>& files, const OutputOptions& options
 }
 
 int runList(const AelOptions& options) {
-    std::vector<AelFile> files = selected(filesOf(options), options.listing);
-    printInForm(files, options.listing.output);
-    return statusOfFiles(files);
+    int status = tools::EXIT_DONE;
+    Cursor listed;
+    std::vector<AelFile> files = selected(filesOf(options, &status), options.listing, listed);
+    Pager pager(!options.listing.noPager);
+    EventPrinter events(options.listing.output,
+                        {.paged = pager.isThere(), .colours = pager.showsColours()});
+    printInForm(files, options.listing.output, events);
+    bool isShown = tellCursor(options.listing, listed, events, pager);
+    return isShown ? std::max(status, statusOfFiles(files)) : tools::EXIT_COULD_NOT;
 }
 
 int runShow(const AelOptions& options) {
-    std::vector<AelFile> files = chosenOf(filesOf(options), options.names);
-    printInForm(files, {.form = options.json ? Form::JSON : Form::FULL});
-    return statusOfFiles(files);
+    int status = tools::EXIT_DONE;
+    std::vector<AelFile> files = chosenOf(filesOf(options, &status), options.names);
+    const OutputOptions output = {.form = options.json ? Form::JSON : Form::FULL};
+    EventPrinter events(output);
+    printInForm(files, output, events);
+    return std::max(status, statusOfFiles(files));
 }
 
-void addWhere(CLI::App& command, AelOptions& options) {
+CLI::Option_group* addWhere(CLI::App& command, AelOptions& options) {
     CLI::Option_group* where = command.add_option_group("Directory");
-    where->add_option("--dir", options.directory, "Directory of the alternate event log files")
+    where
+        ->add_option("--dir", options.place,
+                     "Directory of the alternate event log files, or a bundle with them")
         ->type_name("DIR");
     addKeyOption(*where, options.block);
     where->require_option(0, 1);
+    return where;
 }
 
 } // namespace
@@ -206,13 +261,16 @@ void addAelListCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<AelOptions>();
     CLI::App& command =
         addCommand(parent, "list", "List the files and what becomes of them.", LIST_EXAMPLES);
-    addWhere(command, *options);
+    addWhere(command, *options)
+        ->add_option("PLACE", options->place, "As --dir: a directory, or a bundle");
     ListingOptions& listing = options->listing;
     addZoneOption(command, listing.output.zone);
     addFilterOptions(command, listing.filter, &listing.output.zone);
     addLogChoice(command, listing.filter.logs);
     addOrderOptions(command, listing);
+    addCursorOptions(command, listing);
     addOutputOptions(command, listing.output);
+    addPagerOption(command, listing.noPager);
     onChosen(command, chosen, options, runList);
 }
 
@@ -223,7 +281,7 @@ void addAelShowCommand(CLI::App& parent, Chosen& chosen) {
     addWhere(command, *options);
     command.add_flag("--json", options->json, "One JSON object a line, events with their data");
     command.add_option("NAME", options->names, "Only these files; none: all");
-    onChosen(command, chosen, options, runShow);
+    onChosenPaged(command, chosen, options, runShow);
 }
 
 } // namespace evctl

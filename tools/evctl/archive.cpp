@@ -1,5 +1,5 @@
 /** evctl archive: what an archive of events holds. */
-#include "evctl/commands.h"
+#include "evctl/pager.h"
 
 #if EVCTL_READS_ARCHIVES
 #include "archive_report.h"
@@ -51,7 +51,7 @@ void addOne(CLI::App& group, Chosen& chosen, const std::string& name, const std:
         ->type_name("PLACE")
         ->required();
     command.add_flag("--json", options->json, "As JSON");
-    onChosen(command, chosen, options, run);
+    onChosenPaged(command, chosen, options, run);
 }
 
 } // namespace

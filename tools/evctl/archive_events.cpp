@@ -22,6 +22,7 @@ constexpr char ARCHIVE_EVENTS_EXAMPLES[] =
     "  evctl archive events --db events.db --type error --slot 3\n"
     "  evctl archive get 4711 --db events.db --blade BLADE-42 --data\n"
     "  evctl archive export --db events.db --to events.jsonl\n"
+    "  evctl archive export --db events.db --to $(date +%F).jsonl --cursor-file exported\n"
     "The archive is only read, and may be in use.";
 
 /** Which logs of an archive. */
@@ -81,6 +82,41 @@ U64_t forEachEvent(const LogFilter& logs, const Take& take) {
     return damaged;
 }
 
+/** forEachEvent() of what the cursor and the filters want.
+ * @param read receives how far has been read */
+template <typename Take>
+U64_t forEachWanted(const EventsOptions& options, Cursor& read, const Take& take) {
+    std::map<evarchive::SeriesKey, sources::Origin> origins;
+    auto eventIn = [&origins](const auto& generation, const evarchive::StoredEvent& event) {
+        sources::Event found;
+        found.view = viewOf(event);
+        found.position = generation.number.generation;
+        found.origin =
+            &origins.try_emplace(generation.key, sources::Origin{"", sources::Kind::ARCHIVE})
+                 .first->second;
+        return found;
+    };
+    std::optional<Resume> resume;
+    if (std::optional<Cursor> start = startCursor(options.listing)) {
+        read = *start;
+        resume.emplace(*std::move(start), options.listing.inclusive);
+        forEachEvent(options.logs, [&](const auto& generation, const auto& event) {
+            resume->look(eventIn(generation, event));
+        });
+        sayLines(resume->notes());
+    }
+    return forEachEvent(options.logs, [&](const auto& generation, const auto& event) {
+        const sources::Event found = eventIn(generation, event);
+        if (resume && !resume->wants(found)) {
+            return;
+        }
+        read.moveTo(found);
+        if (options.listing.filter.matches(found.view)) {
+            take(generation, event);
+        }
+    });
+}
+
 /** Says what was left out. @return the exit status */
 int conclude(U64_t damaged) {
     if (damaged == 0) {
@@ -88,6 +124,14 @@ int conclude(U64_t damaged) {
     }
     std::cerr << "evctl: " << damaged << " damaged events left out; see 'evctl archive check'\n";
     return tools::EXIT_FINDING;
+}
+
+/** @return the exit status */
+int tellCursor(const EventsOptions& options, const Cursor& read) {
+    EventPrinter printer(options.listing.output);
+    Pager none(false);
+    return tellCursor(options.listing, read, printer, none) ? tools::EXIT_DONE
+                                                            : tools::EXIT_COULD_NOT;
 }
 
 int runEvents(const EventsOptions& options) {
@@ -156,18 +200,17 @@ class NewFile {
 int runExport(const EventsOptions& options) {
     NewFile file(options.target);
     U64_t count = 0;
+    Cursor read;
     const U64_t damaged =
-        forEachEvent(options.logs, [&](const auto& generation, const auto& event) {
-            if (options.listing.filter.matches(viewOf(event))) {
-                file.write(jsonLineOf(
-                    {}, eventMembers(viewOf(event)),
-                    {{"generation", generation.number.generation}, {"received", event.received}}));
-                ++count;
-            }
+        forEachWanted(options, read, [&](const auto& generation, const auto& event) {
+            file.write(jsonLineOf(
+                {}, eventMembers(viewOf(event)),
+                {{"generation", generation.number.generation}, {"received", event.received}}));
+            ++count;
         });
     file.finish();
     std::cout << count << " events written to " << options.target << "\n";
-    return conclude(damaged);
+    return std::max(tellCursor(options, read), conclude(damaged));
 }
 
 /** What an archive holds, in numbers. */
@@ -181,15 +224,14 @@ struct Stats {
 
 int runStats(const EventsOptions& options) {
     Stats stats;
+    Cursor read;
     const U64_t damaged =
-        forEachEvent(options.logs, [&](const auto& generation, const auto& event) {
-            if (options.listing.filter.matches(viewOf(event))) {
-                ++stats.events;
-                stats.bytes += event.image.size();
-                stats.doubtful += event.doubtful ? 1 : 0;
-                ++stats.types[viewOf(event).header->evType];
-                stats.logs.insert(generation.key);
-            }
+        forEachWanted(options, read, [&](const auto& generation, const auto& event) {
+            ++stats.events;
+            stats.bytes += event.image.size();
+            stats.doubtful += event.doubtful ? 1 : 0;
+            ++stats.types[viewOf(event).header->evType];
+            stats.logs.insert(generation.key);
         });
     U64_t aside = 0;
     evarchive::openForReading(options.logs.path)
@@ -205,12 +247,12 @@ int runStats(const EventsOptions& options) {
                        {"setAside", aside},         {"types", types}};
     if (options.listing.output.form == Form::JSON) {
         std::cout << jsonLine(json);
-        return conclude(damaged);
+    } else {
+        for (const auto& [name, value] : json.items()) {
+            std::cout << name << " " << value.dump() << "\n";
+        }
     }
-    for (const auto& [name, value] : json.items()) {
-        std::cout << name << " " << value.dump() << "\n";
-    }
-    return conclude(damaged);
+    return std::max(tellCursor(options, read), conclude(damaged));
 }
 
 std::pair<CLI::App*, std::shared_ptr<EventsOptions>> addOne(CLI::App& group, Chosen& chosen,
@@ -222,6 +264,13 @@ std::pair<CLI::App*, std::shared_ptr<EventsOptions>> addOne(CLI::App& group, Cho
     addLogOptions(command, options->logs);
     onChosen(command, chosen, options, run);
     return {&command, options};
+}
+
+/** What is counted or written, not how it is shown: --local is for the times in the options. */
+void addReadingOptions(CLI::App& command, ListingOptions& listing) {
+    addZoneOption(command, listing.output.zone);
+    addFilterOptions(command, listing.filter, &listing.output.zone);
+    addCursorOptions(command, listing);
 }
 
 } // namespace
@@ -241,7 +290,7 @@ void addArchiveEventCommands(CLI::App& group, Chosen& chosen) {
 
     const auto [stats, statsOptions] =
         addOne(group, chosen, "stats", "Count its logs, events and bytes.", runStats);
-    addFilterOptions(*stats, statsOptions->listing.filter);
+    addReadingOptions(*stats, statsOptions->listing);
     stats->add_flag_callback(
         "--json", [options = statsOptions] { options->listing.output.form = Form::JSON; },
         "As JSON");
@@ -249,7 +298,7 @@ void addArchiveEventCommands(CLI::App& group, Chosen& chosen) {
     const auto [write, writeOptions] =
         addOne(group, chosen, "export", "Write its events to a new file, a JSON object a line.",
                runExport);
-    addFilterOptions(*write, writeOptions->listing.filter);
+    addReadingOptions(*write, writeOptions->listing);
     write->add_option("--to", writeOptions->target, "The file, which must not be there yet")
         ->type_name("FILE")
         ->required();

@@ -5,6 +5,7 @@
 #include "evctl/commands.h"
 #include "evctl/event_view.h"
 #include "evctl/options.h"
+#include "evctl/pager.h"
 
 #include <array>
 #include <iostream>
@@ -185,7 +186,7 @@ void addCatalogCommands(CLI::App& parent, Chosen& chosen) {
     auto list = std::make_shared<CatalogOptions>();
     CLI::App& listCommand = addCommand(group, "list", "List the events that are known.", "");
     listCommand.add_flag("--json", list->json, "One JSON object a line");
-    onChosen(listCommand, chosen, list, runList);
+    onChosenPaged(listCommand, chosen, list, runList);
 
     auto show = std::make_shared<CatalogOptions>();
     CLI::App& showCommand =
@@ -195,14 +196,14 @@ void addCatalogCommands(CLI::App& parent, Chosen& chosen) {
         ->required();
     showCommand.add_option("ID", show->id, "Event id")->type_name("NAME|NUMBER")->required();
     showCommand.add_flag("--json", show->json, "As a JSON object");
-    onChosen(showCommand, chosen, show, runShow);
+    onChosenPaged(showCommand, chosen, show, runShow);
 
     auto check = std::make_shared<CatalogOptions>();
     CLI::App& checkCommand =
         addCommand(group, "check", "Say what is wrong in a catalogue.", CATALOG_CHECK_EXAMPLES);
     checkCommand.add_option("FILE", check->files, "Files of a catalogue");
     checkCommand.add_flag("--json", check->json, "One JSON object a line");
-    onChosen(checkCommand, chosen, check, runCheck);
+    onChosenPaged(checkCommand, chosen, check, runCheck);
 }
 
 } // namespace evctl

@@ -47,6 +47,22 @@ U64_t logOf(const sources::Event& event) {
     return logNumber(*event.view.header, isCopy);
 }
 
+bool isOfArchive(const sources::Event& event) {
+    return event.origin != nullptr && event.origin->kind == sources::Kind::ARCHIVE;
+}
+
+/** Whether a log counted @p id behind @p other; behind 2^32 - 1 comes 0. */
+bool isCountedBehind(U32_t id, U32_t other) {
+    return static_cast<S32_t>(id - other) > 0;
+}
+
+/** Whether an event must be newer than a mark whose own event is not with it.
+ * @param onlyRising instances only rise; else one that fell back has counted on all the same */
+bool isNewer(const LogMark& event, const LogMark& mark, bool onlyRising) {
+    return event.instance > mark.instance || ((event.instance == mark.instance || !onlyRising) &&
+                                              isCountedBehind(event.sequenceId, mark.sequenceId));
+}
+
 bool hasNoOrder(const sources::Event& event) {
     return event.origin != nullptr && event.origin->kind == sources::Kind::ALTERNATE;
 }
@@ -64,6 +80,20 @@ U64_t logNumber(const EmpEvLogHeader_t& header, bool isCopy) {
 
 LogMark markOf(const EmpEvLogHeader_t& header) {
     return {header.evInstanceNumber, header.evSequenceId, header.evTime};
+}
+
+U64_t fileNumber(const std::string& name, S64_t modified) {
+    Hash hash;
+    hash.take(name.c_str(), name.size() + 1);
+    const std::string time = std::to_string(modified);
+    hash.take(time.data(), time.size());
+    hash.take("f", 1);
+    return hash.value();
+}
+
+std::string lostMarkText(const LogMark& mark, const std::string& shown) {
+    return "event " + std::to_string(mark.sequenceId) + " of instance " +
+           std::to_string(mark.instance) + ", where the cursor stands, is not there; " + shown;
 }
 
 std::optional<Cursor> Cursor::parse(const std::string& text) {
@@ -114,42 +144,87 @@ const LogMark* Resume::markFor(const sources::Event& event, U64_t log) const {
     return hasNoOrder(event) ? nullptr : cursor_.find(log);
 }
 
+void Resume::look(const sources::Event& event) {
+    const U64_t log = logOf(event);
+    const LogMark* mark = markFor(event, log);
+    if (mark == nullptr) {
+        return;
+    }
+    const LogMark found = markOf(*event.view.header);
+    Seen& seen = seen_[{event.origin, log}];
+    if (found == *mark) {
+        seen.mark = event.position;
+        found_.insert(log);
+    } else if (found.instance == mark->instance && found.sequenceId == mark->sequenceId) {
+        seen.other = true;
+    }
+    seen.newer = seen.newer || isNewer(found, *mark, isOfArchive(event));
+    seen.rising = seen.rising || isNewer(found, *mark, true);
+    seen.newest = std::max(seen.newest, found.time);
+}
+
 void Resume::look(sources::Source& source) {
     while (std::optional<sources::Event> event = source.next()) {
-        U64_t log = logOf(*event);
-        const LogMark* mark = markFor(*event, log);
-        if (mark == nullptr) {
-            continue;
-        }
-        LogMark found = markOf(*event->view.header);
-        Seen& seen = seen_[{event->origin, log}];
-        bool inPlace = found.instance == mark->instance && found.sequenceId == mark->sequenceId;
-        seen.mark = seen.mark || found == *mark;
-        seen.other = seen.other || (inPlace && found != *mark);
-        seen.behind = seen.behind ||
-                      (found.instance == mark->instance && found.sequenceId > mark->sequenceId);
-        seen.newest = std::max(seen.newest, found.time);
+        look(*event);
     }
     source.rewind();
 }
 
-bool Resume::Seen::hasBegunAgain(const LogMark& marked) const {
-    // What only ends before the mark may also be an older state of the same log.
-    return !mark && (other || (!behind && newest > marked.time));
+Resume::Standing Resume::standingOf(const Place& place, const Seen& seen) const {
+    if (seen.mark) {
+        return Standing::FOUND;
+    }
+    if (seen.other) {
+        return Standing::REPLACED;
+    }
+    // Beside the mark's own log an earlier instance is a copy of before.
+    const bool isElsewhere = found_.contains(place.second);
+    if (isElsewhere ? seen.rising : seen.newer) {
+        return Standing::GONE;
+    }
+    const LogMark& mark = *cursor_.find(place.second);
+    return isElsewhere && seen.newest <= mark.time ? Standing::OLDER : Standing::UNKNOWN;
 }
 
 bool Resume::wants(const sources::Event& event) const {
-    U64_t log = logOf(event);
+    const U64_t log = logOf(event);
     const LogMark* mark = markFor(event, log);
-    auto seen = seen_.find({event.origin, log});
-    if (mark == nullptr || (seen != seen_.end() && seen->second.hasBegunAgain(*mark))) {
+    const Place place = {event.origin, log};
+    auto seen = seen_.find(place);
+    if (mark == nullptr || seen == seen_.end()) {
         return true;
     }
-    LogMark found = markOf(*event.view.header);
-    if (found.instance != mark->instance) {
-        return found.instance > mark->instance;
+    const LogMark found = markOf(*event.view.header);
+    switch (standingOf(place, seen->second)) {
+    case Standing::FOUND:
+        break;
+    case Standing::GONE:
+        return isNewer(found, *mark, isOfArchive(event) || found_.contains(log));
+    case Standing::OLDER:
+        return false;
+    default:
+        return true;
     }
-    return found.sequenceId > mark->sequenceId || (inclusive_ && found == *mark);
+    if (isOfArchive(event) && event.position != *seen->second.mark) {
+        return event.position > *seen->second.mark; // generations
+    }
+    return found == *mark ? inclusive_ : isCountedBehind(found.sequenceId, mark->sequenceId);
+}
+
+std::vector<std::string> Resume::notes() const {
+    std::vector<std::string> notes;
+    for (const auto& [place, seen] : seen_) {
+        const Standing standing = standingOf(place, seen);
+        const LogMark& mark = *cursor_.find(place.second);
+        const std::string name =
+            place.first == nullptr || place.first->name.empty() ? "" : place.first->name + ": ";
+        if (standing == Standing::REPLACED || standing == Standing::UNKNOWN) {
+            notes.push_back(name + lostMarkText(mark, "all of its log is shown"));
+        } else if (standing == Standing::GONE && !found_.contains(place.second)) {
+            notes.push_back(name + lostMarkText(mark, "what is newer is shown"));
+        }
+    }
+    return notes;
 }
 
 } // namespace evctl

@@ -3,6 +3,7 @@
 #include "common/text.h"
 #include "evctl/commands.h"
 #include "evctl/lines.h"
+#include "evctl/pager.h"
 
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -75,7 +76,7 @@ void addExplainCommand(CLI::App& parent, Chosen& chosen) {
         ->required()
         ->check(tools::notEmpty());
     command.add_flag("--json", options->json, "One JSON object a line");
-    onChosen(command, chosen, options, runExplain);
+    onChosenPaged(command, chosen, options, runExplain);
 }
 
 } // namespace evctl

@@ -30,17 +30,20 @@ void addFileArgument(CLI::App& command, std::string& path) {
     command.add_option("FILE", path, "The event log file; it is only read")->required();
 }
 
-std::vector<sources::LogFile> loadLogFiles(const std::string& path) {
+std::vector<sources::LogFile> loadLogFiles(const std::string& path, int* status) {
     std::vector<std::string> notices;
     std::vector<sources::LogFile> files = sources::loadLogFiles(path, &notices);
     for (const std::string& notice : notices) {
         std::cerr << "evctl: " << tools::shownLine(notice) << "\n";
     }
+    if (status != nullptr && !notices.empty()) {
+        *status = std::max<int>(*status, tools::EXIT_FINDING);
+    }
     return files;
 }
 
-EvlogImage_t loadAnyLog(const std::string& path) {
-    std::vector<sources::LogFile> files = loadLogFiles(path);
+EvlogImage_t loadAnyLog(const std::string& path, int* status) {
+    std::vector<sources::LogFile> files = loadLogFiles(path, status);
     auto place = std::ranges::find_if(files, [](const sources::LogFile& file) {
         return file.name.ends_with(&EMP_LOG_FILE_NAME[1]);
     });
@@ -53,8 +56,8 @@ void requireLog(const std::string& name, const EvlogImage_t& image) {
     }
 }
 
-EvlogImage_t loadLog(const std::string& path) {
-    EvlogImage_t image = loadAnyLog(path);
+EvlogImage_t loadLog(const std::string& path, int* status) {
+    EvlogImage_t image = loadAnyLog(path, status);
     requireLog(path, image);
     return image;
 }

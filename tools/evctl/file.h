@@ -18,15 +18,16 @@ namespace evctl {
 void addFileArgument(CLI::App& command, std::string& path);
 
 /** What a file holds, compressed or a bundle as it may be; what is wrong on the way goes to
- * standard error. Throws when it cannot be read. */
-std::vector<sources::LogFile> loadLogFiles(const std::string& path);
+ * standard error. Throws when it cannot be read.
+ * @param status raised to a finding when something is wrong; nullptr: not wanted */
+std::vector<sources::LogFile> loadLogFiles(const std::string& path, int* status = nullptr);
 
 /** Reads a file that the event manager may be given as its log; of a bundle the log in it. Throws
  * when it cannot be read. */
-EvlogImage_t loadAnyLog(const std::string& path);
+EvlogImage_t loadAnyLog(const std::string& path, int* status = nullptr);
 
 /** loadAnyLog(); throws also when it is no event log. */
-EvlogImage_t loadLog(const std::string& path);
+EvlogImage_t loadLog(const std::string& path, int* status = nullptr);
 
 /** Throws when a file is no event log. */
 void requireLog(const std::string& name, const EvlogImage_t& image);

@@ -2,6 +2,7 @@
 #include "evctl/commands.h"
 #include "evctl/crash_view.h"
 #include "evctl/file.h"
+#include "evctl/pager.h"
 
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -36,7 +37,8 @@ void printCrash(const Crash& crash, const CrashOptions& options, size_t number, 
 }
 
 int runCrash(const CrashOptions& options) {
-    EvlogImage_t image = loadLog(options.path);
+    int status = tools::EXIT_DONE;
+    EvlogImage_t image = loadLog(options.path, &status);
     LogContent content = readLog(image);
     sortByAge(content.records);
     std::vector<Crash> crashes = findCrashes(content.records);
@@ -44,7 +46,7 @@ int runCrash(const CrashOptions& options) {
     for (size_t number = 1; number <= shown; number++) {
         printCrash(crashes[crashes.size() - number], options, number, crashes.size());
     }
-    return crashes.empty() ? statusOf(content) : tools::EXIT_FINDING;
+    return crashes.empty() ? std::max(status, statusOf(content)) : tools::EXIT_FINDING;
 }
 
 } // namespace
@@ -62,7 +64,7 @@ void addFileCrashCommand(CLI::App& parent, Chosen& chosen) {
         ->capture_default_str()
         ->check(CLI::IsMember({"summary", "all"}));
     command.add_flag("--json", options->json, "One JSON object a line");
-    onChosen(command, chosen, options, runCrash);
+    onChosenPaged(command, chosen, options, runCrash);
 }
 
 } // namespace evctl

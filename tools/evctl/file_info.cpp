@@ -6,7 +6,9 @@
 #include "evctl/file_identity.h"
 #include "evctl/lines.h"
 #include "evctl/options.h"
+#include "evctl/pager.h"
 
+#include <algorithm>
 #include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -87,12 +89,13 @@ Json infoJson(const InfoOptions& options, const EvlogImage_t& image, const LogCo
 }
 
 int runInfo(const InfoOptions& options) {
-    EvlogImage_t image = loadLog(options.path);
+    int status = tools::EXIT_DONE;
+    EvlogImage_t image = loadLog(options.path, &status);
     std::optional<EvlogIdentity_t> identity = identityOf(options.identity);
     LogContent content = readLog(image, identity ? &*identity : nullptr);
     Json json = infoJson(options, image, content);
     std::cout << (options.json ? jsonLine(json) : namedLines(json, 22));
-    return statusOf(content);
+    return std::max(status, statusOf(content));
 }
 
 } // namespace
@@ -105,7 +108,7 @@ void addFileInfoCommand(CLI::App& parent, Chosen& chosen) {
     addFileArgument(command, options->path);
     addIdentityOfFile(command, options->identity);
     command.add_flag("--json", options->json, "As a JSON object");
-    onChosen(command, chosen, options, runInfo);
+    onChosenPaged(command, chosen, options, runInfo);
 }
 
 } // namespace evctl

@@ -1,8 +1,10 @@
 /** evctl file map: the ring as it lies in its file. */
 #include "evctl/commands.h"
 #include "evctl/log_map.h"
+#include "evctl/pager.h"
 #include "evctl/svg.h"
 
+#include <algorithm>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
@@ -20,7 +22,8 @@ struct MapOptions {
 };
 
 int runMap(const MapOptions& options) {
-    EvlogImage_t image = loadLog(options.path);
+    int status = tools::EXIT_DONE;
+    EvlogImage_t image = loadLog(options.path, &status);
     LogContent content = readLog(image);
     LogMap map = mapOf(content);
     if (options.form == "json") {
@@ -30,7 +33,7 @@ int runMap(const MapOptions& options) {
     } else {
         std::cout << mapLines(map, content);
     }
-    return statusOf(content);
+    return std::max(status, statusOf(content));
 }
 
 } // namespace
@@ -47,7 +50,7 @@ void addFileMapCommand(CLI::App& parent, Chosen& chosen) {
         ->check(CLI::IsMember({"text", "svg", "json"}));
     command.add_flag_callback(
         "--json", [options] { options->form = "json"; }, "As -o json: one object");
-    onChosen(command, chosen, options, runMap);
+    onChosenPaged(command, chosen, options, runMap);
 }
 
 } // namespace evctl

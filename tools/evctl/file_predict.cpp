@@ -86,7 +86,8 @@ void printLines(const EvlogPrediction_t& prediction) {
 int runPredict(const PredictOptions& options) {
     // Also of a file that is no log: the event manager takes any, and makes one that is not there.
     bool isThere = !isMissing(options.path);
-    EvlogImage_t image = isThere ? loadAnyLog(options.path) : EvlogImage_t{};
+    int status = tools::EXIT_DONE;
+    EvlogImage_t image = isThere ? loadAnyLog(options.path, &status) : EvlogImage_t{};
     std::optional<EvlogIdentity_t> identity = identityOf(options.identity);
     EvlogPrediction_t prediction = evlogPredict(image, identity ? &*identity : nullptr);
     if (options.json) {
@@ -98,7 +99,7 @@ int runPredict(const PredictOptions& options) {
     if (prediction.isFatal()) {
         return tools::EXIT_COULD_NOT;
     }
-    return prediction.lost > 0 || prediction.bugcheck ? tools::EXIT_FINDING : tools::EXIT_DONE;
+    return prediction.lost > 0 || prediction.bugcheck ? int{tools::EXIT_FINDING} : status;
 }
 
 } // namespace

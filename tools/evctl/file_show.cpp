@@ -5,6 +5,7 @@
 #include "evctl/event_view.h"
 #include "evctl/file.h"
 #include "evctl/options.h"
+#include "evctl/pager.h"
 
 #include <algorithm>
 #include <iostream>
@@ -53,7 +54,8 @@ std::string idsText(const LogContent& content) {
 }
 
 int runShow(const ShowOptions& options) {
-    EvlogImage_t image = loadLog(options.path);
+    int status = tools::EXIT_DONE;
+    EvlogImage_t image = loadLog(options.path, &status);
     LogContent content = readLog(image);
     bool found = false;
     for (const EvlogRecord_t& record : content.records) {
@@ -74,7 +76,7 @@ int runShow(const ShowOptions& options) {
                   << idsText(content) << "\n";
         return tools::EXIT_FINDING;
     }
-    return statusOf(content);
+    return std::max(status, statusOf(content));
 }
 
 } // namespace
@@ -93,7 +95,7 @@ void addFileShowCommand(CLI::App& parent, Chosen& chosen) {
         ->check(tools::wholeNumber(0, UINT32_MAX));
     which->require_option(1);
     command.add_flag("--json", options->json, "As a JSON object");
-    onChosen(command, chosen, options, runShow);
+    onChosenPaged(command, chosen, options, runShow);
 }
 
 } // namespace evctl

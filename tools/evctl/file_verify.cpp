@@ -2,7 +2,9 @@
 #include "evctl/commands.h"
 #include "evctl/event_view.h"
 #include "evctl/file.h"
+#include "evctl/pager.h"
 
+#include <algorithm>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
@@ -30,12 +32,13 @@ void printFinding(const EvlogFinding_t& finding, bool json) {
 }
 
 int runVerify(const VerifyOptions& options) {
-    EvlogImage_t image = loadLog(options.path);
+    int status = tools::EXIT_DONE;
+    EvlogImage_t image = loadLog(options.path, &status);
     LogContent content = readLog(image);
     for (const EvlogFinding_t& finding : content.findings) {
         printFinding(finding, options.json);
     }
-    return statusOf(content);
+    return std::max(status, statusOf(content));
 }
 
 } // namespace
@@ -46,7 +49,7 @@ void addFileVerifyCommand(CLI::App& parent, Chosen& chosen) {
                                    FILE_VERIFY_EXAMPLES);
     addFileArgument(command, options->path);
     command.add_flag("--json", options->json, "One JSON object a line");
-    onChosen(command, chosen, options, runVerify);
+    onChosenPaged(command, chosen, options, runVerify);
 }
 
 } // namespace evctl

@@ -127,6 +127,12 @@ void addCursorOptions(CLI::App& command, ListingOptions& options) {
     command.get_option("--cursor")->excludes("--after-cursor");
 }
 
+void sayLines(const std::vector<std::string>& lines) {
+    for (const std::string& line : lines) {
+        std::cerr << "evctl: " << line << "\n";
+    }
+}
+
 void writeCursorFile(const std::string& path, const Cursor& cursor) {
     const std::string draft = path + ".new" + std::to_string(getpid());
     unlink(draft.c_str()); // of another one of this number, which was stopped half-way
@@ -158,7 +164,7 @@ void addListingOptions(CLI::App& command, ListingOptions& options) {
     addAroundOption(command, options);
     addCursorOptions(command, options);
     addOutputOptions(command, options.output);
-    command.add_flag("--no-pager", options.noPager, "No pager, also on a terminal");
+    addPagerOption(command, options.noPager);
 }
 
 std::optional<Cursor> startCursor(const ListingOptions& options) {
@@ -247,15 +253,15 @@ void Listing::keepNeighbours() {
     kept_ = std::move(near);
 }
 
-/** @return whether all could be shown, as far as anybody wanted to see it */
-bool Listing::tellCursor() {
-    if (options_.showCursor) {
-        printer_.printCursor(cursor_.text());
+bool tellCursor(const ListingOptions& options, const Cursor& cursor, EventPrinter& printer,
+                Pager& pager) {
+    if (options.showCursor) {
+        printer.printCursor(cursor.text());
     }
     bool isTaken = static_cast<bool>(std::cout.flush());
-    bool isShown = pager_.finish();
-    if (!options_.cursorFile.empty() && isTaken && isShown) {
-        writeCursorFile(options_.cursorFile, cursor_);
+    bool isShown = pager.finish();
+    if (!options.cursorFile.empty() && isTaken && isShown) {
+        writeCursorFile(options.cursorFile, cursor);
     }
     return isShown;
 }
@@ -271,7 +277,7 @@ int Listing::finish() {
         printer_.print(event);
     }
     kept_.clear();
-    bool isShown = tellCursor();
+    bool isShown = tellCursor(options_, cursor_, printer_, pager_);
     if (!foundAnchor_) {
         std::cerr << "evctl: no "
                   << (options_.around->sequenceId
@@ -282,14 +288,21 @@ int Listing::finish() {
     return !isShown ? tools::EXIT_COULD_NOT : foundAnchor_ ? tools::EXIT_DONE : tools::EXIT_FINDING;
 }
 
-int listSources(sources::Sources sources, const ListingOptions& options, bool several) {
-    std::optional<Resume> resume;
-    if (std::optional<Cursor> cursor = startCursor(options)) {
-        resume.emplace(*std::move(cursor), options.inclusive);
-        for (const auto& source : sources) {
-            resume->look(*source);
-        }
+std::optional<Resume> resumeOf(const ListingOptions& options, const sources::Sources& sources) {
+    std::optional<Cursor> cursor = startCursor(options);
+    if (!cursor) {
+        return std::nullopt;
     }
+    Resume resume(*std::move(cursor), options.inclusive);
+    for (const auto& source : sources) {
+        resume.look(*source);
+    }
+    sayLines(resume.notes());
+    return resume;
+}
+
+int listSources(sources::Sources sources, const ListingOptions& options, bool several) {
+    std::optional<Resume> resume = resumeOf(options, sources);
     sources::Merge merge(std::move(sources));
     int status = tools::EXIT_DONE;
     {

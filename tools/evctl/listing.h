@@ -46,6 +46,9 @@ void addOrderOptions(CLI::App& command, ListingOptions& options);
 /** Adds --cursor, --after-cursor, --show-cursor and --cursor-file. */
 void addCursorOptions(CLI::App& command, ListingOptions& options);
 
+/** Says each on standard error. */
+void sayLines(const std::vector<std::string>& lines);
+
 /** Leaves a cursor in a file: all of it or nothing, also when the power goes, since a reader that
  * is stopped meanwhile must not begin anew. Throws. */
 void writeCursorFile(const std::string& path, const Cursor& cursor);
@@ -53,6 +56,15 @@ void writeCursorFile(const std::string& path, const Cursor& cursor);
 /** The cursor to begin behind: of the option, else of the file, if there is one. Throws when the
  * file holds none. */
 std::optional<Cursor> startCursor(const ListingOptions& options);
+
+/** The end of a reading: shows the cursor and leaves it in its file, as the options want.
+ * @return whether all could be shown, as far as anybody wanted to see it */
+bool tellCursor(const ListingOptions& options, const Cursor& cursor, EventPrinter& printer,
+                Pager& pager);
+
+/** What lies behind the cursor to begin behind, for sources, through which it looks; it says on
+ * standard error what cannot be known. Nothing: there is no cursor. */
+std::optional<Resume> resumeOf(const ListingOptions& options, const sources::Sources& sources);
 
 /** Prints those of the events that are given to it, oldest first, which the options want. */
 class Listing {
@@ -76,7 +88,6 @@ class Listing {
   private:
     bool isAnchor(const sources::Event& event) const;
     void keepNeighbours();
-    bool tellCursor();
 
     const ListingOptions& options_;
     Pager pager_;

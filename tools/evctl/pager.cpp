@@ -171,4 +171,14 @@ bool Pager::finish() {
     return ran;
 }
 
+void addPagerOption(CLI::App& command, bool& noPager) {
+    command.add_flag("--no-pager", noPager, "No pager, also on a terminal");
+}
+
+int runPaged(bool wanted, const std::function<int()>& run) {
+    Pager pager(wanted);
+    int status = run();
+    return pager.finish() ? status : tools::EXIT_COULD_NOT;
+}
+
 } // namespace evctl

@@ -5,6 +5,9 @@
 #ifndef EVCTL_PAGER_H
 #define EVCTL_PAGER_H
 
+#include "evctl/commands.h"
+
+#include <functional>
 #include <string>
 #include <sys/types.h>
 
@@ -44,6 +47,27 @@ class Pager {
     pid_t process_ = -1;
     int terminal_ = -1; // what standard output was
 };
+
+/** Adds --no-pager. */
+void addPagerOption(CLI::App& command, bool& noPager);
+
+/** Calls @p run, what it prints going through a pager. @return its exit status, or that of a pager
+ * that could not be run */
+int runPaged(bool wanted, const std::function<int()>& run);
+
+/** onChosen() for a command that prints pages for people: through a pager, unless --no-pager, which
+ * it adds, is given. */
+template <typename Options>
+void onChosenPaged(CLI::App& command, Chosen& chosen, std::shared_ptr<Options> options,
+                   int (*run)(const Options&)) {
+    auto noPager = std::make_shared<bool>(false);
+    addPagerOption(command, *noPager);
+    command.callback([&chosen, options, run, noPager] {
+        chosen.run = [options, run, noPager] {
+            return runPaged(!*noPager, [&] { return run(*options); });
+        };
+    });
+}
 
 } // namespace evctl
 

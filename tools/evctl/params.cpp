@@ -1,6 +1,7 @@
 /** evctl params: the blade's parameter block. */
 #include "evctl/commands.h"
 #include "evctl/options.h"
+#include "evctl/pager.h"
 #include "evctl/params_view.h"
 
 #include <iostream>
@@ -32,7 +33,7 @@ void addParamsCommands(CLI::App& parent, Chosen& chosen) {
         addCommand(group, "show", "Show all fields of the parameter block.", PARAMS_EXAMPLES);
     addKeyOption(show, options->block);
     show.add_flag("--json", options->json, "As a JSON object");
-    onChosen(show, chosen, options, runShow);
+    onChosenPaged(show, chosen, options, runShow);
 }
 
 } // namespace evctl

@@ -73,7 +73,11 @@ void SalvageInputs::add(const std::string& path) {
 }
 
 void SalvageInputs::addFile(const std::string& path) {
-    std::vector<sources::LogFile> files = loadLogFiles(path);
+    std::vector<std::string> notices;
+    std::vector<sources::LogFile> files = sources::loadLogFiles(path, &notices);
+    for (const std::string& notice : notices) {
+        passedOver_.add(notice);
+    }
     for (sources::LogFile& file : files) {
         bool waiting = file.kind == sources::Kind::ALTERNATE;
         if (waiting || evlogIsLog(file.image)) {

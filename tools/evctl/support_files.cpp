@@ -133,6 +133,7 @@ void SupportFiles::addAlternates(const std::string& directory) {
             std::string name =
                 redact_ ? EMP_AEL_FILE_PREFIX + std::to_string(number + 1) : file.name;
             add(&EMP_AEL_DIRECTORY_NAME[1] + ("/" + name), std::move(bytes));
+            members_.back().time = file.modified; // which the order of their replay hangs on
         } else {
             addProblem("alternate events",
                        tools::escapedText(file.name) + ": left out, " +
@@ -205,7 +206,7 @@ std::vector<bundle::Member> SupportFiles::finish() {
     for (const bundle::Member& member : members_) {
         sums += bundle::sha256(member.bytes) + "  " + member.name.substr(strlen(FOLDER)) + "\n";
     }
-    addText("SHA256SUMS", sums);
+    addText(bundle::CHECKSUMS, sums);
     return std::move(members_);
 }
 

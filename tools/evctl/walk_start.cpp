@@ -1,5 +1,7 @@
 #include "evctl/walk_start.h"
 
+#include <iostream>
+
 namespace evctl {
 
 std::optional<WalkStart> startBehind(Requester& requester, const LogIdentity& log,
@@ -10,15 +12,25 @@ std::optional<WalkStart> startBehind(Requester& requester, const LogIdentity& lo
     }
     const LogMark* mark = cursor.find(logNumber(*last.event().header, false));
     LogMark newest = markOf(*last.event().header);
-    if (mark == nullptr || newest.instance != mark->instance) {
+    if (mark == nullptr) {
         return std::nullopt;
+    }
+    auto beginAnew = [mark] {
+        std::cerr << "evctl: " << lostMarkText(*mark, "all of its log is shown") << "\n";
+        return std::nullopt;
+    };
+    if (newest.instance != mark->instance) {
+        return beginAnew();
     }
     InquiryAnswer there = inquire(requester, EMP_E_INQUIRY_TYPE_EXACT, log, mark->sequenceId);
     if (there.found() && markOf(*there.event().header) == *mark) {
         return WalkStart{.sequenceId = mark->sequenceId, .event = std::move(there)};
     }
-    bool hasGoneRound = !there.found() && newest.sequenceId > mark->sequenceId;
-    return hasGoneRound ? std::optional(WalkStart{mark->sequenceId, std::nullopt}) : std::nullopt;
+    if (there.found() || newest.sequenceId <= mark->sequenceId) {
+        return beginAnew();
+    }
+    std::cerr << "evctl: " << lostMarkText(*mark, "what is newer is shown") << "\n";
+    return WalkStart{mark->sequenceId, std::nullopt};
 }
 
 } // namespace evctl

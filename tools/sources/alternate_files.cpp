@@ -181,11 +181,10 @@ void judgeAelFile(AelFile& file) {
             whyDeleted(reason));
 }
 
-std::vector<AelFile> readAelDirectory(const std::string& directory) {
+std::vector<AelFile> inOrderOfReplay(std::vector<AelFile> files) {
     std::vector<AelFile> replayed;
     std::vector<AelFile> others;
-    for (const std::string& name : namesIn(directory)) {
-        AelFile file = lookAt(directory, name);
+    for (AelFile& file : files) {
         if (file.hasHeader()) {
             insertInOrder(replayed, std::move(file));
         } else {
@@ -201,6 +200,14 @@ std::vector<AelFile> readAelDirectory(const std::string& directory) {
     std::ranges::sort(others, {}, &AelFile::name);
     std::ranges::move(others, std::back_inserter(replayed));
     return replayed;
+}
+
+std::vector<AelFile> readAelDirectory(const std::string& directory) {
+    std::vector<AelFile> files;
+    for (const std::string& name : namesIn(directory)) {
+        files.push_back(lookAt(directory, name));
+    }
+    return inOrderOfReplay(std::move(files));
 }
 
 const char* aelFateName(AelFate fate) {

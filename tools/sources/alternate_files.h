@@ -50,6 +50,11 @@ struct AelFile {
  */
 std::vector<AelFile> readAelDirectory(const std::string& directory);
 
+/** Puts files that have been judged in the order of their replay, those behind that are never
+ * replayed, and numbers those that are stored. @param files in the order in which they were found
+ */
+std::vector<AelFile> inOrderOfReplay(std::vector<AelFile> files);
+
 /** What the next start makes of a file's first bytes, its size being more than 0: fate and reason.
  * @param bytes as much of the file as can be looked at, cut to header and data by this call */
 void judgeAelFile(AelFile& file);

@@ -133,11 +133,14 @@ bool isNameOfEvents(const std::string& name) {
 std::vector<LogFile> unpackEvents(const std::string& name, std::span<const U8_t> bytes,
                                   std::vector<std::string>* problems) {
     std::vector<LogFile> found;
-    for (const bundle::Member& member : bundle::unpack(bytes, problems)) {
+    const std::vector<bundle::Member> members = bundle::unpack(bytes, problems);
+    bundle::compareChecksums(members, problems);
+    for (const bundle::Member& member : members) {
         if (isNameOfEvents(member.name)) {
             found.push_back({.name = name + ":" + member.name,
                              .kind = kindOf(member.name),
-                             .image = evlogImageOf(member.bytes)});
+                             .image = evlogImageOf(member.bytes),
+                             .modified = member.time.value_or(0)});
         }
     }
     if (found.empty()) {

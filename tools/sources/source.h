@@ -93,6 +93,7 @@ struct LogFile {
     std::string name; ///< as it was asked for, then the member within
     Kind kind = Kind::LOG;
     EvlogImage_t image;
+    S64_t modified = 0; ///< of what is in a bundle: its last change, seconds since 1970
 };
 
 /**

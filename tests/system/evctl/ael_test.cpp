@@ -246,6 +246,33 @@ TEST_F(Ael, TheListTakesFiltersOrderAndForms) {
     EXPECT_THAT(list({"--json", "--type", "error"}).output, HasSubstr("\"fate\":\"stored\""));
 }
 
+TEST_F(Ael, TheCursorOfAListShowsWhatCameSince) {
+    const std::string cursor = directory_.file("cursor");
+    put("kelta_alteventlog1.aaaaaa", "too short");
+    auto came = [&](const std::vector<std::string>& more = {}) {
+        std::vector<std::string> all = {"--cursor-file", cursor};
+        all.insert(all.end(), more.begin(), more.end());
+        return list(all).output;
+    };
+    EXPECT_THAT(came(), HasSubstr("kelta_alteventlog1.aaaaaa"));
+    EXPECT_EQ(came(), "");
+    put("kelta_alteventlog1.bbbbbb", "too short");
+    put("kelta_alteventlog1.cccccc", "too short");
+    // Whatever the clock says: a file that came is new.
+    fs::last_write_time(files() + "/kelta_alteventlog1.cccccc",
+                        fs::file_time_type::clock::now() - std::chrono::hours(900));
+    EXPECT_THAT(came({"-n", "+1"}), HasSubstr("bbbbbb"));
+    const std::string rest = came({"--show-cursor"});
+    EXPECT_THAT(rest, HasSubstr("cccccc"));
+    EXPECT_THAT(rest, testing::Not(HasSubstr("bbbbbb")));
+    EXPECT_THAT(rest, HasSubstr("\n-- cursor: c1:"));
+    EXPECT_EQ(came({"--show-cursor"}).find("-- cursor: c1:"), 0U);
+    fs::remove(files() + "/kelta_alteventlog1.bbbbbb");
+    const size_t length = support::readFile(cursor).size();
+    EXPECT_EQ(came(), "");
+    EXPECT_LT(support::readFile(cursor).size(), length) << "what is gone needs no mark";
+}
+
 TEST_F(Ael, FilesWithoutAnEventAreListedOnlyWhereNothingIsAskedOfEvents) {
     EXPECT_EQ(write({"--text", "good"}).ending, support::exitedWith(0));
     support::writeFile(files() + "/kelta_alteventlog9", "short");

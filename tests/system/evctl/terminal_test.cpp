@@ -97,6 +97,25 @@ TEST_F(OnATerminal, APagerGetsWholeLinesInColourIfItShowsThem) {
                 StartsWith("P:\x1B[33m        60  "));
 }
 
+TEST_F(OnATerminal, LongPagesGoThroughThePagerToo) {
+    const support::Process::Environment pager = {{"EVCTL_PAGER", "sed s/^/P:/"}};
+    for (std::vector<std::string> command : std::vector<std::vector<std::string>>{
+             {"file", "map", log_},
+             {"file", "info", log_},
+             {"file", "show", "--seq", "3", log_},
+             {"stats", log_},
+             {"catalog", "list"},
+             {"catalog", "show", "startup", "4"},
+             {"explain", "unwrapped"},
+             {"ael", "list", directory_.makeDirectory("aelfiles"), "--show-cursor"}}) {
+        EXPECT_THAT(run(command, 100, pager), StartsWith("P:")) << command[1];
+        command.emplace_back("--no-pager");
+        EXPECT_THAT(run(command, 100, pager), Not(HasSubstr("P:"))) << command[1];
+    }
+    EXPECT_THAT(run({"stats", log_}, 60, pager), Not(HasSubstr(std::string(61, '#'))))
+        << "its width";
+}
+
 TEST_F(OnATerminal, APagerThatHasSeenEnoughEndsTheListing) {
     EXPECT_THAT(list({}, {{"EVCTL_PAGER", "head -n 1"}}), EndsWith("CHASSIS-1\r\n"));
     EXPECT_EQ(list({}, {{"EVCTL_PAGER", "true"}}), "");

@@ -12,12 +12,14 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
+#include <fcntl.h>
 #include <filesystem>
 #include <map>
 #include <random>
 #include <sched.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <unordered_set>
 
 using test::Said;
@@ -389,6 +391,88 @@ TEST_F(Support, ReadersTakeTheBundle) {
     said = test::run({"file", "list", bundlePath()});
     EXPECT_EQ(said.status, 1);
     EXPECT_EQ(std::ranges::count(said.output, '\n'), 6); // the logs' events are the same
+}
+
+TEST_F(Support, AlternateEventsOfABundleAreListedAsThoseOfTheDirectory) {
+    write("nvram/aelfiles/kelta_alteventlog1.later", test::record({.eventId = 301}, SECRET));
+    for (const auto& [name, seconds] :
+         std::map<std::string, time_t>{{"later", 1'000}, {"abcdef", 2'000}}) {
+        const timespec times[] = {{seconds, 0}, {seconds, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD,
+                            directory_.file("nvram/aelfiles/kelta_alteventlog1." + name).c_str(),
+                            times, 0),
+                  0);
+    }
+    pack();
+    for (const char* form : {"short", "full", "json", "csv"}) {
+        Said plain = test::run({"ael", "list", directory_.file("nvram/aelfiles"), "-o", form});
+        Said bundled = test::run({"ael", "list", bundlePath(), "-o", form});
+        EXPECT_EQ(bundled.output, plain.output);
+        EXPECT_EQ(bundled.errors, "");
+        EXPECT_EQ(bundled.status, plain.status);
+        EXPECT_THAT(plain.output, HasSubstr("301"));
+    }
+    EXPECT_EQ(test::run({"ael", "show", "--dir", bundlePath(), "kelta_alteventlog1.later"}).status,
+              0);
+    // A cursor of the directory holds for the bundle.
+    std::string cursor = directory_.file("cursor");
+    test::run({"ael", "list", directory_.file("nvram/aelfiles"), "--cursor-file", cursor});
+    EXPECT_EQ(test::run({"ael", "list", bundlePath(), "--cursor-file", cursor}).output, "");
+}
+
+TEST_F(Support, AMemberThatDoesNotAgreeWithItsChecksumIsSaidAndStillRead) {
+    test::LogImage sound;
+    sound.firstEntry();
+    sound.events(1, 3);
+    sound.dummy();
+    sound.zerosTo();
+    write("nvram/kelta_eventlog", sound.bytes);
+    pack();
+    std::vector<bundle::Member> members;
+    for (const auto& [name, bytes] : members_) {
+        members.push_back({name, {bytes.begin(), bytes.end()}});
+    }
+    auto rewrite = [&] {
+        std::vector<U8_t> bytes = bundle::pack(members, 1);
+        support::writeFile(bundlePath(), std::string(bytes.begin(), bytes.end()));
+    };
+    auto member = [&](const std::string& name) {
+        return std::ranges::find(members, "support/" + name, &bundle::Member::name);
+    };
+    auto errorsOf = [&](std::vector<std::string> command) {
+        command.push_back(bundlePath());
+        Said said = test::run(command);
+        EXPECT_EQ(said.status, 1) << command[1];
+        EXPECT_NE(said.output, "");
+        return said.errors;
+    };
+    rewrite();
+    EXPECT_EQ(test::run({"file", "info", bundlePath()}).errors, "");
+    EXPECT_EQ(test::run({"file", "info", bundlePath()}).status, 0);
+    member("kelta_eventlog")->bytes.back() ^= 1; // behind the events
+    member("missing.txt")->name += "x";
+    rewrite();
+    const std::vector<std::string> said = {"kelta_eventlog: does not agree with its checksum\n",
+                                           "missing.txt: has a checksum, and is not there\n"};
+    for (const std::vector<std::string>& command :
+         std::vector<std::vector<std::string>>{{"file", "list"},
+                                               {"file", "info"},
+                                               {"file", "map"},
+                                               {"file", "predict"},
+                                               {"file", "show", "--seq", "2"},
+                                               {"file", "salvage", "--dry-run"},
+                                               {"stats"},
+                                               {"ael", "list"}}) {
+        std::string errors = errorsOf(command);
+        EXPECT_THAT(errors, HasSubstr(said[0])) << command[1];
+        EXPECT_THAT(errors, HasSubstr(said[1])) << command[1];
+    }
+    members.erase(member("SHA256SUMS"));
+    rewrite();
+    EXPECT_EQ(test::run({"file", "info", bundlePath()}).errors, "");
+    members.push_back({"support/SHA256SUMS", {'x', '\n'}});
+    rewrite();
+    EXPECT_THAT(errorsOf({"file", "info"}), HasSubstr("SHA256SUMS: a line that is no checksum"));
 }
 
 TEST_F(Support, ReadersOfAFileTakeTheLogInTheBundle) {

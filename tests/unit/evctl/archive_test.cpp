@@ -145,6 +145,37 @@ TEST_F(ArchiveCommands, ExportWritesAnObjectForEachEvent) {
     EXPECT_EQ(events[1]["data"], "010203");
 }
 
+TEST_F(ArchiveCommands, ExportGoesOnBehindTheCursorOfTheLastOne) {
+    fillTwoLogs();
+    const std::string cursor = directory_.file("cursor");
+    EXPECT_EQ(archive({"export", "--to", target_, "--seq", ":2", "--cursor-file", cursor}).status,
+              0);
+    EXPECT_EQ(objects(support::readFile(target_)).size(), 3U);
+    const Said none = archive({"export", "--to", target_ + "2", "--cursor-file", cursor});
+    EXPECT_EQ(none.output,
+              "0 events written to " + target_ + "2\n"); // what is filtered was read, too
+    const Said first = archive({"events", "-n", "+2", "--show-cursor", "--json"});
+    const std::string text = objects(first.output).back()["cursor"];
+    const Said rest =
+        archive({"export", "--to", target_ + "3", "--after-cursor", text, "--show-cursor"});
+    EXPECT_EQ(rest.errors, "");
+    EXPECT_THAT(rest.output, testing::StartsWith("2 events written to "));
+    EXPECT_THAT(rest.output, HasSubstr("\n-- cursor: c1:"));
+    EXPECT_THAT(archive({"stats", "--json", "--after-cursor", text}).output,
+                HasSubstr("\"events\":2,"));
+}
+
+TEST_F(ArchiveCommands, TimesOfTheLocalZoneAreMeantWithLocal) {
+    setenv("TZ", "XXX-1", 1);
+    fillTwoLogs();
+    const std::string bound = "1970-01-01T01:00:20"; // of it: 20 s
+    EXPECT_THAT(archive({"stats", "--json", "--local", "--since", bound}).output,
+                HasSubstr("\"events\":2,"));
+    EXPECT_THAT(archive({"stats", "--json", "--since", bound}).output, HasSubstr("\"events\":0,"));
+    EXPECT_EQ(archive({"export", "--to", target_, "--local", "--since", bound}).output,
+              "2 events written to " + target_ + "\n");
+}
+
 TEST_F(ArchiveCommands, ExportOverwritesNothingAndLeavesNothingHalf) {
     fillTwoLogs();
     support::writeFile(target_, "mine");
@@ -266,6 +297,12 @@ TEST_F(ArchiveCommands, PruneKeepsWhatItIsToldAndTheNewestOfEachLog) {
     fill(events);
     EXPECT_THAT(archive({"prune"}).errors, HasSubstr("needs --keep-days, --max-bytes"));
     EXPECT_EQ(archive({"prune", "--keep-days", "-1"}).status, 2);
+    const std::string before = support::readFile(path_);
+    setenv("TMPDIR", directory_.makeDirectory("tmp").c_str(), 1);
+    EXPECT_EQ(archive({"prune", "--blade-quota", "20", "--dry-run"}).output,
+              "30 events would be removed\n");
+    EXPECT_EQ(support::readFile(path_), before);
+    EXPECT_TRUE(std::filesystem::is_empty(directory_.file("tmp"))) << "the copy is gone";
     EXPECT_EQ(archive({"prune", "--blade-quota", "20"}).output, "30 events removed\n");
     EXPECT_THAT(listed({"events", "-n", "100"}).front(), "BLADE-1 30");
     EXPECT_EQ(archive({"prune", "--keep-days", "30"}).output, "19 events removed\n");
@@ -316,9 +353,3 @@ TEST_F(ArchiveCommands, WhatIsNotThereIsNotMade) {
     EXPECT_THAT(test::run({"archive", "backup", "--db", path_}).errors, HasSubstr("--to"));
     EXPECT_THAT(test::run({"archive", "export", "--db", path_}).errors, HasSubstr("--to"));
 }
-    const std::string before = support::readFile(path_);
-    setenv("TMPDIR", directory_.makeDirectory("tmp").c_str(), 1);
-    EXPECT_EQ(archive({"prune", "--blade-quota", "20", "--dry-run"}).output,
-              "30 events would be removed\n");
-    EXPECT_EQ(support::readFile(path_), before);
-    EXPECT_TRUE(std::filesystem::is_empty(directory_.file("tmp"))) << "the copy is gone";

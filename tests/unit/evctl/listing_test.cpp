@@ -221,6 +221,40 @@ TEST_F(Listings, CursorGoesOnWhereTheLastListingEnded) {
     EXPECT_EQ(list({path, "--after-cursor", cursor, "--cursor", cursor}).status, 2);
 }
 
+TEST_F(Listings, CursorThatIsNotInTheLogIsSaidAndNothingIsPassedOver) {
+    std::string cursor = cursorOf({put("log", 1, 3, 5000)});
+    std::string rebuilt = put("log", 0, 2, 1000); // its clock was set back
+    Said said = list({rebuilt, "--after-cursor", cursor});
+    EXPECT_EQ(said.status, 0);
+    EXPECT_EQ(linesOf(said.output).size(), 2U);
+    EXPECT_EQ(said.errors,
+              "evctl: " + rebuilt +
+                  ": event 3 of instance 7, where the cursor stands, is not there; all "
+                  "of its log is shown\n");
+    EXPECT_EQ(list({rebuilt, "--after-cursor", cursorOf({rebuilt})}).errors, "");
+}
+
+TEST_F(Listings, NumbersOfWhatCameSinceTheCursor) {
+    std::string path = put("log", 1, 3, 1000);
+    std::string file = directory_.file("cursor");
+    EXPECT_THAT(run({"stats", path, "--json", "--cursor-file", file}).output,
+                HasSubstr("{\"events\":3,"));
+    put("log", 1, 5, 1000);
+    Said said = run({"stats", path, "--json", "--cursor-file", file, "--show-cursor"});
+    EXPECT_THAT(said.output, HasSubstr("{\"events\":2,"));
+    EXPECT_THAT(said.output, HasSubstr("\n{\"cursor\":\"c1:"));
+    EXPECT_THAT(run({"stats", path, "--json", "--cursor-file", file}).output,
+                HasSubstr("{\"events\":0,"));
+    std::string cursor = cursorOf({path, "-n", "+4"});
+    said = run({"stats", path, "--after-cursor", cursor, "-o", "svg", "--show-cursor"});
+    EXPECT_THAT(said.output, testing::EndsWith("</svg>\n"));
+    EXPECT_EQ(said.errors, "-- cursor: " + cursorOf({path}) + "\n");
+    // It is not the whole log that was counted.
+    EXPECT_THAT(run({"stats", path}).output, HasSubstr(" full"));
+    EXPECT_THAT(run({"stats", path, "--after-cursor", cursor}).output,
+                testing::Not(HasSubstr(" full")));
+}
+
 TEST_F(Listings, CursorFileIsReadAndLeft) {
     std::string path = put("log", 1, 3, 1000);
     std::string file = directory_.file("cursor");
