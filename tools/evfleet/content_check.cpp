@@ -40,7 +40,8 @@ class BladeCheck {
             tell("event " + std::to_string(event.sequenceId) + " has bytes that it never had");
             return;
         }
-        if (!event.doubtful && !seen_.emplace(*rebuilt, event.sequenceId).second) {
+        if (!event.doubtful && !log_.isAlike(event.sequenceId) &&
+            !seen_.emplace(*rebuilt, event.sequenceId).second) {
             ++result_.twice;
             tell("event " + std::to_string(event.sequenceId) + " is held twice");
         }

@@ -98,9 +98,17 @@ void addTrouble(CLI::App& app, FleetOptions& options, Raw& raw) {
                      "Of each log, on average: it is lost and counts from 1 again")
         ->check(checkAmount)
         ->capture_default_str();
+    trouble->add_flag("--same-first", options.shape.beginsAlike,
+                      "A log that is lost begins with the very event that it began with before, by "
+                      "which archivers tell logs: events are missing then");
     trouble
         ->add_option("--clock-error", options.shape.clockError,
                      "Seconds that blades' clocks are wrong by, at most")
+        ->capture_default_str();
+    trouble
+        ->add_option("--clock-jumps", options.shape.clockJumps,
+                     "Events after which a blade's clock jumps: up to a year forward or back, to "
+                     "1970, over 2038, towards 2106, or to the right time; 0: never")
         ->capture_default_str();
     trouble
         ->add_option("--reconnect", raw.reconnect,

@@ -16,6 +16,9 @@ constexpr std::size_t PREFIX_LENGTH = sizeof(NAME_PREFIX) - 1;
 // The first event of a log tells whether it is still the same one, so its data is random.
 constexpr U32_t FIRST_DATA_SIZE = sizeof(EmpGetEvArchiverStatusMsg_t::evRandom);
 
+constexpr U32_t YEAR = 365 * 86'400;
+constexpr U32_t SIGNED_END = 0x80000000; // 2038
+
 U64_t mix(U64_t value) {
     value += 0x9E3779B97F4A7C15;
     value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9;
@@ -68,7 +71,8 @@ void SimulatedLog::clear(U32_t last) {
 }
 
 U64_t SimulatedLog::randomOf(U32_t id, U32_t rebuilt) const {
-    return mix(mix(shape_->seed ^ (U64_t{blade_} << 32)) ^ (U64_t{rebuilt} << 32 | id));
+    return mix(mix(shape_->seed ^ (U64_t{blade_} << 32)) ^
+               (U64_t{isAlike(id) ? 0 : rebuilt} << 32 | id));
 }
 
 U32_t SimulatedLog::sizeOf(U32_t id, U32_t rebuilt) const {
@@ -83,21 +87,44 @@ std::string SimulatedLog::bladeName() const {
     return name;
 }
 
-void SimulatedLog::appendEvent(Bytes& bytes, U32_t id, U32_t rebuilt) const {
-    U64_t random = randomOf(id, rebuilt);
-    const U32_t size = sizeOf(id, rebuilt);
+U32_t SimulatedLog::timeOf(U32_t id) const {
     const U32_t error =
         shape_->clockError == 0
             ? 0
             : static_cast<U32_t>(mix(shape_->seed + blade_) % (U64_t{2} * shape_->clockError + 1)) -
                   shape_->clockError;
+    const U32_t right = shape_->epoch + id + error;
+    if (shape_->clockJumps == 0) {
+        return right;
+    }
+    const U64_t drawn = mix(mix(shape_->seed + blade_) ^ (id / shape_->clockJumps));
+    const auto far = static_cast<U32_t>(drawn >> 8) % YEAR;
+    switch (drawn % 6) {
+    case 0:
+        return right + far;
+    case 1:
+        return right - far;
+    case 2:
+        return id; // as after a start without a clock
+    case 3:
+        return SIGNED_END - 2 + id % 5; // over the end of times with a sign
+    case 4:
+        return UINT32_MAX - far;
+    default:
+        return right;
+    }
+}
+
+void SimulatedLog::appendEvent(Bytes& bytes, U32_t id, U32_t rebuilt) const {
+    U64_t random = randomOf(id, rebuilt);
+    const U32_t size = sizeOf(id, rebuilt);
     EmpEvLogHeader_t header = {};
     setText(header.evEnclosureId, shape_->enclosure);
     setText(header.evBladeId, bladeName());
     header.evSlotId = blade_;
     header.evInstanceNumber = INSTANCE;
     header.evSequenceId = id;
-    header.evTime = shape_->epoch + id + error;
+    header.evTime = timeOf(id);
     header.evStructLength = static_cast<U16_t>(size);
     header.evSource = static_cast<U8_t>(random % (evarchive::LARGEST_SOURCE + 1));
     header.evType = static_cast<U8_t>(EMP_E_TYPE_INFORMATION + random / 64 % 3);

@@ -26,6 +26,8 @@ struct LogShape {
     U32_t ring = 6000;               ///< events that a log holds; the oldest is overwritten
     U32_t epoch = 0;                 ///< evTime of id 1, seconds since 1970-01-01 UTC
     U32_t clockError = 0;            ///< blades' clocks are wrong by up to so many seconds
+    U32_t clockJumps = 0;            ///< events after which a blade's clock jumps; 0: never
+    bool beginsAlike = false;        ///< a log that was lost begins with the same event as before
 };
 
 /** One blade's log: the ids that it holds now. */
@@ -63,6 +65,9 @@ class SimulatedLog {
     /** Appends a status request, 196 bytes. */
     void appendStatusRequest(Bytes& bytes, U32_t handle) const;
 
+    /** Whether this event is the same one in all the blade's logs. */
+    bool isAlike(U32_t id) const { return shape_->beginsAlike && id == 1; }
+
     /** The blade's name: "SIM-" and its number. */
     std::string bladeName() const;
 
@@ -71,6 +76,7 @@ class SimulatedLog {
   private:
     U32_t sizeOf(U32_t id, U32_t rebuilt) const;
     U64_t randomOf(U32_t id, U32_t rebuilt) const;
+    U32_t timeOf(U32_t id) const;
 
     const LogShape* shape_;
     U32_t blade_;

@@ -56,6 +56,22 @@ TEST_F(FleetSystemTest, RebuiltLogsAreArchivedAnew) {
         << output_;
 }
 
+TEST_F(FleetSystemTest, ClocksThatJumpLoseNothing) {
+    EXPECT_EQ(run({"--blades", "20", "--events", "100", "--clock-jumps", "5", "--outages", "1",
+                   "--rebuilds", "1"}),
+              0)
+        << output_;
+}
+
+// Only what an archiver cannot know may be wrong: which of the logs an event of both belongs to.
+TEST_F(FleetSystemTest, RebuiltLogsThatBeginAlikeMayMissEventsButNothingIsHeldTwiceOrCorrupt) {
+    EXPECT_NE(run({"--blades", "10", "--events", "50", "--rate", "100", "--rebuilds", "2",
+                   "--same-first", "--settle", "1"}),
+              -1);
+    EXPECT_NE(output_.find("\"twice\":0,\"corrupt\":0"), std::string::npos) << output_;
+    EXPECT_EQ(run({"--blades", "5", "--events", "50", "--enclosure", "OTHER"}), 0) << output_;
+}
+
 TEST_F(FleetSystemTest, AnotherFleetsArchiveIsFoundOut) {
     ASSERT_EQ(run({"--blades", "2", "--events", "10"}), 0) << output_;
     // The same blades with other events, into the archive that holds the first ones.

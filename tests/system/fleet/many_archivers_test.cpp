@@ -71,9 +71,9 @@ class ManyArchiversTest : public FleetProcessTest {
 TEST_F(ManyArchiversTest, FleetThatGoesToAndFroIsWholeByContent) {
     startArchiver(place_);
     startArchiver(place_);
-    const auto fleet =
-        startFleet(place_, {"--blades", "40", "--events", "60", "--rate", "60", "--outages", "2",
-                            "--rebuilds", "0.5", "--size", "0:500", "--ring", "50"});
+    const auto fleet = startFleet(place_, {"--blades", "40", "--events", "60", "--rate", "60",
+                                           "--outages", "2", "--rebuilds", "0.5", "--size", "0:500",
+                                           "--ring", "50", "--clock-jumps", "7"});
     EXPECT_EQ(fleet->wait(std::chrono::seconds(90)), exitedWith(0)) << fleet->output();
     EXPECT_THAT(fleet->output(), HasSubstr("\"missing\":0,\"twice\":0,\"corrupt\":0"));
     stopArchivers();

@@ -78,6 +78,12 @@ TEST_F(SimulatedLogTest, SameEventHasTheSameBytesAndNoOtherOne) {
     EXPECT_NE(event(3), other);
 }
 
+TEST_F(SimulatedLogTest, LogsCanBeginAlike) {
+    shape_.beginsAlike = true;
+    EXPECT_EQ(event(1), event(1, 1));
+    EXPECT_NE(event(2), event(2, 1));
+}
+
 TEST_F(SimulatedLogTest, SizesStayWithinTheirBounds) {
     shape_.smallest = 10;
     shape_.largest = 12;
@@ -110,6 +116,26 @@ TEST_F(SimulatedLogTest, WrongClockIsWrongByTheSameAndNoMoreThanAsked) {
         isWrong = isWrong || time != 1002;
     }
     EXPECT_TRUE(isWrong);
+}
+
+TEST_F(SimulatedLogTest, ClockJumpsForwardBackAndToTheEndsOfTime) {
+    shape_.clockJumps = 4;
+    shape_.epoch = 1'700'000'000;
+    bool goesBack = false;
+    bool isEarly = false;
+    bool isLate = false;
+    bool isRight = false;
+    U32_t before = 0;
+    for (U32_t id = 1; id < 400; ++id) {
+        const U32_t time = support::get32(event(id), 140);
+        EXPECT_EQ(time, support::get32(event(id), 140));
+        goesBack = goesBack || time < before;
+        isEarly = isEarly || time < 1000;
+        isLate = isLate || time >= 0x80000000;
+        isRight = isRight || time == shape_.epoch + id;
+        before = time;
+    }
+    EXPECT_TRUE(goesBack && isEarly && isLate && isRight);
 }
 
 TEST_F(SimulatedLogTest, MessageIsTheEventBehindItsHeader) {
