@@ -90,7 +90,7 @@ void Gate::readFilesAgain() {
     say_(Level::INFO, "certificate, key, authorities and rights are read again");
     sayFiles();
     for (const auto& link : links()) {
-        link->checkRights();
+        link->checkPeer();
     }
 }
 

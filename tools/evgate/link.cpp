@@ -6,6 +6,7 @@
 
 #include <asio/post.hpp>
 #include <cerrno>
+#include <ctime>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -121,18 +122,31 @@ void Link::shakeHands() {
 void Link::admit() {
     const auto names = tls_->peerNames();
     certificate_ = names.empty() ? "without a name" : tools::escapedUtf8(names.front());
-    if (isSite()) {
+    validUntil_ = tls_->validUntil();
+    if (const std::string why = objection(); !why.empty()) {
+        fail(why);
+    } else if (isSite()) {
         open();
-        return;
+    } else {
+        connect(inner_);
     }
-    Rights rights = host_.rightsOf(names);
+}
+
+// By the files as they are now. What they allow is noted.
+std::string Link::objection() {
+    if (const std::string why = tls_->objection(host_.tls()); !why.empty()) {
+        return "certificate " + certificate_ + " is no longer believed: " + why;
+    }
+    if (isSite()) {
+        return "";
+    }
+    Rights rights = host_.rightsOf(tls_->peerNames());
     if (rights.speaks.empty()) {
         ++host_.counts().denied;
-        fail("certificate " + certificate_ + " may speak for no enclosure");
-        return;
+        return "certificate " + certificate_ + " may speak for no enclosure";
     }
     guard_.setRights(std::move(rights));
-    connect(inner_);
+    return "";
 }
 
 void Link::fail(const std::string& why) {
@@ -451,6 +465,8 @@ void Link::checkTime(Clock::time_point now) {
             close(); // what has arrived is whole, and there is nobody to be polite to
         } else if (halfClosed_ && now - *halfClosed_ > HALF_CLOSED_TIME) {
             end();
+        } else if (time(nullptr) > validUntil_) {
+            end(Level::NOTICE, "certificate " + certificate_ + " has ended, closed");
         }
         break;
     case Stage::ENDING:
@@ -463,16 +479,17 @@ void Link::checkTime(Clock::time_point now) {
     }
 }
 
-void Link::checkRights() {
-    if (isSite() || stage_ != Stage::OPEN) {
+// One whose handshake is not through is looked at then.
+void Link::checkPeer() {
+    const bool isAdmitted = stage_ == Stage::OPEN || (stage_ == Stage::CONNECTING && !isSite());
+    const std::string why = isAdmitted ? objection() : "";
+    if (why.empty()) {
         return;
     }
-    Rights rights = host_.rightsOf(tls_->peerNames());
-    if (rights.speaks.empty()) {
-        ++host_.counts().denied;
-        end(Level::NOTICE, "certificate " + certificate_ + " may speak for no enclosure any more");
+    if (stage_ == Stage::OPEN) {
+        end(Level::NOTICE, why + ", closed");
     } else {
-        guard_.setRights(std::move(rights));
+        fail(why);
     }
 }
 

@@ -72,8 +72,8 @@ class Link : public std::enable_shared_from_this<Link> {
     /** Looks at what has been waited for too long. Called every second or so. */
     void checkTime(Clock::time_point now);
 
-    /** The map was read again. */
-    void checkRights();
+    /** The files were read again: ends the link when they speak against the other end. */
+    void checkPeer();
 
     /** Ends the link: what is whole goes on, and what still comes is read away. */
     void end(Level level, const std::string& why);
@@ -106,6 +106,7 @@ class Link : public std::enable_shared_from_this<Link> {
     void connect(Side& side);
     void shakeHands();
     void admit();
+    std::string objection();
     void fail(const std::string& why);
     void open();
 
@@ -137,7 +138,8 @@ class Link : public std::enable_shared_from_this<Link> {
     Side inner_; ///< plain: the blade at the site, the archiver at the archive
     Side outer_; ///< TLS
     std::optional<TlsStream> tls_;
-    std::string certificate_; ///< the peer's first name, for lines
+    std::string certificate_;      ///< the peer's first name, for lines
+    S64_t validUntil_ = INT64_MAX; ///< the peer's certificate; seconds since 1970-01-01 UTC
     MessageReader requests_;
     MessageReader answers_; ///< site
     Asked asked_;           ///< site

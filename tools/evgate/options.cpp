@@ -7,8 +7,8 @@ namespace evgate {
 namespace {
 
 constexpr char FOOTER[] =
-    "SIGHUP reads certificate, key, authorities and map again; links whose certificate the map\n"
-    "no longer names end. SIGINT or SIGTERM ends the program.\n\n"
+    "SIGHUP reads certificate, key, authorities and map again; links that they no longer allow\n"
+    "end, and so do those whose certificate has ended. SIGINT or SIGTERM ends the program.\n\n"
     "Examples:\n"
     "  evgate site --listen 10.1.0.5:4711 --to 192.0.2.7:4712 --name archive.example \\\n"
     "    --certificate site.pem --key site.key --ca ca.pem\n"

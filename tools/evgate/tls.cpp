@@ -1,8 +1,10 @@
 #include "tls.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
@@ -185,6 +187,38 @@ Step TlsStream::finish() {
     errno = 0;
     const int result = SSL_shutdown(stream_.get());
     return result >= 0 ? Step::DONE : stepOf(result);
+}
+
+std::string TlsStream::objection(const TlsContext& context) const {
+    if (SSL_get_SSL_CTX(stream_.get()) == context.get()) {
+        return ""; // the handshake has judged by the same files
+    }
+    const std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> checks(
+        X509_STORE_CTX_new(), &X509_STORE_CTX_free);
+    X509_STORE* believed = SSL_CTX_get_cert_store(context.get());
+    if (!checks ||
+        X509_STORE_CTX_init(checks.get(), believed, SSL_get0_peer_certificate(stream_.get()),
+                            SSL_get_peer_cert_chain(stream_.get())) != 1) {
+        throw std::bad_alloc();
+    }
+    X509_STORE_CTX_set_default(checks.get(),
+                               context.side() == TlsSide::SERVER ? "ssl_client" : "ssl_server");
+    X509_STORE_CTX_set_depth(checks.get(), LONGEST_CHAIN);
+    const bool isGood = X509_verify_cert(checks.get()) == 1;
+    ERR_clear_error();
+    return isGood ? "" : X509_verify_cert_error_string(X509_STORE_CTX_get_error(checks.get()));
+}
+
+S64_t TlsStream::validUntil() const {
+    S64_t until = INT64_MAX;
+    const auto* chain = SSL_get0_verified_chain(stream_.get());
+    for (int i = 0; i < sk_X509_num(chain); ++i) {
+        int days = 0;
+        int seconds = 0;
+        ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(sk_X509_value(chain, i)));
+        until = std::min(until, time(nullptr) + S64_t{days} * 86'400 + seconds);
+    }
+    return until;
 }
 
 std::vector<std::string> TlsStream::peerNames() const {

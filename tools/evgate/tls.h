@@ -86,6 +86,14 @@ class TlsStream {
     /** The names in the peer's certificate: "DNS:...", "URI:..." and, last, "CN:...". */
     std::vector<std::string> peerNames() const;
 
+    /** Judges the peer's certificate again, now and by files that were read since. @return what
+     * speaks against it; empty: nothing */
+    std::string objection(const TlsContext& context) const;
+
+    /** The last second at which the peer's certificate, and all that it rests on, is valid; seconds
+     * since 1970-01-01 UTC. After the handshake. */
+    S64_t validUntil() const;
+
   private:
     struct Free {
         void operator()(SSL* stream) const;

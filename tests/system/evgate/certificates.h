@@ -34,6 +34,9 @@ class Authority {
      */
     Identity issue(const std::string& name, int days = 2) const;
 
+    /** A certificate "CN=<name>" that is valid from now on for some seconds. */
+    Identity issueFor(const std::string& name, int seconds) const;
+
   private:
     std::string base_;
 };

@@ -280,11 +280,69 @@ TEST_F(GateTest, AMapReadAgainEndsLinksThatItNoLongerAllows) {
     EXPECT_TRUE(link.isClosed());
 }
 
+TEST_F(GateTest, AnAuthorityThatIsTakenOutEndsTheLinksOfItsCertificates) {
+    const Authority other(directory_.file("other"));
+    const std::string both = readFile(authority_.path()) + readFile(other.path());
+    const std::string believed = directory_.file("believed.pem");
+    writeFile(believed, both);
+    start();
+    archiveEnd_ = startEnd("archive", archivePort_, port_, archive_, believed,
+                           {"--map", directory_.file("map")});
+    site_ = other.issue("site");
+    startSiteEnd();
+    BladeLink link(sitePort_);
+    claim(link, event(1));
+    archiveEnd_->signal(SIGHUP);
+    archiveEnd_->waitForOutput("read again");
+    EXPECT_EQ(claim(link, event(1)), NO_DATA) << "both are believed still";
+    writeFile(believed, readFile(authority_.path()));
+    archiveEnd_->signal(SIGHUP);
+    EXPECT_TRUE(link.isClosed());
+    archiveEnd_->waitForOutput("certificate DNS:site.example is no longer believed: ");
+    expectRefused();
+}
+
+TEST_F(GateTest, AnArchiveThatIsNoLongerBelievedLosesItsLinks) {
+    const Authority other(directory_.file("other"));
+    startAll();
+    BladeLink link(sitePort_);
+    claim(link, event(1));
+    writeFile(authority_.path(), readFile(other.path()));
+    siteEnd_->signal(SIGHUP);
+    EXPECT_TRUE(link.isClosed());
+    siteEnd_->waitForOutput("certificate DNS:archive.example is no longer believed: ");
+}
+
+TEST_F(GateTest, ALinkEndsWithTheCertificateThatItStandsOn) {
+    start();
+    writeMap(
+        "CN:short2 ENC-A\nCN:short4 ENC-A\nCN:short8 ENC-A\nCN:short16 ENC-A\nCN:short32 ENC-A\n");
+    startArchiveEnd();
+    // On a slow machine the certificate may be gone before the link stands.
+    for (int seconds = 2; seconds < 64; seconds *= 2) {
+        site_ = authority_.issueFor("short" + std::to_string(seconds), seconds);
+        siteEnd_.reset();
+        startSiteEnd();
+        const BladeLink link(sitePort_);
+        const auto isSaid = [this](const char* what) {
+            return archiveEnd_->output().find(what) != std::string::npos;
+        };
+        ASSERT_TRUE(
+            waitUntil([&] { return isSaid("has ended, closed") || isSaid("has expired"); }));
+        if (isSaid("has ended, closed")) {
+            return;
+        }
+        archiveEnd_.reset();
+        startArchiveEnd();
+    }
+    FAIL() << "no certificate was good for long enough";
+}
+
 TEST_F(GateTest, ACertificateReadAgainIsTheOneThatIsShown) {
     startAll();
     const Authority other(directory_.file("other"));
     const Identity fresh = other.issue("site");
-    // Both ends change their authority, one after the other; what stands stands.
+    // Both ends change their authority, one after the other.
     BladeLink link(sitePort_);
     claim(link, event(1));
     writeFile(authority_.path(), readFile(other.path()));
