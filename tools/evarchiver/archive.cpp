@@ -118,9 +118,20 @@ bool Archive::isSuperseded(const Speaker& speaker, LinkNumber link) const {
 }
 
 Filed Archive::fileIn(const Filing& filing) {
+    if (settles(filing)) {
+        const Bytes image = std::exchange(filing.series.unsettled, {});
+        return act(filing, Fate::CONFIRM, Place{image, true, std::nullopt});
+    }
     std::optional<StoredEvent> held;
     const Place place = placeOf(filing.series, filing.id, held);
     return act(filing, fateOf(filing.arrival, place), place);
+}
+
+// What a link filed itself need not be looked up: if anybody has changed it since, the storage says
+// so when it is confirmed. Nothing else may rest on it.
+bool Archive::settles(const Filing& filing) {
+    return filing.arrival.certainty == Certainty::CERTAIN && !filing.series.unsettled.empty() &&
+           std::ranges::equal(filing.series.unsettled, filing.arrival.image);
 }
 
 Place Archive::placeOf(const Series& series, U32_t id, std::optional<StoredEvent>& held) {
@@ -149,7 +160,7 @@ Filed Archive::act(const Filing& filing, Fate fate, const Place& place) {
     case Fate::DUPLICATE:
         return dropDuplicate(series);
     case Fate::CONFIRM:
-        store_.confirmEvent(series.newest, filing.id);
+        store_.confirmEvent(series.newest, filing.arrival.image);
         extendRun(series, filing.id);
         return Filed::STORED;
     case Fate::REPLACE:
@@ -205,6 +216,8 @@ Filed Archive::store(const Filing& filing) {
     touch(series);
     if (!isDoubtful) {
         extendRun(series, filing.id);
+    } else if (filing.arrival.certainty == Certainty::SILENT) {
+        series.unsettled.assign(filing.arrival.image.begin(), filing.arrival.image.end());
     }
     ++rows_;
     ++counts_.stored;
@@ -247,6 +260,7 @@ void Archive::openGeneration(Series& series) {
     series.highestId.reset();
     series.proven.reset();
     series.notedTo = 0;
+    series.unsettled.clear();
     store_.addGeneration(series.newest, now_);
 }
 
@@ -289,6 +303,7 @@ void Archive::takeBackFrom(Series& series, U32_t id, View body) {
 }
 
 void Archive::removeFrom(Series& series, U32_t id) {
+    series.unsettled.clear();
     store_.removeEvent(series.newest, id);
     series.highestId = store_.highestId(series.newest);
     if (series.proven && series.proven->contains(id)) {

@@ -166,6 +166,9 @@ class Archive {
         U32_t notedTo = 0;                   ///< the storage knows of the run up to here
         U64_t duplicates = 0;                ///< not written yet
         bool isTouched = false;              ///< the generation is in touched_
+        /** The last event that was filed before anything was seen behind it; empty: none that is
+         * still doubtful. */
+        Bytes unsettled = {};
     };
 
     // An event's place: its bytes from enclosure to instance.
@@ -197,6 +200,7 @@ class Archive {
     Series& claim(Speaker& speaker, const SeriesKey& key, U32_t first);
     bool isSuperseded(const Speaker& speaker, LinkNumber link) const;
     Filed fileIn(const Filing& filing);
+    static bool settles(const Filing& filing);
     Place placeOf(const Series& series, U32_t id, std::optional<StoredEvent>& held);
     Filed act(const Filing& filing, Fate fate, const Place& place);
     Filed store(const Filing& filing);

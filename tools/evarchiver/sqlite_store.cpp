@@ -101,7 +101,8 @@ class SqliteStore final : public Store {
             .run();
     }
 
-    void confirmEvent(const GenerationKey& generation, U32_t id) override {
+    void confirmEvent(const GenerationKey& generation, View image) override {
+        const U32_t id = imageOf<EmpEvLogHeader_t>(image).evSequenceId;
         confirmEvent_.with(generation.series, generation.generation, id).run();
     }
 

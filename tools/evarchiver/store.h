@@ -247,8 +247,10 @@ class Store : public StoreReader {
     /** The generation must not hold the event's id yet. */
     virtual void addEvent(const GenerationKey& generation, const NewEvent& event) = 0;
 
-    /** A doubtful event is so no more. */
-    virtual void confirmEvent(const GenerationKey& generation, U32_t id) = 0;
+    /** A doubtful event is so no more.
+     * @param image what its id holds, as far as the caller knows: when it is not so any more, a
+     * shared engine says so by a StoreConflict */
+    virtual void confirmEvent(const GenerationKey& generation, View image) = 0;
 
     virtual void removeEvent(const GenerationKey& generation, U32_t id) = 0;
 

@@ -23,6 +23,7 @@ struct Bounds {
     U32_t failures = 1;      ///< commits that fail, and deaths of an archiver
     unsigned depth = 9;      ///< actions
     bool isUnderWay = false; ///< the blade has sent two events when it begins
+    bool isSlow = false;     ///< nothing is seen behind an event before the next one comes
 };
 
 [[maybe_unused]] void PrintTo(const Bounds& bounds, std::ostream* out) {
@@ -150,7 +151,7 @@ class World {
     std::string text() const;
 
   private:
-    enum class Kind : U8_t { EVENT, ENDED, STATUS, END };
+    enum class Kind : U8_t { EVENT, SILENT, ENDED, STATUS, END };
     struct Request {
         LinkNumber link;
         Kind kind;
@@ -233,13 +234,34 @@ class World {
 
     void cut() {
         if (peer_ != nullptr) {
+            settleLast(Kind::ENDED);
             peer_->queue.push_back({link_, Kind::END, {}});
             peer_ = nullptr;
         }
     }
 
     bool canSend() const { return peer_ != nullptr && !isWaiting_ && next_ < log_.size(); }
-    void send(Kind kind) { peer_->queue.push_back({link_, kind, log_[next_++]}); }
+    void send(Kind kind) {
+        settleLast(Kind::EVENT);
+        const bool isSilent = bounds_.isSlow && kind == Kind::EVENT;
+        peer_->queue.push_back({link_, isSilent ? Kind::SILENT : kind, log_[next_]});
+        unsettled_ = isSilent ? log_[next_] : Bytes();
+        ++next_;
+    }
+
+    // As a link does with the last event that it has read.
+    void settleLast(Kind kind) {
+        if (peer_ != nullptr && !unsettled_.empty()) {
+            peer_->queue.push_back({link_, kind, std::exchange(unsettled_, {})});
+        }
+        unsettled_.clear();
+    }
+
+    static Certainty certaintyOf(Kind kind) {
+        return kind == Kind::EVENT    ? Certainty::CERTAIN
+               : kind == Kind::SILENT ? Certainty::SILENT
+                                      : Certainty::ENDED;
+    }
 
     // As a lane does: up to the end of the queue, a handshake of a shared storage for itself.
     void work(Process& process) {
@@ -271,10 +293,8 @@ class World {
                                      imageOf<EmpGetEvArchiverStatusMsg_t>(request.body)));
         } else if (request.kind == Kind::END) {
             archive.endLink(request.link);
-        } else if (archive.fileEvent(request.link, request.body,
-                                     request.kind == Kind::EVENT
-                                         ? Certainty::CERTAIN
-                                         : Certainty::ENDED) == Filed::NEW_GENERATION) {
+        } else if (archive.fileEvent(request.link, request.body, certaintyOf(request.kind)) ==
+                   Filed::NEW_GENERATION) {
             process.held.emplace_back(request.link, std::nullopt);
         }
         process.worked.push_back(std::move(request));
@@ -351,7 +371,10 @@ class World {
     void die(Process& process) {
         process.restart(database_, bounds_);
         process.isWarm = false;
-        peer_ = peer_ == &process ? nullptr : peer_;
+        if (peer_ == &process) {
+            peer_ = nullptr;
+            unsettled_.clear();
+        }
     }
 
     bool isStill(const Process& process) const {
@@ -390,6 +413,7 @@ class World {
             while (canSend()) {
                 send(Kind::EVENT);
             }
+            settleLast(Kind::EVENT);
             settle();
         }
     }
@@ -418,6 +442,7 @@ class World {
     bool isWaiting_ = false; ///< for its status answer
     bool hasResent_ = false;
     std::size_t next_ = 0; ///< to be sent
+    Bytes unsettled_;      ///< the last one that was, with nothing behind it
     U32_t rebuilds_ = 0;
     U32_t connects_ = 0;
     U32_t failures_ = 0;
@@ -446,7 +471,7 @@ std::string World::text() const {
         out << nameOfEvent(event) << ' ';
     }
     out << link_ << isWaiting_ << hasResent_ << next_ << ' ' << rebuilds_ << connects_ << failures_
-        << '|';
+        << (unsettled_.empty() ? '.' : '?') << '|';
     for (const auto& process : processes_) {
         out << (peer_ == process.get()) << process->isWarm << process->held.size();
         put(process->queue);
@@ -549,9 +574,11 @@ INSTANTIATE_TEST_SUITE_P(Processes, ExhaustiveTest,
                          testing::Values(Bounds{.processes = 1, .depth = 7},
                                          Bounds{.processes = 1, .depth = 8, .isUnderWay = true},
                                          Bounds{.processes = 2, .depth = 6},
-                                         Bounds{.processes = 2, .depth = 6, .isUnderWay = true}),
+                                         Bounds{.processes = 2, .depth = 6, .isUnderWay = true},
+                                         Bounds{.processes = 2, .depth = 6, .isSlow = true}),
                          [](const auto& bounds) {
                              return std::string(bounds.param.processes == 1 ? "OneOwns"
                                                                             : "TwoShare") +
-                                    (bounds.param.isUnderWay ? "UnderWay" : "");
+                                    (bounds.param.isUnderWay ? "UnderWay" : "") +
+                                    (bounds.param.isSlow ? "Slowly" : "");
                          });

@@ -45,8 +45,8 @@ class LockableStore : public Store {
     void addEvent(const GenerationKey& generation, const NewEvent& event) override {
         inner_->addEvent(generation, event);
     }
-    void confirmEvent(const GenerationKey& generation, U32_t id) override {
-        inner_->confirmEvent(generation, id);
+    void confirmEvent(const GenerationKey& generation, View image) override {
+        inner_->confirmEvent(generation, image);
     }
     void removeEvent(const GenerationKey& generation, U32_t id) override {
         inner_->removeEvent(generation, id);

@@ -59,6 +59,9 @@ class MemoryStore : public Store {
         changes_.clear();
         ours_.clear();
         removed_.clear();
+        newEvents_.clear();
+        newGenerations_.clear();
+        confirmed_.clear();
     }
 
     /** All changes are made to what is committed by now, or none. */
@@ -72,6 +75,9 @@ class MemoryStore : public Store {
             throw StoreError("nothing was heard of it", StoreError::Kind::PASSING);
         }
     }
+
+    /** Ids that were looked up. */
+    U64_t looks() const { return looks_; }
 
     /** The next commit that is made seems to have failed. */
     void failAfterCommit() { failsAfterCommit_ = true; }
@@ -106,9 +112,18 @@ class MemoryStore : public Store {
         });
     }
 
-    void confirmEvent(const GenerationKey& key, U32_t id) override {
+    /** It need not be there any more, or not with these bytes: the commit tells. */
+    void confirmEvent(const GenerationKey& key, View image) override {
+        const U32_t id = imageOf<EmpEvLogHeader_t>(image).evSequenceId;
+        ours_.insert(key.series);
+        if (!newEvents_.contains({key, id}) && !removed_.contains({key, id})) {
+            confirmed_[{key, id}] = Bytes(image.begin(), image.end());
+        }
         change([key, id](MemoryDatabase& all) {
-            all.generations[key].events.at(id).doubtful = false;
+            auto& events = all.generations[key].events;
+            if (const auto event = events.find(id); event != events.end()) {
+                event->second.doubtful = false;
+            }
         });
     }
 
@@ -184,6 +199,7 @@ class MemoryStore : public Store {
     }
 
     std::optional<StoredEvent> heldEvent(const GenerationKey& key, U32_t id) override {
+        ++looks_;
         const auto& events = eventsOf(key);
         const auto found = events.find(id);
         return found != events.end() ? std::optional(found->second) : std::nullopt;
@@ -286,6 +302,7 @@ class MemoryStore : public Store {
     void requireNoConflict() {
         const auto newEvents = std::exchange(newEvents_, {});
         const auto newGenerations = std::exchange(newGenerations_, {});
+        const auto confirmed = std::exchange(confirmed_, {});
         if (!isShared_) {
             return;
         }
@@ -296,7 +313,13 @@ class MemoryStore : public Store {
                 claims_.erase(number);
             }
         }
-        bool isTaken = false;
+        bool isTaken = std::ranges::any_of(confirmed, [this](const auto& event) {
+            const auto& [place, image] = event;
+            const auto found = committed_.generations.find(place.first);
+            const bool isThere = found != committed_.generations.end() &&
+                                 found->second.events.contains(place.second);
+            return !isThere || found->second.events.at(place.second).image != image;
+        });
         for (const auto& [key, id] : newEvents) {
             const auto found = committed_.generations.find(key);
             isTaken = isTaken ||
@@ -313,11 +336,13 @@ class MemoryStore : public Store {
     MemoryDatabase& committed_;
     bool isShared_;
     bool failsAfterCommit_ = false;
+    U64_t looks_ = 0;
     std::optional<MemoryDatabase> work_; ///< within a transaction
     std::vector<std::function<void(MemoryDatabase&)>> changes_;
     std::set<SeriesNumber> ours_; ///< series with changes that need their claim
     std::set<std::pair<GenerationKey, U32_t>> newEvents_; ///< where there was none
     std::set<std::pair<GenerationKey, U32_t>> removed_;
+    std::map<std::pair<GenerationKey, U32_t>, Bytes> confirmed_; ///< what was confirmed there
     std::set<GenerationKey> newGenerations_;
     std::map<SeriesNumber, U64_t> claims_; ///< what this connection claimed
 };

@@ -120,6 +120,40 @@ TEST_F(SharedTest, DoubtfulEventIsConfirmedByTheBladesOwnLink) {
     EXPECT_EQ(heldIn(1), 3U);
 }
 
+// A blade that logs slowly: nothing is seen behind an event until the next one comes.
+TEST_F(SharedTest, EventThatALinkFiledItselfIsConfirmedWithoutALook) {
+    first_.connect(1, event(0));
+    first_.archive.fileEvent(1, eventBody(event(0)), Certainty::SILENT);
+    first_.archive.commit();
+    const U64_t looks = first_.store.looks();
+    first_.fileSafely(1, {event(0)});
+    EXPECT_EQ(first_.store.looks(), looks);
+    EXPECT_FALSE(database_.generations.at({1, 1}).events.at(0).doubtful);
+}
+
+TEST_F(SharedTest, EventThatWasReplacedMeanwhileIsNotConfirmed) {
+    first_.connect(1, event(0));
+    first_.archive.fileEvent(1, eventBody(event(0)), Certainty::SILENT);
+    first_.archive.commit();
+    second_.fileSafely(2, {event(0, 2000)}); // on a link that never shook hands
+    first_.fileSafely(1, {event(0)});
+    EXPECT_EQ(first_.conflicts, 1);
+    const StoredEvent& held = database_.generations.at({1, 1}).events.at(0);
+    EXPECT_EQ(held.image, eventBody(event(0)));
+    EXPECT_FALSE(held.doubtful);
+}
+
+TEST_F(SharedTest, EventOfAnEarlierClaimIsNotConfirmed) {
+    first_.connect(1, event(0));
+    first_.archive.fileEvent(1, eventBody(event(0)), Certainty::SILENT);
+    first_.archive.commit();
+    second_.connect(2, event(0));
+    second_.fileSafely(2, {event(0, 2000)}); // another log
+    EXPECT_EQ(first_.fileSafely(1, {event(0)}), Filed::SET_ASIDE);
+    EXPECT_EQ(first_.conflicts, 1);
+    EXPECT_EQ(database_.generations.at({1, 1}).events.at(0).image, eventBody(event(0, 2000)));
+}
+
 TEST_F(SharedTest, SameEventsOverTwoProcessesAreStoredOnce) {
     first_.fileSafely(1, {event(0)}); // knows the log now
     second_.fileSafely(1, {event(0), event(1), event(2)});

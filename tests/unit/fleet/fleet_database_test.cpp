@@ -364,7 +364,7 @@ TEST_F(FleetDatabaseTest, ArchiverDoesItsWorkWithTheWritersRights) {
     store->noteProven(generation, {0, 0});
     store->countDuplicates(generation, 1);
     store->addEvent(generation, {1, eventBody({.id = 1}), true, true, NOW});
-    store->confirmEvent(generation, 1);
+    store->confirmEvent(generation, eventBody({.id = 1}));
     store->removeEvent(generation, 1);
     store->setAside(key_, Aside::REPLACED, {1, eventBody({.id = 1}), true, true, NOW});
     store->commit();

@@ -128,7 +128,7 @@ TEST_F(PgArrivalsTest, ADoubtfulEventComesWhenItIsConfirmedAndAStrangersOneNever
     PgArrivals arrivals(place_, std::chrono::seconds(0));
     EXPECT_THAT(ids(arrivals), ElementsAre(3));
     store_->begin();
-    store_->confirmEvent(generation_, 1);
+    store_->confirmEvent(generation_, eventBody({.id = 1}));
     store_->commit();
     EXPECT_THAT(ids(arrivals), ElementsAre(1));
 }

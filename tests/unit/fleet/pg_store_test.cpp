@@ -24,6 +24,8 @@ class PgStoreTest : public testing::Test {
                        {id, eventBody({.id = id, .time = time}), true, doubtful, fleet::NOW});
     }
 
+    static Bytes bodyOf(U32_t id) { return eventBody({.id = id, .time = 1000}); }
+
     /** A claim, and a generation with these events, committed. */
     GenerationKey fill(Store& store, const std::vector<U32_t>& ids) {
         const Claim claim = store.claim(key_, 0);
@@ -128,9 +130,121 @@ TEST_F(PgStoreTest, RunDoesNotTakeInWhatIsDoubtfulUntilItIsConfirmed) {
     EXPECT_EQ(other_->claim(key_, 0).newest->proven, (IdRun{0, 0}));
     EXPECT_EQ(other_->claim(key_, 0).newest->highest, 1U);
     other_->begin();
-    other_->confirmEvent(generation, 1);
+    other_->confirmEvent(generation, bodyOf(1));
     other_->commit();
     EXPECT_EQ(store_->claim(key_, 0).newest->proven, (IdRun{0, 1}));
+}
+
+// As of many blades that log slowly: each event is filed before anything is seen behind it.
+TEST_F(PgStoreTest, DoubtfulEventsOfABatchAreConfirmedByOneStatement) {
+    const GenerationKey generation = fill(*store_, {0});
+    store_->begin();
+    for (U32_t id = 1; id <= 50; ++id) {
+        add(*store_, generation, id, 1000, true);
+    }
+    store_->commit();
+    const std::vector<std::string> statements = {"UPDATE logs l SET seen%", "UPDATE events %",
+                                                 "% FROM events %"};
+    std::vector<U64_t> before;
+    for (const std::string& statement : statements) {
+        before.push_back(callsOf(statement));
+    }
+    store_->begin();
+    for (U32_t id = 1; id <= 50; ++id) {
+        store_->confirmEvent(generation, bodyOf(id));
+    }
+    store_->commit();
+    EXPECT_EQ(callsOf(statements[0]) - before[0], 1U) << "fences";
+    EXPECT_EQ(callsOf(statements[1]) - before[1], 1U) << "confirmations";
+    EXPECT_EQ(callsOf(statements[2]) - before[2], 0U) << "looks";
+    EXPECT_EQ(count("events WHERE doubtful"), 0U);
+    EXPECT_EQ(other_->claim(key_, 0).newest->proven, (IdRun{0, 50}));
+}
+
+TEST_F(PgStoreTest, EventThatIsConfirmedInItsOwnBatchIsFiledAsCertain) {
+    const GenerationKey generation = fill(*store_, {0});
+    const U64_t asked = callsOf("UPDATE events%");
+    store_->begin();
+    add(*store_, generation, 2, 1000, true);
+    add(*store_, generation, 1, 1000, true);
+    store_->confirmEvent(generation, bodyOf(1));
+    store_->commit();
+    EXPECT_EQ(callsOf("UPDATE events%"), asked);
+    EXPECT_FALSE(store_->heldEvent(generation, 1)->doubtful);
+    EXPECT_TRUE(store_->heldEvent(generation, 2)->doubtful);
+    EXPECT_EQ(other_->claim(key_, 0).newest->proven, (IdRun{0, 1}));
+}
+
+TEST_F(PgStoreTest, ConfirmationBehindALaterClaimLosesTheClaim) {
+    const GenerationKey generation = fill(*store_, {0});
+    store_->begin();
+    add(*store_, generation, 1, 1000, true);
+    store_->commit();
+    other_->claim(key_, 0);
+    store_->begin();
+    store_->confirmEvent(generation, bodyOf(1));
+    EXPECT_THAT(lostAt(*store_), ElementsAre(generation.series));
+    EXPECT_TRUE(store_->heldEvent(generation, 1)->doubtful);
+}
+
+TEST_F(PgStoreTest, ConfirmationMeetsWhatAVisitorHasReplaced) {
+    const GenerationKey generation = fill(*store_, {0});
+    store_->begin();
+    add(*store_, generation, 1, 1000, true);
+    store_->commit();
+    other_->begin();
+    other_->removeEvent(generation, 1);
+    add(*other_, generation, 1, 2000, true);
+    other_->commit();
+    store_->begin();
+    store_->confirmEvent(generation, bodyOf(1));
+    EXPECT_THAT(lostAt(*store_), ElementsAre());
+    EXPECT_TRUE(store_->heldEvent(generation, 1)->doubtful);
+}
+
+TEST_F(PgStoreTest, ConfirmationOfAnEventThatIsGoneIsAConflict) {
+    const GenerationKey generation = fill(*store_, {0});
+    store_->begin();
+    add(*store_, generation, 1, 1000, true);
+    store_->commit();
+    server().sql("DELETE FROM events WHERE id = 1", "contract");
+    store_->begin();
+    store_->confirmEvent(generation, bodyOf(1));
+    EXPECT_THAT(lostAt(*store_), ElementsAre());
+}
+
+TEST_F(PgStoreTest, DuplicatesOfManyLogsAreCountedByOneStatementBehindTheFence) {
+    const GenerationKey generation = fill(*store_, {0});
+    const SeriesKey another{{"ENC-A", "BLADE-2", 1}, 1};
+    const GenerationKey foreign{other_->claim(another, 0).series, 1};
+    other_->begin();
+    other_->addGeneration(foreign, fleet::NOW);
+    other_->commit();
+    const U64_t asked = callsOf("UPDATE generations g SET duplicates%");
+    store_->begin();
+    store_->countDuplicates(generation, 1);
+    store_->countDuplicates(foreign, 3);
+    store_->countDuplicates(generation, 1);
+    store_->commit();
+    EXPECT_EQ(callsOf("UPDATE generations g SET duplicates%") - asked, 1U);
+    EXPECT_EQ(server().sql("SELECT duplicates FROM generations ORDER BY 1", "contract"), "2\n3\n");
+    EXPECT_EQ(server().sql("SELECT sum(unclaimed) FROM logs", "contract"), "0\n");
+    other_->claim(key_, 0);
+    store_->begin();
+    store_->countDuplicates(generation, 5);
+    EXPECT_THAT(lostAt(*store_), ElementsAre(generation.series));
+    EXPECT_EQ(server().sql("SELECT sum(duplicates) FROM generations", "contract"), "5\n");
+}
+
+TEST_F(PgStoreTest, RunThatIsNotedBehindALaterClaimLosesTheClaim) {
+    const GenerationKey generation = fill(*store_, {0, 1, 2});
+    store_->begin();
+    add(*store_, generation, 3);
+    store_->rollback(); // the log's row is to be looked at again
+    other_->claim(key_, 0);
+    store_->begin();
+    store_->noteProven(generation, {0, 9});
+    EXPECT_THAT(lostAt(*store_), ElementsAre(generation.series));
 }
 
 TEST_F(PgStoreTest, RunEndsBeforeAnEventThatIsRemoved) {

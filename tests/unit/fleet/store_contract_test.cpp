@@ -144,7 +144,7 @@ TEST_P(StoreContractTest, DoubtfulEventEndsARunUntilItIsConfirmed) {
     EXPECT_EQ(store_->endOfRun(generation, 0), 1U);
     EXPECT_TRUE(store_->heldEvent(generation, 2)->doubtful);
     store_->begin();
-    store_->confirmEvent(generation, 2);
+    store_->confirmEvent(generation, eventBody({.id = 2}));
     store_->commit();
     EXPECT_EQ(store_->endOfRun(generation, 0), 2U);
 }

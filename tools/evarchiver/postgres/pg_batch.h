@@ -20,6 +20,13 @@ struct PendingEvent {
     S64_t received = 0;
 };
 
+/** A filed event that is doubtful no more. */
+struct ConfirmedEvent {
+    GenerationKey generation;
+    U32_t sequenceId = 0;
+    S64_t time = 0; ///< evTime: the partition that it is in
+};
+
 /** Arrays for the parameters of pg::FILE. */
 class PgBatch {
   public:

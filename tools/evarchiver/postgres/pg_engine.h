@@ -88,19 +88,10 @@ class PgStore final : public Store {
     SeriesNumber addSeries(const SeriesKey& key) override;
     void addGeneration(const GenerationKey& generation, S64_t opened) override;
     void addEvent(const GenerationKey& generation, const NewEvent& event) override;
-    void confirmEvent(const GenerationKey& generation, U32_t id) override {
-        changeEvent(pg::CONFIRM, generation, id).hold(id, false);
-    }
-    void removeEvent(const GenerationKey& generation, U32_t id) override {
-        changeEvent(pg::REMOVE, generation, id).lose(id);
-    }
+    void confirmEvent(const GenerationKey& generation, View image) override;
+    void removeEvent(const GenerationKey& generation, U32_t id) override;
     U64_t removeOldest(const GenerationKey& generation, S64_t before, U64_t most) override;
-    void countDuplicates(const GenerationKey& generation, U64_t more) override {
-        change(pg::DUPLICATES, PgParameters()
-                                   .integer(generation.series)
-                                   .integer(generation.generation)
-                                   .integer(static_cast<S64_t>(more)));
-    }
+    void countDuplicates(const GenerationKey& generation, U64_t more) override;
     void noteProven(const GenerationKey& generation, const IdRun& run) override;
     void setAside(const SeriesKey& key, Aside reason, const NewEvent& event) override;
     U64_t removeAside(S64_t before) override {
@@ -154,8 +145,8 @@ class PgStore final : public Store {
     void requireClaims();
     void beginOnServer();
     PgRows change(const PgStatement& statement, const PgParameters& parameters);
-    Known& changeEvent(const PgStatement& statement, const GenerationKey& generation, U32_t id);
     Known& known(SeriesNumber series);
+    S64_t newestOfOwned(SeriesNumber series);
     void queueName(const SeriesKey& key, SeriesNumber number);
     SeriesNumber nameSeries(const SeriesKey& key);
     std::optional<Claim> tryClaim(const SeriesKey& key, SeriesNumber number, U32_t first,
@@ -168,11 +159,13 @@ class PgStore final : public Store {
     };
 
     void flush();
-    bool hasWork() const { return !touched_.empty() || !pending_.empty(); }
+    bool hasWork() const { return !touched_.empty() || !pending_.empty() || !duplicates_.empty(); }
     void sortPending();
     void advance();
     void queueFences();
     void queueTaken();
+    void queueConfirmed();
+    void queueDuplicates();
     void takeAnswers(bool looksAgain, bool files);
     void judge(const PgRows& rows, int row, Verdict& verdict);
     void takeFiled(const Verdict& verdict);
@@ -188,6 +181,10 @@ class PgStore final : public Store {
     std::unordered_map<SeriesNumber, Known> known_;
     std::set<SeriesNumber> touched_; ///< logs that something was changed of since their fence
     std::vector<PendingEvent> pending_;
+    /** Those of them that are doubtful: where they are. */
+    std::map<std::pair<GenerationKey, U32_t>, std::size_t> doubtful_;
+    std::vector<ConfirmedEvent> confirmed_;              ///< of those that are filed
+    std::map<GenerationKey, U64_t> duplicates_;          ///< not counted yet
     std::vector<std::pair<GenerationKey, U32_t>> filed_; ///< in this transaction
     std::vector<U32_t> fences_; ///< of the fences on their way: how many logs they lock
     PgBatch batch_;

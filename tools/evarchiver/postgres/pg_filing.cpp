@@ -14,6 +14,12 @@ void PgStore::sortPending() {
 
 // What the logs' rows say of the newest generation when the events are there.
 void PgStore::advance() {
+    for (const ConfirmedEvent& event : confirmed_) {
+        Known& log = known_.at(event.generation.series);
+        if (log.generation == event.generation.generation) {
+            log.hold(event.sequenceId, false);
+        }
+    }
     for (const PendingEvent& event : pending_) {
         Known& log = known_.at(event.generation.series);
         if (log.generation == event.generation.generation) {
@@ -54,6 +60,33 @@ void PgStore::queueTaken() {
     connection_.queue(pg::TAKEN, PgParameters().array(logs).array(generations).array(ids));
 }
 
+void PgStore::queueConfirmed() {
+    PgArray logs(PgType::BIGINT);
+    PgArray generations(PgType::BIGINT);
+    PgArray ids(PgType::BIGINT);
+    PgArray times(PgType::TIMESTAMPTZ);
+    for (const ConfirmedEvent& event : confirmed_) {
+        logs.addNumber(event.generation.series);
+        generations.addNumber(event.generation.generation);
+        ids.addNumber(event.sequenceId);
+        times.addNumber(pgTime(event.time));
+    }
+    connection_.queue(pg::CONFIRM,
+                      PgParameters().array(logs).array(generations).array(ids).array(times));
+}
+
+void PgStore::queueDuplicates() {
+    PgArray logs(PgType::BIGINT);
+    PgArray generations(PgType::BIGINT);
+    PgArray more(PgType::BIGINT);
+    for (const auto& [generation, count] : duplicates_) {
+        logs.addNumber(generation.series);
+        generations.addNumber(generation.generation);
+        more.addNumber(static_cast<S64_t>(count));
+    }
+    connection_.queue(pg::DUPLICATES, PgParameters().array(logs).array(generations).array(more));
+}
+
 // Whether a log's row is as it was when its events were looked at.
 void PgStore::judge(const PgRows& rows, int row, Verdict& verdict) {
     const SeriesNumber series = rows.integer(row, 0);
@@ -76,6 +109,7 @@ void PgStore::flush() {
         known(series);
     }
     sortPending();
+    doubtful_.clear();
     const bool looksAgain = std::ranges::any_of(pending_, [this](const PendingEvent& event) {
         return !known_.at(event.generation.series).isOwned;
     });
@@ -88,6 +122,12 @@ void PgStore::flush() {
     queueFences();
     if (looksAgain) {
         queueTaken();
+    }
+    if (!confirmed_.empty()) {
+        queueConfirmed();
+    }
+    if (!duplicates_.empty()) {
+        queueDuplicates();
     }
     if (files) {
         connection_.queue(pg::FILE, parametersOf(0, pending_.size()));
@@ -110,6 +150,13 @@ void PgStore::takeAnswers(bool looksAgain, bool files) {
     }
     if (looksAgain) {
         verdict.isStale = connection_.take().count() > 0 || verdict.isStale;
+    }
+    if (!confirmed_.empty()) {
+        const U64_t asked = std::exchange(confirmed_, {}).size();
+        verdict.isStale = connection_.take().affected() != asked || verdict.isStale;
+    }
+    if (!std::exchange(duplicates_, {}).empty()) {
+        connection_.take();
     }
     if (files) {
         takeFiled(verdict);
@@ -216,6 +263,9 @@ void PgStore::rollback() noexcept {
 void PgStore::endTransaction() {
     touched_.clear();
     pending_.clear();
+    doubtful_.clear();
+    confirmed_.clear();
+    duplicates_.clear();
     filed_.clear();
     fences_.clear();
     looked_.clear();

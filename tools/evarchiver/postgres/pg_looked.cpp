@@ -43,6 +43,17 @@ void LookedUp::put(const GenerationKey& generation, U32_t id, std::optional<Stor
     pages_[generation].ids[id] = std::move(held);
 }
 
+void LookedUp::confirm(const GenerationKey& generation, U32_t id) {
+    const auto page = pages_.find(generation);
+    if (page == pages_.end()) {
+        return;
+    }
+    const auto found = page->second.ids.find(id);
+    if (found != page->second.ids.end() && found->second) {
+        found->second->doubtful = false;
+    }
+}
+
 void LookedUp::forget(const GenerationKey& generation, U32_t id) {
     if (find(generation, id) != nullptr) {
         pages_.erase(generation);

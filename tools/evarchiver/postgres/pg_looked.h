@@ -30,6 +30,9 @@ class LookedUp {
     /** One id more. */
     void put(const GenerationKey& generation, U32_t id, std::optional<StoredEvent> held);
 
+    /** What the id holds is doubtful no more. */
+    void confirm(const GenerationKey& generation, U32_t id);
+
     /** The id is about to change, or all of the generation. */
     void forget(const GenerationKey& generation, U32_t id);
     void forget(const GenerationKey& generation) { pages_.erase(generation); }

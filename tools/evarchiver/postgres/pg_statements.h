@@ -94,10 +94,13 @@ constexpr PgStatement OPEN_FREE{
     "INSERT INTO generations (log, generation, opened) "
     "SELECT log, $2, $3 FROM opened"};
 
-/** Who reads events as they come meets it again. */
-constexpr PgStatement CONFIRM{"confirm",
-                              "UPDATE events SET doubtful = false, received = clock_timestamp() "
-                              "WHERE log = $1 AND generation = $2 AND id = $3"};
+/** Doubtful events that are so no more: logs, generations, ids, times. Who reads events as they
+ * come meets them again. */
+constexpr PgStatement CONFIRM{
+    "confirm", "UPDATE events e SET doubtful = false, received = clock_timestamp() "
+               "FROM unnest($1::bigint[], $2::bigint[], $3::bigint[], $4::timestamptz[]) "
+               "AS n(log, g, id, time) "
+               "WHERE e.log = n.log AND e.generation = n.g AND e.id = n.id AND e.time = n.time"};
 constexpr PgStatement REMOVE{"remove", "DELETE FROM events "
                                        "WHERE log = $1 AND generation = $2 AND id = $3"};
 
@@ -108,9 +111,11 @@ constexpr PgStatement REMOVE_OLDEST{
     "WHERE log = $1 AND generation = $2 ORDER BY id LIMIT $4) o WHERE old AND id < "
     "(SELECT max(id) FROM events WHERE log = $1 AND generation = $2))"};
 
-constexpr PgStatement DUPLICATES{"duplicates",
-                                 "UPDATE generations SET duplicates = duplicates + $3 "
-                                 "WHERE log = $1 AND generation = $2"};
+/** Logs, generations, how many more. */
+constexpr PgStatement DUPLICATES{
+    "duplicates", "UPDATE generations g SET duplicates = g.duplicates + n.more "
+                  "FROM unnest($1::bigint[], $2::bigint[], $3::bigint[]) AS n(log, g, more) "
+                  "WHERE g.log = n.log AND g.generation = n.g"};
 constexpr PgStatement NOTE_RUN{"note_run", "UPDATE generations SET run_first = $3, run_last = $4 "
                                            "WHERE log = $1 AND generation = $2"};
 constexpr PgStatement FORGET_RUN{"forget_run",

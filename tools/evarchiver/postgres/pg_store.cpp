@@ -335,12 +335,28 @@ void PgStore::addGeneration(const GenerationKey& generation, S64_t opened) {
 void PgStore::addEvent(const GenerationKey& generation, const NewEvent& event) {
     looked_.forget(generation, event.sequenceId);
     touched_.insert(generation.series);
+    if (event.doubtful) {
+        doubtful_[{generation, event.sequenceId}] = pending_.size();
+    }
     pending_.push_back({generation, rowOf(event.image, reads_.keyOf(generation.series)), event.own,
                         event.doubtful, event.received});
 }
 
-Known& PgStore::changeEvent(const PgStatement& statement, const GenerationKey& generation,
-                            U32_t id) {
+void PgStore::confirmEvent(const GenerationKey& generation, View image) {
+    const auto header = imageOf<EmpEvLogHeader_t>(image);
+    const U32_t id = header.evSequenceId;
+    looked_.confirm(generation, id);
+    touched_.insert(generation.series);
+    const auto waiting = doubtful_.find({generation, id});
+    if (waiting == doubtful_.end()) {
+        confirmed_.push_back({generation, id, header.evTime});
+        return;
+    }
+    pending_[waiting->second].doubtful = false;
+    doubtful_.erase(waiting);
+}
+
+void PgStore::removeEvent(const GenerationKey& generation, U32_t id) {
     Known& log = guarded([&]() -> Known& {
         flush();
         return known(generation.series);
@@ -348,12 +364,21 @@ Known& PgStore::changeEvent(const PgStatement& statement, const GenerationKey& g
     looked_.forget(generation);
     touched_.insert(generation.series);
     const PgRows rows = change(
-        statement,
+        pg::REMOVE,
         PgParameters().integer(generation.series).integer(generation.generation).integer(id));
     if (rows.affected() == 0) {
         throw StoreConflict();
     }
-    return log;
+    log.lose(id);
+}
+
+// The fence of a claim goes before it. Who visits leaves no mark for a mere count.
+void PgStore::countDuplicates(const GenerationKey& generation, U64_t more) {
+    const auto known = known_.find(generation.series);
+    if (known != known_.end() && known->second.isOwned) {
+        touched_.insert(generation.series);
+    }
+    duplicates_[generation] += more;
 }
 
 U64_t PgStore::removeOldest(const GenerationKey& generation, S64_t before, U64_t most) {
@@ -366,13 +391,17 @@ U64_t PgStore::removeOldest(const GenerationKey& generation, S64_t before, U64_t
         .affected();
 }
 
+S64_t PgStore::newestOfOwned(SeriesNumber series) {
+    return guarded([&] { return known(series).generation; });
+}
+
 // Of a log that is owned its row tells, which the fence writes; of others, and of generations of
 // before, the generation's.
 void PgStore::noteProven(const GenerationKey& generation, const IdRun& run) {
     const bool isNothing = run.first > run.last;
     const auto known = known_.find(generation.series);
-    if (known != known_.end() && known->second.isOwned && known->second.isFresh &&
-        known->second.generation == generation.generation) {
+    if (known != known_.end() && known->second.isOwned &&
+        newestOfOwned(generation.series) == generation.generation) {
         std::optional<IdRun>& noted = known->second.run;
         const bool isWithin = noted && noted->contains(run.first) && run.last <= noted->last;
         if (isNothing ? noted.has_value() : !isWithin) {
