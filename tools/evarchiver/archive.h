@@ -41,6 +41,8 @@ struct ArchiveSettings {
     U64_t rowLimit = 0; ///< events kept at most, further ones are refused; 0: no limit
     Clear clear = Clear::NOTHING;
     Share share = {};
+    /** Logs known by heart at most: enough for a fleet, and a bound on memory. */
+    std::size_t knownSeries = 100'000;
 };
 
 /** What happened to an event. */
@@ -221,6 +223,7 @@ class Archive {
     StatusVerdict verdictFor(const EmpGetEvArchiverStatusMsg_t& request, Series& series);
     Series& seriesOf(const SeriesKey& key);
     Series* findSeries(const SeriesKey& key);
+    void makeRoom();
     void forget();
     void writeDuplicates();
     void ensureTransaction();

@@ -5,13 +5,6 @@
 #include <utility>
 
 namespace evarchive {
-namespace {
-
-// Series known by heart at most: enough for a fleet, and a bound on memory.
-constexpr std::size_t KNOWN_SERIES = 100'000;
-
-} // namespace
-
 void Archive::endLink(LinkNumber link) {
     ended_.push_back(link);
 }
@@ -104,14 +97,22 @@ void Archive::commit() {
     for (const auto& [level, text] : std::exchange(lines_, {})) {
         say_(level, text);
     }
-    if (series_.size() > KNOWN_SERIES) {
+    if (series_.size() > settings_.knownSeries) {
+        makeRoom();
+    }
+}
+
+// A shared storage has the runs with what was filed; the little that a handshake found beyond is
+// found again.
+void Archive::makeRoom() {
+    if (!store_.isShared()) {
         noteRuns();
         if (inTransaction_) {
             store_.commit();
             inTransaction_ = false;
         }
-        forget();
     }
+    forget();
 }
 
 void Archive::abandon() noexcept {

@@ -9,8 +9,9 @@ namespace {
 
 /** One of the processes. */
 struct Process {
-    explicit Process(MemoryDatabase& database)
-        : store(database, true), archive(store, {}, [](Level, const std::string&) {}) {}
+    explicit Process(MemoryDatabase& database, bool isShared = true,
+                     const ArchiveSettings& settings = {})
+        : store(database, isShared), archive(store, settings, [](Level, const std::string&) {}) {}
 
     StatusVerdict connect(LinkNumber link, const EventFields& oldest) {
         archive.commit();
@@ -152,6 +153,26 @@ TEST_F(SharedTest, EventOfAnEarlierClaimIsNotConfirmed) {
     EXPECT_EQ(first_.fileSafely(1, {event(0)}), Filed::SET_ASIDE);
     EXPECT_EQ(first_.conflicts, 1);
     EXPECT_EQ(database_.generations.at({1, 1}).events.at(0).image, eventBody(event(0, 2000)));
+}
+
+TEST_F(SharedTest, RunsOfManyLogsAreNotWrittenOneByOneToMakeRoom) {
+    for (const bool isShared : {true, false}) {
+        MemoryDatabase database;
+        Process process(database, isShared, {.knownSeries = 2});
+        for (LinkNumber link = 1; link <= 3; ++link) {
+            EventFields fields = event(0);
+            fields.log.slot = static_cast<U32_t>(link);
+            process.connect(link, fields);
+            EventFields next = fields;
+            next.id = 1;
+            process.fileSafely(link, {fields, next});
+        }
+        U64_t noted = 0;
+        for (const auto& [key, generation] : database.generations) {
+            noted += generation.info.proven ? 1 : 0;
+        }
+        EXPECT_EQ(noted, isShared ? 0U : 3U);
+    }
 }
 
 TEST_F(SharedTest, SameEventsOverTwoProcessesAreStoredOnce) {
