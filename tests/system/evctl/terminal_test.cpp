@@ -101,12 +101,7 @@ TEST_F(OnATerminal, LongPagesGoThroughThePagerToo) {
     const support::Process::Environment pager = {{"EVCTL_PAGER", "sed s/^/P:/"}};
     for (std::vector<std::string> command : std::vector<std::vector<std::string>>{
              {"file", "map", log_},
-             {"file", "info", log_},
-             {"file", "show", "--seq", "3", log_},
              {"stats", log_},
-             {"catalog", "list"},
-             {"catalog", "show", "startup", "4"},
-             {"explain", "unwrapped"},
              {"ael", "list", directory_.makeDirectory("aelfiles"), "--show-cursor"}}) {
         EXPECT_THAT(run(command, 100, pager), StartsWith("P:")) << command[1];
         command.emplace_back("--no-pager");
