@@ -196,7 +196,8 @@ TEST_F(FleetDatabaseTest, EventThatComesWhileItsPartitionIsMadeIsMovedToo) {
     std::thread owner([&] { upkeep = maintainFleet(place_, 0, NOW + 20 * DAY); });
     writer.execute("DO $$ BEGIN WHILE NOT EXISTS (SELECT 1 FROM pg_locks WHERE NOT granted AND "
                    "database = (SELECT oid FROM pg_database WHERE datname = current_database())) "
-                   "LOOP PERFORM pg_sleep(0.001); END LOOP; END $$; COMMIT");
+                   "LOOP PERFORM pg_sleep(0.001); EXIT WHEN clock_timestamp() > now() + "
+                   "interval '30 s'; END LOOP; END $$; COMMIT");
     owner.join();
     EXPECT_THAT(upkeep.failed, IsEmpty());
     EXPECT_EQ(upkeep.moved, 2U);

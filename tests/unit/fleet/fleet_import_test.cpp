@@ -164,7 +164,8 @@ TEST_F(ImportInTrouble, ConnectionThatIsCutInTheMiddleIsMadeAnew) {
     Imported imported;
     std::thread importing([&] { imported = importArchive(*from_, place_, out_); });
     other.execute("DO $$ DECLARE waiting int; BEGIN LOOP SELECT max(pid) INTO waiting FROM "
-                  "pg_locks WHERE NOT granted; EXIT WHEN waiting IS NOT NULL; "
+                  "pg_locks WHERE NOT granted; EXIT WHEN waiting IS NOT NULL OR "
+                  "clock_timestamp() > now() + interval '30 s'; "
                   "PERFORM pg_sleep(0.001); END LOOP; PERFORM pg_terminate_backend(waiting); END "
                   "$$; COMMIT");
     importing.join();
