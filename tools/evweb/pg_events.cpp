@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <utility>
 
 namespace evweb {
 namespace {
@@ -151,9 +152,10 @@ void searchLog(PgConnection& connection, const Search& search, Filling& filling)
 /** The arrivals that are looked through next. */
 class Stretch {
   public:
-    /** @param ahead what the first one has more, where hardly anything is expected */
+    /** @param ahead width of the first one, where hardly anything is expected */
     explicit Stretch(const Place& end, S64_t ahead = 0)
-        : place(end), since_(end.instant - ahead - width_) {}
+        : place(end), isAhead_(ahead > 0), width_(isAhead_ ? ahead : FIRST_STRETCH),
+          since_(end.instant - width_) {}
 
     Place place; ///< it ends in front of this one
 
@@ -163,6 +165,7 @@ class Stretch {
 
     void narrow() {
         crowdedSince_ = since_;
+        isAhead_ = false;
         width_ = std::max(SHORTEST_STRETCH, width_ / STRETCH_GROWTH);
         since_ = place.instant - width_;
     }
@@ -173,14 +176,17 @@ class Stretch {
         if (place.instant < crowdedSince_) {
             crowdedSince_ = INT64_MAX;
         }
-        if (mayGrow && crowdedSince_ == INT64_MAX) {
+        if (std::exchange(isAhead_, false)) {
+            width_ = FIRST_STRETCH;
+        } else if (mayGrow && crowdedSince_ == INT64_MAX) {
             width_ = std::min(width_ * STRETCH_GROWTH, instantOf(UINT32_MAX) - instantOf(0));
         }
         since_ = place.instant - width_;
     }
 
   private:
-    S64_t width_ = FIRST_STRETCH;
+    bool isAhead_;
+    S64_t width_;
     S64_t since_;
     S64_t crowdedSince_ = INT64_MAX; ///< from here to the place there were too many at once
 };

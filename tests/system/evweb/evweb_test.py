@@ -418,6 +418,10 @@ class PostgresTest(Answers, unittest.TestCase):
         ids = self.ids_of_pages("limit=300")
         self.assertEqual([next(ids) for _ in range(1000)], list(range(20_500, 19_500, -1)))
 
+    def test_the_newest_of_many_events_a_second_are_on_the_first_page(self):
+        self.crowd(20_500, "now() - n * interval '1 millisecond'")
+        self.assertEqual([found["sequenceId"] for found in self.events("limit=50&enclosure=CROWD")], list(range(1, 51)))
+
     def test_pages_lead_into_a_crowd_and_out_of_it(self):
         self.crowd(20_500, "now() - interval '1 hour' - n * interval '20 milliseconds'")
         ids = self.ids_of_pages("limit=400&enclosure=CROWD&id=1")
