@@ -47,9 +47,12 @@ LaneState& LaneState::operator+=(const LaneState& other) {
     spooled += other.spooled;
     lag = std::max(lag, other.lag);
     isAway = isAway || other.isAway;
+    isRefused = isRefused || other.isRefused;
+    canFile = canFile || other.canFile;
     commits += other.commits;
     commitSeconds += other.commitSeconds;
     worstCommit = std::max(worstCommit, other.worstCommit);
+    commitTimes += other.commitTimes;
     expired += other.expired;
     bytesUsed = std::max(bytesUsed, other.bytesUsed); // each sees the whole archive
     return *this;
@@ -102,6 +105,8 @@ LaneState Lane::state() {
     state.spooled = queued_;
     state.lag = queued_ > 0 ? std::chrono::duration<double>(Clock::now() - oldest_).count() : 0;
     state.isAway = isAway_;
+    state.isRefused = isRefused_;
+    state.canFile = !isAway_;
     return state;
 }
 
@@ -158,7 +163,7 @@ void Lane::noteRuns() {
         commit();
     } catch (const StoreError& error) {
         archive_.abandon();
-        if (!error.isPassing()) {
+        if (!error.isPassing() && !error.isRefusal()) {
             throw;
         }
     } catch (const StoreConflict&) {
@@ -177,6 +182,7 @@ void Lane::look() {
 }
 
 void Lane::sayBack() {
+    isRefused_ = false;
     if (isAway_.exchange(false)) {
         callbacks_.say(Level::NOTICE, "the archive can be written again");
     }
@@ -308,6 +314,7 @@ void Lane::commit() {
         ++commits_;
         commitSeconds_ += seconds;
         worstCommit_ = std::max(worstCommit_, seconds);
+        commitTimes_.add(seconds);
         sayBack();
     } else {
         archive_.commit(); // it may have something to say
@@ -338,17 +345,22 @@ void Lane::dropDone() {
     committedTo_ = requestAt_;
 }
 
+// What is refused may be allowed again: other lanes and servers are not to end for it.
 void Lane::undo(const StoreError& error) {
     archive_.abandon();
-    if (!error.isPassing()) {
+    if (!error.isPassing() && !error.isRefusal()) {
         throw error;
     }
     rewind();
     delay_ = std::clamp(delay_ * 2, FIRST_DELAY, LONGEST_DELAY);
+    const bool isOther = isRefused_.exchange(error.isRefusal()) != error.isRefusal();
     const bool isNew = !isAway_.exchange(true);
-    if (isNew || Clock::now() >= saidAway_ + SAY_AGAIN) {
+    if (isNew || isOther || Clock::now() >= saidAway_ + SAY_AGAIN) {
         saidAway_ = Clock::now();
-        callbacks_.say(Level::FAILURE, std::string(error.what()) + "; events wait, tried again");
+        callbacks_.say(Level::FAILURE,
+                       std::string(error.what()) +
+                           (error.isRefusal() ? "; refused until that is set right, events wait"
+                                              : "; events wait, tried again"));
     }
 }
 
@@ -381,6 +393,7 @@ void Lane::publish() {
     state_.commits = commits_;
     state_.commitSeconds = commitSeconds_;
     state_.worstCommit = worstCommit_;
+    state_.commitTimes = commitTimes_;
     state_.expired = retention_.removed();
     state_.bytesUsed = bytesUsed_;
 }

@@ -12,6 +12,7 @@
 
 #include "archive.h"
 #include "retention.h"
+#include "times.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -96,13 +97,16 @@ struct LaneState {
     std::size_t spooled = 0; ///< bytes of work that is not committed yet
     double lag = 0;          ///< seconds that the oldest of it has waited
     bool isAway = false;     ///< the storage cannot be used for now
+    bool isRefused = false;  ///< because it refuses what is asked of it
+    bool canFile = false;    ///< of several lanes: at least one can
     U64_t commits = 0;
     double commitSeconds = 0; ///< of all commits together
     double worstCommit = 0;   ///< seconds, of the slowest one
+    Times commitTimes;        ///< how they are spread
     U64_t expired = 0;        ///< events that retention took
     U64_t bytesUsed = 0;      ///< by the archive, at the last look
 
-    /** Two lanes of one archive. */
+    /** Two lanes of one archive, on one server. */
     LaneState& operator+=(const LaneState& other);
 };
 
@@ -192,6 +196,7 @@ class Lane {
     U64_t commits_ = 0;
     double commitSeconds_ = 0;
     double worstCommit_ = 0;
+    Times commitTimes_;
     U64_t bytesUsed_ = 0;
     Clock::time_point nextLook_;
     Clock::time_point nextRound_;
@@ -206,6 +211,7 @@ class Lane {
     std::atomic<std::size_t> queued_ = 0; ///< bytes handed over and not yet safe
     Clock::time_point oldest_;            ///< when the first of them were handed over
     std::atomic<bool> isAway_ = false;
+    std::atomic<bool> isRefused_ = false;
     std::atomic<bool> isStopping_ = false;
     Clock::time_point deadline_;
 

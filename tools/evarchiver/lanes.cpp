@@ -146,10 +146,18 @@ bool Lanes::mayTakeLinks(std::size_t budget) const {
 }
 
 LaneState Lanes::state() {
+    const std::size_t each = share_.of / share_.nodes;
     LaneState sum;
-    for (One& one : lanes_) {
-        sum += one.lane->state();
+    U64_t bytesUsed = 0;
+    for (std::size_t first = 0; first < lanes_.size(); first += each) {
+        LaneState server;
+        for (std::size_t lane = first; lane < first + each; ++lane) {
+            server += lanes_[lane].lane->state();
+        }
+        bytesUsed += server.bytesUsed;
+        sum += server;
     }
+    sum.bytesUsed = bytesUsed;
     return sum;
 }
 

@@ -214,6 +214,8 @@ void Link::takeReply(const Reply& reply) {
     const Awaited awaited = std::move(*asked);
     awaited_.erase(asked);
     if (!awaited.inquiry) {
+        const std::chrono::duration<double> taken = Clock::now() - awaited.since;
+        host_.counts().handshakes.add(taken.count());
         answerStatus(awaited.handle, reply.verdict);
     } else if (!awaited.isLate) {
         answerInquiry(awaited, reply.event);

@@ -9,6 +9,7 @@
 #include "options.h"
 #include "outbox.h"
 #include "session.h"
+#include "times.h"
 
 #include <list>
 
@@ -27,6 +28,7 @@ struct LinkCounts {
     U64_t shed = 0;      ///< links closed because too much waits
     U64_t refused = 0;   ///< connections not taken
     U64_t replaced = 0;  ///< links closed because their blade has a later one
+    Times handshakes;    ///< from a status request to its answer
 };
 
 /** What a link needs of the server. All calls come from the loop's thread. */

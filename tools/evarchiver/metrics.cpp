@@ -1,9 +1,11 @@
 #include "metrics.h"
 
+#include <CivetServer.h>
 #include <filesystem>
-#include <prometheus/collectable.h>
-#include <prometheus/exposer.h>
+#include <limits>
 #include <prometheus/metric_family.h>
+#include <prometheus/text_serializer.h>
+#include <stdexcept>
 
 namespace evarchive {
 namespace {
@@ -12,16 +14,50 @@ using prometheus::ClientMetric;
 using prometheus::MetricFamily;
 using prometheus::MetricType;
 
-class Figures : public prometheus::Collectable {
+using State = std::function<ServerState()>;
+
+void answer(mg_connection* connection, const char* status, const char* type,
+            const std::string& text) {
+    mg_printf(connection,
+              "HTTP/1.1 %s\r\nContent-Type: %s\r\nContent-Length: %zu\r\n"
+              "Cache-Control: no-store\r\n\r\n",
+              status, type, text.size());
+    mg_write(connection, text.data(), text.size());
+}
+
+/** /metrics */
+class Figures : public CivetHandler {
   public:
-    Figures(std::function<ServerState()> state, const std::string& database)
+    Figures(State state, const std::string& database)
         : state_(std::move(state)), directory_(std::filesystem::absolute(database).parent_path()) {}
 
-    std::vector<MetricFamily> Collect() const override;
+    bool handleGet(CivetServer* /*server*/, mg_connection* connection) override {
+        answer(connection, "200 OK", "text/plain; version=0.0.4; charset=utf-8",
+               prometheus::TextSerializer().Serialize(collect()));
+        return true;
+    }
 
   private:
-    std::function<ServerState()> state_;
+    std::vector<MetricFamily> collect() const;
+
+    State state_;
     std::filesystem::path directory_;
+};
+
+/** /ready */
+class Readiness : public CivetHandler {
+  public:
+    explicit Readiness(State state) : state_(std::move(state)) {}
+
+    bool handleGet(CivetServer* /*server*/, mg_connection* connection) override {
+        const std::string why = state_().notReady;
+        answer(connection, why.empty() ? "200 OK" : "503 Service Unavailable",
+               "text/plain; charset=utf-8", (why.empty() ? "ready" : why) + "\n");
+        return true;
+    }
+
+  private:
+    State state_;
 };
 
 MetricFamily family(MetricType type, const char* name, const char* help, double value) {
@@ -38,6 +74,19 @@ MetricFamily counter(const char* name, const char* help, Number value) {
 template <typename Number>
 MetricFamily gauge(const char* name, const char* help, Number value) {
     return family(MetricType::Gauge, name, help, static_cast<double>(value));
+}
+
+MetricFamily histogram(const char* name, const char* help, const Times& times) {
+    ClientMetric metric;
+    metric.histogram.sample_sum = times.sum;
+    for (std::size_t i = 0; i < times.counts.size(); ++i) {
+        metric.histogram.sample_count += times.counts[i];
+        metric.histogram.bucket.push_back(
+            {metric.histogram.sample_count, i < Times::BOUNDS.size()
+                                                ? Times::BOUNDS[i]
+                                                : std::numeric_limits<double>::infinity()});
+    }
+    return {std::string("evarchiver_") + name, help, MetricType::Histogram, {metric}};
 }
 
 void addArchive(std::vector<MetricFamily>& all, const LaneState& lane) {
@@ -62,10 +111,13 @@ void addArchive(std::vector<MetricFamily>& all, const LaneState& lane) {
     all.push_back(counter("commits_total", "Transactions committed.", lane.commits));
     all.push_back(counter("commit_seconds_total", "Time spent in commits.", lane.commitSeconds));
     all.push_back(gauge("commit_seconds_max", "The slowest commit.", lane.worstCommit));
+    all.push_back(histogram("commit_seconds", "How long commits take.", lane.commitTimes));
     all.push_back(gauge("spooled_bytes", "What waits for the archive.", lane.spooled));
     all.push_back(gauge("lag_seconds", "How long the oldest of it has waited.", lane.lag));
     all.push_back(
         gauge("archive_away", "1 while the archive cannot be written.", lane.isAway ? 1 : 0));
+    all.push_back(gauge("archive_refused", "1 while the archive refuses what is asked of it.",
+                        lane.isRefused ? 1 : 0));
     all.push_back(gauge("archive_bytes", "Bytes of the archive in use.", lane.bytesUsed));
 }
 
@@ -85,10 +137,12 @@ void addLinks(std::vector<MetricFamily>& all, const ServerState& state) {
     all.push_back(
         counter("links_replaced_total", "Links closed for a later one.", counts.replaced));
     all.push_back(counter("connections_refused_total", "Connections not taken.", counts.refused));
+    all.push_back(
+        histogram("handshake_seconds", "From a status request to its answer.", counts.handshakes));
     all.push_back(gauge("unsent_bytes", "Answers that wait for blades.", state.unsent));
 }
 
-std::vector<MetricFamily> Figures::Collect() const {
+std::vector<MetricFamily> Figures::collect() const {
     const ServerState state = state_();
     std::vector<MetricFamily> all;
     addArchive(all, state.lane);
@@ -105,15 +159,18 @@ std::vector<MetricFamily> Figures::Collect() const {
 } // namespace
 
 struct Metrics::Parts {
-    std::shared_ptr<Figures> figures;
-    prometheus::Exposer exposer;
+    Figures figures;
+    Readiness readiness;
+    CivetServer server;
 };
 
 Metrics::Metrics(const asio::ip::tcp::endpoint& place, std::function<ServerState()> state,
                  const std::string& database)
-    : parts_(new Parts{std::make_shared<Figures>(std::move(state), database),
-                       prometheus::Exposer(textOfEndpoint(place), 1)}) {
-    parts_->exposer.RegisterCollectable(parts_->figures);
+    : parts_(new Parts{Figures(state, database), Readiness(state),
+                       CivetServer({"listening_ports", textOfEndpoint(place), "num_threads", "2",
+                                    "request_timeout_ms", "5000"})}) {
+    parts_->server.addHandler("/metrics", parts_->figures);
+    parts_->server.addHandler("/ready", parts_->readiness);
 }
 
 Metrics::~Metrics() = default;

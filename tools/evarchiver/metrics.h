@@ -11,7 +11,8 @@
 
 namespace evarchive {
 
-/** Serves /metrics from threads of its own, as long as it lives. */
+/** Serves /metrics, and /ready for who distributes blades, from threads of its own, as long as it
+ * lives. */
 class Metrics {
   public:
     /**

@@ -61,6 +61,17 @@ std::optional<std::string> Server::whyNot() const {
     return std::nullopt;
 }
 
+std::string Server::whyNotReady(const LaneState& lane) const {
+    if (isStopping_) {
+        return "it is ending";
+    }
+    if (!lane.canFile) {
+        return lane.isRefused ? "the archive refuses what is filed"
+                              : "the archive cannot be written";
+    }
+    return whyNot().value_or("");
+}
+
 void Server::take(asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer) {
     const auto link = std::make_shared<Link>(std::move(socket), peer, ++lastNumber_,
                                              static_cast<LinkHost&>(*this));
@@ -242,7 +253,7 @@ void Server::everySecond() {
     const LaneState lane = lanes_->state();
     {
         const std::lock_guard lock(stateMutex_);
-        state_ = {links_.size(), counts_, lane, unsent_};
+        state_ = {links_.size(), counts_, lane, unsent_, whyNotReady(lane)};
     }
     ++secondsPassed_;
     if (options_.progress.count() > 0 &&
@@ -271,6 +282,10 @@ void Server::beginStop(int signal) {
         return;
     }
     isStopping_ = true;
+    {
+        const std::lock_guard lock(stateMutex_);
+        state_.notReady = "it is ending";
+    }
     end_.signal = signal;
     acceptor_.close();
     endAllLinks();

@@ -28,6 +28,8 @@ struct ServerState {
     LinkCounts counts;
     LaneState lane;
     std::size_t unsent = 0; ///< bytes of answers that wait
+    /** Why a blade had better go to another archiver; empty: it had not. */
+    std::string notReady = "it has just been started";
 };
 
 /** One process's server. */
@@ -64,6 +66,7 @@ class Server : private LinkHost {
     void laneFailed(const std::string& why);
 
     std::optional<std::string> whyNot() const;
+    std::string whyNotReady(const LaneState& lane) const;
     void take(asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& peer);
     void handOver();
     void armHandOver();

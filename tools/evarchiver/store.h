@@ -28,13 +28,17 @@ namespace evarchive {
 /** The storage cannot do what it was asked. The text says why. */
 class StoreError : public std::runtime_error {
   public:
-    /** Whether waiting may help: a lock that another process holds, a full disk. */
-    enum class Kind : U8_t { LASTING, PASSING };
+    enum class Kind : U8_t {
+        LASTING,
+        REFUSED, ///< the engine is well and refuses it, until somebody sets right what it minds
+        PASSING, ///< waiting may help: a lock that another process holds, a full disk
+    };
 
     explicit StoreError(const std::string& text, Kind kind = Kind::LASTING)
         : std::runtime_error(text), kind_(kind) {}
 
     bool isPassing() const { return kind_ == Kind::PASSING; }
+    bool isRefusal() const { return kind_ == Kind::REFUSED; }
 
   private:
     Kind kind_;

@@ -16,8 +16,11 @@
 #include <unistd.h>
 
 using namespace support;
+using testing::AllOf;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
+using testing::StartsWith;
 
 namespace {
 
@@ -71,7 +74,7 @@ class FarEnd {
 };
 
 // What a scrape of the figures gets.
-std::string scrape(U16_t port) {
+std::string scrape(U16_t port, const std::string& path = "/metrics") {
     const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -79,7 +82,7 @@ std::string scrape(U16_t port) {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     std::string text;
     if (connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
-        const std::string request = "GET /metrics HTTP/1.0\r\n\r\n";
+        const std::string request = "GET " + path + " HTTP/1.0\r\n\r\n";
         send(descriptor, request.data(), request.size(), MSG_NOSIGNAL);
         char buffer[4096];
         for (ssize_t size = 0; (size = recv(descriptor, buffer, sizeof(buffer), 0)) > 0;) {
@@ -314,6 +317,8 @@ TEST_F(PeersTest, FiguresTellThatTheArchiveIsAway) {
     EXPECT_GT(figure(text, "spooled_bytes"), 20'000);
     EXPECT_GT(figure(text, "lag_seconds"), 0);
     EXPECT_EQ(figure(text, "events_stored_total"), 0);
+    EXPECT_THAT(scrape(port, "/ready"), AllOf(StartsWith("HTTP/1.1 503 "),
+                                              EndsWith("\r\n\r\nthe archive cannot be written\n")));
     lock.release();
     requireSoon(
         [&] {
@@ -323,6 +328,12 @@ TEST_F(PeersTest, FiguresTellThatTheArchiveIsAway) {
         "the archive to be back");
     EXPECT_EQ(figure(text, "lag_seconds"), 0);
     EXPECT_GE(figure(text, "events_stored_total"), 99);
+    EXPECT_THAT(scrape(port, "/ready"),
+                AllOf(StartsWith("HTTP/1.1 200 "), EndsWith("\r\n\r\nready\n")));
+    const double commits = figure(text, "commits_total");
+    EXPECT_EQ(figure(text, "commit_seconds_count"), commits);
+    EXPECT_EQ(figure(text, "commit_seconds_bucket{le=\"+Inf\"}"), commits);
+    EXPECT_EQ(figure(text, "handshake_seconds_count"), 1);
 }
 
 TEST_F(PeersTest, FiguresAreServedOnTheLoopbackOnly) {

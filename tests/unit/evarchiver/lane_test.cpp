@@ -6,6 +6,7 @@
 #include "wait.h"
 
 #include <gmock/gmock.h>
+#include <numeric>
 
 using namespace evarchive;
 using namespace support;
@@ -26,6 +27,9 @@ class LockableStore : public Store {
         } else if (failures_ > 0 && failures_ < LOOKS_FAIL) {
             --failures_;
             throw StoreError("locked", StoreError::Kind::PASSING);
+        }
+        if (failures_ == REFUSES) {
+            throw StoreError("not allowed", StoreError::Kind::REFUSED);
         }
         if (failures_ < 0) {
             throw StoreError("broken");
@@ -111,6 +115,7 @@ class LockableStore : public Store {
         return inner_->bytesUsed();
     }
 
+    static constexpr int REFUSES = -2;
     static constexpr int LOOKS_FAIL = 1000;
     static constexpr int LOOKS_MEET_OTHERS = 1001;
     static constexpr int COMMIT_IS_NOT_TOLD = 1002;
@@ -259,6 +264,47 @@ TEST_F(LaneTest, LastingFailureEndsTheLaneAndIsTold) {
     EXPECT_EQ(failed_, "broken");
     EXPECT_FALSE(lane_->stop(std::chrono::seconds(5)));
     EXPECT_TRUE(replies_.empty());
+}
+
+TEST_F(LaneTest, RefusedStatementEndsNoLaneAndItsWorkIsDoneOnceItIsAllowed) {
+    failures_ = LockableStore::REFUSES;
+    start();
+    addEvents(0, 9);
+    addStatus();
+    submit();
+    requireSoon([this] { return lane_->state().isRefused; }, "the refusal");
+    EXPECT_FALSE(lane_->state().canFile);
+    EXPECT_TRUE(replies_.empty());
+    failures_ = 0;
+    waitForReplies(1);
+    EXPECT_FALSE(lane_->state().isRefused);
+    EXPECT_TRUE(lane_->state().canFile);
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+    EXPECT_EQ(lane_->state().counts.stored, 10U);
+    EXPECT_EQ(failed_, "");
+    EXPECT_THAT(said_, testing::StartsWith("not allowed; refused until that is set right"));
+}
+
+TEST_F(LaneTest, TimesOfCommitsAreCountedByClasses) {
+    Times times;
+    for (const double seconds : {0.0005, 0.001, 0.0011, 2.5, 3.0}) {
+        times.add(seconds);
+    }
+    EXPECT_EQ(times.counts.front(), 2U);
+    EXPECT_EQ(times.counts[1], 1U);
+    EXPECT_EQ(times.counts[Times::BOUNDS.size() - 1], 1U);
+    EXPECT_EQ(times.counts.back(), 1U);
+    start();
+    addEvents(0, 9);
+    addStatus();
+    submit();
+    waitForReplies(1);
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+    const LaneState state = lane_->state();
+    EXPECT_GT(state.commits, 0U);
+    EXPECT_EQ(
+        std::accumulate(state.commitTimes.counts.begin(), state.commitTimes.counts.end(), U64_t{0}),
+        state.commits);
 }
 
 TEST_F(LaneTest, StorageThatIsAwayWhenOnlyItsSizeIsAskedForIsAskedAgain) {

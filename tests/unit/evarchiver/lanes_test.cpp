@@ -180,3 +180,36 @@ TEST_F(LanesTest, SecondArchiverOfTheSameFileIsRefused) {
     EXPECT_THROW(engineOf(path_).connect(), StoreError);
     stop();
 }
+
+namespace {
+
+class SizedStore : public MemoryStore {
+  public:
+    using MemoryStore::MemoryStore;
+    U64_t bytesUsed() override { return 100; }
+};
+
+} // namespace
+
+// The lanes of one server see one archive.
+TEST(SpreadLanesTest, SizeIsThatOfAllServersTogether) {
+    std::array<MemoryDatabase, 3> databases;
+    const Engine engine{
+        .connect = {},
+        .spread =
+            Spread{3, [&](U32_t node) { return std::make_unique<SizedStore>(databases[node]); },
+                   [](const SeriesKey& key) { return key.blade.slot % 3; }}};
+    Lanes lanes(engine, {}, 2,
+                {[](const std::vector<Reply>&) {}, [](Level, const std::string&) {},
+                 [](const std::string&) {}});
+    for (U32_t number = 0; number < 60; ++number) { // so many that no lane is without
+        const LogName log{.blade = "B" + std::to_string(number / 3), .slot = number % 3};
+        lanes.add(1, std::nullopt, Batch::Kind::EVENT, eventBody({.log = log, .id = 0}), 0);
+    }
+    lanes.handOver();
+    requireSoon([&] { return lanes.state().counts.stored == 60 && lanes.state().bytesUsed > 200; },
+                "all sizes");
+    EXPECT_EQ(lanes.state().bytesUsed, 300U);
+    EXPECT_TRUE(lanes.stop(std::chrono::seconds(10)));
+    EXPECT_EQ(lanes.state().bytesUsed, 300U);
+}

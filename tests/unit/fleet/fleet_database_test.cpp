@@ -371,6 +371,30 @@ TEST_F(FleetDatabaseTest, ArchiverDoesItsWorkWithTheWritersRights) {
     store->commit();
 }
 
+TEST_F(FleetDatabaseTest, RightThatIsTakenAwayIsARefusalUntilItIsGivenBack) {
+    sql("DROP ROLE IF EXISTS trial; CREATE ROLE trial LOGIN IN ROLE ev_writer");
+    place_.replace(place_.find("postgres@"), 9, "trial@");
+    file({{0, NOW}}, NOW);
+    const auto store = openPgArchive(place_);
+    const GenerationKey generation{*store->findSeries(key_), 1};
+    const auto add = [&] {
+        store->begin();
+        store->addEvent(generation, {1, eventBody({.id = 1}), true, true, NOW});
+        store->commit();
+    };
+    sql("REVOKE INSERT ON events FROM ev_writer");
+    try {
+        add();
+        ADD_FAILURE() << "it was committed";
+    } catch (const StoreError& error) {
+        EXPECT_TRUE(error.isRefusal()) << error.what();
+        store->rollback();
+    }
+    sql("GRANT INSERT ON events TO ev_writer");
+    add();
+    EXPECT_EQ(sql("SELECT count(*) FROM events"), "2\n");
+}
+
 TEST_F(FleetDatabaseTest, EachForbiddenStatementOfAWriterIsRefused) {
     for (const char* statement : {"UPDATE events SET data = ''",
                                   "UPDATE events SET id = 1",

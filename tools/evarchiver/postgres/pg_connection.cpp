@@ -230,7 +230,7 @@ void PgConnection::failWith(const pg_result* result) {
         close();
     }
     throw PgError(text, state,
-                  isPassing(state) ? StoreError::Kind::PASSING : StoreError::Kind::LASTING);
+                  isPassing(state) ? StoreError::Kind::PASSING : StoreError::Kind::REFUSED);
 }
 
 // Waits for the server's bytes, or for room to send.

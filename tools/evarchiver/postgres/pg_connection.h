@@ -100,8 +100,9 @@ struct PgPatience {
 
 /**
  * A connection. Every call throws PgError; Kind::PASSING when the server is away, busy, full or not
- * the one that can be written, Kind::LASTING when the request itself is wrong. After an error that
- * leaves no answer the connection is closed; reopen() makes it anew.
+ * the one that can be written, Kind::REFUSED when the request itself is wrong or not allowed,
+ * Kind::LASTING when the place is no place. After an error that leaves no answer the connection is
+ * closed; reopen() makes it anew.
  */
 class PgConnection {
   public:
