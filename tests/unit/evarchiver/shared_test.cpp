@@ -132,6 +132,19 @@ TEST_F(SharedTest, EventThatALinkFiledItselfIsConfirmedWithoutALook) {
     EXPECT_FALSE(database_.generations.at({1, 1}).events.at(0).doubtful);
 }
 
+TEST_F(SharedTest, AnotherEventConfirmsOnlyItself) {
+    first_.connect(1, event(0));
+    first_.archive.fileEvent(1, eventBody(event(0)), Certainty::SILENT);
+    first_.archive.commit();
+    EXPECT_EQ(first_.fileSafely(1, {event(1)}), Filed::STORED);
+    EXPECT_EQ(first_.conflicts, 0);
+    const auto& events = database_.generations.at({1, 1}).events;
+    ASSERT_EQ(events.size(), 2U);
+    EXPECT_TRUE(events.at(0).doubtful);
+    EXPECT_EQ(events.at(1).image, eventBody(event(1)));
+    EXPECT_FALSE(events.at(1).doubtful);
+}
+
 TEST_F(SharedTest, EventThatWasReplacedMeanwhileIsNotConfirmed) {
     first_.connect(1, event(0));
     first_.archive.fileEvent(1, eventBody(event(0)), Certainty::SILENT);
