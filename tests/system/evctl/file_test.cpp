@@ -262,7 +262,12 @@ TEST_F(File, NoEventLogIsRefusedWithAGuess) {
               "a program"},
              {"\x01\x02\xFF", "data of an unknown kind"}}) {
         support::writeFile(path(), bytes);
-        for (const std::string command : {"list", "verify", "info", "crash"}) {
+        // All readers share the guess: two tell it of each kind, the others of text and gzip.
+        std::vector<std::string> commands = {"list", "crash"};
+        if (guess == "text" || guess.ends_with("gzip")) {
+            commands.insert(commands.end(), {"verify", "info"});
+        }
+        for (const std::string& command : commands) {
             Outcome outcome = run(command);
             EXPECT_EQ(outcome.ending, support::exitedWith(2)) << guess;
             if (guess.ends_with("gzip") || (command == "list" && guess == "an SQLite database")) {
