@@ -1,3 +1,4 @@
+#include "engine.h"
 #include "feed.h"
 #include "id_runs.h"
 #include "postgres/fleet_hub.h"
