@@ -97,7 +97,7 @@ void Blade::linesOfEndedChild(const Child& child) {
         say("bug-check in " + found->function + ", line " + found->line + "; the report is in " +
             (options_.empLog == "-" ? "the lines above" : options_.empLog) +
             ", its records for the next start in " + block_.nvramDirectory() +
-            EMP_AEL_DIRECTORY_NAME + " (evctl ael list --dir, then evctl file crash)");
+            EMP_AEL_DIRECTORY_NAME + " (evctl file crash " + block_.nvramDirectory() + ")");
     }
 }
 

@@ -49,19 +49,8 @@ bool isDirectory(const std::string& path) {
 
 /** The alternate event log files of a bundle, or a single one. */
 std::vector<AelFile> filesIn(const std::string& path, int* status) {
-    std::vector<AelFile> files;
-    for (sources::LogFile& found : loadLogFiles(path, status)) {
-        if (found.kind == sources::Kind::ALTERNATE) {
-            AelFile file;
-            file.name = found.name.substr(found.name.find_last_of(":/") + 1);
-            file.size = found.image.fileSize;
-            file.modified = found.modified;
-            file.bytes = std::move(found.image.bytes);
-            sources::judgeAelFile(file);
-            files.push_back(std::move(file));
-        }
-    }
-    return sources::inOrderOfReplay(std::move(files));
+    std::vector<sources::LogFile> files = loadLogFiles(path, status);
+    return sources::takeAlternates(files);
 }
 
 /** @param status raised to a finding when something is wrong on the way */

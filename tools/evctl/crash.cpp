@@ -3,6 +3,9 @@
 #include "mmsg.h"
 
 #include <algorithm>
+#include <functional>
+#include <set>
+#include <string>
 
 namespace evctl {
 namespace {
@@ -76,6 +79,49 @@ bool mayGoOn(const Crash& crash, U32_t time) {
     return time > last && time - last <= LONGEST_PAUSE;
 }
 
+/** What a record keeps when it is taken from its file into the log. */
+std::string contentOf(const EvlogRecord_t& record) {
+    EmpEvRecord_t header = *record.header;
+    header.evInstanceNumber = 0;
+    header.evSequenceId = 0;
+    std::string content(reinterpret_cast<const char*>(&header) + EMP_CRC_START,
+                        EMP_EVENT_HEADER_SIZE);
+    return content.append(record.body.begin(), record.body.end());
+}
+
+bool isWithin(std::span<const EvlogRecord_t> records, const EvlogRecord_t* record) {
+    return std::greater_equal<>()(record, records.data()) &&
+           std::less<>()(record, records.data() + records.size());
+}
+
+/** Notes which records wait, and removes the bug-checks of which all do and stand in the log, too:
+ * files may outlive their replay. Single records are not looked at, those of another bug-check may
+ * be the same. */
+void judgeWaiting(std::vector<Crash>& crashes, const Records& all,
+                  std::span<const EvlogRecord_t> waiting) {
+    std::set<std::string> logged;
+    for (const EvlogRecord_t* record : all) {
+        if (!isWithin(waiting, record)) {
+            logged.insert(contentOf(*record));
+        }
+    }
+    for (Crash& crash : crashes) {
+        for (size_t place = 0; place < CRASH_RECORDS; place++) {
+            crash.waiting[place] = isWithin(waiting, crash.records[place]);
+        }
+    }
+    std::erase_if(crashes, [&logged](const Crash& crash) {
+        for (size_t place = 0; place < CRASH_RECORDS; place++) {
+            const EvlogRecord_t* record = crash.records[place];
+            if (record != nullptr &&
+                (!crash.waiting[place] || !logged.contains(contentOf(*record)))) {
+                return false;
+            }
+        }
+        return true;
+    });
+}
+
 void addSecond(std::vector<Crash>& crashes, std::span<const EvlogRecord_t* const> records) {
     Second second(records);
     if (!crashes.empty() && !second.isWhole() &&
@@ -119,11 +165,14 @@ U32_t crashDataLength(U32_t id) {
     }
 }
 
-std::vector<Crash> findCrashes(std::span<const EvlogRecord_t> records) {
+std::vector<Crash> findCrashes(std::span<const EvlogRecord_t> records,
+                               std::span<const EvlogRecord_t> waiting) {
     Records all;
-    for (const EvlogRecord_t& record : records) {
-        if (isOfCrash(record)) {
-            all.push_back(&record);
+    for (std::span<const EvlogRecord_t> some : {records, waiting}) {
+        for (const EvlogRecord_t& record : some) {
+            if (isOfCrash(record)) {
+                all.push_back(&record);
+            }
         }
     }
     orderByTime(all);
@@ -135,6 +184,9 @@ std::vector<Crash> findCrashes(std::span<const EvlogRecord_t> records) {
         });
         addSecond(crashes, {first, end});
         first = end;
+    }
+    if (!waiting.empty()) {
+        judgeWaiting(crashes, all, waiting);
     }
     return crashes;
 }

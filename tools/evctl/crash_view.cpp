@@ -58,16 +58,20 @@ void addPlace(Json& json, const Crash& crash) {
         }
         const EmpEvRecord_t& header = *crash.records[place]->header;
         first = first == nullptr ? &header : first;
-        lowest = std::min<U32_t>(lowest, header.evSequenceId);
-        highest = std::max<U32_t>(highest, header.evSequenceId);
         present++;
+        if (!crash.waiting[place]) {
+            lowest = std::min<U32_t>(lowest, header.evSequenceId);
+            highest = std::max<U32_t>(highest, header.evSequenceId);
+        }
     }
+    bool hasIds = crash.waiting.count() < present;
     json.update({{"time", isoTime(first->evTime)},
                  {"seconds", U32_t{first->evTime}},
                  {"records", present},
+                 {"waiting", crash.waiting.count()},
                  {"missing", missing},
-                 {"lowestSequenceId", lowest},
-                 {"highestSequenceId", highest},
+                 {"lowestSequenceId", hasIds ? Json(lowest) : Json(nullptr)},
+                 {"highestSequenceId", hasIds ? Json(highest) : Json(nullptr)},
                  {"enclosureId", escapedText(first->evEnclosureId)},
                  {"bladeId", escapedText(first->evBladeId)},
                  {"slotId", U32_t{first->evSlotId}}});
@@ -160,6 +164,21 @@ std::string rangesText(const Json& ids) {
     return text;
 }
 
+/** "24 of 24, sequence ids 1 to 24", or that they are not in the log yet. */
+std::string recordsText(const Json& json) {
+    std::string text = json["records"].dump() + " of 24";
+    if (!json["lowestSequenceId"].is_null()) {
+        text += ", sequence ids " + json["lowestSequenceId"].dump() + " to " +
+                json["highestSequenceId"].dump();
+    }
+    if (json["waiting"] == 0U) {
+        return text;
+    }
+    bool areAll = json["waiting"] == json["records"];
+    return text + (areAll ? ", which wait" : "; " + json["waiting"].dump() + " of them wait") +
+           " for the event manager's next start";
+}
+
 std::string headLines(const Json& json) {
     Json head = {{"time", json["time"]}};
     for (const char* name : {"message", "function", "line", "file"}) {
@@ -173,8 +192,7 @@ std::string headLines(const Json& json) {
     head["enclosure"] = json["enclosureId"];
     head["blade"] = json["bladeId"];
     head["slot"] = json["slotId"];
-    head["records"] = json["records"].dump() + " of 24, sequence ids " +
-                      json["lowestSequenceId"].dump() + " to " + json["highestSequenceId"].dump();
+    head["records"] = recordsText(json);
     if (!json["missing"].empty()) {
         head["missing"] = "event ids " + rangesText(json["missing"]);
     }

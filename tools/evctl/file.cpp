@@ -42,12 +42,16 @@ std::vector<sources::LogFile> loadLogFiles(const std::string& path, int* status)
     return files;
 }
 
-EvlogImage_t loadAnyLog(const std::string& path, int* status) {
-    std::vector<sources::LogFile> files = loadLogFiles(path, status);
+sources::LogFile& logAmong(std::vector<sources::LogFile>& files) {
     auto place = std::ranges::find_if(files, [](const sources::LogFile& file) {
         return file.name.ends_with(&EMP_LOG_FILE_NAME[1]);
     });
-    return std::move((place == files.end() ? files.front() : *place).image);
+    return place == files.end() ? files.front() : *place;
+}
+
+EvlogImage_t loadAnyLog(const std::string& path, int* status) {
+    std::vector<sources::LogFile> files = loadLogFiles(path, status);
+    return std::move(logAmong(files).image);
 }
 
 void requireLog(const std::string& name, const EvlogImage_t& image) {

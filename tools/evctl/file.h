@@ -22,6 +22,10 @@ void addFileArgument(CLI::App& command, std::string& path);
  * @param status raised to a finding when something is wrong; nullptr: not wanted */
 std::vector<sources::LogFile> loadLogFiles(const std::string& path, int* status = nullptr);
 
+/** Of what loadLogFiles() has given, at least one, the log; the first one where none has its name.
+ */
+sources::LogFile& logAmong(std::vector<sources::LogFile>& files);
+
 /** Reads a file that the event manager may be given as its log; of a bundle the log in it. Throws
  * when it cannot be read. */
 EvlogImage_t loadAnyLog(const std::string& path, int* status = nullptr);

@@ -3,6 +3,7 @@
 #include "evctl/crash_view.h"
 #include "evctl/file.h"
 #include "evctl/pager.h"
+#include "evctl/waiting.h"
 
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -11,9 +12,11 @@ namespace evctl {
 namespace {
 
 constexpr char FILE_CRASH_EXAMPLES[] =
-    "The exit status is 1 when the log holds a bug-check, or is damaged.\n"
+    "FILE: a log, with the alternate events in 'aelfiles' beside it; the directory of both; or a\n"
+    "bundle. Until the next start a bug-check is in alternate event files only.\n"
+    "The exit status is 1 when there is a bug-check, or the log is damaged.\n"
     "Examples:\n"
-    "  evctl file crash kelta_eventlog\n"
+    "  evctl file crash /nvram\n"
     "  evctl file crash kelta_eventlog --all --index all --json";
 
 struct CrashOptions {
@@ -38,10 +41,11 @@ void printCrash(const Crash& crash, const CrashOptions& options, size_t number, 
 
 int runCrash(const CrashOptions& options) {
     int status = tools::EXIT_DONE;
-    EvlogImage_t image = loadLog(options.path, &status);
-    LogContent content = readLog(image);
+    LogAndWaiting files = loadLogAndWaiting(options.path, &status);
+    LogContent content = files.log ? readLog(*files.log) : LogContent{};
     sortByAge(content.records);
-    std::vector<Crash> crashes = findCrashes(content.records);
+    std::vector<EvlogRecord_t> waiting = files.records();
+    std::vector<Crash> crashes = findCrashes(content.records, waiting);
     size_t shown = options.all ? crashes.size() : std::min<size_t>(crashes.size(), 1);
     for (size_t number = 1; number <= shown; number++) {
         printCrash(crashes[crashes.size() - number], options, number, crashes.size());
@@ -54,8 +58,7 @@ int runCrash(const CrashOptions& options) {
 void addFileCrashCommand(CLI::App& parent, Chosen& chosen) {
     auto options = std::make_shared<CrashOptions>();
     CLI::App& command = addCommand(
-        parent, "crash", "Report the newest bug-check of the event manager in a log file.",
-        FILE_CRASH_EXAMPLES);
+        parent, "crash", "Report the newest bug-check of the event manager.", FILE_CRASH_EXAMPLES);
     addFileArgument(command, options->path);
     command.add_flag("--all", options->all, "All bug-checks, newest first");
     command

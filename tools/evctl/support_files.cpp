@@ -79,15 +79,31 @@ void SupportFiles::addObject(const std::string& name, Json json) {
     addText(name, jsonLine(redact_ ? Redaction::object(std::move(json)) : json));
 }
 
-/** @param original what the log is judged by; @p shown what is quoted of it */
-void SupportFiles::addReports(const EvlogImage_t& original, const EvlogImage_t& shown) {
+/** What the log is judged to be: nothing is quoted of it. */
+void SupportFiles::addReports(const EvlogImage_t& original) {
     addText("predict.json",
             jsonLine(predictionJson(&EMP_LOG_FILE_NAME[1], evlogPredict(original, identity_))));
     addText("verify.json", jsonLine(findingsJson(readLog(original))));
-    LogContent content = readLog(shown);
+}
+
+/** The bug-checks in the log and in the alternate events, as they are in the bundle. */
+void SupportFiles::addCrashes() {
+    EvlogImage_t log;
+    LogContent content;
+    std::vector<EvlogRecord_t> waiting;
+    for (const bundle::Member& member : members_) {
+        EvlogRecord_t record;
+        if (member.name == FOLDER + std::string(&EMP_LOG_FILE_NAME[1])) {
+            log = evlogImageOf(member.bytes);
+            content = readLog(log);
+        } else if (member.name.starts_with(FOLDER + std::string(&EMP_AEL_DIRECTORY_NAME[1])) &&
+                   evlogReadAlternate(member.bytes, &record) == EVLOG_E_REASON_NONE) {
+            waiting.push_back(record);
+        }
+    }
     sortByAge(content.records);
     std::string crashes;
-    for (const Crash& crash : findCrashes(content.records)) {
+    for (const Crash& crash : findCrashes(content.records, waiting)) {
         crashes += (crashes.empty() ? "" : "\n") + crashLines(crashJson(crash, false));
     }
     addText("crashes.txt", crashes);
@@ -106,7 +122,7 @@ void SupportFiles::addLog(const std::string& path, const std::string& name, bool
     }
     std::vector<U8_t> shown = redact_ ? redaction_.log(image) : image.bytes;
     if (expected) {
-        addReports(image, evlogImageOf(shown));
+        addReports(image);
     }
     add(name, std::move(shown));
 }
@@ -161,6 +177,7 @@ void SupportFiles::addLogs(const std::string& directory, const EvlogIdentity_t* 
         addLog(asides[number], nameOfAside(asides[number], number + 1), false);
     }
     addAlternates(directory + EMP_AEL_DIRECTORY_NAME);
+    addCrashes();
     identity_ = nullptr;
 }
 

@@ -55,7 +55,8 @@ class SupportFiles {
     void add(const std::string& name, std::vector<U8_t> bytes);
     void addText(const std::string& name, const std::string& text);
     void addLog(const std::string& path, const std::string& name, bool expected);
-    void addReports(const EvlogImage_t& original, const EvlogImage_t& shown);
+    void addReports(const EvlogImage_t& original);
+    void addCrashes();
     void addOutput(const std::string& path, std::vector<U8_t> bytes);
     void addAlternates(const std::string& directory);
     std::string nameOfAside(const std::string& path, size_t number) const;

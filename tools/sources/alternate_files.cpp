@@ -202,6 +202,23 @@ std::vector<AelFile> inOrderOfReplay(std::vector<AelFile> files) {
     return replayed;
 }
 
+std::vector<AelFile> takeAlternates(std::vector<LogFile>& files) {
+    auto alternates = std::ranges::stable_partition(
+        files, [](const LogFile& file) { return file.kind != Kind::ALTERNATE; });
+    std::vector<AelFile> taken;
+    for (LogFile& found : alternates) {
+        AelFile file;
+        file.name = found.name.substr(found.name.find_last_of(":/") + 1);
+        file.size = found.image.fileSize;
+        file.modified = found.modified;
+        file.bytes = std::move(found.image.bytes);
+        judgeAelFile(file);
+        taken.push_back(std::move(file));
+    }
+    files.erase(alternates.begin(), alternates.end());
+    return inOrderOfReplay(std::move(taken));
+}
+
 std::vector<AelFile> readAelDirectory(const std::string& directory) {
     std::vector<AelFile> files;
     for (const std::string& name : namesIn(directory)) {

@@ -8,7 +8,7 @@
 #ifndef SOURCES_ALTERNATE_FILES_H
 #define SOURCES_ALTERNATE_FILES_H
 
-#include "sources/event.h"
+#include "sources/source.h"
 
 #include <optional>
 #include <string>
@@ -54,6 +54,10 @@ std::vector<AelFile> readAelDirectory(const std::string& directory);
  * replayed, and numbers those that are stored. @param files in the order in which they were found
  */
 std::vector<AelFile> inOrderOfReplay(std::vector<AelFile> files);
+
+/** Takes the alternate event log files out of @p files, such as those of a bundle, judged and in
+ * the order of their replay. */
+std::vector<AelFile> takeAlternates(std::vector<LogFile>& files);
 
 /** What the next start makes of a file's first bytes, its size being more than 0: fate and reason.
  * @param bytes as much of the file as can be looked at, cut to header and data by this call */

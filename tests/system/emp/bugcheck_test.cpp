@@ -15,6 +15,7 @@
 
 using namespace support;
 using testing::HasSubstr;
+using testing::Not;
 
 namespace {
 
@@ -97,12 +98,29 @@ TEST(BugCheck, LeavesFilesThatTheNextStartTakesAndTheReportShows) {
     expectTwentyFourFiles(blade);
     std::string listed = outputOf(blade, {"ael", "list", "--key", blade.key().text()}, 0);
     EXPECT_EQ(std::count(listed.begin(), listed.end(), '\n'), 24);
-    EXPECT_EQ(outputOf(blade, {"file", "crash", blade.logPath()}, 0), "");
+    for (const std::string& place : {blade.logPath(), blade.file("n")}) {
+        std::string waiting = outputOf(blade, {"file", "crash", place}, 1);
+        EXPECT_EQ(waiting.find("bug-check 1 of 1, newest first\ntime          20"), 0U);
+        EXPECT_THAT(waiting, HasSubstr("\nmessage       " + std::string(READ_FAILS).substr(0, 64) +
+                                       "\nfunction      main\nline          "));
+        EXPECT_THAT(waiting, HasSubstr("\nrecords       24 of 24, which wait for the event "
+                                       "manager's next start\n"));
+    }
+    if (runner().empty()) { // bundles are made on the desk
+        std::string bundle = blade.file("help.tar.gz");
+        std::string packed =
+            outputOf(blade, {"support", "--nvram", blade.file("n"), "-o", bundle}, 0);
+        EXPECT_THAT(packed, Not(HasSubstr("support/crashes.txt  0\n")));
+        EXPECT_EQ(outputOf(blade, {"file", "crash", bundle}, 1),
+                  outputOf(blade, {"file", "crash", blade.file("n")}, 1));
+    }
 
     RunningEmp emp(blade);
     emp.start();
     emp.process.waitForOutput("Wait for Event Messages.");
     EXPECT_EQ(blade.alternateFiles(), 0U);
+    EXPECT_EQ(outputOf(blade, {"file", "crash", blade.file("n"), "--all"}, 1),
+              outputOf(blade, {"file", "crash", blade.logPath()}, 1));
     std::string report = outputOf(blade, {"file", "crash", blade.logPath()}, 1);
     EXPECT_EQ(report.find("bug-check 1 of 1, newest first\ntime          20"), 0U);
     EXPECT_THAT(report, HasSubstr("\nmessage       " + std::string(READ_FAILS).substr(0, 64) +
@@ -126,6 +144,11 @@ TEST(BugCheck, TwoOfThemAreTwoReports) {
     dieOfUnreadData(blade);
     dieOfUnreadData(blade); // the events of the first are in the log, their copies unread
     EXPECT_EQ(blade.alternateFiles(), 24U);
+    std::string before = outputOf(blade, {"file", "crash", blade.file("n"), "--all"}, 1);
+    size_t older = before.find("\nbug-check 2 of 2");
+    ASSERT_NE(older, std::string::npos) << before.substr(0, 400);
+    EXPECT_THAT(before.substr(0, older), HasSubstr("24 of 24, which wait for"));
+    EXPECT_THAT(before.substr(older), HasSubstr("24 of 24, sequence ids 1 to 24\n"));
     RunningEmp emp(blade);
     emp.start();
     emp.process.waitForOutput("Wait for Event Messages.");

@@ -361,6 +361,51 @@ TEST_F(Support, RedactedKeepsOnlyKnownMessagesOfBugChecksAndNothingBehindTheirEn
     EXPECT_THAT(members_["support/crashes.txt"], HasSubstr("Linux select function fails"));
 }
 
+TEST_F(Support, BugCheckThatWaitsForTheNextStartIsReportedOfDirectoryLogAndBundle) {
+    std::string body = test::text64("empmain") + test::text64("main") + test::bigEndian(67, 4) +
+                       test::text64("Linux select function fails");
+    write("nvram/aelfiles/kelta_alteventlog1.b",
+          test::record({.instance = 0, .time = 1'164'117'800, .source = 27, .eventId = 11}, body));
+    pack();
+    const std::string head = "bug-check 1 of 1, newest first\n"
+                             "time          2006-11-21T14:03:20Z\n"
+                             "message       Linux select function fails\n";
+    for (const std::string& place :
+         {directory_.file("nvram"), directory_.file("nvram/kelta_eventlog"), bundlePath(),
+          directory_.file("nvram/aelfiles"),
+          directory_.file("nvram/aelfiles/kelta_alteventlog1.b")}) {
+        Said said = test::run({"file", "crash", place});
+        EXPECT_EQ(said.status, 1) << place;
+        EXPECT_EQ(said.errors, "");
+        EXPECT_EQ(said.output.substr(0, head.size()), head) << place;
+        EXPECT_THAT(said.output, HasSubstr("1 of 24, which wait for"));
+    }
+    EXPECT_THAT(members_["support/crashes.txt"], HasSubstr("Linux select function fails"));
+    // What made the bug-check may have been the log.
+    write("nvram/kelta_eventlog", "this is no log");
+    Said said = test::run({"file", "crash", directory_.file("nvram")});
+    EXPECT_THAT(said.errors, HasSubstr("no event log"));
+    EXPECT_EQ(said.output.substr(0, head.size()), head);
+    std::filesystem::remove(directory_.file("nvram/kelta_eventlog"));
+    said = test::run({"file", "crash", directory_.file("nvram")});
+    EXPECT_EQ(said.errors, "");
+    EXPECT_EQ(said.output.substr(0, head.size()), head);
+    std::filesystem::remove(bundlePath());
+    pack({"--redact"});
+    EXPECT_THAT(members_["support/crashes.txt"], HasSubstr("Linux select function fails"));
+}
+
+TEST_F(Support, WithoutLogAndWithoutAlternateEventsThereIsNoCrashToLookFor) {
+    directory_.makeDirectory("empty");
+    Said said = test::run({"file", "crash", directory_.file("empty")});
+    EXPECT_EQ(said.status, 2);
+    EXPECT_THAT(said.errors, HasSubstr("a directory without an event log"));
+    write("empty/kelta_eventlog", "this is no log");
+    said = test::run({"file", "crash", directory_.file("empty")});
+    EXPECT_EQ(said.status, 2);
+    EXPECT_THAT(said.errors, HasSubstr("no event log"));
+}
+
 TEST(Redaction, ObjectsLoseTextsAndSerialNumbers) {
     evctl::Json json = {{"serialNo", 17}, {"slotId", 3}, {"empty", ""}, {"mac", {"00:01", 5}}};
     EXPECT_EQ(evctl::Redaction::object(json).dump(),

@@ -128,3 +128,58 @@ TEST(Crash, ClockSetBackBetweenTwo) {
     log.addRange(21, 34, 99, 'b');
     EXPECT_EQ(grouped(log).size(), 2U);
 }
+
+namespace {
+
+/** As grouped(), in capitals what waits. */
+std::vector<std::string> groupedWith(const CrashLog& log, const CrashLog& waiting) {
+    std::vector<std::string> texts;
+    for (const Crash& crash : evctl::findCrashes(log.records(), waiting.records())) {
+        std::string text;
+        for (size_t place = 0; place < evctl::CRASH_RECORDS; place++) {
+            const EvlogRecord_t* record = crash.records.at(place);
+            int letter = record == nullptr ? '.' : record->body[0];
+            text += static_cast<char>(crash.waiting[place] ? toupper(letter) : letter);
+        }
+        texts.push_back(text);
+    }
+    return texts;
+}
+
+} // namespace
+
+TEST(Crash, WhatWaitsForTheNextStartIsTheNewest) {
+    CrashLog log;
+    log.addRange(11, 34, 100, 'a');
+    CrashLog waiting;
+    waiting.addRange(11, 34, 500, 'b');
+    EXPECT_EQ(groupedWith(log, waiting), (Texts{times(24, 'a'), times(24, 'B')}));
+    EXPECT_EQ(groupedWith({}, waiting), (Texts{times(24, 'B')}));
+}
+
+TEST(Crash, WhatWaitsAndIsInTheLogTooIsOne) {
+    CrashLog log;
+    log.addRange(11, 34, 100, 'a');
+    CrashLog waiting;
+    waiting.add(300, 99, std::vector<U8_t>(50)); // so that no sequence ids are the same
+    waiting.addRange(11, 34, 100, 'a');
+    EXPECT_EQ(groupedWith(log, waiting), (Texts{times(24, 'a')}));
+}
+
+TEST(Crash, AReplayThatEndedHalfWayLeavesOneOfBothAndNoneOfWhatIsInBoth) {
+    CrashLog log;
+    log.addRange(11, 20, 100, 'a');
+    CrashLog waiting;
+    waiting.addRange(20, 34, 100, 'a');
+    EXPECT_EQ(groupedWith(log, waiting), (Texts{times(10, 'a') + times(14, 'A')}));
+}
+
+TEST(Crash, TwoOfOneSecondThatDifferInOneRecordOnlyAreTwo) {
+    CrashLog log;
+    log.addRange(11, 34, 100, 'a');
+    CrashLog waiting;
+    waiting.add(12, 100, 'b');
+    waiting.addRange(13, 34, 100, 'a');
+    waiting.add(11, 100, 'a');
+    EXPECT_EQ(groupedWith(log, waiting), (Texts{times(24, 'a'), "AB" + times(22, 'A')}));
+}

@@ -112,6 +112,30 @@ TEST(CrashView, IdsAreTheRangeOfItsRecordsInWhateverOrderTheyStand) {
     EXPECT_EQ(json["records"], 4);
 }
 
+TEST(CrashView, WhatWaitsForTheNextStartHasNoIds) {
+    CrashLog log;
+    log.addRange(11, 12, 1'164'117'600);
+    CrashLog waiting;
+    waiting.addRange(13, 34, 1'164'117'600);
+    auto reportOf = [&](const CrashLog& logged) {
+        return evctl::crashJson(evctl::findCrashes(logged.records(), waiting.records()).at(0),
+                                false);
+    };
+    Json json = reportOf({});
+    EXPECT_EQ(json["waiting"], 22);
+    EXPECT_EQ(json["lowestSequenceId"], nullptr);
+    EXPECT_EQ(json["highestSequenceId"], nullptr);
+    EXPECT_THAT(evctl::crashLines(json),
+                HasSubstr("\nrecords       22 of 24, which wait for the event manager's next "
+                          "start\nmissing       event ids 11-12\n"));
+    json = reportOf(log);
+    EXPECT_EQ(json["waiting"], 22);
+    EXPECT_EQ(json["highestSequenceId"], 2);
+    EXPECT_THAT(evctl::crashLines(json),
+                HasSubstr("\nrecords       24 of 24, sequence ids 1 to 2; 22 of them wait for the "
+                          "event manager's next start\n"));
+}
+
 TEST(CrashView, MessageIsCompletedAndExplained) {
     CrashLog log;
     auto body = errorBody();
