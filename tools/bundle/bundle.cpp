@@ -163,6 +163,9 @@ std::vector<U8_t> pack(const std::vector<Member>& members, U32_t time) {
     Writer writer(archive_write_new());
     require(archive_write_set_format_pax_restricted(writer.get()), writer.get());
     require(archive_write_add_filter_gzip(writer.get()), writer.get());
+    // Else the second in which it is packed, of the clock, stands in its head.
+    require(archive_write_set_filter_option(writer.get(), "gzip", "timestamp", nullptr),
+            writer.get());
     archive_write_set_bytes_in_last_block(writer.get(), 1); // no padding
     require(archive_write_open2(writer.get(), &bytes, nullptr, appendTo, nullptr, nullptr),
             writer.get());

@@ -98,6 +98,8 @@ TEST(Bundle, ComesBackAsItWas) {
         EXPECT_EQ(unpacked[place].bytes, members[place].bytes);
     }
     EXPECT_EQ(bundle::pack(members, 1'164'117'600), packed) << "the same each time";
+    EXPECT_EQ(std::vector<U8_t>(packed.begin() + 4, packed.begin() + 8), std::vector<U8_t>(4))
+        << "no time of the packing";
 }
 
 TEST(Bundle, ChecksumIsThatOfTheStandard) {

@@ -26,7 +26,7 @@ constexpr char BLADE[] = "BLADE-0042";
 constexpr uint32_t SLOT = 3;
 constexpr uint32_t TIME = 0x65A0B0C0;
 
-/** CRC-32C bit by bit, its four bytes reversed. */
+/** CRC-32C, its four bytes reversed. */
 uint32_t checksum(const uint8_t* data, size_t length);
 
 /** A record before it is encoded; every field can be given a wrong value. */

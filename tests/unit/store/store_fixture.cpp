@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -146,8 +145,10 @@ void StoreTest::putImage(const logimage::Bytes& bytes) {
 }
 
 logimage::Bytes StoreTest::readLog() const {
-    std::ifstream file(logPath, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    logimage::Bytes bytes(static_cast<size_t>(std::filesystem::file_size(logPath)));
+    std::ifstream(logPath, std::ios::binary)
+        .read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    return bytes;
 }
 
 EMP_SCAN_OUTCOME_e StoreTest::scanImage(const logimage::Image& image) {
