@@ -6,9 +6,10 @@
 #include "fuzz.h"
 
 #include "catalog/catalog.h"
-#include "evctl/archiver_address.h"
-#include "evctl/event_filter.h"
-#include "evctl/time_text.h"
+#include "common/text.h"
+#include "common/time_text.h"
+#include "evctl/filters/event_filter.h"
+#include "evctl/wire/archiver_address.h"
 #include "mpu_params.h"
 
 #include <CLI/CLI.hpp>
@@ -71,13 +72,13 @@ void catalogue(Input& input) {
 
 void timeText(Input& input) {
     std::uint32_t now = input.word();
-    evctl::parseTime(std::string(input.text()), now);
+    tools::parseTime(std::string(input.text()), now);
 }
 
 void archiverAddress(Input& input) {
     try {
         evctl::ArchiverAddress address = evctl::parseArchiver(std::string(input.text()));
-        std::string again = evctl::hostText(address.host) + ":" + std::to_string(address.port);
+        std::string again = tools::hostText(address.host) + ":" + std::to_string(address.port);
         fuzz::expect(address.port == 0 || evctl::parseArchiver(again).port == address.port,
                      "an address is not read as it is written");
     } catch (const std::runtime_error&) {

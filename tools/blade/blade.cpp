@@ -3,6 +3,7 @@
 #include "common/cli.h"
 #include "common/endpoint.h"
 #include "common/say.h"
+#include "common/text.h"
 #include "directories.h"
 #include "startup.h"
 
@@ -216,7 +217,7 @@ void Blade::initialised() {
     if (options_.archiver) {
         // It keeps no address over its end.
         startup_->send(evctl::makeSetArchiver(MMSG_E_EPID_STARTUPMP, *options_.archiver));
-        say("the event manager is told its archiver: " + evctl::hostText(options_.archiver->host) +
+        say("the event manager is told its archiver: " + tools::hostText(options_.archiver->host) +
             ":" + std::to_string(options_.archiver->port));
     }
     sayUp();

@@ -9,7 +9,7 @@
 #include "child.h"
 #include "child_output.h"
 #include "common/message_connection.h"
-#include "evctl/archiver_address.h"
+#include "evctl/wire/archiver_address.h"
 #include "parameters.h"
 
 #include <asio.hpp>

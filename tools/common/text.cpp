@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstring>
 
 namespace tools {
 namespace {
@@ -190,6 +191,19 @@ size_t columnsOf(std::string_view text) {
         columns += takeColumns(text, at);
     }
     return columns;
+}
+
+std::string fieldText(const void* field, size_t size) {
+    const auto* text = static_cast<const char*>(field);
+    return {text, strnlen(text, size)};
+}
+
+std::string hostText(const IpAddr_t& host) {
+    std::string text;
+    for (U8_t byte : host.bytes) {
+        text += (text.empty() ? "" : ".") + std::to_string(byte);
+    }
+    return text;
 }
 
 std::string hexDigits(std::span<const U8_t> bytes) {

@@ -5,7 +5,7 @@
 #ifndef TOOLS_TEXT_H
 #define TOOLS_TEXT_H
 
-#include "fixed_width.h"
+#include "emp_mesgs.h"
 
 #include <span>
 #include <string>
@@ -32,6 +32,12 @@ size_t utf8CharacterAt(std::string_view text, size_t at);
  * none for a mark that stands on the one before it, one for each other (also for a byte that is no
  * UTF-8). */
 size_t columnsOf(std::string_view text);
+
+/** Text of a fixed-size field that may hold no NUL. */
+std::string fieldText(const void* field, size_t size);
+
+/** "192.0.2.7" */
+std::string hostText(const IpAddr_t& host);
 
 /** Two hexadecimal digits a byte. */
 std::string hexDigits(std::span<const U8_t> bytes);

@@ -1,4 +1,6 @@
-#include "evctl/ring_walk.h"
+#include "common/text.h"
+#include "evctl/filters/cursor.h"
+#include "evctl/ring/ring_walk.h"
 #include "feed.h"
 #include "ring_place.h"
 
@@ -61,10 +63,10 @@ class BladeFeed final : public Feed {
     evctl::LogIdentity readBlock(int key) {
         const MPU_PARAMS_t& params = evctl::attachParams({.key = key});
         request_.where.directory =
-            evctl::fieldText(params.mmsgDirectory, sizeof(params.mmsgDirectory));
+            tools::fieldText(params.mmsgDirectory, sizeof(params.mmsgDirectory));
         evctl::LogIdentity log;
-        log.enclosure = evctl::fieldText(params.chassisSN, sizeof(params.chassisSN));
-        log.blade = evctl::fieldText(params.serialStr, sizeof(params.serialStr));
+        log.enclosure = tools::fieldText(params.chassisSN, sizeof(params.chassisSN));
+        log.blade = tools::fieldText(params.serialStr, sizeof(params.serialStr));
         log.slot = params.slotId;
         shmdt(&params);
         return log;

@@ -118,7 +118,7 @@ class Bridge {
     }
 
     bool isWanted(const Entry& entry) const {
-        const evctl::EventView event = entry.event();
+        const sources::EventView event = entry.event();
         return sink_->takes(entry) && (entry.gone ? options_.filter.logs.matches(*event.header)
                                                   : options_.filter.matches(event));
     }

@@ -1,4 +1,4 @@
-#include "evctl/cursor.h"
+#include "evctl/filters/cursor.h"
 #include "feed.h"
 #include "ring_place.h"
 #include "sources/source.h"

@@ -1,7 +1,7 @@
 #include "options.h"
 
 #include "common/cli.h"
-#include "evctl/options.h"
+#include "evctl/wire/blade_options.h"
 
 #include <cerrno>
 #include <cmath>

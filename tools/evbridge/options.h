@@ -5,7 +5,7 @@
 #ifndef EVBRIDGE_OPTIONS_H
 #define EVBRIDGE_OPTIONS_H
 
-#include "evctl/event_filter.h"
+#include "evctl/filters/event_filter.h"
 #include "feed.h"
 #include "sink.h"
 

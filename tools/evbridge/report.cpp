@@ -1,8 +1,9 @@
 #include "report.h"
 
 #include "catalog/event_text.h"
-#include "evctl/event_forms.h"
-#include "evctl/event_view.h"
+#include "common/time_text.h"
+#include "evctl/views/event_forms.h"
+#include "evctl/views/event_view.h"
 
 namespace evbridge {
 namespace {
@@ -58,7 +59,7 @@ Report reportOf(const Entry& entry) {
     const sources::EventView event = entry.event();
     Report report;
     report.host = evctl::bladeName(*event.header);
-    report.time = evctl::isoTime(event.header->evTime);
+    report.time = tools::isoTime(event.header->evTime);
     addLog(report, entry);
     if (entry.gone) {
         addGone(report, *entry.gone);

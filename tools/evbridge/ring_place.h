@@ -6,7 +6,7 @@
 #define EVBRIDGE_RING_PLACE_H
 
 #include "entry.h"
-#include "evctl/cursor.h"
+#include "evctl/filters/cursor.h"
 
 namespace evbridge {
 

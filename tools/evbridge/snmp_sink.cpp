@@ -1,4 +1,4 @@
-#include "evctl/event_view.h"
+#include "evctl/views/event_view.h"
 #include "report.h"
 #include "sinks.h"
 

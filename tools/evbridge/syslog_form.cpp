@@ -1,6 +1,6 @@
 #include "syslog_form.h"
 
-#include "evctl/event_view.h"
+#include "evctl/views/event_view.h"
 
 #include <algorithm>
 

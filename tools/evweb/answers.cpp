@@ -2,8 +2,9 @@
 
 #include "catalog/event_text.h"
 #include "common/text.h"
-#include "evctl/event_json.h"
-#include "evctl/event_view.h"
+#include "common/time_text.h"
+#include "evctl/views/event_json.h"
+#include "evctl/views/event_view.h"
 
 #include <ctime>
 
@@ -17,7 +18,7 @@ Json orNull(const std::optional<Value>& value) {
 
 Json timeJson(S64_t seconds) {
     const bool isKnown = seconds >= 0 && seconds <= UINT32_MAX;
-    return isKnown ? Json(evctl::isoTime(static_cast<U32_t>(seconds))) : Json(nullptr);
+    return isKnown ? Json(tools::isoTime(static_cast<U32_t>(seconds))) : Json(nullptr);
 }
 
 Json timeOrNull(const std::optional<S64_t>& seconds) {
@@ -95,7 +96,7 @@ bool isWhole(const FoundEvent& event) {
 
 Json eventJson(const FoundEvent& event) {
     Json json = {{"log", std::to_string(event.log)}, {"generation", event.generation}};
-    json.update(evctl::eventJson(evctl::eventOf(event.event.image)));
+    json.update(evctl::eventJson(sources::eventOf(event.event.image)));
     json["received"] = timeJson(event.event.received);
     if (event.event.doubtful) {
         json["doubtful"] = true;
@@ -105,7 +106,7 @@ Json eventJson(const FoundEvent& event) {
 
 Json wholeEventJson(const FoundEvent& event) {
     Json json = eventJson(event);
-    const evctl::EventView view = evctl::eventOf(event.event.image);
+    const sources::EventView view = sources::eventOf(event.event.image);
     json["own"] = event.event.own;
     json["advice"] = catalog::adviceOf(view);
     json["dump"] = evctl::hexDump(view.data);

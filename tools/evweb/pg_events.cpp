@@ -96,7 +96,7 @@ class Filling {
         for (int row = 0; row < rows.count() && !isFull(); ++row) {
             FoundEvent event = foundEvent(rows, row);
             place = placeOf(rows, row);
-            if (search_.holdsText(evctl::eventOf(event.event.image))) {
+            if (search_.holdsText(sources::eventOf(event.event.image))) {
                 page.events.push_back(std::move(event));
             }
         }
@@ -269,7 +269,7 @@ Tail arrivalsSince(PgConnection& connection, const Search& search, S64_t since, 
     Tail tail{.events = {}, .position = Place{now}.position()};
     for (int row = 0; row < rows.count(); ++row) {
         FoundEvent event = foundEvent(rows, row);
-        if (search.holdsText(evctl::eventOf(event.event.image))) {
+        if (search.holdsText(sources::eventOf(event.event.image))) {
             tail.events.push_back(std::move(event));
         }
     }

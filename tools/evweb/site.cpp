@@ -1,8 +1,8 @@
 #include "site.h"
 
 #include "answers.h"
-#include "evctl/event_forms.h"
-#include "evctl/time_text.h"
+#include "common/time_text.h"
+#include "evctl/views/event_forms.h"
 
 #include <algorithm>
 #include <ctime>
@@ -198,7 +198,7 @@ class Export {
 
 std::string Export::lineOf(const FoundEvent& event) const {
     const std::string from = std::to_string(event.log) + "/" + std::to_string(event.generation);
-    return isCsv_ ? evctl::csvLine(evctl::eventOf(event.event.image), from)
+    return isCsv_ ? evctl::csvLine(sources::eventOf(event.event.image), from)
                   : evctl::jsonLine(eventJson(event));
 }
 

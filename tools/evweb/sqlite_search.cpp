@@ -150,7 +150,7 @@ bool isWanted(const SqliteStatement& row, const Search& search) {
         return true;
     }
     const evarchive::Bytes image = row.bytes(10);
-    return evarchive::isWholeEvent(image) && search.holdsText(evctl::eventOf(image));
+    return evarchive::isWholeEvent(image) && search.holdsText(sources::eventOf(image));
 }
 
 LogsWanted logsWanted(SqliteReading& reading, const Search& search) {

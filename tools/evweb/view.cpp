@@ -61,7 +61,7 @@ bool Search::matches(const EmpEvLogHeader_t& header) const {
     return filter.matches(header);
 }
 
-bool Search::holdsText(const evctl::EventView& event) const {
+bool Search::holdsText(const sources::EventView& event) const {
     return text.empty() || lowerCase(catalog::textColumn(event)).find(text) != std::string::npos;
 }
 

@@ -6,7 +6,7 @@
 #ifndef EVWEB_VIEW_H
 #define EVWEB_VIEW_H
 
-#include "evctl/event_filter.h"
+#include "evctl/filters/event_filter.h"
 #include "store.h"
 
 #include <array>
@@ -56,7 +56,7 @@ struct Search {
     bool matches(const EmpEvLogHeader_t& header) const;
 
     /** The same of its text. */
-    bool holdsText(const evctl::EventView& event) const;
+    bool holdsText(const sources::EventView& event) const;
 };
 
 struct FoundEvent {

@@ -3,8 +3,8 @@
 #include "../evlog/log_image.h"
 
 #include "bundle/bundle.h"
-#include "evctl/redact.h"
-#include "evctl/running_emp.h"
+#include "evctl/support/redact.h"
+#include "evctl/support/running_emp.h"
 #include "mpu_gbl.h"
 #include "sources/source.h"
 #include "temp_directory.h"

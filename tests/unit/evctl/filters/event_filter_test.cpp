@@ -1,0 +1,131 @@
+#include "evctl/filters/event_filter.h"
+
+#include <gtest/gtest.h>
+
+using evctl::EventFilter;
+
+namespace {
+
+EventFilter parse(const std::vector<std::string>& arguments, std::string* file = nullptr) {
+    EventFilter filter;
+    CLI::App app;
+    std::string ignored;
+    app.add_option("FILE", file != nullptr ? *file : ignored);
+    evctl::addFilterOptions(app, filter);
+    evctl::addLogChoice(app, filter.logs);
+    std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
+    app.parse(reversed);
+    return filter;
+}
+
+EmpEvLogHeader_t event(U32_t sequenceId, U8_t source, U8_t type, U8_t category, U16_t id) {
+    EmpEvLogHeader_t header{};
+    header.evSequenceId = sequenceId;
+    header.evSource = source;
+    header.evType = type;
+    header.evCategory = category;
+    header.evId = id;
+    return header;
+}
+
+bool shows(const std::vector<std::string>& arguments, const EmpEvLogHeader_t& header) {
+    return parse(arguments).matches(header);
+}
+
+} // namespace
+
+TEST(EventFilter, WithoutOptionsEverythingMatches) {
+    EXPECT_TRUE(shows({}, event(0, 0, 0, 0, 0)));
+    EXPECT_TRUE(shows({}, event(0xFFFFFFFF, 255, 255, 255, 65535)));
+}
+
+TEST(EventFilter, EachFieldIsComparedByNameOrNumber) {
+    EmpEvLogHeader_t header = event(7, 18, 2, 4, 300);
+    EXPECT_TRUE(shows({"--type", "WARNING"}, header));
+    EXPECT_TRUE(shows({"--type", "2"}, header));
+    EXPECT_FALSE(shows({"--type", "error"}, header));
+    EXPECT_TRUE(shows({"--source", "MMSG_E_EPID_STARTUPMP"}, header));
+    EXPECT_FALSE(shows({"--source", "27"}, header));
+    EXPECT_TRUE(shows({"--category", "disk"}, header));
+    EXPECT_FALSE(shows({"--category", "system"}, header));
+    EXPECT_TRUE(shows({"--id", "0x12c"}, header));
+    EXPECT_FALSE(shows({"--id", "301"}, header));
+}
+
+TEST(EventFilter, NamesOfIdsAreThoseOfTheirSource) {
+    EXPECT_TRUE(shows({"--id", "signal"}, event(7, 18, 2, 4, 4)));
+    EXPECT_FALSE(shows({"--id", "signal"}, event(7, 20, 2, 4, 4)));
+    EXPECT_FALSE(shows({"--id", "signal"}, event(7, 18, 2, 4, 5)));
+    EXPECT_TRUE(shows({"--id", "signal,5"}, event(7, 20, 2, 4, 5)));
+    EXPECT_FALSE(shows({"--id", "5"}, event(7, 18, 2, 4, 4)));
+}
+
+TEST(EventFilter, ANameOfSeveralIdsMeansAllOfThem) {
+    for (U16_t id : std::vector<U16_t>{15, 16, 34}) {
+        EXPECT_TRUE(shows({"--id", "bugcheck_entry_database"}, event(7, 27, 3, 1, id))) << id;
+    }
+    EXPECT_FALSE(shows({"--id", "bugcheck_entry_database"}, event(7, 27, 3, 1, 14)));
+    EXPECT_FALSE(shows({"--id", "bugcheck_entry_database"}, event(7, 27, 3, 1, 35)));
+    EXPECT_FALSE(shows({"--id", "bugcheck_entry_database"}, event(7, 18, 3, 1, 15)));
+}
+
+TEST(EventFilter, ListsAreAlternativesAndFieldsAddUp) {
+    EmpEvLogHeader_t header = event(7, 18, 2, 4, 300);
+    EXPECT_TRUE(shows({"--type", "error,warning"}, header));
+    EXPECT_TRUE(shows({"--type", "error", "--type", "warning"}, header));
+    EXPECT_FALSE(shows({"--type", "warning", "--source", "snmp"}, header));
+}
+
+TEST(EventFilter, RangeIncludesBothEnds) {
+    auto at = [](U32_t id) { return event(id, 1, 1, 1, 1); };
+    EXPECT_FALSE(shows({"--seq", "10:20"}, at(9)));
+    EXPECT_TRUE(shows({"--seq", "10:20"}, at(10)));
+    EXPECT_TRUE(shows({"--seq", "10:20"}, at(20)));
+    EXPECT_FALSE(shows({"--seq", "10:20"}, at(21)));
+    EXPECT_TRUE(shows({"--seq", "10:"}, at(0xFFFFFFFF)));
+    EXPECT_FALSE(shows({"--seq", "10:"}, at(9)));
+    EXPECT_TRUE(shows({"--seq", ":20"}, at(0)));
+    EXPECT_FALSE(shows({"--seq", ":20"}, at(21)));
+    EXPECT_TRUE(shows({"--seq", "7"}, at(7)));
+    EXPECT_FALSE(shows({"--seq", "7"}, at(8)));
+}
+
+TEST(EventFilter, TimesIncludeTheirSecond) {
+    auto at = [](U32_t time) {
+        EmpEvLogHeader_t header = event(7, 18, 2, 4, 300);
+        header.evTime = time;
+        return header;
+    };
+    EXPECT_FALSE(shows({"--since", "@100"}, at(99)));
+    EXPECT_TRUE(shows({"--since", "@100"}, at(100)));
+    EXPECT_TRUE(shows({"--until", "@100"}, at(100)));
+    EXPECT_FALSE(shows({"--until", "@100"}, at(101)));
+    EXPECT_TRUE(shows({"--until", "@4294967295"}, at(0xFFFFFFFF)));
+}
+
+TEST(EventFilter, IsEmptyOnlyWithoutAnyOfThem) {
+    EXPECT_TRUE(parse({}).isEmpty());
+    EXPECT_TRUE(parse({"--ignore-case"}).isEmpty());
+    for (const char* option :
+         {"--type=error", "--source=snmp", "--category=disk", "--id=300", "--id=signal",
+          "--seq=7:", "--seq=:7", "--since=@1", "--until=@1", "--grep=x", "--enclosure=E",
+          "--blade=B", "--slot=0", "--instance=0"}) {
+        EXPECT_FALSE(parse({option}).isEmpty()) << option;
+    }
+}
+
+TEST(EventFilter, ListDoesNotSwallowTheFileArgument) {
+    std::string file;
+    parse({"--type", "error", "log"}, &file);
+    EXPECT_EQ(file, "log");
+}
+
+TEST(EventFilter, BladesAreTakenByTheirWholeNames) {
+    EmpEvLogHeader_t header = event(7, 18, 2, 4, 300);
+    header.evBladeId[0] = 'B';
+    header.evSlotId = 3;
+    EXPECT_TRUE(shows({"--blade", "B", "--slot", "3", "--instance", "0"}, header));
+    EXPECT_FALSE(shows({"--blade", "BL"}, header));
+    EXPECT_FALSE(shows({"--enclosure", "E"}, header));
+    EXPECT_FALSE(shows({"--slot", "2"}, header));
+}
