@@ -5,6 +5,7 @@
 #ifndef EVCTL_GAPS_H
 #define EVCTL_GAPS_H
 
+#include "evctl/views/event_view.h"
 #include "evctl/wire/inquiry.h"
 
 #include <map>
