@@ -23,8 +23,7 @@ U32_t parseNamed(const std::string& option, const std::string& text, const NameT
 }
 
 CLI::Option* addNamedOption(CLI::App& command, const std::string& flags, U32_t& value,
-                            const NameTable& names, U32_t max,
-                            const std::string& description) {
+                            const NameTable& names, U32_t max, const std::string& description) {
     return command
         .add_option_function<std::string>(
             flags,

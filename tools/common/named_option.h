@@ -14,8 +14,7 @@ namespace tools {
 
 /** Adds an option that takes a name of @p names or a number of at most @p max. */
 CLI::Option* addNamedOption(CLI::App& command, const std::string& flags, U32_t& value,
-                            const NameTable& names, U32_t max,
-                            const std::string& description);
+                            const NameTable& names, U32_t max, const std::string& description);
 
 /** A name or number as addNamedOption() takes it; throws CLI::ValidationError for anything else. */
 U32_t parseNamed(const std::string& option, const std::string& text, const NameTable& names,
