@@ -145,7 +145,7 @@ class Floor {
 
   private:
     void fileBatch(std::size_t first, std::size_t count, bool isFenced) {
-        PgBatch batch;
+        PgBatch batch(Received::BY_SERVER);
         PgArray logs(PgType::BIGINT);
         for (std::size_t i = first; i < first + count; ++i) {
             const SeriesNumber log = events_[i].generation.series;

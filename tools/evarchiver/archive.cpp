@@ -33,6 +33,11 @@ BladeKey bladeOf(const EmpGetEvArchiverStatusMsg_t& request) {
     return {textOf(request.evEnclosureId), textOf(request.evBladeId), request.evSlotId};
 }
 
+SeriesKey logOf(const EmpEvInquiryMsg_t& inquiry) {
+    return {{textOf(inquiry.evEnclosureId), textOf(inquiry.evBladeId), inquiry.evSlotId},
+            inquiry.evInstanceNumber};
+}
+
 std::string nameOf(const BladeKey& blade) {
     return "enclosure " + printable(blade.enclosure) + " blade " + printable(blade.blade) +
            " slot " + std::to_string(blade.slot);
@@ -106,7 +111,18 @@ Archive::Speaker& Archive::speakerOf(LinkNumber link, View body) {
         speaker.series = &seriesOf(keyOf(body));
         speaker.isStranger = speaker.blade && *speaker.blade != speaker.series->key.blade;
     }
+    reload(*speaker.series);
     return speaker;
+}
+
+std::vector<SeriesKey> Archive::logsOf(LinkNumber link, View body) const {
+    std::vector<SeriesKey> logs = {keyOf(body)};
+    const auto speaker = speakers_.find(link);
+    if (speaker != speakers_.end() && speaker->second.blade &&
+        *speaker->second.blade != logs.front().blade) {
+        logs.push_back({*speaker->second.blade, logs.front().instance});
+    }
+    return logs;
 }
 
 bool Archive::isSuperseded(const Speaker& speaker, LinkNumber link) const {
@@ -118,6 +134,7 @@ bool Archive::isSuperseded(const Speaker& speaker, LinkNumber link) const {
 }
 
 Filed Archive::fileIn(const Filing& filing) {
+    save(filing.series);
     if (settles(filing)) {
         const Bytes image = std::exchange(filing.series.unsettled, {});
         return act(filing, Fate::CONFIRM, Place{image, true, std::nullopt});
@@ -291,6 +308,7 @@ void Archive::takeBack(LinkNumber link, View body) {
 }
 
 void Archive::takeBackFrom(Series& series, U32_t id, View body) {
+    save(series);
     std::optional<StoredEvent> held;
     const Place place = placeOf(series, id, held);
     if (!held || !std::ranges::equal(*place.image, body)) {

@@ -75,6 +75,9 @@ struct ArchiveCounts {
 /** Who speaks on a link, as its status request said. */
 BladeKey bladeOf(const EmpGetEvArchiverStatusMsg_t& request);
 
+/** Which log an inquiry asks about. */
+SeriesKey logOf(const EmpEvInquiryMsg_t& inquiry);
+
 /** "enclosure E blade B slot 1", texts made printable. */
 std::string nameOf(const BladeKey& blade);
 
@@ -143,8 +146,16 @@ class Archive {
     /** Makes everything since the last commit safe. */
     void commit();
 
-    /** Forgets everything since the last commit. */
+    /** Forgets everything since the last commit, and what is known by heart. */
     void abandon() noexcept;
+
+    /** The same, but of what is known by heart only what is not so any more: after a conflict that
+     * of the series it names, after a locked series nothing. */
+    void abandon(const StoreConflict& conflict) noexcept;
+    void abandon(const StoreLocked& locked) noexcept;
+
+    /** The logs that an event on this link is filed in, of our share or not. */
+    std::vector<SeriesKey> logsOf(LinkNumber link, View body) const;
 
     bool isUncommitted() const { return inTransaction_; }
 
@@ -159,9 +170,7 @@ class Archive {
 
   private:
     /** What is known by heart of a series: it saves a look into the storage for each event. */
-    struct Series {
-        SeriesKey key;
-        bool isOurs = true;                  ///< it is in our share
+    struct Position {
         GenerationKey newest = {};           ///< zeros: not in the storage yet
         std::optional<U32_t> highestId = {}; ///< of the newest generation
         std::optional<IdRun> proven = {};    ///< of the newest generation; grows with what comes
@@ -171,6 +180,15 @@ class Archive {
         /** The last event that was filed before anything was seen behind it; empty: none that is
          * still doubtful. */
         Bytes unsettled = {};
+    };
+
+    struct Series : Position {
+        explicit Series(SeriesKey itsKey) : key(std::move(itsKey)) {}
+
+        SeriesKey key;
+        bool isOurs = true;       ///< it is in our share
+        bool isForgotten = false; ///< its position has to be looked up anew
+        bool isSaved = false;     ///< the position of the last commit is in saved_
     };
 
     // An event's place: its bytes from enclosure to instance.
@@ -198,7 +216,11 @@ class Archive {
     Certainty certaintyIn(const Series& series, const Speaker& speaker, Certainty certainty) const;
     void setOwner(LinkNumber link, const BladeKey& blade);
     std::optional<GenerationKey> newestOf(const SeriesKey& key);
-    Series load(const SeriesKey& key, const Claim& claim);
+    void load(Series& series, const Claim& claim);
+    void reload(Series& series);
+    void save(Series& series);
+    void recall(const std::vector<SeriesNumber>& lost, const std::vector<SeriesNumber>& stale);
+    void undo() noexcept;
     Series& claim(Speaker& speaker, const SeriesKey& key, U32_t first);
     bool isSuperseded(const Speaker& speaker, LinkNumber link) const;
     Filed fileIn(const Filing& filing);
@@ -236,6 +258,8 @@ class Archive {
     ArchiveCounts committed_;
     std::vector<std::pair<Level, std::string>> lines_; ///< since the last commit
     std::map<SeriesKey, Series> series_;
+    std::vector<std::pair<Series*, Position>>
+        saved_; ///< before what was done since the last commit
     std::unordered_map<LinkNumber, Speaker> speakers_;
     std::map<BladeKey, LinkNumber> owners_;                     ///< on which link each blade speaks
     std::vector<std::pair<BladeKey, LinkNumber>> ownersBefore_; ///< those of the last commit

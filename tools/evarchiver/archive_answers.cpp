@@ -41,10 +41,11 @@ void Archive::setOwner(LinkNumber link, const BladeKey& blade) {
 
 // What was known by heart may be what it was before another process had the blade.
 Archive::Series& Archive::claim(Speaker& speaker, const SeriesKey& key, U32_t first) {
+    Series& series = series_.try_emplace(key, key).first->second;
+    series.isForgotten = true;
     const Claim claimed = store_.claim(key, first);
     speaker.claimed = claimed.series;
-    Series& series = series_[key];
-    series = load(key, claimed);
+    load(series, claimed);
     return series;
 }
 
@@ -63,6 +64,7 @@ std::vector<LinkNumber> Archive::loseClaims(const std::vector<SeriesNumber>& los
 }
 
 StatusVerdict Archive::verdictFor(const EmpGetEvArchiverStatusMsg_t& request, Series& series) {
+    save(series);
     const U32_t first = request.evSequenceIdFirst;
     std::optional<StoredEvent> held;
     const Place place = placeOf(series, first, held);
@@ -119,18 +121,17 @@ void Archive::noteRun(Series& series) {
 
 void Archive::noteRuns() {
     for (auto& [key, series] : series_) {
-        if (series.proven && series.newest.generation > 0 &&
+        if (!series.isForgotten && series.proven && series.newest.generation > 0 &&
             series.proven->last != series.notedTo) {
             ensureTransaction();
+            save(series);
             noteRun(series);
         }
     }
 }
 
 std::optional<StoredEvent> Archive::answerInquiry(const EmpEvInquiryMsg_t& inquiry) {
-    const SeriesKey key{
-        {textOf(inquiry.evEnclosureId), textOf(inquiry.evBladeId), inquiry.evSlotId},
-        inquiry.evInstanceNumber};
+    const SeriesKey key = logOf(inquiry);
     const auto newest = newestOf(key);
     const auto type = static_cast<EMP_INQUIRY_TYPE_e>(U32_t{inquiry.evInquiryType});
     auto event = newest ? store_.findEvent(*newest, type, inquiry.evSeqIdInquiry) : std::nullopt;

@@ -31,37 +31,84 @@ Archive::Series& Archive::seriesOf(const SeriesKey& key) {
     if (Series* known = findSeries(key); known != nullptr) {
         return *known;
     }
-    return series_.emplace(key, Series{.key = key, .isOurs = settings_.share.has(key)})
-        .first->second;
+    Series& series = series_.emplace(key, Series(key)).first->second;
+    series.isOurs = settings_.share.has(key);
+    return series;
 }
 
 Archive::Series* Archive::findSeries(const SeriesKey& key) {
     if (const auto known = series_.find(key); known != series_.end()) {
+        reload(known->second);
         return &known->second;
     }
     const auto number = store_.findSeries(key);
     if (!number) {
         return nullptr;
     }
-    Series series = load(key, {*number, store_.newestGeneration(*number)});
+    Series series(key);
+    load(series, {*number, store_.newestGeneration(*number)});
     return &series_.emplace(key, std::move(series)).first->second;
 }
 
-Archive::Series Archive::load(const SeriesKey& key, const Claim& claim) {
-    Series series{.key = key, .isOurs = settings_.share.has(key), .newest = {claim.series, 0}};
+void Archive::load(Series& series, const Claim& claim) {
+    Position position{.newest = {claim.series, 0}};
     if (const auto& newest = claim.newest) {
-        series.newest = newest->number;
-        series.highestId = newest->highest ? newest->highest : store_.highestId(series.newest);
-        if (newest->proven && newest->proven->last <= series.highestId.value_or(0)) {
-            series.proven = newest->proven;
-            series.notedTo = newest->proven->last;
+        position.newest = newest->number;
+        position.highestId = newest->highest ? newest->highest : store_.highestId(position.newest);
+        if (newest->proven && newest->proven->last <= position.highestId.value_or(0)) {
+            position.proven = newest->proven;
+            position.notedTo = newest->proven->last;
         }
     }
-    return series;
+    static_cast<Position&>(series) = std::move(position);
+    series.isOurs = settings_.share.has(series.key);
+    series.isForgotten = false;
+    series.isSaved = false;
+}
+
+void Archive::reload(Series& series) {
+    if (!series.isForgotten) {
+        return;
+    }
+    const auto number = store_.findSeries(series.key);
+    load(series, number ? Claim{*number, store_.newestGeneration(*number)} : Claim{});
+}
+
+// Before the first change of a transaction. An engine that nobody else files into has no conflicts.
+void Archive::save(Series& series) {
+    if (!series.isSaved && store_.isShared()) {
+        saved_.emplace_back(&series, series);
+        series.isSaved = true;
+    }
+}
+
+// A series got its number, too, in the transaction: it is asked for by it first.
+void Archive::recall(const std::vector<SeriesNumber>& lost,
+                     const std::vector<SeriesNumber>& stale) {
+    std::set<SeriesNumber> named(lost.begin(), lost.end());
+    named.insert(stale.begin(), stale.end());
+    for (auto& [series, before] : saved_) {
+        if (named.erase(series->newest.series) > 0) {
+            series->isForgotten = true;
+        }
+        if (series->isSaved) {
+            static_cast<Position&>(*series) = std::move(before);
+            series->isSaved = false;
+        }
+    }
+    saved_.clear();
+    hasDuplicates_.clear();
+    if (named.empty()) {
+        return;
+    }
+    for (auto& [key, series] : series_) {
+        series.isForgotten = series.isForgotten || named.contains(series.newest.series);
+    }
 }
 
 void Archive::forget() {
     series_.clear();
+    saved_.clear();
     hasDuplicates_.clear();
     for (auto& [link, speaker] : speakers_) {
         speaker.series = nullptr;
@@ -89,6 +136,10 @@ void Archive::commit() {
         store_.commit();
         inTransaction_ = false;
     }
+    for (auto& [series, before] : saved_) {
+        series->isSaved = false;
+    }
+    saved_.clear();
     committed_ = counts_;
     committedRows_ = rows_;
     clearedNow_.clear();
@@ -116,6 +167,21 @@ void Archive::makeRoom() {
 }
 
 void Archive::abandon() noexcept {
+    undo();
+    forget();
+}
+
+void Archive::abandon(const StoreConflict& conflict) noexcept {
+    undo();
+    recall(conflict.lost(), conflict.stale());
+}
+
+void Archive::abandon(const StoreLocked& /*locked*/) noexcept {
+    undo();
+    recall({}, {});
+}
+
+void Archive::undo() noexcept {
     if (inTransaction_) {
         store_.rollback();
         inTransaction_ = false;
@@ -132,7 +198,6 @@ void Archive::abandon() noexcept {
     lines_.clear();
     counts_ = committed_;
     rows_ = committedRows_;
-    forget();
 }
 
 U64_t Archive::countGaps() {

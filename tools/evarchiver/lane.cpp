@@ -26,6 +26,9 @@ constexpr std::chrono::seconds ROUND_TIME{60};
 // Between two looks at how large the archive is.
 constexpr std::chrono::seconds LOOK_TIME{10};
 
+// Between two looks whether what somebody kept locked still is.
+constexpr std::chrono::milliseconds LOCK_TIME{500};
+
 // Empty batches kept for the next use.
 constexpr std::size_t SPARE_BATCHES = 8;
 
@@ -56,19 +59,6 @@ LaneState& LaneState::operator+=(const LaneState& other) {
     expired += other.expired;
     bytesUsed = std::max(bytesUsed, other.bytesUsed); // each sees the whole archive
     return *this;
-}
-
-void Batch::add(LinkNumber link, Kind kind, View body, U32_t ticket) {
-    requests_.push_back(
-        {link, kind, static_cast<U32_t>(bytes_.size()), static_cast<U32_t>(body.size()), ticket});
-    bytes_.insert(bytes_.end(), body.begin(), body.end());
-    isUrgent_ = isUrgent_ || kind == Kind::STATUS || kind == Kind::INQUIRY;
-}
-
-void Batch::clear() {
-    bytes_.clear();
-    requests_.clear();
-    isUrgent_ = false;
 }
 
 Lane::Lane(std::unique_ptr<Store> store, const LaneSettings& settings, Callbacks callbacks)
@@ -136,8 +126,11 @@ void Lane::run() {
         while (awaitWork()) {
             try {
                 workOff();
+                unpark();
                 retain();
                 look();
+            } catch (const StoreLocked& locked) {
+                undo(locked);
             } catch (const StoreError& error) {
                 undo(error);
             } catch (const StoreConflict& conflict) {
@@ -209,6 +202,12 @@ bool Lane::awaitWork() {
         wake_.wait_for(lock, delay_, [this] { return isStopping_.load(); });
     } else if (archive_.isUncommitted()) {
         wake_.wait_until(lock, firstUncommitted_ + COMMIT_TIME, hasWork);
+    } else if (!parking_.isEmpty()) {
+        const bool isEnding = isStopping_;
+        const auto until = isEnding ? std::min(nextLookAtLocks_, deadline_) : nextLookAtLocks_;
+        wake_.wait_until(lock, until, [this, isEnding] {
+            return !queue_.empty() || (isStopping_ && !isEnding);
+        });
     } else if (retention_.isInRound()) {
         // A step of it follows at once.
     } else if (settings_.retention.isBound()) {
@@ -216,8 +215,10 @@ bool Lane::awaitWork() {
     } else {
         wake_.wait(lock, hasWork);
     }
-    const bool isEverythingDone = queue_.empty() && work_.empty() && !archive_.isUncommitted();
-    if (isStopping_ && (isEverythingDone || (delay_.count() > 0 && Clock::now() >= deadline_))) {
+    const bool isWorkDone = queue_.empty() && work_.empty() && !archive_.isUncommitted();
+    const bool isEverythingDone = isWorkDone && parking_.isEmpty();
+    const bool isStuck = delay_.count() > 0 || isWorkDone;
+    if (isStopping_ && (isEverythingDone || (isStuck && Clock::now() >= deadline_))) {
         isSafe_ = isEverythingDone;
         return false;
     }
@@ -234,6 +235,10 @@ void Lane::workOff() {
         Batch& batch = *work_[batchAt_];
         while (requestAt_ < batch.requests().size()) {
             Batch::Request& request = batch.requests()[requestAt_];
+            if (park(request, batch.bodyOf(request))) {
+                ++requestAt_;
+                continue;
+            }
             const bool isAlone = request.kind == Batch::Kind::STATUS && archive_.isClaimedAlone();
             if (isAlone) {
                 commit();
@@ -339,10 +344,51 @@ void Lane::dropDone() {
         work_.pop_front();
     }
     const auto& waiting = work_.empty() ? queue_ : work_;
-    if (!waiting.empty()) {
+    if (parking_.hasWork()) {
+        oldest_ = parking_.since();
+    } else if (!waiting.empty()) {
         oldest_ = waiting.front()->handedOver;
     }
     committedTo_ = requestAt_;
+}
+
+// What waits for a lock is done as far as its batch is concerned, whatever becomes of the
+// transaction.
+bool Lane::park(Batch::Request& request, View body) {
+    if (parking_.isEmpty() || request.kind == Batch::Kind::DONE ||
+        !parking_.take(request, body, archive_)) {
+        return false;
+    }
+    request.kind = Batch::Kind::DONE;
+    queued_ += Batch::sizeOf(body);
+    return true;
+}
+
+// Only when nothing else is under way: what waited goes before what comes now.
+void Lane::unpark() {
+    if (parking_.isEmpty() || !work_.empty() || Clock::now() < nextLookAtLocks_) {
+        return;
+    }
+    nextLookAtLocks_ = Clock::now() + LOCK_TIME;
+    const std::vector<SeriesKey> locked = store_->lockedOf(parking_.locked());
+    if (locked.size() == parking_.locked().size()) {
+        endWaiting();
+        return;
+    }
+    for (const SeriesKey& log : parking_.locked()) {
+        if (std::ranges::count(locked, log) == 0) {
+            callbacks_.say(Level::NOTICE, nameOf(log) + ": not locked any more");
+        }
+    }
+    auto waited = parking_.release(locked);
+    if (waited->isEmpty()) {
+        return;
+    }
+    work_.push_back(std::move(waited));
+    batchAt_ = 0;
+    requestAt_ = 0;
+    committedTo_ = 0;
+    workOff();
 }
 
 // What is refused may be allowed again: other lanes and servers are not to end for it.
@@ -364,8 +410,38 @@ void Lane::undo(const StoreError& error) {
     }
 }
 
+// What their blades go on to send would fill the spool, and end the links of others.
+void Lane::endWaiting() {
+    if (!parking_.hasWork() || Clock::now() < parking_.since() + settings_.lockPatience) {
+        return;
+    }
+    std::vector<Reply> replies;
+    for (const LinkNumber link : parking_.takeLinks()) {
+        replies.push_back({link, Reply::Kind::LOCKED});
+    }
+    if (!replies.empty()) {
+        callbacks_.deliver(std::move(replies));
+    }
+}
+
+// One that is known to be locked is not asked for again, so it was another that this is about.
+void Lane::undo(const StoreLocked& locked) {
+    if (!parking_.lock(locked.locked())) {
+        undo(static_cast<const StoreError&>(locked));
+        return;
+    }
+    archive_.abandon(locked);
+    rewind();
+    delay_ = CONFLICT_DELAY;
+    nextLookAtLocks_ = Clock::now() + LOCK_TIME;
+    for (const SeriesKey& log : locked.locked()) {
+        callbacks_.say(Level::WARNING, nameOf(log) + ": another session of the archive's server "
+                                                     "keeps it locked; its events wait");
+    }
+}
+
 void Lane::undo(const StoreConflict& conflict) {
-    archive_.abandon();
+    archive_.abandon(conflict);
     rewind();
     delay_ = std::clamp(delay_ * 2, CONFLICT_DELAY, LONGEST_DELAY);
     std::vector<Reply> superseded;

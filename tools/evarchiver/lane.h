@@ -5,12 +5,13 @@
  *
  * Work is done in groups: a transaction takes what has come meanwhile, and the answers to status
  * requests wait for its commit. When the storage cannot be used for now, the lane keeps the work,
- * undoes what was not committed, waits, and does it again.
+ * undoes what was not committed, waits, and does it again. When somebody keeps a log locked, only
+ * what belongs to that log waits.
  */
 #ifndef EVARCHIVER_LANE_H
 #define EVARCHIVER_LANE_H
 
-#include "archive.h"
+#include "parking.h"
 #include "retention.h"
 #include "times.h"
 
@@ -23,56 +24,6 @@
 
 namespace evarchive {
 
-/** What links brought, in the order in which they brought it. One for many links. */
-class Batch {
-  public:
-    enum class Kind : U8_t {
-        EVENT,     ///< certain
-        SILENT,    ///< an event with nothing behind it yet
-        ENDED,     ///< an event with nothing behind it for ever
-        TAKE_BACK, ///< an event that was no such thing
-        STATUS,    ///< EmpGetEvArchiverStatusMsg_t
-        SPEAKER,   ///< the same, which another lane answers
-        INQUIRY,   ///< EmpEvInquiryMsg_t
-        END_OF_LINK,
-        DONE, ///< answered already: nothing is left to do when the work is repeated
-    };
-
-    struct Request {
-        LinkNumber link = 0;
-        Kind kind = Kind::EVENT;
-        U32_t offset = 0;
-        U32_t size = 0;
-        U32_t ticket = 0;
-    };
-
-    /** @param ticket comes back with the reply */
-    void add(LinkNumber link, Kind kind, View body, U32_t ticket = 0);
-
-    /** Whether somebody waits for an answer. */
-    bool isUrgent() const { return isUrgent_; }
-    bool isEmpty() const { return requests_.empty(); }
-
-    /** When it was handed to a lane. */
-    std::chrono::steady_clock::time_point handedOver;
-
-    /** What it takes of the spool. */
-    std::size_t size() const { return bytes_.size() + requests_.size() * sizeof(Request); }
-
-    std::vector<Request>& requests() { return requests_; }
-    View bodyOf(const Request& request) const {
-        return View(bytes_).subspan(request.offset, request.size);
-    }
-
-    /** Empties it; its memory is kept for the next use. */
-    void clear();
-
-  private:
-    Bytes bytes_;
-    std::vector<Request> requests_;
-    bool isUrgent_ = false;
-};
-
 /** What a lane says to a link. An inquiry waits for no commit, so its answer can come before that
  * of an earlier status request. */
 struct Reply {
@@ -82,6 +33,7 @@ struct Reply {
         RESEND,     ///< a generation was opened: the blade shall send all its log again
         FULL,       ///< the archive is: the link is to end
         SUPERSEDED, ///< the blade speaks on a link of another process: this one is to end
+        LOCKED,     ///< what it brought waits for a lock that does not end: it is to end
     };
 
     LinkNumber link = 0;
@@ -117,6 +69,9 @@ struct LaneSettings {
     U32_t batch = 1000; ///< events to a transaction at most, at least 1
     /** Bytes of events to a transaction, from which on it is committed. */
     std::size_t batchBytes = std::size_t{1} << 20U;
+    /** How long a log is locked until the links that what waits for it came on are closed: their
+     * blades keep what they have, and come again. */
+    std::chrono::milliseconds lockPatience = std::chrono::seconds(10);
 };
 
 /** One lane. */
@@ -170,6 +125,10 @@ class Lane {
     bool mustCommit() const;
     void undo(const StoreError& error);
     void undo(const StoreConflict& conflict);
+    void undo(const StoreLocked& locked);
+    bool park(Batch::Request& request, View body);
+    void unpark();
+    void endWaiting();
     void rewind();
     void noteRuns();
     void look();
@@ -188,8 +147,10 @@ class Lane {
     std::size_t requestAt_ = 0;               ///< where in that batch
     std::size_t committedTo_ = 0;             ///< requests of work_'s first batch that are safe
     std::vector<Reply> held_;                 ///< they wait for the commit
-    U32_t uncommitted_ = 0;                   ///< events since the last commit
-    std::size_t uncommittedBytes_ = 0;        ///< of them
+    Parking parking_;                         ///< what waits for logs that are locked
+    Clock::time_point nextLookAtLocks_;
+    U32_t uncommitted_ = 0;            ///< events since the last commit
+    std::size_t uncommittedBytes_ = 0; ///< of them
     Clock::time_point firstUncommitted_;
     std::chrono::milliseconds delay_{0}; ///< before the next try
     Clock::time_point saidAway_;

@@ -194,6 +194,9 @@ void Link::deliver(Reply reply) {
     case Reply::Kind::SUPERSEDED:
         end(Level::NOTICE, "its blade speaks to another archiver, closed");
         break;
+    case Reply::Kind::LOCKED:
+        end(Level::WARNING, "its log is kept locked in the archive, closed");
+        break;
     case Reply::Kind::RESEND:
         if (status_ && !std::exchange(hasResent_, true)) {
             say(Level::NOTICE, "asked to send all its log again");

@@ -46,19 +46,26 @@ class StoreError : public std::runtime_error {
 
 /**
  * What was filed meets what another process filed meanwhile. Nothing of the transaction is safe;
- * after rollback() it is to be done again, with a fresh look at what is held. Only shared engines
- * throw it, from any call of Store.
+ * after rollback() it is to be done again, with a fresh look at what the named series hold: of all
+ * others, what was known before the transaction is still as good. Only shared engines throw it,
+ * from any call of Store.
  */
 class StoreConflict : public std::runtime_error {
   public:
-    /** @param lost series whose claim of this process holds no more, see Store::claim() */
-    explicit StoreConflict(std::vector<S64_t> lost = {})
-        : std::runtime_error("another process files the same"), lost_(std::move(lost)) {}
+    /**
+     * @param lost series whose claim of this process holds no more, see Store::claim()
+     * @param stale further ones that are not as they were
+     */
+    explicit StoreConflict(std::vector<S64_t> lost = {}, std::vector<S64_t> stale = {})
+        : std::runtime_error("another process files the same"), lost_(std::move(lost)),
+          stale_(std::move(stale)) {}
 
     const std::vector<S64_t>& lost() const { return lost_; }
+    const std::vector<S64_t>& stale() const { return stale_; }
 
   private:
     std::vector<S64_t> lost_;
+    std::vector<S64_t> stale_;
 };
 
 /** Which blade, in which place. Texts as in the messages, up to their NUL. */
@@ -76,6 +83,24 @@ struct SeriesKey {
     U32_t instance = 0;
 
     auto operator<=>(const SeriesKey&) const = default;
+};
+
+/**
+ * Somebody keeps series locked, and may do so for long. Nothing of the transaction is safe; after
+ * rollback() it can be done again without them. What was known before the transaction is still as
+ * good. Only shared engines throw it, from any call of Store.
+ */
+class StoreLocked : public StoreError {
+  public:
+    explicit StoreLocked(std::vector<SeriesKey> locked)
+        : StoreError("another session of the archive's server keeps a log locked", Kind::PASSING),
+          locked_(std::move(locked)) {}
+
+    /** At least one. */
+    const std::vector<SeriesKey>& locked() const { return locked_; }
+
+  private:
+    std::vector<SeriesKey> locked_;
 };
 
 /** The engine's own number of a series. */
@@ -234,6 +259,10 @@ class Store : public StoreReader {
     /** Whether any generation of the series holds the very event. Only of a shared engine: an event
      * that comes late, on a link that is not its blade's any more, need not be set aside then. */
     virtual bool isHeld(SeriesNumber series, View image);
+
+    /** Which of these somebody keeps locked at this moment; waits for none of them. Outside of
+     * transactions. */
+    virtual std::vector<SeriesKey> lockedOf(const std::vector<SeriesKey>& /*keys*/) { return {}; }
 
     virtual void begin() = 0;
 

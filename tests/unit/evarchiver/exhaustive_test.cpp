@@ -175,6 +175,7 @@ class World {
         std::vector<std::pair<LinkNumber, std::optional<StatusVerdict>>> held; ///< replies; none:
                                                                                ///< send all again
         bool isWarm = false; ///< knows something by heart
+        U32_t conflicts = 0; ///< what it knows may be what it saved before them
     };
 
     void logOne() {
@@ -339,6 +340,10 @@ class World {
     void fail(Process& process) {
         process.archive->abandon();
         process.isWarm = false;
+        rewind(process);
+    }
+
+    static void rewind(Process& process) {
         std::erase_if(process.held, [](const auto& reply) { return reply.second.has_value(); });
         while (!process.worked.empty()) {
             process.queue.push_front(std::move(process.worked.back()));
@@ -360,7 +365,9 @@ class World {
     }
 
     void undo(Process& process, const StoreConflict& conflict) {
-        fail(process);
+        process.archive->abandon(conflict);
+        ++process.conflicts;
+        rewind(process);
         for (const LinkNumber link : process.archive->loseClaims(conflict.lost())) {
             if (peer_ == &process && link == link_) {
                 cut();
@@ -473,7 +480,8 @@ std::string World::text() const {
     out << link_ << isWaiting_ << hasResent_ << next_ << ' ' << rebuilds_ << connects_ << failures_
         << (unsettled_.empty() ? '.' : '?') << '|';
     for (const auto& process : processes_) {
-        out << (peer_ == process.get()) << process->isWarm << process->held.size();
+        out << (peer_ == process.get()) << process->isWarm << process->held.size() << 'c'
+            << process->conflicts << ' ';
         put(process->queue);
         put(process->worked);
     }

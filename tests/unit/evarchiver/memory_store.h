@@ -9,6 +9,7 @@
 #include "store.h"
 
 #include <map>
+#include <mutex>
 #include <set>
 
 namespace evarchive {
@@ -38,6 +39,7 @@ class MemoryStore : public Store {
         if (work_) {
             throw std::logic_error("claimed within a transaction");
         }
+        requireUnlocked([&key](const SeriesKey& locked) { return locked == key; });
         const SeriesNumber number = addTo(committed_, key);
         claims_[number] = ++committed_.epochs[number];
         return {number, newestGeneration(number)};
@@ -52,6 +54,20 @@ class MemoryStore : public Store {
             }
         }
         return false;
+    }
+
+    std::vector<SeriesKey> lockedOf(const std::vector<SeriesKey>& keys) override {
+        const std::lock_guard lock(mutex_);
+        std::vector<SeriesKey> locked;
+        std::ranges::copy_if(keys, std::back_inserter(locked),
+                             [this](const SeriesKey& key) { return locked_.contains(key); });
+        return locked;
+    }
+
+    /** Somebody keeps these series locked from now on, and no others. Any thread may say so. */
+    void lock(const std::set<SeriesKey>& keys) {
+        const std::lock_guard lock(mutex_);
+        locked_ = keys;
     }
 
     void begin() override {
@@ -76,8 +92,9 @@ class MemoryStore : public Store {
         }
     }
 
-    /** Ids that were looked up. */
+    /** Ids, and newest generations, that were looked up. */
     U64_t looks() const { return looks_; }
+    U64_t generationLooks() const { return generationLooks_; }
 
     /** The next commit that is made seems to have failed. */
     void failAfterCommit() { failsAfterCommit_ = true; }
@@ -172,6 +189,7 @@ class MemoryStore : public Store {
     }
 
     std::optional<GenerationInfo> newestGeneration(SeriesNumber series) override {
+        ++generationLooks_;
         std::optional<GenerationInfo> newest;
         for (const auto& [key, generation] : now().generations) {
             if (key.series == series) {
@@ -306,6 +324,10 @@ class MemoryStore : public Store {
         if (!isShared_) {
             return;
         }
+        requireUnlocked([this](const SeriesKey& key) {
+            const auto number = work_->series.find(key);
+            return number != work_->series.end() && ours_.contains(number->second);
+        });
         std::vector<SeriesNumber> lost;
         for (const SeriesNumber number : ours_) {
             if (claims_.contains(number) && claims_[number] != committed_.epochs[number]) {
@@ -313,23 +335,44 @@ class MemoryStore : public Store {
                 claims_.erase(number);
             }
         }
-        bool isTaken = std::ranges::any_of(confirmed, [this](const auto& event) {
-            const auto& [place, image] = event;
-            const auto found = committed_.generations.find(place.first);
-            const bool isThere = found != committed_.generations.end() &&
-                                 found->second.events.contains(place.second);
-            return !isThere || found->second.events.at(place.second).image != image;
-        });
+        std::vector<SeriesNumber> stale;
+        for (const auto& [place, image] : confirmed) {
+            const StoredEvent* held = committedAt(place.first, place.second);
+            if (held == nullptr || held->image != image) {
+                stale.push_back(place.first.series);
+            }
+        }
         for (const auto& [key, id] : newEvents) {
-            const auto found = committed_.generations.find(key);
-            isTaken = isTaken ||
-                      (found != committed_.generations.end() && found->second.events.contains(id));
+            if (committedAt(key, id) != nullptr) {
+                stale.push_back(key.series);
+            }
         }
         for (const GenerationKey& key : newGenerations) {
-            isTaken = isTaken || committed_.generations.contains(key);
+            if (committed_.generations.contains(key)) {
+                stale.push_back(key.series);
+            }
         }
-        if (!lost.empty() || isTaken) {
-            throw StoreConflict(lost);
+        if (!lost.empty() || !stale.empty()) {
+            throw StoreConflict(lost, stale);
+        }
+    }
+
+    const StoredEvent* committedAt(const GenerationKey& key, U32_t id) const {
+        const auto found = committed_.generations.find(key);
+        if (found == committed_.generations.end()) {
+            return nullptr;
+        }
+        const auto event = found->second.events.find(id);
+        return event != found->second.events.end() ? &event->second : nullptr;
+    }
+
+    template <typename IsMeant>
+    void requireUnlocked(IsMeant isMeant) {
+        const std::lock_guard lock(mutex_);
+        std::vector<SeriesKey> met;
+        std::ranges::copy_if(locked_, std::back_inserter(met), isMeant);
+        if (!met.empty()) {
+            throw StoreLocked(met);
         }
     }
 
@@ -337,6 +380,9 @@ class MemoryStore : public Store {
     bool isShared_;
     bool failsAfterCommit_ = false;
     U64_t looks_ = 0;
+    U64_t generationLooks_ = 0;
+    std::mutex mutex_;
+    std::set<SeriesKey> locked_;
     std::optional<MemoryDatabase> work_; ///< within a transaction
     std::vector<std::function<void(MemoryDatabase&)>> changes_;
     std::set<SeriesNumber> ours_; ///< series with changes that need their claim

@@ -31,7 +31,7 @@ struct Process {
                 return last;
             } catch (const StoreConflict& conflict) {
                 ++conflicts;
-                archive.abandon();
+                archive.abandon(conflict);
                 for (const LinkNumber loser : archive.loseClaims(conflict.lost())) {
                     closed.push_back(loser);
                 }
@@ -95,6 +95,67 @@ TEST_F(SharedTest, LateEventThatAnyGenerationHoldsIsNotSetAside) {
     second_.fileSafely(1, {event(0, 2000)});
     EXPECT_EQ(first_.fileSafely(1, {event(1), event(2)}), Filed::DUPLICATE);
     EXPECT_TRUE(database_.aside.empty());
+}
+
+// One blade of many has changed its archiver: the others' logs are not looked up again.
+TEST_F(SharedTest, ConflictLeavesWhatIsKnownOfOtherLogs) {
+    const LogName moved{.blade = "BLADE-2"};
+    const LogName other{.blade = "BLADE-3"};
+    first_.connect(1, event(0));
+    first_.connect(2, {.log = moved});
+    first_.connect(3, {.log = other});
+    first_.fileSafely(1, {event(0), event(1)});
+    first_.fileSafely(2, {{.log = moved, .id = 0}, {.log = moved, .id = 1}});
+    first_.fileSafely(3, {{.log = other, .id = 0}, {.log = other, .id = 1}});
+    second_.connect(1, {.log = moved});
+    const U64_t looks = first_.store.generationLooks();
+    for (U32_t id = 2; id < 5; ++id) {
+        first_.archive.fileEvent(1, eventBody(event(id)));
+        first_.archive.fileEvent(3, eventBody({.log = other, .id = id}));
+    }
+    EXPECT_EQ(first_.fileSafely(2, {{.log = moved, .id = 2}}), Filed::SET_ASIDE);
+    EXPECT_EQ(first_.conflicts, 1);
+    EXPECT_EQ(first_.store.generationLooks() - looks, 1U);
+    // What was filed before the conflict in the same transaction is to be done again.
+    EXPECT_EQ(first_.fileSafely(1, {event(2), event(3)}), Filed::STORED);
+    EXPECT_EQ(first_.fileSafely(3, {{.log = other, .id = 2}}), Filed::STORED);
+    EXPECT_EQ(first_.archive.counts().gaps, 0U);
+    EXPECT_EQ(first_.archive.counts().duplicates, 0U);
+    EXPECT_EQ(first_.store.generationLooks() - looks, 1U);
+    EXPECT_EQ(first_.connect(1, event(0)), heldTo(3));
+}
+
+// A log that the conflict undid is not taken for one that is there.
+TEST_F(SharedTest, NewLogOfATransactionThatMetAConflictIsAddedAgain) {
+    const LogName fresh{.blade = "BLADE-2"};
+    first_.connect(1, event(0));
+    first_.fileSafely(1, {event(0)});
+    second_.connect(1, event(0));
+    first_.archive.fileEvent(2, eventBody({.log = fresh}));
+    first_.archive.fileEvent(1, eventBody(event(1)));
+    try {
+        first_.archive.commit();
+        FAIL() << "the claim was lost";
+    } catch (const StoreConflict& conflict) {
+        first_.archive.abandon(conflict);
+    }
+    EXPECT_EQ(first_.fileSafely(2, {{.log = fresh}}), Filed::STORED);
+    EXPECT_EQ(generations(), 2U);
+}
+
+// A generation that a transaction opened is not known by heart when it was undone.
+TEST_F(SharedTest, GenerationThatWasUndoneIsOpenedAgain) {
+    const LogName other{.blade = "BLADE-2"};
+    first_.connect(1, event(0));
+    first_.connect(2, {.log = other});
+    first_.fileSafely(1, {event(0), event(1)});
+    first_.fileSafely(2, {{.log = other}});
+    second_.connect(1, {.log = other});
+    first_.archive.fileEvent(1, eventBody(event(1, 2000)));
+    first_.fileSafely(2, {{.log = other, .id = 1}});
+    EXPECT_EQ(generations(), 2U);
+    EXPECT_EQ(first_.fileSafely(1, {event(1, 2000)}), Filed::NEW_GENERATION);
+    EXPECT_EQ(heldIn(2), 1U);
 }
 
 TEST_F(SharedTest, LinkThatNeverShookHandsBeginsOnlyTheFirstGeneration) {

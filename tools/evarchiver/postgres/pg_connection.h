@@ -34,6 +34,12 @@ class PgError : public StoreError {
      * One way of it is that a row is there already. */
     bool isConflict() const { return state_.starts_with("40") || state_ == "23505"; }
 
+    /** Whether a row is there that was not. */
+    bool isTaken() const { return state_ == "23505"; }
+
+    /** Whether a lock could not be had in time. */
+    bool isAboutLocks() const { return state_ == "55P03"; }
+
     const std::string& state() const { return state_; }
 
   private:

@@ -26,11 +26,13 @@ struct Known {
     std::optional<U32_t> highest = {};
     std::optional<IdRun> run = {};
     bool isFresh = false;     ///< what is not the claim's is that of the last look
+    bool isSaved = false;     ///< as it was before the transaction, it is in the engine's saved_
     S64_t lastGeneration = 0; ///< of the last event that was committed here
     S64_t lastId = -1;        ///< its id; -1: none was
 
-    /** The row, as CLAIM and LOOK give it; of a log that is owned, the claim stays. */
-    void read(const PgRows& rows);
+    /** The row, as CLAIM and LOOK give it, from a column on; of a log that is owned, the claim
+     * stays. */
+    void read(const PgRows& rows, int row, int column);
 
     /** The newest generation holds, or has lost, an id. */
     void hold(U32_t id, bool isDoubtful);
@@ -55,14 +57,12 @@ class PgStore final : public Store {
             connect();
             return call();
         } catch (const PgError& error) {
-            if (error.isConflict()) {
-                throw StoreConflict();
-            }
+            giveWay(error);
             throw;
         }
     }
 
-    // What was handed over is seen by questions.
+    // What was handed over is seen by questions about all logs.
     template <typename Result, typename... Parameters, typename... Arguments>
     Result read(Result (PgReads::*question)(Parameters...), const Arguments&... arguments) {
         return guarded([&] {
@@ -71,12 +71,23 @@ class PgStore final : public Store {
         });
     }
 
+    // And by those about its log. That of others goes on to wait: it takes one fence together.
+    template <typename Result, typename... Parameters, typename... Arguments>
+    Result readOf(SeriesNumber series, Result (PgReads::*question)(Parameters...),
+                  const Arguments&... arguments) {
+        return guarded([&] {
+            flushOf(series);
+            return (reads_.*question)(arguments...);
+        });
+    }
+
     bool isShared() const override { return true; }
 
     Claim claim(const SeriesKey& key, U32_t first) override;
     bool isHeld(SeriesNumber series, View image) override {
-        return read(&PgReads::isHeld, series, image);
+        return readOf(series, &PgReads::isHeld, series, image);
     }
+    std::vector<SeriesKey> lockedOf(const std::vector<SeriesKey>& keys) override;
 
     void begin() override {
         isBegun_ = true;
@@ -106,17 +117,17 @@ class PgStore final : public Store {
     std::optional<GenerationInfo> newestGeneration(SeriesNumber series) override;
     std::optional<StoredEvent> findEvent(const GenerationKey& generation, EMP_INQUIRY_TYPE_e type,
                                          U32_t id) override {
-        return read(&PgReads::findEvent, generation, type, id);
+        return readOf(generation.series, &PgReads::findEvent, generation, type, id);
     }
     std::optional<StoredEvent> heldEvent(const GenerationKey& generation, U32_t id) override;
     std::optional<StoredEvent> oldestEvent(const GenerationKey& generation) override {
-        return read(&PgReads::oldestEvent, generation);
+        return readOf(generation.series, &PgReads::oldestEvent, generation);
     }
     std::optional<U32_t> highestId(const GenerationKey& generation) override {
-        return read(&PgReads::highestId, generation);
+        return readOf(generation.series, &PgReads::highestId, generation);
     }
     U32_t endOfRun(const GenerationKey& generation, U32_t from) override {
-        return read(&PgReads::endOfRun, generation, from);
+        return readOf(generation.series, &PgReads::endOfRun, generation, from);
     }
     U32_t droppedBefore() override { return read(&PgReads::droppedBefore); }
     U64_t rowCount() override { return read(&PgReads::rowCount); }
@@ -126,15 +137,15 @@ class PgStore final : public Store {
     }
     void forEachRun(const GenerationKey& generation, U32_t from,
                     const std::function<void(const IdRun&)>& take) override {
-        read(&PgReads::forEachRun, generation, from, take);
+        readOf(generation.series, &PgReads::forEachRun, generation, from, take);
     }
     std::vector<StoredEvent> eventsBehind(const GenerationKey& generation, std::optional<U32_t> id,
                                           std::size_t most) override {
-        return read(&PgReads::eventsBehind, generation, id, most);
+        return readOf(generation.series, &PgReads::eventsBehind, generation, id, most);
     }
     void forEachEvent(const GenerationKey& generation,
                       const std::function<void(const StoredEvent&)>& take) override {
-        read(&PgReads::forEachEvent, generation, take);
+        readOf(generation.series, &PgReads::forEachEvent, generation, take);
     }
     void forEachAside(const std::function<void(const AsideEvent&)>& take) override {
         read(&PgReads::forEachAside, take);
@@ -146,6 +157,13 @@ class PgStore final : public Store {
     void beginOnServer();
     PgRows change(const PgStatement& statement, const PgParameters& parameters);
     Known& known(SeriesNumber series);
+    Known& changing(SeriesNumber series);
+    void look(const std::vector<SeriesNumber>& logs);
+    void giveWay(const PgError& error);
+    std::vector<SeriesNumber> involved() const;
+    std::vector<SeriesKey> findLocked(const std::vector<SeriesNumber>& logs);
+    [[noreturn]] void meet(const std::vector<SeriesNumber>& lost,
+                           const std::vector<SeriesNumber>& stale);
     S64_t newestOfOwned(SeriesNumber series);
     void queueName(const SeriesKey& key, SeriesNumber number);
     SeriesNumber nameSeries(const SeriesKey& key);
@@ -153,12 +171,25 @@ class PgStore final : public Store {
                                   bool isNew);
     GenerationInfo newestOf(SeriesNumber series, const PgRows& newest, U32_t first);
 
+    /** What fences tell. */
     struct Verdict {
-        std::vector<S64_t> lost;
-        bool isStale = false;
+        std::vector<SeriesNumber> lost;
+        std::vector<SeriesNumber> stale;
+    };
+
+    /** What is known of a log, as it was before the transaction. */
+    struct Saved {
+        SeriesNumber series;
+        Known* log;
+        Known before;
     };
 
     void flush();
+    void flushOf(SeriesNumber series) {
+        if (touched_.contains(series)) {
+            flush();
+        }
+    }
     bool hasWork() const { return !touched_.empty() || !pending_.empty() || !duplicates_.empty(); }
     void sortPending();
     void advance();
@@ -167,8 +198,9 @@ class PgStore final : public Store {
     void queueConfirmed();
     void queueDuplicates();
     void takeAnswers(bool looksAgain, bool files);
+    void takeFences(Verdict& verdict);
     void judge(const PgRows& rows, int row, Verdict& verdict);
-    void takeFiled(const Verdict& verdict);
+    void takeFiled(Verdict& verdict);
     PgParameters parametersOf(std::size_t first, std::size_t count);
     void fileByHalves(std::size_t first, std::size_t count);
     void refuse(const PendingEvent& event);
@@ -186,14 +218,18 @@ class PgStore final : public Store {
     std::vector<ConfirmedEvent> confirmed_;              ///< of those that are filed
     std::map<GenerationKey, U64_t> duplicates_;          ///< not counted yet
     std::vector<std::pair<GenerationKey, U32_t>> filed_; ///< in this transaction
-    std::vector<U32_t> fences_; ///< of the fences on their way: how many logs they lock
+    std::vector<std::vector<SeriesNumber>> fences_;      ///< those on their way: what they lock
+    std::vector<Saved> saved_;
+    std::vector<SeriesNumber> stale_; ///< what the conflict that ends the transaction has named
+    std::vector<SeriesNumber> named_; ///< logs that the transaction gave their row
+    std::optional<SeriesNumber> claiming_; ///< a handshake is under way
     PgBatch batch_;
     LookedUp looked_;
     bool isUnchecked_ = true; ///< the layout and the claims, since the connection was made
     bool isBegun_ = false;
-    bool isOnServer_ = false; ///< the server, too, has begun
-    bool hasNamed_ = false;   ///< the transaction may have given a log its row
-    bool isCareful_ = false;  ///< a value was refused: the next transaction finds out which
+    bool isOnServer_ = false;   ///< the server, too, has begun
+    bool isCommitting_ = false; ///< it may have, whatever is heard of it
+    bool isCareful_ = false;    ///< a value was refused: the next transaction finds out which
 };
 
 } // namespace evarchive

@@ -15,13 +15,13 @@ void PgStore::sortPending() {
 // What the logs' rows say of the newest generation when the events are there.
 void PgStore::advance() {
     for (const ConfirmedEvent& event : confirmed_) {
-        Known& log = known_.at(event.generation.series);
+        Known& log = changing(event.generation.series);
         if (log.generation == event.generation.generation) {
             log.hold(event.sequenceId, false);
         }
     }
     for (const PendingEvent& event : pending_) {
-        Known& log = known_.at(event.generation.series);
+        Known& log = changing(event.generation.series);
         if (log.generation == event.generation.generation) {
             log.hold(event.row.sequenceId, event.doubtful);
         }
@@ -31,17 +31,20 @@ void PgStore::advance() {
 void PgStore::queueFences() {
     PgFence owned;
     PgFence free;
+    std::vector<SeriesNumber> ownedLogs;
+    std::vector<SeriesNumber> freeLogs;
     for (const SeriesNumber series : std::exchange(touched_, {})) {
-        const Known& log = known_.at(series);
+        const Known& log = changing(series);
         (log.isOwned ? owned : free).add(series, log.highest, log.run);
+        (log.isOwned ? ownedLogs : freeLogs).push_back(series);
     }
-    if (owned.size() > 0) {
+    if (!ownedLogs.empty()) {
         connection_.queue(pg::FENCE, owned.parameters(true));
-        fences_.push_back(owned.size());
+        fences_.push_back(std::move(ownedLogs));
     }
-    if (free.size() > 0) {
+    if (!freeLogs.empty()) {
         connection_.queue(pg::VISIT, free.parameters(false));
-        fences_.push_back(free.size());
+        fences_.push_back(std::move(freeLogs));
     }
 }
 
@@ -94,9 +97,8 @@ void PgStore::judge(const PgRows& rows, int row, Verdict& verdict) {
     log.unclaimed += log.isOwned ? 0 : 1; // the mark that was just left
     if (log.isOwned && (rows.integer(row, 1) != log.epoch || rows.integer(row, 2) != log.owner)) {
         verdict.lost.push_back(series);
-        log = {};
     } else if (rows.integer(row, 3) != log.generation || rows.integer(row, 4) != log.unclaimed) {
-        verdict.isStale = true;
+        verdict.stale.push_back(series);
     }
 }
 
@@ -105,8 +107,14 @@ void PgStore::flush() {
     if (!hasWork()) {
         return;
     }
+    std::vector<SeriesNumber> unknown;
     for (const SeriesNumber series : touched_) {
-        known(series);
+        if (!known_[series].isFresh) {
+            unknown.push_back(series);
+        }
+    }
+    if (!unknown.empty()) {
+        look(unknown);
     }
     sortPending();
     doubtful_.clear();
@@ -139,21 +147,34 @@ void PgStore::flush() {
     takeAnswers(looksAgain, files);
 }
 
-void PgStore::takeAnswers(bool looksAgain, bool files) {
-    Verdict verdict;
-    for (const U32_t asked : std::exchange(fences_, {})) {
+// A log without a row, too, is not what it was.
+void PgStore::takeFences(Verdict& verdict) {
+    for (const auto& asked : std::exchange(fences_, {})) {
         const PgRows rows = connection_.take();
-        verdict.isStale = verdict.isStale || static_cast<U32_t>(rows.count()) != asked;
         for (int row = 0; row < rows.count(); ++row) {
             judge(rows, row, verdict);
         }
+        if (static_cast<std::size_t>(rows.count()) != asked.size()) {
+            verdict.stale.insert(verdict.stale.end(), asked.begin(), asked.end());
+        }
     }
+}
+
+void PgStore::takeAnswers(bool looksAgain, bool files) {
+    Verdict verdict;
+    takeFences(verdict);
     if (looksAgain) {
-        verdict.isStale = connection_.take().count() > 0 || verdict.isStale;
+        const PgRows taken = connection_.take();
+        for (int row = 0; row < taken.count(); ++row) {
+            verdict.stale.push_back(taken.integer(row, 0));
+        }
     }
-    if (!confirmed_.empty()) {
-        const U64_t asked = std::exchange(confirmed_, {}).size();
-        verdict.isStale = connection_.take().affected() != asked || verdict.isStale;
+    if (const auto confirmed = std::exchange(confirmed_, {}); !confirmed.empty()) {
+        if (connection_.take().affected() != confirmed.size()) {
+            for (const ConfirmedEvent& event : confirmed) {
+                verdict.stale.push_back(event.generation.series);
+            }
+        }
     }
     if (!std::exchange(duplicates_, {}).empty()) {
         connection_.take();
@@ -162,8 +183,8 @@ void PgStore::takeAnswers(bool looksAgain, bool files) {
         takeFiled(verdict);
     }
     connection_.finish();
-    if (verdict.isStale || !verdict.lost.empty()) {
-        throw StoreConflict(verdict.lost);
+    if (!verdict.stale.empty() || !verdict.lost.empty()) {
+        meet(verdict.lost, verdict.stale);
     }
     if (!files && !pending_.empty()) {
         fileByHalves(0, pending_.size());
@@ -175,7 +196,7 @@ void PgStore::takeAnswers(bool looksAgain, bool files) {
 }
 
 // An id that is not free is one to look at again.
-void PgStore::takeFiled(const Verdict& verdict) {
+void PgStore::takeFiled(Verdict& verdict) {
     try {
         connection_.take();
     } catch (const PgError& error) {
@@ -183,7 +204,10 @@ void PgStore::takeFiled(const Verdict& verdict) {
             throw;
         }
         isCareful_ = error.isAboutData();
-        throw StoreConflict(verdict.lost);
+        for (std::size_t i = 0; error.isTaken() && i < pending_.size(); ++i) {
+            verdict.stale.push_back(pending_[i].generation.series);
+        }
+        meet(verdict.lost, verdict.stale);
     }
 }
 
@@ -230,6 +254,7 @@ void PgStore::commit() {
         while (hasWork()) {
             flush();
         }
+        isCommitting_ = isOnServer_;
         if (isOnServer_ && connection_.run(pg::COMMIT).tag() != "COMMIT") {
             throw PgError("the server did not commit", "40000", StoreError::Kind::PASSING);
         }
@@ -251,16 +276,30 @@ void PgStore::rollback() noexcept {
     } catch (const std::exception&) {
         connection_.close(); // which does it as well
     }
-    for (auto& [series, log] : known_) {
-        log.isFresh = false;
+    for (Saved& saved : saved_) {
+        if (saved.log->isSaved) { // a claim that was lost is so for good
+            *saved.log = saved.before;
+            saved.log->isFresh = saved.before.isFresh && !isCommitting_;
+        }
     }
-    if (hasNamed_) {
-        reads_.forget();
+    for (const SeriesNumber series : stale_) {
+        known_[series].isFresh = false;
+    }
+    for (const SeriesNumber series : named_) {
+        known_[series].isFresh = false;
+        reads_.forget(series);
     }
     endTransaction();
 }
 
 void PgStore::endTransaction() {
+    for (const Saved& saved : saved_) {
+        saved.log->isSaved = false;
+    }
+    saved_.clear();
+    stale_.clear();
+    named_.clear();
+    claiming_.reset();
     touched_.clear();
     pending_.clear();
     doubtful_.clear();
@@ -271,7 +310,7 @@ void PgStore::endTransaction() {
     looked_.clear();
     isBegun_ = false;
     isOnServer_ = false;
-    hasNamed_ = false;
+    isCommitting_ = false;
 }
 
 } // namespace evarchive

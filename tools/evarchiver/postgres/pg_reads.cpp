@@ -86,6 +86,14 @@ void PgReads::forget() {
     numbers_.clear();
 }
 
+void PgReads::forget(SeriesNumber series) {
+    const auto known = keys_.find(series);
+    if (known != keys_.end()) {
+        numbers_.erase(known->second);
+        keys_.erase(known);
+    }
+}
+
 StoredEvent PgReads::eventOf(const PgRows& rows, int row, const SeriesKey& key) {
     EventRow event;
     event.sequenceId = static_cast<U32_t>(rows.integer(row, 0));

@@ -27,8 +27,9 @@ class PgReads {
     /** The log of this number was seen to be this one. */
     void remember(SeriesNumber number, const SeriesKey& key);
 
-    /** Rows of logs that were seen may not be there any more. */
+    /** Rows of logs that were seen may not be there any more: of all, or of one. */
     void forget();
+    void forget(SeriesNumber series);
 
     std::optional<StoredEvent> findEvent(const GenerationKey& generation, EMP_INQUIRY_TYPE_e type,
                                          U32_t id);

@@ -40,9 +40,15 @@ constexpr PgStatement FIRST{"first", "SELECT " PG_EVENT_COLUMNS " FROM events WH
                                      "generation = (SELECT generation FROM logs WHERE log = $1) "
                                      "AND id = $2"};
 
-/** The same columns, before something is filed. */
-constexpr PgStatement LOOK{"look", "SELECT epoch, owner, generation, unclaimed, highest, "
-                                   "run_first, run_last FROM logs WHERE log = $1"};
+/** Logs, and the same columns of each, before something is filed. */
+constexpr PgStatement LOOK{"look", "SELECT log, epoch, owner, generation, unclaimed, highest, "
+                                   "run_first, run_last FROM logs WHERE log = ANY($1::bigint[])"};
+
+/** Those of these logs that somebody keeps locked against a fence. Waits for none of them. */
+constexpr PgStatement LOCKED{"locked",
+                             "SELECT l.log FROM logs l LEFT JOIN (SELECT log FROM logs WHERE log = "
+                             "ANY($1::bigint[]) FOR NO KEY UPDATE SKIP LOCKED) u ON u.log = l.log "
+                             "WHERE l.log = ANY($1::bigint[]) AND u.log IS NULL"};
 
 /** The newest generation. Its row and the log's are written together. */
 constexpr PgStatement NEWEST{"newest",
@@ -62,10 +68,11 @@ constexpr PgStatement VISIT{
              "AS n(log, highest) WHERE l.log = n.log "
              "RETURNING l.log, epoch, owner, generation, unclaimed"};
 
-/** Whether an id that was free still is: logs, generations, ids. */
+/** Logs of which an id that was free is so no more: logs, generations, ids. */
 constexpr PgStatement TAKEN{
-    "taken", "SELECT 1 FROM unnest($1::bigint[], $2::bigint[], $3::bigint[]) AS n(log, g, id) "
-             "JOIN events e ON e.log = n.log AND e.generation = n.g AND e.id = n.id LIMIT 1"};
+    "taken",
+    "SELECT DISTINCT n.log FROM unnest($1::bigint[], $2::bigint[], $3::bigint[]) AS n(log, g, id) "
+    "JOIN events e ON e.log = n.log AND e.generation = n.g AND e.id = n.id"};
 
 /** Events, an array for each column. The server says when they came unless the archiver does: one
  * clock for all archivers, read when the transaction already has its number. An id that is taken

@@ -21,21 +21,22 @@ constexpr U32_t CLAIMS_AT_A_TIME = 500;
 
 } // namespace
 
-void Known::read(const PgRows& rows) {
+void Known::read(const PgRows& rows, int row, int column) {
+    const auto idAt = [&](int place) -> std::optional<U32_t> {
+        return rows.isNull(row, column + place)
+                   ? std::nullopt
+                   : std::optional(static_cast<U32_t>(rows.integer(row, column + place)));
+    };
     if (!isOwned) {
-        epoch = rows.integer(0, 0);
-        owner = rows.integer(0, 1);
+        epoch = rows.integer(row, column);
+        owner = rows.integer(row, column + 1);
     }
-    generation = rows.integer(0, 2);
-    unclaimed = rows.integer(0, 3);
-    highest.reset();
-    run.reset();
-    if (!rows.isNull(0, 4)) {
-        highest = static_cast<U32_t>(rows.integer(0, 4));
-    }
-    if (!rows.isNull(0, 5) && !rows.isNull(0, 6)) {
-        run = IdRun{static_cast<U32_t>(rows.integer(0, 5)), static_cast<U32_t>(rows.integer(0, 6))};
-    }
+    generation = rows.integer(row, column + 2);
+    unclaimed = rows.integer(row, column + 3);
+    highest = idAt(4);
+    const auto first = idAt(5);
+    const auto last = idAt(6);
+    run = first && last ? std::optional(IdRun{*first, *last}) : std::nullopt;
     isFresh = true;
 }
 
@@ -76,6 +77,9 @@ void PgStore::connect() {
     looked_.clear();
     if (!connection_.isOpen()) {
         connection_.reopen();
+    }
+    for (auto& [series, log] : known_) {
+        log.isFresh = false;
     }
     requireLayout();
     requireClaims();
@@ -136,13 +140,74 @@ void PgStore::requireClaims() {
             lost.push_back(rows.integer(row, 0));
         }
     }
-    for (const S64_t series : lost) {
-        known_.erase(series);
-    }
     if (!lost.empty()) {
         isUnchecked_ = false;
-        throw StoreConflict(lost);
+        meet(lost, {});
     }
+}
+
+// Ends the transaction with a conflict: what it names is looked at anew.
+void PgStore::meet(const std::vector<SeriesNumber>& lost, const std::vector<SeriesNumber>& stale) {
+    for (const SeriesNumber series : lost) {
+        known_[series] = {};
+    }
+    stale_ = stale;
+    throw StoreConflict(lost, stale);
+}
+
+// What two transactions that are in each other's way tell of the logs: nothing when one was to wait
+// for the other, the fences tell the rest; when a row is there that was not, that there is more.
+void PgStore::giveWay(const PgError& error) {
+    if (error.isConflict()) {
+        meet({}, error.isTaken() ? involved() : std::vector<SeriesNumber>());
+    }
+    if (!error.isAboutLocks()) {
+        return;
+    }
+    if (std::exchange(isOnServer_, false)) {
+        connection_.execute("ROLLBACK");
+    }
+    if (auto locked = findLocked(involved()); !locked.empty()) {
+        throw StoreLocked(std::move(locked));
+    }
+}
+
+std::vector<SeriesNumber> PgStore::involved() const {
+    std::set<SeriesNumber> logs(touched_);
+    for (const Saved& saved : saved_) {
+        logs.insert(saved.series);
+    }
+    if (claiming_) {
+        logs.insert(*claiming_);
+    }
+    return {logs.begin(), logs.end()};
+}
+
+std::vector<SeriesKey> PgStore::findLocked(const std::vector<SeriesNumber>& logs) {
+    PgArray asked(PgType::BIGINT);
+    for (const SeriesNumber series : logs) {
+        asked.addNumber(series);
+    }
+    const PgRows rows = connection_.run(pg::LOCKED, PgParameters().array(asked));
+    std::vector<SeriesKey> locked;
+    for (int row = 0; row < rows.count(); ++row) {
+        locked.push_back(reads_.keyOf(rows.integer(row, 0)));
+    }
+    return locked;
+}
+
+std::vector<SeriesKey> PgStore::lockedOf(const std::vector<SeriesKey>& keys) {
+    return guarded([&] {
+        std::vector<SeriesNumber> logs;
+        for (const SeriesKey& key : keys) {
+            bool isKnown = false;
+            const SeriesNumber number = reads_.numberOf(key, isKnown);
+            if (isKnown) {
+                logs.push_back(number);
+            }
+        }
+        return findLocked(logs);
+    });
 }
 
 void PgStore::beginOnServer() {
@@ -163,13 +228,33 @@ PgRows PgStore::change(const PgStatement& statement, const PgParameters& paramet
 Known& PgStore::known(SeriesNumber series) {
     Known& known = known_[series];
     if (!known.isFresh) {
-        const PgRows rows = connection_.run(pg::LOOK, PgParameters().integer(series));
-        if (rows.count() == 0) {
-            throw StoreConflict();
-        }
-        known.read(rows);
+        look({series});
     }
     return known;
+}
+
+void PgStore::look(const std::vector<SeriesNumber>& logs) {
+    PgArray asked(PgType::BIGINT);
+    for (const SeriesNumber series : logs) {
+        asked.addNumber(series);
+    }
+    const PgRows rows = connection_.run(pg::LOOK, PgParameters().array(asked));
+    for (int row = 0; row < rows.count(); ++row) {
+        known_[rows.integer(row, 0)].read(rows, row, 1);
+    }
+    if (static_cast<std::size_t>(rows.count()) != logs.size()) {
+        meet({}, logs);
+    }
+}
+
+// The log is known, and about to be known otherwise.
+Known& PgStore::changing(SeriesNumber series) {
+    Known& log = known_.at(series);
+    if (!log.isSaved) {
+        saved_.push_back({series, &log, log});
+        log.isSaved = true;
+    }
+    return log;
 }
 
 void PgStore::queueName(const SeriesKey& key, SeriesNumber number) {
@@ -191,6 +276,7 @@ SeriesNumber PgStore::nameSeries(const SeriesKey& key) {
         if (isKnown) {
             return number;
         }
+        named_.push_back(number);
         queueName(key, number);
         connection_.sync();
         connection_.take();
@@ -199,6 +285,7 @@ SeriesNumber PgStore::nameSeries(const SeriesKey& key) {
 }
 
 Claim PgStore::claim(const SeriesKey& key, U32_t first) {
+    claiming_.reset();
     return guarded([&] {
         looked_.clear();
         if (const auto claimed = tryClaim(key, reads_.likelyNumberOf(key), first, false)) {
@@ -219,6 +306,7 @@ Claim PgStore::claim(const SeriesKey& key, U32_t first) {
 // row.
 std::optional<Claim> PgStore::tryClaim(const SeriesKey& key, SeriesNumber number, U32_t first,
                                        bool isNew) {
+    claiming_ = number;
     if (isNew) {
         queueName(key, number);
     }
@@ -240,7 +328,7 @@ std::optional<Claim> PgStore::tryClaim(const SeriesKey& key, SeriesNumber number
     }
     reads_.remember(number, key);
     Known& log = known_[number] = {};
-    log.read(claimed);
+    log.read(claimed, 0, 0);
     log.isOwned = true;
     if (newest.count() == 0) {
         return Claim{number, std::nullopt};
@@ -273,7 +361,7 @@ std::optional<StoredEvent> PgStore::heldEvent(const GenerationKey& generation, U
         if (const auto* known = looked_.find(generation, id)) {
             return *known;
         }
-        flush();
+        flushOf(generation.series);
         if (!isBegun_) {
             return reads_.heldEvent(generation, id);
         }
@@ -285,7 +373,7 @@ std::optional<StoredEvent> PgStore::heldEvent(const GenerationKey& generation, U
 
 std::optional<GenerationInfo> PgStore::newestGeneration(SeriesNumber series) {
     return guarded([&]() -> std::optional<GenerationInfo> {
-        flush();
+        flushOf(series);
         known(series);
         const PgRows rows = connection_.run(pg::NEWEST, PgParameters().integer(series));
         return rows.count() > 0 ? std::optional(newestOf(series, rows, 0)) : std::nullopt;
@@ -295,16 +383,17 @@ std::optional<GenerationInfo> PgStore::newestGeneration(SeriesNumber series) {
 SeriesNumber PgStore::addSeries(const SeriesKey& key) {
     return guarded([&] {
         beginOnServer();
-        hasNamed_ = true;
         return nameSeries(key);
     });
 }
 
 void PgStore::addGeneration(const GenerationKey& generation, S64_t opened) {
     guarded([&] {
-        Known& log = known(generation.series);
+        known(generation.series);
+        Known& log = changing(generation.series);
         beginOnServer();
-        flush(); // what comes before belongs to the generation before, and so does its run
+        // What comes before belongs to the generation before, and so does its run.
+        flushOf(generation.series);
         if (log.isOwned && log.run) {
             connection_.run(pg::NOTE_RUN, PgParameters()
                                               .integer(generation.series)
@@ -324,7 +413,7 @@ void PgStore::addGeneration(const GenerationKey& generation, S64_t opened) {
         touched_.insert(generation.series);
         if (rows.affected() == 0) {
             flush(); // says whether the claim is lost
-            throw StoreConflict();
+            meet({}, {generation.series});
         }
         log.generation = generation.generation;
         log.highest.reset();
@@ -358,8 +447,9 @@ void PgStore::confirmEvent(const GenerationKey& generation, View image) {
 
 void PgStore::removeEvent(const GenerationKey& generation, U32_t id) {
     Known& log = guarded([&]() -> Known& {
-        flush();
-        return known(generation.series);
+        flushOf(generation.series);
+        known(generation.series);
+        return changing(generation.series);
     });
     looked_.forget(generation);
     touched_.insert(generation.series);
@@ -367,7 +457,7 @@ void PgStore::removeEvent(const GenerationKey& generation, U32_t id) {
         pg::REMOVE,
         PgParameters().integer(generation.series).integer(generation.generation).integer(id));
     if (rows.affected() == 0) {
-        throw StoreConflict();
+        meet({}, {generation.series});
     }
     log.lose(id);
 }
@@ -402,7 +492,7 @@ void PgStore::noteProven(const GenerationKey& generation, const IdRun& run) {
     const auto known = known_.find(generation.series);
     if (known != known_.end() && known->second.isOwned &&
         newestOfOwned(generation.series) == generation.generation) {
-        std::optional<IdRun>& noted = known->second.run;
+        std::optional<IdRun>& noted = changing(generation.series).run;
         const bool isWithin = noted && noted->contains(run.first) && run.last <= noted->last;
         if (isNothing ? noted.has_value() : !isWithin) {
             noted = isNothing ? std::nullopt : std::optional(run);

@@ -1,0 +1,84 @@
+#include "parking.h"
+
+#include <utility>
+
+namespace evarchive {
+
+void Batch::add(LinkNumber link, Kind kind, View body, U32_t ticket) {
+    requests_.push_back(
+        {link, kind, static_cast<U32_t>(bytes_.size()), static_cast<U32_t>(body.size()), ticket});
+    bytes_.insert(bytes_.end(), body.begin(), body.end());
+    isUrgent_ = isUrgent_ || kind == Kind::STATUS || kind == Kind::INQUIRY;
+}
+
+void Batch::clear() {
+    bytes_.clear();
+    requests_.clear();
+    isUrgent_ = false;
+}
+
+namespace {
+
+std::vector<SeriesKey> logsOf(const Batch::Request& request, View body, const Archive& archive) {
+    switch (request.kind) {
+    case Batch::Kind::EVENT:
+    case Batch::Kind::SILENT:
+    case Batch::Kind::ENDED:
+    case Batch::Kind::TAKE_BACK:
+        return archive.logsOf(request.link, body);
+    case Batch::Kind::STATUS: {
+        const auto status = imageOf<EmpGetEvArchiverStatusMsg_t>(body);
+        return {{bladeOf(status), status.evInstanceNumber}};
+    }
+    case Batch::Kind::INQUIRY:
+        return {logOf(imageOf<EmpEvInquiryMsg_t>(body))};
+    default:
+        return {};
+    }
+}
+
+} // namespace
+
+bool Parking::lock(const std::vector<SeriesKey>& logs) {
+    bool isNew = false;
+    for (const SeriesKey& log : logs) {
+        if (std::ranges::count(locked_, log) == 0) {
+            locked_.push_back(log);
+            logs_.insert(log);
+            isNew = true;
+        }
+    }
+    return isNew;
+}
+
+bool Parking::take(const Batch::Request& request, View body, const Archive& archive) {
+    const std::vector<SeriesKey> logs = logsOf(request, body, archive);
+    const auto waits = [this](const SeriesKey& log) { return logs_.contains(log); };
+    if (!links_.contains(request.link) && std::ranges::none_of(logs, waits)) {
+        return false;
+    }
+    links_.insert(request.link);
+    logs_.insert(logs.begin(), logs.end());
+    if (waiting_->isEmpty()) {
+        waiting_->handedOver = std::chrono::steady_clock::now();
+    }
+    waiting_->add(request.link, request.kind, body, request.ticket);
+    return true;
+}
+
+std::vector<LinkNumber> Parking::takeLinks() {
+    std::vector<LinkNumber> links;
+    std::ranges::set_difference(links_, taken_, std::back_inserter(links));
+    taken_ = links_;
+    return links;
+}
+
+std::unique_ptr<Batch> Parking::release(const std::vector<SeriesKey>& stillLocked) {
+    locked_ = stillLocked;
+    logs_ = std::set<SeriesKey>(stillLocked.begin(), stillLocked.end());
+    links_.clear();
+    taken_.clear();
+    return std::exchange(waiting_, std::make_unique<Batch>());
+}
+
+} // namespace evarchive
