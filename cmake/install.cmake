@@ -140,7 +140,7 @@ endif()
 if(TARGET evbridge)
     install_program(evbridge ${CMAKE_INSTALL_SBINDIR} evbridge)
     install_completion(evbridge evbridge)
-    install_unit(evbridge evbridge.service)
+    install_service(evbridge evbridge.service evbridge)
     install(FILES ${PACKAGING}/etc/evbridge
         DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/default COMPONENT evbridge)
     install(DIRECTORY share/event-manager/mibs DESTINATION ${CMAKE_INSTALL_DATADIR}/event-manager

@@ -163,6 +163,18 @@ TEST_F(SqliteStoreTest, NewArchiveIsForItsOwnerOnly) {
     }
 }
 
+TEST_F(SqliteStoreTest, EmptyFileBecomesAnArchiveOfItsMode) {
+    support::writeFile(path_, "");
+    ASSERT_EQ(chmod(path_.c_str(), 0640), 0);
+    const auto store = openArchive(path_);
+    fill(*store, {0});
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        struct stat state {};
+        ASSERT_EQ(stat((path_ + suffix).c_str(), &state), 0) << suffix;
+        EXPECT_EQ(state.st_mode & 0777U, 0640U) << suffix;
+    }
+}
+
 TEST_F(SqliteStoreTest, FailedOpeningLeavesNoFileBehind) {
     support::writeFile(path_ + "-wal", std::string(10, 'x'));
     ASSERT_EQ(mkdir((path_ + "-journal").c_str(), 0700), 0); // the layout cannot be written

@@ -26,7 +26,7 @@ EXPECTED = [
     "etc/default/evarchiver", "etc/default/evbridge", "etc/default/evgate", "etc/default/evweb", "etc/event-manager/blade.conf", "etc/logrotate.d/event-manager",
     "lib/systemd/system/blade@.service", "lib/systemd/system/evarchiver.service", "lib/systemd/system/evgate.service",
     "lib/systemd/system/evbridge.service", "lib/systemd/system/evweb.service",
-    *[f"lib/{kind}.d/{name}.conf" for kind in ("sysusers", "tmpfiles") for name in ("blade", "evarchiver")],
+    *[f"lib/{kind}.d/{name}.conf" for kind in ("sysusers", "tmpfiles") for name in ("blade", "evarchiver", "evbridge")],
     "share/doc/event-manager/README.md", "share/doc/event-manager/docs/operations.md",
     "share/doc/event-manager/docs/formats.md", "share/doc/libmpu-dev/examples/log_event.c",
     "share/event-manager/kaitai/kelta_eventlog.ksy", "share/event-manager/wireshark/blade.lua",
@@ -103,6 +103,19 @@ class InstallTest(unittest.TestCase):
             self.assertRegex(text, r"(?m)^StartLimitBurst=[0-9]+$")
             self.assertRegex(text, r"(?m)^StartLimitIntervalSec=[0-9]+min$")
             self.assertNotIn("@", re.sub(r"~?@(system-service|privileged|resources)|blade@", "", text))
+
+    def test_who_only_reads_the_archive_is_another_user_of_its_group(self):
+        archiver, *readers = [(self.tree / f"lib/systemd/system/{name}.service").read_text()
+                              for name in ("evarchiver", "evbridge", "evweb")]
+        # What is made there is the group's to read: the directory, and the archive's files in it.
+        for mode in ("UMask=0027", "StateDirectoryMode=0750", "Group=evarchiver"):
+            self.assertIn(f"\n{mode}\n", archiver)
+        for text in readers:
+            self.assertIn("\nSupplementaryGroups=evarchiver\n", text)
+            self.assertNotRegex(text, r"(?m)^(User|Group|StateDirectory|ReadWritePaths)=.*evarchiver")
+        archive = re.search(r"--db (\S+)", archiver).group(1)
+        self.assertIn(f"\nf {archive} 0640 evarchiver evarchiver -\n",
+                      (self.tree / "lib/tmpfiles.d/evarchiver.conf").read_text())
 
     def test_log_is_guarded_before_its_blade_starts(self):
         text = (self.tree / "lib/systemd/system/blade@.service").read_text()
