@@ -18,6 +18,7 @@
 
 #include <functional>
 #include <span>
+#include <string>
 #include <vector>
 
 // --- The bytes -----------------------------------------------------------------------------------
@@ -119,6 +120,11 @@ const char* evlogVerdictName(EVLOG_VERDICT_e verdict);
 
 /** One line of English for a verdict, without a full stop. */
 const char* evlogVerdictText(EVLOG_VERDICT_e verdict);
+
+struct EvlogState_t;
+
+/** The message of the bug-check in which a start with this outcome ends; empty when in none. */
+std::string evlogBugcheckText(const EvlogState_t& state);
 
 /** Whether the event manager does not come up with this file. */
 constexpr bool evlogIsFatal(EVLOG_VERDICT_e verdict) {

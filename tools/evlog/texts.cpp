@@ -52,3 +52,17 @@ const char* evlogVerdictName(EVLOG_VERDICT_e verdict) {
 const char* evlogVerdictText(EVLOG_VERDICT_e verdict) {
     return VERDICT_TEXTS.at(verdict).text;
 }
+
+std::string evlogBugcheckText(const EvlogState_t& state) {
+    switch (state.verdict) {
+    case EVLOG_E_VERDICT_BAD_SOURCE:
+        return "Bad Event Source [" + std::to_string(state.badSource) +
+               "] in the Corrupted Event Log File! Please Delete the File.";
+    case EVLOG_E_VERDICT_CONTINUOUS_WITH_GAP:
+        return "Continuous SequenceId with Gap? Bug somewhere!";
+    case EVLOG_E_VERDICT_INVALID_SEQUENCE:
+        return "Invalid Sequence ID? Bug somewhere!";
+    default:
+        return "";
+    }
+}

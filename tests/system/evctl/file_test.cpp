@@ -386,7 +386,16 @@ TEST_F(File, PredictOfAFileThatTheEventManagerDoesNotComeUpWith) {
     EXPECT_NE(outcome.output.find(R"("verdict":"continuous-with-gap",)"), std::string::npos);
     EXPECT_NE(outcome.output.find(R"("fatal":true,)"), std::string::npos);
     EXPECT_EQ(outcome.errors, "");
-    EXPECT_NE(run("predict").output.find("it does not come up, at any start"), std::string::npos);
+    EXPECT_NE(outcome.output.find(
+                  R"("taken":null,"lost":null,"nextSequenceId":null,"bugcheck":{"message":)"
+                  R"("Continuous SequenceId with Gap? Bug somewhere!","at":"start",)"
+                  R"("eventsBefore":null,"dataLength":null,"forGood":true}})"),
+              std::string::npos)
+        << outcome.output;
+    EXPECT_NE(run("predict").output.find(
+                  "\nbug-check \"Continuous SequenceId with Gap? Bug somewhere!\"\n"
+                  "it does not come up, at any start, until the file is replaced (offset "),
+              std::string::npos);
 }
 
 TEST_F(File, LastEventsAndReverseOrder) {

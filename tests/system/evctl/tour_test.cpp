@@ -61,7 +61,12 @@ std::string volume(uint32_t number, bool online) {
     return test::bigEndian(number, 4) + test::bigEndian(online ? 0x80000000 : 0, 4);
 }
 
+/** One that there can be: the operators' page knows this function to say this. */
 std::string bugCheck(const std::string& function, uint32_t line, const std::string& message) {
+    const std::string page = support::readFile(support::sourceFile("docs/operations.md"));
+    const size_t row = page.find("\n| `" + message + "` |") + 1;
+    EXPECT_THAT(page.substr(row, page.find('\n', row) - row),
+                testing::HasSubstr("`" + function + "`"));
     return test::text64("empmain") + test::text64(function) + test::bigEndian(line, 4) +
            test::text64(message);
 }
@@ -73,8 +78,9 @@ std::string firstBlade() {
     log.add(61, 26, WARNING, 3, 7, "fan 2: 1180 rpm, below 1500");
     log.add(95, 6, ERROR, 11, 9, "drive 4: medium error at block 81920");
     log.add(95, 20, WARNING, 5, 40, volume(7, false));
-    log.add(96, 27, ERROR, 1, 11,
-            bugCheck("empReadEventEntry", 412, "Linux read function fails for Event Log File!"));
+    log.add(
+        96, 27, ERROR, 2, 11,
+        bugCheck("empRcvEventInquiryMsg", 6642, "Linux read function fails for Event Log File!"));
     log.add(98, 18, INFORMATION, 1, 300, "all processes are up");
     log.add(140, 21, INFORMATION, 4, 12, "drive 4 was replaced");
     log.add(141, 20, INFORMATION, 5, 40, volume(7, true));

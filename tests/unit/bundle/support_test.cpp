@@ -221,6 +221,11 @@ TEST_F(Support, JsonNamesWhatIsInItAndWhatIsMissing) {
     nlohmann::json json = nlohmann::json::parse(said.output);
     EXPECT_EQ(json["bundle"], bundlePath());
     EXPECT_EQ(json["members"].size(), members_.size());
+    const std::string page = test::pageOfJson({"support"});
+    for (const char* name : {"bundle", "members", "name", "bytes", "missing"}) {
+        EXPECT_THAT(page, testing::ContainsRegex("\\b" + std::string(name) + "\\b"));
+    }
+    EXPECT_EQ(json.size(), 3U);
     for (const auto& member : json["members"]) {
         EXPECT_EQ(member["bytes"], members_[member["name"]].size()) << member;
     }

@@ -7,8 +7,12 @@
 
 #include "evctl/command_line.h"
 
+#include "program.h"
+#include "temp_directory.h"
+
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -30,6 +34,31 @@ inline Said run(const std::vector<std::string>& arguments) {
     int status = evctl::runCommandLine(static_cast<int>(argv.size()), argv.data());
     std::string output = testing::internal::GetCapturedStdout();
     return {status, output, testing::internal::GetCapturedStderr()};
+}
+
+/** What the page says of the JSON of a command; of one without a paragraph what it says of events.
+ */
+inline std::string pageOfJson(const std::vector<std::string>& command) {
+    std::string page = support::readFile(support::sourceFile("docs/man/evctl.1"));
+    page = page.substr(page.find(".SH JSON"));
+    page.resize(page.find(".SH EXIT STATUS"));
+    const std::string two = command.size() > 1 ? command[0] + " " + command[1] : "";
+    const std::string paragraph = "\n.TP\n";
+    size_t begin = page.find(paragraph);
+    const std::string events = page.substr(0, begin);
+    while (begin != std::string::npos) {
+        begin += paragraph.size();
+        const size_t end = page.find(paragraph, begin);
+        std::string tags = page.substr(begin, page.find('\n', begin) - begin);
+        tags = std::regex_replace(tags, std::regex("^\\.BR? |[\" ]*,[\" ]*|\"$"), ";") + ";";
+        tags = std::regex_replace(tags, std::regex("\""), "");
+        if (tags.find(";" + command[0] + ";") != std::string::npos ||
+            (!two.empty() && tags.find(";" + two + ";") != std::string::npos)) {
+            return page.substr(begin, end == std::string::npos ? end : end - begin);
+        }
+        begin = end;
+    }
+    return events;
 }
 
 } // namespace test

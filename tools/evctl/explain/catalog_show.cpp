@@ -65,6 +65,11 @@ const char* kindName(catalog::Kind kind) {
     return names.at(static_cast<size_t>(kind));
 }
 
+const char* orderName(catalog::Order order) {
+    constexpr std::array<const char*, 3> names = {"big", "little", "either"};
+    return names.at(static_cast<size_t>(order));
+}
+
 std::string idsText(const catalog::Entry& entry) {
     std::string first = std::to_string(entry.firstId);
     return entry.lastId == entry.firstId ? first : first + "-" + std::to_string(entry.lastId);
@@ -75,6 +80,9 @@ Json fieldJson(const catalog::Field& field) {
                  {"offset", field.offset},
                  {"width", field.width},
                  {"type", kindName(field.kind)}};
+    if (field.kind == catalog::Kind::UNSIGNED || field.kind == catalog::Kind::SIGNED) {
+        json["order"] = orderName(field.order);
+    }
     if (!field.unit.empty()) {
         json["unit"] = field.unit;
     }
@@ -124,6 +132,9 @@ void printEntry(const catalog::Entry& entry) {
     for (const catalog::Field& field : entry.fields) {
         std::cout << "field     " << field.name << ": " << kindName(field.kind) << ", "
                   << field.width << " bytes at " << field.offset
+                  << (field.order == catalog::Order::BIG
+                          ? ""
+                          : std::string(", ") + orderName(field.order) + " byte first")
                   << (field.unit.empty() ? "" : ", " + field.unit) << "\n";
     }
 }

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iostream>
+#include <stdexcept>
 
 namespace evctl {
 
@@ -23,6 +25,42 @@ std::optional<EvlogIdentity_t> identityOf(const IdentityOfFile& options) {
     memcpy(identity.enclosureId, options.enclosure->data(),
            std::min(options.enclosure->size(), sizeof(identity.enclosureId)));
     return identity;
+}
+
+EvlogIdentity_t identityIn(const MPU_PARAMS_t& params) {
+    EvlogIdentity_t identity = {.enclosureId = {}, .slotId = params.slotId};
+    memcpy(identity.enclosureId, params.chassisSN,
+           std::min(sizeof(identity.enclosureId), sizeof(params.chassisSN)));
+    return identity;
+}
+
+void addBladeOfFile(CLI::App& command, BladeOfFile& options) {
+    addIdentityOfFile(command, options.identity);
+    addKeyOption(command, options.block)
+        ->excludes("--enclosure")
+        ->description("Key of the parameter block of the blade that the log is to be of (decimal, "
+                      "0x hexadecimal or 0 octal); else EVCTL_KEY");
+}
+
+std::optional<EvlogIdentity_t> identityOf(const BladeOfFile& options) {
+    if (options.identity.enclosure) {
+        return identityOf(options.identity);
+    }
+    if (!options.block.given() && !isKeyNamed()) {
+        return std::nullopt;
+    }
+    try {
+        return identityIn(attachParams(options.block));
+    } catch (const CLI::Error&) {
+        throw; // what EVCTL_KEY holds is no key
+    } catch (const std::runtime_error& problem) {
+        if (options.block.given()) {
+            throw;
+        }
+        std::cerr << "evctl: judged for no blade, of EVCTL_KEY there is none: " << problem.what()
+                  << "\n";
+        return std::nullopt;
+    }
 }
 
 } // namespace evctl

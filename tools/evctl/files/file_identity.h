@@ -6,6 +6,7 @@
 #define EVCTL_FILE_IDENTITY_H
 
 #include "common/cli.h"
+#include "evctl/wire/blade_options.h"
 #include "evlog/evlog.h"
 
 #include <optional>
@@ -19,11 +20,27 @@ struct IdentityOfFile {
     std::optional<U32_t> slot;
 };
 
+/** The same, or by the key of a parameter block. */
+struct BladeOfFile {
+    IdentityOfFile identity;
+    KeyOptions block;
+};
+
 /** Adds --enclosure and --slot. */
 void addIdentityOfFile(CLI::App& command, IdentityOfFile& options);
 
 /** What they name; nothing when they are not given. */
 std::optional<EvlogIdentity_t> identityOf(const IdentityOfFile& options);
+
+/** The identity that the event manager of a parameter block has. */
+EvlogIdentity_t identityIn(const MPU_PARAMS_t& params);
+
+/** Adds --enclosure and --slot, and --key instead. */
+void addBladeOfFile(CLI::App& command, BladeOfFile& options);
+
+/** What they name, else the block of EVCTL_KEY; nothing when none is named. Throws when there is no
+ * such block; that of EVCTL_KEY need not be there, which standard error says. */
+std::optional<EvlogIdentity_t> identityOf(const BladeOfFile& options);
 
 } // namespace evctl
 

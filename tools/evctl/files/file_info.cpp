@@ -19,7 +19,7 @@ constexpr char FILE_INFO_EXAMPLES[] =
 
 struct InfoOptions {
     std::string path;
-    IdentityOfFile identity;
+    BladeOfFile blade;
     bool json = false;
 };
 
@@ -89,7 +89,7 @@ Json infoJson(const InfoOptions& options, const EvlogImage_t& image, const LogCo
 int runInfo(const InfoOptions& options) {
     int status = tools::EXIT_DONE;
     EvlogImage_t image = loadLog(options.path, &status);
-    std::optional<EvlogIdentity_t> identity = identityOf(options.identity);
+    std::optional<EvlogIdentity_t> identity = identityOf(options.blade);
     LogContent content = readLog(image, identity ? &*identity : nullptr);
     Json json = infoJson(options, image, content);
     std::cout << (options.json ? jsonLine(json) : namedLines(json, 22));
@@ -104,7 +104,7 @@ void addFileInfoCommand(CLI::App& parent, Chosen& chosen) {
         parent, "info", "Counts, ranges and what the event manager will make of a log file.",
         FILE_INFO_EXAMPLES);
     addFileArgument(command, options->path);
-    addIdentityOfFile(command, options->identity);
+    addBladeOfFile(command, options->blade);
     command.add_flag("--json", options->json, "As a JSON object");
     onChosenPaged(command, chosen, options, runInfo);
 }

@@ -13,11 +13,13 @@ namespace {
 constexpr char FILE_MAP_EXAMPLES[] = "The exit status is 1 when the file is damaged.\n"
                                      "Examples:\n"
                                      "  evctl file map kelta_eventlog\n"
+                                     "  evctl file map kelta_eventlog --age\n"
                                      "  evctl file map kelta_eventlog -o svg > ring.svg";
 
 struct MapOptions {
     std::string path;
     std::string form = "text";
+    bool ages = false;
 };
 
 int runMap(const MapOptions& options) {
@@ -30,7 +32,7 @@ int runMap(const MapOptions& options) {
     } else if (options.form == "svg") {
         std::cout << mapPicture(map, content, Svg::titleOf(options.path));
     } else {
-        std::cout << mapLines(map, content);
+        std::cout << mapLines(map, content, options.ages);
     }
     return std::max(status, statusOf(content));
 }
@@ -47,6 +49,7 @@ void addFileMapCommand(CLI::App& parent, Chosen& chosen) {
         ->type_name("text|svg|json")
         ->capture_default_str()
         ->check(CLI::IsMember({"text", "svg", "json"}));
+    command.add_flag("--age", options->ages, "Of events how old they are, not their types");
     command.add_flag_callback(
         "--json", [options] { options->form = "json"; }, "As -o json: one object");
     onChosenPaged(command, chosen, options, runMap);

@@ -17,13 +17,15 @@ constexpr char FILE_PREDICT_EXAMPLES[] =
     "The exit status is 0 when nothing is lost, 1 when events are, or a bug-check will come\n"
     "later, and 2 when the event manager cannot work with this file; or when it cannot be read,\n"
     "which standard error says. A file that is not there yet is a new log.\n"
-    "Whether the log belongs to this blade is judged only with --enclosure and --slot.\n"
-    "Example:\n"
-    "  evctl file predict kelta_eventlog";
+    "Whether the log belongs to the blade is judged only when that is named: with --enclosure\n"
+    "and --slot, or by the key of its parameter block.\n"
+    "Examples:\n"
+    "  evctl file predict kelta_eventlog\n"
+    "  evctl file predict --key 0x1234 /nvram/kelta_eventlog";
 
 struct PredictOptions {
     std::string path;
-    IdentityOfFile identity;
+    BladeOfFile blade;
     bool json = false;
 };
 
@@ -69,7 +71,8 @@ void printLines(const EvlogPrediction_t& prediction) {
     const EvlogState_t& state = prediction.state;
     std::cout << evlogVerdictName(state.verdict) << ": " << evlogVerdictText(state.verdict) << "\n";
     if (evlogIsFatal(state.verdict)) {
-        std::cout << "it does not come up, at any start, until the file is replaced (offset "
+        std::cout << "bug-check \"" << evlogBugcheckText(state) << "\"\n"
+                  << "it does not come up, at any start, until the file is replaced (offset "
                   << state.stopOffset << ")\n";
         return;
     }
@@ -83,15 +86,35 @@ void printLines(const EvlogPrediction_t& prediction) {
     }
 }
 
+/** The next bug-check to come; null when none is known of. */
+Json bugcheckJson(const EvlogPrediction_t& prediction) {
+    if (evlogIsFatal(prediction.state.verdict)) {
+        return {{"message", evlogBugcheckText(prediction.state)},
+                {"at", "start"},
+                {"eventsBefore", nullptr},
+                {"dataLength", nullptr},
+                {"forGood", true}};
+    }
+    if (!prediction.bugcheck) {
+        return nullptr;
+    }
+    return {{"message", prediction.bugcheck->message},
+            {"at", "event"},
+            {"eventsBefore", prediction.bugcheck->events},
+            {"dataLength", prediction.bugcheck->dataLength},
+            {"forGood", prediction.isFatal()}};
+}
+
 int runPredict(const PredictOptions& options) {
     // Also of a file that is no log: the event manager takes any, and makes one that is not there.
     bool isThere = !isMissing(options.path);
     int status = tools::EXIT_DONE;
     EvlogImage_t image = isThere ? loadAnyLog(options.path, &status) : EvlogImage_t{};
-    std::optional<EvlogIdentity_t> identity = identityOf(options.identity);
+    std::optional<EvlogIdentity_t> identity = identityOf(options.blade);
     EvlogPrediction_t prediction = evlogPredict(image, identity ? &*identity : nullptr);
     if (options.json) {
-        std::cout << jsonLine(predictionJson(tools::escapedText(options.path), prediction));
+        std::cout << jsonLine(predictionJson(tools::escapedText(options.path), prediction,
+                                             identity ? &*identity : nullptr));
     } else {
         std::cout << (isThere ? "" : "there is no such file yet\n");
         printLines(prediction);
@@ -104,22 +127,25 @@ int runPredict(const PredictOptions& options) {
 
 } // namespace
 
-Json predictionJson(const std::string& name, const EvlogPrediction_t& prediction) {
+Json predictionJson(const std::string& name, const EvlogPrediction_t& prediction,
+                    const EvlogIdentity_t* identity) {
     const EvlogState_t& state = prediction.state;
-    Json bugcheck = nullptr;
-    if (prediction.bugcheck) {
-        bugcheck = {{"message", prediction.bugcheck->message},
-                    {"eventsBefore", prediction.bugcheck->events},
-                    {"dataLength", prediction.bugcheck->dataLength}};
+    bool comesUp = !evlogIsFatal(state.verdict);
+    auto ifItComesUp = [comesUp](U32_t number) { return comesUp ? Json(number) : Json(nullptr); };
+    Json judgedFor = nullptr;
+    if (identity != nullptr) {
+        judgedFor = {{"enclosureId", escapedText(identity->enclosureId)},
+                     {"slotId", identity->slotId}};
     }
     return {{"file", name},
+            {"judgedFor", judgedFor},
             {"verdict", evlogVerdictName(state.verdict)},
             {"meaning", evlogVerdictText(state.verdict)},
             {"fatal", prediction.isFatal()},
-            {"taken", prediction.taken},
-            {"lost", prediction.lost},
-            {"nextSequenceId", state.empSequenceId},
-            {"bugcheck", bugcheck}};
+            {"taken", ifItComesUp(prediction.taken)},
+            {"lost", ifItComesUp(prediction.lost)},
+            {"nextSequenceId", ifItComesUp(state.empSequenceId)},
+            {"bugcheck", bugcheckJson(prediction)}};
 }
 
 void addFilePredictCommand(CLI::App& parent, Chosen& chosen) {
@@ -128,7 +154,7 @@ void addFilePredictCommand(CLI::App& parent, Chosen& chosen) {
         parent, "predict", "Say what the event manager's next start will do with a log file.",
         FILE_PREDICT_EXAMPLES);
     addFileArgument(command, options->path);
-    addIdentityOfFile(command, options->identity);
+    addBladeOfFile(command, options->blade);
     command.add_flag("--json", options->json, "As a JSON object");
     onChosen(command, chosen, options, runPredict);
 }

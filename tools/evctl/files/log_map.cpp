@@ -17,10 +17,12 @@ CellKind kindOf(const EmpEvRecord_t& header) {
     switch (header.evType) {
     case EMP_E_TYPE_INFORMATION:
         return CellKind::INFORMATION;
+    case EMP_E_TYPE_WARNING:
+        return CellKind::WARNING;
     case EMP_E_TYPE_ERROR:
         return CellKind::ERROR;
     default:
-        return CellKind::WARNING;
+        return CellKind::OTHER;
     }
 }
 
@@ -44,12 +46,45 @@ void markUnused(LogMap& map, U32_t from) {
     }
 }
 
-void addRecord(LogMap& map, const EvlogRecord_t& record) {
+/** A dummy entry stands for all up to the end of the ring when its length says so. */
+void addDummy(LogMap& map, const EvlogRecord_t& record) {
+    markUnused(map, record.offset);
+    U32_t length = record.header->evStructLength;
+    mark(map, record.offset,
+         length == UINT16_MAX ? EMP_LOG_FILE_SIZE : U64_t{EMP_RECORD_SIZE} + length,
+         {CellKind::DUMMY});
+    map.dummy = record.offset;
+}
+
+/** In steps. A clock may have been wrong: what is younger than the newest is as young. */
+U8_t ageOf(const EmpEvRecord_t& header, U32_t newest) {
+    constexpr U32_t hour = 3600;
+    constexpr std::array<U32_t, MAP_AGES - 1> limits = {hour, 6 * hour, 24 * hour, 7 * 24 * hour,
+                                                        30 * 24 * hour};
+    U32_t age = newest - std::min<U32_t>(newest, header.evTime);
+    return static_cast<U8_t>(std::ranges::upper_bound(limits, age) - limits.begin());
+}
+
+/** The time of the last event before the write position, else of the ring's last one. */
+U32_t newestTime(const std::vector<EvlogRecord_t>& records) {
+    const EmpEvRecord_t* newest = nullptr;
+    EVLOG_ROLE_e role = EVLOG_E_ROLE_OLDEST;
+    for (const EvlogRecord_t& record : records) {
+        if (record.role != EVLOG_E_ROLE_DUMMY && record.role <= role) {
+            newest = record.header;
+            role = record.role;
+        }
+    }
+    return newest == nullptr ? 0 : U32_t{newest->evTime};
+}
+
+void addRecord(LogMap& map, const EvlogRecord_t& record, U32_t newest) {
     if (record.offset >= EMP_LOG_FILE_SIZE) {
         return;
     }
     mark(map, record.offset, EMP_RECORD_SIZE + record.body.size(),
-         {kindOf(*record.header), record.role == EVLOG_E_ROLE_OLDEST});
+         {kindOf(*record.header), record.role == EVLOG_E_ROLE_OLDEST,
+          ageOf(*record.header, newest)});
     MapRow& row = map.rows[record.offset / ROW_BYTES];
     MapRange& range = record.role == EVLOG_E_ROLE_OLDEST ? row.old : row.recent;
     range.first = range.first == nullptr ? record.header : range.first;
@@ -74,10 +109,14 @@ std::string eventsText(const MapRow& row) {
 }
 
 char letterOf(const MapCell& cell) {
-    constexpr std::array<char, 6> letters = {'.', '~', 'I', 'W', 'E', '!'};
+    constexpr std::array<char, 8> letters = {'.', '=', '~', 'I', 'U', 'W', 'E', '!'};
     char letter = letters.at(static_cast<size_t>(cell.kind));
-    return cell.old && letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a')
-                                                      : letter;
+    return cell.old && cell.isEvent() ? static_cast<char>(letter - 'A' + 'a') : letter;
+}
+
+/** Its age in the place of a letter. */
+char digitOf(const MapCell& cell) {
+    return cell.isEvent() ? static_cast<char>('0' + cell.age) : letterOf(cell);
 }
 
 /** Damage stays seen. */
@@ -92,6 +131,9 @@ std::string positionsText(const LogMap& map) {
     if (map.start < EMP_LOG_FILE_SIZE) {
         text += "   < oldest event: offset " + std::to_string(map.start);
     }
+    if (map.dummy) {
+        text += "   = dummy entry: offset " + std::to_string(*map.dummy);
+    }
     return text;
 }
 
@@ -105,20 +147,33 @@ std::string findingText(const EvlogFinding_t& finding) {
            " bytes: " + evlogReasonText(finding.reason);
 }
 
-constexpr char MAP_LEGEND[] =
-    "I W E  information, warning, error; i w e  of before the log last went round\n"
-    "~ gap   . unused   ! damaged   a character is 1000 bytes and shows the worst in it\n";
+constexpr char TYPE_LEGEND[] =
+    "I W E  information, warning, error, U another type; i w e u  of before the log last went "
+    "round\n";
+constexpr char AGE_LEGEND[] = "0 less than an hour before the newest event, 1 than 6 hours, 2 than "
+                              "a day, 3 than a week, 4 than 30 days, 5 more\n";
+constexpr char MAP_LEGEND[] = "~ gap   = dummy entry and what it stands for   . unused without one "
+                              "  ! damaged\n"
+                              "a character is 1000 bytes and shows the worst in it\n";
 
 Filling fillingOf(CellKind kind) {
-    constexpr std::array<Filling, 6> fillings = {Filling::NOTHING, Filling::DOTS, Filling::LIGHT,
-                                                 Filling::STRIPES, Filling::DARK, Filling::CROSSES};
+    constexpr std::array<Filling, 8> fillings = {
+        Filling::NOTHING, Filling::LINES,   Filling::DOTS, Filling::LIGHT,
+        Filling::BARS,    Filling::STRIPES, Filling::DARK, Filling::CROSSES};
     return fillings.at(static_cast<size_t>(kind));
 }
 
 const char* kindText(CellKind kind) {
-    constexpr std::array<const char*, 6> texts = {"unused",  "gap",   "information",
-                                                  "warning", "error", "damaged"};
+    constexpr std::array<const char*, 8> texts = {
+        "unused", "dummy entry", "gap", "information", "other type", "warning", "error", "damaged"};
     return texts.at(static_cast<size_t>(kind));
+}
+
+const char* ageText(U8_t age) {
+    constexpr std::array<const char*, MAP_AGES> texts = {"less than an hour", "1 to 6 hours",
+                                                         "6 to 24 hours",     "1 to 7 days",
+                                                         "7 to 30 days",      "more than 30 days"};
+    return texts.at(age);
 }
 
 Json rangeJson(const MapRange& range) {
@@ -131,12 +186,12 @@ Json rangeJson(const MapRange& range) {
             {"lastTime", isoTime(range.last->evTime)}};
 }
 
-std::string lettersOf(const MapRow& row) {
-    std::string letters;
+std::string signsOf(const MapRow& row, char (*signOf)(const MapCell& cell)) {
+    std::string signs;
     for (const MapCell& cell : row.cells) {
-        letters += letterOf(cell);
+        signs += signOf(cell);
     }
-    return letters;
+    return signs;
 }
 
 // --- The picture
@@ -150,19 +205,29 @@ constexpr double MAP_MARK = 6;
 constexpr U32_t MAP_WIDTH = 1100;
 
 bool sameCells(const MapCell& one, const MapCell& other) {
-    return one.kind == other.kind && one.old == other.old;
+    return one.kind == other.kind && one.age == other.age;
 }
 
-/** Neighbours that are alike are one box; one of older events is lower. */
+/** Lower by a seventh a step. */
+double heightOf(const MapCell& cell) {
+    return MAP_BOX - 2.0 * cell.age;
+}
+
+std::string hintOf(const MapCell& cell) {
+    std::string hint = kindText(cell.kind);
+    return cell.isEvent() && cell.age > 0 ? hint + ", " + ageText(cell.age) + " before the newest"
+                                          : hint;
+}
+
+/** Neighbours that are alike are one box; the older its events, the lower. */
 void drawRow(Svg& svg, const MapRow& row, double y) {
     for (auto begin = row.cells.begin(); begin != row.cells.end();) {
         auto end = std::find_if(begin, row.cells.end(),
                                 [begin](const MapCell& cell) { return !sameCells(cell, *begin); });
         double x = MAP_LEFT + MAP_CELL * static_cast<double>(begin - row.cells.begin());
-        double height = begin->old ? MAP_BOX / 2 : MAP_BOX;
+        double height = heightOf(*begin);
         svg.box(x, y + MAP_BOX - height, MAP_CELL * static_cast<double>(end - begin), height,
-                fillingOf(begin->kind),
-                std::string(kindText(begin->kind)) + (begin->old ? ", older" : ""));
+                fillingOf(begin->kind), hintOf(*begin));
         begin = end;
     }
 }
@@ -178,16 +243,22 @@ void drawPosition(Svg& svg, U32_t offset, bool above, const std::string& hint) {
 }
 
 void drawLegend(Svg& svg, double y) {
-    constexpr std::array<CellKind, 6> kinds = {CellKind::INFORMATION, CellKind::WARNING,
-                                               CellKind::ERROR,       CellKind::GAP,
-                                               CellKind::UNUSED,      CellKind::DAMAGED};
+    constexpr std::array<CellKind, 8> kinds = {
+        CellKind::INFORMATION, CellKind::WARNING, CellKind::ERROR,  CellKind::OTHER,
+        CellKind::GAP,         CellKind::DUMMY,   CellKind::UNUSED, CellKind::DAMAGED};
     double x = MAP_LEFT;
     for (CellKind kind : kinds) {
         svg.box(x, y, 14, 12, fillingOf(kind), "");
         svg.text(x + 18, y + 10, kindText(kind));
-        x += 120;
+        x += 105;
     }
-    svg.text(MAP_LEFT, y + 28, "low boxes: of before the log last went round its end");
+    double age = MAP_LEFT;
+    for (MapCell step{.kind = CellKind::INFORMATION}; step.age < MAP_AGES; step.age++) {
+        svg.box(age, y + 18 + MAP_BOX - heightOf(step), 10, heightOf(step), Filling::LIGHT, "");
+        age += 10;
+    }
+    svg.text(age + 6, y + 28,
+             "less than an hour, 6 hours, a day, a week, 30 days before the newest event, or more");
     svg.mark(x + 5, y + 10, MAP_MARK, "");
     svg.text(x + 14, y + 10, "above a row: written next");
     svg.mark(x + 5, y + 21, -MAP_MARK, "");
@@ -203,32 +274,30 @@ LogMap mapOf(const LogContent& content) {
     U32_t used = 0;
     for (const EvlogRecord_t& record : content.records) {
         if (record.role == EVLOG_E_ROLE_DUMMY) {
-            markUnused(map, record.offset);
+            addDummy(map, record);
         } else {
             used = record.offset; // the record itself is drawn over it
         }
     }
-    bool dummy = std::ranges::any_of(content.records, [](const EvlogRecord_t& record) {
-        return record.role == EVLOG_E_ROLE_DUMMY;
-    });
-    if (!dummy) {
+    if (!map.dummy) {
         markUnused(map, used);
     }
+    U32_t newest = newestTime(content.records);
     for (const EvlogRecord_t& record : content.records) {
         if (record.role != EVLOG_E_ROLE_DUMMY) {
-            addRecord(map, record);
+            addRecord(map, record, newest);
         }
     }
     for (const EvlogFinding_t& finding : content.findings) {
-        mark(map, finding.offset, finding.bytes, {CellKind::DAMAGED, false});
+        mark(map, finding.offset, finding.bytes, {CellKind::DAMAGED});
     }
     return map;
 }
 
-std::string mapLines(const LogMap& map, const LogContent& content) {
+std::string mapLines(const LogMap& map, const LogContent& content, bool ages) {
     std::string lines = verdictLine(content) + "\n";
     for (U32_t number = 0; number < MAP_ROWS; number++) {
-        std::string cells = lettersOf(map.rows[number]);
+        std::string cells = signsOf(map.rows[number], ages ? digitOf : letterOf);
         U32_t offset = number * ROW_BYTES;
         if (map.start / ROW_BYTES == number) {
             putPosition(cells, map.start, '<');
@@ -241,6 +310,7 @@ std::string mapLines(const LogMap& map, const LogContent& content) {
         std::string events = eventsText(map.rows[number]);
         lines += label.data() + cells + (events.empty() ? "" : " " + events) + "\n";
     }
+    lines += (ages ? AGE_LEGEND : TYPE_LEGEND);
     lines += MAP_LEGEND + positionsText(map) + "\n";
     for (const EvlogFinding_t& finding : content.findings) {
         lines += findingText(finding) + "\n";
@@ -253,7 +323,8 @@ Json mapJson(const LogMap& map, const LogContent& content) {
     for (U32_t number = 0; number < MAP_ROWS; number++) {
         const MapRow& row = map.rows[number];
         rows.push_back({{"offset", number * ROW_BYTES},
-                        {"cells", lettersOf(row)},
+                        {"cells", signsOf(row, letterOf)},
+                        {"ages", signsOf(row, digitOf)},
                         {"newest", rangeJson(row.recent)},
                         {"oldest", rangeJson(row.old)}});
     }
@@ -261,6 +332,7 @@ Json mapJson(const LogMap& map, const LogContent& content) {
     return {{"verdict", evlogVerdictName(content.state.verdict)},
             {"writtenNext", map.write},
             {"oldestEvent", isProtected ? Json(map.start) : Json(nullptr)},
+            {"dummyEntry", map.dummy ? Json(*map.dummy) : Json(nullptr)},
             {"bytesPerCell", MAP_CELL_BYTES},
             {"rows", rows},
             {"findings", content.findings.size()}};

@@ -16,10 +16,12 @@ namespace evctl {
 
 /** What a cell shows: of all that lies in it, what comes last here. */
 enum class CellKind : U8_t {
-    UNUSED,      ///< the dummy entry, or what lies behind it
+    UNUSED,      ///< behind the last event, and no dummy entry says so
+    DUMMY,       ///< a dummy entry and what it stands for
     GAP,         ///< between the newest and the oldest events
     INFORMATION, ///< events, none of them a warning or an error
-    WARNING,     ///< with a warning, or a type that has no name
+    OTHER,       ///< with a type that has no name
+    WARNING,     ///< with a warning
     ERROR,       ///< with an error
     DAMAGED,     ///< with something that 'verify' names
 };
@@ -27,7 +29,13 @@ enum class CellKind : U8_t {
 struct MapCell {
     CellKind kind = CellKind::GAP;
     bool old = false; ///< its events are of before the log last went round its end
+    U8_t age = 0;     ///< of the event shown, in steps from 0, the age of the newest one
+    bool isEvent() const { return kind >= CellKind::INFORMATION && kind <= CellKind::ERROR; }
 };
+
+/** Ages are told in so many steps: less than an hour, 6 hours, a day, a week, 30 days before the
+ * newest event, or more. */
+constexpr U8_t MAP_AGES = 6;
 
 /** Events behind each other; nullptr: none. */
 struct MapRange {
@@ -49,16 +57,19 @@ static_assert(MAP_COLUMNS * MAP_ROWS * MAP_CELL_BYTES == EMP_LOG_FILE_SIZE);
 
 struct LogMap {
     std::vector<MapRow> rows;
-    U32_t write = 0; ///< empWrite of the next start
-    U32_t start = 0; ///< empStart; the end of the ring: nothing is to be protected
+    U32_t write = 0;              ///< empWrite of the next start
+    U32_t start = 0;              ///< empStart; the end of the ring: nothing is to be protected
+    std::optional<U32_t> dummy{}; ///< offset of the last dummy entry
 };
 
 /** @param content of the file; the map leads into its image */
 LogMap mapOf(const LogContent& content);
 
-std::string mapLines(const LogMap& map, const LogContent& content);
+/** @param ages of events, instead of their types */
+std::string mapLines(const LogMap& map, const LogContent& content, bool ages = false);
 
-/** The same for programs: the cells as the letters of mapLines(), without the positions in them. */
+/** The same for programs: the cells as the letters and as the ages of mapLines(), without the
+ * positions in them. */
 Json mapJson(const LogMap& map, const LogContent& content);
 
 /** @param name of the file */

@@ -10,8 +10,10 @@
 
 namespace evctl {
 
-/** @param name of the file, fit to be shown */
-Json predictionJson(const std::string& name, const EvlogPrediction_t& prediction);
+/** @param name of the file, fit to be shown
+ * @param identity of the blade that it was judged for; nullptr: of any */
+Json predictionJson(const std::string& name, const EvlogPrediction_t& prediction,
+                    const EvlogIdentity_t* identity);
 
 } // namespace evctl
 

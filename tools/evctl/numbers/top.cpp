@@ -173,7 +173,7 @@ void addTopCommand(CLI::App& parent, Chosen& chosen) {
     command
         .add_option("--db", options->archive,
                     "The archive that the blade forwards to: shows how far it is behind")
-        ->type_name("FILE");
+        ->type_name("PLACE");
     command.add_option("--interval", options->interval, "Time between pictures (default 2)")
         ->type_name("SECONDS")
         ->check(tools::decimalNumber(0.1, 86'400));

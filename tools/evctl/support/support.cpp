@@ -5,6 +5,7 @@
 
 #if EVCTL_WRITES_BUNDLES
 #include "common/new_file.h"
+#include "evctl/files/file_identity.h"
 #include "evctl/support/running_emp.h"
 #include "evctl/support/support_files.h"
 #include "evctl/views/event_view.h"
@@ -13,8 +14,6 @@
 #include "evctl/wire/request.h"
 #include "version.h"
 
-#include <algorithm>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -95,9 +94,7 @@ void addBlade(SupportFiles& files, KeyOptions block) {
     const MPU_PARAMS_t& params = attachParams(block);
     files.addObject("parameters.json", paramsJson(params));
     addStatus(files, block);
-    EvlogIdentity_t identity = {.enclosureId = {}, .slotId = params.slotId};
-    memcpy(identity.enclosureId, params.chassisSN,
-           std::min(sizeof(identity.enclosureId), sizeof(params.chassisSN)));
+    EvlogIdentity_t identity = identityIn(params);
     files.addLogs(tools::fieldText(params.nvramDirectory, sizeof(params.nvramDirectory)),
                   &identity);
     std::optional<RunningEmp> emp = findRunningEmp(*block.key);

@@ -81,8 +81,12 @@ void SupportFiles::addObject(const std::string& name, Json json) {
 
 /** What the log is judged to be: nothing is quoted of it. */
 void SupportFiles::addReports(const EvlogImage_t& original) {
-    addText("predict.json",
-            jsonLine(predictionJson(&EMP_LOG_FILE_NAME[1], evlogPredict(original, identity_))));
+    Json prediction =
+        predictionJson(&EMP_LOG_FILE_NAME[1], evlogPredict(original, identity_), identity_);
+    if (redact_) {
+        prediction["judgedFor"] = Redaction::object(std::move(prediction["judgedFor"]));
+    }
+    addText("predict.json", jsonLine(prediction));
     addText("verify.json", jsonLine(findingsJson(readLog(original))));
 }
 

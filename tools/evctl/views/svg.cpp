@@ -23,21 +23,25 @@ text, .mark { fill: #e8e8e8 }
 .between { fill: #3a3218 }
 .dots { fill: #d0d0d0 }
 .crosses { stroke: #ff6060 }
+.lines { stroke: #a0a0a0 }
+.bars { fill: #70b890 }
 }
 </style>
 <defs>
 <pattern id="stripes" width="6" height="6" patternUnits="userSpaceOnUse" patternTransform="rotate(45)"><rect class="between" width="6" height="6" fill="#fdf0c8"/><rect class="stripes" width="3" height="6" fill="#a87800"/></pattern>
 <pattern id="dots" width="5" height="5" patternUnits="userSpaceOnUse"><circle class="dots" cx="2" cy="2" r="0.9" fill="#777"/></pattern>
 <pattern id="crosses" width="6" height="6" patternUnits="userSpaceOnUse"><path class="crosses" d="M0 0L6 6M6 0L0 6" stroke="#c00000" stroke-width="1.2"/></pattern>
+<pattern id="lines" width="4" height="4" patternUnits="userSpaceOnUse"><path class="lines" d="M0 2H4" stroke="#999" stroke-width="0.8"/></pattern>
+<pattern id="bars" width="5" height="5" patternUnits="userSpaceOnUse"><rect class="bars" width="2" height="5" fill="#3d7a58"/></pattern>
 </defs>
 )svg";
 
 /** Class and paint of a filling. */
 const char* paintOf(Filling filling) {
-    constexpr std::array<const char*, 6> paints = {
-        "edge light\" fill=\"#a9c8e6", "edge\" fill=\"url(#stripes)",
-        "edge dark\" fill=\"#5b1a1a",  "edge\" fill=\"url(#dots)",
-        "edge\" fill=\"none",          "edge\" fill=\"url(#crosses)"};
+    constexpr std::array<const char*, 8> paints = {
+        "edge light\" fill=\"#a9c8e6", "edge\" fill=\"url(#stripes)", "edge dark\" fill=\"#5b1a1a",
+        "edge\" fill=\"url(#dots)",    "edge\" fill=\"none",          "edge\" fill=\"url(#crosses)",
+        "edge\" fill=\"url(#lines)",   "edge\" fill=\"url(#bars)"};
     return paints.at(static_cast<size_t>(filling));
 }
 

@@ -20,6 +20,8 @@ enum class Filling : U8_t {
     DOTS,    ///< dots
     NOTHING, ///< only the outline
     CROSSES, ///< crosses, for what is damaged
+    LINES,   ///< thin level lines
+    BARS,    ///< upright bars
 };
 
 /** A picture that grows; lengths are in pixels. */

@@ -67,6 +67,10 @@ void addSwitchOptions(CLI::App& command, SwitchOptions& options) {
     where->require_option(0, 1);
 }
 
+bool isKeyNamed() {
+    return named("EVCTL_KEY") != nullptr;
+}
+
 int keyOf(const KeyOptions& options) {
     if (options.key) {
         return *options.key;

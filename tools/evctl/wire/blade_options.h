@@ -52,6 +52,9 @@ CLI::Option* addKeyOption(CLI::App& command, KeyOptions& options);
 /** A key as --key takes it; throws CLI::ValidationError of @p where. */
 int parseKey(const std::string& where, const std::string& text);
 
+/** Whether EVCTL_KEY names one. */
+bool isKeyNamed();
+
 /** The key that is meant; throws when none is named and not just one blade runs here. */
 int keyOf(const KeyOptions& options);
 

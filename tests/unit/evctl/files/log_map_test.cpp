@@ -15,11 +15,12 @@ using testing::HasSubstr;
 
 namespace {
 
-std::string mapOfBytes(const std::string& bytes, bool svg = false) {
+std::string mapOfBytes(const std::string& bytes, bool svg = false, bool ages = false) {
     EvlogImage_t image = test::imageOf(bytes);
     evctl::LogContent content = evctl::readLog(image);
     evctl::LogMap map = evctl::mapOf(content);
-    return svg ? evctl::mapPicture(map, content, "a<b>&\"\x1b") : evctl::mapLines(map, content);
+    return svg ? evctl::mapPicture(map, content, "a<b>&\"\x1b")
+               : evctl::mapLines(map, content, ages);
 }
 
 /** The cells of a row of the text. */
@@ -32,8 +33,9 @@ std::string rowOf(const std::string& lines, size_t number) {
     return line.substr(8, 64);
 }
 
-std::string event(uint32_t id, uint8_t type, size_t body) {
-    return test::record({.id = id, .type = type}, std::string(body, 'e'));
+std::string event(uint32_t id, uint8_t type, size_t body, uint32_t age = 0) {
+    return test::record({.id = id, .time = 1'164'117'600 - age, .type = type},
+                        std::string(body, 'e'));
 }
 
 } // namespace
@@ -48,11 +50,55 @@ TEST(LogMap, CellsShowTypeAgeGapUnusedAndPositions) {
     log.dummy();
     log.zerosTo();
     std::string lines = mapOfBytes(log.bytes);
-    EXPECT_EQ(rowOf(lines, 0), "IIWW>~~~<ee" + std::string(53, '.'));
-    EXPECT_EQ(rowOf(lines, 24), std::string(64, '.'));
+    EXPECT_EQ(rowOf(lines, 0), "IIWW>~~~<ee" + std::string(53, '='));
+    EXPECT_EQ(rowOf(lines, 24), std::string(64, '='));
     EXPECT_THAT(lines, HasSubstr("wrapped: a log that has gone round its end\n      0 "));
     EXPECT_THAT(lines, HasSubstr(" ids 1000 to 1001, then 500 to 500\n"));
-    EXPECT_THAT(lines, HasSubstr("\n> written next: offset 4000   < oldest event: offset 8077\n"));
+    EXPECT_THAT(lines, HasSubstr("\n> written next: offset 4000   < oldest event: offset 8077   "
+                                 "= dummy entry: offset 10077\n"));
+}
+
+TEST(LogMap, TypeWithoutANameIsNoWarning) {
+    test::LogImage log;
+    log.raw(event(1000, 4, 1840));
+    log.raw(event(1001, 0, 840));
+    log.raw(std::string(2000, 'g'));
+    log.raw(event(500, 200, 1840));
+    log.dummy();
+    log.zerosTo();
+    EXPECT_EQ(rowOf(mapOfBytes(log.bytes), 0).substr(0, 8), "UUU>~<u=");
+    EXPECT_THAT(mapOfBytes(log.bytes, true), HasSubstr("<title>other type</title>"));
+}
+
+TEST(LogMap, AgesAreDigitsAndHeights) {
+    constexpr uint32_t hour = 3600;
+    test::LogImage log;
+    uint32_t id = 1000;
+    for (uint32_t age : {365 * 24 * hour, 30 * 24 * hour, 30 * 24 * hour - 1, 7 * 24 * hour,
+                         24 * hour, 6 * hour, hour, hour - 1}) {
+        log.raw(event(id++, 1, 840, age));
+    }
+    log.raw(test::record({.id = id++, .time = 4'000'000'000}, std::string(840, 'e'))); // its clock
+    log.raw(event(id, 1, 840));
+    log.dummy();
+    log.zerosTo();
+    std::string lines = mapOfBytes(log.bytes, false, true);
+    EXPECT_EQ(rowOf(lines, 0), "5544321000>" + std::string(53, '='));
+    EXPECT_THAT(lines, HasSubstr("\n0 less than an hour before the newest event, 1 than 6 hours"));
+    std::string picture = mapOfBytes(log.bytes, true);
+    EXPECT_THAT(picture, HasSubstr("width=\"20\" height=\"4\" class=\"edge light\""));
+    EXPECT_THAT(picture,
+                HasSubstr("<title>information, more than 30 days before the newest</title>"));
+    EXPECT_THAT(picture, HasSubstr("<title>information, 6 to 24 hours before the newest</title>"));
+}
+
+TEST(LogMap, DummyEntryInTheMiddleStandsForItsLengthOnly) {
+    test::LogImage log;
+    log.raw(event(1000, 1, 1840));
+    log.dummy(2840);
+    log.zerosTo();
+    EXPECT_EQ(rowOf(mapOfBytes(log.bytes), 0).substr(0, 7), "II>==..");
+    EXPECT_THAT(mapOfBytes(log.bytes, true), HasSubstr("<title>dummy entry</title>"));
 }
 
 TEST(LogMap, JsonHasTheSameCellsAndPositionsForPrograms) {
@@ -74,7 +120,9 @@ TEST(LogMap, JsonHasTheSameCellsAndPositionsForPrograms) {
     EXPECT_EQ(json["bytesPerCell"], 1000);
     EXPECT_EQ(json["findings"], 0);
     EXPECT_EQ(json["rows"].size(), 25U);
-    EXPECT_EQ(json["rows"][0]["cells"], "IIWW~~~~eee" + std::string(53, '.'));
+    EXPECT_EQ(json["dummyEntry"], 10'077);
+    EXPECT_EQ(json["rows"][0]["cells"], "IIWW~~~~eee" + std::string(53, '='));
+    EXPECT_EQ(json["rows"][0]["ages"], "0000~~~~000" + std::string(53, '='));
     EXPECT_EQ(json["rows"][0]["newest"]["lastSequenceId"], 1001);
     EXPECT_EQ(json["rows"][0]["oldest"]["firstSequenceId"], 500);
     EXPECT_EQ(json["rows"][24]["offset"], 1'536'000);
@@ -105,7 +153,7 @@ TEST(LogMap, CellOfAGapAndUnusedSpaceIsAGap) {
     log.raw(std::string(1500, 'g'));
     log.dummy();
     log.zerosTo();
-    EXPECT_EQ(rowOf(mapOfBytes(log.bytes), 0).substr(0, 5), "WW>~.");
+    EXPECT_EQ(rowOf(mapOfBytes(log.bytes), 0).substr(0, 5), "WW>~=");
 }
 
 TEST(LogMap, DamageIsSeen) {
@@ -115,8 +163,8 @@ TEST(LogMap, DamageIsSeen) {
     log.zerosTo();
     log.damage(1100); // where the next event would be written, too
     std::string lines = mapOfBytes(log.bytes);
-    EXPECT_EQ(rowOf(lines, 0).substr(0, 4), "W!..");
-    EXPECT_THAT(lines, HasSubstr("> written next: offset 1000\n"
+    EXPECT_EQ(rowOf(lines, 0).substr(0, 4), "W!==");
+    EXPECT_THAT(lines, HasSubstr("> written next: offset 1000   = dummy entry: offset 2000\n"
                                  "offset 1000, 200 bytes: checksum does not match\n"));
 }
 
@@ -128,7 +176,7 @@ TEST(LogMap, EveryLineFitsBesideItsRow) {
     for (std::string line; std::getline(lines, line); rows++) {
         EXPECT_LE(line.size(), 132U) << line;
     }
-    EXPECT_EQ(rows, 1U + 25 + 3);
+    EXPECT_EQ(rows, 1U + 25 + 4);
 }
 
 TEST(LogMap, PictureIsXmlWithPatterns) {
@@ -147,7 +195,7 @@ TEST(LogMap, PictureIsXmlWithPatterns) {
     EXPECT_THAT(picture, HasSubstr("@media (prefers-color-scheme: dark)"));
 }
 
-TEST(LogMap, PictureShowsAgeByHeightAndPositionsByMarks) {
+TEST(LogMap, PictureShowsPositionsByMarks) {
     test::LogImage log;
     log.raw(event(1000, 1, 1840));
     log.raw(std::string(4000, 'g'));
@@ -156,7 +204,7 @@ TEST(LogMap, PictureShowsAgeByHeightAndPositionsByMarks) {
     log.zerosTo();
     std::string picture = mapOfBytes(log.bytes, true);
     EXPECT_THAT(picture, HasSubstr("width=\"20\" height=\"14\" class=\"edge light\""));
-    EXPECT_THAT(picture, HasSubstr("width=\"20\" height=\"7\" class=\"edge dark\""));
+    EXPECT_THAT(picture, HasSubstr("width=\"20\" height=\"14\" class=\"edge dark\""));
     EXPECT_THAT(picture, HasSubstr("d=\"M90 50l-4.2 -6h8.4z\"><title>written next</title>"));
     EXPECT_THAT(picture, HasSubstr("d=\"M130 64l-4.2 6h8.4z\"><title>oldest event</title>"));
 }
