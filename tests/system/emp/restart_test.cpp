@@ -1,6 +1,7 @@
 #include "blade.h"
 
 #include <csignal>
+#include <filesystem>
 #include <gtest/gtest.h>
 
 using namespace support;
@@ -130,6 +131,59 @@ TEST(Restart, AnotherSlotBeginsTheNextInstance) {
     EXPECT_EQ(number32(copy, 192), 4U) << "slot";
     EXPECT_EQ(number32(copy, 196), 1U) << "instance";
     EXPECT_EQ(number32(copy, 200), 1U) << "behind the new first entry";
+}
+
+/** Events 1 to 5, and foreign bytes between the second and the third: no start comes up with it. */
+void leaveFatalLog(Blade& blade) {
+    {
+        RunningEmp emp(blade);
+        emp.startQuietly();
+        for (U32_t id = 1; id <= 5; id++) {
+            EXPECT_EQ(emp.log(18, dataOf(id)), id);
+        }
+        emp.kill();
+    }
+    std::string log = blade.log();
+    log.insert(200 + 2 * 4008, 77, 'x');
+    log.resize(1'600'000);
+    writeFile(blade.logPath(), log);
+    RunningEmp emp(blade);
+    emp.expectBugCheck("empProcessEventLogFile", "Continuous SequenceId with Gap? Bug somewhere!");
+    EXPECT_EQ(blade.alternateFiles(), 24U);
+}
+
+void expectMended(const Blade& blade, const std::vector<std::string>& arguments) {
+    Process evctl(commandOf("evctl", arguments), blade.file("evctl"));
+    EXPECT_EQ(evctl.wait(), exitedWith(1)) << evctl.errorOutput(); // it has found something to do
+}
+
+/** The start takes the log as it is, and the bug-check's events behind it. */
+void expectStartWithAllEvents(Blade& blade) {
+    RunningEmp emp(blade);
+    EXPECT_TRUE(emp.start().empty());
+    for (U32_t id = 6; id < 6 + 24; id++) {
+        EXPECT_EQ(number32(emp.msm.receive(), 200), id);
+    }
+    for (U32_t id = 1; id <= 5; id++) {
+        expectEvent(ask(emp, EXACT, id), id);
+    }
+    EXPECT_EQ(emp.log(18, {}), 30U);
+}
+
+TEST(Restart, GuardPutsALogInThePlaceOfTheFatalOneThatTheNextStartTakesWhole) {
+    Blade blade;
+    leaveFatalLog(blade);
+    expectMended(blade, {"file", "guard", blade.logPath()});
+    expectStartWithAllEvents(blade);
+}
+
+TEST(Restart, SalvagedLogIsTakenWhole) {
+    Blade blade;
+    leaveFatalLog(blade);
+    const std::string mended = blade.file("mended");
+    expectMended(blade, {"file", "salvage", blade.logPath(), "--output", mended});
+    std::filesystem::rename(mended, blade.logPath());
+    expectStartWithAllEvents(blade);
 }
 
 } // namespace
