@@ -5,10 +5,8 @@
 #include <algorithm>
 #include <archive.h>
 #include <archive_entry.h>
-#include <array>
 #include <map>
 #include <memory>
-#include <openssl/sha.h>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -17,7 +15,7 @@ namespace bundle {
 namespace {
 
 constexpr mode_t MODE = 0644;
-constexpr size_t DIGITS = size_t{2} * SHA256_DIGEST_LENGTH; // of a checksum
+constexpr size_t DIGITS = 64; // of a checksum
 
 struct EndRead {
     void operator()(struct archive* packed) const { archive_read_free(packed); }
@@ -212,18 +210,6 @@ void compareChecksums(const std::vector<Member>& members, std::vector<std::strin
             problems->push_back(tools::escapedText(name) + ": does not agree with its checksum");
         }
     }
-}
-
-std::string sha256(std::span<const U8_t> bytes) {
-    std::array<U8_t, SHA256_DIGEST_LENGTH> digest{};
-    SHA256(bytes.data(), bytes.size(), digest.data());
-    constexpr char digits[] = "0123456789abcdef";
-    std::string text;
-    for (U8_t byte : digest) {
-        text += digits[byte >> 4];
-        text += digits[byte & 15];
-    }
-    return text;
 }
 
 } // namespace bundle

@@ -7,26 +7,9 @@
 #ifndef BUNDLE_BUNDLE_H
 #define BUNDLE_BUNDLE_H
 
-#include "fixed_width.h"
-
-#include <optional>
-#include <span>
-#include <string>
-#include <vector>
+#include "bundle/tar.h"
 
 namespace bundle {
-
-/** A regular file. */
-struct Member {
-    std::string name; ///< with "/" between its parts; from elsewhere it may be anything
-    std::vector<U8_t> bytes;
-    std::optional<S64_t> time{}; ///< of its last change, seconds since 1970; to be packed: nothing
-                                 ///< stands for that of the bundle
-};
-
-/** The member that has the checksums of the others, as sha256sum writes them: names are those of
- * members in the same directory of the bundle. */
-constexpr char CHECKSUMS[] = "SHA256SUMS";
 
 /** Of a longer member only so much is kept. */
 constexpr size_t LONGEST_MEMBER = 4U << 20U;
@@ -34,8 +17,8 @@ constexpr size_t LONGEST_MEMBER = 4U << 20U;
 constexpr size_t MOST_MEMBERS = 10'000;
 constexpr U64_t MOST_BYTES = 64U << 20U;
 
-/** Packs members, in their order. @param time seconds since 1970, of members that have none
- *  Throws std::runtime_error. */
+/** Packs members, in their order, and compresses them. @param time seconds since 1970, of members
+ * that have none Throws std::runtime_error. */
 std::vector<U8_t> pack(const std::vector<Member>& members, U32_t time);
 
 /**
@@ -47,9 +30,6 @@ std::vector<Member> unpack(std::span<const U8_t> packed, std::vector<std::string
 /** Compares members with the checksums among them, if there are any.
  * @param problems receives which do not agree, or are not there; a line each, fit to be shown */
 void compareChecksums(const std::vector<Member>& members, std::vector<std::string>* problems);
-
-/** SHA-256 as 64 hexadecimal digits. */
-std::string sha256(std::span<const U8_t> bytes);
 
 } // namespace bundle
 

@@ -6,6 +6,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <array>
+#include <map>
 #include <random>
 
 using bundle::Member;
@@ -100,6 +101,45 @@ TEST(Bundle, ComesBackAsItWas) {
     EXPECT_EQ(bundle::pack(members, 1'164'117'600), packed) << "the same each time";
     EXPECT_EQ(std::vector<U8_t>(packed.begin() + 4, packed.begin() + 8), std::vector<U8_t>(4))
         << "no time of the packing";
+}
+
+TEST(Bundle, PlainTarIsThisHeaderTheContentAndTwoEmptyBlocks) {
+    std::vector<U8_t> packed = bundle::tar({{"a/log", bytesOf("content")}}, 0);
+    EXPECT_EQ(std::string(packed.begin(), packed.end()), file("a/log", "content") + END);
+}
+
+TEST(Bundle, PlainTarComesBackAsItWas) {
+    std::vector<Member> members = {{"whole", bytesOf(std::string(1024, 'x')), 077777777777},
+                                   {"empty", {}, 5'000},
+                                   {std::string(100, 'n'), bytesOf("longest name of a header")},
+                                   {std::string(101, 'n'), bytesOf("too long for it")},
+                                   {"a/" + std::string(990, 'n'), bytesOf("a length of 4 digits")},
+                                   {"old", bytesOf("of 1969"), -1},
+                                   {"new", bytesOf("of 2242"), 0100000000000}};
+    std::vector<std::string> problems;
+    std::vector<Member> unpacked = bundle::unpack(bundle::tar(members, 1'164'117'600), &problems);
+    EXPECT_THAT(problems, testing::IsEmpty());
+    ASSERT_EQ(unpacked.size(), members.size());
+    for (size_t place = 0; place < members.size(); place++) {
+        EXPECT_EQ(unpacked[place].name, members[place].name);
+        EXPECT_EQ(unpacked[place].bytes, members[place].bytes);
+        EXPECT_EQ(unpacked[place].time, members[place].time.value_or(1'164'117'600)) << place;
+    }
+    EXPECT_TRUE(bundle::unpack(bundle::tar({}, 0), &problems).empty());
+}
+
+TEST(Bundle, ChecksumsOfLengthsAroundABlock) {
+    const std::map<size_t, std::string> sums = {
+        {55, "9f4390f8d30c2dd92ec9f095b65e2b9ae9b0a925a5258e241c9f1e910f734318"},
+        {56, "b35439a4ac6f0948b6d6f9e3c6af0f5f590ce20f1bde7090ef7970686ec6738a"},
+        {63, "7d3e74a05d7db15bce4ad9ec0658ea98e3f06eeecf16b4c6fff2da457ddc2f34"},
+        {64, "ffe054fe7ae0cb6dc65c3af9b61d5209f439851db43d0ba5997337df154668eb"},
+        {119, "31eba51c313a5c08226adf18d4a359cfdfd8d2e816b13f4af952f7ea6584dcfb"},
+        {120, "2f3d335432c70b580af0e8e1b3674a7c020d683aa5f73aaaedfdc55af904c21c"},
+        {1'000'000, "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"}};
+    for (const auto& [length, sum] : sums) {
+        EXPECT_EQ(bundle::sha256(bytesOf(std::string(length, 'a'))), sum) << length;
+    }
 }
 
 TEST(Bundle, ChecksumIsThatOfTheStandard) {

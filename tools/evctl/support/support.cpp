@@ -1,27 +1,28 @@
 /** evctl support: all that another desk needs to help, in one file. */
+#include "bundle/tar.h"
+#include "common/new_file.h"
 #include "common/text.h"
 #include "evctl/commands.h"
-#include "evctl/wire/blade_options.h"
-
-#if EVCTL_WRITES_BUNDLES
-#include "common/new_file.h"
 #include "evctl/files/file_identity.h"
 #include "evctl/support/running_emp.h"
 #include "evctl/support/support_files.h"
 #include "evctl/views/event_view.h"
 #include "evctl/views/params_view.h"
 #include "evctl/views/status_view.h"
+#include "evctl/wire/blade_options.h"
 #include "evctl/wire/request.h"
 #include "version.h"
 
-#include <ctime>
-#include <filesystem>
-#include <nlohmann/json.hpp>
-#include <sys/utsname.h>
+#if EVCTL_COMPRESSES
+#include "bundle/bundle.h"
 #endif
 
+#include <ctime>
+#include <filesystem>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <sys/utsname.h>
 
 namespace evctl {
 namespace {
@@ -29,7 +30,7 @@ namespace {
 constexpr char SUPPORT_EXAMPLES[] =
     "The exit status is 1 when something is missing in the bundle.\n"
     "Examples:\n"
-    "  evctl support -o help.tar.gz\n"
+    "  evctl support\n"
     "  evctl support --key 0x1234 --tail /var/log/messages -o help.tar.gz\n"
     "  evctl support --nvram /var/lib/blade/slot1/nvram --redact -o help.tar.gz";
 
@@ -42,7 +43,11 @@ struct SupportOptions {
     bool json = false;
 };
 
-#if EVCTL_WRITES_BUNDLES
+#if EVCTL_COMPRESSES
+constexpr char BUNDLE_SUFFIX[] = ".tar.gz";
+#else
+constexpr char BUNDLE_SUFFIX[] = ".tar";
+#endif
 
 constexpr double ANSWER_WITHIN = 5; // seconds; a silent event manager is a reason for a bundle
 
@@ -122,8 +127,34 @@ std::string outputOf(const SupportOptions& options) {
     }
     std::string stamp = isoTime(static_cast<U32_t>(time(nullptr)));
     std::erase_if(stamp, [](char letter) { return letter == '-' || letter == ':'; });
-    return "support-" + stamp + ".tar.gz";
+    return "support-" + stamp + BUNDLE_SUFFIX;
 }
+
+#if EVCTL_COMPRESSES
+
+void checkOutput(const std::string& /*output*/) {}
+
+std::vector<U8_t> packed(const std::vector<bundle::Member>& members, const std::string& output,
+                         U32_t time) {
+    return output.ends_with(".tar") ? bundle::tar(members, time) : bundle::pack(members, time);
+}
+
+#else
+
+/** Nobody shall look for what is compressed in what is not. */
+void checkOutput(const std::string& output) {
+    if (output.ends_with(".gz") || output.ends_with(".tgz")) {
+        throw std::runtime_error(output + ": this program was built without what compresses; "
+                                          "name it .tar");
+    }
+}
+
+std::vector<U8_t> packed(const std::vector<bundle::Member>& members, const std::string& /*output*/,
+                         U32_t time) {
+    return bundle::tar(members, time);
+}
+
+#endif
 
 Json bundleJson(const std::string& output, const std::vector<bundle::Member>& members,
                 const std::vector<std::string>& problems) {
@@ -140,6 +171,8 @@ Json bundleJson(const std::string& output, const std::vector<bundle::Member>& me
 }
 
 int runSupport(const SupportOptions& options) {
+    std::string output = outputOf(options);
+    checkOutput(output);
     SupportFiles files(options.redact);
     if (options.nvram.empty()) {
         addBlade(files, options.block);
@@ -150,8 +183,7 @@ int runSupport(const SupportOptions& options) {
         files.addTail(path);
     }
     std::vector<bundle::Member> members = files.finish();
-    std::string output = outputOf(options);
-    tools::writeNewFile(output, bundle::pack(members, static_cast<U32_t>(time(nullptr))));
+    tools::writeNewFile(output, packed(members, output, static_cast<U32_t>(time(nullptr))));
     if (options.json) {
         std::cout << jsonLine(bundleJson(output, members, files.problems()));
     } else {
@@ -165,14 +197,6 @@ int runSupport(const SupportOptions& options) {
     }
     return files.problems().empty() ? tools::EXIT_DONE : tools::EXIT_FINDING;
 }
-
-#else
-
-int runSupport(const SupportOptions& /*options*/) {
-    throw std::runtime_error("this program was built without bundles; copy the files by hand");
-}
-
-#endif
 
 } // namespace
 
@@ -193,7 +217,9 @@ void addSupportCommand(CLI::App& parent, Chosen& chosen) {
         ->type_name("FILE");
     command
         .add_option("-o,--output", options->output,
-                    "The bundle; it must not be there (default support-TIME.tar.gz)")
+                    "The bundle, as tar alone where its name ends in .tar; it must not be there "
+                    "(default support-TIME" +
+                        std::string(BUNDLE_SUFFIX) + ")")
         ->type_name("NEW");
     command.add_flag("--redact", options->redact, "Without names and data");
     command.add_flag("--json", options->json, "What is in it as a JSON object");

@@ -40,7 +40,7 @@ int readTail(const std::string& path, int flags, std::vector<U8_t>& bytes) {
     }
     if (error == 0) {
         auto size = static_cast<U64_t>(status.st_size);
-        U64_t length = std::min<U64_t>(size, SUPPORT_TAIL);
+        auto length = static_cast<size_t>(std::min<U64_t>(size, SUPPORT_TAIL));
         bytes.resize(length);
         ssize_t count = pread(descriptor, bytes.data(), length, static_cast<off_t>(size - length));
         error = count < 0 ? errno : 0;

@@ -5,7 +5,7 @@
 #ifndef EVCTL_SUPPORT_FILES_H
 #define EVCTL_SUPPORT_FILES_H
 
-#include "bundle/bundle.h"
+#include "bundle/tar.h"
 #include "evctl/support/redact.h"
 #include "evctl/views/event_view.h"
 
