@@ -162,6 +162,44 @@ TEST_F(SupportOfABlade, TheOnlyOneThatRunsIsMeantAndItsIdentityJudgesTheLog) {
     unsetenv("EVCTL_KEY");
 }
 
+TEST_F(SupportOfABlade, ALogIsJudgedForTheBladeOfTheKeyThatIsGiven) {
+    if (!isAlone_) {
+        GTEST_SKIP() << "no namespaces";
+    }
+    test::LogImage sound;
+    sound.firstEntry();
+    sound.events(1, 3);
+    sound.dummy();
+    sound.zerosTo();
+    const std::string log = directory_.file("nvram/kelta_eventlog");
+    support::writeFile(log, sound.bytes);
+    Said said = test::run({"file", "predict", log, "--json"});
+    EXPECT_EQ(said.status, 0) << said.errors;
+    EXPECT_THAT(said.output, HasSubstr(R"("judgedFor":null,"verdict":"unwrapped")"));
+    const std::string foreign =
+        R"("judgedFor":{"enclosureId":"CHASSIS-2","slotId":2},"verdict":"foreign")";
+    said = test::run({"file", "predict", "--key", "0x1234", log, "--json"});
+    EXPECT_EQ(said.status, 1);
+    EXPECT_THAT(said.output, HasSubstr(foreign));
+    EXPECT_THAT(test::run({"file", "info", "--key", "0x1234", log}).output, HasSubstr("foreign"));
+    EXPECT_EQ(test::run({"file", "predict", "--key", "0x4321", log}).status, 2);
+    EXPECT_THAT(
+        test::run({"file", "predict", "--key", "0x1234", "--enclosure", "X", "--slot", "1", log})
+            .errors,
+        HasSubstr("excludes"));
+    setenv("EVCTL_KEY", "0x1234", 1);
+    EXPECT_THAT(test::run({"file", "predict", log, "--json"}).output, HasSubstr(foreign));
+    said = test::run({"file", "predict", log, "--enclosure", "CHASSIS-1", "--slot", "2"});
+    EXPECT_EQ(said.status, 0) << "what is typed goes before";
+    setenv("EVCTL_KEY", "0x4321", 1);
+    said = test::run({"file", "predict", log});
+    EXPECT_EQ(said.status, 0);
+    EXPECT_THAT(said.errors, HasSubstr("judged for no blade, of EVCTL_KEY there is none: no "));
+    setenv("EVCTL_KEY", "nonsense", 1);
+    EXPECT_EQ(test::run({"file", "predict", log}).status, 2);
+    unsetenv("EVCTL_KEY");
+}
+
 TEST(RunningEmp, ItsVersionAndTheOutputsOfItsBladeAreFound) {
     support::TempDirectory proc;
     proc.makeDirectory("17");
