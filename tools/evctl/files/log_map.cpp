@@ -250,7 +250,7 @@ void drawLegend(Svg& svg, double y) {
     for (CellKind kind : kinds) {
         svg.box(x, y, 14, 12, fillingOf(kind), "");
         svg.text(x + 18, y + 10, kindText(kind));
-        x += 105;
+        x += 100;
     }
     double age = MAP_LEFT;
     for (MapCell step{.kind = CellKind::INFORMATION}; step.age < MAP_AGES; step.age++) {
