@@ -1,7 +1,7 @@
 /**
  * What tools read and show: any bytes as a log, a damaged copy, an alternate event file, a bundle,
- * compressed or not; every event of it in every form; pictures and numbers of it, cursors, the
- * bug-checks in it.
+ * compressed or not; every event of it in every form. An input says which of the rest is made of
+ * it, too: pictures, numbers, cursors, the bug-checks in it, a prediction, a log without names.
  */
 #include "messages.h"
 
@@ -10,8 +10,10 @@
 #include "catalog/event_text.h"
 #include "evctl/files/file.h"
 #include "evctl/files/log_map.h"
+#include "evctl/files/predict_view.h"
 #include "evctl/filters/cursor.h"
 #include "evctl/numbers/event_stats.h"
+#include "evctl/support/redact.h"
 #include "evctl/views/crash_view.h"
 #include "evctl/views/event_forms.h"
 #include "evctl/views/event_json.h"
@@ -97,16 +99,19 @@ void showCrashes(const Bytes& bytes) {
     EvlogImage_t image = evlogImageOf(bytes);
     evlogWalk(image, {.onRecord = [&](const EvlogRecord_t& each) { records.push_back(each); },
                       .onFinding = {}});
-    for (const evctl::Crash& crash : evctl::findCrashes(records)) {
-        evctl::Json json = evctl::crashJson(crash, true);
+    const std::span all(records);
+    const std::size_t logged = records.size() / 2; // the others wait
+    std::size_t found = 0;
+    for (const evctl::Crash& crash : evctl::findCrashes(all.first(logged), all.subspan(logged))) {
+        // All entries of an index are 10,000 objects.
+        evctl::Json json = evctl::crashJson(crash, found++ == 0);
         evctl::crashLines(json);
         fuzz::expect(evctl::Json::accept(evctl::jsonLine(json)),
                      "a bug-check's JSON cannot be read back");
     }
 }
 
-/** A log as a picture and as numbers. */
-void showWhole(const Bytes& bytes) {
+void showNumbers(const Bytes& bytes) {
     EvlogImage_t image = evlogImageOf(bytes);
     evctl::LogContent content = evctl::readLog(image);
     evctl::EventStats stats;
@@ -116,10 +121,50 @@ void showWhole(const Bytes& bytes) {
     evctl::statsLines(stats, 80);
     evctl::statsPicture(stats, names.back());
     evctl::jsonLine(evctl::statsJson(stats));
+}
+
+void showPicture(const Bytes& bytes) {
+    EvlogImage_t image = evlogImageOf(bytes);
+    evctl::LogContent content = evctl::readLog(image);
     evctl::LogMap map = evctl::mapOf(content);
     evctl::mapLines(map, content);
     fuzz::expect(evctl::mapPicture(map, content, names.back()).find('\x1B') == std::string::npos,
                  "a picture has a control");
+}
+
+/** Without names and data there are the same records at the same places, each of them valid. */
+void showRedacted(const Bytes& bytes) {
+    EvlogImage_t image = evlogImageOf(bytes);
+    evctl::Redaction redaction;
+    const Bytes shown = redaction.log(image);
+    EvlogImage_t redacted = evlogImageOf(shown);
+    std::vector<EvlogRecord_t> before = evctl::readLog(image).records;
+    std::vector<EvlogRecord_t> after = evctl::readLog(redacted).records;
+    fuzz::expect(shown.size() == image.bytes.size() && after.size() == before.size(),
+                 "a log without names has other records");
+    for (std::size_t place = 0; place < before.size(); place++) {
+        fuzz::expect(before[place].offset == after[place].offset &&
+                         before[place].body.size() == after[place].body.size(),
+                     "a record without names stands elsewhere");
+    }
+    EvlogRecord_t record;
+    const bool isRecord = evlogReadAlternate(bytes, &record) == EVLOG_E_REASON_NONE;
+    const Bytes alternate = redaction.record(bytes);
+    fuzz::expect(isRecord == (!alternate.empty() &&
+                              evlogReadAlternate(alternate, &record) == EVLOG_E_REASON_NONE),
+                 "an alternate event without names is none");
+}
+
+void showPrediction(const Bytes& bytes) {
+    EvlogImage_t image = evlogImageOf(bytes);
+    EvlogIdentity_t identity{};
+    identity.slotId = bytes.size() % 4;
+    const EvlogPrediction_t prediction = evlogPredict(image, &identity);
+    evctl::Json json = evctl::predictionJson(names[0], prediction, &identity);
+    fuzz::expect(evctl::Json::accept(evctl::jsonLine(json)),
+                 "a prediction's JSON cannot be read back");
+    fuzz::expect(!prediction.isFatal() || json["bugcheck"]["forGood"] == true,
+                 "a fatal prediction names no bug-check");
 }
 
 /** A cursor of what has been read can be read back; any log can be gone on with behind it. */
@@ -148,6 +193,15 @@ void showBundle(const Bytes& bytes) {
     }
 }
 
+/** What an input chooses. All of it for each input would be a few dozen inputs a second. */
+enum Part { CRASHES, NUMBERS, PICTURE, BUNDLE, REDACTED, PREDICTION };
+
+void (*partOf(std::uint8_t choice))(const Bytes&) {
+    constexpr std::array parts = {showCrashes, showNumbers,  showPicture,
+                                  showBundle,  showRedacted, showPrediction};
+    return parts.at(choice / 2U % parts.size());
+}
+
 std::size_t count(sources::Source& source) {
     std::size_t events = 0;
     while (auto event = source.next()) {
@@ -162,7 +216,8 @@ std::size_t count(sources::Source& source) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Input input(data, size);
     const char* name = names.at(input.byte() % names.size());
-    bool fileOrder = input.byte() % 2 != 0;
+    const std::uint8_t choice = input.byte(); // in the order of the file, and 2 * a Part
+    bool fileOrder = choice % 2 != 0;
     Bytes bytes = made(input);
     // What holds a database is opened by its path, which none of this has.
     if (bytes.size() >= 6 && std::equal(bytes.begin(), bytes.begin() + 6, "SQLite")) {
@@ -183,9 +238,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     } catch (const std::runtime_error&) {
         // it is no source
     }
-    showCrashes(bytes);
-    showWhole(bytes);
-    showBundle(bytes);
+    partOf(choice)(bytes);
     evctl::Cursor::parse(std::string(bytes.begin(), bytes.end()));
     return 0;
 }
@@ -199,32 +252,37 @@ std::vector<Bytes> seeds() {
     auto crash = [](Seed& seed, unsigned id) -> Seed& {
         return seed.byte(CRASH_RECORD).byte(id).byte(0).byte(id).byte(1);
     };
-    Seed log = Seed().byte(0).byte(0);
+    Seed log = Seed().byte(0).byte(2 * NUMBERS);
     event(event(log, 0, 18), 1, 26).byte(DUMMY).half(65'535).byte(END).byte(0);
-    Seed wrapped = Seed().byte(1).byte(0);
+    Seed wrapped = Seed().byte(1).byte(2 * PICTURE);
     event(event(wrapped, 1000, 18), 7, 34).byte(END).text("rest");
-    Seed alternate = Seed().byte(2).byte(0);
+    Seed alternate = Seed().byte(2).byte(2 * REDACTED);
     event(alternate, 0, 18);
-    Seed crashes = Seed().byte(0).byte(1);
+    Seed crashes = Seed().byte(0).byte(2 * CRASHES + 1);
     for (unsigned id = 0; id < 24; id++) {
         crash(crashes, id);
     }
     Seed zipped = Seed().byte(3).byte(0).byte(END);
     zipped.text(std::string("\x1F\x8B\x08\x00\x00\x00\x00\x00\x00\x03\x03\x00\x00\x00", 14));
     Input logOnly(log.bytes.data() + 2, log.bytes.size() - 2);
-    Seed named = Seed().byte(4).byte(0);
+    Seed named = Seed().byte(4).byte(2 * PICTURE);
     event(named, 3, 26).byte(END).byte(0);
-    Seed bundled = Seed().byte(4).byte(0).byte(END);
+    Seed bundled = Seed().byte(4).byte(2 * BUNDLE).byte(END);
     const Bytes packed = bundle::pack({{"a/kelta_eventlog", made(logOnly)}, {"parameters", {}}}, 0);
     std::optional<std::string> problem;
     Bytes tar = sources::decompress(packed, LONGEST, &problem);
     tar.resize(std::min<std::size_t>(tar.size(), 2048));
     fuzz::append(bundled.bytes, tar);
-    Seed packedToo = Seed().byte(4).byte(0).byte(END);
+    Seed packedToo = Seed().byte(4).byte(2 * BUNDLE).byte(END);
     fuzz::append(packedToo.bytes, packed);
     Seed cursor = Seed().byte(4).byte(1).byte(END).text("c1:0123456789abcdef.1.2.3,1.2.3.4");
-    return {log.bytes,     wrapped.bytes,   alternate.bytes, crashes.bytes, zipped.bytes,
-            bundled.bytes, packedToo.bytes, cursor.bytes,    named.bytes};
+    Seed predicted = log;
+    predicted.bytes[1] = 2 * PREDICTION;
+    Seed redacted = crashes;
+    redacted.bytes[1] = 2 * REDACTED;
+    return {predicted.bytes, redacted.bytes, log.bytes,    wrapped.bytes,
+            alternate.bytes, crashes.bytes,  zipped.bytes, bundled.bytes,
+            packedToo.bytes, cursor.bytes,   named.bytes};
 }
 
 } // namespace fuzz
