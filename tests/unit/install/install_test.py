@@ -113,7 +113,7 @@ class InstallTest(unittest.TestCase):
         for text in readers:
             self.assertIn("\nSupplementaryGroups=evarchiver\n", text)
             self.assertNotRegex(text, r"(?m)^(User|Group|StateDirectory|ReadWritePaths)=.*evarchiver")
-        archive = re.search(r"--db (\S+)", archiver).group(1)
+        archive = re.search(r"--db ([^\s\"]+)", archiver).group(1)
         self.assertIn(f"\nf {archive} 0640 evarchiver evarchiver -\n",
                       (self.tree / "lib/tmpfiles.d/evarchiver.conf").read_text())
 
