@@ -238,7 +238,12 @@ TEST(Startup, ItsWaitsAreNotRoundedUp) {
     Blade blade;
     RunningEmp emp(blade);
     emp.startQuietly();
-    EXPECT_EQ(readFile("/proc/" + std::to_string(emp.process.pid()) + "/timerslack_ns"), "1\n");
+    const std::string file = "/proc/" + std::to_string(emp.process.pid()) + "/timerslack_ns";
+    const std::string slack = readFile(file);
+    if (slack.empty() && geteuid() != 0) {
+        GTEST_SKIP() << "only root may see how another process's waits are rounded";
+    }
+    EXPECT_EQ(slack, "1\n");
 }
 
 TEST(Startup, ClosedStandardInputAloneIsFilled) {
