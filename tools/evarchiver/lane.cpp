@@ -7,9 +7,6 @@
 namespace evarchive {
 namespace {
 
-// How long an event waits at most for others to be committed with.
-constexpr std::chrono::milliseconds COMMIT_TIME{100};
-
 // Between two tries of a storage that is away.
 constexpr std::chrono::milliseconds FIRST_DELAY{100};
 constexpr std::chrono::milliseconds LONGEST_DELAY{2000};
@@ -201,7 +198,7 @@ bool Lane::awaitWork() {
     if (delay_.count() > 0) {
         wake_.wait_for(lock, delay_, [this] { return isStopping_.load(); });
     } else if (archive_.isUncommitted()) {
-        wake_.wait_until(lock, firstUncommitted_ + COMMIT_TIME, hasWork);
+        wake_.wait_until(lock, firstUncommitted_ + settings_.batchWait, hasWork);
     } else if (!parking_.isEmpty()) {
         const bool isEnding = isStopping_;
         const auto until = isEnding ? std::min(nextLookAtLocks_, deadline_) : nextLookAtLocks_;
@@ -308,7 +305,7 @@ void Lane::fileEvent(LinkNumber link, View body, Certainty certainty) {
 
 bool Lane::mustCommit() const {
     return !archive_.isUncommitted() || !held_.empty() || isStopping_ ||
-           (uncommitted_ > 0 && Clock::now() >= firstUncommitted_ + COMMIT_TIME);
+           (uncommitted_ > 0 && Clock::now() >= firstUncommitted_ + settings_.batchWait);
 }
 
 void Lane::commit() {

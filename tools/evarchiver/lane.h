@@ -67,6 +67,8 @@ struct LaneSettings {
     ArchiveSettings archive;
     RetentionSettings retention;
     U32_t batch = 1000; ///< events to a transaction at most, at least 1
+    /** How long an event waits at most for others to be committed with. */
+    std::chrono::milliseconds batchWait{100};
     /** Bytes of events to a transaction, from which on it is committed. */
     std::size_t batchBytes = std::size_t{1} << 20U;
     /** How long a log is locked until the links that what waits for it came on are closed: their

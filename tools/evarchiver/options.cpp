@@ -28,6 +28,7 @@ struct Parsed {
     unsigned late = 0;
     unsigned firstWait = 10;
     unsigned answerWait = 10;
+    unsigned batchWait = 100;
     bool mayStopBlades = false;
 };
 
@@ -119,6 +120,11 @@ void addLimits(CLI::App& app, Options& options, Parsed& parsed) {
     limits->add_option("--batch", options.lane.batch, "Events to a transaction at most")
         ->check(CLI::Range(1, 1'000'000))
         ->capture_default_str();
+    limits
+        ->add_option("--batch-wait", parsed.batchWait,
+                     "Milliseconds that an event waits at most for others of its transaction")
+        ->check(CLI::Range(1, 10'000))
+        ->capture_default_str();
 }
 
 void addTestSwitches(CLI::App& app, Options& options, unsigned& late) {
@@ -195,6 +201,7 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
     if (!parsed.metrics.empty()) {
         options.metrics = endpointOf(parsed.metrics, asio::ip::address_v4::loopback());
     }
+    options.lane.batchWait = std::chrono::milliseconds(parsed.batchWait);
     options.firstWait = std::chrono::seconds(parsed.firstWait);
     options.answerWait = std::chrono::seconds(parsed.answerWait);
     options.progress = std::chrono::seconds(parsed.progress);

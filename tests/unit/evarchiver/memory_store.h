@@ -144,7 +144,14 @@ class MemoryStore : public Store {
         });
     }
 
+    /** It must be what it was when the transaction began: the commit tells. */
     void removeEvent(const GenerationKey& key, U32_t id) override {
+        ours_.insert(key.series);
+        const auto held = eventsOf(key).find(id);
+        if (held != eventsOf(key).end() && !newEvents_.contains({key, id}) &&
+            !removed_.contains({key, id})) {
+            confirmed_[{key, id}] = held->second.image;
+        }
         removed_.emplace(key, id);
         change([key, id](MemoryDatabase& all) { all.generations[key].events.erase(id); });
     }

@@ -1,0 +1,214 @@
+/** Logs that somebody keeps locked: what waits for them, and what does not. */
+#include "lane_fixture.h"
+
+#include <numeric>
+
+using namespace evarchive;
+using namespace support;
+using testing::HasSubstr;
+
+namespace {
+
+/** A lane over a storage of which somebody keeps logs locked. */
+class LockedLogTest : public LaneFixture {
+  protected:
+    void SetUp() override {
+        auto store = std::make_unique<MemoryStore>(database_, true);
+        store_ = store.get();
+        LaneSettings settings;
+        settings.lockPatience = patience_;
+        start(std::move(store), settings);
+        addStatus(1);
+        addStatus(2);
+        addEvents(1, 0, 4);
+        addEvents(2, 0, 4);
+        submit();
+        waitForReplies(2);
+        requireSoon([this] { return lane_->state().spooled == 0; }, "all to be safe");
+    }
+
+    static LogName logOf(LinkNumber link) { return {.blade = "BLADE-" + std::to_string(link)}; }
+    static SeriesKey keyOf(LinkNumber link) {
+        return {{"ENC-A", "BLADE-" + std::to_string(link), 1}, 1};
+    }
+    void addStatus(LinkNumber link) {
+        batch_.add(link, Batch::Kind::STATUS, statusBody(logOf(link), 0, {1, 2, 3}));
+    }
+    void addEvents(LinkNumber link, U32_t first, U32_t last) {
+        for (U32_t id = first; id <= last; ++id) {
+            batch_.add(link, Batch::Kind::EVENT, eventBody({.log = logOf(link), .id = id}));
+        }
+    }
+    void addInquiry(LinkNumber link) {
+        batch_.add(link, Batch::Kind::INQUIRY, inquiryBody(LAST, logOf(link), 0));
+    }
+
+    std::vector<U32_t> idsOf(LinkNumber link) {
+        std::vector<U32_t> ids;
+        MemoryStore store(database_);
+        const auto series = store.findSeries(keyOf(link));
+        store.forEachEvent({*series, 1},
+                           [&ids](const StoredEvent& event) { ids.push_back(event.sequenceId); });
+        return ids;
+    }
+
+    static std::vector<U32_t> idsTo(U32_t last) {
+        std::vector<U32_t> ids(last + 1);
+        std::iota(ids.begin(), ids.end(), 0U);
+        return ids;
+    }
+
+    void expectAllIsFiled(U32_t last) {
+        requireSoon([this] { return lane_->state().spooled == 0; }, "all to be safe");
+        EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+        EXPECT_EQ(idsOf(1), idsTo(last));
+        EXPECT_EQ(idsOf(2), idsTo(last));
+        EXPECT_EQ(lane_->state().counts.stored, 2 * (last + 1));
+        EXPECT_EQ(lane_->state().counts.duplicates, 0U);
+        EXPECT_EQ(lane_->state().counts.gaps, 0U);
+        EXPECT_TRUE(database_.aside.empty());
+        EXPECT_EQ(failed_, "");
+    }
+
+    std::chrono::milliseconds patience_ = std::chrono::minutes(5);
+    MemoryDatabase database_;
+    MemoryStore* store_ = nullptr;
+};
+
+/** The same, and nobody is patient. */
+class LongLockedLogTest : public LockedLogTest {
+  protected:
+    LongLockedLogTest() { patience_ = std::chrono::milliseconds(0); }
+};
+
+} // namespace
+
+TEST_F(LockedLogTest, EventsOfOtherLogsAreFiledAndTheirBladesAnswered) {
+    store_->lock({keyOf(1)});
+    addEvents(1, 5, 7);
+    addEvents(2, 5, 7);
+    addStatus(2);
+    submit();
+    EXPECT_EQ(waitForReplies(3)[2].link, 2U);
+    EXPECT_EQ(waitForReplies(3)[2].verdict, (StatusVerdict{6, 0}));
+    addEvents(1, 8, 9);
+    addEvents(2, 8, 9);
+    addStatus(2);
+    submit();
+    EXPECT_EQ(waitForReplies(4)[3].verdict, (StatusVerdict{8, 0}));
+    EXPECT_GT(lane_->state().spooled, 0U);
+    EXPECT_GT(lane_->state().lag, 0);
+    EXPECT_FALSE(lane_->state().isAway);
+    store_->lock({});
+    expectAllIsFiled(9);
+    EXPECT_THAT(said_, HasSubstr("BLADE-1 slot 1 instance 1: another session"));
+    EXPECT_THAT(said_, HasSubstr("not locked any more"));
+}
+
+TEST_F(LockedLogTest, HandshakeOfALockedLogIsAnsweredBehindItsEvents) {
+    store_->lock({keyOf(1)});
+    addEvents(1, 5, 9);
+    addStatus(1);
+    addStatus(2);
+    submit();
+    EXPECT_EQ(waitForReplies(3)[2].link, 2U);
+    store_->lock({});
+    const auto replies = waitForReplies(4);
+    EXPECT_EQ(replies[3].link, 1U);
+    EXPECT_EQ(replies[3].verdict, (StatusVerdict{8, 0}));
+    addEvents(2, 5, 9);
+    submit();
+    expectAllIsFiled(9);
+}
+
+TEST_F(LockedLogTest, InquiryAboutALockedLogFindsWhatWaits) {
+    store_->lock({keyOf(1)});
+    addEvents(1, 5, 8);
+    addEvents(2, 5, 9);
+    addStatus(2);
+    submit();
+    waitForReplies(3);
+    addEvents(1, 9, 9);
+    addInquiry(1);
+    addInquiry(2);
+    submit();
+    EXPECT_EQ(waitForReplies(4)[3].link, 2U);
+    store_->lock({});
+    EXPECT_EQ(waitForReplies(5)[4].event->sequenceId, 9U);
+    expectAllIsFiled(9);
+}
+
+TEST_F(LockedLogTest, LogThatIsFreeDoesNotWaitForOneThatIsNot) {
+    store_->lock({keyOf(1), keyOf(2)});
+    addEvents(1, 5, 9);
+    addStatus(1);
+    addEvents(2, 5, 9);
+    addStatus(2);
+    submit();
+    store_->lock({keyOf(2)});
+    EXPECT_EQ(waitForReplies(3)[2].verdict, (StatusVerdict{8, 0}));
+    EXPECT_EQ(waitForReplies(3)[2].link, 1U);
+    store_->lock({});
+    EXPECT_EQ(waitForReplies(4)[3].verdict, (StatusVerdict{8, 0}));
+    expectAllIsFiled(9);
+}
+
+// Its blade's events go on waiting behind it: a log's events stay in their order.
+TEST_F(LockedLogTest, LinkThatBroughtAnEventOfALockedLogWaitsAsAWhole) {
+    store_->lock({keyOf(1)});
+    batch_.add(2, Batch::Kind::EVENT, eventBody({.log = logOf(1), .id = 5}));
+    addEvents(2, 6, 9);
+    addEvents(3, 0, 4);
+    addStatus(3);
+    addStatus(2);
+    submit();
+    EXPECT_EQ(waitForReplies(3)[2].link, 3U);
+    store_->lock({});
+    EXPECT_EQ(waitForReplies(4)[3].link, 2U);
+    EXPECT_EQ(waitForReplies(4)[3].verdict, (StatusVerdict{8, 0}));
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+    EXPECT_EQ(idsOf(2), idsTo(9));
+    EXPECT_EQ(idsOf(1), idsTo(5));
+}
+
+TEST_F(LockedLogTest, EndSaysWhatIsNotSafe) {
+    store_->lock({keyOf(1)});
+    addEvents(1, 5, 9);
+    addEvents(2, 5, 9);
+    addStatus(2);
+    submit();
+    waitForReplies(3);
+    EXPECT_FALSE(lane_->stop(std::chrono::milliseconds(20)));
+    EXPECT_GT(lane_->state().spooled, 0U);
+    EXPECT_EQ(idsOf(1), idsTo(4));
+    EXPECT_EQ(idsOf(2), idsTo(9));
+}
+
+TEST_F(LockedLogTest, EndWaitsForALockThatEnds) {
+    store_->lock({keyOf(1)});
+    addEvents(1, 5, 9);
+    addEvents(2, 5, 9);
+    addStatus(2);
+    submit();
+    waitForReplies(3);
+    lane_->beginStop(std::chrono::steady_clock::now() + std::chrono::minutes(1));
+    store_->lock({});
+    EXPECT_TRUE(lane_->finishStop());
+    EXPECT_EQ(idsOf(1), idsTo(9));
+}
+
+TEST_F(LongLockedLogTest, LinkOfALogThatStaysLockedIsClosedOnce) {
+    store_->lock({keyOf(1)});
+    addEvents(1, 5, 9);
+    addEvents(2, 5, 9);
+    submit();
+    EXPECT_EQ(waitForReplies(3)[2].kind, Reply::Kind::LOCKED);
+    EXPECT_EQ(waitForReplies(3)[2].link, 1U);
+    batch_.add(1, Batch::Kind::END_OF_LINK, {});
+    addStatus(4);
+    submit();
+    EXPECT_EQ(waitForReplies(4)[3].link, 4U);
+    store_->lock({});
+    expectAllIsFiled(9);
+    EXPECT_EQ(waitForReplies(4).size(), 4U);
+}
