@@ -1,5 +1,7 @@
 #include "parking.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace evarchive {

@@ -10,8 +10,12 @@
 
 #include "batch.h"
 
+#include <memory>
+#include <set>
+
 namespace evarchive {
 
+/** The work of one lane that waits. One thread uses it. */
 class Parking {
   public:
     bool isEmpty() const { return locked_.empty(); }
