@@ -16,6 +16,7 @@ constexpr char BY_ARRIVAL = 'm'; // instant, log, generation, id
 constexpr S64_t FIRST_STRETCH = 60 * SECOND; // that a search looks back at first
 constexpr S64_t SHORTEST_STRETCH = SECOND;
 constexpr S64_t STRETCH_GROWTH = 8;
+constexpr double SOME_MORE = 1.25;       // wider than what is wanted is likely to lie in
 constexpr S64_t AHEAD = 86'400 * SECOND; // that an archiver's clock may be
 constexpr S64_t CROWD = 20'000;          // events of a stretch that are too many to be sorted
 constexpr U32_t TEXT_PAGE = 2000;        // events that are looked through at a time
@@ -106,10 +107,18 @@ class Filling {
     bool isFull() const { return page.events.size() >= search_.limit; }
     bool isOver() const { return Clock::now() >= deadline_; }
 
-    /** Whether what takes so much longer than what took since @p begun is likely to be in time. */
-    bool hasTimeFor(S64_t times, Clock::time_point begun) const {
+    /** How much wider a stretch may be than the one that was looked through since @p begun: as far
+     * as time is likely to last, and what is still wanted, as densely as @p found, lies. */
+    double growthAfter(std::size_t found, Clock::time_point begun) const {
         const auto now = Clock::now();
-        return (now - begun) * times < (deadline_ - now) / 2;
+        const bool hasTime = (now - begun) * STRETCH_GROWTH < (deadline_ - now) / 2;
+        const double most = hasTime ? STRETCH_GROWTH : 1;
+        if (found == 0 || !search_.text.empty()) {
+            return most;
+        }
+        const auto left = static_cast<double>(search_.limit - page.events.size());
+        return std::clamp(SOME_MORE * left / static_cast<double>(found), 1.0 / STRETCH_GROWTH,
+                          most);
     }
 
     Page& page;
@@ -170,16 +179,17 @@ class Stretch {
         since_ = place.instant - width_;
     }
 
-    /** Nothing is left in it. @param mayGrow whether there is time for a wider one */
-    void moveOn(bool mayGrow) {
+    /** Nothing is left in it. @param growth how much wider the next one may be */
+    void moveOn(double growth) {
         place = {since_ - 1};
         if (place.instant < crowdedSince_) {
             crowdedSince_ = INT64_MAX;
         }
         if (std::exchange(isAhead_, false)) {
             width_ = FIRST_STRETCH;
-        } else if (mayGrow && crowdedSince_ == INT64_MAX) {
-            width_ = std::min(width_ * STRETCH_GROWTH, instantOf(UINT32_MAX) - instantOf(0));
+        } else if (crowdedSince_ == INT64_MAX) {
+            const auto width = static_cast<S64_t>(static_cast<double>(width_) * growth);
+            width_ = std::clamp(width, SHORTEST_STRETCH, instantOf(UINT32_MAX) - instantOf(0));
         }
         since_ = place.instant - width_;
     }
@@ -218,13 +228,14 @@ Found searchStretch(PgConnection& connection, const Search& search, Stretch& str
 void searchOnce(PgConnection& connection, const Search& search, Stretch& stretch,
                 Filling& filling) {
     const auto begun = Clock::now();
+    const std::size_t before = filling.page.events.size();
     switch (searchStretch(connection, search, stretch, filling)) {
     case Found::TOO_MANY:
         stretch.narrow();
         break;
     case Found::ALL:
         if (!filling.isFull()) {
-            stretch.moveOn(filling.hasTimeFor(STRETCH_GROWTH, begun));
+            stretch.moveOn(filling.growthAfter(filling.page.events.size() - before, begun));
         }
         break;
     case Found::MORE:

@@ -63,7 +63,7 @@ export async function page() {
       state.textContent = isPaused() ? "paused" : `looked at every 2 seconds; ${plural(tail.count, "event")} so far${tail.count === 0 ? ": nothing has come yet" : ""}`;
     } catch (error) {
       if (error.status === 400) tail.position = null;
-      state.textContent = `${error.message}; tried again`;
+      state.textContent = `${error.status === 400 ? "" : "the archive does not answer, tried again: "}${error.message}`;
     }
     setTimeout(tick, PAUSE);
   };

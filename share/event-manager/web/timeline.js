@@ -17,12 +17,12 @@ function shortTime(value, step, isFirst) {
   return isFirst || value % DAY === 0 ? `${text.slice(5, 10)} ${clock}` : clock;
 }
 
-/** Round times below the bars, at most seven. */
+/** Round times below the bars, at most seven; none where its text would be cut. */
 function axis(found) {
   const whole = found.width * found.buckets.length;
   const step = TICKS.find((size) => whole / size <= 7) ?? TICKS.at(-1);
   const axisOf = el("div", { class: "axis" });
-  for (let value = Math.ceil(found.since / step) * step; value < found.since + whole * 0.97; value += step) {
+  for (let value = Math.ceil(found.since / step) * step; value < found.since + whole * 0.9; value += step) {
     const tick = el("span", null, shortTime(value, step, axisOf.children.length === 0));
     tick.style.left = `${(100 * (value - found.since)) / whole}%`;
     axisOf.append(tick);
@@ -147,7 +147,9 @@ export async function page() {
     found = await ask("timeline", { ...filters, buckets: BUCKETS });
   } catch (error) {
     if (error.status !== 400) throw error;
-    show("Timeline", el("h1", null, "Timeline"), note(error.message, true), form);
+    form.open = true;
+    show("Timeline", el("h1", null, "Timeline"), note(error.message, true),
+      el("p", null, el("a", { href: link("/search", filters) }, "Search with these filters")), form);
     return;
   }
   const until = found.since + found.width * found.buckets.length - 1;
@@ -155,9 +157,11 @@ export async function page() {
   const address = (from, end) => link(found.width > 1 ? "/timeline" : "/search", { ...filters, since: at(from), until: at(end) });
   const chart = chartOf(found, address);
   const width = found.width % DAY === 0 ? `${found.width / DAY} d` : found.width % 3600 === 0 ? `${found.width / 3600} h` : found.width % 60 === 0 ? `${found.width / 60} min` : `${found.width} s`;
+  const period = { ...filters, since: at(found.since), until: at(until) };
   show("Timeline", el("h1", null, "Timeline", el("small", null, `${time(iso(found.since))} to ${time(iso(until))}, ${width} a bar`)),
     controls(filters, found.since, until), chart,
-    notes(found),
-    el("div", { class: "row" }, el("a", { class: "button", href: link("/search", { ...filters, since: at(found.since), until: at(until) }) }, "The events of this time")),
+    notes(found), found.buckets.flat().every((count) => count === 0) && !found.cut && note("Nothing is of this time."),
+    el("div", { class: "row" }, el("a", { class: "button", href: link("/search", period) }, "The events of this time"),
+      el("a", { class: "right", href: link("/timeline", period), title: "an address that shows the same tomorrow" }, "permanent link")),
     form, table(found));
 }
