@@ -17,6 +17,11 @@ using evarchive::ArrivedEvent;
 using evarchive::Level;
 using evarchive::PgArrivals;
 using evarchive::Say;
+using evarchive::StoreError;
+using Clock = std::chrono::steady_clock;
+
+// Between two attempts to reach a server that is away while others are not.
+constexpr std::chrono::seconds AGAIN{5};
 
 constexpr S64_t MINUTE = 60'000'000; // microseconds
 
@@ -48,13 +53,14 @@ struct Reached {
 
 /**
  * An archive on a server, or on several: of each server the place among what came there that was
- * reached. Bridges of before kept the ids of each log instead; those are left out once more, and
- * forgotten when everything has been passed that was there at the start.
+ * reached. A server that is away keeps its place, and the others' events go on. Bridges of before
+ * kept the ids of each log instead; those are left out once more, and forgotten when everything has
+ * been passed that was there at the start.
  */
 class ArrivalFeed final : public Feed {
   public:
     ArrivalFeed(const std::string& archive, std::chrono::seconds lag, std::string position, Say say)
-        : say_(std::move(say)) {
+        : say_(std::move(say)), lag_(lag) {
         evarchive::readerOf(archive); // says what is wrong with it
         std::vector<std::string> places = evarchive::nodesOf(archive);
         if (places.empty()) {
@@ -64,9 +70,13 @@ class ArrivalFeed final : public Feed {
         done_ = parseLogRuns(position);
         for (std::size_t i = 0; i < places.size(); ++i) {
             const ArrivalPlace& place = reached[i].place;
-            servers_.push_back({std::make_unique<PgArrivals>(places[i], lag), place, place, place});
-            servers_.back().begun = servers_.back().arrivals->now();
+            servers_.push_back(
+                {.address = places[i], .place = place, .next = place, .kept = place});
         }
+        for (std::size_t i = 0; i < servers_.size(); ++i) {
+            withServer(i, [&](Server& server) { open(server); });
+        }
+        requireAny();
     }
 
     Entries more(std::size_t most) override {
@@ -92,12 +102,14 @@ class ArrivalFeed final : public Feed {
     }
 
     bool hasAll() const override {
-        return std::ranges::all_of(
-            servers_, [](const Server& server) { return server.place.received >= server.begun; });
+        return std::ranges::all_of(servers_, [](const Server& server) {
+            return server.begun && server.place.received >= *server.begun;
+        });
     }
 
     std::optional<U64_t> skip() override {
         for (Server& server : servers_) {
+            open(server);
             server.place = server.kept = {.received = server.arrivals->now()};
         }
         return std::nullopt;
@@ -113,28 +125,82 @@ class ArrivalFeed final : public Feed {
 
   private:
     struct Server {
-        std::unique_ptr<PgArrivals> arrivals;
-        ArrivalPlace place; ///< up to there everything was handed on
-        ArrivalPlace next;  ///< with what more() gave
-        ArrivalPlace kept;  ///< as the position says
-        S64_t begun = 0;    ///< the server's time then
+        std::string address;
+        std::unique_ptr<PgArrivals> arrivals{}; ///< none: it is away
+        ArrivalPlace place;                     ///< up to there everything was handed on
+        ArrivalPlace next;                      ///< with what more() gave
+        ArrivalPlace kept;                      ///< as the position says
+        std::optional<S64_t> begun{};           ///< the server's time when it was first reached
+        std::string failure{};                  ///< why it is away
+        Clock::time_point again{};              ///< when it is tried then
         bool isHeldUp = false;
 
         // What has only gone by is not worth a write each time.
         bool isWorthKeeping() const {
-            return place.received >= begun && kept.received < place.received - MINUTE;
+            return begun && place.received >= *begun && kept.received < place.received - MINUTE;
         }
     };
 
     Entries look(std::size_t most) {
         Entries entries;
         given_ = 0;
-        for (Server& server : servers_) {
-            server.next = server.place;
-            takeFrom(server, most, entries);
-            watch(server);
+        for (std::size_t i = 0; i < servers_.size(); ++i) {
+            servers_[i].next = servers_[i].place;
+            withServer(i, [&](Server& server) {
+                open(server);
+                takeFrom(server, most, entries); // what it gave before it failed is given
+                watch(server);
+            });
+        }
+        if (given_ == 0) {
+            requireAny();
         }
         return entries;
+    }
+
+    void open(Server& server) {
+        if (server.arrivals) {
+            return;
+        }
+        auto arrivals = std::make_unique<PgArrivals>(server.address, lag_);
+        if (!server.begun) {
+            server.begun = arrivals->now();
+        }
+        server.arrivals = std::move(arrivals);
+    }
+
+    // Does something with a server. One that fails is away; it is tried again after a while.
+    template <typename Work>
+    void withServer(std::size_t number, const Work& work) {
+        Server& server = servers_[number];
+        if (!server.arrivals && Clock::now() < server.again) {
+            return;
+        }
+        const bool wasAway = !server.failure.empty();
+        try {
+            work(server);
+            server.failure.clear();
+        } catch (const StoreError& error) {
+            server.arrivals.reset();
+            server.again = Clock::now() + AGAIN;
+            server.failure = error.what();
+        }
+        const bool isAway = !server.failure.empty();
+        if (isAway != wasAway && servers_.size() > 1) {
+            say_(isAway ? Level::WARNING : Level::NOTICE,
+                 "server " + std::to_string(number + 1) +
+                     (isAway ? ": " + server.failure +
+                                   "; its events wait, those of other servers go on"
+                             : ": its events go on"));
+        }
+    }
+
+    // When nobody is there, everything waits.
+    void requireAny() const {
+        if (std::ranges::none_of(servers_,
+                                 [](const Server& it) { return it.arrivals != nullptr; })) {
+            throw StoreError(servers_.front().failure, StoreError::Kind::PASSING);
+        }
     }
 
     // The lines of the servers in front of the others, or the beginning of each.
@@ -200,6 +266,7 @@ class ArrivalFeed final : public Feed {
     }
 
     Say say_;
+    std::chrono::seconds lag_;
     std::vector<Server> servers_;
     LogRuns done_;
     std::size_t given_ = 0; ///< by the last more(), with those that are left out

@@ -41,6 +41,23 @@ class ServerTest : public BridgeTest {
         return found;
     }
 
+    /** Makes the archive one that is spread over two servers. @return the place of one */
+    std::string spread() {
+        const std::vector<std::string> nodes = {server_.makeDatabase("node1"),
+                                                server_.makeDatabase("node2")};
+        for (const std::string& node : nodes) {
+            create({"create", "--db", node});
+        }
+        database_ = from_ = server_.makeDatabase("hub");
+        create({"hub", "--db", database_, "--node", nodes[0], nodes[1]});
+        return nodes[0];
+    }
+
+    /** A slot whose log is on a node, of those that have some. */
+    U32_t slotOn(const std::string& node) {
+        return static_cast<U32_t>(std::stoul(server_.sql("SELECT min(slot) FROM logs", node)));
+    }
+
     PgServer server_;
 };
 
@@ -98,13 +115,7 @@ TEST_F(ServerTest, ACursorThatKeptIdsGoesOnAsOneThatKeepsAPlace) {
 }
 
 TEST_F(ServerTest, EachServerOfASpreadArchiveHasAPlaceInTheCursor) {
-    const std::vector<std::string> nodes = {server_.makeDatabase("node1"),
-                                            server_.makeDatabase("node2")};
-    for (const std::string& node : nodes) {
-        create({"create", "--db", node});
-    }
-    database_ = from_ = server_.makeDatabase("hub");
-    create({"hub", "--db", database_, "--node", nodes[0], nodes[1]});
+    const std::string node = spread();
     for (U32_t slot = 0; slot < 8; ++slot) {
         file(10 * slot, 10 * slot + 1, {.slot = slot});
     }
@@ -115,8 +126,44 @@ TEST_F(ServerTest, EachServerOfASpreadArchiveHasAPlaceInTheCursor) {
     EXPECT_THAT(all, ElementsAre(0, 1, 10, 11, 20, 21, 30, 31, 40, 41, 50, 51, 60, 61, 70, 71));
     EXPECT_THAT(readFile(cursorPath_), MatchesRegex("evbridge 1\narrivals 1.*\narrivals 2.*\n"));
     EXPECT_THAT(handedOn(0), ElementsAre());
-    from_ = nodes[0];
+    from_ = node;
     EXPECT_EQ(bridgeWith({"--once"})->wait(), exitedWith(2)) << "of another archive";
+}
+
+TEST_F(ServerTest, WhileOneServerOfASpreadArchiveIsAwayEventsOfTheOthersGoOn) {
+    spread();
+    for (U32_t slot = 0; slot < 8; ++slot) {
+        file(1, 1, {.slot = slot});
+    }
+    const U32_t away = slotOn("node1");
+    const U32_t there = slotOn("node2");
+    const Datagrams receiver(socketPath_);
+    auto running = bridgeWith({});
+    EXPECT_EQ(ids(receiver, 8), std::vector<U32_t>(8, 1));
+    file(2, 2, {.slot = away}); // handed on before it is away, or after it was
+    server_.sql("ALTER DATABASE node1 ALLOW_CONNECTIONS false");
+    server_.sql("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = 'node1'");
+    running->waitForOutput("its events wait, those of other servers go on");
+    file(3, 3, {.slot = there});
+    std::vector<U32_t> found = ids(receiver, 1);
+    while (found.back() == 2) {
+        found.push_back(ids(receiver, 1).at(0));
+    }
+    EXPECT_EQ(found.back(), 3) << "did not wait";
+    running->signal(SIGTERM);
+    EXPECT_EQ(running->wait(), exitedWith(0));
+    running = bridgeWith({}); // one that begins while it is away, as well
+    running->waitForOutput("its events wait, those of other servers go on");
+    file(4, 4, {.slot = there});
+    found.push_back(ids(receiver, 1).at(0));
+    server_.sql("ALTER DATABASE node1 ALLOW_CONNECTIONS true");
+    running->waitForOutput("its events go on");
+    file(5, 5, {.slot = away});
+    while (found.back() != 5) {
+        found.push_back(ids(receiver, 1).at(0));
+    }
+    std::ranges::sort(found);
+    EXPECT_THAT(found, ElementsAre(2, 3, 4, 5)) << "nothing is lost, nothing comes twice";
 }
 
 } // namespace
