@@ -381,12 +381,25 @@ class BrowserTest(unittest.TestCase):
         self.show("/search?since=someday")
         self.assertIn("someday", self.browser.run("document.querySelector('[role=alert]').textContent"))
         self.assertEqual(self.browser.run("document.querySelector('#since').value"), "someday")
+        self.show("/timeline?since=someday&type=error")
+        self.assertEqual(self.browser.run("[document.querySelector('#since').checkVisibility(), document.querySelector('main p a').search]"),
+                         [True, "?type=error&since=someday"])
+
+    def test_a_timeline_has_a_link_that_shows_the_same_tomorrow(self):
+        self.show("/timeline?type=error")
+        counts = "[...document.querySelectorAll('.lane b')].map((count) => count.textContent).join()"
+        shown = self.browser.run(counts)
+        address = self.browser.run("[...document.querySelectorAll('main a')].find((link) => link.textContent === 'permanent link').href")
+        self.assertRegex(address, r"type=error&since=%40\d+&until=%40\d+$")
+        self.show(address[address.index("/timeline"):])
+        self.assertEqual(self.browser.run(counts), shown)
 
     def test_a_blade_shows_its_crash_and_its_gaps(self):
         self.show(f"/blade?log={self.logs['BLADE-1']}")
         text = self.text()
         for word in ("Crashes", "bug-check", "Generation 2", "Generation 1, superseded", "1 gap", "21 to 24", "Warnings and errors"):
             self.assertIn(word, text)
+        self.assertNotIn("inset", self.browser.run("getComputedStyle(document.querySelector('tr.here')).boxShadow"), "a mark stands on no text")
 
     def test_a_wrong_address_shows_a_page_that_leads_back(self):
         self.show("/nothing")
