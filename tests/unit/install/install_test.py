@@ -102,7 +102,7 @@ class InstallTest(unittest.TestCase):
                 self.assertIn(option, run(f"{self.root}{program}", "--help").stdout)
             self.assertRegex(text, r"(?m)^StartLimitBurst=[0-9]+$")
             self.assertRegex(text, r"(?m)^StartLimitIntervalSec=[0-9]+min$")
-            self.assertNotIn("@", re.sub(r"~?@(system-service|privileged|resources)|blade@", "", text))
+            self.assertNotIn("@", re.sub(r"~?@(system-service|privileged|resources|chown)|blade@", "", text))
 
     def test_who_only_reads_the_archive_is_another_user_of_its_group(self):
         archiver, *readers = [(self.tree / f"lib/systemd/system/{name}.service").read_text()
@@ -125,6 +125,13 @@ class InstallTest(unittest.TestCase):
         self.assertEqual(command, ["file", "guard"])
         self.assertEqual(log, f"{base}/slot%i/nvram/kelta_eventlog")
         self.assert_silent(run(f"{self.root}{program}", *command, f"{self.root}/missing"))
+
+    def test_blade_may_give_its_directories_and_sockets_to_its_group(self):
+        text = (self.tree / "lib/systemd/system/blade@.service").read_text()
+        self.assertIn(" --group blade ", text)
+        # The last word on a call counts; those that give files away are among the privileged ones.
+        filters = re.findall(r"^SystemCallFilter=(.*)$", text, re.M)
+        self.assertEqual([words for words in filters if "@chown" in words or "@privileged" in words][-1], "@chown")
 
     def test_users_and_directories_are_well_formed(self):
         for kind in ("sysusers", "tmpfiles"):
