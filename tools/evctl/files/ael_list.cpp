@@ -4,6 +4,7 @@
 #include "common/text.h"
 #include "evctl/files/file.h"
 #include "evctl/listing/listing.h"
+#include "evctl/paged_command.h"
 #include "evctl/views/event_json.h"
 #include "evctl/wire/blade_options.h"
 #include "sources/alternate_files.h"
