@@ -136,8 +136,15 @@ std::optional<S64_t> valueNumber(const Field& field, std::span<const U8_t> data)
 /** The entry's text with the values of its fields in their places. */
 std::string messageOf(const Entry& entry, std::span<const U8_t> data);
 
-/** Data that is text as it is: UTF-8, perhaps with line ends and tabulators (escaped), NULs at its
- * end left out. @return nothing when there is none, or other bytes are in it */
+/** Data of fewer bytes than these is text only when all of it is. */
+constexpr size_t PLAIN_TEXT_SHORT = 8;
+/** Of longer data one byte of so many may be a control character or no UTF-8. */
+constexpr size_t PLAIN_TEXT_SHARE = 4;
+
+/** Data that is text, mostly: UTF-8, with line ends and tabulators, and a few other bytes, such as
+ * the codes of a terminal or letters of another character set; what cannot be shown escaped, NULs at
+ * its end left out. @return nothing when there is none, when a NUL stands within it, and when more
+ * of it than a quarter, or in fewer than 8 bytes any, is something else */
 std::optional<std::string> plainText(std::span<const U8_t> data);
 
 } // namespace catalog

@@ -126,6 +126,27 @@ std::string messageOf(const Entry& entry, std::span<const U8_t> data) {
     return message;
 }
 
+namespace {
+
+/** Bytes of data that are no part of a text: neither shown as they are nor line ends or tabulators.
+ * @return nothing when a NUL is among them */
+std::optional<size_t> strangeBytes(std::string_view text) {
+    size_t strange = 0;
+    for (size_t at = 0; at < text.size();) {
+        bool isPlain = text[at] >= 0x20 && text[at] < 0x7F; // most are
+        bool isLayout = text[at] == '\n' || text[at] == '\r' || text[at] == '\t';
+        size_t length = isPlain || isLayout ? 1 : tools::utf8CharacterAt(text, at);
+        if (text[at] == '\0') {
+            return std::nullopt;
+        }
+        strange += length == 0 ? 1 : 0;
+        at += std::max<size_t>(length, 1);
+    }
+    return strange;
+}
+
+} // namespace
+
 std::optional<std::string> plainText(std::span<const U8_t> data) {
     std::string_view text = viewOf(data);
     size_t last = text.find_last_not_of('\0');
@@ -133,14 +154,11 @@ std::optional<std::string> plainText(std::span<const U8_t> data) {
         return std::nullopt;
     }
     text = text.substr(0, last + 1);
-    for (size_t at = 0; at < text.size();) {
-        bool isPlain = text[at] >= 0x20 && text[at] < 0x7F; // most are
-        bool isLayout = text[at] == '\n' || text[at] == '\r' || text[at] == '\t';
-        size_t length = isPlain || isLayout ? 1 : tools::utf8CharacterAt(text, at);
-        if (length == 0) {
-            return std::nullopt;
-        }
-        at += length;
+    const std::optional<size_t> strange = strangeBytes(text);
+    // Few bytes may look like a text by chance: all of them must then be of one.
+    const size_t most = text.size() < PLAIN_TEXT_SHORT ? 0 : text.size() / PLAIN_TEXT_SHARE;
+    if (!strange || *strange > most) {
+        return std::nullopt;
     }
     return tools::escapedUtf8(text);
 }

@@ -308,3 +308,14 @@ TEST(Catalog, PlainTextIsUtf8WithoutControls) {
         EXPECT_EQ(plainText(bytesOf(other)), std::nullopt) << other;
     }
 }
+
+TEST(Catalog, PlainTextMayHoldAFewOtherBytes) {
+    EXPECT_EQ(plainText(bytesOf("fan \xFC""ber 90 %")), "fan \\xFCber 90 %"); // another character set
+    EXPECT_EQ(plainText(bytesOf("\x1B[31mhot\x1B[0m")), "\\x1B[31mhot\\x1B[0m");
+    EXPECT_EQ(plainText(bytesOf("\1\2abcdef")), "\\x01\\x02abcdef"); // a quarter
+    EXPECT_EQ(plainText(bytesOf("\1\2\3abcdef")), std::nullopt);
+    EXPECT_EQ(plainText(bytesOf("\1abcdef")), std::nullopt); // few bytes: a number, perhaps
+    EXPECT_EQ(plainText(bytesOf("\1abcdef\1")), "\\x01abcdef\\x01");
+    EXPECT_EQ(plainText(bytesOf(std::string("a name\0and another", 18))), std::nullopt);
+    EXPECT_EQ(plainText(bytesOf("cut amid \xC3")), "cut amid \\xC3");
+}

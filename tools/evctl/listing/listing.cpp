@@ -87,6 +87,14 @@ void addAroundOption(CLI::App& command, ListingOptions& options) {
     throw std::runtime_error(path + ": " + strerror(errno));
 }
 
+/** Throws for those that do not go together. */
+const ListingOptions& checked(const ListingOptions& options) {
+    if (options.around && options.first) {
+        throw CLI::ValidationError("-n", "with --around it says how many on each side: no '+'");
+    }
+    return options;
+}
+
 /** Says what is wrong in a source. */
 void sayProblems(const sources::Source& source, bool several) {
     const std::string& name = source.origin().name;
@@ -186,7 +194,7 @@ std::optional<Cursor> startCursor(const ListingOptions& options) {
 }
 
 Listing::Listing(const ListingOptions& options, bool several, bool live)
-    : options_(options), pager_(!options.noPager && !live),
+    : options_(checked(options)), pager_(!options.noPager && !live),
       printer_(options.output,
                {.several = several, .paged = pager_.isThere(), .colours = pager_.showsColours()}),
       live_(live), cursor_(startCursor(options).value_or(Cursor{})) {}

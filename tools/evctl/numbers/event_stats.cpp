@@ -216,7 +216,7 @@ double drawChart(Svg& svg, const Chart& chart, U64_t allBytes, double y) {
 
 } // namespace
 
-void EventStats::add(const EventView& event) {
+void EventStats::add(const EventView& event, size_t source) {
     const EmpEvLogHeader_t& header = *event.header;
     Amount amount = {.events = 1, .bytes = EMP_RECORD_SIZE + U64_t{event.data.size()}};
     U32_t time = header.evTime;
@@ -224,7 +224,7 @@ void EventStats::add(const EventView& event) {
     sources_[header.evSource].add(amount);
     talkers_[U32_t{header.evSource} << 16 | U16_t{header.evId}].add(amount);
     hours_[time / HOUR].add(amount);
-    coming_.push_back(time);
+    coming_[source].push_back(time);
     all_.add(amount);
     first_ = std::min(first_, time);
     last_ = std::max(last_, time);
@@ -283,11 +283,12 @@ std::vector<Share> EventStats::times(U32_t* seconds) const {
     return shares;
 }
 
-void EventStats::endSource(bool ordered) {
-    std::vector<U32_t> line = ordered ? longestRise(coming_) : coming_;
+void EventStats::endSource(bool ordered, size_t source) {
+    const std::vector<U32_t> coming = std::move(coming_[source]);
+    coming_.erase(source);
+    std::vector<U32_t> line = ordered ? longestRise(coming) : coming;
     std::ranges::sort(line);
-    leftOut_ += coming_.size() - line.size();
-    coming_.clear();
+    leftOut_ += coming.size() - line.size();
     auto middle = line_.insert(line_.end(), line.begin(), line.end());
     std::inplace_merge(line_.begin(), middle, line_.end());
 }

@@ -43,10 +43,11 @@ class EventStats {
   public:
     explicit EventStats(const StatsScope& scope = {}) : scope_(scope) {}
 
-    void add(const EventView& event);
+    /** @param source a number for the one that it is of: events of several may come in turn */
+    void add(const EventView& event, size_t source = 0);
 
-    /** The events of one source have come. @param ordered in the order in which they were logged */
-    void endSource(bool ordered);
+    /** The events of a source have come. @param ordered in the order in which they were logged */
+    void endSource(bool ordered, size_t source = 0);
 
     const StatsScope& scope() const { return scope_; }
 
@@ -79,7 +80,7 @@ class EventStats {
     std::vector<Share> timesBy(U32_t hours) const;
 
     StatsScope scope_;
-    std::vector<U32_t> coming_; // times of this source
+    std::map<size_t, std::vector<U32_t>> coming_; // times, by source
     std::vector<U32_t> line_;   // those that count for the rate, sorted
     U64_t leftOut_ = 0;
     std::map<U32_t, Amount> types_;

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <iostream>
 #include <iterator>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -50,24 +51,31 @@ void noteProblems(const sources::Source& source, PassedOver& passedOver) {
     }
 }
 
-/** @param cursor receives how far has been read */
-EventStats count(const sources::Sources& all, const ListingOptions& options, Cursor& cursor) {
+/** Each event once, however many of the sources have it. @param cursor receives how far has been
+ * read */
+EventStats count(sources::Merge& merge, const ListingOptions& options, Cursor& cursor,
+                 std::optional<Resume> resume) {
+    const sources::Sources& all = merge.sources();
     bool isLog = all.size() == 1 && all.front()->origin().kind != sources::Kind::ALTERNATE;
-    std::optional<Resume> resume = resumeOf(options, all);
     cursor = startCursor(options).value_or(Cursor{});
     EventStats stats(
         {.wholeLog = isLog && options.filter.isEmpty() && !resume, .zone = options.output.zone});
+    std::map<const sources::Origin*, size_t> numbers;
     for (const auto& source : all) {
-        while (std::optional<sources::Event> event = source->next()) {
-            if (resume && !resume->wants(*event)) {
-                continue;
-            }
-            cursor.moveTo(*event);
-            if (options.filter.matches(event->view)) {
-                stats.add(event->view);
-            }
+        numbers.emplace(&source->origin(), numbers.size());
+    }
+    while (std::optional<sources::Event> event = merge.next()) {
+        if (resume && !resume->wants(*event)) {
+            continue;
         }
-        stats.endSource(source->origin().kind != sources::Kind::ALTERNATE);
+        cursor.moveTo(*event);
+        if (!event->isDouble && options.filter.matches(event->view)) {
+            stats.add(event->view, numbers.at(event->origin));
+        }
+    }
+    for (const auto& source : all) {
+        stats.endSource(source->origin().kind != sources::Kind::ALTERNATE,
+                        numbers.at(&source->origin()));
     }
     return stats;
 }
@@ -90,8 +98,10 @@ int runStats(const StatsOptions& options) {
         return passedOver.say(tools::EXIT_COULD_NOT);
     }
     Cursor cursor;
-    EventStats stats = count(all, options.listing, cursor);
-    for (const auto& source : all) {
+    std::optional<Resume> resume = resumeOf(options.listing, all);
+    sources::Merge merge(std::move(all));
+    EventStats stats = count(merge, options.listing, cursor, std::move(resume));
+    for (const auto& source : merge.sources()) {
         noteProblems(*source, passedOver);
     }
     const size_t width = widthOfOutput(); // before there is a pager

@@ -145,6 +145,9 @@ TEST_F(Listings, AroundAnEventAreItsNeighbours) {
     EXPECT_EQ(ids({path, "--around", "40", "-n", "1"}), "39 40");
     EXPECT_EQ(linesOf(list({path, "--around", "20"}).output).size(), 21U);
     EXPECT_EQ(ids({path, "--around", "20", "-n", "2", "--seq", "1:10"}), "9 10 20");
+    const Said first = list({path, "--around", "20", "-n", "+2"});
+    EXPECT_EQ(first.status, 2);
+    EXPECT_EQ(first.errors, "evctl: -n: with --around it says how many on each side: no '+'\n");
 }
 
 TEST_F(Listings, AroundOverlappingNeighboursEachIsListedOnce) {
