@@ -126,6 +126,9 @@ Catalog loadCatalog(std::vector<Problem>* problems);
 
 // --- Decoding ------------------------------------------------------------------------------------
 
+/** Whether the data do not end before a field. */
+bool hasValue(const Field& field, std::span<const U8_t> data);
+
 /** A field's value as text: number with unit, name with number, escaped text, digits; "?" when the
  * data ends before it. */
 std::string valueText(const Field& field, std::span<const U8_t> data);
@@ -142,9 +145,9 @@ constexpr size_t PLAIN_TEXT_SHORT = 8;
 constexpr size_t PLAIN_TEXT_SHARE = 4;
 
 /** Data that is text, mostly: UTF-8, with line ends and tabulators, and a few other bytes, such as
- * the codes of a terminal or letters of another character set; what cannot be shown escaped, NULs at
- * its end left out. @return nothing when there is none, when a NUL stands within it, and when more
- * of it than a quarter, or in fewer than 8 bytes any, is something else */
+ * the codes of a terminal or letters of another character set; what cannot be shown escaped, NULs
+ * at its end left out. @return nothing when there is none, when a NUL stands within it, and when
+ * more of it than a quarter, or in fewer than 8 bytes any, is something else */
 std::optional<std::string> plainText(std::span<const U8_t> data);
 
 } // namespace catalog

@@ -97,6 +97,10 @@ std::string textOf(const Field& field, std::span<const U8_t> data, bool isSaid) 
 
 } // namespace
 
+bool hasValue(const Field& field, std::span<const U8_t> data) {
+    return bytesOf(field, data).has_value();
+}
+
 std::string valueText(const Field& field, std::span<const U8_t> data) {
     return textOf(field, data, false);
 }

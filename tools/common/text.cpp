@@ -138,9 +138,14 @@ size_t takeColumns(std::string_view text, size_t& at) {
 } // namespace
 
 std::string escapedText(std::string_view text) {
+    text = text.substr(0, text.find('\0'));
+    auto isShown = [](char letter) { return isPrintable(letter) && letter != '\\'; };
+    if (std::ranges::all_of(text, isShown)) {
+        return std::string(text); // most are
+    }
     std::string shown;
-    for (char letter : text.substr(0, text.find('\0'))) {
-        shown += isPrintable(letter) && letter != '\\' ? std::string(1, letter) : escape(letter);
+    for (char letter : text) {
+        shown += isShown(letter) ? std::string(1, letter) : escape(letter);
     }
     return shown;
 }

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <fcntl.h>
 #include <sstream>
 #include <sys/wait.h>
@@ -81,7 +82,7 @@ TEST_F(Follow, JsonIsOneObjectALine) {
                R"("source":18,"sourceName":"startup","category":4,"categoryName":"disk",)"
                R"("id":3,"idName":"partial_mmsg","idVersion":1,"enclosureId":"E","bladeId":"B",)"
                R"("slotId":2,)" +
-               data + R"(,"text":"a message that came only in part"})" + "\n";
+               data + R"(,"text":"a message that came only in part","severity":"warning"})" + "\n";
     };
     EXPECT_EQ(evctl.output(),
               line("5", R"("type":2,"typeName":"warning",)", R"("length":2,"data":"6869")") +
@@ -287,6 +288,31 @@ TEST_F(Follow, GoesOnBehindTheCursorOfItsLastRun) {
     EXPECT_EQ(idsOf(evctl.output()), (std::vector{7, 8, 9}));
     EXPECT_NE(evctl.output().find("\n-- cursor: c1:"), std::string::npos);
     EXPECT_NE(support::readFile(cursor).find(".7.9."), std::string::npos);
+}
+
+TEST_F(Follow, ShowsItsCursorWhenItIsInterrupted) {
+    const std::string kept = directory_.file("cursor");
+    support::Process evctl = start({"--show-cursor", "--cursor-file", kept});
+    support::MmsgClient peer = listener_.accept();
+    for (U8_t id : {U8_t{5}, U8_t{6}}) {
+        peer.send(eventCopy(id, 2, ""));
+        evctl.waitForOutput("         " + std::to_string(id) + "  ");
+    }
+    evctl.signal(SIGINT);
+    EXPECT_EQ(evctl.wait(), support::diedOf(SIGINT));
+    const std::string cursor = support::readFile(kept);
+    EXPECT_NE(cursor.find(".7.6."), std::string::npos);
+    EXPECT_TRUE(evctl.output().ends_with("\n-- cursor: " + cursor)) << evctl.output();
+}
+
+TEST_F(Follow, TheFirstOnesEndIt) {
+    support::Process evctl = start({"-n", "+2", "--seq", "6:"});
+    support::MmsgClient peer = listener_.accept();
+    for (U8_t id = 5; id <= 8; id++) {
+        peer.send(eventCopy(id, 2, ""));
+    }
+    EXPECT_EQ(evctl.wait(), support::exitedWith(0));
+    EXPECT_EQ(idsOf(evctl.output()), (std::vector{6, 7}));
 }
 
 TEST_F(Follow, BehindACursorWhatTheRingHasLostIsAGap) {

@@ -63,6 +63,67 @@ TEST_F(Get, AFilterThatNothingMatchesEndsAtTheLastEvent) {
     EXPECT_EQ(evctl.errorOutput(), "evctl: there is no such event\n");
 }
 
+TEST_F(Get, SeveralAreAskedForNoFurtherThanTheOldest) {
+    support::Process evctl = start({"get", "last", "-n", "3", "-r", "-o", "csv"});
+    support::MmsgClient peer = listener_.accept();
+    answer(peer, inquiry(FIRST, 0, false), 1, event(8));
+    answer(peer, inquiry(LAST, 0, false), 1, event(9));
+    answer(peer, inquiry(PREVIOUS, 9), 1, event(8));
+    EXPECT_EQ(evctl.wait(), exitedWith(0)) << evctl.errorOutput();
+    EXPECT_THAT(evctl.output(), HasSubstr("\n9,7,"));
+    EXPECT_THAT(evctl.output(), testing::ContainsRegex("\n9,7,.*\n8,7,.*\n$"));
+}
+
+TEST_F(Get, AroundAreTheNeighbours) {
+    support::Process evctl = start({"get", "next", "3", "--around", "6", "-n", "1", "-o", "csv"});
+    support::MmsgClient peer = listener_.accept();
+    answer(peer, inquiry(LAST, 0, false), 1, event(8));
+    for (U8_t id = 3; id < 8; id++) {
+        answer(peer, inquiry(NEXT, id), 1, event(static_cast<U8_t>(id + 1)));
+    }
+    answer(peer, inquiry(NEXT, 8), 2, event(8));
+    EXPECT_EQ(evctl.wait(), exitedWith(0)) << evctl.errorOutput();
+    EXPECT_THAT(evctl.output(), testing::ContainsRegex("data,from\n5,7,.*\n6,7,.*\n7,7,[^\n]*\n$"));
+}
+
+TEST_F(Get, ACursorFileIsReadOnEventByEvent) {
+    const std::vector<std::string> words = {"get", "first", "--cursor-file",
+                                            directory_.file("cursor"), "--json"};
+    {
+        support::Process evctl = start(words);
+        support::MmsgClient peer = listener_.accept();
+        answer(peer, inquiry(FIRST, 0, false), 1, event(3));
+        EXPECT_EQ(evctl.wait(), exitedWith(0));
+    }
+    support::Process evctl = start(words);
+    support::MmsgClient peer = listener_.accept();
+    answer(peer, inquiry(LAST, 0, false), 1, event(9));
+    answer(peer, inquiry(LAST, 0), 1, event(9));
+    answer(peer, inquiry(EXACT, 3), 1, event(3));
+    answer(peer, inquiry(NEXT, 3), 1, event(4));
+    EXPECT_EQ(evctl.wait(), exitedWith(0)) << evctl.errorOutput();
+    EXPECT_THAT(evctl.output(), testing::StartsWith(R"({"sequenceId":4,)"));
+}
+
+TEST_F(Get, NothingBehindTheCursorIsAFinding) {
+    const std::string cursor = directory_.file("cursor");
+    {
+        support::Process evctl = start({"get", "last", "--cursor-file", cursor});
+        support::MmsgClient peer = listener_.accept();
+        answer(peer, inquiry(LAST, 0, false), 1, event(9));
+        EXPECT_EQ(evctl.wait(), exitedWith(0));
+    }
+    support::Process evctl = start({"get", "last", "--cursor-file", cursor});
+    support::MmsgClient peer = listener_.accept();
+    answer(peer, inquiry(LAST, 0, false), 1, event(9));
+    answer(peer, inquiry(LAST, 0), 1, event(9));
+    answer(peer, inquiry(EXACT, 9), 1, event(9));
+    answer(peer, inquiry(LAST, 0), 1, event(9));
+    EXPECT_EQ(evctl.wait(), exitedWith(1));
+    EXPECT_EQ(evctl.output(), "");
+    EXPECT_EQ(evctl.errorOutput(), "evctl: there is no such event\n");
+}
+
 TEST_F(Get, NamedLogIsAskedForAtOnce) {
     support::Process evctl = start(
         {"get", "first", "--enclosure", "E", "--blade", "B", "--slot", "2", "--instance", "7"});

@@ -199,3 +199,35 @@ TEST_F(WalkTest, FollowListensBeforeItAsksAndNeverPolls) {
     EXPECT_EQ(ids(evctl), (std::vector<int>{3, 4, 5, 6}));
     peer.waitForEnd();
 }
+
+TEST_F(WalkTest, FollowBeginsWithTheLastOnesAndLeavesItsCursor) {
+    const std::string cursor = directory_.file("cursor");
+    support::MmsgListener management(directory_.file("smi_ind"));
+    support::Process evctl = start({"walk", "--follow", "-n", "1", "--cursor-file", cursor});
+    support::MmsgClient copies = management.accept();
+    support::MmsgClient peer = listener_.accept();
+    answerFirst(peer, 3);
+    answer(peer, inquiry(NEXT, 3), 1, event(4));
+    answer(peer, inquiry(NEXT, 4), 2, event(4));
+    answer(peer, inquiry(EXACT, 4), 1, event(4));
+    evctl.waitForOutput("         4  ");
+    copies.send(support::makeMmsg({.type = 1}, event(5)));
+    evctl.waitForOutput("         5  ");
+    evctl.signal(SIGTERM);
+    EXPECT_EQ(evctl.wait(), support::diedOf(SIGTERM));
+    EXPECT_EQ(ids(evctl), (std::vector<int>{4, 5}));
+    EXPECT_NE(support::readFile(cursor).find(".7.5."), std::string::npos);
+}
+
+TEST_F(WalkTest, FollowEndsBehindTheFirstOnes) {
+    support::MmsgListener management(directory_.file("smi_ind"));
+    support::Process evctl = start({"walk", "--follow", "-n", "+2"});
+    support::MmsgClient copies = management.accept();
+    support::MmsgClient peer = listener_.accept();
+    answerFirst(peer, 3);
+    answer(peer, inquiry(NEXT, 3), 2, event(3));
+    answer(peer, inquiry(EXACT, 3), 1, event(3));
+    copies.send(support::makeMmsg({.type = 1}, event(4)));
+    EXPECT_EQ(evctl.wait(), exitedWith(0));
+    EXPECT_EQ(ids(evctl), (std::vector<int>{3, 4}));
+}

@@ -310,7 +310,9 @@ TEST(Catalog, PlainTextIsUtf8WithoutControls) {
 }
 
 TEST(Catalog, PlainTextMayHoldAFewOtherBytes) {
-    EXPECT_EQ(plainText(bytesOf("fan \xFC""ber 90 %")), "fan \\xFCber 90 %"); // another character set
+    EXPECT_EQ(plainText(bytesOf("fan \xFC"
+                                "ber 90 %")),
+              "fan \\xFCber 90 %"); // another character set
     EXPECT_EQ(plainText(bytesOf("\x1B[31mhot\x1B[0m")), "\\x1B[31mhot\\x1B[0m");
     EXPECT_EQ(plainText(bytesOf("\1\2abcdef")), "\\x01\\x02abcdef"); // a quarter
     EXPECT_EQ(plainText(bytesOf("\1\2\3abcdef")), std::nullopt);

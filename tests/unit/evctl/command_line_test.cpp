@@ -143,6 +143,51 @@ TEST(CommandLine, HelpShowsRequiredOptionsDefaultsAndWholeTypeNames) {
     EXPECT_THAT(run({"file", "crash", "--help"}).output, HasSubstr("--index summary|all"));
 }
 
+TEST(CommandLine, ReadersShareOneSetOfOptions) {
+    for (const std::vector<std::string>& reader :
+         std::vector<std::vector<std::string>>{{"walk"},
+                                               {"follow"},
+                                               {"get", "first"},
+                                               {"get", "last"},
+                                               {"get", "next"},
+                                               {"get", "previous"},
+                                               {"get", "exact"}}) {
+        EXPECT_THAT(test::lackingOf(reader), testing::IsEmpty()) << testing::PrintToString(reader);
+    }
+}
+
+TEST(CommandLine, WhatNeedsAnEndIsRefusedWhereThereIsNone) {
+    const std::string reason = "not where there is no end, and so no newest event";
+    for (const std::vector<std::string>& reader : std::vector<std::vector<std::string>>{
+             {"follow", "--dir", "/nowhere"}, {"walk", "--follow", "--dir", "/nowhere"}}) {
+        expectRefused(with(reader, "-r"), "--reverse: " + reason);
+        expectRefused(with(reader, "--around=5"), "--around: " + reason);
+        expectRefused(with(reader, "-n+2"), "/nowhere/smi_ind: No such file");
+    }
+}
+
+TEST(CommandLine, CompletionKnowsTheNamesOfIds) {
+    auto completed = [](const std::string& words, const std::string& current) {
+        std::vector<std::string> command = {"complete", "--words=" + words};
+        if (!current.empty()) {
+            command.push_back("--current=" + current);
+        }
+        std::istringstream lines(run(command).output);
+        std::set<std::string> all;
+        for (std::string line; std::getline(lines, line);) {
+            all.insert(line);
+        }
+        return all;
+    };
+    EXPECT_THAT(completed("file list --id", ""), testing::IsSupersetOf({"signal", "dummy"}));
+    EXPECT_THAT(completed("file list --id", "signal,du"), testing::Contains("signal,dummy"));
+    const auto startup = completed("log --source startup --id", "");
+    EXPECT_THAT(startup, testing::Contains("signal"));
+    EXPECT_THAT(startup, testing::Not(testing::Contains("dummy")));
+    EXPECT_THAT(completed("log --id", ""), testing::IsEmpty()); // snmp's have no names
+    EXPECT_THAT(completed("walk --key 0x7ffffff1 --slot", ""), testing::IsEmpty());
+}
+
 TEST(CommandLine, HelpSaysOfWhichOptionsOneIsNeeded) {
     EXPECT_THAT(run({"file", "show", "--help"}).output,
                 HasSubstr("\nRecord, one of these:\n  --seq NUMBER "));

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <regex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -59,6 +60,29 @@ inline std::string pageOfJson(const std::vector<std::string>& command) {
         begin = end;
     }
     return events;
+}
+
+/** The long options that a command's help names. */
+inline std::set<std::string> optionsOf(std::vector<std::string> command) {
+    command.emplace_back("--help");
+    const std::string help = run(command).output;
+    std::set<std::string> options;
+    const std::regex option("(^|\n| |,)(--[a-z-]+)");
+    for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at) {
+        options.insert(at->str(2));
+    }
+    return options;
+}
+
+/** The options that a reader of events lacks, of those that 'file list' has for any. */
+inline std::set<std::string> lackingOf(const std::vector<std::string>& reader) {
+    std::set<std::string> lacking = optionsOf({"file", "list"});
+    EXPECT_GE(lacking.size(), 28U);
+    lacking.erase("--file-order"); // only a file has one
+    for (const std::string& option : optionsOf(reader)) {
+        lacking.erase(option);
+    }
+    return lacking;
 }
 
 } // namespace test

@@ -174,6 +174,10 @@ class InstallTest(unittest.TestCase):
         (("evctl", "file", "list", "--type", ""), {"warning", "error"}), (("evctl", "log", "--source", ""), {"startup", "snmp"}),
         (("evctl", "explain", ""), {"unwrapped", "bad-source"}), (("evctl", "catalog", "show", ""), {"startup"}),
         (("evctl", "file", "list", "--around", ""), {"crash"}), (("evctl", "log", "--text", "x", "--"), {"--hex"}),
+        (("evctl", "file", "list", "--id", ""), {"signal", "dummy"}), (("evctl", "log", "--source", "startup", "--id", ""), {"signal"}),
+        (("evctl", "file", "list", "--type=wa"), {"--type=warning"}), (("evctl", "file", "list", "-r", "--output=js"), {"--output=json"}),
+        (("evctl", "file", "list", "--type", "error,wa"), {"error,warning"}),
+        (("evctl", "file", "list", "--type=error,wa"), {"--type=error,warning"}),
         (("msm", "--"), {"--help"}), (("blade", "--"), {"--slot", "--key"}), (("evarchiver", "--"), {"--listen"}),
     )
 
@@ -189,6 +193,13 @@ class InstallTest(unittest.TestCase):
             "bash", "--norc", "-c", 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _event_manager; '
             'printf "%s\\n" "${COMPREPLY[@]}"', "bash",
             str(self.tree / "share/bash-completion/completions" / words[0]), *words, env=environment))
+
+    def test_bash_completes_where_a_value_is_a_word_of_its_own(self):
+        source = f"source {self.tree}/share/bash-completion/completions/evctl; "
+        for words, expected in (("=", "warning"), ("= wa", "warning"), ("= error,wa", "error,warning")):
+            done = run("bash", "--norc", "-c", source + f"COMP_WORDS=(evctl file list --type {words}); COMP_CWORD=$((${{#COMP_WORDS[@]}} - 1)); "
+                       "_event_manager; echo ${COMPREPLY[@]}", env={**os.environ, "PATH": f"{self.tree}/bin:{os.environ['PATH']}"})
+            self.assertIn(expected, done.stdout.split(), words)
 
     def test_zsh_completes_by_the_programs_help(self):
         self.check_completion(lambda words, environment: run(

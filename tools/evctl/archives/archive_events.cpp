@@ -134,29 +134,23 @@ int tellCursor(const EventsOptions& options, const Cursor& read) {
                                                             : tools::EXIT_COULD_NOT;
 }
 
-int runEvents(const EventsOptions& options) {
+int listArchive(const EventsOptions& options, const std::string& ifNone) {
     sources::Sources logs =
         sources::archiveSources(options.logs.path, {.logs = options.logs.choice,
                                                     .allGenerations = options.logs.allGenerations});
     bool several = logs.size() > 1;
-    return listSources(std::move(logs), options.listing, several);
+    return listSources(std::move(logs), options.listing, several, ifNone);
 }
 
-int runGet(const EventsOptions& options) {
-    EventPrinter printer(options.listing.output);
-    bool isFound = false;
-    const U64_t damaged = forEachEvent(options.logs, [&](const auto&, const auto& event) {
-        if (event.sequenceId == options.sequenceId) {
-            printer.printNow(viewOf(event));
-            isFound = true;
-        }
-    });
-    if (isFound) {
-        return tools::EXIT_DONE;
-    }
-    std::cerr << "evctl: no log holds an event with id " << options.sequenceId << "\n";
-    conclude(damaged); // it may be one of them
-    return tools::EXIT_FINDING;
+int runEvents(const EventsOptions& options) {
+    return listArchive(options, "");
+}
+
+int runGet(const EventsOptions& given) {
+    EventsOptions options = given;
+    options.listing.filter.onlySequenceId = options.sequenceId;
+    return listArchive(options,
+                       "no log holds an event with id " + std::to_string(options.sequenceId));
 }
 
 /** A file that was not there before, for its owner only; gone again unless it is finished. */
@@ -203,9 +197,9 @@ int runExport(const EventsOptions& options) {
     Cursor read;
     const U64_t damaged =
         forEachWanted(options, read, [&](const auto& generation, const auto& event) {
-            file.write(jsonLineOf(
-                {}, eventMembers(viewOf(event)),
-                {{"generation", generation.number.generation}, {"received", event.received}}));
+            file.write(jsonLineOf({eventMembers(viewOf(event)),
+                                   numberMember("generation", generation.number.generation),
+                                   numberMember("received", event.received)}));
             ++count;
         });
     file.finish();
@@ -285,8 +279,7 @@ void addArchiveEventCommands(CLI::App& group, Chosen& chosen) {
     get->add_option("ID", getOptions->sequenceId, "Sequence id")
         ->required()
         ->check(tools::wholeNumber(0, UINT32_MAX));
-    addZoneOption(*get, getOptions->listing.output.zone);
-    addOutputOptions(*get, getOptions->listing.output);
+    addListingOptions(*get, getOptions->listing);
 
     const auto [stats, statsOptions] =
         addOne(group, chosen, "stats", "Count its logs, events and bytes.", runStats);

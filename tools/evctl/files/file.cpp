@@ -4,6 +4,7 @@
 #include "common/text.h"
 #include "configuration.h"
 #include "evctl/commands.h"
+#include "evctl/wire/blade_options.h"
 #include "evlog/guess.h"
 
 #include <algorithm>
@@ -26,8 +27,27 @@ void addFileCommands(CLI::App& parent, Chosen& chosen) {
     addFileCrashCommand(group, chosen);
 }
 
+std::string ownLog() {
+    try {
+        const MPU_PARAMS_t& params = attachParams({});
+        return tools::fieldText(params.nvramDirectory, sizeof(params.nvramDirectory)) +
+               EMP_LOG_FILE_NAME;
+    } catch (const std::runtime_error& problem) {
+        throw std::runtime_error(std::string("no FILE is named; ") + problem.what());
+    }
+}
+
 void addFileArgument(CLI::App& command, std::string& path) {
-    command.add_option("FILE", path, "The event log file; it is only read")->required();
+    command.add_option("FILE", path,
+                       "The event log file; it is only read. Without it the log of the blade of "
+                       "EVCTL_KEY, or of the only one that runs here");
+    command.parse_complete_callback([&path] {
+        try {
+            path = path.empty() ? ownLog() : path;
+        } catch (const std::runtime_error& problem) {
+            throw CLI::ValidationError(problem.what());
+        }
+    });
 }
 
 std::vector<sources::LogFile> loadLogFiles(const std::string& path, int* status) {

@@ -14,7 +14,10 @@
 
 namespace evctl {
 
-/** Adds the positional argument FILE. */
+/** The log of the blade that EVCTL_KEY names, or of the only one that runs here. Throws. */
+std::string ownLog();
+
+/** Adds the positional argument FILE; when it is not there, ownLog() is meant. */
 void addFileArgument(CLI::App& command, std::string& path);
 
 /** What a file holds, compressed or a bundle as it may be; what is wrong on the way goes to

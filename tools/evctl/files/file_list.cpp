@@ -1,11 +1,9 @@
 /** evctl file list: the events of log files and all that keeps events, one line each. */
-#include "common/text.h"
-#include "emp_evl.h"
 #include "evctl/commands.h"
+#include "evctl/files/file.h"
 #include "evctl/listing/listing.h"
 #include "evctl/listing/passed_over.h"
 #include "evctl/ring/blade_source.h"
-#include "evctl/wire/blade_options.h"
 
 #include <algorithm>
 #include <iterator>
@@ -31,17 +29,6 @@ struct ListOptions {
     ListingOptions listing;
     bool fileOrder = false;
 };
-
-/** The log of the blade that EVCTL_KEY names, or of the only one that runs here. */
-std::string ownLog() {
-    try {
-        const MPU_PARAMS_t& params = attachParams({});
-        return tools::fieldText(params.nvramDirectory, sizeof(params.nvramDirectory)) +
-               EMP_LOG_FILE_NAME;
-    } catch (const std::runtime_error& problem) {
-        throw std::runtime_error(std::string("no FILE is named; ") + problem.what());
-    }
-}
 
 int runList(const ListOptions& options) {
     sources::OpenOptions how = {.fileOrder = options.fileOrder,

@@ -145,6 +145,7 @@ bool EventFilter::matches(const EmpEvLogHeader_t& header) const {
            holds(categories, header.evCategory) && holdsId(*this, header) &&
            sequenceId >= firstSequenceId.value_or(0) &&
            sequenceId <= lastSequenceId.value_or(UINT32_MAX) &&
+           sequenceId == onlySequenceId.value_or(sequenceId) &&
            header.evTime >= since.value_or(0) && header.evTime <= until.value_or(UINT32_MAX) &&
            logs.matches(header);
 }
@@ -158,8 +159,8 @@ bool EventFilter::matches(const EventView& event) const {
 
 bool EventFilter::isEmpty() const {
     return types.empty() && sources.empty() && categories.empty() && ids.empty() &&
-           namedIds.empty() && !firstSequenceId && !lastSequenceId && !since && !until &&
-           !pattern && logs == sources::LogChoice{};
+           namedIds.empty() && !firstSequenceId && !lastSequenceId && !onlySequenceId && !since &&
+           !until && !pattern && logs == sources::LogChoice{};
 }
 
 void addZoneOption(CLI::App& command, Zone& zone) {

@@ -31,6 +31,7 @@ struct EventFilter {
                                                                     ///< event of ids or of these
     std::optional<U32_t> firstSequenceId;
     std::optional<U32_t> lastSequenceId;
+    std::optional<U32_t> onlySequenceId;    ///< within these
     std::optional<U32_t> since;             ///< seconds since 1970
     std::optional<U32_t> until;             ///< that second included
     std::shared_ptr<const regex_t> pattern; ///< what the text column must hold

@@ -50,9 +50,13 @@ void Copies::takeIn(const LogPosition& shown) {
     forget(shown);
 }
 
-Bytes Copies::next(const LogPosition& shown) {
+std::optional<Bytes> Copies::next(const LogPosition& shown, Deadline deadline) {
     for (forget(shown); kept_.empty(); forget(shown)) {
-        keep(*session_.receive(std::nullopt));
+        std::optional<Bytes> message = session_.receive(deadline);
+        if (!message) {
+            return std::nullopt;
+        }
+        keep(*std::move(message));
     }
     Bytes message = std::move(kept_.front());
     kept_.pop_front();

@@ -33,8 +33,9 @@ class Copies {
     /** Takes in what has come, without waiting, and forgets what has been shown meanwhile. */
     void takeIn(const LogPosition& shown);
 
-    /** The next event that has not been shown; waits for it. Throws SessionError. */
-    Bytes next(const LogPosition& shown);
+    /** The next event that has not been shown; waits for it, or for the deadline: nothing. Throws
+     * SessionError. */
+    std::optional<Bytes> next(const LogPosition& shown, Deadline deadline = std::nullopt);
 
   private:
     void keep(Bytes message);

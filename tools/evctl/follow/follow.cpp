@@ -5,11 +5,14 @@
 #include "evctl/follow/walk_start.h"
 #include "evctl/listing/listing.h"
 #include "evctl/wire/event_message.h"
+#include "evctl/wire/stop.h"
 
+#include <algorithm>
 #include <csignal>
 #include <deque>
 #include <fcntl.h>
 #include <iostream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <poll.h>
 #include <unistd.h>
@@ -30,11 +33,16 @@ struct FollowOptions {
     ListingOptions listing; // filters, output and cursors of it
     bool refill = false;
     bool retry = false;
-    U64_t count = 0;    // 0: without end
+    U64_t count = 0;    // 0: without end, unless the listing wants only the first ones
     double timeout = 0; // seconds; 0: without end
+
+    /** How many are to be shown; 0: without end. */
+    U64_t limit() const {
+        const U64_t first = listing.first.value_or(0);
+        return count == 0 || first == 0 ? count + first : std::min(count, first);
+    }
 };
 
-constexpr std::chrono::seconds CURSOR_KEPT_EVERY{1};
 constexpr std::chrono::seconds RETRIED_EVERY{1};
 
 Deadline deadlineOf(const FollowOptions& options) {
@@ -48,14 +56,15 @@ Deadline deadlineOf(const FollowOptions& options) {
 class Follow {
   public:
     explicit Follow(const FollowOptions& options)
-        : options_(options), printer_(options.listing.output),
+        : options_(options), printer_(options.listing.output), keeper_(options.listing.cursorFile),
           directory_(switchDirectory(options.where)) {}
 
     /** @return the exit status; throws ReaderGone */
     int run();
 
   private:
-    bool isDone() const { return options_.count != 0 && printed_ >= options_.count; }
+    bool isDone() const { return options_.limit() != 0 && printed_ >= options_.limit(); }
+    void readAll(Deadline deadline);
     void begin();
     void beginAnew();
     void rememberNewest();
@@ -68,8 +77,6 @@ class Follow {
     void catchUpBehind(U32_t sequenceId);
     void beginWithLast(U64_t count);
     bool wasCaughtUp(const EmpEvLogHeader_t& header) const;
-    bool keepsCursor() const { return !options_.listing.cursorFile.empty(); }
-    void keepCursor();
     void tellCursor();
     void connectRequester();
     void fill(const Gap& gap);
@@ -78,6 +85,7 @@ class Follow {
 
     const FollowOptions& options_;
     EventPrinter printer_;
+    CursorKeeper keeper_;
     std::string directory_; // of the switch: a blade that restarts is not asked for it again
     std::optional<Session> session_;
     GapWatch gaps_;
@@ -87,8 +95,6 @@ class Follow {
     bool hasBegun_ = false;              // everything from here on is wanted
     bool isAway_ = false;                // the switch, which has been said
     Cursor cursor_;
-    bool isCursorKept_ = true; // in its file
-    Clock::time_point cursorKept_;
     std::optional<U32_t> caughtUp_; // the last id of the own log that was asked for
     U64_t printed_ = 0;
     int status_ = tools::EXIT_DONE;
@@ -106,35 +112,28 @@ void Follow::show(const EventView& event) {
         throw ReaderGone("nobody reads standard output any more");
     }
     cursor_.moveTo({.view = event});
-    isCursorKept_ = false;
-    if (keepsCursor() && Clock::now() - cursorKept_ >= CURSOR_KEPT_EVERY) {
-        keepCursor();
-    }
-}
-
-void Follow::keepCursor() {
-    writeCursorFile(options_.listing.cursorFile, cursor_);
-    isCursorKept_ = true;
-    cursorKept_ = Clock::now();
+    keeper_.move(cursor_);
 }
 
 void Follow::tellCursor() {
+    if (cursor_.empty()) {
+        return; // nothing has come
+    }
     if (options_.listing.showCursor) {
         printer_.printCursor(cursor_.text());
     }
-    if (keepsCursor()) {
-        keepCursor();
-    }
+    keeper_.move(cursor_);
+    keeper_.keep(cursor_);
 }
 
 /** The next message; the cursor does not wait in memory for it. */
 std::optional<Bytes> Follow::receive(Deadline deadline) {
-    Deadline soon = Clock::now() + CURSOR_KEPT_EVERY;
-    if (keepsCursor() && !isCursorKept_ && (!deadline || *soon < *deadline)) {
-        if (std::optional<Bytes> message = session_->receive(soon)) {
+    const Deadline due = keeper_.due();
+    if (due && (!deadline || *due < *deadline)) {
+        if (std::optional<Bytes> message = session_->receive(due)) {
             return message;
         }
-        keepCursor();
+        keeper_.keep(cursor_);
     }
     return session_->receive(deadline);
 }
@@ -327,7 +326,7 @@ void Follow::goOn(Deadline deadline) {
     while (!isDone()) {
         std::optional<Bytes> message = receive(deadline);
         if (!message) {
-            status_ = options_.count == 0 ? status_ : int{tools::EXIT_FINDING};
+            status_ = options_.limit() == 0 ? status_ : int{tools::EXIT_FINDING};
             return;
         }
         take(*message);
@@ -344,16 +343,17 @@ bool Follow::waitForSwitch(const SessionError& problem, Deadline deadline) {
     const bool isLast = deadline && *deadline < next;
     const auto time = std::chrono::ceil<std::chrono::milliseconds>(
         std::max((isLast ? *deadline : next) - Clock::now(), Clock::duration::zero()));
-    struct pollfd reader = {.fd = STDOUT_FILENO, .events = 0, .revents = 0};
-    if (poll(&reader, 1, static_cast<int>(time.count())) > 0) {
-        throw ReaderGone("nobody reads standard output any more");
+    struct pollfd ends[2] = {{.fd = STDOUT_FILENO, .events = 0, .revents = 0},
+                             {.fd = Stop::descriptor(), .events = POLLIN, .revents = 0}};
+    if (poll(ends, std::size(ends), static_cast<int>(time.count())) > 0) {
+        ends[1].revents != 0 ? throw Stopped()
+                             : throw ReaderGone("nobody reads standard output any more");
     }
-    status_ = isLast && options_.count != 0 ? int{tools::EXIT_FINDING} : status_;
+    status_ = isLast && options_.limit() != 0 ? int{tools::EXIT_FINDING} : status_;
     return !isLast;
 }
 
-int Follow::run() {
-    const Deadline deadline = deadlineOf(options_);
+void Follow::readAll(Deadline deadline) {
     for (bool isOver = false; !isOver;) {
         try {
             beginAnew();
@@ -366,11 +366,25 @@ int Follow::run() {
             isOver = !waitForSwitch(problem, deadline);
         }
     }
+}
+
+int Follow::run() {
+    std::optional<Stop> stop;
+    if (options_.listing.showCursor || !options_.listing.cursorFile.empty()) {
+        stop.emplace();
+    }
+    try {
+        readAll(deadlineOf(options_));
+    } catch (const Stopped&) {
+        tellCursor();
+        Stop::obey();
+    }
     tellCursor();
     return status_;
 }
 
 int runFollow(const FollowOptions& options) {
+    refuseWithoutEnd(options.listing);
     if ((fcntl(STDOUT_FILENO, F_GETFL) & O_ACCMODE) == O_RDONLY) {
         throw std::runtime_error("cannot write standard output");
     }
@@ -380,7 +394,7 @@ int runFollow(const FollowOptions& options) {
         return Follow(options).run();
     } catch (const ReaderGone&) {
         std::cout.clear();
-        return options.count == 0 ? tools::EXIT_DONE : tools::EXIT_FINDING;
+        return options.limit() == 0 ? tools::EXIT_DONE : tools::EXIT_FINDING;
     }
 }
 
@@ -394,17 +408,9 @@ void addFollowCommand(CLI::App& parent, Chosen& chosen) {
     addNamedOption(command, "--endpoint", options->endpoint, tools::endpointNames,
                    MMSG_E_MAX_DEFINED_EPIDS - 1, "Endpoint to listen as");
     ListingOptions& listing = options->listing;
-    addZoneOption(command, listing.output.zone);
-    addFilterOptions(command, listing.filter, &listing.output.zone);
+    addListingOptions(command, listing);
     addLogChoice(command, listing.filter.logs);
-    addCursorOptions(command, listing);
-    command
-        .add_option("-n,--last", listing.last,
-                    "Begin with so many events that the blade's log holds already")
-        ->type_name("NUMBER")
-        ->check(tools::wholeNumber(1))
-        ->group("Selection");
-    addOutputOptions(command, listing.output);
+    describeWithoutEnd(command);
     command.add_flag("--refill", options->refill,
                      "Ask the event manager for events of its log that did not come; without it a "
                      "gap in the sequence ids is only said");

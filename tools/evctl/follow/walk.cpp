@@ -5,6 +5,7 @@
 #include "evctl/listing/listing.h"
 #include "evctl/wire/event_message.h"
 #include "evctl/wire/inquiry.h"
+#include "evctl/wire/stop.h"
 
 #include <algorithm>
 #include <charconv>
@@ -37,6 +38,7 @@ class Walk {
     int run();
 
   private:
+    int readAll();
     int walkOn();
     bool findStart();
     bool goBehind(const Cursor& cursor);
@@ -52,6 +54,7 @@ class Walk {
     Listing listing_;
     LogPosition shown_;
     bool started_ = false; // shown_.sequenceId means something
+    bool isRead_ = true;   // what comes is wanted
 };
 
 std::string Walk::whereToGoOn() const {
@@ -64,7 +67,8 @@ bool Walk::show(Bytes message, const EventView& event) {
     sources::Event shown;
     shown.view = event;
     shown.storage = std::make_shared<const Bytes>(std::move(message)); // its bytes stay in place
-    return listing_.take(std::move(shown));
+    isRead_ = listing_.take(std::move(shown));
+    return isRead_;
 }
 
 /** @return false when there is no first event, which has been said */
@@ -136,7 +140,7 @@ int Walk::end(const InquiryAnswer& refusal) {
 }
 
 int Walk::walkOn() {
-    for (;;) {
+    while (isRead_) {
         if (copies_ != nullptr) {
             copies_->takeIn(shown_);
         }
@@ -151,41 +155,60 @@ int Walk::walkOn() {
         }
         EventView event = answer.event();
         shown_.sequenceId = id;
-        if (!show(std::move(answer.message), event)) {
-            return tools::EXIT_DONE;
-        }
+        show(std::move(answer.message), event);
     }
+    return tools::EXIT_DONE;
 }
 
 void Walk::follow() {
-    for (;;) {
-        Bytes message = copies_->next(shown_);
+    isRead_ = isRead_ && listing_.goLive();
+    while (isRead_) {
+        std::optional<Bytes> message = copies_->next(shown_, listing_.cursorDue());
+        if (!message) {
+            listing_.keepCursor();
+            continue;
+        }
         EventView event{};
-        readEventMessage(message, &event);
+        readEventMessage(*message, &event);
         shown_.moveTo(*event.header);
-        show(std::move(message), event);
+        show(*std::move(message), event);
     }
 }
 
-int Walk::run() {
+int Walk::readAll() {
     try {
         if (!findStart()) {
             return tools::EXIT_FINDING;
         }
-        int status = walkOn();
-        if (status != tools::EXIT_DONE || copies_ == nullptr) {
-            return std::max(status, listing_.finish());
+        const int status = walkOn();
+        if (status == tools::EXIT_DONE && copies_ != nullptr) {
+            follow();
         }
-        follow();
-        return tools::EXIT_DONE;
+        return status;
     } catch (const SessionError& problem) {
         throw SessionError(problem.what() + (started_ ? whereToGoOn() : ""));
+    }
+}
+
+int Walk::run() {
+    std::optional<Stop> stop;
+    const ListingOptions& listing = options_.listing;
+    if (copies_ != nullptr && (listing.showCursor || !listing.cursorFile.empty())) {
+        stop.emplace();
+    }
+    try {
+        const int status = readAll();
+        return started_ ? std::max(status, listing_.finish()) : status;
+    } catch (const Stopped&) {
+        listing_.finish();
+        Stop::obey();
     }
 }
 
 int runWalk(const WalkOptions& options) {
     std::optional<Copies> copies;
     if (options.follow) {
+        refuseWithoutEnd(options.listing);
         // Before anything is asked: what the walk does not find any more comes as a copy.
         copies.emplace(switchDirectory(options.request.where));
     }
@@ -222,13 +245,10 @@ void addWalkCommand(CLI::App& parent, Chosen& chosen) {
         ->type_name("INSTANCE:ID")
         ->excludes("--instance");
     addListingOptions(command, options->listing);
-    CLI::Option* follow = command.add_flag(
-        "-f,--follow", options->follow, "Go on with new events as the event manager takes them in");
-    // These need to know where the end is.
-    for (const char* whole :
-         {"--last", "--reverse", "--around", "--show-cursor", "--cursor-file"}) {
-        follow->excludes(command.get_option(whole));
-    }
+    command.add_flag(
+        "-f,--follow", options->follow,
+        "Go on with new events as the event manager takes them in, without an end: not "
+        "with -r and --around");
     for (const char* start : {"--cursor", "--after-cursor", "--cursor-file"}) {
         command.get_option("--after")->excludes(command.get_option(start));
     }

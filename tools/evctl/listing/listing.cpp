@@ -16,6 +16,7 @@ namespace evctl {
 namespace {
 
 constexpr U64_t NEIGHBOURS = 10;
+constexpr std::chrono::seconds CURSOR_KEPT_EVERY{1};
 
 bool isBugCheck(const EmpEvLogHeader_t& header) {
     return header.evSource == MMSG_E_EPID_EVENTLOGMP &&
@@ -165,6 +166,22 @@ void addOrderOptions(CLI::App& command, ListingOptions& options) {
     command.add_flag("-r,--reverse", options.reverse, "Newest first")->group("Selection");
 }
 
+void refuseWithoutEnd(const ListingOptions& options) {
+    const bool isReverse = options.reverse;
+    if (isReverse || options.around) {
+        throw CLI::ValidationError(isReverse ? "--reverse" : "--around",
+                                   "not where there is no end, and so no newest event");
+    }
+}
+
+void describeWithoutEnd(CLI::App& command) {
+    command.get_option("--last")->description(
+        "Begin with so many events that the log holds already; with + end behind so many");
+    for (const char* option : {"--reverse", "--around"}) {
+        command.get_option(option)->description("Refused: there is no end, and no newest event");
+    }
+}
+
 void addListingOptions(CLI::App& command, ListingOptions& options) {
     addZoneOption(command, options.output.zone);
     addFilterOptions(command, options.filter, &options.output.zone);
@@ -193,11 +210,12 @@ std::optional<Cursor> startCursor(const ListingOptions& options) {
     return parseCursor(options.cursorFile, text);
 }
 
-Listing::Listing(const ListingOptions& options, bool several, bool live)
-    : options_(checked(options)), pager_(!options.noPager && !live),
+Listing::Listing(const ListingOptions& options, bool several, bool endless)
+    : options_(checked(options)), pager_(!options.noPager && !endless),
       printer_(options.output,
                {.several = several, .paged = pager_.isThere(), .colours = pager_.showsColours()}),
-      live_(live), cursor_(startCursor(options).value_or(Cursor{})) {}
+      waits_(options.last || options.reverse || options.around), keeper_(options.cursorFile),
+      cursor_(startCursor(options).value_or(Cursor{})) {}
 
 bool Listing::isAnchor(const sources::Event& event) const {
     const EmpEvLogHeader_t& header = *event.view.header;
@@ -205,13 +223,42 @@ bool Listing::isAnchor(const sources::Event& event) const {
                                        : isBugCheck(header);
 }
 
+bool Listing::show(const sources::Event& event) {
+    printer_.print(event);
+    if (live_) {
+        std::cout.flush();
+    }
+    return static_cast<bool>(std::cout);
+}
+
+bool Listing::goLive() {
+    live_ = true;
+    waits_ = false;
+    bool isRead = !isFull();
+    for (const sources::Event& event : kept_) {
+        isRead = show(event) && isRead;
+    }
+    kept_.clear();
+    keeper_.move(cursor_);
+    return isRead && std::cout.flush();
+}
+
 bool Listing::take(sources::Event event) {
-    if (options_.first && taken_ == *options_.first && !options_.around) {
+    if (isFull()) {
         return false;
     }
     if (options_.showCursor || !options_.cursorFile.empty()) {
         cursor_.moveTo(event);
     }
+    const bool isRead = place(std::move(event));
+    if (live_ && std::cout) {
+        keeper_.move(cursor_);
+    }
+    return isRead;
+}
+
+/** Shows it, keeps it, or passes it over. @return as take() */
+bool Listing::place(sources::Event event) {
     const EmpEvLogHeader_t& header = *event.view.header;
     const bool isAroundCrash = options_.around && !options_.around->sequenceId;
     if (event.isDouble || (isAroundCrash && isRestOfBugCheck(header))) {
@@ -221,18 +268,14 @@ bool Listing::take(sources::Event event) {
         return true;
     }
     taken_++;
-    if (!options_.last && !options_.reverse && !options_.around) {
-        printer_.print(event);
-        if (live_) {
-            std::cout.flush();
-        }
-        return static_cast<bool>(std::cout);
+    if (!waits_) {
+        return show(event) && !isFull();
     }
     kept_.push_back(std::move(event));
     if (!options_.around && kept_.size() > options_.last.value_or(UINT64_MAX)) {
         kept_.pop_front();
     }
-    return true;
+    return !isFull();
 }
 
 /** Leaves of what is kept the anchors and their neighbours. */
@@ -296,6 +339,26 @@ int Listing::finish() {
     return !isShown ? tools::EXIT_COULD_NOT : foundAnchor_ ? tools::EXIT_DONE : tools::EXIT_FINDING;
 }
 
+void CursorKeeper::move(const Cursor& cursor) {
+    isKept_ = path_.empty();
+    if (std::chrono::steady_clock::now() - kept_ >= CURSOR_KEPT_EVERY) {
+        keep(cursor);
+    }
+}
+
+std::optional<std::chrono::steady_clock::time_point> CursorKeeper::due() const {
+    return isKept_ ? std::nullopt : std::optional(kept_ + CURSOR_KEPT_EVERY);
+}
+
+void CursorKeeper::keep(const Cursor& cursor) {
+    if (isKept_) {
+        return;
+    }
+    writeCursorFile(path_, cursor);
+    isKept_ = true;
+    kept_ = std::chrono::steady_clock::now();
+}
+
 std::optional<Resume> resumeOf(const ListingOptions& options, const sources::Sources& sources) {
     std::optional<Cursor> cursor = startCursor(options);
     if (!cursor) {
@@ -309,7 +372,8 @@ std::optional<Resume> resumeOf(const ListingOptions& options, const sources::Sou
     return resume;
 }
 
-int listSources(sources::Sources sources, const ListingOptions& options, bool several) {
+int listSources(sources::Sources sources, const ListingOptions& options, bool several,
+                const std::string& ifNone) {
     std::optional<Resume> resume = resumeOf(options, sources);
     sources::Merge merge(std::move(sources));
     int status = tools::EXIT_DONE;
@@ -320,6 +384,10 @@ int listSources(sources::Sources sources, const ListingOptions& options, bool se
             isRead = !resume || resume->wants(*event) ? listing.take(*std::move(event)) : isRead;
         }
         status = listing.finish();
+        if (!ifNone.empty() && listing.taken() == 0) {
+            std::cerr << "evctl: " << ifNone << "\n";
+            status = std::max<int>(status, tools::EXIT_FINDING);
+        }
     }
     for (const auto& source : merge.sources()) {
         sayProblems(*source, several);

@@ -81,7 +81,7 @@ class EventStats {
 
     StatsScope scope_;
     std::map<size_t, std::vector<U32_t>> coming_; // times, by source
-    std::vector<U32_t> line_;   // those that count for the rate, sorted
+    std::vector<U32_t> line_;                     // those that count for the rate, sorted
     U64_t leftOut_ = 0;
     std::map<U32_t, Amount> types_;
     std::map<U32_t, Amount> sources_;

@@ -1,5 +1,6 @@
 /** evctl stats: what a log is filled with, and how fast. */
 #include "evctl/commands.h"
+#include "evctl/files/file.h"
 #include "evctl/listing/listing.h"
 #include "evctl/listing/passed_over.h"
 #include "evctl/numbers/event_stats.h"
@@ -85,7 +86,11 @@ Form formOfNote(const std::string& form) {
     return form == "json" ? Form::JSON : form == "svg" ? Form::SYSLOG : Form::SHORT;
 }
 
-int runStats(const StatsOptions& options) {
+int runStats(const StatsOptions& given) {
+    StatsOptions options = given;
+    if (options.paths.empty()) {
+        options.paths.push_back(ownLog());
+    }
     sources::Sources all;
     PassedOver passedOver;
     for (const std::string& path : options.paths) {
@@ -130,7 +135,9 @@ void addStatsCommand(CLI::App& parent, Chosen& chosen) {
     CLI::App& command =
         addCommand(parent, "stats", "Count events by type, source and hour; say what fills a log.",
                    STATS_EXAMPLES);
-    command.add_option("LOG", options->paths, "Where the events are")->required();
+    command.add_option("LOG", options->paths,
+                       "Where the events are. Without it in the log of the blade of EVCTL_KEY, or "
+                       "of the only one that runs here");
     ListingOptions& listing = options->listing;
     addZoneOption(command, listing.output.zone);
     addFilterOptions(command, listing.filter, &listing.output.zone);

@@ -7,17 +7,24 @@
 
 #include "evctl/views/event_view.h"
 
+#include <initializer_list>
+#include <string_view>
+
 namespace evctl {
 
-/** The members of an event, with commas between and no braces: numbers, names, and the data as
- * hexadecimal digits. */
+/** The members of an event, with commas between and no braces: numbers, names, the data as
+ * hexadecimal digits, and what the catalogue makes of them. */
 std::string eventMembers(const EventView& event);
 
 /** What only a record in a file has: offset, part of the ring, whether it is taken. */
 std::string placeMembers(const EvlogRecord_t& record);
 
-/** A line with the object of all members of @p before, @p members and @p behind. */
-std::string jsonLineOf(const Json& before, const std::string& members, const Json& behind);
+/** One member more, likewise. */
+std::string textMember(std::string_view name, std::string_view value);
+std::string numberMember(std::string_view name, S64_t value);
+
+/** A line with the object of members as these functions give them; what is empty is left out. */
+std::string jsonLineOf(std::initializer_list<std::string_view> members);
 
 /** eventMembers() as an object. */
 Json eventJson(const EventView& event);

@@ -136,20 +136,11 @@ std::string EventPrinter::lineOf(const sources::Event& event) const {
 }
 
 std::string EventPrinter::jsonOf(const sources::Event& event) const {
-    Json before = Json::object();
-    if (place_.several) {
-        before["from"] = nameOf(event);
-    }
-    Json behind = Json::object();
-    if (std::string advice = options_.advice ? catalog::adviceOf(event.view) : "";
-        !advice.empty()) {
-        behind["advice"] = advice;
-    }
-    std::string members = eventMembers(event.view);
-    if (event.record != nullptr) {
-        members = placeMembers(*event.record) + "," + members;
-    }
-    return jsonLineOf(before, members, behind);
+    const std::string advice = options_.advice ? catalog::adviceOf(event.view) : "";
+    return jsonLineOf({place_.several ? textMember("from", nameOf(event)) : "",
+                       event.record != nullptr ? placeMembers(*event.record) : "",
+                       eventMembers(event.view),
+                       !advice.empty() ? textMember("advice", advice) : ""});
 }
 
 std::string EventPrinter::fullOf(const sources::Event& event) const {

@@ -1,11 +1,13 @@
 #include "evctl/wire/session.h"
 
 #include "common/endpoint.h"
+#include "evctl/wire/stop.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <iterator>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -76,11 +78,15 @@ Session::~Session() {
 /** @return false at the deadline */
 bool Session::waitFor(short events, Deadline deadline, short* ready) {
     for (;;) {
-        struct pollfd entries[2] = {{.fd = descriptor_, .events = events, .revents = 0},
-                                    {.fd = reader_, .events = 0, .revents = 0}};
-        int count = poll(entries, 2, pollTimeout(deadline));
+        struct pollfd entries[3] = {{.fd = descriptor_, .events = events, .revents = 0},
+                                    {.fd = reader_, .events = 0, .revents = 0},
+                                    {.fd = Stop::descriptor(), .events = POLLIN, .revents = 0}};
+        int count = poll(entries, std::size(entries), pollTimeout(deadline));
         if (count < 0 && errno != EINTR) {
             fail("poll", errno);
+        }
+        if (count > 0 && entries[2].revents != 0) {
+            throw Stopped();
         }
         if (count > 0 && entries[1].revents != 0) {
             throw ReaderGone("nobody reads standard output any more");

@@ -50,7 +50,8 @@ inline const MMCH_t& mmchOf(const Bytes& message) {
  */
 Bytes makeMessage(EMP_MESGS_TYPE_e type, U32_t requestor, size_t bodyLength);
 
-/** One endpoint's socket. What arrives is kept, in order, until it is received. */
+/** One endpoint's socket. What arrives is kept, in order, until it is received. Whatever waits ends
+ * with Stopped when there is a Stop and its signal comes. */
 class Session {
   public:
     /** Connects to @p endpoint's socket in @p directory. Throws SessionError. */

@@ -68,8 +68,26 @@ TEST(EventView, JsonHasNumbersAndNames) {
               R"("enclosureId":"CHASSIS","bladeId":")" +
                   std::string(64, 'B') +
                   R"(","slotId":2,"length":3,"data":"0041ff",)"
-                  R"("text":"process ? (?) died of signal ?"})" +
+                  R"("text":"process ? (?) died of signal ?","severity":"error",)"
+                  R"("fields":{"signal":{"value":null},"pid":{"value":null},)"
+                  R"("name":{"value":null}}})" +
                   "\n");
+}
+
+TEST(EventView, JsonHasTheFieldsThatTheCatalogueKnows) {
+    EmpEvLogHeader_t header = sample();
+    std::vector<U8_t> data(344);
+    data[3] = 11;
+    data[323] = 200;
+    memcpy(data.data() + 324, "\"emp\xFC", 6);
+    const evctl::Json fields = evctl::eventJson({&header, data})["fields"];
+    EXPECT_EQ(fields.dump(), R"({"signal":{"value":11,"name":"SIGSEGV"},"pid":{"value":200},)"
+                             R"("name":{"value":"\"emp\\xFC"}})");
+    header.evId = 3; // has none
+    EXPECT_FALSE(evctl::eventJson({&header, data}).contains("fields"));
+    EXPECT_EQ(evctl::eventJson({&header, data})["severity"], "warning");
+    header.evSource = 34; // nobody's
+    EXPECT_FALSE(evctl::eventJson({&header, data}).contains("severity"));
 }
 
 TEST(EventView, JsonHasNullForNoName) {
