@@ -1,4 +1,5 @@
 /** evctl archive: what is said of an archive, and what is done with one. */
+#include "../json_members.h"
 #include "../run.h"
 
 #include "archive.h"
@@ -146,6 +147,30 @@ TEST_F(ArchiveCommands, StatsCountWhatIsDoubtfulOrSetAside) {
     archive_.commit();
     EXPECT_THAT(archive({"stats", "--json"}).output,
                 HasSubstr(R"("events":2,"bytes":310,"doubtful":1,"setAside":1,)"));
+}
+
+TEST_F(ArchiveCommands, ManualNamesEveryMemberOfJson) {
+    fill({{.id = 1}, {.id = 2}, {.id = 4}, {.id = 1, .time = 9}});
+    change("UPDATE events SET image = substr(image, 1, 100) WHERE id = 2");
+    size_t members = 0;
+    for (const std::vector<std::string>& words :
+         std::vector<std::vector<std::string>>{{"list"},
+                                               {"check"},
+                                               {"stats"},
+                                               {"events", "--show-cursor"},
+                                               {"get", "4"},
+                                               {"backup", "--to", directory_.file("copy")},
+                                               {"prune", "--keep-days", "1", "--dry-run"},
+                                               {"vacuum"}}) {
+        std::vector<std::string> command = words;
+        command.emplace_back("--json");
+        const Said output = archive(command);
+        EXPECT_NE(output.output, "") << words[0] << output.errors;
+        members += test::expectOnThePage({"archive", words[0]}, output.output);
+    }
+    archive({"export", "--to", target_});
+    members += test::expectOnThePage({"archive", "export"}, support::readFile(target_));
+    EXPECT_GE(members, 100U);
 }
 
 TEST_F(ArchiveCommands, ExportWritesAnObjectForEachEvent) {
