@@ -18,9 +18,10 @@
 
 namespace test {
 
-/** The names of members, but for those that are values: of types, endpoints, fields. */
+/** The names of members, but for those that are values: of types, endpoints, fields,
+ * and of events in other objects. */
 inline void addMembers(const nlohmann::json& json, std::set<std::string>& names) {
-    const std::set<std::string> ofValues = {"control", "names"};
+    const std::set<std::string> ofValues = {"control", "names", "event"};
     for (const auto& [name, value] : json.items()) {
         if (json.is_object()) {
             names.insert(name);
