@@ -203,10 +203,11 @@ std::vector<AelFile> inOrderOfReplay(std::vector<AelFile> files) {
 }
 
 std::vector<AelFile> takeAlternates(std::vector<LogFile>& files) {
-    auto alternates = std::ranges::stable_partition(
-        files, [](const LogFile& file) { return file.kind != Kind::ALTERNATE; });
+    auto alternates = std::stable_partition(files.begin(), files.end(), [](const LogFile& file) {
+        return file.kind != Kind::ALTERNATE;
+    });
     std::vector<AelFile> taken;
-    for (LogFile& found : alternates) {
+    for (LogFile& found : std::span(alternates, files.end())) {
         AelFile file;
         file.name = found.name.substr(found.name.find_last_of(":/") + 1);
         file.size = found.image.fileSize;
@@ -215,7 +216,7 @@ std::vector<AelFile> takeAlternates(std::vector<LogFile>& files) {
         judgeAelFile(file);
         taken.push_back(std::move(file));
     }
-    files.erase(alternates.begin(), alternates.end());
+    files.erase(alternates, files.end());
     return inOrderOfReplay(std::move(taken));
 }
 
