@@ -202,10 +202,13 @@ void (*partOf(std::uint8_t choice))(const Bytes&) {
     return parts.at(choice / 2U % parts.size());
 }
 
-std::size_t count(sources::Source& source) {
+/** @param shown of the first ones: all forms of an event take as long as everything else */
+std::size_t count(sources::Source& source, std::size_t shown) {
     std::size_t events = 0;
     while (auto event = source.next()) {
-        show(*event);
+        if (events < shown) {
+            show(*event);
+        }
         events++;
     }
     return events;
@@ -226,9 +229,11 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     try {
         sources::Sources all = sources::openBytes(name, bytes, {.fileOrder = fileOrder});
         for (auto& source : all) {
-            std::size_t events = count(*source);
+            constexpr std::size_t some = 4;
+            std::size_t events = count(*source, some);
             source->rewind();
-            fuzz::expect(count(*source) == events, "a source gives other events when read again");
+            fuzz::expect(count(*source, 0) == events,
+                         "a source gives other events when read again");
             source->rewind();
             resume(*source);
         }
