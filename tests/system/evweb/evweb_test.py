@@ -15,6 +15,7 @@ import tempfile
 import unittest
 
 import web_support as support
+from palette import with_palette
 from web_answers import EVENTS, HOSTILE, HOSTILE_TEXT, NOW, Answers, fill
 from web_support import Archiver, Browser, Postgres, Web, crash, event, wait_until
 
@@ -499,7 +500,7 @@ class Pictures(unittest.TestCase):
                     browser.show(f"http://{web.place}{path}")
                     browser.await_true("document.getElementById('archive').textContent !== ''", "the page to be whole")
                     picture = browser.call("Page.captureScreenshot", format="png")["data"]
-                    (pathlib.Path(PICTURES) / f"evweb-{name}-{look}.png").write_bytes(base64.b64decode(picture))
+                    (pathlib.Path(PICTURES) / f"evweb-{name}-{look}.png").write_bytes(with_palette(base64.b64decode(picture)))
 
 
 if __name__ == "__main__":
