@@ -14,12 +14,13 @@ using Clock = std::chrono::steady_clock;
 
 // Events can come behind later ones of their log: so often all of it is looked through.
 constexpr std::chrono::seconds WHOLE_LOOK{60};
+constexpr std::chrono::seconds OPENING{10};
 
 /** An archive in a file: of each generation of each log the ids that were handed on. */
 class ArchiveFeed final : public Feed {
   public:
     ArchiveFeed(const std::string& archive, const std::string& position, Say say)
-        : store_(evarchive::readerOf(archive)), say_(std::move(say)),
+        : archive_(archive), store_(evarchive::readerOf(archive)), say_(std::move(say)),
           done_(parseLogRuns(position)) {}
 
     Entries more(std::size_t most) override {
@@ -45,6 +46,11 @@ class ArchiveFeed final : public Feed {
     Entries look(std::size_t most) {
         given_.clear();
         Entries entries;
+        // One that was opened while nobody wrote the archive may never see what is written later.
+        if (Clock::now() >= nextOpening_) {
+            store_ = evarchive::readerOf(archive_);
+            nextOpening_ = Clock::now() + OPENING;
+        }
         const auto generations = store_->listGenerations();
         for (const auto& generation : generations) {
             addNewest(generation, most, entries);
@@ -123,11 +129,13 @@ class ArchiveFeed final : public Feed {
         }
     }
 
+    std::string archive_;
     std::unique_ptr<evarchive::StoreReader> store_;
     Say say_;
     LogRuns done_;
     std::vector<std::pair<std::string, U32_t>> given_;
     Clock::time_point nextWholeLook_;
+    Clock::time_point nextOpening_ = Clock::now() + OPENING;
 };
 
 } // namespace
