@@ -171,6 +171,20 @@ TEST_F(LockedLogTest, LinkThatBroughtAnEventOfALockedLogWaitsAsAWhole) {
     EXPECT_EQ(idsOf(1), idsTo(5));
 }
 
+// Its blade has come again: what it is told has all that it sent before.
+TEST_F(LockedLogTest, LogOfWhichSomethingWaitsWaitsOnAnotherLinkToo) {
+    store_->lock({keyOf(1)});
+    batch_.add(2, Batch::Kind::EVENT, eventBody({.log = logOf(1), .id = 5}));
+    addEvents(2, 6, 9);
+    batch_.add(5, Batch::Kind::STATUS, statusBody(logOf(2), 0, {1, 2, 3}));
+    addStatus(3);
+    submit();
+    EXPECT_EQ(waitForReplies(3)[2].link, 3U);
+    store_->lock({});
+    EXPECT_EQ(waitForReplies(4)[3].link, 5U);
+    EXPECT_EQ(waitForReplies(4)[3].verdict, (StatusVerdict{8, 0}));
+}
+
 TEST_F(LockedLogTest, EndSaysWhatIsNotSafe) {
     store_->lock({keyOf(1)});
     addEvents(1, 5, 9);
