@@ -12,6 +12,9 @@ namespace {
 /** A lane over a storage of which somebody keeps logs locked. */
 class LockedLogTest : public LaneFixture {
   protected:
+    // It uses the storage until it has ended, also when a test ends early.
+    void TearDown() override { lane_.reset(); }
+
     void SetUp() override {
         auto store = std::make_unique<MemoryStore>(database_, true);
         store_ = store.get();
@@ -183,6 +186,24 @@ TEST_F(LockedLogTest, LogOfWhichSomethingWaitsWaitsOnAnotherLinkToo) {
     store_->lock({});
     EXPECT_EQ(waitForReplies(4)[3].link, 5U);
     EXPECT_EQ(waitForReplies(4)[3].verdict, (StatusVerdict{8, 0}));
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+}
+
+// The batch it came in is done again: what waits is not in it any more.
+TEST_F(LockedLogTest, ConflictOfAnotherLogLeavesWhatWaitsAlone) {
+    MemoryStore other(database_, true);
+    other.claim(keyOf(2), 0);
+    store_->lock({keyOf(1)});
+    addEvents(1, 5, 9);
+    addEvents(2, 5, 9);
+    submit();
+    EXPECT_EQ(waitForReplies(3)[2].kind, Reply::Kind::SUPERSEDED);
+    store_->lock({});
+    requireSoon([this] { return lane_->state().spooled == 0; }, "all to be safe");
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+    EXPECT_EQ(idsOf(1), idsTo(9));
+    EXPECT_EQ(lane_->state().counts.duplicates, 0U);
+    EXPECT_EQ(database_.aside.size(), 5U);
 }
 
 TEST_F(LockedLogTest, EndSaysWhatIsNotSafe) {
