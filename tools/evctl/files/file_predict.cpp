@@ -14,9 +14,9 @@ namespace evctl {
 namespace {
 
 constexpr char FILE_PREDICT_EXAMPLES[] =
-    "The exit status is 0 when nothing is lost, 1 when events are, or a bug-check will come\n"
-    "later, and 2 when the event manager cannot work with this file; or when it cannot be read,\n"
-    "which standard error says. A file that is not there yet is a new log.\n"
+    "The exit status is 0 when nothing readable is lost, 1 when events are, or a bug-check will\n"
+    "come later, and 2 when the event manager cannot work with this file; or when it cannot be\n"
+    "read, which standard error says. What is damaged is lost already: see 'file verify'. A file that is not there yet is a new log.\n"
     "Whether the log belongs to the blade is judged only when that is named: with --enclosure\n"
     "and --slot, or by the key of its parameter block.\n"
     "Examples:\n"
@@ -65,6 +65,12 @@ std::string bugcheckLine(const EvlogBugcheck_t& bugcheck) {
     return text + "event " + std::to_string(bugcheck.events + 1) +
            " after the start, if each has " + std::to_string(bugcheck.dataLength) +
            " bytes of data";
+}
+
+void printRemedy(const EvlogPrediction_t& prediction) {
+    if (prediction.isFatal()) {
+        std::cout << "'evctl file guard' sets it aside, and puts what can be read into a new log\n";
+    }
 }
 
 void printLines(const EvlogPrediction_t& prediction) {
@@ -118,6 +124,7 @@ int runPredict(const PredictOptions& options) {
     } else {
         std::cout << (isThere ? "" : "there is no such file yet\n");
         printLines(prediction);
+        printRemedy(prediction);
     }
     if (prediction.isFatal()) {
         return tools::EXIT_COULD_NOT;
