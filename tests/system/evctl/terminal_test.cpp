@@ -76,6 +76,14 @@ TEST_F(OnATerminal, LinesAreCutToItsWidth) {
     EXPECT_THAT(list({"-n", "1", "-o", "json"}, {}, 40), EndsWith("\"text\":\"event 60\"}\r\n"));
 }
 
+TEST_F(OnATerminal, TheTextIsSeenOnANarrowOne) {
+    const std::string line = "        60  2006-11-21T14:00:00Z  warning  startup 300  event 60\r\n";
+    EXPECT_EQ(list({"-n", "1", "--color=never"}, {}, 80), line);
+    EXPECT_EQ(list({"-n", "1", "--color=never"}, {{"EVCTL_PAGER", "sed s/^/P:/"}}, 80),
+              "P:" + line);
+    EXPECT_THAT(list({"-n", "1", "--color=never"}, {}, 130), HasSubstr("  disk           300  "));
+}
+
 TEST_F(OnATerminal, ColoursAreSparedWhereTheyAreNotWanted) {
     EXPECT_THAT(list({"-n", "1"}), StartsWith("\x1B[33m        60"));
     EXPECT_THAT(list({"-n", "1"}, {{"NO_COLOR", "1"}}), Not(HasSubstr("\x1B")));

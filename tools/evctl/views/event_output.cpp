@@ -65,6 +65,17 @@ const char* colourOf(const EventView& event) {
     }
 }
 
+// On fewer columns little or nothing would be seen of the texts.
+constexpr size_t WIDE_COLUMNS = 130;
+
+std::optional<size_t> columnsOf(int terminal) {
+    struct winsize size {};
+    if (ioctl(terminal, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
+        return std::nullopt;
+    }
+    return size.ws_col;
+}
+
 /** The whole event, header and data, as it is stored and sent. */
 std::string dumpOf(const EventView& event) {
     const auto* header = reinterpret_cast<const U8_t*>(event.header);
@@ -95,15 +106,14 @@ bool isDumbTerminal() {
 }
 
 std::optional<size_t> outputColumns() {
-    struct winsize size {};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
-        return std::nullopt;
-    }
-    return size.ws_col;
+    return columnsOf(STDOUT_FILENO);
 }
 
 EventPrinter::EventPrinter(const OutputOptions& options, const OutputPlace& place)
     : options_(options), place_(place), columns_(place.paged ? std::nullopt : outputColumns()),
+      // Standard output is the pager's by then.
+      narrow_((place.paged ? columnsOf(STDERR_FILENO) : columns_).value_or(WIDE_COLUMNS) <
+              WIDE_COLUMNS),
       colour_(wantsColour(options.colour, place)) {
     if (options.form == Form::CSV) {
         std::cout << csvHeader();
@@ -132,7 +142,8 @@ std::string EventPrinter::styled(std::string line, const EventView& event) const
 }
 
 std::string EventPrinter::lineOf(const sources::Event& event) const {
-    return eventLine(event.view, {.zone = options_.zone, .blade = place_.several});
+    return eventLine(event.view,
+                     {.zone = options_.zone, .blade = place_.several, .narrow = narrow_});
 }
 
 std::string EventPrinter::jsonOf(const sources::Event& event) const {

@@ -88,10 +88,16 @@ std::string eventLine(const EventView& event, const LineStyle& style) {
     if (style.blade) {
         addColumn(line, bladeName(header), 12);
     }
-    addColumn(line, tools::eventTypeNames.brief(header.evType), 11);
-    addColumn(line, tools::endpointNames.brief(header.evSource), 15);
-    addColumn(line, tools::categoryNames.brief(header.evCategory), 13);
-    addColumn(line, eventIdText(header.evSource, header.evId), 20);
+    const std::string eventId = eventIdText(header.evSource, header.evId);
+    if (style.narrow) {
+        addColumn(line, tools::eventTypeNames.brief(header.evType), 7);
+        addColumn(line, tools::endpointNames.brief(header.evSource) + " " + eventId, 0);
+    } else {
+        addColumn(line, tools::eventTypeNames.brief(header.evType), 11);
+        addColumn(line, tools::endpointNames.brief(header.evSource), 15);
+        addColumn(line, tools::categoryNames.brief(header.evCategory), 13);
+        addColumn(line, eventId, 20);
+    }
     line += catalog::textColumn(event);
     line.erase(line.find_last_not_of(' ') + 1);
     return line;

@@ -42,6 +42,8 @@ std::string eventIdText(U32_t source, U32_t id);
 struct LineStyle {
     Zone zone = Zone::UTC;
     bool blade = false; ///< with a column of the blade's name
+    bool narrow =
+        false; ///< without the category and without room, so that more is seen of the text
 };
 
 /** The event as one line, without line feed. */
