@@ -67,11 +67,13 @@ TEST(Advice, ExplainPrintsTheRow) {
     said = test::run({"explain", "unwrapped"});
     EXPECT_EQ(said.output, "verdict       unwrapped\n"
                            "meaning       a log that has not gone round its end\n"
-                           "what to do    nothing\n");
+                           "what to do    nothing, unless evctl file predict names a bug-check: "
+                           "then evctl file guard\n");
     said = test::run({"explain", "unwrapped", "--json"});
     EXPECT_EQ(said.output, R"({"kind":"verdict","name":"unwrapped","functions":null,)"
                            R"("meaning":"a log that has not gone round its end",)"
-                           R"("whatToDo":"nothing"})"
+                           R"("whatToDo":"nothing, unless evctl file predict names a bug-check: )"
+                           R"(then evctl file guard"})"
                            "\n");
 }
 
