@@ -1,7 +1,10 @@
 #include "evctl/files/file_identity.h"
 
+#include "common/text.h"
+
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <stdexcept>
 
@@ -39,10 +42,21 @@ void addBladeOfFile(CLI::App& command, BladeOfFile& options) {
     addKeyOption(command, options.block)
         ->excludes("--enclosure")
         ->description("Key of the parameter block of the blade that the log is to be of (decimal, "
-                      "0x hexadecimal or 0 octal); else EVCTL_KEY");
+                      "0x hexadecimal or 0 octal); else EVCTL_KEY, of a log in its directory");
 }
 
-std::optional<EvlogIdentity_t> identityOf(const BladeOfFile& options) {
+namespace {
+
+bool isIn(const std::string& path, const std::string& directory) {
+    std::error_code error;
+    const std::filesystem::path place = std::filesystem::weakly_canonical(path, error);
+    const std::filesystem::path home = std::filesystem::canonical(directory, error);
+    return !error && (place == home || place.parent_path() == home);
+}
+
+} // namespace
+
+std::optional<EvlogIdentity_t> identityOf(const BladeOfFile& options, const std::string& path) {
     if (options.identity.enclosure) {
         return identityOf(options.identity);
     }
@@ -50,7 +64,12 @@ std::optional<EvlogIdentity_t> identityOf(const BladeOfFile& options) {
         return std::nullopt;
     }
     try {
-        return identityIn(attachParams(options.block));
+        const MPU_PARAMS_t& params = attachParams(options.block);
+        if (!options.block.given() &&
+            !isIn(path, tools::fieldText(params.nvramDirectory, sizeof(params.nvramDirectory)))) {
+            return std::nullopt; // somebody else's, most likely
+        }
+        return identityIn(params);
     } catch (const CLI::Error&) {
         throw; // what EVCTL_KEY holds is no key
     } catch (const std::runtime_error& problem) {

@@ -38,9 +38,11 @@ EvlogIdentity_t identityIn(const MPU_PARAMS_t& params);
 /** Adds --enclosure and --slot, and --key instead. */
 void addBladeOfFile(CLI::App& command, BladeOfFile& options);
 
-/** What they name, else the block of EVCTL_KEY; nothing when none is named. Throws when there is no
- * such block; that of EVCTL_KEY need not be there, which standard error says. */
-std::optional<EvlogIdentity_t> identityOf(const BladeOfFile& options);
+/** What they name, else the block of EVCTL_KEY, of a log in its directory; nothing when none is
+ * named. Throws when there is no such block; that of EVCTL_KEY need not be there, which standard
+ * error says.
+ * @param path of the log */
+std::optional<EvlogIdentity_t> identityOf(const BladeOfFile& options, const std::string& path);
 
 } // namespace evctl
 

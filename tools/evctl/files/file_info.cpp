@@ -89,7 +89,7 @@ Json infoJson(const InfoOptions& options, const EvlogImage_t& image, const LogCo
 int runInfo(const InfoOptions& options) {
     int status = tools::EXIT_DONE;
     EvlogImage_t image = loadLog(options.path, &status);
-    std::optional<EvlogIdentity_t> identity = identityOf(options.blade);
+    std::optional<EvlogIdentity_t> identity = identityOf(options.blade, options.path);
     LogContent content = readLog(image, identity ? &*identity : nullptr);
     Json json = infoJson(options, image, content);
     std::cout << (options.json ? jsonLine(json) : namedLines(json, 22));

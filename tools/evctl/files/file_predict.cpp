@@ -116,7 +116,7 @@ int runPredict(const PredictOptions& options) {
     bool isThere = !isMissing(options.path);
     int status = tools::EXIT_DONE;
     EvlogImage_t image = isThere ? loadAnyLog(options.path, &status) : EvlogImage_t{};
-    std::optional<EvlogIdentity_t> identity = identityOf(options.blade);
+    std::optional<EvlogIdentity_t> identity = identityOf(options.blade, options.path);
     EvlogPrediction_t prediction = evlogPredict(image, identity ? &*identity : nullptr);
     if (options.json) {
         std::cout << jsonLine(predictionJson(tools::escapedText(options.path), prediction,
