@@ -172,7 +172,10 @@ class Answers:
 
         def names(answer):
             if isinstance(answer, dict):
-                return set(answer).union(*map(names, answer.values()))
+                # Where fields stand by name, these names are the catalogue's.
+                parts = [list(part.values()) if name == "fields" and isinstance(part, dict) else part
+                         for name, part in answer.items()]
+                return set(answer).union(*map(names, parts))
             return set().union(*map(names, answer)) if isinstance(answer, list) else set()
 
         log = self.log_of("BLADE-1")
