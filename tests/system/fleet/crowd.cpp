@@ -9,6 +9,7 @@
 #include <cstring>
 #include <map>
 #include <poll.h>
+#include <ranges>
 #include <stdexcept>
 #include <sys/socket.h>
 
@@ -80,11 +81,12 @@ struct Crowd::One {
     std::deque<Clock::time_point> sentAt;
     U64_t sent = 0; ///< since log() was called
     U64_t taken = 0;
+    U64_t takenInTime = 0;
     std::size_t replies = 0;
 };
 
-Crowd::Crowd(U32_t size, double rate) : rate_(rate) {
-    for (U32_t number = 0; number < size; ++number) {
+Crowd::Crowd(U32_t size, U32_t alone, double rate) : size_(size), rate_(rate) {
+    for (U32_t number = 0; number < size + alone; ++number) {
         all_.emplace_back(number);
     }
 }
@@ -115,14 +117,15 @@ void Crowd::pass() {
 }
 
 void Crowd::ask(const Bytes& request) {
-    for (One& one : all_) {
+    for (One& one : all_ | std::views::take(size_)) {
         one.replies = 0;
         one.emp.msm.send(request);
     }
     requireSoon(
         [this] {
             read(1);
-            return std::ranges::all_of(all_, [](const One& one) { return one.replies > 0; });
+            return std::ranges::all_of(all_ | std::views::take(size_),
+                                       [](const One& one) { return one.replies > 0; });
         },
         "all to answer");
 }
@@ -141,19 +144,27 @@ Intake Crowd::log(Clock::duration atLeast, const std::function<bool()>& until) {
         send(begin, now);
         read(1);
     }
+    for (One& one : all_) {
+        one.takenInTime =
+            one.taken; // not what is still under way: the slower ones would seem quick
+    }
     requireSoon(
         [this] {
             read(1);
             return std::ranges::all_of(all_, [](const One& one) { return one.sentAt.empty(); });
         },
         "all events to be taken");
-    U64_t taken = 0;
-    for (const One& one : all_) {
-        taken += one.taken;
-    }
-    return {static_cast<double>(taken) /
-                std::chrono::duration<double>(Clock::now() - begin).count(),
+    return {perSecond(0, size_, now - begin), perSecond(size_, all_.size(), now - begin),
             std::chrono::duration_cast<std::chrono::milliseconds>(worst_)};
+}
+
+double Crowd::perSecond(std::size_t first, std::size_t behind, Clock::duration time) const {
+    U64_t taken = 0;
+    for (std::size_t at = first; at < behind; ++at) {
+        taken += all_[at].takenInTime;
+    }
+    return static_cast<double>(taken) / static_cast<double>(behind - first) /
+           std::chrono::duration<double>(time).count();
 }
 
 void Crowd::send(Clock::time_point begin, Clock::time_point now) {
@@ -199,7 +210,9 @@ void Crowd::take(One& one) {
             ++one.replies;
             continue;
         }
-        worst_ = std::max(worst_, Clock::now() - one.sentAt.front());
+        if (one.number < size_) {
+            worst_ = std::max(worst_, Clock::now() - one.sentAt.front());
+        }
         one.sentAt.pop_front();
         ++one.taken;
     }
@@ -213,7 +226,7 @@ std::size_t Crowd::countAlive() {
 }
 
 std::size_t Crowd::countArchived(evarchive::StoreReader& archive) {
-    return static_cast<std::size_t>(std::ranges::count_if(all_, [&archive](const One& one) {
+    const auto isArchived = [&archive](const One& one) {
         const auto series =
             archive.findSeries({{ENCLOSURE, nameOf(one.number), one.number % 16}, 0});
         const auto newest = series ? archive.newestGeneration(*series) : std::nullopt;
@@ -228,7 +241,9 @@ std::size_t Crowd::countArchived(evarchive::StoreReader& archive) {
             }
         });
         return logged.empty();
-    }));
+    };
+    return static_cast<std::size_t>(
+        std::ranges::count_if(all_ | std::views::take(size_), isArchived));
 }
 
 } // namespace fleet

@@ -15,21 +15,24 @@ namespace fleet {
 
 /** How a crowd fared for a while. */
 struct Intake {
-    double perSecond = 0;               ///< events that were taken, of all together
-    std::chrono::milliseconds worst{0}; ///< from an event's sending to its copy
+    double perSecond = 0; ///< events that one took, the mean of those with an archiver
+    double alone = 0;     ///< the same of those without one, beside them
+    std::chrono::milliseconds worst{0}; ///< from an event's sending to its copy, of those with one
 };
 
 class Crowd {
   public:
     using Clock = std::chrono::steady_clock;
 
-    /** Starts so many. @param rate events a second of each */
-    Crowd(U32_t size, double rate);
+    /** Starts so many, and some more that are never told of an archiver: what slows these too is
+     * the machine, not what lies behind the others. @param rate events a second of each */
+    Crowd(U32_t size, U32_t alone, double rate);
     ~Crowd();
     Crowd(const Crowd&) = delete;
     Crowd& operator=(const Crowd&) = delete;
 
-    /** Names the archiver to all, as the management interface does: they connect at once. */
+    /** Names the archiver to those that have one, as the management interface does: they connect at
+     * once. */
     void connectTo(const std::string& address, U16_t port);
 
     /** Logs until the time is over and, if there is a condition, that has come true too. Ends when
@@ -42,8 +45,8 @@ class Crowd {
     /** How many have not died. */
     std::size_t countAlive();
 
-    /** How many have all that stands in their logs in the archive, byte for byte. Nothing must be
-     * under way. */
+    /** How many of those with an archiver have all that stands in their logs in the archive, byte
+     * for byte. Nothing must be under way. */
     std::size_t countArchived(evarchive::StoreReader& archive);
 
   private:
@@ -53,7 +56,9 @@ class Crowd {
     void send(Clock::time_point begin, Clock::time_point now);
     void read(int milliseconds);
     void take(One& one);
+    double perSecond(std::size_t first, std::size_t behind, Clock::duration time) const;
 
+    std::size_t size_; ///< of the first ones, which have an archiver
     double rate_;
     std::deque<One> all_;
     Clock::duration worst_{};
