@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -17,7 +18,7 @@
 
 namespace {
 
-constexpr unsigned DEADLINE = 120; ///< of one test, in seconds
+constexpr unsigned DEADLINE = 300; ///< of one test, in seconds; TEST_DEADLINE is another one
 constexpr int SKIPPED = 77;        ///< status of a test's process
 
 /** Notes the tests that the framework is about to run, then leaves it. */
@@ -74,12 +75,27 @@ int runHere(const std::string& name) {
                                                                                      : status;
 }
 
+unsigned deadline() {
+    const char* text = std::getenv("TEST_DEADLINE");
+    return text != nullptr ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : DEADLINE;
+}
+
+/** What there is to say of a test that has failed, by the status of its process. */
+std::string failureOf(const std::string& name, int status) {
+    if (!WIFSIGNALED(status)) {
+        return name;
+    }
+    return name + (WTERMSIG(status) == SIGALRM
+                       ? ", not done after " + std::to_string(deadline()) + " s"
+                       : ", by signal " + std::to_string(WTERMSIG(status)));
+}
+
 /** Runs a test in a process of its own. @return its status, as waitpid() gives it */
 int runApart(const std::string& name) {
     std::fflush(stdout);
     const pid_t child = fork();
     if (child == 0) {
-        alarm(DEADLINE);
+        alarm(deadline());
         std::exit(runHere(name));
     }
     int status = -1;
@@ -109,7 +125,7 @@ int main(int argc, char** argv) {
             ++skipped;
             std::printf("tests: skipped %s\n", name.c_str());
         } else if (status != 0) {
-            failed.push_back(name);
+            failed.push_back(failureOf(name, status));
         }
     }
     for (const std::string& name : failed) {
