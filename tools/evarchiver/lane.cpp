@@ -255,6 +255,7 @@ void Lane::workOff() {
 }
 
 void Lane::work(Batch::Request& request, View body) {
+    const bool isFirst = !archive_.isUncommitted();
     switch (request.kind) {
     case Batch::Kind::EVENT:
     case Batch::Kind::SILENT:
@@ -287,12 +288,12 @@ void Lane::work(Batch::Request& request, View body) {
     default:
         break;
     }
+    if (isFirst) {
+        firstUncommitted_ = Clock::now();
+    }
 }
 
 void Lane::fileEvent(LinkNumber link, View body, Certainty certainty) {
-    if (uncommitted_ == 0) {
-        firstUncommitted_ = Clock::now();
-    }
     ++uncommitted_;
     uncommittedBytes_ += body.size();
     const Filed filed = archive_.fileEvent(link, body, certainty);
@@ -305,7 +306,7 @@ void Lane::fileEvent(LinkNumber link, View body, Certainty certainty) {
 
 bool Lane::mustCommit() const {
     return !archive_.isUncommitted() || !held_.empty() || isStopping_ ||
-           (uncommitted_ > 0 && Clock::now() >= firstUncommitted_ + settings_.batchWait);
+           Clock::now() >= firstUncommitted_ + settings_.batchWait;
 }
 
 void Lane::commit() {

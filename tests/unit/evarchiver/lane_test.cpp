@@ -386,6 +386,19 @@ TEST_F(LaneTest, QuotaOfALogKeepsItsNewestEvents) {
     EXPECT_EQ(replies[1].verdict, (StatusVerdict{19, 0})); // what has gone counts
 }
 
+TEST_F(LaneTest, TakenBackEventIsCommittedAlsoWhenNothingFollows) {
+    MemoryDatabase database;
+    start(std::make_unique<MemoryStore>(database), {});
+    batch_.add(1, Batch::Kind::SILENT, eventBody({.id = 0}));
+    submit();
+    requireSoon([this] { return lane_->state().spooled == 0; }, "the event to be held");
+    batch_.add(1, Batch::Kind::TAKE_BACK, eventBody({.id = 0}));
+    batch_.add(1, Batch::Kind::END_OF_LINK, {});
+    submit();
+    requireSoon([this] { return lane_->state().spooled == 0; }, "it to be taken back");
+    EXPECT_EQ(database.aside.size(), 1U);
+}
+
 TEST_F(LaneTest, ClaimThatAnotherProcessTookEndsTheLinkAndSetsItsEventsAside) {
     MemoryDatabase database;
     MemoryStore other(database, true);

@@ -124,6 +124,24 @@ TEST_F(LockedLogTest, HandshakeOfALockedLogIsAnsweredBehindItsEvents) {
     expectAllIsFiled(9);
 }
 
+TEST_F(LockedLogTest, WhoAsksAboutALockedLogIsAnsweredAndHisEventsAreFiled) {
+    store_->lock({keyOf(1)});
+    addEvents(1, 5, 9);
+    addStatus(2); // behind it, all before is committed or waits
+    submit();
+    waitForReplies(3);
+    batch_.add(2, Batch::Kind::INQUIRY, inquiryBody(LAST, logOf(1), 0));
+    addEvents(2, 5, 9);
+    addStatus(2);
+    submit();
+    const auto replies = waitForReplies(5);
+    EXPECT_EQ(replies[3].link, 2U);
+    EXPECT_EQ(replies[3].event->sequenceId, 4U);
+    EXPECT_EQ(replies[4].verdict, (StatusVerdict{8, 0}));
+    store_->lock({});
+    expectAllIsFiled(9);
+}
+
 TEST_F(LockedLogTest, InquiryAboutALockedLogFindsWhatWaits) {
     store_->lock({keyOf(1)});
     addEvents(1, 5, 8);
