@@ -77,17 +77,37 @@ void addPlace(Json& json, const Crash& crash) {
                  {"slotId", U32_t{first->evSlotId}}});
 }
 
-void addError(Json& json, const EvlogRecord_t* record) {
-    if (record == nullptr) {
-        json.update(
-            {{"message", nullptr}, {"function", nullptr}, {"line", nullptr}, {"file", nullptr}});
+const EmpErrorMsg_t& errorIn(const EvlogRecord_t& record) {
+    return *reinterpret_cast<const EmpErrorMsg_t*>(record.body.data());
+}
+
+bool isZeros(const EvlogRecord_t& record) {
+    return std::ranges::all_of(record.body, [](U8_t byte) { return byte == 0; });
+}
+
+/** Whether the event manager's data have been taken out of the records: it names its file in each
+ * bug-check, and in no control block is everything 0. */
+bool isRedacted(const Crash& crash) {
+    const EvlogRecord_t* control = crash.record(EMP_E_ID_EVENTMGRMP_BUGCHECK_INFO);
+    const EvlogRecord_t* error = crash.record(EMP_E_ID_EVENTMGRMP_BUGCHECK_ERROR_MSG);
+    return control != nullptr ? isZeros(*control)
+                              : error != nullptr && errorIn(*error).empFileName[0] == 0;
+}
+
+/** @param redacted then a known message and its place may be left, and nothing else */
+void addError(Json& json, const EvlogRecord_t* record, bool redacted) {
+    json.update(
+        {{"message", nullptr}, {"function", nullptr}, {"line", nullptr}, {"file", nullptr}});
+    if (record == nullptr || (redacted && isZeros(*record))) {
         return;
     }
-    const auto& error = *reinterpret_cast<const EmpErrorMsg_t*>(record->body.data());
+    const EmpErrorMsg_t& error = errorIn(*record);
     json.update({{"message", escapedText(error.empErrorMsg)},
                  {"function", escapedText(error.empFunctionName)},
-                 {"line", static_cast<S32_t>(U32_t{error.empLineNumber})},
-                 {"file", escapedText(error.empFileName)}});
+                 {"line", static_cast<S32_t>(U32_t{error.empLineNumber})}});
+    if (!redacted) {
+        json["file"] = escapedText(error.empFileName);
+    }
 }
 
 /** What the operators' page says of the message; its end, too, where the record holds only the
@@ -179,10 +199,17 @@ std::string recordsText(const Json& json) {
            " for the event manager's next start";
 }
 
+/** Whether a record is there, without what it held. */
+bool isRedacted(const Json& json, U32_t id) {
+    const Json& missing = json["missing"];
+    return json["redacted"].get<bool>() && std::ranges::find(missing, Json(id)) == missing.end();
+}
+
 std::string headLines(const Json& json) {
     Json head = {{"time", json["time"]}};
+    bool redacted = isRedacted(json, EMP_E_ID_EVENTMGRMP_BUGCHECK_ERROR_MSG);
     for (const char* name : {"message", "function", "line", "file"}) {
-        head[name] = json[name];
+        head[name] = redacted && json[name].is_null() ? Json("redacted") : json[name];
     }
     if (!json["wholeMessage"].is_null()) {
         head["message"] = json["wholeMessage"];
@@ -221,9 +248,12 @@ std::string indexLines(const Json& index) {
     return index.contains("entries") ? lines + entryLines(index["entries"]) : lines;
 }
 
-std::string section(const std::string& title, const Json& content,
+/** @param member of the report, from the record with this id */
+std::string section(const std::string& title, const Json& json, const char* member, U32_t id,
                     std::string (*linesOf)(const Json&)) {
-    return "\n" + title + "\n" + (content.is_null() ? "  missing\n" : linesOf(content));
+    const Json& content = json[member];
+    const char* nothing = isRedacted(json, id) ? "  redacted\n" : "  missing\n";
+    return "\n" + title + "\n" + (content.is_null() ? nothing : linesOf(content));
 }
 
 std::string controlLines(const Json& control) {
@@ -267,12 +297,19 @@ Json bufferedHeaderJson(std::span<const U8_t> buffer) {
 
 Json crashJson(const Crash& crash, bool entries) {
     Json json = Json::object();
+    bool redacted = isRedacted(crash);
     addPlace(json, crash);
-    addError(json, crash.record(EMP_E_ID_EVENTMGRMP_BUGCHECK_ERROR_MSG));
+    json["redacted"] = redacted;
+    addError(json, crash.record(EMP_E_ID_EVENTMGRMP_BUGCHECK_ERROR_MSG), redacted);
     addAdvice(json);
+    for (const char* member : {"control", "messageBuffer", "workSpace", "index"}) {
+        json[member] = nullptr;
+    }
+    if (redacted) {
+        return json;
+    }
     json["control"] = controlOrNull(crash.record(EMP_E_ID_EVENTMGRMP_BUGCHECK_INFO));
     const EvlogRecord_t* buffer = crash.record(EMP_E_ID_EVENTMGRMP_BUGCHECK_MSG_BUFFER);
-    json["messageBuffer"] = nullptr;
     if (buffer != nullptr) {
         json["messageBuffer"] = {{"header", bufferedHeaderJson(buffer->body)},
                                  {"data", hexDigits(buffer->body)}};
@@ -283,10 +320,14 @@ Json crashJson(const Crash& crash, bool entries) {
 }
 
 std::string crashLines(const Json& json) {
-    return headLines(json) + section("control block", json["control"], controlLines) +
-           section("message buffer", json["messageBuffer"], bufferLines) +
-           section("work space", json["workSpace"], dumpOf) +
-           section("index", json["index"], indexLines);
+    return headLines(json) +
+           section("control block", json, "control", EMP_E_ID_EVENTMGRMP_BUGCHECK_INFO,
+                   controlLines) +
+           section("message buffer", json, "messageBuffer", EMP_E_ID_EVENTMGRMP_BUGCHECK_MSG_BUFFER,
+                   bufferLines) +
+           section("work space", json, "workSpace", EMP_E_ID_EVENTMGRMP_BUGCHECK_WORKSPACE_BUFFER,
+                   dumpOf) +
+           section("index", json, "index", CRASH_INDEX_ID, indexLines);
 }
 
 } // namespace evctl

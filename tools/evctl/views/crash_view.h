@@ -13,7 +13,7 @@
 namespace evctl {
 
 /**
- * The report as an object; what is missing is null.
+ * The report as an object; what is missing, or has been redacted, is null.
  * @param entries with every valid entry of the index
  */
 Json crashJson(const Crash& crash, bool entries);

@@ -136,6 +136,44 @@ TEST(CrashView, WhatWaitsForTheNextStartHasNoIds) {
                           "event manager's next start\n"));
 }
 
+TEST(CrashView, ZerosInThePlaceOfTheControlBlockAreRedactedData) {
+    CrashLog log;
+    for (U32_t id : {11U, 12U, 13U, 15U}) {
+        log.add(id, 1'164'117'600);
+    }
+    Json json = report(log);
+    EXPECT_EQ(json["redacted"], true);
+    for (const char* member : {"message", "function", "line", "file", "control", "index"}) {
+        EXPECT_EQ(json[member], nullptr) << member;
+    }
+    std::string lines = evctl::crashLines(json);
+    EXPECT_THAT(lines, HasSubstr("\nmessage       redacted\nfunction      redacted\n"
+                                 "line          redacted\nfile          redacted\n"));
+    EXPECT_THAT(lines, HasSubstr("\ncontrol block\n  redacted\n\nmessage buffer\n  redacted\n"
+                                 "\nwork space\n  missing\n\nindex\n  redacted\n"));
+}
+
+TEST(CrashView, WithoutControlBlockTheNameOfTheFileTellsWhetherDataAreRedacted) {
+    CrashLog log;
+    log.add(11, 1'164'117'600, errorBody());
+    log.add(14, 1'164'117'600);
+    Json json = report(log);
+    EXPECT_EQ(json["redacted"], false);
+    EXPECT_EQ(json["file"], "empmain");
+    EXPECT_NE(json["workSpace"], nullptr) << "zeros, that is what it held";
+    EXPECT_THAT(evctl::crashLines(json), HasSubstr("\ncontrol block\n  missing\n"));
+    auto body = errorBody();
+    memset(body.data(), 0, 64);
+    CrashLog redacted;
+    redacted.add(11, 1'164'117'600, body);
+    json = report(redacted);
+    EXPECT_EQ(json["redacted"], true);
+    EXPECT_EQ(json["function"], "main");
+    CrashLog neither;
+    neither.add(14, 1'164'117'600);
+    EXPECT_EQ(report(neither)["redacted"], false);
+}
+
 TEST(CrashView, MessageIsCompletedAndExplained) {
     CrashLog log;
     auto body = errorBody();
