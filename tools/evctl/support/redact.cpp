@@ -6,6 +6,7 @@
 #include "mmsg.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
@@ -57,6 +58,13 @@ bool keepBugcheckMessage(const EmpEvRecord_t& header, U8_t* data, U32_t dataLeng
 /** Numbers that name the hardware, as a text would. */
 bool isIdentifying(const std::string& member) {
     return member == "serialNo";
+}
+
+/** Texts that name no customer, place or single piece: states, and what sort of product it is. */
+bool isHarmless(const std::string& member) {
+    constexpr std::array<std::string_view, 6> members = {"link",     "mpuVer",    "r7qVer",
+                                                         "vendorId", "productId", "revisionLvl"};
+    return std::ranges::find(members, member) != members.end();
 }
 
 } // namespace
@@ -114,6 +122,8 @@ Json Redaction::object(Json json) {
     for (auto member = json.begin(); member != json.end(); ++member) {
         if (member->is_structured()) {
             *member = object(*member);
+        } else if (json.is_object() && isHarmless(member.key())) {
+            continue;
         } else if ((member->is_string() && !member->get_ref<const std::string&>().empty()) ||
                    (json.is_object() && isIdentifying(member.key()))) {
             *member = "redacted";

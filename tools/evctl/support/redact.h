@@ -26,7 +26,8 @@ class Redaction {
     /** One record with its data, as in an alternate event file; empty when it is none. */
     std::vector<U8_t> record(std::span<const U8_t> bytes);
 
-    /** An object without its texts and serial numbers: "redacted" stands for each. */
+    /** An object without its texts and serial numbers: "redacted" stands for each. The state of the
+     * link, versions and the words for vendor, product and revision stay. */
     static Json object(Json json);
 
   private:

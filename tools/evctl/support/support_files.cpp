@@ -131,6 +131,23 @@ void SupportFiles::addLog(const std::string& path, const std::string& name, bool
     add(name, std::move(shown));
 }
 
+/** Of a loop of restarts the first and the newest bug-checks tell the most. Those that are never
+ * replayed stand behind the others. */
+void SupportFiles::leaveOutMiddle(std::vector<sources::AelFile>& files) {
+    constexpr auto half = static_cast<std::ptrdiff_t>(SUPPORT_FILES_MAX / 2);
+    for (bool replayed : {false, true}) {
+        auto end = std::ranges::find_if_not(files, &sources::AelFile::hasHeader);
+        auto first = replayed ? files.begin() : end;
+        auto last = replayed ? end : files.end();
+        if (std::ptrdiff_t count = last - first; count > 2 * half) {
+            addProblem(std::to_string(count - 2 * half) + " of " + std::to_string(count) +
+                           (replayed ? "" : " invalid") + " alternate event files",
+                       "the first and the last " + std::to_string(half) + " are looked at");
+            files.erase(first + half, last - half);
+        }
+    }
+}
+
 void SupportFiles::addAlternates(const std::string& directory) {
     std::vector<sources::AelFile> files;
     try {
@@ -141,11 +158,7 @@ void SupportFiles::addAlternates(const std::string& directory) {
         }
         return;
     }
-    if (files.size() > SUPPORT_FILES_MAX) {
-        addProblem("alternate events", "the first " + std::to_string(SUPPORT_FILES_MAX) + " of " +
-                                           std::to_string(files.size()) + " files");
-        files.resize(SUPPORT_FILES_MAX);
-    }
+    leaveOutMiddle(files);
     for (size_t number = 0; number < files.size(); number++) {
         sources::AelFile& file = files[number];
         std::vector<U8_t> bytes = redact_ ? redaction_.record(file.bytes) : std::move(file.bytes);

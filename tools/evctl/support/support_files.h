@@ -8,6 +8,7 @@
 #include "bundle/tar.h"
 #include "evctl/support/redact.h"
 #include "evctl/views/event_view.h"
+#include "sources/alternate_files.h"
 
 #include <string>
 #include <vector>
@@ -16,7 +17,7 @@ namespace evctl {
 
 /** Of outputs the end is taken: what was said last. */
 constexpr size_t SUPPORT_TAIL = 262'144;
-/** Files of one kind, the newest or first ones: alternate events, logs set aside. */
+/** Alternate event files, half of them the first ones and half the newest. */
 constexpr size_t SUPPORT_FILES_MAX = 1000;
 
 /** Collects; nothing is ever changed. What cannot be had is noted, and the rest is taken. */
@@ -59,6 +60,7 @@ class SupportFiles {
     void addCrashes();
     void addOutput(const std::string& path, std::vector<U8_t> bytes);
     void addAlternates(const std::string& directory);
+    void leaveOutMiddle(std::vector<sources::AelFile>& files);
     std::string nameOfAside(const std::string& path, size_t number) const;
 
     bool redact_;
