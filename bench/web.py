@@ -13,7 +13,10 @@ import time
 
 def main():
     evweb, archive = sys.argv[1:3]
-    rounds = int(sys.argv[3]) if len(sys.argv) > 3 else 30
+    measure_page(evweb, archive, int(sys.argv[3]) if len(sys.argv) > 3 else 30)
+
+
+def measure_page(evweb, archive, rounds):
     server = subprocess.Popen([evweb, "--db", archive, "--listen", "127.0.0.1:0"], stdout=subprocess.PIPE, text=True)
     started = time.monotonic()
     try:

@@ -67,7 +67,7 @@ def main():
             for name, numbers in (("arrived", IN_ORDER), ("imported", BY_LOG)):
                 place = make(server, build, name, events, numbers)
                 print(f"\n{name}: ", end="", flush=True)
-                web.measure(os.path.join(build, "evweb"), place, rounds)
+                web.measure_page(os.path.join(build, "evweb"), place, rounds)
         finally:
             server.stop()
 

@@ -18,6 +18,7 @@ constexpr S64_t SHORTEST_STRETCH = SECOND;
 constexpr S64_t STRETCH_GROWTH = 8;
 constexpr double SOME_MORE = 1.25;       // wider than what is wanted is likely to lie in
 constexpr S64_t AHEAD = 86'400 * SECOND; // that an archiver's clock may be
+constexpr S64_t SOON = 60 * SECOND;      // after its time that an event has mostly come
 constexpr S64_t CROWD = 20'000;          // events of a stretch that are too many to be sorted
 constexpr U32_t TEXT_PAGE = 2000;        // events that are looked through at a time
 
@@ -243,9 +244,19 @@ void searchOnce(PgConnection& connection, const Search& search, Stretch& stretch
     }
 }
 
+/** Where a search begins: what came late, or is not there yet, in one stretch. Where it ends with a
+ * time of the events' own, most that it wants came then. */
+Stretch stretchOf(const Search& search) {
+    if (search.before) {
+        return Stretch(placeOf(*search.before));
+    }
+    const Place end{instantOf(time(nullptr)) + AHEAD};
+    const S64_t until = search.filter.until ? instantOf(*search.filter.until) + SOON : end.instant;
+    return Stretch(end, std::max(AHEAD, end.instant - until));
+}
+
 void searchAll(PgConnection& connection, const Search& search, Filling& filling) {
-    Stretch stretch = search.before ? Stretch(placeOf(*search.before))
-                                    : Stretch(Place{instantOf(time(nullptr)) + AHEAD}, AHEAD);
+    Stretch stretch = stretchOf(search);
     bool isFirst = true;
     while (!stretch.isOver()) {
         try {

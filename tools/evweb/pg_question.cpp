@@ -7,6 +7,8 @@
 namespace evweb {
 namespace {
 
+constexpr std::size_t MOST_KINDS = 100; // sources times ids that are looked for together
+
 std::string orderedTypes(std::vector<U32_t> types) {
     std::ranges::sort(types);
     types.erase(std::unique(types.begin(), types.end()), types.end());
@@ -19,6 +21,27 @@ std::string orderedTypes(std::vector<U32_t> types) {
 
 std::vector<S64_t> wide(const std::vector<U32_t>& values) {
     return {values.begin(), values.end()};
+}
+
+// What no column holds stands for itself as a number that none does, too.
+std::vector<S64_t> wide(const std::vector<U32_t>& values, U32_t most) {
+    std::vector<S64_t> all;
+    for (const U32_t value : values) {
+        all.push_back(value <= most ? S64_t{value} : -1);
+    }
+    return all;
+}
+
+// As the index of kinds has them.
+std::vector<S64_t> kindsOf(const std::vector<U32_t>& sources, const std::vector<U32_t>& ids) {
+    std::vector<S64_t> kinds;
+    for (const U32_t source : sources) {
+        for (const U32_t id : ids) {
+            const bool isAny = source <= UINT8_MAX && id <= UINT16_MAX;
+            kinds.push_back(isAny ? S64_t{source} * 65'536 + id : -1);
+        }
+    }
+    return kinds;
 }
 
 unsigned digitOfHex(char letter) {
@@ -87,6 +110,28 @@ PgQuestion& PgQuestion::integers(const std::string& before, const std::vector<S6
     return place(before, after);
 }
 
+PgQuestion& PgQuestion::oneOf(const std::string& what, const char* type,
+                              const std::vector<S64_t>& values) {
+    if (values.size() == 1) { // the server expects ten of an array
+        return integer(" AND " + what + " = ", values.front(), std::string("::") + type);
+    }
+    return integers(" AND " + what + " = ANY(", values, std::string("::") + type + "[])");
+}
+
+PgQuestion& PgQuestion::kinds(const evctl::EventFilter& filter) {
+    if (!filter.sources.empty()) {
+        oneOf("source", "smallint", wide(filter.sources, UINT8_MAX));
+    }
+    if (!filter.ids.empty()) {
+        oneOf("event", "integer", wide(filter.ids, UINT16_MAX));
+    }
+    if (!filter.sources.empty() && !filter.ids.empty() &&
+        filter.sources.size() * filter.ids.size() <= MOST_KINDS) {
+        oneOf("(source::integer * 65536 + event)", "integer", kindsOf(filter.sources, filter.ids));
+    }
+    return *this;
+}
+
 PgQuestion& PgQuestion::filters(const Search& search) {
     const evctl::EventFilter& filter = search.filter;
     const bool areKnown =
@@ -96,14 +141,9 @@ PgQuestion& PgQuestion::filters(const Search& search) {
     } else if (!filter.types.empty()) {
         integers(" AND type = ANY(", wide(filter.types), ")");
     }
-    if (!filter.sources.empty()) {
-        integers(" AND source = ANY(", wide(filter.sources), ")");
-    }
+    kinds(filter);
     if (!filter.categories.empty()) {
         integers(" AND category = ANY(", wide(filter.categories), ")");
-    }
-    if (!filter.ids.empty()) {
-        integers(" AND event = ANY(", wide(filter.ids), ")");
     }
     if (filter.firstSequenceId) {
         integer(" AND id >= ", *filter.firstSequenceId);

@@ -54,6 +54,10 @@ class PgQuestion {
 
   private:
     PgQuestion& place(const std::string& before, const std::string& after);
+    PgQuestion& kinds(const evctl::EventFilter& filter);
+
+    /** Numbers of a column as wide as the column itself: an index knows no other ones. */
+    PgQuestion& oneOf(const std::string& what, const char* type, const std::vector<S64_t>& values);
 
     std::string sql_;
     PgParameters parameters_;

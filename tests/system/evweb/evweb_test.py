@@ -253,6 +253,31 @@ class PostgresTest(Answers, unittest.TestCase):
         wait_until(lambda: self.server.sql(users) == others, "the server to know all that was done")
         self.assertEqual(self.server.sql(scans, "events"), before)
 
+    def test_a_kind_that_is_rare_is_found_by_its_index_and_without_one(self):
+        self.crowd(20_500, "now() - n * interval '20 milliseconds'")
+        rare = "SELECT n * 4000 FROM generate_series(1, 5) n"
+        self.server.sql(f"UPDATE events SET event = 777, source = 33 WHERE log = 7 AND id IN ({rare}); ANALYZE events", "events")
+        maintain = [f"{PROGRAMS}/evarchiver", "db", "maintain", "--db", self.server.place("events")]
+        support.subprocess.run(maintain, check=True, capture_output=True, timeout=support.DEADLINE)
+        used = "SELECT sum(idx_blks_hit + idx_blks_read) FROM pg_statio_all_indexes WHERE indexrelname LIKE '%_by_kind'"
+        users = "SELECT count(*) FROM pg_stat_activity WHERE application_name = 'evweb'"
+        questions = ("source=33&id=777", "id=777", "source=33", "source=33,34&id=777,778", f"id=777&until=@{NOW + 60}")
+        before, others = int(self.server.sql(used, "events")), self.server.sql(users)
+        for has_index in (True, False):
+            web = Web(PROGRAMS, self.server.place("events", "page"))
+            for question in questions:
+                found = web.ask(f"events?limit=50&{question}")[1]
+                self.assertEqual([one["sequenceId"] for one in found["events"]], [4000, 8000, 12_000, 16_000, 20_000], question)
+                self.assertIsNone(found["next"])
+            for question in ("source=33&id=778", "id=65536", "source=99999&id=777", "source=4294967295", "id=4294967295"):
+                self.assertEqual(web.ask(f"events?{question}")[1].get("events", []), [], question)
+            web.end()
+            wait_until(lambda: self.server.sql(users) == others, "the server to know all that was done")
+            if has_index:
+                self.assertGreater(int(self.server.sql(used, "events")), before)
+                self.server.sql("DO $$ DECLARE name text; BEGIN FOR name IN SELECT relname FROM pg_class WHERE relname LIKE 'events%_by_kind' "
+                                "LOOP EXECUTE 'DROP INDEX ' || name; END LOOP; END $$", "events")
+
     def test_names_that_are_no_text_are_found_by_their_bytes(self):
         self.assertEqual([found["bladeId"] for found in self.events("blade=%FF%01blade")], ["\\xFF\\x01blade"])
 

@@ -461,6 +461,28 @@ TEST_F(FleetDatabaseTest, WhatComesLastIsFoundWithoutASummaryOfEachPageByHand) {
               "8|t\n");
 }
 
+TEST_F(FleetDatabaseTest, EachPartitionTellsWhereEventsOfAKindAre) {
+    constexpr char KEPT[] = "SELECT count(*), bool_and(indisvalid) FROM pg_index x JOIN pg_class c "
+                            "ON c.oid = x.indexrelid WHERE c.relname LIKE 'events%by_kind'";
+    EXPECT_EQ(sql(KEPT), "8|t\n");
+    // As the program of before has left it, and one whose making was broken off.
+    sql("DROP INDEX events_default_by_kind; UPDATE pg_index SET indisvalid = false "
+        "WHERE indexrelid = 'events_20231114_1_by_kind'::regclass");
+    EXPECT_THAT(maintainFleet(place_, 0, NOW).failed, IsEmpty());
+    EXPECT_EQ(sql(KEPT), "8|t\n");
+}
+
+TEST_F(FleetDatabaseTest, WhatWasFiledSinceTheLastRoundIsSummedUpByTheNext) {
+    sql("CREATE EXTENSION IF NOT EXISTS pageinspect; INSERT INTO events SELECT 5, n, "
+        "'2023-11-14 12:00+00', now(), 1, 1, 1, 1, 1, 1, true, false, NULL, repeat('x', 900)::bytea "
+        "FROM generate_series(1, 200) n"); // eight of them fill a page, eight pages are a stretch
+    constexpr char SUMMED[] = "SELECT count(*) FROM brin_revmap_data(get_raw_page("
+                              "'events_20231114_1_by_kind', 1)) pages WHERE pages <> '(0,0)'";
+    EXPECT_EQ(sql(SUMMED), "1\n") << "filing waits for no summary";
+    maintainFleet(place_, 0, NOW);
+    EXPECT_EQ(sql(SUMMED), "4\n");
+}
+
 TEST_F(FleetDatabaseTest, OneMaintenanceAtATime) {
     const support::TempDirectory directory;
     support::Process holder({"psql", "-X", "-c",
