@@ -110,15 +110,11 @@ Json wholeEventJson(const FoundEvent& event) {
     json["own"] = event.event.own;
     json["advice"] = catalog::adviceOf(view);
     json["dump"] = evctl::hexDump(view.data);
-    Json fields = Json::array();
     if (const catalog::Entry* entry = catalog::entryOf(view)) {
-        json["severity"] = entry->severity;
         for (const catalog::Field& field : entry->fields) {
-            fields.push_back(
-                {{"name", field.name}, {"value", catalog::valueText(field, view.data)}});
+            json["fields"][field.name]["shown"] = catalog::valueText(field, view.data);
         }
     }
-    json["fields"] = std::move(fields);
     return json;
 }
 

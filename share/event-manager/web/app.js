@@ -23,11 +23,22 @@ function noPage() {
     el("p", null, "Nothing is shown at this address. ", el("a", { href: "/" }, "The fleet"), " is where all else begins."));
 }
 
+/** How a page was left. It is drawn only after the browser has gone to where one comes back to. */
+addEventListener("pagehide", () =>
+  history.replaceState({ top: scrollY, link: document.activeElement?.closest("main a")?.getAttribute("href") }, ""));
+
+function takeUp(left) {
+  if (left === null) return;
+  if (left.link) main().querySelector(`a[href="${CSS.escape(left.link)}"]`)?.focus({ preventScroll: true });
+  scrollTo(0, left.top);
+}
+
 /** Shows a page; while the archive is away, tries again until it is back. */
 async function start() {
   try {
     if (PAGES[location.pathname]) await (await import(PAGES[location.pathname])).page();
     else noPage();
+    takeUp(history.state);
     showArchive().catch(() => {});
   } catch (error) {
     const isAway = error.status === 503 || error instanceof TypeError;

@@ -7,6 +7,7 @@ export async function page() {
   const event = await ask("event", given);
   const near = await ask("around", { log: event.log, generation: event.generation, id: event.sequenceId, reach: 10 });
   const blade = bladeText(event.enclosureId, event.bladeId, event.slotId);
+  const fields = Object.entries(event.fields ?? {}).map(([name, field]) => [name, field.shown]);
   const isLong = (event.text ?? "").length > LONG;
   const delay = seconds(event.received) - seconds(event.time);
   const table = eventTable(near.events, false, "What the log holds around it, newest first");
@@ -25,8 +26,8 @@ export async function page() {
       ["sequence id", number(event.sequenceId)],
       ["received", `${time(event.received)}, ${span(delay)} ${delay < 0 ? "before its own time" : "later"}`],
       ["doubtful", event.doubtful && "nothing has been seen behind it: it may be damaged"],
-      ["text", isLong && !event.fields.some((field) => field.value === event.text) && event.text],
-      ...event.fields.map((field) => [field.name, field.value]),
+      ["text", isLong && !fields.some(([, shown]) => shown === event.text) && event.text],
+      ...fields,
       ["data", `${number(event.length)} bytes`],
     ].filter(([, value]) => value)),
     event.dump && el("pre", { tabindex: 0, "aria-label": "data" }, event.dump),

@@ -383,6 +383,20 @@ class BrowserTest(unittest.TestCase):
         self.browser.show(address)
         self.assertEqual(self.browser.run("document.querySelector('tbody tr').dataset.key"), second)
 
+    def test_who_comes_back_finds_a_page_as_it_was_left(self):
+        left = "/search?limit=30&blade=BLADE-1"
+        self.browser.size(1280, 300)
+        self.show(left)
+        self.browser.run("document.querySelectorAll('tbody tr')[20].querySelector('a').focus({ preventScroll: true }); scrollTo(0, 400)")
+        chosen = self.browser.run("document.activeElement.href")
+        self.browser.key("Enter")
+        for way, address in (("", chosen), ("history.back()", f"http://{self.web.place}{left}"), ("history.forward()", chosen)):
+            self.browser.run(way)
+            self.browser.drawn(address)
+            if way == "history.back()":
+                self.browser.await_true(f"scrollY === 400 && document.activeElement.href === {json.dumps(chosen)}", "the same place")
+        self.assertEqual(self.browser.complaints(), [])
+
     def test_form_becomes_an_address(self):
         self.show("/search")
         self.browser.run("document.querySelector('#text').value = 'needle'; document.querySelector('[data-type][value=information]').checked = true;"
@@ -457,6 +471,19 @@ class BrowserTest(unittest.TestCase):
         self.show("/search?type=error")
         self.assertEqual(self.browser.run("getComputedStyle(document.querySelector('.kind.error')).fontWeight"), "700")
         self.assertEqual(self.browser.run("document.querySelector('.kind.error').textContent"), "error")
+
+    def test_links_and_gaps_are_told_without_colour(self):
+        plain = """[...document.querySelectorAll('main a')].filter((link) => !link.closest('svg') && link.ariaCurrent === null).filter((link) => {
+            const style = getComputedStyle(link);
+            return style.textDecorationLine !== 'underline' && style.borderTopStyle === 'none';
+        }).map((link) => link.textContent)"""
+        for path in self.all_pages():
+            self.show(path)
+            with self.subTest(path):
+                self.assertEqual(self.browser.run(plain), [])
+        self.show(f"/blade?log={self.logs['BLADE-1']}")
+        heights = "[...new Set([...document.querySelectorAll('.strip .%s')].map((part) => part.getAttribute('height')))]"
+        self.assertEqual([self.browser.run(heights % part) for part in ("held", "gap")], [["10"], ["4"]])
 
     def contrast(self, selector):
         return self.browser.run("""(() => {

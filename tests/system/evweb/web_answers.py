@@ -134,7 +134,12 @@ class Answers:
     def test_one_event_tells_all_that_is_known(self):
         found = self.ask(f"event?log={self.log_of('BLADE-1')}&generation=2&id=13")
         self.assertIn("a record could not be read whole", found["advice"])
-        self.assertIn({"name": "line", "value": "212"}, found["fields"])
+        self.assertEqual(found["fields"]["line"], {"value": 212, "shown": "212"})
+        listed = self.events("id=11&source=eventlog")[0]
+        self.assertEqual({name: {part: value for part, value in field.items() if part != "shown"} for name, field in found["fields"].items()},
+                         listed["fields"])
+        self.assertEqual(list(found["fields"]), list(listed["fields"]))
+        self.assertEqual(found["severity"], listed["severity"])
         self.ask(f"event?log={self.log_of('BLADE-1')}&generation=2&id=99", status=404)
 
     def test_timeline_counts_every_event_once(self):
@@ -172,9 +177,8 @@ class Answers:
 
         def names(answer):
             if isinstance(answer, dict):
-                # Where fields stand by name, these names are the catalogue's.
-                parts = [list(part.values()) if name == "fields" and isinstance(part, dict) else part
-                         for name, part in answer.items()]
+                # Fields stand by name: these names are the catalogue's.
+                parts = [list(part.values()) if name == "fields" else part for name, part in answer.items()]
                 return set(answer).union(*map(names, parts))
             return set().union(*map(names, answer)) if isinstance(answer, list) else set()
 
