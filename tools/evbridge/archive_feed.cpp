@@ -14,14 +14,14 @@ using Clock = std::chrono::steady_clock;
 
 // Events can come behind later ones of their log: so often all of it is looked through.
 constexpr std::chrono::seconds WHOLE_LOOK{60};
-constexpr std::chrono::seconds OPENING{10};
 
 /** An archive in a file: of each generation of each log the ids that were handed on. */
 class ArchiveFeed final : public Feed {
   public:
-    ArchiveFeed(const std::string& archive, const std::string& position, Say say)
-        : archive_(archive), store_(evarchive::readerOf(archive)), say_(std::move(say)),
-          done_(parseLogRuns(position)) {}
+    ArchiveFeed(const std::string& archive, const std::string& position, Say say,
+                std::chrono::milliseconds opening)
+        : archive_(archive), opening_(opening), store_(evarchive::readerOf(archive)),
+          say_(std::move(say)), done_(parseLogRuns(position)) {}
 
     Entries more(std::size_t most) override {
         for (;;) {
@@ -46,10 +46,9 @@ class ArchiveFeed final : public Feed {
     Entries look(std::size_t most) {
         given_.clear();
         Entries entries;
-        // One that was opened while nobody wrote the archive may never see what is written later.
         if (Clock::now() >= nextOpening_) {
             store_ = evarchive::readerOf(archive_);
-            nextOpening_ = Clock::now() + OPENING;
+            nextOpening_ = Clock::now() + opening_;
         }
         const auto generations = store_->listGenerations();
         for (const auto& generation : generations) {
@@ -130,19 +129,20 @@ class ArchiveFeed final : public Feed {
     }
 
     std::string archive_;
+    std::chrono::milliseconds opening_;
     std::unique_ptr<evarchive::StoreReader> store_;
     Say say_;
     LogRuns done_;
     std::vector<std::pair<std::string, U32_t>> given_;
     Clock::time_point nextWholeLook_;
-    Clock::time_point nextOpening_ = Clock::now() + OPENING;
+    Clock::time_point nextOpening_ = Clock::now() + opening_;
 };
 
 } // namespace
 
 std::unique_ptr<Feed> archiveFeed(const std::string& archive, const std::string& position,
-                                  const Say& say) {
-    return std::make_unique<ArchiveFeed>(archive, position, say);
+                                  const Say& say, std::chrono::milliseconds opening) {
+    return std::make_unique<ArchiveFeed>(archive, position, say, opening);
 }
 
 } // namespace evbridge

@@ -23,6 +23,11 @@ using Clock = std::chrono::steady_clock;
 // Between two attempts to reach a server that is away while others are not.
 constexpr std::chrono::seconds AGAIN{5};
 
+// With a statement. One server of several that is slow gets more time each time it has not
+// answered, so that it gets on. For a lone one nobody waits but who ends this program.
+constexpr std::chrono::seconds LONGEST_PATIENCE{900};
+constexpr std::chrono::seconds LONE_PATIENCE{60};
+
 constexpr S64_t MINUTE = 60'000'000; // microseconds
 
 constexpr std::string_view FIRST_WORD = "arrivals ";
@@ -59,19 +64,23 @@ struct Reached {
  */
 class ArrivalFeed final : public Feed {
   public:
-    ArrivalFeed(const std::string& archive, std::chrono::seconds lag, std::string position, Say say)
-        : say_(std::move(say)), lag_(lag) {
-        evarchive::readerOf(archive); // says what is wrong with it
-        std::vector<std::string> places = evarchive::nodesOf(archive);
+    ArrivalFeed(const FeedOptions& from, std::string position, Say say)
+        : say_(std::move(say)), lag_(from.lag), patience_(from.patience) {
+        evarchive::readerOf(from.place); // says what is wrong with it
+        std::vector<std::string> places = evarchive::nodesOf(from.place);
         if (places.empty()) {
-            places.push_back(archive);
+            places.push_back(from.place);
+            patience_ = LONE_PATIENCE;
         }
         std::vector<Reached> reached = takeReached(position, places.size());
         done_ = parseLogRuns(position);
         for (std::size_t i = 0; i < places.size(); ++i) {
             const ArrivalPlace& place = reached[i].place;
-            servers_.push_back(
-                {.address = places[i], .place = place, .next = place, .kept = place});
+            servers_.push_back({.address = places[i],
+                                .place = place,
+                                .next = place,
+                                .kept = place,
+                                .patience = patience_});
         }
         for (std::size_t i = 0; i < servers_.size(); ++i) {
             withServer(i, [&](Server& server) { open(server); });
@@ -133,6 +142,7 @@ class ArrivalFeed final : public Feed {
         std::optional<S64_t> begun{};           ///< the server's time when it was first reached
         std::string failure{};                  ///< why it is away
         Clock::time_point again{};              ///< when it is tried then
+        std::chrono::seconds patience;          ///< with its next statement
         bool isHeldUp = false;
 
         // What has only gone by is not worth a write each time.
@@ -162,7 +172,7 @@ class ArrivalFeed final : public Feed {
         if (server.arrivals) {
             return;
         }
-        auto arrivals = std::make_unique<PgArrivals>(server.address, lag_);
+        auto arrivals = std::make_unique<PgArrivals>(server.address, lag_, server.patience);
         if (!server.begun) {
             server.begun = arrivals->now();
         }
@@ -180,10 +190,12 @@ class ArrivalFeed final : public Feed {
         try {
             work(server);
             server.failure.clear();
+            server.patience = patience_;
         } catch (const StoreError& error) {
             server.arrivals.reset();
             server.again = Clock::now() + AGAIN;
             server.failure = error.what();
+            server.patience = std::min(2 * server.patience, LONGEST_PATIENCE);
         }
         const bool isAway = !server.failure.empty();
         if (isAway != wasAway && servers_.size() > 1) {
@@ -267,6 +279,7 @@ class ArrivalFeed final : public Feed {
 
     Say say_;
     std::chrono::seconds lag_;
+    std::chrono::seconds patience_;
     std::vector<Server> servers_;
     LogRuns done_;
     std::size_t given_ = 0; ///< by the last more(), with those that are left out
@@ -274,9 +287,9 @@ class ArrivalFeed final : public Feed {
 
 } // namespace
 
-std::unique_ptr<Feed> arrivalFeed(const std::string& server, std::chrono::seconds lag,
-                                  const std::string& position, const Say& say) {
-    return std::make_unique<ArrivalFeed>(server, lag, position, say);
+std::unique_ptr<Feed> arrivalFeed(const FeedOptions& from, const std::string& position,
+                                  const Say& say) {
+    return std::make_unique<ArrivalFeed>(from, position, say);
 }
 
 } // namespace evbridge

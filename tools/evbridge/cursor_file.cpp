@@ -1,5 +1,7 @@
 #include "cursor_file.h"
 
+#include "common/new_file.h"
+
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -19,16 +21,6 @@ constexpr std::string_view SUPPRESSED = " suppressed ";
 
 [[noreturn]] void failAt(const std::string& path) {
     throw std::system_error(errno, std::generic_category(), path);
-}
-
-void syncDirectoryOf(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (descriptor >= 0) {
-        fsync(descriptor);
-        close(descriptor);
-    }
 }
 
 // "evbridge 1" or "evbridge 1 suppressed 12"
@@ -119,7 +111,7 @@ void CursorFile::write(const Cursor& cursor) {
     if (!isWritten || rename(fresh.c_str(), path_.c_str()) != 0) {
         failAt(fresh);
     }
-    syncDirectoryOf(path_);
+    tools::syncDirectoryOf(path_);
     written_ = cursor;
 }
 

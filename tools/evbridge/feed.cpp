@@ -51,7 +51,7 @@ std::unique_ptr<Feed> openFeed(const FeedOptions& from, const std::string& posit
     }
 #ifdef EVARCHIVER_POSTGRES
     if (kind == Kind::ARCHIVE && evarchive::isPgPlace(from.place)) {
-        return arrivalFeed(from.place, from.lag, position, say);
+        return arrivalFeed(from, position, say);
     }
 #endif
     return kind == Kind::ARCHIVE ? archiveFeed(from.place, position, say)

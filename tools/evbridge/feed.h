@@ -48,6 +48,7 @@ struct FeedOptions {
     int key = 0;                         ///< of a blade's parameter block
     U32_t endpoint = MMSG_E_EPID_SNMPMP; ///< as which a blade is asked
     std::chrono::seconds lag{5};         ///< behind the clock of a server with an archive
+    std::chrono::seconds patience{15};   ///< with one such server of several that does not answer
 };
 
 /**
@@ -59,10 +60,13 @@ std::unique_ptr<Feed> openFeed(const FeedOptions& from, const std::string& posit
 
 // --- One kind each; as openFeed() ----------------------------------------------------------------
 
+/** @param opening how long a file stays open: one that was opened while nobody wrote the archive
+ * may never show what is written later */
 std::unique_ptr<Feed> archiveFeed(const std::string& archive, const std::string& position,
+                                  const evarchive::Say& say,
+                                  std::chrono::milliseconds opening = std::chrono::seconds(10));
+std::unique_ptr<Feed> arrivalFeed(const FeedOptions& from, const std::string& position,
                                   const evarchive::Say& say);
-std::unique_ptr<Feed> arrivalFeed(const std::string& server, std::chrono::seconds lag,
-                                  const std::string& position, const evarchive::Say& say);
 std::unique_ptr<Feed> logFeed(const std::string& path, const std::string& position);
 std::unique_ptr<Feed> bladeFeed(int key, U32_t endpoint, const std::string& position);
 

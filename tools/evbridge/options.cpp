@@ -101,6 +101,7 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
     Options options;
     double interval = 2;
     int lag = 5;
+    int patience = 15;
     CLI::App app(
         "Hands the events of an archive, a log or a blade on to syslog, the journal or SNMP.",
         "evbridge");
@@ -114,6 +115,11 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
                    "server that takes over be behind; events wait so long")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
+    app.add_option("--patience", patience,
+                   "An archive on several servers: seconds that the events of the others wait for "
+                   "one that does not answer")
+        ->check(CLI::Range(1, 900))
+        ->capture_default_str();
     app.add_flag("--once", options.once,
                  "End when everything has been handed on that was there at the start");
     app.add_flag("--skip-old", options.skipOld,
@@ -125,6 +131,7 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
         return *status;
     }
     options.from.lag = std::chrono::seconds(lag);
+    options.from.patience = std::chrono::seconds(patience);
     options.interval = std::chrono::milliseconds(std::lround(interval * 1000));
     return options;
 }

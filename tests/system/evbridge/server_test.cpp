@@ -130,6 +130,26 @@ TEST_F(ServerTest, EachServerOfASpreadArchiveHasAPlaceInTheCursor) {
     EXPECT_EQ(bridgeWith({"--once"})->wait(), exitedWith(2)) << "of another archive";
 }
 
+TEST_F(ServerTest, AServerThatStopsAnsweringHoldsUpTheOthersForAWhileOnly) {
+    spread();
+    for (U32_t slot = 0; slot < 8; ++slot) {
+        file(1, 1, {.slot = slot});
+    }
+    const U32_t there = slotOn("node2");
+    const Datagrams receiver(socketPath_);
+    const auto running = bridgeWith({"--patience", "1"});
+    EXPECT_EQ(ids(receiver, 8), std::vector<U32_t>(8, 1));
+    const auto asked = std::stoi(server_.sql("SELECT pid FROM pg_stat_activity WHERE datname = "
+                                             "'node1' AND application_name = 'evbridge'"));
+    ASSERT_EQ(kill(asked, SIGSTOP), 0);
+    file(2, 2, {.slot = there});
+    EXPECT_THAT(ids(receiver, 1), ElementsAre(2));
+    running->waitForOutput("the server does not answer; its events wait, those of other servers");
+    EXPECT_EQ(kill(asked, SIGCONT), 0);
+    running->signal(SIGTERM);
+    EXPECT_EQ(running->wait(), exitedWith(0));
+}
+
 TEST_F(ServerTest, WhileOneServerOfASpreadArchiveIsAwayEventsOfTheOthersGoOn) {
     spread();
     for (U32_t slot = 0; slot < 8; ++slot) {

@@ -44,8 +44,10 @@ constexpr char SET_UP[] = "SET plan_cache_mode = force_custom_plan; SET enable_s
 
 } // namespace
 
-PgArrivals::PgArrivals(const std::string& place, std::chrono::microseconds lag)
-    : connection_(place, PgPatience::endless()), lag_(lag.count()), stretch_(FIRST_STRETCH) {
+PgArrivals::PgArrivals(const std::string& place, std::chrono::microseconds lag,
+                       std::chrono::milliseconds patience)
+    : connection_(place, PgPatience{patience, patience}), lag_(lag.count()),
+      stretch_(FIRST_STRETCH) {
     connection_.reopen();
     connection_.execute(SET_UP);
 }

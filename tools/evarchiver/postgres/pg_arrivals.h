@@ -42,8 +42,11 @@ struct ArrivedEvent {
 /** One server. Calls throw StoreError; it connects at the first one. */
 class PgArrivals {
   public:
-    /** @param lag by which it stays behind the server's clock */
-    PgArrivals(const std::string& place, std::chrono::microseconds lag);
+    /** @param lag      by which it stays behind the server's clock
+     * @param patience that a statement may take; a server that does not answer in that time is
+     * away */
+    PgArrivals(const std::string& place, std::chrono::microseconds lag,
+               std::chrono::milliseconds patience = std::chrono::seconds(15));
 
     /** The server's clock. */
     S64_t now();
