@@ -33,6 +33,10 @@ BladeKey bladeOf(const EmpGetEvArchiverStatusMsg_t& request) {
     return {textOf(request.evEnclosureId), textOf(request.evBladeId), request.evSlotId};
 }
 
+SeriesKey logOf(const EmpGetEvArchiverStatusMsg_t& request) {
+    return {bladeOf(request), request.evInstanceNumber};
+}
+
 SeriesKey logOf(const EmpEvInquiryMsg_t& inquiry) {
     return {{textOf(inquiry.evEnclosureId), textOf(inquiry.evBladeId), inquiry.evSlotId},
             inquiry.evInstanceNumber};

@@ -75,7 +75,8 @@ struct ArchiveCounts {
 /** Who speaks on a link, as its status request said. */
 BladeKey bladeOf(const EmpGetEvArchiverStatusMsg_t& request);
 
-/** Which log an inquiry asks about. */
+/** Which log a status request, or an inquiry, asks about. */
+SeriesKey logOf(const EmpGetEvArchiverStatusMsg_t& request);
 SeriesKey logOf(const EmpEvInquiryMsg_t& inquiry);
 
 /** "enclosure E blade B slot 1", texts made printable. */
@@ -114,8 +115,12 @@ class Archive {
     /** An event that was filed without a border behind it turns out to be damaged. */
     void takeBack(LinkNumber link, View body);
 
-    /** Whether a status request takes a commit() for itself: one before it and one behind. */
-    bool isClaimedAlone() const { return store_.isShared(); }
+    /** Whether status requests are claimed, with a commit() before them and one behind. */
+    bool isClaimed() const { return store_.isShared(); }
+
+    /** Claims together what the next status requests ask for, each another log, before they are
+     * answered; in between nothing is filed. One that is not among them is claimed by itself. */
+    void claimAhead(const std::vector<EmpGetEvArchiverStatusMsg_t>& requests);
 
     /**
      * Answers a status request; the answer must not leave before the next commit(). From now on
@@ -221,7 +226,7 @@ class Archive {
     void save(Series& series);
     void recall(const std::vector<SeriesNumber>& lost, const std::vector<SeriesNumber>& stale);
     void undo() noexcept;
-    Series& claim(Speaker& speaker, const SeriesKey& key, U32_t first);
+    Series& claim(Speaker& speaker, const EmpGetEvArchiverStatusMsg_t& request);
     bool isSuperseded(const Speaker& speaker, LinkNumber link) const;
     Filed fileIn(const Filing& filing);
     static bool settles(const Filing& filing);
@@ -268,6 +273,7 @@ class Archive {
     std::set<GenerationKey> touched_;
     std::set<SeriesKey> cleared_;
     std::vector<SeriesKey> clearedNow_; ///< since the last commit
+    std::map<SeriesKey, Claim> ahead_;  ///< claims whose status requests are answered next
     S64_t now_ = 0;
     U64_t rows_ = 0; ///< kept up only under a row limit
     U64_t committedRows_ = 0;

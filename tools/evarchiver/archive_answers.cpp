@@ -13,10 +13,9 @@ constexpr LinkNumber ELSEWHERE = ~LinkNumber{0};
 } // namespace
 
 StatusVerdict Archive::answerStatus(LinkNumber link, const EmpGetEvArchiverStatusMsg_t& request) {
-    const SeriesKey key{bladeOf(request), request.evInstanceNumber};
+    const SeriesKey key = logOf(request);
     ++counts_.statusAnswers;
-    Series* series = store_.isShared() ? &claim(speakers_[link], key, request.evSequenceIdFirst)
-                                       : findSeries(key);
+    Series* series = store_.isShared() ? &claim(speakers_[link], request) : findSeries(key);
     setOwner(link, key.blade);
     const StatusVerdict verdict = series == nullptr ? NOTHING_HELD : verdictFor(request, *series);
     say(Level::INFO, nameOf(key) + " from id " + std::to_string(U32_t{request.evSequenceIdFirst}) +
@@ -40,10 +39,27 @@ void Archive::setOwner(LinkNumber link, const BladeKey& blade) {
 }
 
 // What was known by heart may be what it was before another process had the blade.
-Archive::Series& Archive::claim(Speaker& speaker, const SeriesKey& key, U32_t first) {
+void Archive::claimAhead(const std::vector<EmpGetEvArchiverStatusMsg_t>& requests) {
+    std::vector<Claimant> claimants;
+    for (const EmpGetEvArchiverStatusMsg_t& request : requests) {
+        const SeriesKey key = logOf(request);
+        claimants.push_back({key, request.evSequenceIdFirst});
+        series_.try_emplace(key, key).first->second.isForgotten = true;
+    }
+    std::vector<Claim> claims = store_.claimAll(claimants);
+    ahead_.clear();
+    for (std::size_t i = 0; i < claims.size(); ++i) {
+        ahead_.emplace(std::move(claimants[i].key), std::move(claims[i]));
+    }
+}
+
+Archive::Series& Archive::claim(Speaker& speaker, const EmpGetEvArchiverStatusMsg_t& request) {
+    const SeriesKey key = logOf(request);
+    if (!ahead_.contains(key)) {
+        claimAhead({request});
+    }
+    const Claim claimed = ahead_.extract(key).mapped();
     Series& series = series_.try_emplace(key, key).first->second;
-    series.isForgotten = true;
-    const Claim claimed = store_.claim(key, first);
     speaker.claimed = claimed.series;
     load(series, claimed);
     return series;

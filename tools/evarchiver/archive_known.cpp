@@ -186,6 +186,7 @@ void Archive::undo() noexcept {
         store_.rollback();
         inTransaction_ = false;
     }
+    ahead_.clear();
     for (auto before = ownersBefore_.rbegin(); before != ownersBefore_.rend(); ++before) {
         owners_[before->first] = before->second;
     }

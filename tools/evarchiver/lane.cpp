@@ -236,13 +236,14 @@ void Lane::workOff() {
                 ++requestAt_;
                 continue;
             }
-            const bool isAlone = request.kind == Batch::Kind::STATUS && archive_.isClaimedAlone();
-            if (isAlone) {
-                commit();
+            const bool isClaimed = request.kind == Batch::Kind::STATUS && archive_.isClaimed();
+            if (isClaimed && claimed_ == 0) {
+                claimAhead();
             }
             work(request, batch.bodyOf(request));
             ++requestAt_;
-            if (isAlone || uncommitted_ >= settings_.batch ||
+            const bool isLastClaimed = isClaimed && --claimed_ == 0;
+            if (isLastClaimed || uncommitted_ >= settings_.batch ||
                 uncommittedBytes_ >= settings_.batchBytes) {
                 commit();
             }
@@ -252,6 +253,52 @@ void Lane::workOff() {
         commit();
     }
     delay_ = std::chrono::milliseconds(0);
+}
+
+void Lane::claimAhead() {
+    commit();
+    const auto requests = waitingTogether();
+    archive_.claimAhead(requests);
+    claimed_ = requests.size();
+}
+
+// Up to the next event: what comes before it is answered first, and what is filed behind it is none
+// of the claims' business.
+std::vector<EmpGetEvArchiverStatusMsg_t> Lane::waitingTogether() const {
+    std::vector<EmpGetEvArchiverStatusMsg_t> group;
+    std::set<SeriesKey> logs;
+    std::size_t next = requestAt_;
+    for (std::size_t i = batchAt_; i < work_.size(); ++i, next = 0) {
+        for (; next < work_[i]->requests().size(); ++next) {
+            const Batch::Request& request = work_[i]->requests()[next];
+            const View body = work_[i]->bodyOf(request);
+            if (group.size() == settings_.handshakes || !joins(request, body, logs)) {
+                return group;
+            }
+            if (request.kind == Batch::Kind::STATUS) {
+                group.push_back(imageOf<EmpGetEvArchiverStatusMsg_t>(body));
+            }
+        }
+    }
+    return group;
+}
+
+// A log is claimed once at a time, and what has to wait for a lock ends the group.
+bool Lane::joins(const Batch::Request& request, View body, std::set<SeriesKey>& logs) const {
+    if (request.kind != Batch::Kind::DONE && parking_.mustWait(request, body, archive_)) {
+        return false;
+    }
+    switch (request.kind) {
+    case Batch::Kind::STATUS:
+        return logs.insert(logOf(imageOf<EmpGetEvArchiverStatusMsg_t>(body))).second;
+    case Batch::Kind::SPEAKER:
+    case Batch::Kind::INQUIRY:
+    case Batch::Kind::END_OF_LINK:
+    case Batch::Kind::DONE:
+        return true;
+    default:
+        return false;
+    }
 }
 
 void Lane::work(Batch::Request& request, View body) {
@@ -353,8 +400,7 @@ void Lane::dropDone() {
 // What waits for a lock is done as far as its batch is concerned, whatever becomes of the
 // transaction.
 bool Lane::park(Batch::Request& request, View body) {
-    if (parking_.isEmpty() || request.kind == Batch::Kind::DONE ||
-        !parking_.take(request, body, archive_)) {
+    if (request.kind == Batch::Kind::DONE || !parking_.take(request, body, archive_)) {
         return false;
     }
     request.kind = Batch::Kind::DONE;
@@ -457,6 +503,7 @@ void Lane::rewind() {
     std::erase_if(held_, [](const Reply& reply) { return reply.kind != Reply::Kind::RESEND; });
     uncommitted_ = 0;
     uncommittedBytes_ = 0;
+    claimed_ = 0;
     batchAt_ = 0;
     requestAt_ = committedTo_;
 }

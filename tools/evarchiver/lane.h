@@ -71,6 +71,8 @@ struct LaneSettings {
     std::chrono::milliseconds batchWait{100};
     /** Bytes of events to a transaction, from which on it is committed. */
     std::size_t batchBytes = std::size_t{1} << 20U;
+    /** Status requests that are claimed together at most, at least 1. Others wait behind them. */
+    U32_t handshakes = 64;
     /** How long a log is locked until the links that what waits for it came on are closed: their
      * blades keep what they have, and come again. */
     std::chrono::milliseconds lockPatience = std::chrono::seconds(10);
@@ -120,6 +122,9 @@ class Lane {
     bool awaitWork();
     void retain();
     void workOff();
+    void claimAhead();
+    std::vector<EmpGetEvArchiverStatusMsg_t> waitingTogether() const;
+    bool joins(const Batch::Request& request, View body, std::set<SeriesKey>& logs) const;
     void work(Batch::Request& request, View body);
     void fileEvent(LinkNumber link, View body, Certainty certainty);
     void commit();
@@ -148,6 +153,7 @@ class Lane {
     std::size_t batchAt_ = 0;                 ///< where in work_ the work goes on
     std::size_t requestAt_ = 0;               ///< where in that batch
     std::size_t committedTo_ = 0;             ///< requests of work_'s first batch that are safe
+    std::size_t claimed_ = 0;                 ///< status requests that are, and not yet answered
     std::vector<Reply> held_;                 ///< they wait for the commit
     Parking parking_;                         ///< what waits for logs that are locked
     Clock::time_point nextLookAtLocks_;

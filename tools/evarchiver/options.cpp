@@ -121,6 +121,12 @@ void addLimits(CLI::App& app, Options& options, Parsed& parsed) {
         ->check(CLI::Range(1, 1'000'000))
         ->capture_default_str();
     limits
+        ->add_option("--handshakes", options.lane.handshakes,
+                     "Status requests that a lane of a shared archive answers together at most; "
+                     "others wait behind them")
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
+    limits
         ->add_option("--batch-wait", parsed.batchWait,
                      "Milliseconds that an event waits at most for others of its transaction")
         ->check(CLI::Range(1, 10'000))

@@ -28,10 +28,8 @@ std::vector<SeriesKey> logsOf(const Batch::Request& request, View body, const Ar
     case Batch::Kind::ENDED:
     case Batch::Kind::TAKE_BACK:
         return archive.logsOf(request.link, body);
-    case Batch::Kind::STATUS: {
-        const auto status = imageOf<EmpGetEvArchiverStatusMsg_t>(body);
-        return {{bladeOf(status), status.evInstanceNumber}};
-    }
+    case Batch::Kind::STATUS:
+        return {logOf(imageOf<EmpGetEvArchiverStatusMsg_t>(body))};
     default:
         return {}; // an inquiry reads, whatever is locked
     }
@@ -51,12 +49,18 @@ bool Parking::lock(const std::vector<SeriesKey>& logs) {
     return isNew;
 }
 
+bool Parking::mustWait(const Batch::Request& request, View body, const Archive& archive) const {
+    return !isEmpty() &&
+           (links_.contains(request.link) ||
+            std::ranges::any_of(logsOf(request, body, archive),
+                                [this](const SeriesKey& log) { return logs_.contains(log); }));
+}
+
 bool Parking::take(const Batch::Request& request, View body, const Archive& archive) {
-    const std::vector<SeriesKey> logs = logsOf(request, body, archive);
-    const auto waits = [this](const SeriesKey& log) { return logs_.contains(log); };
-    if (!links_.contains(request.link) && std::ranges::none_of(logs, waits)) {
+    if (!mustWait(request, body, archive)) {
         return false;
     }
+    const std::vector<SeriesKey> logs = logsOf(request, body, archive);
     links_.insert(request.link);
     logs_.insert(logs.begin(), logs.end());
     if (waiting_->isEmpty()) {

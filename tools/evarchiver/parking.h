@@ -26,7 +26,10 @@ class Parking {
     /** Further logs are. @return whether any of them is new */
     bool lock(const std::vector<SeriesKey>& logs);
 
-    /** Takes a request over, if it has to wait. @param archive tells where events belong */
+    /** Whether a request has to wait. @param archive tells where events belong */
+    bool mustWait(const Batch::Request& request, View body, const Archive& archive) const;
+
+    /** Takes a request over, if it has to. */
     bool take(const Batch::Request& request, View body, const Archive& archive);
 
     /** Only these are locked by now. @return all that has waited; what has to wait further is to be

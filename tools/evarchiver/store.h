@@ -53,7 +53,7 @@ class StoreError : public std::runtime_error {
 class StoreConflict : public std::runtime_error {
   public:
     /**
-     * @param lost series whose claim of this process holds no more, see Store::claim()
+     * @param lost series whose claim of this process holds no more, see Store::claimAll()
      * @param stale further ones that are not as they were
      */
     explicit StoreConflict(std::vector<S64_t> lost = {}, std::vector<S64_t> stale = {})
@@ -149,6 +149,13 @@ struct GenerationInfo {
     std::optional<U32_t> highest = {};
 };
 
+/** Who begins a handshake. */
+struct Claimant {
+    SeriesKey key;
+    U32_t first =
+        0; ///< the oldest id that the blade has: it and the end of its run are asked for next
+};
+
 /** What a handshake begins with. */
 struct Claim {
     SeriesNumber series = 0;
@@ -236,8 +243,8 @@ class StoreReader {
 class Store : public StoreReader {
   public:
     /** Whether other processes file into it too. Then
-     * - a handshake is claim()ed, outside of any transaction, and what it is answered is looked up
-     *   anew;
+     * - a handshake is claimed, see claimAll(), outside of any transaction, and what it is answered
+     * is looked up anew;
      * - events of a link that did not claim their log stay doubtful: they begin no generation but
      *   the first, and make room for what the holder of the claim brings;
      * - an inquiry looks up the newest generation anew;
@@ -247,14 +254,17 @@ class Store : public StoreReader {
     virtual bool isShared() const { return false; }
 
     /**
-     * The blade of this series speaks here from now on, whoever claimed it before: of an earlier
+     * The blades of these series speak here from now on, whoever claimed them before: of an earlier
      * claim nothing can be committed any more, by any process. What is committed of the series by
-     * then can be read. Adds the series if it is new. Only of a shared engine, outside of
-     * transactions. A server that fails before anything is committed may have forgotten the claim;
-     * the next change says so by a StoreConflict.
-     * @param first the oldest id that the blade has: it and the end of its run are asked for next
+     * then can be read. Adds series that are new. Only of a shared engine, outside of transactions.
+     * A server that fails before anything is committed may have forgotten the claims; the next
+     * change says so by a StoreConflict.
+     * @param claimants each of another series
+     * @return as many, in that order
      */
-    virtual Claim claim(const SeriesKey& key, U32_t first);
+    virtual std::vector<Claim> claimAll(const std::vector<Claimant>& claimants);
+
+    Claim claim(const SeriesKey& key, U32_t first) { return claimAll({{key, first}}).front(); }
 
     /** Whether any generation of the series holds the very event. Only of a shared engine: an event
      * that comes late, on a link that is not its blade's any more, need not be set aside then. */
@@ -316,7 +326,7 @@ inline std::vector<StoredEvent> StoreReader::eventsBehind(const GenerationKey& g
     return events;
 }
 
-inline Claim Store::claim(const SeriesKey& /*key*/, U32_t /*first*/) {
+inline std::vector<Claim> Store::claimAll(const std::vector<Claimant>& /*claimants*/) {
     throw StoreError("an archive that is not shared is not claimed");
 }
 

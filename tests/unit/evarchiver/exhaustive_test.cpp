@@ -27,7 +27,9 @@ class ExhaustiveTest : public testing::TestWithParam<Bounds> {
                 for (const unsigned action : possible(bounds, way)) {
                     Way further = way;
                     further.push_back(action);
-                    if (seen.insert(after(bounds, further)->text()).second) {
+                    const auto world = after(bounds, further);
+                    hasClaimedTogether_ = hasClaimedTogether_ || world->hasClaimedTogether();
+                    if (seen.insert(world->text()).second) {
                         next.push_back(std::move(further));
                     }
                 }
@@ -37,6 +39,8 @@ class ExhaustiveTest : public testing::TestWithParam<Bounds> {
         }
         return seen.size();
     }
+
+    bool hasClaimedTogether_ = false;
 
     static std::unique_ptr<World> after(const Bounds& bounds, const Way& way) {
         auto world = std::make_unique<World>(bounds);
@@ -88,6 +92,7 @@ TEST_P(ExhaustiveTest, NothingIsLostInAnyOrder) {
     }
     const std::size_t states = search(bounds);
     EXPECT_GT(states, 300U);
+    EXPECT_EQ(hasClaimedTogether_, bounds.hasNeighbour); // another log waits beside the blade's
     RecordProperty("states", std::to_string(states));
 }
 

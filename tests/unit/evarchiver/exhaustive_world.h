@@ -132,6 +132,9 @@ class World {
 
     bool isConnected() const { return peer_ != nullptr; }
 
+    /** Whether handshakes were claimed together on the way here. */
+    bool hasClaimedTogether() const { return isTogether_; }
+
     /** The blade connects once more and sends all that it has; everything comes to its end.
      * @param isLate the first process stands still until then, and the blade is on the last one */
     void finish(bool isLate) {
@@ -401,23 +404,43 @@ class World {
                                       : Certainty::ENDED;
     }
 
-    // As a lane does: up to the end of the queue, a handshake of a shared storage for itself.
+    // As a lane does: up to the end of the queue, handshakes of a shared storage that wait one
+    // behind the other together.
     void work(Process& process) {
         try {
             while (!process.queue.empty()) {
-                const bool isAlone =
-                    process.queue.front().kind == Kind::STATUS && process.archive->isClaimedAlone();
-                if (isAlone) {
-                    commitOnce(process);
+                const bool isClaimed =
+                    process.queue.front().kind == Kind::STATUS && process.archive->isClaimed();
+                const std::size_t together = isClaimed ? claimAhead(process) : 0;
+                for (std::size_t i = 0; i < std::max<std::size_t>(together, 1); ++i) {
+                    workOne(process);
                 }
-                workOne(process);
-                if (isAlone) {
+                if (isClaimed) {
                     commitOnce(process);
                 }
             }
         } catch (const StoreConflict& conflict) {
             undo(process, conflict);
         }
+    }
+
+    std::size_t claimAhead(Process& process) {
+        commitOnce(process);
+        std::vector<EmpGetEvArchiverStatusMsg_t> group;
+        std::set<SeriesKey> logs;
+        for (const Request& request : process.queue) {
+            const auto status =
+                request.kind == Kind::STATUS
+                    ? std::optional(imageOf<EmpGetEvArchiverStatusMsg_t>(request.body))
+                    : std::nullopt;
+            if (!status || !logs.insert(logOf(*status)).second) {
+                break;
+            }
+            group.push_back(*status);
+        }
+        process.archive->claimAhead(group);
+        isTogether_ = isTogether_ || group.size() > 1;
+        return group.size();
     }
 
     void workOne(Process& process) {
@@ -593,7 +616,8 @@ class World {
     Process* peer_ = nullptr; ///< with whom the blade is connected
     LinkNumber link_ = 0;
     bool isFirstStill_ = false;
-    bool isWaiting_ = false; ///< for its status answer
+    bool isTogether_ = false; ///< handshakes were claimed together
+    bool isWaiting_ = false;  ///< for its status answer
     bool hasResent_ = false;
     std::size_t next_ = 0;   ///< to be sent
     Bytes unsettled_;        ///< the last one that was, with nothing behind it

@@ -63,6 +63,38 @@ class LaneFixture : public testing::Test {
     std::unique_ptr<Lane> lane_;
 };
 
+/** A lane of a shared archive, and blades: each on the link of its number. */
+class BladesFixture : public LaneFixture {
+  protected:
+    // It uses the storage until it has ended, also when a test ends early.
+    void TearDown() override { lane_.reset(); }
+
+    void startShared(const LaneSettings& settings) {
+        auto store = std::make_unique<MemoryStore>(database_, true);
+        store_ = store.get();
+        start(std::move(store), settings);
+    }
+
+    static LogName logOf(LinkNumber link) { return {.blade = "BLADE-" + std::to_string(link)}; }
+    static SeriesKey keyOf(LinkNumber link) {
+        return {{"ENC-A", "BLADE-" + std::to_string(link), 1}, 1};
+    }
+    void addStatus(LinkNumber link) {
+        batch_.add(link, Batch::Kind::STATUS, statusBody(logOf(link), 0, {1, 2, 3}));
+    }
+    void addEvents(LinkNumber link, U32_t first, U32_t last) {
+        for (U32_t id = first; id <= last; ++id) {
+            batch_.add(link, Batch::Kind::EVENT, eventBody({.log = logOf(link), .id = id}));
+        }
+    }
+    void addInquiry(LinkNumber link) {
+        batch_.add(link, Batch::Kind::INQUIRY, inquiryBody(LAST, logOf(link), 0));
+    }
+
+    MemoryDatabase database_;
+    MemoryStore* store_ = nullptr;
+};
+
 } // namespace evarchive
 
 #endif

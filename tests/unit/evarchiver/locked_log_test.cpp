@@ -10,17 +10,12 @@ using testing::HasSubstr;
 namespace {
 
 /** A lane over a storage of which somebody keeps logs locked. */
-class LockedLogTest : public LaneFixture {
+class LockedLogTest : public BladesFixture {
   protected:
-    // It uses the storage until it has ended, also when a test ends early.
-    void TearDown() override { lane_.reset(); }
-
     void SetUp() override {
-        auto store = std::make_unique<MemoryStore>(database_, true);
-        store_ = store.get();
         LaneSettings settings;
         settings.lockPatience = patience_;
-        start(std::move(store), settings);
+        startShared(settings);
         addStatus(1);
         addStatus(2);
         addEvents(1, 0, 4);
@@ -28,22 +23,6 @@ class LockedLogTest : public LaneFixture {
         submit();
         waitForReplies(2);
         requireSoon([this] { return lane_->state().spooled == 0; }, "all to be safe");
-    }
-
-    static LogName logOf(LinkNumber link) { return {.blade = "BLADE-" + std::to_string(link)}; }
-    static SeriesKey keyOf(LinkNumber link) {
-        return {{"ENC-A", "BLADE-" + std::to_string(link), 1}, 1};
-    }
-    void addStatus(LinkNumber link) {
-        batch_.add(link, Batch::Kind::STATUS, statusBody(logOf(link), 0, {1, 2, 3}));
-    }
-    void addEvents(LinkNumber link, U32_t first, U32_t last) {
-        for (U32_t id = first; id <= last; ++id) {
-            batch_.add(link, Batch::Kind::EVENT, eventBody({.log = logOf(link), .id = id}));
-        }
-    }
-    void addInquiry(LinkNumber link) {
-        batch_.add(link, Batch::Kind::INQUIRY, inquiryBody(LAST, logOf(link), 0));
     }
 
     std::vector<U32_t> idsOf(LinkNumber link) {
@@ -74,8 +53,6 @@ class LockedLogTest : public LaneFixture {
     }
 
     std::chrono::milliseconds patience_ = std::chrono::minutes(5);
-    MemoryDatabase database_;
-    MemoryStore* store_ = nullptr;
 };
 
 /** The same, and nobody is patient. */
@@ -264,4 +241,20 @@ TEST_F(LongLockedLogTest, LinkOfALogThatStaysLockedIsClosedOnce) {
     store_->lock({});
     expectAllIsFiled(9);
     EXPECT_EQ(waitForReplies(4).size(), 4U);
+}
+
+TEST_F(LockedLogTest, HandshakesThatWaitTogetherAreClaimedWithoutTheLockedOne) {
+    store_->lock({keyOf(4)});
+    for (const LinkNumber link : {3, 4, 5, 6}) {
+        addStatus(link);
+    }
+    submit();
+    const auto replies = waitForReplies(5);
+    EXPECT_EQ(replies[2].link, 3U);
+    EXPECT_EQ(replies[3].link, 5U);
+    EXPECT_EQ(replies[4].link, 6U);
+    store_->lock({});
+    EXPECT_EQ(waitForReplies(6)[5].link, 4U);
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+    EXPECT_EQ(database_.epochs[*store_->findSeries(keyOf(3))], 1U);
 }

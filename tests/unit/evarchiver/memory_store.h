@@ -35,14 +35,31 @@ class MemoryStore : public Store {
 
     bool isShared() const override { return isShared_; }
 
-    Claim claim(const SeriesKey& key, U32_t /*first*/) override {
+    /** All of them, or none. */
+    std::vector<Claim> claimAll(const std::vector<Claimant>& claimants) override {
         if (work_) {
             throw std::logic_error("claimed within a transaction");
         }
-        requireUnlocked([&key](const SeriesKey& locked) { return locked == key; });
-        const SeriesNumber number = addTo(committed_, key);
-        claims_[number] = ++committed_.epochs[number];
-        return {number, newestGeneration(number)};
+        requireUnlocked([&claimants](const SeriesKey& locked) {
+            return std::ranges::count(claimants, locked, &Claimant::key) > 0;
+        });
+        std::vector<Claim> claims;
+        std::vector<SeriesKey> keys;
+        for (const Claimant& claimant : claimants) {
+            const SeriesNumber number = addTo(committed_, claimant.key);
+            claims_[number] = ++committed_.epochs[number];
+            claims.push_back({number, newestGeneration(number)});
+            keys.push_back(claimant.key);
+        }
+        const std::lock_guard lock(mutex_);
+        groups_.push_back(std::move(keys));
+        return claims;
+    }
+
+    /** What was claimed together so far. Any thread may ask. */
+    std::vector<std::vector<SeriesKey>> groups() {
+        const std::lock_guard lock(mutex_);
+        return groups_;
     }
 
     bool isHeld(SeriesNumber series, View image) override {
@@ -390,6 +407,7 @@ class MemoryStore : public Store {
     U64_t generationLooks_ = 0;
     std::mutex mutex_;
     std::set<SeriesKey> locked_;
+    std::vector<std::vector<SeriesKey>> groups_;
     std::optional<MemoryDatabase> work_; ///< within a transaction
     std::vector<std::function<void(MemoryDatabase&)>> changes_;
     std::set<SeriesNumber> ours_; ///< series with changes that need their claim

@@ -8,6 +8,7 @@ using fleet::server;
 using support::eventBody;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
 namespace {
 
@@ -90,6 +91,25 @@ TEST_F(PgLocksTest, HandshakeOfALockedLogNamesIt) {
     EXPECT_EQ(impatient_.claim(keyOf(2), 0).newest->highest, 0U);
     unlock();
     EXPECT_EQ(impatient_.claim(keyOf(1), 0).newest->highest, 0U);
+}
+
+TEST_F(PgLocksTest, LockedLogsOfHandshakesThatGoTogetherAreNamedAndNothingIsClaimed) {
+    const auto logs = claimed(*store_, 4);
+    lock(logs[0]);
+    holder_.execute("SELECT 1 FROM logs WHERE log = " + std::to_string(logs[2].series) +
+                    " FOR UPDATE");
+    try {
+        impatient_.claimAll({{keyOf(1), 0}, {keyOf(2), 0}, {keyOf(3), 0}, {keyOf(4), 0}});
+        FAIL() << "logs are locked";
+    } catch (const StoreLocked& locked) {
+        EXPECT_THAT(locked.locked(), UnorderedElementsAre(keyOf(1), keyOf(3)));
+    }
+    impatient_.rollback();
+    unlock();
+    EXPECT_EQ(server().sql("SELECT max(epoch) FROM logs", "contract"), "1\n");
+    store_->begin();
+    add(*store_, logs[1], 1);
+    EXPECT_NO_THROW(store_->commit());
 }
 
 TEST_F(PgLocksTest, TableThatIsLockedNamesNoLog) {

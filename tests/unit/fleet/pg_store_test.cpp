@@ -1,6 +1,9 @@
 /** An archiver on a PostgreSQL server: what handshakes learn, runs, confirmations, what is looked
  * up. */
 #include "pg_store_fixture.h"
+#include "postgres/log_number.h"
+
+#include <future>
 
 using namespace evarchive;
 using fleet::PgStoreTest;
@@ -32,6 +35,63 @@ TEST_F(PgStoreTest, HandshakeLearnsThatItsFirstIdIsNotHeld) {
     const U64_t asked = callsOf("% FROM events %");
     EXPECT_EQ(store_->heldEvent(generation, 2), std::nullopt);
     EXPECT_EQ(callsOf("% FROM events %"), asked);
+}
+
+TEST_F(PgStoreTest, HandshakesOfManyLogsAreAnsweredInTheOrderInWhichTheyAreAsked) {
+    const GenerationKey generation = fill(*store_, {0, 1});
+    std::vector<Claimant> claimants;
+    for (U32_t slot = 9; slot > 0; --slot) {
+        claimants.push_back({key_, slot == 1 ? 1U : 0U});
+        claimants.back().key.blade.slot = slot;
+    }
+    const auto claims = other_->claimAll(claimants);
+    EXPECT_EQ(server().sql("SELECT count(DISTINCT xmin::text) FROM logs", "contract"), "1\n");
+    ASSERT_EQ(claims.size(), 9U);
+    for (std::size_t i = 0; i < 9; ++i) {
+        EXPECT_EQ(other_->findSeries(claimants[i].key), claims[i].series);
+        EXPECT_EQ(claims[i].newest.has_value(), i == 8);
+    }
+    EXPECT_EQ(claims[8].newest->highest, 1U);
+    const U64_t asked = callsOf("SELECT%FROM events%");
+    EXPECT_EQ(other_->heldEvent(generation, 1)->image, bodyOf(1));
+    EXPECT_EQ(callsOf("SELECT%FROM events%"), asked);
+    EXPECT_EQ(server().sql("SELECT count(*), sum(epoch) FROM logs", "contract"), "9|10\n");
+    store_->begin();
+    add(*store_, generation, 2);
+    EXPECT_THAT(lostAt(*store_), ElementsAre(generation.series));
+}
+
+TEST_F(PgStoreTest, HandshakeOfALogWhoseNumberIsTakenGoesWithOthers) {
+    SeriesKey another = key_;
+    another.blade.slot = 2;
+    const SeriesNumber number = logNumber(identityOf(key_));
+    server().sql("INSERT INTO logs (log, identity, enclosure, blade, slot, instance) VALUES (" +
+                     std::to_string(number) + ", 'x', 'E', 'B', 1, 1)",
+                 "contract");
+    const auto claims = store_->claimAll({{key_, 0}, {another, 0}});
+    EXPECT_EQ(claims[0].series, logNumber(identityOf(key_), 1));
+    EXPECT_EQ(claims[1].series, logNumber(identityOf(another)));
+    EXPECT_EQ(server().sql("SELECT sum(epoch) FROM logs WHERE epoch < 2", "contract"), "2\n");
+}
+
+// Whatever order the blades come in: else each would wait for the other one.
+TEST_F(PgStoreTest, TwoArchiversClaimTheSameLogsAtOnce) {
+    std::vector<Claimant> claimants;
+    for (U32_t slot = 1; slot <= 30; ++slot) {
+        claimants.push_back({key_, 0});
+        claimants.back().key.blade.slot = slot;
+    }
+    std::vector<Claimant> reversed(claimants.rbegin(), claimants.rend());
+    constexpr int TIMES = 10;
+    const auto claimTimes = [](Store& store, const std::vector<Claimant>& all) {
+        for (int i = 0; i < TIMES; ++i) {
+            store.claimAll(all);
+        }
+    };
+    auto other = std::async(std::launch::async, [&] { claimTimes(*other_, reversed); });
+    EXPECT_NO_THROW(claimTimes(*store_, claimants));
+    EXPECT_NO_THROW(other.get());
+    EXPECT_EQ(server().sql("SELECT min(epoch), max(epoch) FROM logs", "contract"), "20|20\n");
 }
 
 TEST_F(PgStoreTest, HandshakeWritesDownTheOldestIdOfTheBlade) {

@@ -253,9 +253,14 @@ void PgConnection::await(bool alsoWrite) {
     }
 }
 
-void PgConnection::flush() {
+// Each answer has its time: the server counts it for each statement, too.
+void PgConnection::beginWait() {
     const auto patience = patience_.statement.count() > 0 ? patience_.statement + GRACE : ENDLESS;
     deadline_ = std::chrono::steady_clock::now() + patience;
+}
+
+void PgConnection::flush() {
+    beginWait();
     for (int left = PQflush(connection_); left != 0; left = PQflush(connection_)) {
         if (left < 0) {
             fail(PQerrorMessage(connection_));
@@ -348,6 +353,7 @@ void PgConnection::sync() {
 // The answer to the queue's next entry, a preparation or a statement. What failed to be prepared is
 // not.
 PgConnection::Result PgConnection::takeEntry() {
+    beginWait();
     Result result = next();
     if (!result) {
         fail("the server ended the connection");

@@ -158,6 +158,7 @@ class PgConnection {
     Result next();
     Result takeEntry();
     static bool isGood(const Result& result);
+    void beginWait();
     [[noreturn]] void fail(const std::string& what);
     [[noreturn]] void failWith(const pg_result* result);
 

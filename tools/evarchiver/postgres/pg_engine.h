@@ -83,7 +83,7 @@ class PgStore final : public Store {
 
     bool isShared() const override { return true; }
 
-    Claim claim(const SeriesKey& key, U32_t first) override;
+    std::vector<Claim> claimAll(const std::vector<Claimant>& claimants) override;
     bool isHeld(SeriesNumber series, View image) override {
         return readOf(series, &PgReads::isHeld, series, image);
     }
@@ -167,8 +167,19 @@ class PgStore final : public Store {
     S64_t newestOfOwned(SeriesNumber series);
     void queueName(const SeriesKey& key, SeriesNumber number);
     SeriesNumber nameSeries(const SeriesKey& key);
-    std::optional<Claim> tryClaim(const SeriesKey& key, SeriesNumber number, U32_t first,
-                                  bool isNew);
+
+    /** A claim on its way. */
+    struct Claiming {
+        SeriesNumber number;
+        const Claimant* claimant;
+        bool isNew; ///< there may be no row of it
+        std::optional<Claim> claim = {};
+    };
+    void tryClaims(std::vector<Claiming>& claims);
+    void claimByLook(Claiming& claiming);
+    void queueClaim(const Claiming& claiming);
+    void takeClaim(Claiming& claiming, const PgRows& claimed, const PgRows& newest,
+                   const PgRows& held);
     GenerationInfo newestOf(SeriesNumber series, const PgRows& newest, U32_t first);
 
     /** What fences tell. */
@@ -220,9 +231,9 @@ class PgStore final : public Store {
     std::vector<std::pair<GenerationKey, U32_t>> filed_; ///< in this transaction
     std::vector<std::vector<SeriesNumber>> fences_;      ///< those on their way: what they lock
     std::vector<Saved> saved_;
-    std::vector<SeriesNumber> stale_; ///< what the conflict that ends the transaction has named
-    std::vector<SeriesNumber> named_; ///< logs that the transaction gave their row
-    std::optional<SeriesNumber> claiming_; ///< a handshake is under way
+    std::vector<SeriesNumber> stale_;    ///< what the conflict that ends the transaction has named
+    std::vector<SeriesNumber> named_;    ///< logs that the transaction gave their row
+    std::vector<SeriesNumber> claiming_; ///< handshakes are under way
     PgBatch batch_;
     LookedUp looked_;
     bool isUnchecked_ = true; ///< the layout and the claims, since the connection was made

@@ -299,7 +299,7 @@ void PgStore::endTransaction() {
     saved_.clear();
     stale_.clear();
     named_.clear();
-    claiming_.reset();
+    claiming_.clear();
     touched_.clear();
     pending_.clear();
     doubtful_.clear();

@@ -24,6 +24,9 @@ class PgReads {
     /** The number that a log has unless another log has it; asks nobody. */
     SeriesNumber likelyNumberOf(const SeriesKey& key) const;
 
+    /** Whether the log was seen. */
+    bool knows(const SeriesKey& key) const { return numbers_.contains(key); }
+
     /** The log of this number was seen to be this one. */
     void remember(SeriesNumber number, const SeriesKey& key);
 
