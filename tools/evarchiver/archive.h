@@ -204,6 +204,7 @@ class Archive {
     struct Speaker {
         std::optional<BladeKey> blade;
         SeriesNumber claimed = 0; ///< of a shared engine
+        SeriesKey log{};          ///< that is claimed
         Identity identity{};      ///< of its last event
         Series* series = nullptr; ///< where that belongs; none after forget()
         bool isStranger = false;  ///< whether that bears another identity than the link's blade
@@ -242,6 +243,7 @@ class Archive {
     void openGeneration(Series& series);
     void touch(Series& series);
     void dropEnded();
+    void release(const Speaker& speaker);
     static void extendRun(Series& series, U32_t id);
     void noteGap(const Series& series, U32_t id);
     IdRun runFrom(Series& series, U32_t first);

@@ -61,6 +61,7 @@ Archive::Series& Archive::claim(Speaker& speaker, const EmpGetEvArchiverStatusMs
     const Claim claimed = ahead_.extract(key).mapped();
     Series& series = series_.try_emplace(key, key).first->second;
     speaker.claimed = claimed.series;
+    speaker.log = key;
     load(series, claimed);
     return series;
 }

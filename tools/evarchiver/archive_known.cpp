@@ -20,11 +20,24 @@ void Archive::dropEnded() {
             const auto owner = owners_.find(*speaker->second.blade);
             if (owner != owners_.end() && owner->second == link) {
                 owners_.erase(owner);
+                release(speaker->second);
             }
         }
         speakers_.erase(speaker);
     }
     ended_.clear();
+}
+
+// Else what was ever claimed here would be looked up after each loss of the storage.
+void Archive::release(const Speaker& speaker) {
+    if (speaker.claimed == 0) {
+        return;
+    }
+    store_.release(speaker.claimed);
+    const auto series = series_.find(speaker.log);
+    if (series != series_.end()) {
+        series->second.isForgotten = true;
+    }
 }
 
 Archive::Series& Archive::seriesOf(const SeriesKey& key) {

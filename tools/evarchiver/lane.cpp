@@ -14,6 +14,13 @@ constexpr std::chrono::milliseconds LONGEST_DELAY{2000};
 // Before the first repeat of what met the work of another process.
 constexpr std::chrono::milliseconds CONFLICT_DELAY{1};
 
+// So many events a transaction takes at least, however often it fails: a server may be too slow for
+// more.
+constexpr U32_t FEWEST_EVENTS = 50;
+
+// Conflicts one behind the other that are worth a line.
+constexpr U32_t MANY_CONFLICTS = 10;
+
 // Between two lines that say so.
 constexpr std::chrono::seconds SAY_AGAIN{60};
 
@@ -61,7 +68,7 @@ LaneState& LaneState::operator+=(const LaneState& other) {
 Lane::Lane(std::unique_ptr<Store> store, const LaneSettings& settings, Callbacks callbacks)
     : store_(std::move(store)), settings_(settings), callbacks_(std::move(callbacks)),
       archive_(*store_, settings.archive, callbacks_.say), retention_(*store_, settings.retention),
-      thread_([this] { run(); }) {}
+      most_(settings.batch), thread_([this] { run(); }) {}
 
 Lane::~Lane() {
     stop(std::chrono::milliseconds(0));
@@ -243,7 +250,7 @@ void Lane::workOff() {
             work(request, batch.bodyOf(request));
             ++requestAt_;
             const bool isLastClaimed = isClaimed && --claimed_ == 0;
-            if (isLastClaimed || uncommitted_ >= settings_.batch ||
+            if (isLastClaimed || uncommitted_ >= most_ ||
                 uncommittedBytes_ >= settings_.batchBytes) {
                 commit();
             }
@@ -365,6 +372,8 @@ void Lane::commit() {
         commitSeconds_ += seconds;
         worstCommit_ = std::max(worstCommit_, seconds);
         commitTimes_.add(seconds);
+        most_ = std::min(settings_.batch, 2 * most_);
+        conflicts_ = 0;
         sayBack();
     } else {
         archive_.commit(); // it may have something to say
@@ -442,6 +451,7 @@ void Lane::undo(const StoreError& error) {
         throw error;
     }
     rewind();
+    most_ = std::min(settings_.batch, std::max(FEWEST_EVENTS, most_ / 2));
     delay_ = std::clamp(delay_ * 2, FIRST_DELAY, LONGEST_DELAY);
     const bool isOther = isRefused_.exchange(error.isRefusal()) != error.isRefusal();
     const bool isNew = !isAway_.exchange(true);
@@ -488,6 +498,11 @@ void Lane::undo(const StoreConflict& conflict) {
     archive_.abandon(conflict);
     rewind();
     delay_ = std::clamp(delay_ * 2, CONFLICT_DELAY, LONGEST_DELAY);
+    if (++conflicts_ % MANY_CONFLICTS == 0) {
+        callbacks_.say(Level::WARNING, "what waits has met the work of others " +
+                                           std::to_string(conflicts_) +
+                                           " times in a row; tried again");
+    }
     std::vector<Reply> superseded;
     for (const LinkNumber link : archive_.loseClaims(conflict.lost())) {
         superseded.push_back({link, Reply::Kind::SUPERSEDED});

@@ -160,6 +160,8 @@ class Lane {
     U32_t uncommitted_ = 0;            ///< events since the last commit
     std::size_t uncommittedBytes_ = 0; ///< of them
     Clock::time_point firstUncommitted_;
+    U32_t most_;          ///< events to the next transaction: fewer after one that failed
+    U32_t conflicts_ = 0; ///< since the last commit
     std::chrono::milliseconds delay_{0}; ///< before the next try
     Clock::time_point saidAway_;
     U64_t commits_ = 0;

@@ -159,6 +159,9 @@ void addTestSwitches(CLI::App& app, Options& options, unsigned& late) {
         ->check(CLI::Range(88, 32'767));
 }
 
+// Well below the second that other archivers wait for a log's row.
+constexpr std::chrono::milliseconds LONGEST_SHARED_WAIT{500};
+
 /** What an archive that others share does not take from one of them; "": nothing of it is asked
  * for.
  */
@@ -168,6 +171,10 @@ std::string refusalOf(const Options& options) {
     }
     if (options.lane.archive.clear != Clear::NOTHING) {
         return "--clear is for archives in a file only";
+    }
+    if (options.lane.batchWait > LONGEST_SHARED_WAIT) {
+        return "--batch-wait is at most " + std::to_string(LONGEST_SHARED_WAIT.count()) +
+               " for an archive on PostgreSQL: others wait for the logs of a batch";
     }
     if (options.lane.retention.isBound() || options.lane.archive.rowLimit > 0) {
         return "what a shared archive keeps is set with \"evarchiver db maintain\"";
@@ -200,6 +207,7 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
         return tools::sayCouldNot("evarchiver",
                                   "--row-limit counts what one lane files: not with --lanes");
     }
+    options.lane.batchWait = std::chrono::milliseconds(parsed.batchWait);
     if (const std::string why = refusalOf(options); !why.empty()) {
         return tools::sayCouldNot("evarchiver", why);
     }
@@ -207,7 +215,6 @@ std::variant<Options, int> parseOptions(int argc, const char* const* argv) {
     if (!parsed.metrics.empty()) {
         options.metrics = endpointOf(parsed.metrics, asio::ip::address_v4::loopback());
     }
-    options.lane.batchWait = std::chrono::milliseconds(parsed.batchWait);
     options.firstWait = std::chrono::seconds(parsed.firstWait);
     options.answerWait = std::chrono::seconds(parsed.answerWait);
     options.progress = std::chrono::seconds(parsed.progress);

@@ -266,6 +266,10 @@ class Store : public StoreReader {
 
     Claim claim(const SeriesKey& key, U32_t first) { return claimAll({{key, first}}).front(); }
 
+    /** The blade does not speak here any more: nothing is owed to its claim. Outside of
+     * transactions. What is known of the series is to be looked up anew. */
+    virtual void release(SeriesNumber /*series*/) {}
+
     /** Whether any generation of the series holds the very event. Only of a shared engine: an event
      * that comes late, on a link that is not its blade's any more, need not be set aside then. */
     virtual bool isHeld(SeriesNumber series, View image);

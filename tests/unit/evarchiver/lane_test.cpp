@@ -186,6 +186,20 @@ TEST_F(LaneTest, FailureBetweenTwoCommitsOfOneBatchRepeatsOnlyTheRest) {
     EXPECT_EQ(lane_->state().counts.duplicates, 0U);
 }
 
+// A server can be too slow for as many as before.
+TEST_F(LaneTest, FailedTransactionIsDoneAgainInSmallerOnes) {
+    failures_ = 2;
+    auto store = std::make_unique<LockableStore>(good_, failures_);
+    const LockableStore& commits = *store;
+    start(std::move(store), {});
+    addEvents(0, 999);
+    submit();
+    requireSoon([this] { return lane_->state().counts.stored == 1000 && lane_->spooled() == 0; },
+                "all to be safe");
+    EXPECT_EQ(commits.commits(), 3); // 250, 500, the rest
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+}
+
 TEST_F(LaneTest, StorageThatIsAwayKeepsTheWorkAndTheCount) {
     failures_ = 900;
     start();

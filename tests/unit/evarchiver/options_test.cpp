@@ -55,6 +55,8 @@ TEST(CommandLine, NeedsAPlaceToListenAndAnArchive) {
     EXPECT_EQ(status({"--listen", "nowhere", "--db", "x"}), 2);
     EXPECT_EQ(status({"--listen", "0", "--db", "x", "--batch", "0"}), 2);
     EXPECT_EQ(status({"--listen", "0", "--db", "x", "--clear", "some"}), 2);
+    EXPECT_EQ(status({"--listen", "0", "--db", "x", "--handshakes", "0"}), 2);
+    EXPECT_EQ(status({"--listen", "0", "--db", "postgresql://h/d", "--batch-wait", "501"}), 2);
     EXPECT_EQ(status({"--help"}), 0);
     EXPECT_EQ(status({"--version"}), 0);
 }

@@ -227,6 +227,71 @@ TEST_F(PgLocksTest, ManyNewLogsAreLookedAtByOneStatement) {
     EXPECT_EQ(callsOf("SELECT log, epoch%") - looks, 1U);
 }
 
+// An administrator has taken a blade out.
+TEST_F(PgLocksTest, LogWhoseRowIsGoneIsAddedAnew) {
+    Archive archive(*store_, {}, [](Level, const std::string&) {});
+    const support::LogName name{.blade = "BLADE-1"};
+    const auto status = support::statusBody(name, 0, {1, 2, 3});
+    archive.answerStatus(1, imageOf<EmpGetEvArchiverStatusMsg_t>(status));
+    archive.commit();
+    archive.fileEvent(1, eventBody({.log = name, .id = 0}));
+    archive.commit();
+    const auto removeRows = [] {
+        server().sql("DELETE FROM events; DELETE FROM generations; DELETE FROM logs", "contract");
+    };
+    removeRows();
+    archive.fileEvent(1, eventBody({.log = name, .id = 1}));
+    try {
+        archive.commit();
+        FAIL() << "the log is gone";
+    } catch (const StoreConflict& conflict) {
+        EXPECT_THAT(conflict.lost(), testing::SizeIs(1));
+        archive.abandon(conflict);
+        EXPECT_THAT(archive.loseClaims(conflict.lost()), ElementsAre(1U));
+    }
+    EXPECT_EQ(archive.fileEvent(1, eventBody({.log = name, .id = 1})), Filed::SET_ASIDE);
+    EXPECT_EQ(archive.fileEvent(2, eventBody({.log = name, .id = 0})), Filed::STORED);
+    archive.commit();
+    removeRows();
+    archive.fileEvent(2, eventBody({.log = name, .id = 1}));
+    try {
+        archive.commit();
+        FAIL() << "the log is gone";
+    } catch (const StoreConflict& conflict) {
+        EXPECT_THAT(conflict.lost(), IsEmpty());
+        archive.abandon(conflict);
+    }
+    EXPECT_EQ(archive.fileEvent(2, eventBody({.log = name, .id = 1})), Filed::STORED);
+    archive.commit();
+    EXPECT_EQ(count("events"), 1U);
+    EXPECT_EQ(count("logs"), 1U);
+}
+
+TEST_F(PgLocksTest, LogsWhoseLinksHaveEndedAreNotLookedAtAfterAReconnection) {
+    Archive archive(*store_, {}, [](Level, const std::string&) {});
+    for (U32_t blade = 1; blade <= 3; ++blade) {
+        const support::LogName name{.blade = "BLADE-" + std::to_string(blade)};
+        const auto status = support::statusBody(name, 0, {1, 2, 3});
+        archive.answerStatus(blade, imageOf<EmpGetEvArchiverStatusMsg_t>(status));
+        archive.commit();
+        archive.fileEvent(blade, eventBody({.log = name, .id = 0}));
+        archive.commit();
+    }
+    archive.endLink(1);
+    archive.endLink(3);
+    archive.commit();
+    server().sql("DELETE FROM events; SELECT pg_terminate_backend(pid) FROM "
+                 "pg_stat_activity WHERE application_name = 'evarchiver'",
+                 "contract");
+    EXPECT_THROW(store_->bytesUsed(), StoreError);
+    try {
+        store_->begin();
+        FAIL() << "an event is gone";
+    } catch (const StoreConflict& conflict) {
+        EXPECT_THAT(conflict.lost(), ElementsAre(*store_->findSeries(keyOf(2))));
+    }
+}
+
 // A person's open transaction in psql.
 TEST_F(PgLocksTest, LaneFilesTheEventsOfOtherLogsWhileOneIsLocked) {
     auto store = std::make_unique<PgStore>(place_, IMPATIENT, "");

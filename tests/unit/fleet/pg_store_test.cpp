@@ -321,6 +321,17 @@ TEST_F(PgStoreTest, ClaimWaitsForNoStandbyAndACommitDoes) {
     add(impatient, generation, 1);
     EXPECT_THROW(impatient.commit(), PgError);
     impatient.rollback();
+    // The server goes on with it. That keeps no log locked in somebody's hands, and who asks for
+    // locked logs waits for no standby either.
+    impatient.begin();
+    add(impatient, generation, 1);
+    EXPECT_THROW(impatient.commit(), PgError);
+    impatient.rollback();
+    const SeriesKey another{{"ENC-A", "BLADE-2", 1}, 1};
+    store_->claim(another, 0);
+    EXPECT_THAT(store_->lockedOf({key_, another}), ElementsAre(key_));
+    EXPECT_EQ(server().sql("SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep'"),
+              "1\n");
     server().sql("ALTER SYSTEM RESET synchronous_standby_names");
     server().sql("SELECT pg_reload_conf()");
     // What waited is committed now, and no longer in the way of the next test.

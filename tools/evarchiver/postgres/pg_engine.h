@@ -84,6 +84,7 @@ class PgStore final : public Store {
     bool isShared() const override { return true; }
 
     std::vector<Claim> claimAll(const std::vector<Claimant>& claimants) override;
+    void release(SeriesNumber series) override { known_.erase(series); }
     bool isHeld(SeriesNumber series, View image) override {
         return readOf(series, &PgReads::isHeld, series, image);
     }
@@ -152,6 +153,12 @@ class PgStore final : public Store {
     }
 
   private:
+    /** What fences tell. */
+    struct Verdict {
+        std::vector<SeriesNumber> lost;
+        std::vector<SeriesNumber> stale;
+    };
+
     void requireLayout();
     void requireClaims();
     void beginOnServer();
@@ -161,6 +168,8 @@ class PgStore final : public Store {
     void look(const std::vector<SeriesNumber>& logs);
     void giveWay(const PgError& error);
     std::vector<SeriesNumber> involved() const;
+    bool isInItsOwnWay();
+    void requireRows(const std::vector<SeriesNumber>& logs, const PgRows& rows, Verdict& verdict);
     std::vector<SeriesKey> findLocked(const std::vector<SeriesNumber>& logs);
     [[noreturn]] void meet(const std::vector<SeriesNumber>& lost,
                            const std::vector<SeriesNumber>& stale);
@@ -181,12 +190,6 @@ class PgStore final : public Store {
     void takeClaim(Claiming& claiming, const PgRows& claimed, const PgRows& newest,
                    const PgRows& held);
     GenerationInfo newestOf(SeriesNumber series, const PgRows& newest, U32_t first);
-
-    /** What fences tell. */
-    struct Verdict {
-        std::vector<SeriesNumber> lost;
-        std::vector<SeriesNumber> stale;
-    };
 
     /** What is known of a log, as it was before the transaction. */
     struct Saved {
@@ -238,9 +241,11 @@ class PgStore final : public Store {
     LookedUp looked_;
     bool isUnchecked_ = true; ///< the layout and the claims, since the connection was made
     bool isBegun_ = false;
-    bool isOnServer_ = false;   ///< the server, too, has begun
-    bool isCommitting_ = false; ///< it may have, whatever is heard of it
-    bool isCareful_ = false;    ///< a value was refused: the next transaction finds out which
+    bool isOnServer_ = false;    ///< the server, too, has begun
+    bool isCommitting_ = false;  ///< it may have, whatever is heard of it
+    std::vector<S64_t> unheard_; ///< sessions whose commit had no answer: they may go on with it
+    S64_t session_ = 0;          ///< of the commit that is under way
+    bool isCareful_ = false;     ///< a value was refused: the next transaction finds out which
 };
 
 } // namespace evarchive

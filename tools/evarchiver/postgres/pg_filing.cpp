@@ -154,9 +154,7 @@ void PgStore::takeFences(Verdict& verdict) {
         for (int row = 0; row < rows.count(); ++row) {
             judge(rows, row, verdict);
         }
-        if (static_cast<std::size_t>(rows.count()) != asked.size()) {
-            verdict.stale.insert(verdict.stale.end(), asked.begin(), asked.end());
-        }
+        requireRows(asked, rows, verdict);
     }
 }
 
@@ -255,6 +253,7 @@ void PgStore::commit() {
             flush();
         }
         isCommitting_ = isOnServer_;
+        session_ = isOnServer_ ? connection_.session() : 0;
         if (isOnServer_ && connection_.run(pg::COMMIT).tag() != "COMMIT") {
             throw PgError("the server did not commit", "40000", StoreError::Kind::PASSING);
         }
@@ -265,10 +264,14 @@ void PgStore::commit() {
         log.lastId = id;
     }
     isCareful_ = false;
+    unheard_.clear();
     endTransaction();
 }
 
 void PgStore::rollback() noexcept {
+    if (isCommitting_) {
+        unheard_.push_back(session_);
+    }
     try {
         if (isOnServer_ && connection_.isOpen()) {
             connection_.execute("ROLLBACK");

@@ -44,11 +44,16 @@ constexpr PgStatement FIRST{"first", "SELECT " PG_EVENT_COLUMNS " FROM events WH
 constexpr PgStatement LOOK{"look", "SELECT log, epoch, owner, generation, unclaimed, highest, "
                                    "run_first, run_last FROM logs WHERE log = ANY($1::bigint[])"};
 
-/** Those of these logs that somebody keeps locked against a fence. Waits for none of them. */
-constexpr PgStatement LOCKED{"locked",
-                             "SELECT l.log FROM logs l LEFT JOIN (SELECT log FROM logs WHERE log = "
-                             "ANY($1::bigint[]) FOR NO KEY UPDATE SKIP LOCKED) u ON u.log = l.log "
-                             "WHERE l.log = ANY($1::bigint[]) AND u.log IS NULL"};
+/** Those of these logs that somebody keeps locked against a fence. Waits for none of them, and,
+ * though it locks the others, for no standby. */
+constexpr PgStatement LOCKED{
+    "locked", "SELECT l.log FROM logs l LEFT JOIN (SELECT log, set_config('synchronous_commit', "
+              "'off', true) FROM logs WHERE log = ANY($1::bigint[]) FOR NO KEY UPDATE SKIP LOCKED) "
+              "u ON u.log = l.log WHERE l.log = ANY($1::bigint[]) AND u.log IS NULL"};
+
+/** How many of these sessions the server still has. */
+constexpr PgStatement SESSIONS{"sessions", "SELECT count(*) FROM pg_stat_activity "
+                                           "WHERE pid = ANY($1::bigint[])"};
 
 /** The newest generation. Its row and the log's are written together. */
 constexpr PgStatement NEWEST{"newest",

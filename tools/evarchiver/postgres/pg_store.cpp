@@ -167,8 +167,47 @@ void PgStore::giveWay(const PgError& error) {
     if (std::exchange(isOnServer_, false)) {
         connection_.execute("ROLLBACK");
     }
-    if (auto locked = findLocked(involved()); !locked.empty()) {
+    auto locked = findLocked(involved());
+    if (!locked.empty() && isInItsOwnWay()) {
+        throw PgError("an earlier commit of this archiver still waits, perhaps for a standby",
+                      error.state(), StoreError::Kind::PASSING);
+    }
+    if (!locked.empty()) {
         throw StoreLocked(std::move(locked));
+    }
+}
+
+// A server goes on with a commit that nobody waits for any more, and its logs are locked until
+// then: that is no log in somebody's hands, but an archive that cannot be written.
+bool PgStore::isInItsOwnWay() {
+    if (unheard_.empty()) {
+        return false;
+    }
+    PgArray sessions(PgType::BIGINT);
+    for (const S64_t session : unheard_) {
+        sessions.addNumber(session);
+    }
+    const bool isThere =
+        connection_.run(pg::SESSIONS, PgParameters().array(sessions)).integer(0, 0) > 0;
+    if (!isThere) {
+        unheard_.clear();
+    }
+    return isThere;
+}
+
+// A log whose row somebody has removed is added anew; who owned it has lost it.
+void PgStore::requireRows(const std::vector<SeriesNumber>& logs, const PgRows& rows,
+                          Verdict& verdict) {
+    if (static_cast<std::size_t>(rows.count()) == logs.size()) {
+        return;
+    }
+    std::set<SeriesNumber> missing(logs.begin(), logs.end());
+    for (int row = 0; row < rows.count(); ++row) {
+        missing.erase(rows.integer(row, 0));
+    }
+    for (const SeriesNumber series : missing) {
+        reads_.forget(series);
+        (known_[series].isOwned ? verdict.lost : verdict.stale).push_back(series);
     }
 }
 
@@ -240,8 +279,10 @@ void PgStore::look(const std::vector<SeriesNumber>& logs) {
     for (int row = 0; row < rows.count(); ++row) {
         known_[rows.integer(row, 0)].read(rows, row, 1);
     }
-    if (static_cast<std::size_t>(rows.count()) != logs.size()) {
-        meet({}, logs);
+    Verdict verdict;
+    requireRows(logs, rows, verdict);
+    if (!verdict.lost.empty() || !verdict.stale.empty()) {
+        meet(verdict.lost, verdict.stale);
     }
 }
 
