@@ -16,6 +16,7 @@ constexpr char BY_ARRIVAL = 'm'; // instant, log, generation, id
 constexpr S64_t FIRST_STRETCH = 60 * SECOND; // that a search looks back at first
 constexpr S64_t SHORTEST_STRETCH = SECOND;
 constexpr S64_t STRETCH_GROWTH = 8;
+constexpr S64_t GROWTH_OF_RARE = 64;     // each look goes through the indexes of kinds, all of them
 constexpr double SOME_MORE = 1.25;       // wider than what is wanted is likely to lie in
 constexpr S64_t AHEAD = 86'400 * SECOND; // that an archiver's clock may be
 constexpr S64_t SOON = 60 * SECOND;      // after its time that an event has mostly come
@@ -112,8 +113,10 @@ class Filling {
      * as time is likely to last, and what is still wanted, as densely as @p found, lies. */
     double growthAfter(std::size_t found, Clock::time_point begun) const {
         const auto now = Clock::now();
-        const bool hasTime = (now - begun) * STRETCH_GROWTH < (deadline_ - now) / 2;
-        const double most = hasTime ? STRETCH_GROWTH : 1;
+        const double took = std::chrono::duration<double>(now - begun).count();
+        const double time = std::chrono::duration<double>(deadline_ - now).count() / 2;
+        const auto growth = search_.filter.ids.empty() ? STRETCH_GROWTH : GROWTH_OF_RARE;
+        const double most = std::clamp(time / took, 1.0, static_cast<double>(growth));
         if (found == 0 || !search_.text.empty()) {
             return most;
         }
