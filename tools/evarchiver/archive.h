@@ -135,6 +135,10 @@ class Archive {
      */
     std::optional<StoredEvent> answerInquiry(const EmpEvInquiryMsg_t& inquiry);
 
+    /** Looks up together what is not known by heart of these logs, before events of them are filed;
+     * outside of transactions. */
+    void lookAhead(const std::set<SeriesKey>& logs);
+
     /** A blade of another share has sent a status request on the link. */
     void noteSpeaker(LinkNumber link, const BladeKey& blade);
 

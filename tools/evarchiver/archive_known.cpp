@@ -2,6 +2,8 @@
  */
 #include "archive.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace evarchive {
@@ -61,6 +63,22 @@ Archive::Series* Archive::findSeries(const SeriesKey& key) {
     Series series(key);
     load(series, {*number, store_.newestGeneration(*number)});
     return &series_.emplace(key, std::move(series)).first->second;
+}
+
+void Archive::lookAhead(const std::set<SeriesKey>& logs) {
+    std::vector<SeriesKey> unknown;
+    std::ranges::copy_if(logs, std::back_inserter(unknown), [this](const SeriesKey& log) {
+        const auto known = series_.find(log);
+        return known == series_.end() || known->second.isForgotten;
+    });
+    if (!store_.isShared() || unknown.empty()) {
+        return;
+    }
+    const auto found = store_.findAll(unknown);
+    for (std::size_t i = 0; i < found.size(); ++i) {
+        Series& series = series_.try_emplace(unknown[i], unknown[i]).first->second;
+        load(series, found[i].value_or(Claim{}));
+    }
 }
 
 void Archive::load(Series& series, const Claim& claim) {

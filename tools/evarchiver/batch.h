@@ -26,6 +26,9 @@ class Batch {
         DONE, ///< answered already: nothing is left to do when the work is repeated
     };
 
+    /** Whether a request of this kind has an event, EmpEvLogMsg_t. */
+    static bool isAboutEvent(Kind kind) { return kind <= Kind::TAKE_BACK; }
+
     struct Request {
         LinkNumber link = 0;
         Kind kind = Kind::EVENT;

@@ -246,6 +246,8 @@ void Lane::workOff() {
             const bool isClaimed = request.kind == Batch::Kind::STATUS && archive_.isClaimed();
             if (isClaimed && claimed_ == 0) {
                 claimAhead();
+            } else if (isRepeating_ && !archive_.isUncommitted() && claimed_ == 0) {
+                lookAhead();
             }
             work(request, batch.bodyOf(request));
             ++requestAt_;
@@ -259,7 +261,28 @@ void Lane::workOff() {
     if (mustCommit()) {
         commit();
     }
+    isRepeating_ = false;
     delay_ = std::chrono::milliseconds(0);
+}
+
+// The logs of the next transaction, up to the next claim.
+void Lane::lookAhead() {
+    std::set<SeriesKey> logs;
+    U32_t events = 0;
+    std::size_t next = requestAt_;
+    for (std::size_t i = batchAt_; i < work_.size() && events < most_; ++i, next = 0) {
+        for (; next < work_[i]->requests().size() && events < most_; ++next) {
+            const Batch::Request& request = work_[i]->requests()[next];
+            if (request.kind == Batch::Kind::STATUS) {
+                events = most_;
+            } else if (Batch::isAboutEvent(request.kind)) {
+                ++events;
+                const auto more = archive_.logsOf(request.link, work_[i]->bodyOf(request));
+                logs.insert(more.begin(), more.end());
+            }
+        }
+    }
+    archive_.lookAhead(logs);
 }
 
 void Lane::claimAhead() {
@@ -519,6 +542,7 @@ void Lane::rewind() {
     uncommitted_ = 0;
     uncommittedBytes_ = 0;
     claimed_ = 0;
+    isRepeating_ = true;
     batchAt_ = 0;
     requestAt_ = committedTo_;
 }

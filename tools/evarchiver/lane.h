@@ -122,6 +122,7 @@ class Lane {
     bool awaitWork();
     void retain();
     void workOff();
+    void lookAhead();
     void claimAhead();
     std::vector<EmpGetEvArchiverStatusMsg_t> waitingTogether() const;
     bool joins(const Batch::Request& request, View body, std::set<SeriesKey>& logs) const;
@@ -162,6 +163,8 @@ class Lane {
     Clock::time_point firstUncommitted_;
     U32_t most_;          ///< events to the next transaction: fewer after one that failed
     U32_t conflicts_ = 0; ///< since the last commit
+    bool isRepeating_ =
+        false; ///< what is at work had to be undone: little may be known of its logs
     std::chrono::milliseconds delay_{0}; ///< before the next try
     Clock::time_point saidAway_;
     U64_t commits_ = 0;

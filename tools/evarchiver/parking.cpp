@@ -22,17 +22,13 @@ void Batch::clear() {
 namespace {
 
 std::vector<SeriesKey> logsOf(const Batch::Request& request, View body, const Archive& archive) {
-    switch (request.kind) {
-    case Batch::Kind::EVENT:
-    case Batch::Kind::SILENT:
-    case Batch::Kind::ENDED:
-    case Batch::Kind::TAKE_BACK:
+    if (Batch::isAboutEvent(request.kind)) {
         return archive.logsOf(request.link, body);
-    case Batch::Kind::STATUS:
-        return {logOf(imageOf<EmpGetEvArchiverStatusMsg_t>(body))};
-    default:
-        return {}; // an inquiry reads, whatever is locked
     }
+    if (request.kind == Batch::Kind::STATUS) {
+        return {logOf(imageOf<EmpGetEvArchiverStatusMsg_t>(body))};
+    }
+    return {}; // an inquiry reads, whatever is locked
 }
 
 } // namespace

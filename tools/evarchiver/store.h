@@ -156,7 +156,7 @@ struct Claimant {
         0; ///< the oldest id that the blade has: it and the end of its run are asked for next
 };
 
-/** What a handshake begins with. */
+/** What a handshake begins with, and whoever files: a series and how far it is. */
 struct Claim {
     SeriesNumber series = 0;
     std::optional<GenerationInfo> newest; ///< its newest generation, key left empty; none yet
@@ -190,6 +190,10 @@ class StoreReader {
 
     /** The newest generation of a series, its key left empty; nothing when it has none. */
     virtual std::optional<GenerationInfo> newestGeneration(SeriesNumber series) = 0;
+
+    /** Both of each of these, in that order, in few steps where the engine can; nothing for one
+     * that is not there. */
+    virtual std::vector<std::optional<Claim>> findAll(const std::vector<SeriesKey>& keys);
 
     /** The event that an inquiry of this type (EMP_INQUIRY_TYPE_e) with this id means, among the
      * generation's own events: lowest, next above, exact, next below, highest. */
@@ -317,6 +321,16 @@ class Store : public StoreReader {
     /** Removes the events that were set aside before @p before. @return how many */
     virtual U64_t removeAside(S64_t before) = 0;
 };
+
+inline std::vector<std::optional<Claim>> StoreReader::findAll(const std::vector<SeriesKey>& keys) {
+    std::vector<std::optional<Claim>> found;
+    for (const SeriesKey& key : keys) {
+        const auto number = findSeries(key);
+        found.push_back(number ? std::optional(Claim{*number, newestGeneration(*number)})
+                               : std::nullopt);
+    }
+    return found;
+}
 
 inline std::vector<StoredEvent> StoreReader::eventsBehind(const GenerationKey& generation,
                                                           std::optional<U32_t> id,

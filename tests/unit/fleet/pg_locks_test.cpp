@@ -227,6 +227,42 @@ TEST_F(PgLocksTest, ManyNewLogsAreLookedAtByOneStatement) {
     EXPECT_EQ(callsOf("SELECT log, epoch%") - looks, 1U);
 }
 
+TEST_F(PgLocksTest, LogsOfWhatIsDoneAgainAreLookedAtTogether) {
+    constexpr U32_t LOGS = 40;
+    std::atomic<U64_t> answered = 0;
+    Lane lane(openPgArchive(place_), {},
+              {[&](const std::vector<Reply>& more) { answered += more.size(); },
+               [](Level, const std::string&) {}, [](const std::string&) {}});
+    const auto addEvents = [](Batch& batch, U32_t id) {
+        for (U32_t blade = 1; blade <= LOGS; ++blade) {
+            const support::LogName log{.blade = "BLADE-" + std::to_string(blade)};
+            batch.add(blade, Batch::Kind::EVENT, eventBody({.log = log, .id = id}));
+        }
+    };
+    Batch batch;
+    for (U32_t blade = 1; blade <= LOGS; ++blade) {
+        const support::LogName log{.blade = "BLADE-" + std::to_string(blade)};
+        batch.add(blade, Batch::Kind::STATUS, support::statusBody(log, 0, {1, 2, 3}));
+    }
+    addEvents(batch, 0);
+    lane.submit(batch);
+    ASSERT_TRUE(support::waitUntil([&] { return answered == LOGS && lane.spooled() == 0; }));
+    const auto looks = [] {
+        return callsOf("SELECT%FROM logs%") + callsOf("SELECT%FROM generations%");
+    };
+    const U64_t before = looks();
+    server().sql("SELECT pg_terminate_backend(pid) FROM pg_stat_activity "
+                 "WHERE application_name = 'evarchiver'",
+                 "contract");
+    addEvents(batch, 1);
+    lane.submit(batch);
+    ASSERT_TRUE(support::waitUntil([&] { return lane.spooled() == 0; }));
+    EXPECT_TRUE(lane.stop(std::chrono::seconds(30)));
+    EXPECT_EQ(looks() - before, 1U);
+    EXPECT_EQ(count("events"), 2 * LOGS);
+    EXPECT_EQ(lane.state().counts.setAside, 0U);
+}
+
 // An administrator has taken a blade out.
 TEST_F(PgLocksTest, LogWhoseRowIsGoneIsAddedAnew) {
     Archive archive(*store_, {}, [](Level, const std::string&) {});

@@ -86,6 +86,38 @@ TEST_P(StoreContractTest, CommittedEventsAreHeld) {
     EXPECT_FALSE(held->doubtful);
 }
 
+TEST_P(StoreContractTest, ManySeriesAreFoundAsEachByItself) {
+    std::vector<SeriesKey> keys;
+    for (U32_t slot = 1; slot <= 8; ++slot) {
+        keys.push_back({{"ENC-A", "BLADE-1", slot}, 1});
+    }
+    for (const U32_t at : {0U, 3U, 6U}) {
+        add(open(keys[at]), 5 + at);
+        store_->commit();
+    }
+    add(open(keys[3], 2), 1);
+    store_->commit();
+    store_->begin();
+    store_->addSeries(keys[5]);
+    store_->commit();
+    const auto found = store_->findAll(keys);
+    ASSERT_EQ(found.size(), keys.size());
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        const auto number = store_->findSeries(keys[i]);
+        ASSERT_EQ(found[i].has_value(), number.has_value()) << i;
+        const auto newest = number ? store_->newestGeneration(*number) : std::nullopt;
+        ASSERT_EQ(found[i] && found[i]->newest, newest.has_value()) << i;
+        if (newest) {
+            EXPECT_EQ(found[i]->newest->number, newest->number);
+            EXPECT_EQ(found[i]->newest->highest, newest->highest);
+            EXPECT_EQ(found[i]->newest->opened, newest->opened);
+        }
+    }
+    EXPECT_EQ(found[3]->newest->number.generation, 2U);
+    EXPECT_TRUE(found[5]);
+    EXPECT_FALSE(found[1]);
+}
+
 TEST_P(StoreContractTest, WhatIsRolledBackIsNotHeld) {
     const GenerationKey generation = fill({0});
     store_->begin();

@@ -12,6 +12,7 @@
 #include "pg_store.h"
 
 #include <set>
+#include <span>
 #include <unordered_map>
 
 namespace evarchive {
@@ -116,6 +117,7 @@ class PgStore final : public Store {
         return isKnown ? std::optional(number) : std::nullopt;
     }
     std::optional<GenerationInfo> newestGeneration(SeriesNumber series) override;
+    std::vector<std::optional<Claim>> findAll(const std::vector<SeriesKey>& keys) override;
     std::optional<StoredEvent> findEvent(const GenerationKey& generation, EMP_INQUIRY_TYPE_e type,
                                          U32_t id) override {
         return readOf(generation.series, &PgReads::findEvent, generation, type, id);
@@ -189,7 +191,8 @@ class PgStore final : public Store {
     void queueClaim(const Claiming& claiming);
     void takeClaim(Claiming& claiming, const PgRows& claimed, const PgRows& newest,
                    const PgRows& held);
-    GenerationInfo newestOf(SeriesNumber series, const PgRows& newest, U32_t first);
+    GenerationInfo newestOf(GenerationInfo info, U32_t first) const;
+    void findSome(std::span<const SeriesKey> keys, std::vector<std::optional<Claim>>& found);
 
     /** What is known of a log, as it was before the transaction. */
     struct Saved {

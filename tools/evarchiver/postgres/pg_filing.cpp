@@ -269,7 +269,7 @@ void PgStore::commit() {
 }
 
 void PgStore::rollback() noexcept {
-    if (isCommitting_) {
+    if (isCommitting_ && !connection_.isOpen()) {
         unheard_.push_back(session_);
     }
     try {

@@ -44,6 +44,13 @@ constexpr PgStatement FIRST{"first", "SELECT " PG_EVENT_COLUMNS " FROM events WH
 constexpr PgStatement LOOK{"look", "SELECT log, epoch, owner, generation, unclaimed, highest, "
                                    "run_first, run_last FROM logs WHERE log = ANY($1::bigint[])"};
 
+/** The same, with the identity of each and the columns of NEWEST, as if nothing were known. */
+constexpr PgStatement FIND_LOGS{
+    "find_logs", "SELECT l.log, epoch, owner, l.generation, unclaimed, highest, l.run_first, "
+                 "l.run_last, identity, g.generation, opened, duplicates, g.run_first, g.run_last "
+                 "FROM logs l LEFT JOIN generations g ON g.log = l.log "
+                 "AND g.generation = l.generation WHERE l.log = ANY($1::bigint[])"};
+
 /** Those of these logs that somebody keeps locked against a fence. Waits for none of them, and,
  * though it locks the others, for no standby. */
 constexpr PgStatement LOCKED{

@@ -17,7 +17,7 @@ S64_t drawNumber() {
 }
 
 // A statement has its time, and each of them is a look into all partitions.
-constexpr U32_t CLAIMS_AT_A_TIME = 500;
+constexpr U32_t LOGS_AT_A_TIME = 500;
 
 } // namespace
 
@@ -121,7 +121,7 @@ void PgStore::requireClaims() {
         std::array<PgArray, 5> columns{PgArray{PgType::BIGINT}, PgArray{PgType::BIGINT},
                                        PgArray{PgType::BIGINT}, PgArray{PgType::BIGINT},
                                        PgArray{PgType::BIGINT}};
-        for (; next != known_.cend() && columns[0].size() < CLAIMS_AT_A_TIME; ++next) {
+        for (; next != known_.cend() && columns[0].size() < LOGS_AT_A_TIME; ++next) {
             const auto& [series, known] = *next;
             if (known.isOwned) {
                 columns[0].addNumber(series);
@@ -413,7 +413,7 @@ void PgStore::takeClaim(Claiming& claiming, const PgRows& claimed, const PgRows&
     log.isOwned = true;
     claiming.claim = Claim{number, std::nullopt};
     if (newest.count() > 0) {
-        const GenerationInfo info = newestOf(number, newest, first);
+        const GenerationInfo info = newestOf(generationOf(newest, 0, 0, number), first);
         looked_.put(info.number, first,
                     held.count() > 0 ? std::optional(PgReads::eventOf(held, 0, key))
                                      : std::nullopt);
@@ -423,9 +423,8 @@ void PgStore::takeClaim(Claiming& claiming, const PgRows& claimed, const PgRows&
 
 // The log's row knows of the last run, the generation's perhaps of the one that the blade speaks
 // of.
-GenerationInfo PgStore::newestOf(SeriesNumber series, const PgRows& newest, U32_t first) {
-    GenerationInfo info = generationOf(newest, 0, 0, series);
-    const Known& log = known_.at(series);
+GenerationInfo PgStore::newestOf(GenerationInfo info, U32_t first) const {
+    const Known& log = known_.at(info.number.series);
     if (log.generation != info.number.generation) {
         return info;
     }
@@ -458,8 +457,50 @@ std::optional<GenerationInfo> PgStore::newestGeneration(SeriesNumber series) {
         flushOf(series);
         known(series);
         const PgRows rows = connection_.run(pg::NEWEST, PgParameters().integer(series));
-        return rows.count() > 0 ? std::optional(newestOf(series, rows, 0)) : std::nullopt;
+        return rows.count() > 0 ? std::optional(newestOf(generationOf(rows, 0, 0, series), 0))
+                                : std::nullopt;
     });
+}
+
+std::vector<std::optional<Claim>> PgStore::findAll(const std::vector<SeriesKey>& keys) {
+    return guarded([&] {
+        flush();
+        std::vector<std::optional<Claim>> found;
+        for (std::size_t at = 0; at < keys.size(); at += LOGS_AT_A_TIME) {
+            const std::size_t count = std::min<std::size_t>(LOGS_AT_A_TIME, keys.size() - at);
+            findSome(std::span(keys).subspan(at, count), found);
+        }
+        return found;
+    });
+}
+
+// A log whose usual number is another one's is looked for by itself.
+void PgStore::findSome(std::span<const SeriesKey> keys, std::vector<std::optional<Claim>>& found) {
+    PgArray asked(PgType::BIGINT);
+    for (const SeriesKey& key : keys) {
+        asked.addNumber(reads_.likelyNumberOf(key));
+    }
+    const PgRows rows = connection_.run(pg::FIND_LOGS, PgParameters().array(asked));
+    std::map<SeriesNumber, int> rowOf;
+    for (int row = 0; row < rows.count(); ++row) {
+        rowOf.emplace(rows.integer(row, 0), row);
+    }
+    for (const SeriesKey& key : keys) {
+        const SeriesNumber number = reads_.likelyNumberOf(key);
+        const auto row = rowOf.find(number);
+        if (row == rowOf.end()) {
+            found.emplace_back();
+        } else if (rows.bytes(row->second, 8) != identityOf(key)) {
+            found.push_back(StoreReader::findAll({key}).front());
+        } else {
+            reads_.remember(number, key);
+            known_[number].read(rows, row->second, 1);
+            found.emplace_back(Claim{number, std::nullopt});
+            if (!rows.isNull(row->second, 9)) {
+                found.back()->newest = newestOf(generationOf(rows, row->second, 9, number), 0);
+            }
+        }
+    }
 }
 
 SeriesNumber PgStore::addSeries(const SeriesKey& key) {
