@@ -61,8 +61,11 @@ has_started() {
 }
 # Its own network has the loopback alone; what is written goes to memory, not to the root.
 start_container() {
+    local group=()
+    # Where no systemd gives it control groups of its own it takes those at hand.
+    [ -d /run/systemd/system ] || group=(--keep-unit)
     systemd-nspawn --quiet --directory="$1" --volatile=overlay --machine="${shared##*/}" --register=no \
-        --keep-unit --private-network --console=pipe --bind="$shared:/mnt" --boot \
+        "${group[@]}" --private-network --console=pipe --bind="$shared:/mnt" --boot \
         >"$shared/console" 2>&1 </dev/null &
     supervisor=$!
     disown
@@ -99,6 +102,11 @@ prove_install() {
     cp "${packages[@]}" tests/system/install/installed.sh "$shared"
     example "${packages[@]}"
     root=$(container_root "${packages[@]}")
+    # One at a time: without control groups of its own a container's units would be another's, too.
+    exec 3>/run/lock/prove-install
+    flock --wait 900 3 || { echo "prove: install: another one runs" >&2 && exit 1; }
     start_container "$root"
-    timeout --signal=KILL 900 nsenter --target "$container" --all -- bash /mnt/installed.sh /mnt
+    # Waited for, so that a signal need not wait.
+    timeout --signal=KILL 900 nsenter --target "$container" --all -- bash /mnt/installed.sh /mnt &
+    wait $!
 }

@@ -23,6 +23,7 @@ work=$(mktemp -d /var/tmp/installedXXXX)
 out=$work/out
 chmod 0755 "$work"
 passed=0 failed=0 skipped=0
+# Behind a pipe no grep -q: who writes on when it has seen enough would fail.
 
 # --- Checking
 
@@ -70,7 +71,7 @@ is_active() { is "$(property "$1" ActiveState)" active; }
 has_failed() { is "$(property "$1" ActiveState)" failed; }
 is_down() { is "$(property "$1" ActiveState)" inactive; }
 said() { journalctl --quiet --unit="$1" --output=cat --no-pager; }
-says() { said "$1" | grep -q -e "$2"; }
+says() { said "$1" | grep -e "$2" >/dev/null; }
 owner_and_mode() { is "$(stat -c '%U:%G %a' "$1")" "$2"; }
 # What a file system holds beside what the system itself keeps about packages, logs and time.
 files() {
@@ -140,9 +141,9 @@ confined() {
 
 blade_up() { systemctl start blade@0 && eventually blade_is_up || { said blade@0 | tail -n 12 && false; }; }
 # Of this start: the time that it is up stands behind the unit's own.
-blade_is_up() { journalctl --quiet --output=cat _SYSTEMD_INVOCATION_ID="$(property blade@0 InvocationID)" | grep -q 'blade: up:'; }
+blade_is_up() { journalctl --quiet --output=cat _SYSTEMD_INVOCATION_ID="$(property blade@0 InvocationID)" | grep 'blade: up:' >/dev/null; }
 log_event() { timeout 60 evctl log --dir $slot/mmsg --source environ --category environmental --type error --id 8 --confirm=20 --text "$1"; }
-holds() { evctl file list --json "$log" | grep -q -F "$1"; }
+holds() { evctl file list --json "$log" | grep -F "$1" >/dev/null; }
 takes_event() { log_event "$1" && eventually holds "$1"; }
 key_of_blade() { said blade@0 | sed -n 's/.*blade: up:.* key \(0x[0-9a-f]*\|[0-9]*\).*/\1/p' | tail -n 1; }
 takes_from_program() {
@@ -186,7 +187,7 @@ logs_rotate() {
 
 # --- The archive and who reads it
 
-archived() { evctl archive events --db $archive --json | grep -q -F "$1"; }
+archived() { evctl archive events --db $archive --json | grep -F "$1" >/dev/null; }
 archiver_files() {
     takes_event "$1" && evctl archiver set "$2" --dir $slot/mmsg && eventually archived "$1"
 }
@@ -196,7 +197,7 @@ archive_is_its_own() {
         systemctl stop evarchiver && archived "$1" && is "$(find /var/lib/evarchiver ! -user evarchiver)" "" &&
         systemctl start evarchiver && eventually says_listening evarchiver && archived "$1"
 }
-says_listening() { journalctl --quiet --output=cat _SYSTEMD_INVOCATION_ID="$(property "$1" InvocationID)" | grep -q 'listening on'; }
+says_listening() { journalctl --quiet --output=cat _SYSTEMD_INVOCATION_ID="$(property "$1" InvocationID)" | grep 'listening on' >/dev/null; }
 serves() { systemctl start "$1" && eventually says_listening "$1"; }
 in_journal() { journalctl --quiet --no-pager --output=cat MESSAGE_ID=6f1d3c0a52b94b7ea3a1d0c6c74e8d21 | grep -c -F "$1"; }
 # One that has another behind it: the newest is not certain yet.
@@ -208,7 +209,7 @@ bridge_goes_on() {
 }
 page_answers() {
     eventually curl -sSf http://127.0.0.1:8480/api/v1/events -o $work/events && grep -q -F "$1" $work/events &&
-        curl -sSf http://127.0.0.1:8480/ | grep -q -i '<html'
+        curl -sSf http://127.0.0.1:8480/ | grep -i '<html' >/dev/null
 }
 page_cannot_write() {
     is "$(find /var/lib/evarchiver -user evweb)" "" && fails runuser -u evweb -- touch /var/lib/evarchiver/x
