@@ -57,8 +57,13 @@ std::optional<evarchive::StoredEvent> ArchiveSource::step() {
         if (!ahead_.empty()) {
             evarchive::StoredEvent event = std::move(ahead_.front());
             ahead_.pop_front();
-            shown_ = event.sequenceId;
-            return event;
+            // An id that damage made too large for one leads back, again and again.
+            if (!shown_ || event.sequenceId > *shown_) {
+                shown_ = event.sequenceId;
+                return event;
+            }
+            noteDamaged();
+            ahead_.clear();
         }
         generation_++;
         shown_.reset();
@@ -66,9 +71,15 @@ std::optional<evarchive::StoredEvent> ArchiveSource::step() {
     return std::nullopt;
 }
 
+/** Whether it is whole, and the one that was asked for. */
+bool isInPlace(const evarchive::StoredEvent& event) {
+    return evarchive::isWholeEvent(event.image) &&
+           eventOf(event.image).header->evSequenceId == event.sequenceId;
+}
+
 std::optional<Event> ArchiveSource::next() {
     while (std::optional<evarchive::StoredEvent> event = step()) {
-        if (evarchive::isWholeEvent(event->image)) {
+        if (isInPlace(*event)) {
             auto image = std::make_shared<const Bytes>(std::move(event->image));
             return Event{.view = eventOf(*image),
                          .origin = &origin_,

@@ -258,6 +258,19 @@ TEST_F(ArchiveCommands, DamagedEventsAreLeftOutAndThatIsSaid) {
     EXPECT_EQ(archive({"check"}).status, 1);
 }
 
+TEST_F(ArchiveCommands, AnIdThatNoEventCanHaveNeitherRepeatsEventsNorIsShown) {
+    for (const char* damage : {"UPDATE events SET id = 4294967297 WHERE id = 3",
+                               "UPDATE events SET id = 7 WHERE id = 3"}) {
+        std::filesystem::remove(path_);
+        fillTwoLogs();
+        change(damage);
+        const Said said = archive({"events", "-o", "json"});
+        EXPECT_EQ(said.status, 1) << damage;
+        EXPECT_EQ(objects(said.output).size(), 3U) << damage;
+        EXPECT_THAT(said.errors, HasSubstr("1 damaged events left out")) << damage;
+    }
+}
+
 TEST_F(ArchiveCommands, DamagedFileIsRefusedByAll) {
     fillTwoLogs();
     std::string bytes = support::readFile(path_);
