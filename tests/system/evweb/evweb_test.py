@@ -83,6 +83,14 @@ class SqliteTest(Answers, unittest.TestCase):
                 pass
         self.assertEqual(self.web.ask("status")[0], 200)
 
+    def test_a_request_is_read_up_to_its_bound(self):
+        for parts, expected in ((5, True), (10, False)):  # of 5,000 bytes, each of which is allowed
+            request = b"GET / HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n" + b"".join(b"X-%d: %s\r\n" % (number, b"x" * 5000) for number in range(parts))
+            try:
+                self.assertEqual(b" 200 " in self.web.raw(request + b"\r\n")[:20], expected, parts)
+            except ConnectionError:
+                self.assertFalse(expected)
+
     def test_a_name_that_is_not_the_servers_is_refused(self):
         self.assertEqual(self.web.request("/", host="evil.example:80")[0], 421)
         self.assertEqual(self.web.request("/", host="localhost")[0], 200)
