@@ -311,7 +311,7 @@ TEST_F(PgStoreTest, WhatAHandshakeSawIsForgottenWhenSomethingIsFiled) {
 // What is filed waits for a standby, and so for all that came before it; who speaks where does not.
 TEST_F(PgStoreTest, ClaimWaitsForNoStandbyAndACommitDoes) {
     const GenerationKey generation = fill(*other_, {0});
-    PgStore impatient(place_, {std::chrono::milliseconds(100), std::chrono::milliseconds(100)}, "");
+    PgStore impatient(place_, {std::chrono::milliseconds(500), std::chrono::milliseconds(50)}, "");
     server().sql("ALTER SYSTEM SET synchronous_standby_names = 'nobody'");
     server().sql("SELECT pg_reload_conf()");
     ASSERT_TRUE(support::waitUntil(
