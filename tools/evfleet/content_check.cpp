@@ -25,6 +25,8 @@ class BladeCheck {
                                [this](const StoredEvent& event) { take(event); });
         }
         tellMissing();
+        tellUnkept();
+        result_.unlooked += log_.claimsForgotten();
     }
 
   private:
@@ -49,6 +51,8 @@ class BladeCheck {
             present_.insert(event.sequenceId);
             if (event.doubtful) {
                 doubtful_.insert(event.sequenceId);
+            } else {
+                certain_.insert(event.sequenceId);
             }
         }
     }
@@ -71,11 +75,25 @@ class BladeCheck {
                 ++result_.missing;
                 tell("event " + std::to_string(id) + " is missing");
             }
-            if (id <= log_.claimed() && (!present_.contains(id) || doubtful_.contains(id))) {
-                ++result_.unkept;
-                tell("event " + std::to_string(id) + " was claimed, and is not there for certain");
+        }
+    }
+
+    void tellUnkept() {
+        for (const SimulatedLog::Claim& claim : log_.claims()) {
+            for (U32_t id = claim.first; id <= claim.last; ++id) {
+                if (!isKept(id)) {
+                    ++result_.unkept;
+                    tell("event " + std::to_string(id) +
+                         " was claimed, and is not there for certain");
+                }
             }
         }
+    }
+
+    // What the log has overwritten is not sent again, so it may stand in an earlier generation.
+    bool isKept(U32_t id) const {
+        return id < log_.first() ? certain_.contains(id)
+                                 : present_.contains(id) && !doubtful_.contains(id);
     }
 
     void tell(const std::string& text) {
@@ -90,6 +108,7 @@ class BladeCheck {
     std::set<std::pair<U32_t, U32_t>> seen_; ///< rebuilt, id
     std::set<U32_t> present_;                ///< of the newest generation so far
     std::set<U32_t> doubtful_;               ///< among these
+    std::set<U32_t> certain_;                ///< of the present log, in any generation
 };
 
 } // namespace

@@ -13,11 +13,12 @@ namespace evfleet {
 
 /** What an archive holds of a fleet, and what is wrong with it. */
 struct CheckResult {
-    U64_t held = 0;    ///< events of simulated blades, all generations
-    U64_t missing = 0; ///< stand in a blade's log, but not in the newest generation
-    U64_t unkept = 0;  ///< were claimed towards the blade, and are not there for certain
-    U64_t twice = 0;   ///< the same event in two generations of one log
-    U64_t corrupt = 0; ///< bytes that no simulated blade ever logged
+    U64_t held = 0;     ///< events of simulated blades, all generations
+    U64_t missing = 0;  ///< stand in a blade's log, but not in the newest generation
+    U64_t unkept = 0;   ///< were claimed towards the blade, and are not there for certain
+    U64_t unlooked = 0; ///< were claimed, and are not looked for: their logs are lost, for one
+    U64_t twice = 0;    ///< the same event in two generations of one log
+    U64_t corrupt = 0;  ///< bytes that no simulated blade ever logged
     std::vector<std::string> findings; ///< the first of them, as texts for people
 
     bool isClean() const { return missing + unkept + twice + corrupt == 0; }

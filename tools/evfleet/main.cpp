@@ -30,6 +30,7 @@ void printJson(const FleetResult& result) {
         json["missing"] = result.check.missing;
         json["twice"] = result.check.twice;
         json["corrupt"] = result.check.corrupt;
+        json["unlooked"] = result.check.unlooked;
         json["findings"] = result.check.findings;
     }
     std::cout << json.dump() << "\n";
@@ -53,8 +54,10 @@ void printText(const FleetResult& result) {
                 static_cast<unsigned long long>(counts.died),
                 static_cast<unsigned long long>(counts.claimsBeyond), result.unsettled);
     if (result.isChecked) {
-        std::printf("archive: %llu events that had been claimed were lost\n",
-                    static_cast<unsigned long long>(result.lost));
+        std::printf("archive: %llu events that had been claimed were lost, %llu could not be "
+                    "looked for\n",
+                    static_cast<unsigned long long>(result.lost),
+                    static_cast<unsigned long long>(result.check.unlooked));
         std::printf("archive: %llu events held, %llu missing, %llu twice, %llu corrupt\n",
                     static_cast<unsigned long long>(result.check.held),
                     static_cast<unsigned long long>(result.check.missing),

@@ -59,11 +59,29 @@ void SimulatedLog::rebuild() {
     ++rebuilt_;
     first_ = 1;
     next_ = 2;
-    claimed_ = 0;
+    while (!claims_.empty()) {
+        forgetClaim();
+    }
 }
 
 void SimulatedLog::noteClaim(U32_t last) {
-    claimed_ = std::max(claimed_, std::min(last, next_ - 1));
+    last = std::min(last, next_ - 1);
+    if (last < first_) {
+        return;
+    }
+    if (!claims_.empty() && first_ <= claims_.back().last + 1) {
+        claims_.back().last = std::max(claims_.back().last, last);
+        return;
+    }
+    if (claims_.size() == MOST_CLAIMS) {
+        forgetClaim();
+    }
+    claims_.push_back({first_, last});
+}
+
+void SimulatedLog::forgetClaim() {
+    claimsForgotten_ += claims_.front().last - claims_.front().first + 1;
+    claims_.erase(claims_.begin());
 }
 
 void SimulatedLog::clear(U32_t last) {

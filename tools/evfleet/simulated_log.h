@@ -41,9 +41,20 @@ class SimulatedLog {
     U32_t next() const { return next_; }       ///< id that the next event receives
     U32_t rebuilt() const { return rebuilt_; } ///< times that the log began anew
 
-    U32_t claimed() const { return claimed_; } ///< highest id that an archiver claimed to hold, 0
+    /** Ids that an archiver claimed to hold, both included. */
+    struct Claim {
+        U32_t first;
+        U32_t last;
+    };
 
-    /** An archiver claims to hold the events up to and including @p last. */
+    /** What was claimed of the present log, ascending, also of what it has overwritten since. */
+    const std::vector<Claim>& claims() const { return claims_; }
+
+    /** Events that were claimed and that claims() does not have: of logs that were lost, and of
+     * more than MOST_CLAIMS runs. */
+    U64_t claimsForgotten() const { return claimsForgotten_; }
+
+    /** An archiver claims to hold the events from the oldest up to and including @p last. */
     void noteClaim(U32_t last);
 
     /** Logs @p count further events. */
@@ -73,17 +84,23 @@ class SimulatedLog {
 
     static constexpr U32_t INSTANCE = 1;
 
+    /** Runs of claimed events that are kept. There is a further one when the log has gone round
+     * since the claim before, so they are few. */
+    static constexpr std::size_t MOST_CLAIMS = 16;
+
   private:
     U32_t sizeOf(U32_t id, U32_t rebuilt) const;
     U64_t randomOf(U32_t id, U32_t rebuilt) const;
     U32_t timeOf(U32_t id) const;
+    void forgetClaim();
 
     const LogShape* shape_;
     U32_t blade_;
     U32_t first_ = 1;
     U32_t next_ = 2;
     U32_t rebuilt_ = 0;
-    U32_t claimed_ = 0;
+    std::vector<Claim> claims_;
+    U64_t claimsForgotten_ = 0;
 };
 
 /** The number in a blade's name. @return -1 when it is no name of a simulated blade */

@@ -111,7 +111,47 @@ TEST_F(ContentCheckTest, ClaimsEndWithTheLog) {
     hold(1, 5);
     log_.noteClaim(5);
     log_.rebuild();
-    EXPECT_EQ(check().unkept, 0U);
+    const CheckResult result = check();
+    EXPECT_EQ(result.unkept, 0U);
+    EXPECT_EQ(result.unlooked, 5U) << "and it is said how many they were";
+}
+
+// The blade cannot send it again: nothing but this tells that it is gone.
+TEST_F(ContentCheckTest, ClaimedEventThatTheLogHasOverwrittenMustBeThereForCertain) {
+    log_.noteClaim(4);
+    shape_.ring = 3;
+    log_.log(2);
+    ASSERT_EQ(log_.first(), 5U);
+    hold(1, 1);
+    hold(3, imageOf(3), true);
+    openGeneration();
+    hold(4, 7);
+    const CheckResult result = check();
+    EXPECT_EQ(result.missing, 0U);
+    EXPECT_EQ(result.unkept, 2U);
+    EXPECT_EQ(result.unlooked, 0U);
+    EXPECT_EQ(result.findings.front(),
+              "SIM-000000: event 2 was claimed, and is not there for certain");
+}
+
+TEST_F(ContentCheckTest, EventsBetweenTwoClaimsWereNotClaimed) {
+    log_.noteClaim(2);
+    shape_.ring = 2;
+    log_.log(2); // 6 and 7
+    log_.noteClaim(7);
+    hold(1, 2);
+    hold(6, 7);
+    EXPECT_TRUE(check().isClean());
+}
+
+TEST_F(ContentCheckTest, ClaimsTakeLittleRoomAndWhatIsForgottenIsCounted) {
+    shape_.ring = 2;
+    for (U32_t i = 0; i < 20; ++i) {
+        log_.log(4);
+        log_.noteClaim(log_.next() - 1);
+    }
+    EXPECT_EQ(log_.claims().size(), SimulatedLog::MOST_CLAIMS);
+    EXPECT_EQ(log_.claimsForgotten(), 2 * (20 - SimulatedLog::MOST_CLAIMS));
 }
 
 TEST_F(ContentCheckTest, BladeWithoutAnyEventMissesAll) {
