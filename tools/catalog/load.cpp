@@ -258,6 +258,14 @@ std::optional<U32_t> readSource(Reader& reader) {
     return source;
 }
 
+/** "no JSON at line 3, column 5: what is wrong there, and what is expected". */
+std::string notJson(const Json::exception& error) {
+    const std::string text = error.what(); // "[KIND] parse error at line 3, column 5: ..."
+    const size_t place = text.find(" at line ");
+    return place == std::string::npos ? "no JSON: " + text.substr(text.find(' ') + 1)
+                                      : "no JSON" + text.substr(place);
+}
+
 } // namespace
 
 const Field* Entry::field(const std::string& wanted) const {
@@ -310,9 +318,11 @@ void Catalog::dropFile(const std::string& path, std::vector<Problem>* problems) 
 
 void Catalog::add(const std::string& json, const std::string& file,
                   std::vector<Problem>* problems) {
-    Json content = Json::parse(json, nullptr, false);
-    if (content.is_discarded()) {
-        problems->push_back({file, "", "no JSON"});
+    Json content;
+    try {
+        content = Json::parse(json);
+    } catch (const Json::exception& error) { // also of a number that has no room
+        problems->push_back({file, "", notJson(error)});
         return;
     }
     Reader reader(content, file, "", problems);

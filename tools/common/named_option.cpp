@@ -2,9 +2,15 @@
 
 #include "common/nearest.h"
 
-#include <vector>
-
 namespace tools {
+
+void refuseName(const std::string& option, const std::string& text,
+                const std::vector<std::string>& known, U32_t max) {
+    const char* what =
+        known.empty() ? "' is no number up to " : "' is neither a name nor a number up to ";
+    throw CLI::ValidationError(option,
+                               "'" + text + what + std::to_string(max) + didYouMean(text, known));
+}
 
 U32_t parseNamed(const std::string& option, const std::string& text, const NameTable& names,
                  U32_t max) {
@@ -14,10 +20,7 @@ U32_t parseNamed(const std::string& option, const std::string& text, const NameT
         for (const EnumName& row : names.rows()) {
             known.emplace_back(row.brief);
         }
-        const char* what =
-            known.empty() ? "' is no number up to " : "' is neither a name nor a number up to ";
-        throw CLI::ValidationError(option, "'" + text + what + std::to_string(max) +
-                                               didYouMean(text, known));
+        refuseName(option, text, known, max);
     }
     return *value;
 }

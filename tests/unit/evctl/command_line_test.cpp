@@ -385,6 +385,30 @@ TEST(CommandLine, FiltersThatNameNothingAreRefused) {
     expectRefused({"file", "list", "-n", "0", "/nowhere/log"}, "whole number from 1 on");
 }
 
+TEST(CommandLine, AelListTakesTheDirectoryThatTheEventManagerWorksIn) {
+    support::TempDirectory home;
+    support::writeFile(home.file("kelta_eventlog"), test::record({.id = 1}, "x"));
+    support::writeFile(home.file("kelta_eventlog.debug"), test::record({.id = 1}, "x"));
+    const std::string event = test::record({.instance = 0}, "x");
+    auto expectOnly = [&home](const std::string& name) {
+        const Said said = run({"ael", "list", home.path()});
+        EXPECT_EQ(said.status, 0) << said.errors;
+        EXPECT_THAT(said.output, testing::HasSubstr(name));
+        EXPECT_THAT(said.output, testing::Not(testing::HasSubstr("kelta_eventlog")));
+        EXPECT_THAT(said.output, testing::Not(testing::HasSubstr("deleted")));
+    };
+    expectOnly("");
+    support::writeFile(home.file("kelta_alteventlog1.packed"), event);
+    expectOnly("kelta_alteventlog1.packed");
+    home.makeDirectory("aelfiles");
+    support::writeFile(home.file("aelfiles/kelta_alteventlog1.a"), event);
+    expectOnly("kelta_alteventlog1.a");
+    support::writeFile(home.file("aelfiles/notes"), "of somebody");
+    EXPECT_EQ(run({"ael", "list", home.path()}).status, 1);
+    EXPECT_THAT(run({"ael", "list", home.file("aelfiles")}).output,
+                testing::HasSubstr("notes  deleted: not the name"));
+}
+
 TEST(CommandLine, CatalogCheckNamesFilePlaceAndReason) {
     support::TempDirectory directory;
     const std::string file = directory.file("mine.json");
@@ -402,6 +426,25 @@ TEST(CommandLine, CatalogCheckNamesFilePlaceAndReason) {
     const Said sound = run({"catalog", "check", file, "--json"});
     EXPECT_EQ(sound.status, 0);
     EXPECT_EQ(sound.output + sound.errors, "");
+}
+
+TEST(CommandLine, CatalogCheckSaysWhereAFileIsNoJson) {
+    support::TempDirectory directory;
+    const std::string file = directory.file("mine.json");
+    auto check = [&file](const std::string& content) {
+        support::writeFile(file, content);
+        const Said said = run({"catalog", "check", file});
+        EXPECT_EQ(said.status, 1) << content;
+        return said.output;
+    };
+    EXPECT_THAT(check("{\"source\": 20,\n \"events\": [\n  {\"id\": 1,}\n]}"),
+                testing::MatchesRegex(file + ": no JSON at line 3, column [0-9]+: .*expected.*\n"));
+    EXPECT_THAT(
+        check("{\"source\": 20,\n \"events\": ["),
+        testing::MatchesRegex(file + ": no JSON at line 2, column 13: .*unexpected end.*\n"));
+    EXPECT_THAT(check(""), testing::StartsWith(file + ": no JSON at line 1, column 1: "));
+    EXPECT_THAT(check("\x1B[2J"), testing::Not(testing::HasSubstr("\x1B")));
+    EXPECT_THAT(check("1e999"), testing::StartsWith(file + ": no JSON: number overflow"));
 }
 
 TEST(CommandLine, ManualNamesEveryMemberOfJson) {

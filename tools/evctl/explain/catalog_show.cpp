@@ -1,8 +1,10 @@
 /** evctl catalog: what is known of events, and whether a catalogue is as it should be. */
 #include "catalog/catalog.h"
+#include "catalog/event_names.h"
 #include "common/named_option.h"
 #include "common/names.h"
 #include "common/text.h"
+#include "evctl/filters/event_filter.h"
 #include "evctl/paged_command.h"
 #include "evctl/views/event_view.h"
 
@@ -22,8 +24,6 @@ constexpr char CATALOG_CHECK_EXAMPLES[] =
     "What one directory replaces of another is told and is not wrong.\n"
     "Example:\n"
     "  evctl catalog check my-processes.json";
-
-constexpr U32_t ANY_VERSION = UINT8_MAX + 1;
 
 struct CatalogOptions {
     std::vector<std::string> files;
@@ -131,11 +131,14 @@ void printEntry(const catalog::Entry& entry) {
               << "file      " << entry.file << "\n";
     for (const catalog::Field& field : entry.fields) {
         std::cout << "field     " << field.name << ": " << kindName(field.kind) << ", "
-                  << field.width << " bytes at " << field.offset
+                  << countText(field.width, "byte") << " at " << field.offset
                   << (field.order == catalog::Order::BIG
                           ? ""
                           : std::string(", ") + orderName(field.order) + " byte first")
                   << (field.unit.empty() ? "" : ", " + field.unit) << "\n";
+        for (const auto& [value, name] : field.names) {
+            std::cout << "            " << value << ": " << name << "\n";
+        }
     }
 }
 
@@ -150,14 +153,14 @@ int runList(const CatalogOptions& options) {
 
 int runShow(const CatalogOptions& options) {
     U32_t source = parseNamed("SOURCE", options.source, tools::endpointNames, UINT8_MAX);
-    U32_t id = parseNamed("ID", options.id, tools::eventNamesOf(source), UINT16_MAX);
+    U32_t id = parseEventId("ID", source, options.id);
     std::vector<catalog::Problem> problems;
     catalog::Catalog loaded = load({}, &problems);
     sayProblems(problems, std::cerr);
     bool found = false;
     for (const catalog::Entry* entry : loaded.entries()) {
         // Unless one of a later directory goes before it.
-        if (loaded.find(source, id, entry->version.value_or(ANY_VERSION)) != entry) {
+        if (loaded.find(source, id, entry->version.value_or(catalog::ANY_VERSION)) != entry) {
             continue;
         }
         found = true;

@@ -1,5 +1,6 @@
 /** evctl complete: the values that may stand behind the words of a command line, for shells. */
 #include "catalog/advice.h"
+#include "catalog/event_names.h"
 #include "common/names.h"
 #include "common/text.h"
 #include "evctl/commands.h"
@@ -71,13 +72,10 @@ Words namesOfIds(const Words& words) {
     if (source.empty() && isOne) {
         source = std::to_string(static_cast<U32_t>(MMSG_E_EPID_SNMPMP));
     }
+    const std::optional<U32_t> only = tools::endpointNames.valueOrNumber(source, UINT8_MAX);
     Words names;
-    for (U32_t each = 0; each < MMSG_E_MAX_DEFINED_EPIDS; each++) {
-        const std::optional<U32_t> only =
-            tools::endpointNames.valueOrNumber(source, MMSG_E_MAX_DEFINED_EPIDS);
-        if (source.empty() || only.value_or(each) == each) {
-            std::ranges::copy(namesOf(tools::eventNamesOf(each)), std::back_inserter(names));
-        }
+    for (U32_t each = only.value_or(0); each <= only.value_or(UINT8_MAX); each++) {
+        std::ranges::copy(catalog::eventNames(each), std::back_inserter(names));
     }
     return names;
 }

@@ -1,14 +1,15 @@
 #include "evctl/filters/event_filter.h"
 
+#include "catalog/event_names.h"
 #include "catalog/event_text.h"
 #include "common/named_option.h"
 #include "common/names.h"
-#include "common/nearest.h"
 #include "common/time_text.h"
-#include "mmsg.h"
 
 #include <algorithm>
 #include <ctime>
+#include <iterator>
+#include <stdexcept>
 
 namespace evctl {
 namespace {
@@ -18,12 +19,10 @@ bool holds(const std::vector<U32_t>& wanted, U32_t value) {
 }
 
 bool holdsId(const EventFilter& filter, const EmpEvLogHeader_t& header) {
-    auto isNamed = [source = header.evSource, id = U32_t{header.evId}](const auto& named) {
-        return named.first == source && id >= named.second->first && id <= named.second->last;
-    };
-    return (filter.ids.empty() && filter.namedIds.empty()) ||
+    auto isNamed = [&header](const std::string& name) { return catalog::hasName(header, name); };
+    return (filter.ids.empty() && filter.idNames.empty()) ||
            (!filter.ids.empty() && holds(filter.ids, header.evId)) ||
-           std::ranges::any_of(filter.namedIds, isNamed);
+           std::ranges::any_of(filter.idNames, isNamed);
 }
 
 const tools::NameTable noNames{std::span<const tools::EnumName>{}};
@@ -52,28 +51,25 @@ void addNamedListOption(CLI::App& command, const std::string& flag, std::vector<
         what);
 }
 
-/** A number, or a name that some source has for one of its ids. */
+std::vector<std::string> namesOfAllSources() {
+    std::vector<std::string> all;
+    for (U32_t source = 0; source <= UINT8_MAX; source++) {
+        std::ranges::copy(catalog::eventNames(source), std::back_inserter(all));
+    }
+    return all;
+}
+
+/** A number, or a name that ids of some source have. */
 void parseId(const std::string& text, EventFilter& filter) {
-    bool isName = false;
-    std::vector<std::string> known;
-    for (U32_t source = 0; source < MMSG_E_MAX_DEFINED_EPIDS; source++) {
-        const tools::NameTable& names = tools::eventNamesOf(source);
-        if (std::optional<U32_t> id = names.value(text)) {
-            filter.namedIds.emplace_back(source, names.find(*id));
-            isName = true;
-        }
-        for (const tools::EnumName& row : names.rows()) {
-            known.emplace_back(row.brief);
-        }
-    }
-    std::optional<U32_t> number = tools::parseNumber(text, UINT16_MAX);
-    if (number) {
+    if (const std::optional<U32_t> number = tools::parseNumber(text, UINT16_MAX)) {
         filter.ids.push_back(*number);
-    } else if (!isName) {
-        throw CLI::ValidationError("--id", "'" + text + "' is neither a name nor a number up to " +
-                                               std::to_string(UINT16_MAX) +
-                                               tools::didYouMean(text, known));
+        return;
     }
+    const std::optional<std::string> name = catalog::knownName(text);
+    if (!name) {
+        tools::refuseName("--id", text, namesOfAllSources(), UINT16_MAX);
+    }
+    filter.idNames.push_back(*name);
 }
 
 /** One bound of a range; an empty text is no bound. */
@@ -109,19 +105,12 @@ std::optional<U32_t> parseTimeOption(const std::string& flag, const std::string&
     return time;
 }
 
-/** The library's own expressions are matched by recursion, which a long text makes too deep. */
-std::shared_ptr<const regex_t> parsePattern(const std::string& text, int flags) {
-    auto compiled = std::make_unique<regex_t>();
-    int error = regcomp(compiled.get(), text.c_str(), REG_EXTENDED | REG_NOSUB | flags);
-    if (error != 0) {
-        char reason[128] = {};
-        regerror(error, compiled.get(), reason, sizeof(reason));
-        throw CLI::ValidationError("--grep", "'" + text + "': " + reason);
+TextPattern parsePattern(const std::string& text) {
+    try {
+        return TextPattern(text);
+    } catch (const std::invalid_argument& problem) {
+        throw CLI::ValidationError("--grep", "'" + text + "': " + problem.what());
     }
-    return {compiled.release(), [](regex_t* pattern) {
-                regfree(pattern);
-                delete pattern;
-            }};
 }
 
 void addTimeOption(CLI::App& command, const std::string& flags, const std::string& what,
@@ -151,16 +140,25 @@ bool EventFilter::matches(const EmpEvLogHeader_t& header) const {
 }
 
 bool EventFilter::matches(const EventView& event) const {
-    const auto& wanted = inAnyCase ? patternInAnyCase : pattern;
     return matches(*event.header) &&
-           (!wanted ||
-            regexec(wanted.get(), catalog::textColumn(event).c_str(), 0, nullptr, 0) == 0);
+           (!pattern || pattern->isIn(catalog::textColumn(event), inAnyCase));
 }
 
 bool EventFilter::isEmpty() const {
     return types.empty() && sources.empty() && categories.empty() && ids.empty() &&
-           namedIds.empty() && !firstSequenceId && !lastSequenceId && !onlySequenceId && !since &&
+           idNames.empty() && !firstSequenceId && !lastSequenceId && !onlySequenceId && !since &&
            !until && !pattern && logs == sources::LogChoice{};
+}
+
+U32_t parseEventId(const std::string& option, U32_t source, const std::string& text) {
+    if (const std::optional<U32_t> number = tools::parseNumber(text, UINT16_MAX)) {
+        return *number;
+    }
+    const std::optional<U32_t> id = catalog::eventIdOf(source, text);
+    if (!id) {
+        tools::refuseName(option, text, catalog::eventNames(source), UINT16_MAX);
+    }
+    return *id;
 }
 
 void addZoneOption(CLI::App& command, Zone& zone) {
@@ -207,10 +205,7 @@ void addFilterOptions(CLI::App& command, EventFilter& filter, const Zone* zone) 
     command
         .add_option_function<std::string>(
             "-g,--grep",
-            [&filter](const std::string& text) {
-                filter.pattern = parsePattern(text, 0);
-                filter.patternInAnyCase = parsePattern(text, REG_ICASE);
-            },
+            [&filter](const std::string& text) { filter.pattern = parsePattern(text); },
             "Only events whose text this extended regular expression matches")
         ->type_name("PATTERN")
         ->group("Filters");

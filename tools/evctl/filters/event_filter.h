@@ -8,12 +8,12 @@
 #include "common/cli.h"
 #include "common/names.h"
 #include "common/time_text.h"
+#include "evctl/filters/text_pattern.h"
 #include "fixed_width.h"
 #include "sources/source.h"
 
-#include <memory>
 #include <optional>
-#include <regex.h>
+#include <string>
 #include <vector>
 
 namespace evctl {
@@ -27,17 +27,15 @@ struct EventFilter {
     std::vector<U32_t> sources;
     std::vector<U32_t> categories;
     std::vector<U32_t> ids;
-    std::vector<std::pair<U32_t, const tools::EnumName*>> namedIds; ///< source, its name of ids; an
-                                                                    ///< event of ids or of these
+    std::vector<std::string> idNames; ///< an event of ids or of these
     std::optional<U32_t> firstSequenceId;
     std::optional<U32_t> lastSequenceId;
-    std::optional<U32_t> onlySequenceId;    ///< within these
-    std::optional<U32_t> since;             ///< seconds since 1970
-    std::optional<U32_t> until;             ///< that second included
-    std::shared_ptr<const regex_t> pattern; ///< what the text column must hold
-    std::shared_ptr<const regex_t> patternInAnyCase;
-    bool inAnyCase = false;  ///< which of them
-    sources::LogChoice logs; ///< of which blades
+    std::optional<U32_t> onlySequenceId; ///< within these
+    std::optional<U32_t> since;          ///< seconds since 1970
+    std::optional<U32_t> until;          ///< that second included
+    std::optional<TextPattern> pattern;  ///< what the text column must hold
+    bool inAnyCase = false;              ///< whatever the case of its letters
+    sources::LogChoice logs;             ///< of which blades
 
     /** All but the pattern. */
     bool matches(const EmpEvLogHeader_t& header) const;
@@ -56,6 +54,10 @@ void addZoneOption(CLI::App& command, Zone& zone);
  * @param zone whose times are meant, once the command line is parsed; outlives that. Or nullptr:
  * UTC */
 void addFilterOptions(CLI::App& command, EventFilter& filter, const Zone* zone = nullptr);
+
+/** An event id of a source: a number, or a name, also the catalogue's. Throws CLI::ValidationError
+ * for anything else. */
+U32_t parseEventId(const std::string& option, U32_t source, const std::string& text);
 
 /** Adds --enclosure, --blade, --slot and --instance: events, or logs, of these only. */
 void addLogChoice(CLI::App& command, sources::LogChoice& logs);

@@ -1,6 +1,7 @@
 #include "evctl/send/event_options.h"
 
 #include "common/named_option.h"
+#include "evctl/filters/event_filter.h"
 
 #include <stdexcept>
 
@@ -38,8 +39,7 @@ EventFields fieldsOf(const EventOptions& options) {
             .type = static_cast<U8_t>(options.type),
             .category = static_cast<U8_t>(options.category),
             .idVersion = static_cast<U8_t>(options.idVersion),
-            .id = static_cast<U16_t>(
-                parseNamed("--id", options.id, tools::eventNamesOf(options.source), UINT16_MAX))};
+            .id = static_cast<U16_t>(parseEventId("--id", options.source, options.id))};
 }
 
 Bytes dataOf(const EventOptions& options) {

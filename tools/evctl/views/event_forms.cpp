@@ -1,5 +1,6 @@
 #include "evctl/views/event_forms.h"
 
+#include "catalog/event_names.h"
 #include "catalog/event_text.h"
 #include "common/text.h"
 
@@ -61,6 +62,11 @@ std::string structuredData(const EmpEvLogHeader_t& header) {
     return element + "]";
 }
 
+std::string nameOrNumber(const EmpEvLogHeader_t& header) {
+    const std::string_view name = catalog::eventName(header);
+    return name.empty() ? std::to_string(U32_t{header.evId}) : std::string(name);
+}
+
 } // namespace
 
 std::string csvHeader() {
@@ -76,7 +82,7 @@ std::string csvLine(const EventView& event, const std::string& from) {
              tools::eventTypeNames.brief(header.evType),
              tools::endpointNames.brief(header.evSource),
              tools::categoryNames.brief(header.evCategory),
-             tools::eventNamesOf(header.evSource).brief(header.evId),
+             nameOrNumber(header),
              std::to_string(header.evIdVersion),
              escapedText(header.evEnclosureId),
              escapedText(header.evBladeId),
@@ -97,7 +103,7 @@ std::string syslogLine(const EventView& event) {
     line += isoTime(header.evTime) + " ";
     line += syslogWord(bladeName(header), 255) + " ";
     line += syslogWord(tools::endpointNames.brief(header.evSource), 48) + " - ";
-    line += syslogWord(tools::eventNamesOf(header.evSource).brief(header.evId), 32) + " ";
+    line += syslogWord(nameOrNumber(header), 32) + " ";
     line += structuredData(header);
     std::string text = catalog::textColumn(event);
     return text.empty() ? line + "\n" : line + " " + text + "\n";

@@ -1,5 +1,6 @@
 #include "evctl/views/event_json.h"
 
+#include "catalog/event_names.h"
 #include "catalog/event_text.h"
 
 #include <algorithm>
@@ -150,7 +151,9 @@ std::string eventMembers(const EventView& event) {
     members.named("type", "typeName", tools::eventTypeNames, header.evType);
     members.named("source", "sourceName", tools::endpointNames, header.evSource);
     members.named("category", "categoryName", tools::categoryNames, header.evCategory);
-    members.named("id", "idName", tools::eventNamesOf(header.evSource), header.evId);
+    members.number("id", header.evId);
+    const std::string_view idName = catalog::eventName(header);
+    idName.empty() ? members.nothing("idName") : members.text("idName", idName);
     members.number("idVersion", header.evIdVersion);
     members.text("enclosureId", escapedText(header.evEnclosureId));
     members.text("bladeId", escapedText(header.evBladeId));

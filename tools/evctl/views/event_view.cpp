@@ -67,8 +67,14 @@ std::string escapedText(std::span<const U8_t> field) {
     return tools::escapedText({reinterpret_cast<const char*>(field.data()), field.size()});
 }
 
-std::string eventIdText(U32_t source, U32_t id) {
-    return named(tools::eventNamesOf(source), id);
+std::string eventIdText(U32_t source, U32_t id, U32_t version) {
+    const std::string_view name = catalog::eventName(source, id, version);
+    const std::string number = std::to_string(id);
+    return name.empty() ? number : std::string(name) + "(" + number + ")";
+}
+
+std::string eventIdText(const EmpEvLogHeader_t& header) {
+    return eventIdText(header.evSource, header.evId, header.evIdVersion);
 }
 
 std::string bladeName(const EmpEvLogHeader_t& header) {
@@ -88,7 +94,7 @@ std::string eventLine(const EventView& event, const LineStyle& style) {
     if (style.blade) {
         addColumn(line, bladeName(header), 12);
     }
-    const std::string eventId = eventIdText(header.evSource, header.evId);
+    const std::string eventId = eventIdText(header);
     if (style.narrow) {
         addColumn(line, tools::eventTypeNames.brief(header.evType), 7);
         addColumn(line, tools::endpointNames.brief(header.evSource) + " " + eventId, 0);
@@ -116,7 +122,7 @@ std::string eventLines(const EventView& event, Zone zone) {
     add("type         ", named(tools::eventTypeNames, header.evType));
     add("source       ", named(tools::endpointNames, header.evSource));
     add("category     ", named(tools::categoryNames, header.evCategory));
-    add("id           ", eventIdText(header.evSource, header.evId));
+    add("id           ", eventIdText(header));
     add("id version   ", std::to_string(header.evIdVersion));
     add("enclosure    ", escapedText(header.evEnclosureId));
     add("blade        ", escapedText(header.evBladeId));

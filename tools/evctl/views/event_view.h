@@ -8,6 +8,7 @@
 #ifndef EVCTL_EVENT_VIEW_H
 #define EVCTL_EVENT_VIEW_H
 
+#include "catalog/event_names.h"
 #include "common/names.h"
 #include "common/text.h"
 #include "common/time_text.h"
@@ -35,8 +36,9 @@ std::string escapedText(std::span<const U8_t> field);
 /** The name of a value, null for a value without one. */
 Json nameOrNull(const tools::NameTable& names, U32_t value);
 
-/** "signal(4)", or "300" for an id without a name. */
-std::string eventIdText(U32_t source, U32_t id);
+/** "signal(4)", or "300" for an id without a name, also the catalogue's. */
+std::string eventIdText(const EmpEvLogHeader_t& header);
+std::string eventIdText(U32_t source, U32_t id, U32_t version = catalog::ANY_VERSION);
 
 /** The parts of a line that are not the same in all listings. */
 struct LineStyle {

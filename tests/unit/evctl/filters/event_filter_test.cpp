@@ -32,6 +32,13 @@ bool shows(const std::vector<std::string>& arguments, const EmpEvLogHeader_t& he
     return parse(arguments).matches(header);
 }
 
+/** Whether an event with that text for its data is shown. */
+bool showsText(const std::vector<std::string>& arguments, const std::string& text) {
+    const EmpEvLogHeader_t header = event(7, 20, 2, 4, 300);
+    const auto* bytes = reinterpret_cast<const U8_t*>(text.data());
+    return parse(arguments).matches(evctl::EventView{&header, {bytes, text.size()}});
+}
+
 } // namespace
 
 TEST(EventFilter, WithoutOptionsEverythingMatches) {
@@ -128,4 +135,38 @@ TEST(EventFilter, BladesAreTakenByTheirWholeNames) {
     EXPECT_FALSE(shows({"--blade", "BL"}, header));
     EXPECT_FALSE(shows({"--enclosure", "E"}, header));
     EXPECT_FALSE(shows({"--slot", "2"}, header));
+}
+
+TEST(Patterns, MeanTheLettersOfASCIIOnAnySystem) {
+    EXPECT_TRUE(showsText({"-g", "^dr[a-z]+ [13]$"}, "drive 3"));
+    EXPECT_FALSE(showsText({"-g", "DRIVE"}, "drive 3"));
+    EXPECT_TRUE(showsText({"-g", "DRIVE", "-i"}, "drive 3"));
+    EXPECT_TRUE(showsText({"-g", "f.nf", "-i"}, "FUNF"));
+    EXPECT_TRUE(showsText({"-g", "fünf Übel"}, "fünf Übel"));
+    EXPECT_TRUE(showsText({"-g", "übel|drive"}, "drive 3"));
+}
+
+TEST(Patterns, MeanCharactersNotTheirBytes) {
+    if (!evctl::TextPattern::knowsCharacters()) {
+        GTEST_SKIP() << "this system has no locale C.UTF-8";
+    }
+    EXPECT_TRUE(showsText({"-g", "^f.nf "}, "fünf Übel"));
+    EXPECT_FALSE(showsText({"-g", "^f..nf "}, "fünf Übel"));
+    EXPECT_TRUE(showsText({"-g", "^f[äöü]nf "}, "fünf Übel"));
+    EXPECT_TRUE(showsText({"-g", "^[[:alpha:]]+ [[:upper:]]"}, "fünf Übel"));
+    EXPECT_FALSE(showsText({"-g", "^[[:lower:]]+ [[:lower:]]"}, "fünf Übel"));
+    EXPECT_FALSE(showsText({"-g", "ü{2}"}, "fünf Übel"));
+    EXPECT_TRUE(showsText({"-g", "ü{2}"}, "füünf"));
+    EXPECT_TRUE(showsText({"-g", "^xü*y"}, "xy")); // a pattern of characters, a text of bytes
+}
+
+TEST(Patterns, InAnyCaseHoldForAllLetters) {
+    if (!evctl::TextPattern::knowsCharacters()) {
+        GTEST_SKIP() << "this system has no locale C.UTF-8";
+    }
+    EXPECT_FALSE(showsText({"-g", "übel"}, "fünf Übel"));
+    EXPECT_TRUE(showsText({"-g", "übel", "-i"}, "fünf Übel"));
+    EXPECT_TRUE(showsText({"-g", "[ü]BEL", "-i"}, "fünf Übel"));
+    EXPECT_TRUE(showsText({"-g", "ΑΒΓ ДИСК", "-i"}, "αβγ диск"));
+    EXPECT_FALSE(showsText({"-g", "Abel", "-i"}, "fünf Übel"));
 }
