@@ -129,18 +129,29 @@ bool isNameOfEvents(const std::string& name) {
            base.starts_with(EMP_AEL_FILE_PREFIX);
 }
 
+std::string parametersAmong(const std::vector<bundle::Member>& members) {
+    for (const bundle::Member& member : members) {
+        if (baseName(member.name) == "parameters.json") {
+            return {member.bytes.begin(), member.bytes.end()};
+        }
+    }
+    return "";
+}
+
 /** Its logs and alternate events. Their names lead nowhere: they are only shown. */
 std::vector<LogFile> unpackEvents(const std::string& name, std::span<const U8_t> bytes,
                                   std::vector<std::string>* problems) {
     std::vector<LogFile> found;
     const std::vector<bundle::Member> members = bundle::unpack(bytes, problems);
     bundle::compareChecksums(members, problems);
+    const std::string parameters = parametersAmong(members);
     for (const bundle::Member& member : members) {
         if (isNameOfEvents(member.name)) {
             found.push_back({.name = name + ":" + member.name,
                              .kind = kindOf(member.name),
                              .image = evlogImageOf(member.bytes),
-                             .modified = member.time.value_or(0)});
+                             .modified = member.time.value_or(0),
+                             .parameters = parameters});
         }
     }
     if (found.empty()) {

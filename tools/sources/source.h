@@ -93,7 +93,8 @@ struct LogFile {
     std::string name; ///< as it was asked for, then the member within
     Kind kind = Kind::LOG;
     EvlogImage_t image;
-    S64_t modified = 0; ///< of what is in a bundle: its last change, seconds since 1970
+    S64_t modified = 0;       ///< of what is in a bundle: its last change, seconds since 1970
+    std::string parameters{}; ///< likewise: what the bundle says of the blade, parameters.json
 };
 
 /**
@@ -128,8 +129,10 @@ Bytes decompress(std::span<const U8_t> compressed, size_t most,
 // --- Several sources -----------------------------------------------------------------------------
 
 /** The events of several sources in one line of time. Each source keeps its own order: an event
- * whose clock had been put back comes right behind the one before it. An event that another of them
- * has given already, such as a log and its copy have, is marked as a double. */
+ * whose clock had been put back comes right behind the one before it. Of the same second, those of
+ * one log come by instance and sequence id, whichever source they are in; logs, and alternate
+ * events, in the order in which the sources were given. An event that another of them has given
+ * already, such as a log and its copy have, is marked as a double. */
 class Merge {
   public:
     explicit Merge(Sources sources);
@@ -139,9 +142,17 @@ class Merge {
     const Sources& sources() const { return sources_; }
 
   private:
+    /** Where the next event of a source belongs. */
     struct Head {
-        Event event;
+        U64_t timeAndLog;
+        U64_t number; ///< instance, sequence id; 0 for one that is in no log
         size_t source;
+    };
+    /** A source's next event, and the last log that it had one of. */
+    struct Lane {
+        Event next;
+        std::string log{};
+        U32_t logNumber = 0; ///< the first source that this log was met in
     };
     /** What no two events have in common that are not the same one. */
     struct Mark {
@@ -156,9 +167,13 @@ class Merge {
     };
     static bool isLater(const Head& left, const Head& right);
     static Mark markOf(const Event& event);
+    U32_t logNumber(size_t source, const EmpEvLogHeader_t& header);
+    Head headOf(size_t source);
     void fill(size_t source);
 
     Sources sources_;
+    std::vector<Lane> lanes_;                          // by source
+    std::unordered_map<std::string, U32_t> numbers_;   // of logs, by name
     std::vector<Head> heads_;                          // a heap, the earliest on top
     std::unordered_map<Mark, size_t, MarkHash> given_; // by which source
 };

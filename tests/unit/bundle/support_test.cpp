@@ -91,6 +91,16 @@ TEST_F(SupportOfABlade, TheOnlyOneThatRunsIsMeantAndItsIdentityJudgesTheLog) {
     EXPECT_EQ(members_["support/outputs/emp.log.1"], "said before");
     EXPECT_EQ(members_.count("support/outputs/msm.log"), 0U);
     EXPECT_THAT(said.errors, HasSubstr("msm.log: "));
+    const std::string foreign =
+        R"("judgedFor":{"enclosureId":"CHASSIS-2","slotId":2},"verdict":"foreign")";
+    EXPECT_THAT(test::run({"file", "predict", "--json"}).output, HasSubstr(foreign));
+    EXPECT_THAT(test::run({"file", "info"}).output, HasSubstr("foreign"));
+    EXPECT_THAT(test::run({"file", "predict", bundlePath(), "--json"}).output, HasSubstr(foreign));
+    EXPECT_THAT(test::run({"file", "info", bundlePath()}).output, HasSubstr("foreign"));
+    std::filesystem::remove(bundlePath());
+    pack({}, {"--redact"});
+    EXPECT_THAT(test::run({"file", "predict", bundlePath(), "--json"}).output,
+                HasSubstr(R"("judgedFor":null,"verdict":"unwrapped")"));
     std::filesystem::remove(bundlePath());
     setenv("EVCTL_KEY", "0x4321", 1);
     EXPECT_THAT(test::run({"support", "-o", bundlePath()}).errors,

@@ -185,6 +185,71 @@ TEST(Merge, IsOneLineOfTimeInWhichEachSourceKeepsItsOrder) {
     EXPECT_EQ(ids, (Ids{10, 20, 21, 11, 12, 22, 13}));
 }
 
+namespace {
+
+using Records = std::vector<test::RecordFields>;
+
+/** Sequence ids of several logs in one line of time, each once; slots other than 2 in front. */
+std::string merged(const std::vector<Records>& logs) {
+    Sources several;
+    for (const Records& records : logs) {
+        std::string bytes;
+        for (const test::RecordFields& record : records) {
+            bytes += test::record(record, "x");
+        }
+        several.push_back(sources::logSource({}, test::imageOf(bytes)));
+    }
+    Merge merge(std::move(several));
+    std::string text;
+    while (std::optional<sources::Event> event = merge.next()) {
+        const EmpEvLogHeader_t& header = *event->view.header;
+        const std::string slot = header.evSlotId == 2 ? "" : std::to_string(header.evSlotId) + "/";
+        text += event->isDouble ? "" : slot + std::to_string(header.evSequenceId) + " ";
+    }
+    return text;
+}
+
+} // namespace
+
+TEST(Merge, OfOneLogASecondIsInTheOrderOfItsIdsWhicheverFileComesFirst) {
+    const Records sound = {{.id = 1}, {.id = 2}, {.id = 3}, {.id = 4}, {.id = 5}, {.id = 6}};
+    const Records damaged = {{.id = 1}, {.id = 2}, {.id = 5}};
+    EXPECT_EQ(merged({damaged, sound}), "1 2 3 4 5 6 ");
+    EXPECT_EQ(merged({sound, damaged}), "1 2 3 4 5 6 ");
+}
+
+TEST(Merge, OfOneSecondLogsStandOneBehindTheOtherAsTheyWereGiven) {
+    const Records others = {{.slot = 3, .id = 4}, {.slot = 3, .id = 9}};
+    EXPECT_EQ(merged({{{.id = 5}}, others, {{.id = 3}, {.id = 6}}}), "3 5 6 3/4 3/9 ");
+    EXPECT_EQ(merged({others, {{.id = 5}}, {{.id = 3}, {.id = 6}}}), "3/4 3/9 3 5 6 ");
+    EXPECT_EQ(merged({{{.id = 5}}, {{.id = 3}, {.id = 6}}, others}), "3 5 6 3/4 3/9 ");
+}
+
+TEST(Merge, ALogThatBeganAgainComesBehindWhatItHeldBefore) {
+    const Records before = {{.instance = 7, .id = 5}, {.instance = 7, .id = 6}};
+    const Records again = {{.instance = 8, .id = 0}, {.instance = 8, .id = 1}};
+    EXPECT_EQ(merged({before, again}), "5 6 0 1 ");
+    EXPECT_EQ(merged({again, before}), "5 6 0 1 ");
+}
+
+TEST(Merge, AClockThatWasPutBackLeavesEachFileItsOrder) {
+    const Records sound = {{.id = 1, .time = 300}, {.id = 2, .time = 100}, {.id = 3, .time = 100}};
+    const Records damaged = {{.id = 1, .time = 300}, {.id = 3, .time = 100}};
+    EXPECT_EQ(merged({sound, damaged}), "1 2 3 ");
+    EXPECT_EQ(merged({damaged, sound}), "1 3 2 "); // 3 is due before 2 is seen
+}
+
+TEST(Merge, IdsOfAlternateEventsAreNoPlaceInALog) {
+    Sources several;
+    std::string alternate = test::record({.id = 1}, "a");
+    several.push_back(sources::logSource({}, test::imageOf(test::record({.id = 5}, "x"))));
+    several.push_back(sources::alternateFileSource({.name = "", .kind = Kind::ALTERNATE},
+                                                   {alternate.begin(), alternate.end()}));
+    Merge merge(std::move(several));
+    EXPECT_EQ(merge.next()->view.header->evSequenceId, 5U);
+    EXPECT_EQ(merge.next()->view.header->evSequenceId, 1U);
+}
+
 TEST(Merge, MarksWhatAnotherSourceHasGivenAlready) {
     auto image = [](const std::string& bytes) { return test::imageOf(bytes); };
     std::string one = test::record({.id = 1, .time = 100}, "x");

@@ -54,12 +54,34 @@ std::vector<AelFile> filesIn(const std::string& path, int* status) {
     return sources::takeAlternates(files);
 }
 
+/** The directory that the event manager works in: its log is there, or the directory of its files.
+ */
+bool isHome(const std::string& path) {
+    std::error_code error;
+    return isDirectory(path + EMP_AEL_DIRECTORY_NAME) ||
+           std::filesystem::exists(path + EMP_LOG_FILE_NAME, error);
+}
+
+/** What the next start finds; in the event manager's own directory nothing else is looked at. */
+std::vector<AelFile> filesInDirectory(const std::string& path) {
+    if (!isHome(path) || std::filesystem::path(path).filename() == &EMP_AEL_DIRECTORY_NAME[1]) {
+        return sources::readAelDirectory(path);
+    }
+    if (isDirectory(path + EMP_AEL_DIRECTORY_NAME)) {
+        return sources::readAelDirectory(path + EMP_AEL_DIRECTORY_NAME);
+    }
+    std::vector<AelFile> files = sources::readAelDirectory(path);
+    std::erase_if(files,
+                  [](const AelFile& file) { return !file.name.starts_with(EMP_AEL_FILE_PREFIX); });
+    return files;
+}
+
 /** @param status raised to a finding when something is wrong on the way */
 std::vector<AelFile> filesOf(const AelOptions& options, int* status) {
     if (!options.place.empty()) {
         bool isOneFile = options.place == "-" || std::filesystem::exists(options.place);
         return isOneFile && !isDirectory(options.place) ? filesIn(options.place, status)
-                                                        : sources::readAelDirectory(options.place);
+                                                        : filesInDirectory(options.place);
     }
     const MPU_PARAMS_t& params = attachParams(options.block);
     try {
@@ -100,10 +122,9 @@ std::string listLine(const AelFile& file, Zone zone) {
              timeOfFile(file.modified, zone).c_str(), static_cast<unsigned long long>(file.size));
     std::string line = text.data() + nameText(file.name) + "  " + verdictText(file);
     if (file.fate == AelFate::STORED) {
-        const EmpEvRecord_t& header = file.header();
+        const EmpEvLogHeader_t& header = *file.event().header;
         line += ": " + tools::eventTypeNames.brief(header.evType) + " " +
-                tools::endpointNames.brief(header.evSource) + " " +
-                eventIdText(header.evSource, header.evId) + "  " +
+                tools::endpointNames.brief(header.evSource) + " " + eventIdText(header) + "  " +
                 catalog::textColumn(file.event());
     }
     return line;
@@ -237,8 +258,10 @@ int runShow(const AelOptions& options) {
 CLI::Option_group* addWhere(CLI::App& command, AelOptions& options) {
     CLI::Option_group* where = command.add_option_group("Directory");
     where
-        ->add_option("--dir", options.place,
-                     "Directory of the alternate event log files, or a bundle with them")
+        ->add_option(
+            "--dir", options.place,
+            "Directory of the alternate event log files, or the one that the event manager "
+            "works in, or a bundle")
         ->type_name("DIR");
     addKeyOption(*where, options.block);
     where->require_option(0, 1);

@@ -37,11 +37,14 @@ std::string ownLog() {
     }
 }
 
-void addFileArgument(CLI::App& command, std::string& path) {
+void addFileArgument(CLI::App& command, std::string& path, bool* isOwn) {
     command.add_option("FILE", path,
                        "The event log file; it is only read. Without it the log of the blade of "
                        "EVCTL_KEY, or of the only one that runs here");
-    command.parse_complete_callback([&path] {
+    command.parse_complete_callback([&path, isOwn] {
+        if (isOwn != nullptr) {
+            *isOwn = path.empty();
+        }
         try {
             path = path.empty() ? ownLog() : path;
         } catch (const std::runtime_error& problem) {
@@ -69,9 +72,13 @@ sources::LogFile& logAmong(std::vector<sources::LogFile>& files) {
     return place == files.end() ? files.front() : *place;
 }
 
-EvlogImage_t loadAnyLog(const std::string& path, int* status) {
+sources::LogFile loadLogFile(const std::string& path, int* status) {
     std::vector<sources::LogFile> files = loadLogFiles(path, status);
-    return std::move(logAmong(files).image);
+    return std::move(logAmong(files));
+}
+
+EvlogImage_t loadAnyLog(const std::string& path, int* status) {
+    return loadLogFile(path, status).image;
 }
 
 void requireLog(const std::string& name, const EvlogImage_t& image) {

@@ -17,8 +17,9 @@ namespace evctl {
 /** The log of the blade that EVCTL_KEY names, or of the only one that runs here. Throws. */
 std::string ownLog();
 
-/** Adds the positional argument FILE; when it is not there, ownLog() is meant. */
-void addFileArgument(CLI::App& command, std::string& path);
+/** Adds the positional argument FILE; when it is not there, ownLog() is meant.
+ * @param isOwn set when it is not there; nullptr: not wanted */
+void addFileArgument(CLI::App& command, std::string& path, bool* isOwn = nullptr);
 
 /** What a file holds, compressed or a bundle as it may be; what is wrong on the way goes to
  * standard error. Throws when it cannot be read.
@@ -32,6 +33,9 @@ sources::LogFile& logAmong(std::vector<sources::LogFile>& files);
 /** Reads a file that the event manager may be given as its log; of a bundle the log in it. Throws
  * when it cannot be read. */
 EvlogImage_t loadAnyLog(const std::string& path, int* status = nullptr);
+
+/** The same with what its bundle says of it. */
+sources::LogFile loadLogFile(const std::string& path, int* status);
 
 /** loadAnyLog(); throws also when it is no event log. */
 EvlogImage_t loadLog(const std::string& path, int* status = nullptr);

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 namespace evctl {
@@ -54,11 +55,36 @@ bool isIn(const std::string& path, const std::string& directory) {
     return !error && (place == home || place.parent_path() == home);
 }
 
+/** What a bundle has of the parameter block; nothing when that names no enclosure and slot as they
+ * are. */
+std::optional<EvlogIdentity_t> identityFrom(const std::string& parameters) {
+    const nlohmann::json block = nlohmann::json::parse(parameters, nullptr, false);
+    if (!block.is_object() || !block.contains("chassisSN") || !block.contains("slotId")) {
+        return std::nullopt;
+    }
+    const nlohmann::json& enclosure = block["chassisSN"];
+    const nlohmann::json& slot = block["slotId"];
+    if (!enclosure.is_string() || !slot.is_number_unsigned() || slot.get<U64_t>() > UINT32_MAX) {
+        return std::nullopt;
+    }
+    const std::string text = enclosure.get<std::string>();
+    const bool isWhole = !text.empty() && text.find('\\') == std::string::npos;
+    return isWhole && text != "redacted" ? identityOf(IdentityOfFile{text, slot.get<U32_t>()})
+                                         : std::nullopt;
+}
+
 } // namespace
 
-std::optional<EvlogIdentity_t> identityOf(const BladeOfFile& options, const std::string& path) {
+std::optional<EvlogIdentity_t> identityOf(const BladeOfFile& options, const std::string& path,
+                                          const std::string& parameters) {
     if (options.identity.enclosure) {
         return identityOf(options.identity);
+    }
+    if (options.isOwnLog && !options.block.given()) {
+        return identityIn(attachParams({}));
+    }
+    if (!options.block.given() && !parameters.empty()) {
+        return identityFrom(parameters);
     }
     if (!options.block.given() && !isKeyNamed()) {
         return std::nullopt;

@@ -24,6 +24,7 @@ struct IdentityOfFile {
 struct BladeOfFile {
     IdentityOfFile identity;
     KeyOptions block;
+    bool isOwnLog = false; ///< the log is that of the blade that is meant when none is named
 };
 
 /** Adds --enclosure and --slot. */
@@ -38,11 +39,13 @@ EvlogIdentity_t identityIn(const MPU_PARAMS_t& params);
 /** Adds --enclosure and --slot, and --key instead. */
 void addBladeOfFile(CLI::App& command, BladeOfFile& options);
 
-/** What they name, else the block of EVCTL_KEY, of a log in its directory; nothing when none is
- * named. Throws when there is no such block; that of EVCTL_KEY need not be there, which standard
- * error says.
- * @param path of the log */
-std::optional<EvlogIdentity_t> identityOf(const BladeOfFile& options, const std::string& path);
+/** What they name; else the blade of which it is the own log, or its bundle; else the block of
+ * EVCTL_KEY, of a log in its directory; nothing when none is named. Throws when there is no such
+ * block; that of EVCTL_KEY need not be there, which standard error says.
+ * @param path of the log
+ * @param parameters what its bundle says of the blade; may be anything, or empty */
+std::optional<EvlogIdentity_t> identityOf(const BladeOfFile& options, const std::string& path,
+                                          const std::string& parameters);
 
 } // namespace evctl
 

@@ -88,10 +88,12 @@ Json infoJson(const InfoOptions& options, const EvlogImage_t& image, const LogCo
 
 int runInfo(const InfoOptions& options) {
     int status = tools::EXIT_DONE;
-    EvlogImage_t image = loadLog(options.path, &status);
-    std::optional<EvlogIdentity_t> identity = identityOf(options.blade, options.path);
-    LogContent content = readLog(image, identity ? &*identity : nullptr);
-    Json json = infoJson(options, image, content);
+    const sources::LogFile log = loadLogFile(options.path, &status);
+    requireLog(options.path, log.image);
+    std::optional<EvlogIdentity_t> identity =
+        identityOf(options.blade, options.path, log.parameters);
+    LogContent content = readLog(log.image, identity ? &*identity : nullptr);
+    Json json = infoJson(options, log.image, content);
     std::cout << (options.json ? jsonLine(json) : namedLines(json, 22));
     return std::max(status, statusOf(content));
 }
@@ -103,7 +105,7 @@ void addFileInfoCommand(CLI::App& parent, Chosen& chosen) {
     CLI::App& command = addCommand(
         parent, "info", "Counts, ranges and what the event manager will make of a log file.",
         FILE_INFO_EXAMPLES);
-    addFileArgument(command, options->path);
+    addFileArgument(command, options->path, &options->blade.isOwnLog);
     addBladeOfFile(command, options->blade);
     command.add_flag("--json", options->json, "As a JSON object");
     onChosenPaged(command, chosen, options, runInfo);

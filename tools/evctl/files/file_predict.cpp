@@ -1,5 +1,6 @@
 /** evctl file predict: what the next start will do with a log file. */
 #include "common/text.h"
+#include "configuration.h"
 #include "evctl/commands.h"
 #include "evctl/files/file.h"
 #include "evctl/files/file_identity.h"
@@ -16,7 +17,8 @@ namespace {
 constexpr char FILE_PREDICT_EXAMPLES[] =
     "The exit status is 0 when nothing readable is lost, 1 when events are, or a bug-check will\n"
     "come later, and 2 when the event manager cannot work with this file; or when it cannot be\n"
-    "read, which standard error says. What is damaged is lost already: see 'file verify'. A file that is not there yet is a new log.\n"
+    "read, which standard error says. What is damaged is lost already: see 'file verify'. A\n"
+    "kelta_eventlog that is not there yet, in a directory that is, is a new log.\n"
     "Whether the log belongs to the blade is judged only when that is named: with --enclosure\n"
     "and --slot, or by the key of its parameter block.\n"
     "Examples:\n"
@@ -29,15 +31,15 @@ struct PredictOptions {
     bool json = false;
 };
 
-/** No file, where the event manager can make one. */
+/** No log, where the event manager makes one: any other name is a mistake. */
 bool isMissing(const std::string& path) {
-    std::filesystem::path place(path);
-    std::filesystem::path directory = place.has_parent_path() ? place.parent_path() : ".";
+    namespace fs = std::filesystem;
     std::error_code error;
-    return path != "-" &&
-           std::filesystem::symlink_status(place, error).type() ==
-               std::filesystem::file_type::not_found &&
-           std::filesystem::is_directory(directory, error);
+    const fs::path place = path;
+    const fs::path directory = place.has_parent_path() ? place.parent_path() : ".";
+    return place.filename() == &EMP_LOG_FILE_NAME[1] &&
+           fs::symlink_status(place, error).type() == fs::file_type::not_found &&
+           fs::is_directory(directory, error);
 }
 
 /** "1 event is", "2 events are" */
@@ -115,9 +117,10 @@ int runPredict(const PredictOptions& options) {
     // Also of a file that is no log: the event manager takes any, and makes one that is not there.
     bool isThere = !isMissing(options.path);
     int status = tools::EXIT_DONE;
-    EvlogImage_t image = isThere ? loadAnyLog(options.path, &status) : EvlogImage_t{};
-    std::optional<EvlogIdentity_t> identity = identityOf(options.blade, options.path);
-    EvlogPrediction_t prediction = evlogPredict(image, identity ? &*identity : nullptr);
+    const sources::LogFile log = isThere ? loadLogFile(options.path, &status) : sources::LogFile{};
+    std::optional<EvlogIdentity_t> identity =
+        identityOf(options.blade, options.path, log.parameters);
+    EvlogPrediction_t prediction = evlogPredict(log.image, identity ? &*identity : nullptr);
     if (options.json) {
         std::cout << jsonLine(predictionJson(tools::escapedText(options.path), prediction,
                                              identity ? &*identity : nullptr));
@@ -160,7 +163,7 @@ void addFilePredictCommand(CLI::App& parent, Chosen& chosen) {
     CLI::App& command = addCommand(
         parent, "predict", "Say what the event manager's next start will do with a log file.",
         FILE_PREDICT_EXAMPLES);
-    addFileArgument(command, options->path);
+    addFileArgument(command, options->path, &options->blade.isOwnLog);
     addBladeOfFile(command, options->blade);
     command.add_flag("--json", options->json, "As a JSON object");
     onChosen(command, chosen, options, runPredict);

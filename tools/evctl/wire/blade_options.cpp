@@ -3,7 +3,9 @@
 #include "common/text.h"
 #include "evctl/wire/running_blades.h"
 
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -18,6 +20,22 @@ namespace {
 const char* named(const char* variable) {
     const char* value = getenv(variable);
     return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+std::string keyText(int key) {
+    std::array<char, 16> number{};
+    snprintf(number.data(), number.size(), "0x%x", static_cast<unsigned>(key));
+    return number.data();
+}
+
+/** The library says of such a block what it says of one that is not there. */
+void checkMayRead(int key) {
+    struct shmid_ds segment {};
+    const int id = shmget(key, 0, 0);
+    if (id >= 0 && shmctl(id, IPC_STAT, &segment) != 0 && errno == EACCES) {
+        throw std::runtime_error("the parameter block under key " + keyText(key) +
+                                 " is another user's: " + strerror(EACCES));
+    }
 }
 
 /** Maker and owner: the one could, the other can, write into it. */
@@ -81,6 +99,7 @@ int keyOf(const KeyOptions& options) {
 
 const MPU_PARAMS_t& attachParams(const KeyOptions& options) {
     int key = keyOf(options);
+    checkMayRead(key);
     int id = -1;
     const MPU_PARAMS_t* params = MPU_getMpuParamsAndShmid(&id, key);
     if (params == nullptr) {

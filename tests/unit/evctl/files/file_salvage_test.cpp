@@ -303,6 +303,12 @@ TEST_F(FileSalvage, PredictKnowsThatALogThatIsNotThereIsANewOne) {
     EXPECT_EQ(said.status, 0);
     EXPECT_THAT(said.output, testing::StartsWith("there is no such file yet\nfresh: "));
     EXPECT_EQ(test::run({"file", "predict", directory_.file("no/kelta_eventlog")}).status, 2);
+    for (const std::string& mistyped : {directory_.file("kelta_eventlgo"), std::string("blade:")}) {
+        said = test::run({"file", "predict", mistyped});
+        EXPECT_EQ(said.status, 2);
+        EXPECT_EQ(said.output, "");
+        EXPECT_EQ(said.errors, "evctl: " + mistyped + ": No such file or directory\n");
+    }
     ASSERT_EQ(symlink("nowhere", directory_.file("link").c_str()), 0);
     EXPECT_EQ(test::run({"file", "predict", directory_.file("link")}).status, 2);
 }

@@ -1,6 +1,7 @@
 #include "evctl/wire/running_blades.h"
 
 #include "../run.h"
+#include "ipc_key.h"
 
 #include <gmock/gmock.h>
 
@@ -96,6 +97,23 @@ TEST(RunningBlades, AnotherUsersBlockCountsOnlyWhenAskedFor) {
     Block ours(0x2345);
     EXPECT_THAT(test::run({"status"}).errors, HasSubstr("/nowhere/snmp: No such file"));
     EXPECT_THAT(test::run({"status", "--any-owner"}).errors, HasSubstr("several blades run here"));
+}
+
+// Root may read all of them, so it is somebody else for the while.
+TEST(RunningBlades, OfABlockThatMayNotBeReadThatIsSaidInOneLine) {
+    support::IpcKey key;
+    const int id = shmget(key.value(), PARAMETER_BLOCK, IPC_CREAT | IPC_EXCL);
+    ASSERT_GE(id, 0);
+    const uid_t user = geteuid();
+    ASSERT_EQ(user == 0 ? seteuid(12345) : 0, 0);
+    const test::Said said = test::run({"status", "--key", key.text()});
+    ASSERT_EQ(seteuid(user), 0);
+    shmctl(id, IPC_RMID, nullptr);
+    std::ostringstream text;
+    text << "evctl: the parameter block under key 0x" << std::hex << key.value()
+         << " is another user's: Permission denied\n";
+    EXPECT_EQ(said.status, 2);
+    EXPECT_EQ(said.errors, text.str());
 }
 
 // A log of the one and the switch of the other, or files of the one and events of the other.
