@@ -28,10 +28,10 @@ std::string csvField(const std::string& text) {
 
 constexpr U32_t LOCAL0 = 16 * 8;
 
-/** A word of the header: without blanks, not longer than the protocol takes it. */
+/** A word of the header: of printable ASCII, not longer than the protocol takes it. */
 std::string syslogWord(std::string text, size_t longest) {
     for (char& letter : text) {
-        letter = letter == ' ' ? '_' : letter;
+        letter = letter > ' ' && letter < 0x7F ? letter : '_';
     }
     return text.substr(0, longest);
 }

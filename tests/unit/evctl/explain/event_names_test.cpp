@@ -21,6 +21,7 @@ class EventNames : public testing::Test {
             {"id": 40, "name": "vol", "text": "volume {state}", "fields": [
                 {"name": "state", "offset": 0, "width": 1, "names": {"1": "online", "-2": "lost"}}]},
             {"id": 40, "idVersion": 3, "name": "vol_moved", "text": "moved"},
+            {"id": 70, "name": "größe max", "text": "t"},
             {"id": 50, "lastId": 52, "name": "disk, \"lost\"", "text": "lost"}]})");
         support::writeFile(site + "/startup.json", R"({"source": "startup", "events": [
             {"id": 4, "name": "other", "text": "t"},
@@ -36,6 +37,7 @@ class EventNames : public testing::Test {
         add({.id = 4, .source = 20, .eventId = 60});
         add({.id = 5, .source = 18, .eventId = 4});
         add({.id = 6, .source = 18, .idVersion = 2, .eventId = 1});
+        add({.id = 7, .source = 20, .eventId = 70});
         support::writeFile(log_, bytes);
     }
 
@@ -64,7 +66,8 @@ TEST_F(EventNames, OfACatalogueStandWhereTheBladesOwnDo) {
     }
     EXPECT_THAT(run({"file", "list", log_, "-o", "csv"}).output,
                 testing::AllOf(HasSubstr(",vol,1,"), HasSubstr(",\"disk, \"\"lost\"\"\",1,")));
-    EXPECT_THAT(run({"file", "list", log_, "-o", "syslog"}).output, HasSubstr(" vol_moved ["));
+    EXPECT_THAT(run({"file", "list", log_, "-o", "syslog"}).output,
+                testing::AllOf(HasSubstr(" vol_moved ["), HasSubstr(" gr____e_max [")));
     EXPECT_THAT(run({"file", "list", log_}).output,
                 testing::AllOf(HasSubstr(" vol(40) "), HasSubstr(" line(1) "), HasSubstr(" 60 ")));
     EXPECT_THAT(run({"stats", log_, "--json"}).output, HasSubstr("\"volmgr vol(40)\""));
@@ -88,7 +91,7 @@ TEST_F(EventNames, FindTheirEvents) {
 
 TEST_F(EventNames, AreCompletedAndShown) {
     EXPECT_EQ(run({"complete", "--words=file list --source volmgr --id"}).output,
-              "vol\nvol_moved\ndisk, \"lost\"\n");
+              "vol\nvol_moved\ndisk, \"lost\"\ngröße max\n");
     EXPECT_THAT(run({"complete", "--words=file list --id"}).output,
                 testing::AllOf(HasSubstr("signal\n"), HasSubstr("vol\n")));
     const test::Said shown = run({"catalog", "show", "volmgr", "vol"});
