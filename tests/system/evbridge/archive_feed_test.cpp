@@ -55,16 +55,6 @@ TEST_F(ArchiveFeedTest, WhatComesLateIsHandedOnAlsoWhileNewComes) {
     EXPECT_THAT(idsOf(feed(first->position())->more(500)), ElementsAre(12, 7));
 }
 
-TEST_F(ArchiveFeedTest, WhatIsWrittenAfterItWasOpenedWhileNobodyWroteIsSeenOnceItIsOpenedAgain) {
-    store_.reset();
-    const auto open = evbridge::archiveFeed(
-        path_, "", [](Level, const std::string&) {}, std::chrono::milliseconds(0));
-    EXPECT_THAT(idsOf(open->more(500)), ElementsAre());
-    store_ = archiveConnector(path_)();
-    file({10});
-    EXPECT_THAT(idsOf(open->more(500)), ElementsAre(10));
-}
-
 TEST_F(ArchiveFeedTest, WhatWasNotTakenIsGivenAgain) {
     file({10, 11, 12});
     const auto open = feed("");
