@@ -82,7 +82,8 @@ class ArchiveFeed final : public Feed {
             auto event = store_->findEvent(
                 generation.number, last ? EMP_E_INQUIRY_TYPE_NEXT : EMP_E_INQUIRY_TYPE_FIRST,
                 last.value_or(0));
-            if (!event) {
+            // An id that damage made too large for one leads back.
+            if (!event || (last && event->sequenceId <= *last)) {
                 return;
             }
             last = event->sequenceId;

@@ -5,6 +5,7 @@
 #include "temp_directory.h"
 
 #include <gmock/gmock.h>
+#include <sqlite3.h>
 
 using namespace evarchive;
 using support::eventBody;
@@ -53,6 +54,17 @@ TEST_F(ArchiveFeedTest, WhatComesLateIsHandedOnAlsoWhileNewComes) {
     first->taken();
     file({7, 12});
     EXPECT_THAT(idsOf(feed(first->position())->more(500)), ElementsAre(12, 7));
+}
+
+TEST_F(ArchiveFeedTest, AnIdThatDamageMadeTooLargeHandsNothingOnTwice) {
+    file({10, 11, 12});
+    sqlite3* archive = nullptr;
+    ASSERT_EQ(sqlite3_open(path_.c_str(), &archive), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(archive, "UPDATE events SET id = (1 << 32) + 9 WHERE id = 12", nullptr,
+                           nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(archive);
+    EXPECT_LE(feed("")->more(500).size(), 3U);
 }
 
 TEST_F(ArchiveFeedTest, WhatWasNotTakenIsGivenAgain) {
