@@ -17,6 +17,10 @@ class LockableStore : public Store {
 
     void begin() override { inner_->begin(); }
     void commit() override {
+        if (failures_ > MEETS_OTHERS) {
+            failures_ = failures_ == MEETS_OTHERS + 1 ? 0 : failures_ - 1;
+            throw StoreConflict();
+        }
         if (good_ > 0) {
             --good_;
         } else if (failures_ > 0 && failures_ < LOOKS_FAIL) {
@@ -114,6 +118,7 @@ class LockableStore : public Store {
     static constexpr int LOOKS_FAIL = 1000;
     static constexpr int LOOKS_MEET_OTHERS = 1001;
     static constexpr int COMMIT_IS_NOT_TOLD = 1002;
+    static constexpr int MEETS_OTHERS = 2000; ///< and so many times more, each at a commit
 
     int commits() const { return commits_; }
 
@@ -307,6 +312,19 @@ TEST_F(LaneTest, LookThatMeetsTheWorkOfOthersEndsNoLane) {
     EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
     EXPECT_EQ(lane_->state().counts.stored, 5U);
     EXPECT_EQ(failed_, "");
+}
+
+TEST_F(LaneTest, WorkOfOthersThatIsMetAgainAndAgainIsSaid) {
+    failures_ = LockableStore::MEETS_OTHERS + 10;
+    start();
+    addStatus();
+    addEvents(0, 4);
+    addStatus();
+    submit();
+    EXPECT_EQ(waitForReplies(2)[1].verdict, (StatusVerdict{3, 0}));
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+    EXPECT_THAT(said_, HasSubstr("what waits has met the work of others 10 times in a row"));
+    EXPECT_EQ(lane_->state().counts.stored, 5U);
 }
 
 TEST_F(LaneTest, StorageThatIsAwayAtTheEndOfAnIdleLaneIsNoFailure) {
