@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
+#include <compare>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -105,31 +107,66 @@ std::string timeStamp() {
     return text.data();
 }
 
+/** When a log was set aside: a clock may have been set back since, so a number goes before it. */
+struct AsideOrder {
+    U64_t number = 0;
+    std::string stamp;
+    auto operator<=>(const AsideOrder&) const = default;
+};
+
+/** What stands in a name behind LOG_ASIDE: "TIME" or "TIME-NUMBER"; all of another is its time. */
+AsideOrder orderOf(const std::string& name) {
+    const std::string text = name.substr(name.rfind(LOG_ASIDE) + strlen(LOG_ASIDE));
+    const size_t dash = std::min(text.find('-'), text.size());
+    AsideOrder order = {.stamp = text.substr(0, dash)};
+    const char* end = text.data() + text.size();
+    const char* digits = std::min(text.data() + dash + 1, end);
+    if (auto [stop, error] = std::from_chars(digits, end, order.number);
+        dash < text.size() && (stop != end || error != std::errc())) {
+        order = {.stamp = text};
+    }
+    return order;
+}
+
+/** Behind all that were set aside before. */
+AsideOrder newestOrder(const std::vector<std::string>& asides) {
+    AsideOrder order = {.stamp = timeStamp()};
+    if (!asides.empty()) { // they are in their order
+        const AsideOrder last = orderOf(asides.back());
+        order.number = last.number + (last.stamp < order.stamp ? 0 : 1);
+    }
+    return order;
+}
+
 /** Gives the log a second name. One that ended half-way before has given it already. */
 std::string setAside(const std::string& path, const struct stat& file) {
-    for (const std::string& aside : logsSetAside(path)) {
+    const std::vector<std::string> asides = logsSetAside(path);
+    for (const std::string& aside : asides) {
         if (isSameFile(aside, file)) {
             return aside;
         }
     }
-    std::string stamped = path + LOG_ASIDE + timeStamp();
-    std::string aside = stamped;
-    for (int number = 1; link(path.c_str(), aside.c_str()) != 0; number++) {
-        if (errno != EEXIST || number > 9) {
+    AsideOrder order = newestOrder(asides);
+    for (const U64_t most = order.number + 9;; order.number++) {
+        std::string aside = path + LOG_ASIDE + order.stamp;
+        aside += order.number == 0 ? "" : "-" + std::to_string(order.number);
+        if (link(path.c_str(), aside.c_str()) == 0) {
+            tools::syncDirectoryOf(path);
+            return aside;
+        }
+        if (errno != EEXIST || order.number == most) { // a link or a directory may have the name
             tools::failWith(aside, errno);
         }
-        aside = stamped + "-" + std::to_string(number);
     }
-    tools::syncDirectoryOf(path);
-    return aside;
 }
 
-/** @return those that are gone, fit to be shown */
-std::vector<std::string> removeOldest(const std::string& path, U32_t keep) {
+/** @param newest stays, whatever its name is @return those that are gone, fit to be shown */
+std::vector<std::string> removeOldest(const std::string& path, U32_t keep,
+                                      const std::string& newest) {
     std::vector<std::string> asides = logsSetAside(path);
     std::vector<std::string> removed;
     for (size_t place = 0; place + keep < asides.size(); place++) {
-        if (unlink(asides[place].c_str()) == 0) {
+        if (asides[place] != newest && unlink(asides[place].c_str()) == 0) {
             removed.push_back(tools::escapedText(asides[place]));
         }
     }
@@ -233,8 +270,9 @@ int runGuard(const GuardOptions& options) {
     if (!isSameFile(options.path, file)) {
         throw std::runtime_error(options.path + ": replaced meanwhile; nothing was changed");
     }
-    done.aside = tools::escapedText(replace(options.path, salvage, file));
-    done.removed = removeOldest(options.path, options.keep);
+    const std::string aside = replace(options.path, salvage, file);
+    done.aside = tools::escapedText(aside);
+    done.removed = removeOldest(options.path, options.keep, aside);
     return conclude(options, done, salvage);
 }
 
@@ -252,7 +290,7 @@ std::vector<std::string> logsSetAside(const std::string& log) {
             asides.push_back(entry.path().string());
         }
     }
-    std::ranges::sort(asides);
+    std::ranges::sort(asides, {}, orderOf);
     return asides;
 }
 

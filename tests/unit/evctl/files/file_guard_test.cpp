@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -173,6 +174,47 @@ TEST_F(FileGuard, OnlyTheNewestAreKept) {
     ASSERT_EQ(others().size(), 2U);
     EXPECT_EQ(support::readFile(others()[0]), "older");
     EXPECT_EQ(support::readFile(others()[1]), fatalLog());
+}
+
+TEST_F(FileGuard, ByAClockThatWasSetBackTheNewestStays) {
+    for (const char* year : {"2130", "2131", "2132", "2133"}) {
+        support::writeFile(path() + ".fatal-" + year + "0101T000000Z", year);
+    }
+    write(fatalLog());
+    Said said = guard();
+    EXPECT_THAT(said.output, HasSubstr(".fatal-21300101T000000Z: removed\n"));
+    ASSERT_EQ(others().size(), 4U);
+    EXPECT_THAT(others()[0], MatchesRegex(".*fatal-20[0-9T]+Z-1"));
+    EXPECT_EQ(support::readFile(others()[0]), fatalLog());
+    for (const char* gone : {"2131", "2132", "2133"}) { // the one above is newer than all these
+        write(fatalLog());
+        EXPECT_THAT(guard().output, HasSubstr(gone + std::string("0101T000000Z: removed\n")));
+    }
+    EXPECT_EQ(others().size(), 4U);
+}
+
+TEST_F(FileGuard, ManyInOneSecondLeaveInTheOrderInWhichTheyCame) {
+    for (int time = 0; time < 13; time++) {
+        std::string log = fatalLog();
+        log[1101] = static_cast<char>('a' + time);
+        write(log);
+        EXPECT_EQ(guard({"--keep", "3"}).status, 1);
+    }
+    std::set<char> kept;
+    for (const std::string& aside : others()) {
+        kept.insert(support::readFile(aside)[1101]);
+    }
+    EXPECT_EQ(kept, (std::set<char>{'k', 'l', 'm'}));
+}
+
+TEST_F(FileGuard, NameThatIsNotOfAGuardIsOlderThanThoseThatAre) {
+    for (const char* name : {"zebra", "20061121T140000Z-x", "20061121T140000Z-", "-7"}) {
+        support::writeFile(path() + ".fatal-" + name, name);
+    }
+    write(fatalLog());
+    guard({"--keep", "1"});
+    ASSERT_EQ(others().size(), 1U);
+    EXPECT_EQ(support::readFile(others()[0]), fatalLog());
 }
 
 TEST_F(FileGuard, LinksAndOtherFilesAreRefused) {
