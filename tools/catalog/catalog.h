@@ -14,11 +14,18 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace catalog {
+
+/** No entry has more fields: one for each byte that an event may have. */
+constexpr size_t FIELDS_MAX = 3848;
+/** Nor is any text of a catalogue longer, in bytes. */
+constexpr size_t TEXT_SIZE_MAX = 4096;
 
 /** How the bytes of a field are read. */
 enum class Kind {
@@ -58,10 +65,11 @@ struct Entry {
     std::string text;             ///< template: {field} stands for a field's value
     std::string advice;           ///< what an operator may do; empty: nothing
     std::vector<Field> fields;
-    std::string file; ///< where it stands
-    U32_t layer = 0;  ///< directories that came before its own, or its file
+    std::map<std::string, size_t, std::less<>> fieldPlaces; ///< in fields, by name
+    std::string file;                                       ///< where it stands
+    U32_t layer = 0; ///< directories that came before its own, or its file
 
-    const Field* field(const std::string& wanted) const;
+    const Field* field(std::string_view wanted) const;
 };
 
 /** Something wrong in a file. */
@@ -109,7 +117,14 @@ class Catalog {
     void take(Entry entry, const std::string& place, std::vector<Problem>* problems);
     void dropFile(const std::string& path, std::vector<Problem>* problems);
 
-    std::map<U32_t, std::vector<Entry>> bySource_;
+    using Ids = std::map<U32_t, Entry>; // by the first id; none overlaps another
+    using Layers = std::map<U32_t, Ids>;
+    using Versions = std::map<std::optional<U32_t>, Layers>;
+
+    void replace(Layers& layers, const Entry& entry, const std::string& place,
+                 std::set<std::string>* files);
+
+    std::map<U32_t, Versions> bySource_;
     std::map<std::string, std::string> files_; // of directories: paths by name
     std::vector<Problem> replaced_;
     U32_t layer_ = 0;

@@ -118,8 +118,9 @@ std::string messageOf(const Entry& entry, std::span<const U8_t> data) {
     const std::string& text = entry.text;
     for (size_t at = 0; at < text.size(); at++) {
         size_t end = text[at] == '{' ? text.find('}', at) : std::string::npos;
-        const Field* field =
-            end == std::string::npos ? nullptr : entry.field(text.substr(at + 1, end - at - 1));
+        const Field* field = end == std::string::npos
+                                 ? nullptr
+                                 : entry.field(std::string_view(text).substr(at + 1, end - at - 1));
         if (field == nullptr) {
             message += text[at];
             continue;

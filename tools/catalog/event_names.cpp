@@ -3,8 +3,8 @@
 #include "catalog/event_text.h"
 #include "common/names.h"
 
-#include <algorithm>
 #include <strings.h>
+#include <unordered_set>
 
 namespace catalog {
 namespace {
@@ -46,8 +46,9 @@ bool hasName(const EmpEvLogHeader_t& header, const std::string& name) {
 
 std::vector<std::string> eventNames(U32_t source) {
     std::vector<std::string> names;
-    auto add = [&names](std::string_view name) {
-        if (!name.empty() && std::ranges::find(names, name) == names.end()) {
+    std::unordered_set<std::string_view> known;
+    auto add = [&names, &known](std::string_view name) {
+        if (!name.empty() && known.insert(name).second) {
             names.emplace_back(name);
         }
     };
@@ -55,7 +56,7 @@ std::vector<std::string> eventNames(U32_t source) {
         add(row.brief);
     }
     for (const Entry* entry : knownEvents().entries()) {
-        add(entry->source == source ? entry->name : "");
+        add(entry->source == source ? std::string_view(entry->name) : "");
     }
     return names;
 }

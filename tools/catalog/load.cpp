@@ -10,7 +10,9 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
+#include <ranges>
 #include <set>
 #include <tuple>
 
@@ -21,6 +23,10 @@ using Json = nlohmann::json;
 
 // No catalogue is as long; whatever is named by mistake does not fill the memory.
 constexpr std::uintmax_t FILE_SIZE_MAX = 4U << 20;
+// Nor is any nested like this. What was parsed may be walked over by functions that call
+// themselves.
+constexpr size_t DEPTH_MAX = 16;
+static_assert(FIELDS_MAX == EMP_MAX_STRUCT);
 
 /** Reads members of an object, and tells what is wrong with them. */
 class Reader {
@@ -109,6 +115,10 @@ class Reader {
 
     /** @return the text: readers show it as it is, in a line, so nothing else may be in it */
     std::string shown(const std::string& member, const std::string& text) {
+        if (text.size() > TEXT_SIZE_MAX) {
+            sayOf(member, "is longer than " + std::to_string(TEXT_SIZE_MAX) + " bytes");
+            return "";
+        }
         for (size_t at = 0; at < text.size();) {
             size_t length = tools::utf8CharacterAt(text, at);
             if (length == 0) {
@@ -194,12 +204,13 @@ Field readField(Reader& reader) {
 }
 
 void checkTemplate(Reader& reader, const Entry& entry) {
-    for (size_t at = 0; (at = entry.text.find('{', at)) != std::string::npos; at++) {
+    for (size_t at = 0; (at = entry.text.find('{', at)) != std::string::npos;) {
         size_t end = entry.text.find('}', at);
         std::string name = entry.text.substr(at + 1, end == std::string::npos ? end : end - at - 1);
         if (end == std::string::npos || entry.field(name) == nullptr) {
             reader.sayOf("text", "no field is named '" + name + "'");
         }
+        at = end;
     }
 }
 
@@ -212,11 +223,15 @@ bool readFields(Reader& reader, Entry& entry) {
         reader.sayOf("fields", "must be an array");
         return false;
     }
+    if (fields->size() > FIELDS_MAX) {
+        reader.sayOf("fields", "more than " + std::to_string(FIELDS_MAX));
+        return false;
+    }
     bool good = true;
     for (size_t index = 0; index < fields->size(); index++) {
         Reader each = reader.at("fields/" + std::to_string(index), (*fields)[index]);
         Field field = readField(each);
-        if (entry.field(field.name) != nullptr) {
+        if (!entry.fieldPlaces.emplace(field.name, index).second) {
             each.sayOf("name", "another field bears the same name");
         }
         good = good && each.isGood();
@@ -250,12 +265,33 @@ std::optional<U32_t> readSource(Reader& reader) {
     auto found = reader.json().find("source");
     std::string text = found == reader.json().end() ? ""
                        : found->is_string()         ? found->get<std::string>()
-                                                    : found->dump();
+                       : found->is_number()         ? found->dump()
+                                                    : "";
     std::optional<U32_t> source = tools::endpointNames.valueOrNumber(text, UINT8_MAX);
     if (!source) {
         reader.sayOf("source", "must be an endpoint's name or a number up to 255");
     }
     return source;
+}
+
+/** Whether brackets stand in each other as in no catalogue. */
+bool isTooDeep(const std::string& json) {
+    size_t depth = 0;
+    bool inText = false;
+    for (size_t at = 0; at < json.size() && depth <= DEPTH_MAX; at++) {
+        const char sign = json[at];
+        if (inText) {
+            at += sign == '\\' ? 1 : 0;
+            inText = sign != '"';
+        } else if (sign == '[' || sign == '{') {
+            depth++;
+        } else if (sign == ']' || sign == '}') {
+            depth -= std::min<size_t>(depth, 1);
+        } else {
+            inText = sign == '"';
+        }
+    }
+    return depth > DEPTH_MAX;
 }
 
 /** "no JSON at line 3, column 5: what is wrong there, and what is expected". */
@@ -266,11 +302,21 @@ std::string notJson(const Json::exception& error) {
                                       : "no JSON" + text.substr(place);
 }
 
+/** The first of them, in their order, that does not end before @p id. */
+template <typename Ids>
+auto firstOver(Ids& ids, U32_t id) {
+    auto place = ids.upper_bound(id);
+    if (place != ids.begin() && std::prev(place)->second.lastId >= id) {
+        place--;
+    }
+    return place;
+}
+
 } // namespace
 
-const Field* Entry::field(const std::string& wanted) const {
-    auto found = std::ranges::find(fields, wanted, &Field::name);
-    return found == fields.end() ? nullptr : &*found;
+const Field* Entry::field(std::string_view wanted) const {
+    auto found = fieldPlaces.find(wanted);
+    return found == fieldPlaces.end() ? nullptr : &fields[found->second];
 }
 
 std::string problemLine(const Problem& problem) {
@@ -279,37 +325,52 @@ std::string problemLine(const Problem& problem) {
            tools::escapedUtf8(problem.text);
 }
 
-void Catalog::take(Entry entry, const std::string& place, std::vector<Problem>* problems) {
-    std::vector<Entry>& entries = bySource_[entry.source];
-    auto overlaps = [&entry](const Entry& other) {
-        return other.firstId <= entry.lastId && other.lastId >= entry.firstId;
-    };
-    for (const Entry& other : entries) {
-        if (other.layer == entry.layer && other.version == entry.version && overlaps(other)) {
-            problems->push_back(
-                {entry.file, place, "the same event stands in " + other.file + ", which counts"});
+/** An entry replaces those of earlier layers that it covers; of a range, part may be left.
+ * @param files those named already: once is enough */
+void Catalog::replace(Layers& layers, const Entry& entry, const std::string& place,
+                      std::set<std::string>* files) {
+    for (auto& [layer, ids] : layers) {
+        if (layer >= entry.layer) {
             return;
         }
-    }
-    for (const Entry& other : entries) {
-        bool sameVersion = !entry.version || entry.version == other.version;
-        if (other.layer < entry.layer && sameVersion && overlaps(other)) {
-            replaced_.push_back({entry.file, place, "goes before that of " + other.file});
+        for (auto other = firstOver(ids, entry.firstId);
+             other != ids.end() && other->first <= entry.lastId;) {
+            if (files->insert(other->second.file).second) {
+                replaced_.push_back(
+                    {entry.file, place, "goes before that of " + other->second.file});
+            }
+            const bool isCovered =
+                other->first >= entry.firstId && other->second.lastId <= entry.lastId;
+            other = isCovered ? ids.erase(other) : std::next(other);
         }
     }
-    std::erase_if(entries, [&entry](const Entry& other) { // of a range, part may be left
-        return other.layer < entry.layer && (!entry.version || entry.version == other.version) &&
-               other.firstId >= entry.firstId && other.lastId <= entry.lastId;
-    });
-    auto after = std::find_if(entries.begin(), entries.end(), [&entry](const Entry& other) {
-        return std::tie(other.firstId, other.version) > std::tie(entry.firstId, entry.version);
-    });
-    entries.insert(after, std::move(entry));
+}
+
+void Catalog::take(Entry entry, const std::string& place, std::vector<Problem>* problems) {
+    Versions& versions = bySource_[entry.source];
+    Ids& own = versions[entry.version][entry.layer];
+    if (auto other = firstOver(own, entry.firstId);
+        other != own.end() && other->first <= entry.lastId) {
+        problems->push_back({entry.file, place,
+                             "the same event stands in " + other->second.file + ", which counts"});
+        return;
+    }
+    std::set<std::string> files;
+    for (auto& [version, layers] : versions) {
+        if (!entry.version || entry.version == version) {
+            replace(layers, entry, place, &files);
+        }
+    }
+    own.emplace(entry.firstId, std::move(entry));
 }
 
 void Catalog::dropFile(const std::string& path, std::vector<Problem>* problems) {
-    for (auto& [source, entries] : bySource_) {
-        std::erase_if(entries, [&path](const Entry& entry) { return entry.file == path; });
+    for (auto& [source, versions] : bySource_) {
+        for (auto& [version, layers] : versions) {
+            for (auto& [layer, ids] : layers) {
+                std::erase_if(ids, [&path](const auto& each) { return each.second.file == path; });
+            }
+        }
     }
     for (std::vector<Problem>* list : {problems, &replaced_}) {
         std::erase_if(*list, [&path](const Problem& problem) { return problem.file == path; });
@@ -318,6 +379,10 @@ void Catalog::dropFile(const std::string& path, std::vector<Problem>* problems) 
 
 void Catalog::add(const std::string& json, const std::string& file,
                   std::vector<Problem>* problems) {
+    if (isTooDeep(json)) {
+        problems->push_back({file, "", "nested more than " + std::to_string(DEPTH_MAX) + " deep"});
+        return;
+    }
     Json content;
     try {
         content = Json::parse(json);
@@ -390,32 +455,40 @@ void Catalog::addDirectory(const std::string& path, std::vector<Problem>* proble
 }
 
 const Entry* Catalog::find(U32_t source, U32_t id, U32_t version) const {
-    auto entries = bySource_.find(source);
-    if (entries == bySource_.end()) {
+    auto versions = bySource_.find(source);
+    if (versions == bySource_.end()) {
         return nullptr;
     }
     const Entry* best = nullptr;
-    for (const Entry& entry : entries->second) {
-        if (id < entry.firstId) {
-            break;
-        }
-        if (id > entry.lastId || (entry.version && *entry.version != version)) {
+    for (const std::optional<U32_t> wanted : {std::optional<U32_t>(), std::optional(version)}) {
+        auto layers = versions->second.find(wanted);
+        if (layers == versions->second.end()) {
             continue;
         }
-        bool isNearer = best == nullptr || entry.layer > best->layer ||
-                        (entry.layer == best->layer && entry.version);
-        best = isNearer ? &entry : best;
+        for (const auto& [layer, ids] : std::views::reverse(layers->second)) {
+            auto found = firstOver(ids, id);
+            if (found != ids.end() && found->first <= id) {
+                best = best == nullptr || layer >= best->layer ? &found->second : best;
+                break;
+            }
+        }
     }
     return best;
 }
 
 std::vector<const Entry*> Catalog::entries() const {
     std::vector<const Entry*> all;
-    for (const auto& [source, entries] : bySource_) {
-        for (const Entry& entry : entries) {
-            all.push_back(&entry);
+    for (const auto& [source, versions] : bySource_) {
+        for (const auto& [version, layers] : versions) {
+            for (const auto& [layer, ids] : layers) {
+                std::ranges::transform(ids, std::back_inserter(all),
+                                       [](const auto& each) { return &each.second; });
+            }
         }
     }
+    std::ranges::sort(all, {}, [](const Entry* entry) {
+        return std::tie(entry->source, entry->firstId, entry->version, entry->layer);
+    });
     return all;
 }
 

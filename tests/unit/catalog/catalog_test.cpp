@@ -153,10 +153,69 @@ TEST(Catalog, AnythingMayBeInAFile) {
     EXPECT_THAT(problemsOf("[]"), ElementsAre("f: must be an object"));
     EXPECT_THAT(problemsOf("{}").size(), 2U);
     EXPECT_THAT(problemsOf(R"({"source":[],"events":{}})").size(), 2U);
-    EXPECT_THAT(problemsOf(std::string(100'000, '[')),
-                ElementsAre(testing::StartsWith("f: no JSON at line 1, column 100001: ")));
+    EXPECT_THAT(problemsOf("[["),
+                ElementsAre(testing::StartsWith("f: no JSON at line 1, column 3: ")));
     EXPECT_THAT(problemsOf(R"({"source":18,"events":[{"id":1,"text":"x","fields":7}]})"),
                 ElementsAre("f: /events/0/fields: must be an array"));
+}
+
+TEST(Catalog, WhatIsNestedWithoutSenseIsRefusedBeforeItIsParsed) {
+    const std::string deep = std::string(1'500'000, '[') + std::string(1'500'000, ']');
+    for (const std::string& json :
+         {"{\"source\":" + deep + ",\"events\":[]}", "{\"events\":" + deep + "}", deep,
+          std::string(17, '['), R"({"a\"{":")" + std::string(20, ']') + "\",\"b\":" + deep}) {
+        EXPECT_THAT(problemsOf(json), ElementsAre("f: nested more than 16 deep"));
+    }
+    EXPECT_THAT(problemsOf(std::string(16, '[') + std::string(16, ']')),
+                ElementsAre("f: must be an object"));
+    EXPECT_THAT(
+        problemsOf(R"({"source":18,"note":")" + std::string(20, '[') + R"(\"[","events":[]})"),
+        IsEmpty())
+        << "brackets of a text are none";
+}
+
+TEST(Catalog, SourceThatIsNoTextAndNoNumberIsRefused) {
+    for (const char* source : {"[18]", "{\"a\":18}", "true", "null", "256", "-1", "1.5"}) {
+        EXPECT_THAT(problemsOf(std::string("{\"source\":") + source + ",\"events\":[]}"),
+                    ElementsAre("f: /source: must be an endpoint's name or a number up to 255"))
+            << source;
+    }
+}
+
+TEST(Catalog, FieldsAndTextsWithoutEndAreRefused) {
+    auto fields = [](size_t count) {
+        std::string list;
+        for (size_t number = 0; number < count; number++) {
+            list += (number == 0 ? "" : ",") +
+                    (R"({"offset":0,"width":1,"name":")" + std::to_string(number) + "\"}");
+        }
+        return R"({"source":18,"events":[{"id":1,"text":"{0}{3847}","fields":[)" + list + "]}]}";
+    };
+    EXPECT_THAT(problemsOf(fields(3848)), IsEmpty());
+    EXPECT_THAT(problemsOf(fields(3849)), ElementsAre("f: /events/0/fields: more than 3848"));
+    auto text = [](const std::string& words) {
+        return R"({"source":18,"events":[{"id":1,"text":")" + words + "\"}]}";
+    };
+    EXPECT_THAT(problemsOf(text(std::string(4096, 'x'))), IsEmpty());
+    EXPECT_THAT(problemsOf(text(std::string(4097, 'x'))),
+                ElementsAre("f: /events/0/text: is longer than 4096 bytes"));
+    EXPECT_EQ(problemsOf(text(std::string(4096, '{'))).size(), 1U);
+}
+
+TEST(Catalog, WithManyEventsEachIsFoundInItsPlace) {
+    std::string events;
+    for (U32_t id = 0; id < 4096; id++) { // from both ends
+        events += (id == 0 ? "" : ",") +
+                  (R"({"text":"x","id":)" + std::to_string(id % 2 == 0 ? id : 4096 - id) + "}");
+    }
+    Catalog catalog;
+    EXPECT_THAT(problemsOf("{\"source\":18,\"events\":[" + events + "]}", &catalog), IsEmpty());
+    std::vector<const Entry*> entries = catalog.entries();
+    ASSERT_EQ(entries.size(), 4096U);
+    for (U32_t id = 0; id < 4096; id++) {
+        ASSERT_EQ(entries[id]->firstId, id);
+        ASSERT_EQ(catalog.find(18, id, 1), entries[id]);
+    }
 }
 
 TEST(Catalog, OurOwnEventsAndTheDemonstrationsAreWithoutProblem) {
@@ -260,8 +319,7 @@ TEST_F(CatalogDirectories, AnEntryOfALaterOneReplacesThatOfTheSameEvent) {
     support::writeFile(site_ + "b.json", eventsOf(R"({"id":1,"text":"own"},
         {"id":7,"text":"own"}, {"id":8,"idVersion":3,"text":"own 3"})"));
     std::string goesBefore = ": goes before that of " + shipped_ + "a.json";
-    EXPECT_THAT(load(), ElementsAre(site_ + "b.json: /events/0" + goesBefore, // any version
-                                    site_ + "b.json: /events/0" + goesBefore, // and the second
+    EXPECT_THAT(load(), ElementsAre(site_ + "b.json: /events/0" + goesBefore, // both, said once
                                     site_ + "b.json: /events/1" + goesBefore));
     EXPECT_EQ(textOf(1), "own");
     EXPECT_EQ(textOf(1, 2), "own");
@@ -270,6 +328,20 @@ TEST_F(CatalogDirectories, AnEntryOfALaterOneReplacesThatOfTheSameEvent) {
     EXPECT_EQ(textOf(8), "shipped range");
     EXPECT_EQ(textOf(8, 3), "own 3");
     EXPECT_EQ(catalog_.entries().size(), 4U); // both of event 1 are gone
+}
+
+TEST_F(CatalogDirectories, RangeReplacesWhatItCoversAndGoesBeforeWhatItTouches) {
+    support::writeFile(shipped_ + "a.json", eventsOf(R"({"id":1,"lastId":4,"text":"left"},
+        {"id":5,"text":"covered"}, {"id":6,"idVersion":7,"text":"covered"},
+        {"id":7,"lastId":9,"text":"right"})"));
+    support::writeFile(site_ + "b.json", eventsOf(R"({"id":4,"lastId":7,"text":"own"})"));
+    EXPECT_EQ(load().size(), 1U);
+    for (const auto& [id, text] : std::map<U32_t, std::string>{
+             {1, "left"}, {3, "left"}, {4, "own"}, {5, "own"}, {7, "own"}, {8, "right"}}) {
+        EXPECT_EQ(textOf(id), text) << id;
+    }
+    EXPECT_EQ(textOf(6, 7), "own");
+    EXPECT_EQ(catalog_.entries().size(), 3U);
 }
 
 TEST_F(CatalogDirectories, AFileOfALaterOneReplacesThatOfTheSameName) {

@@ -51,6 +51,9 @@ MISTAKES = {
     "version-of-two-bytes": changed(lambda whole, event, field: event.update(idVersion=256)),
     "no-text": changed(lambda whole, event, field: event.pop("text")),
     "empty-text": changed(lambda whole, event, field: event.update(text="")),
+    "endless-text": changed(lambda whole, event, field: event.update(text="x" * 4097)),
+    "fields-without-end": changed(lambda whole, event, field: event.update(
+        text="t", fields=[{"name": str(number), "offset": 0, "width": 1} for number in range(3849)])),
     "severity": changed(lambda whole, event, field: event.update(severity="loud")),
     "unknown-member-of-event": changed(lambda whole, event, field: event.update(advise="a")),
     "no-width": changed(lambda whole, event, field: field.pop("width")),
