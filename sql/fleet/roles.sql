@@ -1,6 +1,13 @@
--- Who may do what. Roles belong to the whole server: those that are there already are kept.
-DO $$ BEGIN CREATE ROLE ev_writer NOLOGIN; EXCEPTION WHEN duplicate_object THEN NULL; END $$;
-DO $$ BEGIN CREATE ROLE ev_reader NOLOGIN; EXCEPTION WHEN duplicate_object THEN NULL; END $$;
+-- Who may do what. Roles belong to the whole server: those that are there already are kept, and whoever finds
+-- them there needs no right to make some.
+DO $$ BEGIN
+    IF NOT EXISTS (SELECT FROM pg_roles WHERE rolname = 'ev_writer') THEN CREATE ROLE ev_writer NOLOGIN; END IF;
+    EXCEPTION WHEN duplicate_object THEN NULL;
+END $$;
+DO $$ BEGIN
+    IF NOT EXISTS (SELECT FROM pg_roles WHERE rolname = 'ev_reader') THEN CREATE ROLE ev_reader NOLOGIN; END IF;
+    EXCEPTION WHEN duplicate_object THEN NULL;
+END $$;
 
 REVOKE ALL ON logs, generations, events, set_aside, meta, names FROM PUBLIC;
 
@@ -13,5 +20,6 @@ GRANT UPDATE (duplicates, run_first, run_last) ON generations TO ev_writer;
 GRANT UPDATE (doubtful, received), DELETE ON events TO ev_writer;
 GRANT SELECT ON meta, names TO ev_writer;
 
--- A dashboard, a page, a person.
+-- A dashboard, a page, a person; of the tables, what a program reads that takes a file or a server alike.
+GRANT SELECT ON logs, generations, events, set_aside, meta, names TO ev_reader;
 GRANT SELECT ON blade_list, event_list, gap_list, set_aside_list TO ev_reader;

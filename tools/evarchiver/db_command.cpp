@@ -13,6 +13,7 @@
 #include "postgres/fleet_database.h"
 #include "postgres/fleet_hub.h"
 #include "postgres/fleet_import.h"
+#include "postgres/pg_store.h"
 #endif
 
 namespace evarchive {
@@ -143,7 +144,9 @@ int runDbCommand(int argc, const char* const* argv) {
         return import(options);
     }
     if (upgrade->parsed()) {
-        std::cout << "layout " << upgradeFleet(options.place) << ", up to date\n";
+        const S64_t before = upgradeFleet(options.place);
+        std::cout << "layout " << PG_LAYOUT << ", up to date"
+                  << (before == PG_LAYOUT ? "" : " (was " + std::to_string(before) + ")") << "\n";
         return tools::EXIT_DONE;
     }
     return checking->parsed() ? check(options) : maintain(options);

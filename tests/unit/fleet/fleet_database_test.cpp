@@ -1,5 +1,6 @@
 /** Making a shared archive, its partitions, its roles. */
 #include "archive.h"
+#include "archive_report.h"
 #include "fleet_server.h"
 #include "postgres/pg_connection.h"
 
@@ -367,7 +368,8 @@ TEST_F(FleetDatabaseTest, ArchiveOfTheFirstLayoutIsUpgradedWithItsEvents) {
 TEST_F(FleetDatabaseTest, GapsOfABladeAreFoundByItsLog) {
     file({{0, NOW}, {4, NOW}}, NOW);
     EXPECT_THAT(sql("SET enable_seqscan = off; EXPLAIN (COSTS OFF) SELECT * FROM gap_list WHERE "
-                    "log = (SELECT log FROM blade_list WHERE blade = 'BLADE-1')"),
+                    "log = (SELECT log FROM blade_list WHERE enclosure = 'ENC-A' AND blade = "
+                    "'BLADE-1' AND slot = 1 AND instance = 1)"),
                 testing::AllOf(HasSubstr("Index Cond: (log = $"),
                                testing::Not(HasSubstr("Seq Scan on events"))));
 }
@@ -458,8 +460,9 @@ TEST_F(FleetDatabaseTest, EachForbiddenStatementOfAWriterIsRefused) {
 
 TEST_F(FleetDatabaseTest, EachForbiddenStatementOfAReaderIsRefused) {
     for (const char* statement :
-         {"SELECT * FROM events", "SELECT * FROM logs", "SELECT * FROM set_aside",
-          "SELECT * FROM meta", "INSERT INTO events (log) VALUES (1)", "UPDATE logs SET epoch = 1",
+         {"DELETE FROM events", "DELETE FROM set_aside", "UPDATE set_aside SET id = 1",
+          "UPDATE meta SET value = ''", "DELETE FROM names", "UPDATE events SET doubtful = true",
+          "INSERT INTO generations VALUES (1, 1, now())", "INSERT INTO events (log) VALUES (1)", "UPDATE logs SET epoch = 1",
           "DELETE FROM event_list", "UPDATE blade_list SET seen = now()", "CREATE TABLE x (y int)",
           "TRUNCATE generations"}) {
         EXPECT_THAT([&] { sql(std::string("SET ROLE ev_reader; ") + statement); },
@@ -471,6 +474,49 @@ TEST_F(FleetDatabaseTest, EachForbiddenStatementOfAReaderIsRefused) {
     for (const char* view : {"event_list", "blade_list", "gap_list", "set_aside_list"}) {
         EXPECT_NO_THROW(sql(std::string("SET ROLE ev_reader; SELECT * FROM ") + view)) << view;
     }
+}
+
+TEST_F(FleetDatabaseTest, ReaderReadsWhatAProgramReadsThatTakesAFileOrAServer) {
+    file({{0, NOW}, {1, NOW}}, NOW);
+    sql("DROP ROLE IF EXISTS trial; CREATE ROLE trial LOGIN IN ROLE ev_reader");
+    place_.replace(place_.find("postgres@"), 9, "trial@");
+    std::ostringstream out;
+    const auto store = openPgArchiveForReading(place_);
+    EXPECT_EQ(checkArchive(*store, ReportForm::TEXT, out), 0);
+    EXPECT_THAT(out.str(), HasSubstr("2 events"));
+    EXPECT_EQ(store->rowCount(), 2U);
+    store->forEachAside([](const AsideEvent&) {});
+    store->droppedBefore();
+}
+
+TEST_F(FleetDatabaseTest, WhoFindsTheRolesNeedsNoRightToMakeSome) {
+    server().sql("CREATE ROLE plain LOGIN");
+    server().sql("CREATE DATABASE least OWNER plain");
+    std::string place = server().place("least");
+    place.replace(place.find("postgres@"), 9, "plain@");
+    createFleet(place, 4, NOW);
+    EXPECT_EQ(upgradeFleet(place), PG_LAYOUT);
+    EXPECT_EQ(server().sql("SELECT has_table_privilege('ev_writer', 'events', 'INSERT')", "least"),
+              "t\n");
+    server().sql("DROP DATABASE least WITH (FORCE)");
+    server().sql("DROP ROLE plain");
+}
+
+// An encoding that lacks characters of names would stop whoever files them.
+TEST_F(FleetDatabaseTest, DatabaseThatIsNotInUtf8IsRefusedWhateverIsAsked) {
+    server().sql("CREATE DATABASE latin ENCODING 'LATIN1' TEMPLATE template0");
+    const std::string place = server().place("latin");
+    std::ostringstream out;
+    const auto refused =
+        ThrowsMessage<StoreError>(HasSubstr("the database's encoding is LATIN1"));
+    EXPECT_THAT([&] { createFleet(place, 4, NOW); }, refused);
+    EXPECT_EQ(server().sql("SELECT to_regclass('logs') IS NULL", "latin"), "t\n");
+    EXPECT_THAT([&] { upgradeFleet(place); }, refused);
+    EXPECT_THAT([&] { maintainFleet(place, 0, NOW); }, refused);
+    EXPECT_THAT([&] { describeFleet(place, NOW, out); }, refused);
+    EXPECT_THAT([&] { openPgArchive(place); }, refused);
+    EXPECT_THAT([&] { openPgArchiveForReading(place); }, refused);
+    server().sql("DROP DATABASE latin");
 }
 
 TEST_F(FleetDatabaseTest, OwnerIsToldWhatIsMissing) {

@@ -9,6 +9,7 @@ namespace evarchive {
 namespace {
 
 constexpr char NO_CONNECTION[] = "08006";
+constexpr char WRONG_ENCODING[] = "22021"; // as the server would say of the first such character
 
 // Beyond what the server allows a statement, so that it is the server that ends it.
 constexpr std::chrono::milliseconds GRACE{3000};
@@ -214,6 +215,19 @@ void PgConnection::reopen() {
     PQsetNoticeProcessor(
         connection_, [](void*, const char*) {}, nullptr);
     PQsetnonblocking(connection_, 1);
+    requireUtf8();
+}
+
+// Another encoding lacks characters that blades have in their names.
+void PgConnection::requireUtf8() {
+    const char* encoding = PQparameterStatus(connection_, "server_encoding");
+    if (encoding == nullptr || strcmp(encoding, "UTF8") == 0) {
+        return;
+    }
+    const std::string text = placeShown() + ": the database's encoding is " + encoding +
+                             "; an archive needs one that is made with the encoding UTF8";
+    close();
+    throw PgError(text, WRONG_ENCODING, StoreError::Kind::LASTING);
 }
 
 void PgConnection::fail(const std::string& what) {

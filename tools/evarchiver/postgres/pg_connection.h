@@ -107,7 +107,7 @@ struct PgPatience {
 /**
  * A connection. Every call throws PgError; Kind::PASSING when the server is away, busy, full or not
  * the one that can be written, Kind::REFUSED when the request itself is wrong or not allowed,
- * Kind::LASTING when the place is no place. After an error that leaves no answer the connection is
+ * Kind::LASTING when the place is no place, or its database not in UTF-8. After an error that leaves no answer the connection is
  * closed; reopen() makes it anew.
  */
 class PgConnection {
@@ -154,6 +154,7 @@ class PgConnection {
     };
     using Result = std::unique_ptr<pg_result, Free>;
 
+    void requireUtf8();
     void prepare(const PgStatement& statement);
     void send(const PgStatement& statement, const PgParameters& parameters);
     void flush();
