@@ -38,6 +38,7 @@ constexpr int EXIT_AWAY = 3;
 struct DbOptions {
     std::string place;
     U32_t retentionDays = 0;
+    bool isClockRight = false;
     std::vector<std::string> nodes;
     std::string file;
     std::chrono::seconds patience{60};
@@ -62,11 +63,12 @@ void addRetention(CLI::App& command, DbOptions& options, const char* what) {
 }
 
 int maintain(const DbOptions& options) {
-    const FleetUpkeep upkeep = maintainFleet(options.place, options.retentionDays, time(nullptr));
+    const FleetUpkeep upkeep = maintainFleet(options.place, options.retentionDays, time(nullptr),
+                                             options.isClockRight ? Clock::RIGHT : Clock::COMPARED);
     std::cout << upkeep.made.size() << " partitions made, " << upkeep.moved << " events moved, "
-              << upkeep.dropped.size() << " partitions dropped, " << upkeep.frozen << " frozen, "
-              << upkeep.removed << " stray events and " << upkeep.removedAside
-              << " set aside removed\n";
+              << upkeep.dropped.size() << " partitions dropped, " << upkeep.recut.size()
+              << " cut anew, " << upkeep.frozen << " frozen, " << upkeep.removed
+              << " stray events and " << upkeep.removedAside << " set aside removed\n";
     for (const std::string& failure : upkeep.failed) {
         std::cout << failure << "\n";
     }
@@ -93,7 +95,7 @@ int import(const DbOptions& options) {
 }
 
 int check(const DbOptions& options) {
-    const U64_t findings = describeFleet(options.place, time(nullptr), std::cout);
+    const U64_t findings = describeFleet(options.place, time(nullptr), std::cout, Clock::COMPARED);
     const auto store = readerOf(options.place);
     const int status = checkArchive(*store, ReportForm::TEXT, std::cout);
     return findings > 0 ? int{tools::EXIT_FINDING} : status;
@@ -128,12 +130,14 @@ int runDbCommand(int argc, const char* const* argv) {
     CLI::App* upkeep =
         addCommand(app, options, "maintain", "Make partitions ahead, drop those past retention");
     addRetention(*upkeep, options, "Days that events are kept from now on; default: as before");
+    upkeep->add_flag("--clock-is-right", options.isClockRight,
+                     "So much time has passed since the last round as the clock says");
     CLI::App* checking = addCommand(app, options, "check", "Look for gaps and damage");
     if (const auto status = tools::parseCommandLine(app, argc - 1, argv + 1)) {
         return *status;
     }
     if (create->parsed()) {
-        createFleet(options.place, options.retentionDays, time(nullptr));
+        createFleet(options.place, options.retentionDays, time(nullptr), Clock::COMPARED);
         return tools::EXIT_DONE;
     }
     if (hub->parsed()) {

@@ -120,7 +120,7 @@ std::string runDb(const std::vector<std::string>& arguments) {
     std::vector<std::string> all = {"db"};
     all.insert(all.end(), arguments.begin(), arguments.end());
     Process process(commandOf("evarchiver", all), directory.file("db"));
-    EXPECT_EQ(process.wait(), exitedWith(0)) << process.errorOutput();
+    EXPECT_EQ(process.wait(), exitedWith(0)) << process.output() << process.errorOutput();
     return process.output();
 }
 

@@ -252,6 +252,91 @@ TEST_F(FleetDatabaseTest, LongerRetentionIsFilledUpWithoutOverlap) {
     EXPECT_EQ(sql("SELECT count(*) FROM events_default"), "0\n");
 }
 
+// What was made ahead for a retention that is none any more would keep events for as long.
+TEST_F(FleetDatabaseTest, PartitionsAheadAreCutAnewWhenTheRetentionIsShortAgain) {
+    maintainFleet(place_, 3650, NOW);
+    maintainFleet(place_, 36'500, NOW);
+    file({{0, NOW + DAY}, {1, NOW + 100 * DAY}}, NOW);
+    const FleetUpkeep upkeep = maintainFleet(place_, 4, NOW);
+    EXPECT_THAT(upkeep.failed, IsEmpty());
+    EXPECT_THAT(upkeep.recut, testing::Not(IsEmpty()));
+    EXPECT_EQ(sql("SELECT id, tableoid::regclass FROM events ORDER BY id"),
+              "0|events_20231115_1\n1|events_default\n");
+    std::ostringstream out;
+    EXPECT_EQ(describeFleet(place_, NOW, out), 0U);
+    EXPECT_THAT(out.str(), testing::Not(HasSubstr("its events stay longer")));
+    EXPECT_THAT(maintainFleet(place_, 0, NOW).recut, IsEmpty());
+}
+
+TEST_F(FleetDatabaseTest, PartitionsOfAWrongClockNeitherStayNorHideThatTomorrowHasNone) {
+    sql("CREATE TABLE events_20960101_4 PARTITION OF events FOR VALUES FROM "
+        "('2096-01-01 00:00+00') TO ('2096-01-05 00:00+00')");
+    std::ostringstream out;
+    EXPECT_EQ(describeFleet(place_, NOW + 60 * DAY, out), 1U);
+    EXPECT_THAT(out.str(), HasSubstr("no partition for tomorrow"));
+    EXPECT_THAT(out.str(), HasSubstr("events_20960101_4 is 4 days wide"));
+    EXPECT_THAT(maintainFleet(place_, 0, NOW).recut, testing::ElementsAre("events_20960101_4"));
+}
+
+TEST_F(FleetDatabaseTest, NothingIsDoneByAClockThatIsNotTheServers) {
+    file({{0, NOW}}, NOW);
+    const S64_t now = time(nullptr);
+    for (const Clock clock : {Clock::COMPARED, Clock::RIGHT}) {
+        EXPECT_THAT([&] { maintainFleet(place_, 0, now + 25'000 * DAY, clock); },
+                    ThrowsMessage<StoreError>(HasSubstr(" days ahead of the server's")));
+        EXPECT_THAT([&] { maintainFleet(place_, 0, now - 3600, clock); },
+                    ThrowsMessage<StoreError>(HasSubstr("seconds behind the server's")));
+    }
+    EXPECT_EQ(sql("SELECT count(*) FROM events"), "1\n");
+    EXPECT_EQ(sql("SELECT count(*) FROM pg_inherits WHERE inhparent = 'events'::regclass"), "8\n");
+    std::ostringstream out;
+    EXPECT_EQ(describeFleet(place_, NOW, out, Clock::COMPARED), 1U);
+    EXPECT_THAT(out.str(), HasSubstr("behind the server's"));
+    const std::string other = server().makeDatabase("other_clock");
+    EXPECT_THROW(createFleet(other, 4, now + DAY, Clock::COMPARED), StoreError);
+    EXPECT_EQ(server().sql("SELECT to_regclass('logs') IS NULL", "other_clock"), "t\n");
+    server().sql("DROP DATABASE other_clock WITH (FORCE)");
+}
+
+// As if host and server had one wrong clock: the last round was at NOW, years ago.
+TEST_F(FleetDatabaseTest, ClockThatJumpedEverywhereTakesNothing) {
+    file({{0, NOW}, {1, 0}}, NOW);
+    const S64_t now = time(nullptr);
+    const FleetUpkeep upkeep = maintainFleet(place_, 0, now, Clock::COMPARED);
+    EXPECT_THAT(upkeep.failed, testing::ElementsAre(HasSubstr("ago: nothing is dropped")));
+    EXPECT_THAT(upkeep.dropped, IsEmpty());
+    EXPECT_THAT(upkeep.made, testing::Not(IsEmpty())) << "tomorrow has its partition all the same";
+    EXPECT_EQ(sql("SELECT count(*) FROM events"), "2\n");
+    EXPECT_THAT(maintainFleet(place_, 0, now, Clock::COMPARED).failed, SizeIs(1)) << "once more";
+    sql("UPDATE meta SET value = '' WHERE name = 'maintenance'");
+    EXPECT_THAT(maintainFleet(place_, 0, now, Clock::RIGHT).dropped, testing::Not(IsEmpty()));
+    EXPECT_EQ(sql("SELECT count(*) FROM events"), "0\n");
+    EXPECT_THAT(maintainFleet(place_, 0, now, Clock::COMPARED).failed, IsEmpty());
+    sql("UPDATE meta SET value = value::bigint + 50000 WHERE name = 'maintenance'");
+    EXPECT_THAT(maintainFleet(place_, 0, now, Clock::COMPARED).failed,
+                testing::ElementsAre(HasSubstr("seconds ahead: nothing is dropped")));
+}
+
+TEST_F(FleetDatabaseTest, RoundThatNoneIsKnownBeforeGoesByThePartitionsThatAreThere) {
+    file({{0, NOW}}, NOW);
+    sql("UPDATE meta SET value = '' WHERE name = 'maintenance'");
+    const S64_t now = time(nullptr);
+    EXPECT_THAT(maintainFleet(place_, 0, now, Clock::COMPARED).failed,
+                testing::ElementsAre(HasSubstr("no partition reaches to this day")));
+    EXPECT_EQ(sql("SELECT count(*) FROM events"), "1\n");
+    maintainFleet(place_, 0, now - 3600, Clock::AS_TOLD);
+    EXPECT_THAT(maintainFleet(place_, 0, now, Clock::COMPARED).failed, IsEmpty());
+}
+
+TEST_F(FleetDatabaseTest, RetentionThatIsNotWrittenDownIsSaidAndDropsNothing) {
+    sql("DELETE FROM meta WHERE name = 'retention_days'");
+    std::ostringstream out;
+    EXPECT_EQ(describeFleet(place_, NOW, out), 1U);
+    EXPECT_THAT(out.str(), HasSubstr("is not written down"));
+    EXPECT_THROW(maintainFleet(place_, 0, NOW), StoreError);
+    EXPECT_THAT(maintainFleet(place_, 4, NOW).failed, IsEmpty());
+}
+
 TEST_F(FleetDatabaseTest, ClosedPartitionIsFrozenOnce) {
     EXPECT_GT(maintainFleet(place_, 0, NOW + 6 * DAY).frozen, 0U);
     EXPECT_EQ(maintainFleet(place_, 0, NOW + 6 * DAY).frozen, 0U);
@@ -462,9 +547,9 @@ TEST_F(FleetDatabaseTest, EachForbiddenStatementOfAReaderIsRefused) {
     for (const char* statement :
          {"DELETE FROM events", "DELETE FROM set_aside", "UPDATE set_aside SET id = 1",
           "UPDATE meta SET value = ''", "DELETE FROM names", "UPDATE events SET doubtful = true",
-          "INSERT INTO generations VALUES (1, 1, now())", "INSERT INTO events (log) VALUES (1)", "UPDATE logs SET epoch = 1",
-          "DELETE FROM event_list", "UPDATE blade_list SET seen = now()", "CREATE TABLE x (y int)",
-          "TRUNCATE generations"}) {
+          "INSERT INTO generations VALUES (1, 1, now())", "INSERT INTO events (log) VALUES (1)",
+          "UPDATE logs SET epoch = 1", "DELETE FROM event_list",
+          "UPDATE blade_list SET seen = now()", "CREATE TABLE x (y int)", "TRUNCATE generations"}) {
         EXPECT_THAT([&] { sql(std::string("SET ROLE ev_reader; ") + statement); },
                     ThrowsMessage<std::runtime_error>(testing::AnyOf(HasSubstr("permission denied"),
                                                                      HasSubstr("must be owner"),
@@ -507,8 +592,7 @@ TEST_F(FleetDatabaseTest, DatabaseThatIsNotInUtf8IsRefusedWhateverIsAsked) {
     server().sql("CREATE DATABASE latin ENCODING 'LATIN1' TEMPLATE template0");
     const std::string place = server().place("latin");
     std::ostringstream out;
-    const auto refused =
-        ThrowsMessage<StoreError>(HasSubstr("the database's encoding is LATIN1"));
+    const auto refused = ThrowsMessage<StoreError>(HasSubstr("the database's encoding is LATIN1"));
     EXPECT_THAT([&] { createFleet(place, 4, NOW); }, refused);
     EXPECT_EQ(server().sql("SELECT to_regclass('logs') IS NULL", "latin"), "t\n");
     EXPECT_THAT([&] { upgradeFleet(place); }, refused);
@@ -527,6 +611,103 @@ TEST_F(FleetDatabaseTest, OwnerIsToldWhatIsMissing) {
     EXPECT_THAT(out.str(), HasSubstr("no partition for tomorrow"));
 }
 
+/** What an owner is told of an archive of one log with ids 0 to 5, and its number of findings. */
+class FleetDamageTest : public FleetDatabaseTest {
+  protected:
+    FleetDamageTest() {
+        file({{0, NOW}, {1, NOW}, {2, NOW}, {3, NOW}, {4, NOW}, {5, NOW - DAY}}, NOW);
+        sql("UPDATE logs SET run_first = 0, run_last = 5");
+    }
+
+    std::string told(U64_t findings) {
+        std::ostringstream out;
+        EXPECT_EQ(describeFleet(place_, NOW, out), findings) << out.str();
+        return out.str();
+    }
+};
+
+TEST_F(FleetDamageTest, IdThatIsHeldTwiceIsFound) {
+    told(0);
+    sql("INSERT INTO events SELECT log, id, time - interval '1 day', received, generation, event, "
+        "source, type, category, idversion, own, doubtful, head, data FROM events WHERE id = 3");
+    EXPECT_THAT(told(1), HasSubstr("id 3 is held more than once"));
+}
+
+TEST_F(FleetDamageTest, EventsWithoutTheirLogAreFound) {
+    sql("DELETE FROM logs");
+    EXPECT_THAT(told(2), testing::AllOf(HasSubstr("6 events, but no row of the log"),
+                                        HasSubstr("generation 1: the log has no row")));
+}
+
+TEST_F(FleetDamageTest, EventsWithoutTheirGenerationAreFound) {
+    sql("UPDATE events SET generation = 7 WHERE id > 3");
+    EXPECT_THAT(told(2), testing::AllOf(HasSubstr("generation 7: 2 events, but no row"),
+                                        HasSubstr("holds ids to 3, its blade was told")));
+    sql("DELETE FROM events WHERE generation = 7; UPDATE logs SET run_last = 3");
+    told(0);
+    sql("DELETE FROM generations");
+    EXPECT_THAT(told(2), HasSubstr("generation 1: the log's newest one, has no row"));
+}
+
+TEST_F(FleetDamageTest, NewestGenerationThatIsNoneIsFound) {
+    sql("UPDATE logs SET generation = 2, run_last = NULL");
+    EXPECT_THAT(told(1), HasSubstr("generation 2: the log's newest one, has no row"));
+    sql("UPDATE logs SET generation = 0");
+    EXPECT_THAT(told(1), HasSubstr("generation 1: newer than what the log says"));
+}
+
+TEST_F(FleetDamageTest, ClaimedTailThatIsGoneIsFound) {
+    sql("DELETE FROM events WHERE id > 2");
+    EXPECT_THAT(told(1), HasSubstr("holds ids to 2, its blade was told that it holds them to 5"));
+    sql("DELETE FROM events");
+    EXPECT_THAT(told(1), HasSubstr("holds nothing, its blade was told that it holds them to 5"));
+}
+
+TEST_F(FleetDamageTest, WhatRetentionTookIsNoDamage) {
+    maintainFleet(place_, 0, NOW + 4 * DAY); // the day of the last id only
+    EXPECT_EQ(sql("SELECT max(id) FROM events"), "4\n");
+    std::ostringstream out;
+    EXPECT_EQ(describeFleet(place_, NOW + 4 * DAY, out), 0U) << out.str();
+    maintainFleet(place_, 0, NOW + 30 * DAY);
+    EXPECT_EQ(sql("SELECT count(*) FROM events"), "0\n");
+    EXPECT_EQ(describeFleet(place_, NOW + 30 * DAY, out), 0U) << out.str();
+}
+
+TEST_F(FleetDamageTest, NumbersAndNamesThatAreNoneAreFound) {
+    sql("UPDATE events SET type = -1, source = -300 WHERE id = 2");
+    EXPECT_THAT(told(1), HasSubstr("1 events have an id, source, type, category or number"));
+    sql("UPDATE events SET type = 1, source = 1; UPDATE logs SET blade = 'OTHER'");
+    EXPECT_THAT(told(1), HasSubstr("its names are not those of its identity"));
+    sql("UPDATE logs SET identity = 'x'");
+    EXPECT_THAT(told(1), HasSubstr("its identity is none"));
+    sql("UPDATE logs SET identity = '\\x000141000142000000010000000a', slot = 1");
+    EXPECT_THAT(told(1), HasSubstr("its number is not that of its identity"));
+}
+
+TEST_F(FleetDamageTest, ViewThatIsMissingIsFound) {
+    sql("DROP VIEW gap_list");
+    EXPECT_THAT(told(1), HasSubstr("the view gap_list is missing"));
+    upgradeFleet(place_);
+    told(0);
+}
+
+TEST_F(FleetDamageTest, WhatCannotBeLookedAtIsSaid) {
+    PgConnection holder(place_, PgPatience::endless());
+    holder.execute("BEGIN; LOCK TABLE generations IN ACCESS EXCLUSIVE MODE");
+    place_ += place_.find('?') == std::string::npos ? "?" : "&";
+    place_ += "options=-c%20lock_timeout%3D20ms";
+    const std::string out = told(2);
+    EXPECT_THAT(out, HasSubstr("the rows of generations: not looked at: "));
+    EXPECT_THAT(out, HasSubstr("what is held twice, by nobody, or not any more: not looked at: "));
+    holder.execute("ROLLBACK");
+    told(0);
+}
+
+TEST_F(FleetDamageTest, ManyFindingsOfAKindAreCounted) {
+    sql("INSERT INTO generations SELECT n, 1, now() FROM generate_series(1, 23) n");
+    EXPECT_THAT(told(23), HasSubstr("... and 3 more like these"));
+}
+
 TEST_F(FleetDatabaseTest, WhatComesLastIsFoundWithoutASummaryOfEachPageByHand) {
     EXPECT_EQ(sql("SELECT count(*), bool_and('autosummarize=on' = ANY(c.reloptions)) FROM "
                   "pg_inherits i JOIN pg_class c ON c.oid = i.inhrelid "
@@ -543,6 +724,13 @@ TEST_F(FleetDatabaseTest, EachPartitionTellsWhereEventsOfAKindAre) {
         "WHERE indexrelid = 'events_20231114_1_by_kind'::regclass");
     EXPECT_THAT(maintainFleet(place_, 0, NOW).failed, IsEmpty());
     EXPECT_EQ(sql(KEPT), "8|t\n");
+}
+
+TEST_F(FleetDatabaseTest, RoundThatLooksAtClocksMakesTheIndexesToo) {
+    const S64_t now = time(nullptr);
+    maintainFleet(place_, 0, now, Clock::AS_TOLD);
+    sql("DROP INDEX events_default_by_kind");
+    EXPECT_THAT(maintainFleet(place_, 0, now, Clock::COMPARED).failed, IsEmpty());
 }
 
 TEST_F(FleetDatabaseTest, WhatWasFiledSinceTheLastRoundIsSummedUpByTheNext) {

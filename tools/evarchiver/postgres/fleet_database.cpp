@@ -3,6 +3,7 @@
 #include "fleet_hub.h"
 #include "fleet_names.h"
 #include "fleet_owner.h"
+#include "fleet_partitions.h"
 #include "fleet_sql.h"
 
 #include <algorithm>
@@ -14,11 +15,14 @@
 namespace evarchive {
 namespace {
 
-constexpr S64_t DAY = 86'400;
 constexpr char LOCKED[] = "55P03"; ///< a lock was not to be had in time
 
-// Partitions that are live at a time, about; each one costs every look-up a little.
-constexpr U32_t LIVE_PARTITIONS = 12;
+// Since the last round: what a wrong clock can take too early. Of a short retention less.
+constexpr S64_t LONGEST_PAUSE_OF_ROUNDS = 3 * DAY_SECONDS;
+constexpr S64_t PAUSE_OF_RETENTION = 10;
+
+// Others wait while they are moved.
+constexpr S64_t MOST_RECUT = 10'000;
 
 constexpr S64_t REMOVED_AT_A_TIME = 10'000;
 constexpr S64_t NOTED_AT_A_TIME = 1'000;
@@ -32,48 +36,6 @@ constexpr std::chrono::milliseconds LONG_WAIT{1500};
 constexpr std::chrono::milliseconds FIRST_PAUSE{20};
 constexpr std::chrono::milliseconds LONGEST_PAUSE{1000};
 
-/** Days, from 1970-01-01 on: the first, and the one behind the last. */
-struct Days {
-    S64_t first = 0;
-    S64_t end = 0;
-
-    bool operator==(const Days&) const = default;
-};
-
-std::string dateOf(S64_t day) {
-    const time_t time = static_cast<time_t>(day * DAY);
-    tm parts{};
-    gmtime_r(&time, &parts);
-    char text[16];
-    return {text, strftime(text, sizeof(text), "%Y%m%d", &parts)};
-}
-
-// "events_20261122_3": from that day on, three days.
-std::string nameOf(const Days& days) {
-    return "events_" + dateOf(days.first) + "_" + std::to_string(days.end - days.first);
-}
-
-std::optional<Days> daysOf(const std::string& name) {
-    tm parts{};
-    unsigned count = 0;
-    char rest = 0;
-    if (sscanf(name.c_str(), "events_%4d%2d%2d_%u%c", &parts.tm_year, &parts.tm_mon, &parts.tm_mday,
-               &count, &rest) != 4) {
-        return std::nullopt;
-    }
-    parts.tm_year -= 1900;
-    parts.tm_mon -= 1;
-    const S64_t first = S64_t{timegm(&parts)} / DAY;
-    return Days{first, first + count};
-}
-
-// As the server reads it, to the second.
-std::string boundOf(S64_t day) {
-    const std::string date = dateOf(day);
-    return "'" + date.substr(0, 4) + "-" + date.substr(4, 2) + "-" + date.substr(6) +
-           " 00:00:00+00'";
-}
-
 std::string text(std::initializer_list<std::string_view> parts) {
     std::string all;
     for (const std::string_view part : parts) {
@@ -82,10 +44,6 @@ std::string text(std::initializer_list<std::string_view> parts) {
     return all;
 }
 
-constexpr PgStatement PARTITIONS{
-    "partitions", "SELECT c.relname::text, coalesce(obj_description(c.oid, 'pg_class') = 'frozen', "
-                  "false) FROM pg_inherits i JOIN pg_class c ON c.oid = i.inhrelid "
-                  "WHERE i.inhparent = 'events'::regclass ORDER BY 1"};
 // Those who read events as they come look at the pages that no summary is there of, all of them.
 constexpr PgStatement UNSUMMARIZED{
     "unsummarized",
@@ -106,8 +64,8 @@ constexpr PgStatement KINDS_OF{"kinds_of",
                                "JOIN pg_class k ON k.oid = x.indexrelid) "
                                "ON x.indrelid = c.oid AND k.relname = c.relname || '_by_kind' "
                                "WHERE i.inhparent = 'events'::regclass ORDER BY 1"};
-constexpr PgStatement RETENTION{"retention",
-                                "SELECT value::bigint FROM meta WHERE name = 'retention_days'"};
+constexpr PgStatement LAST_ROUND{"last_round", "SELECT nullif(value, '')::bigint FROM meta "
+                                               "WHERE name = 'maintenance'"};
 constexpr PgStatement REMOVE_DEFAULT{
     "remove_default", "DELETE FROM events_default WHERE ctid = ANY(ARRAY(SELECT ctid FROM "
                       "events_default WHERE received < $1 LIMIT $2))"};
@@ -128,6 +86,14 @@ constexpr PgStatement NOTE_GONE{
 constexpr PgStatement STILL_GONE{
     "still_gone", "SELECT 1 FROM gone JOIN generations USING (log, generation) LIMIT 1"};
 
+void requireClock(FleetOwner& owner, S64_t now, Clock clock) {
+    const S64_t error = clock == Clock::AS_TOLD ? 0 : clockError(owner, now);
+    if (error != 0) {
+        throw StoreError(owner.connection().placeShown() + ": " + clockText(error) +
+                         ": nothing is done before they agree");
+    }
+}
+
 /** Another process maintains the same archive. */
 class AnotherRound : public StoreError {
   public:
@@ -137,25 +103,40 @@ class AnotherRound : public StoreError {
 /** One round. */
 class Maintenance {
   public:
-    Maintenance(const std::string& place, S64_t now) : lock_(place), owner_(place), now_(now) {
+    Maintenance(const std::string& place, S64_t now, Clock clock)
+        : lock_(place), owner_(place), now_(now), clock_(clock) {
         owner_.requireLayout();
+        requireClock(owner_, now_, clock_);
         lockRound();
     }
 
     FleetUpkeep run(U32_t retentionDays) {
         if (retentionDays > 0) {
-            owner_.connection().execute("UPDATE meta SET value = '" +
-                                        std::to_string(retentionDays) +
-                                        "' WHERE name = 'retention_days'");
+            owner_.connection().execute(
+                "INSERT INTO meta VALUES ('retention_days', '" + std::to_string(retentionDays) +
+                "') ON CONFLICT (name) DO UPDATE SET value = excluded.value");
         }
-        retention_ = owner_.connection().run(RETENTION).integer(0, 0);
+        retention_ = retentionOf(owner_);
+        if (retention_ == 0) {
+            throw StoreError(owner_.connection().placeShown() + ": " + NO_RETENTION);
+        }
         look();
+        const bool isTimeSure = isTimePlausible();
+        if (isTimeSure) {
+            recutAhead();
+        }
         makeAhead();
         keepSummarized();
-        dropPast();
-        freezeClosed();
+        if (isTimeSure) {
+            dropPast();
+            freezeClosed();
+        }
         keepKinds();
-        removeRest();
+        if (isTimeSure) {
+            removeRest();
+            noteRound(now_);
+        }
+        lock_.connection().execute("COMMIT");
         return upkeep_;
     }
 
@@ -165,7 +146,8 @@ class Maintenance {
         bool isFrozen = false;
     };
 
-    // Held to the end of the round, by a connection of its own.
+    // Held to the end of the round, by a connection of its own, which must hold no snapshot:
+    // indexes that are made beside those who file wait for these.
     void lockRound() {
         try {
             lock_.connection().execute("BEGIN; SET LOCAL lock_timeout = 1; "
@@ -179,8 +161,41 @@ class Maintenance {
         }
     }
 
-    S64_t today() const { return now_ / DAY; }
-    S64_t width() const { return (retention_ + LIVE_PARTITIONS - 1) / LIVE_PARTITIONS; }
+    // Host and server may share a wrong clock. Who maintains hourly knows about what time it is.
+    bool isTimePlausible() {
+        if (clock_ != Clock::COMPARED) {
+            return true;
+        }
+        const PgRows rows = owner_.connection().run(LAST_ROUND);
+        if (rows.count() == 0 ||
+            rows.isNull(0, 0)) { // of a program of before, that made some ahead
+            const bool isKnown = partitions_.empty() || partitions_.back().days.end > today();
+            if (!isKnown) {
+                upkeep_.failed.push_back("no partition reaches to this day: nothing is dropped");
+                noteRound(partitions_.back().days.end *
+                          DAY_SECONDS); // for those that are made now do
+            }
+            return isKnown;
+        }
+        const S64_t pause = now_ - rows.integer(0, 0);
+        const S64_t longest =
+            std::min(LONGEST_PAUSE_OF_ROUNDS, retention_ * DAY_SECONDS / PAUSE_OF_RETENTION);
+        if (std::abs(pause) <= longest) {
+            return true;
+        }
+        upkeep_.failed.push_back("by the clock, the last round was " + secondsText(pause) +
+                                 (pause > 0 ? " ago" : " ahead") + ": nothing is dropped");
+        return false;
+    }
+
+    // Committed when the round ends.
+    void noteRound(S64_t time) {
+        lock_.connection().execute("UPDATE meta SET value = '" + std::to_string(time) +
+                                   "' WHERE name = 'maintenance'");
+    }
+
+    S64_t today() const { return now_ / DAY_SECONDS; }
+    S64_t width() const { return widthOf(retention_); }
 
     void look() {
         const PgRows rows = owner_.connection().run(PARTITIONS);
@@ -196,10 +211,28 @@ class Maintenance {
         std::ranges::sort(partitions_, {}, [](const Partition& it) { return it.days.first; });
     }
 
+    S64_t endAhead() const { return today() + 1 + 2 * width(); }
+
+    // Those of a retention that is none any more, or of a wrong clock.
+    void recutAhead() {
+        std::erase_if(partitions_, [&](const Partition& it) {
+            const bool isFit = it.days.first <= today() ||
+                               (it.days.count() <= width() && it.days.first < endAhead());
+            bool isGone = false;
+            if (!isFit) {
+                attempt(nameOf(it.days) + " could not be cut anew",
+                        [&] { again([&] { isGone = recut(nameOf(it.days)); }); });
+            }
+            return isGone;
+        });
+    }
+
+    bool recut(const std::string& name);
+
     // From what is still kept to two widths ahead, without a gap.
     void makeAhead() {
         S64_t day = (today() - retention_) / width() * width();
-        const S64_t end = today() + 1 + 2 * width();
+        const S64_t end = endAhead();
         std::vector<Partition> made;
         for (const Partition& there : partitions_) {
             make(day, std::min(end, there.days.first), made);
@@ -286,7 +319,7 @@ class Maintenance {
     }
 
     void removeAll(const PgStatement& statement, U64_t& count) {
-        const S64_t before = (today() - retention_) * DAY;
+        const S64_t before = (today() - retention_) * DAY_SECONDS;
         U64_t removed = 0;
         do {
             removed = owner_.connection()
@@ -341,6 +374,7 @@ class Maintenance {
     FleetOwner lock_;
     FleetOwner owner_;
     S64_t now_;
+    Clock clock_;
     S64_t retention_ = 0;
     int triesLeft_ = 0;
     std::vector<Partition> partitions_;
@@ -383,17 +417,38 @@ void Maintenance::makeOne(const Days& days) {
     upkeep_.made.push_back(name);
 }
 
+// What it holds, for clocks are wrong or the day is near, goes to the default partition, and from
+// there into those that are made next. @return false: it holds too much
+bool Maintenance::recut(const std::string& name) {
+    PgConnection& connection = owner_.connection();
+    connection.execute(begin() + text({"LOCK TABLE ONLY events IN ACCESS EXCLUSIVE MODE; "
+                                       "LOCK TABLE ",
+                                       name, " IN ACCESS EXCLUSIVE MODE"}));
+    const std::string statement = "held_" + name;
+    const std::string ask = text({"SELECT count(*) FROM (SELECT FROM ", name, " LIMIT ",
+                                  std::to_string(MOST_RECUT + 1), ") held"});
+    if (connection.run({statement.c_str(), ask.c_str()}).integer(0, 0) > MOST_RECUT) {
+        connection.execute("ROLLBACK");
+        return false;
+    }
+    connection.execute(text({"ALTER TABLE events DETACH PARTITION ", name,
+                             "; INSERT INTO events_default SELECT * FROM ", name, "; DROP TABLE ",
+                             name, "; COMMIT"}));
+    upkeep_.recut.push_back(name);
+    return true;
+}
+
 // Nearly nothing comes any more into what is past, so that its runs are found without a lock.
 void Maintenance::drop(const Days& days) {
     const std::string name = nameOf(days);
     noteGone(name);
     again([&] {
         owner_.connection().execute(
-            begin() +
-            text({"ALTER TABLE events DETACH PARTITION ", name, "; DROP TABLE ", name,
-                  "; INSERT INTO meta VALUES ('dropped_before', '", std::to_string(days.end * DAY),
-                  "') ON CONFLICT (name) DO UPDATE SET value = "
-                  "greatest(meta.value::bigint, excluded.value::bigint)::text; COMMIT"}));
+            begin() + text({"ALTER TABLE events DETACH PARTITION ", name, "; DROP TABLE ", name,
+                            "; INSERT INTO meta VALUES ('dropped_before', '",
+                            std::to_string(days.end * DAY_SECONDS),
+                            "') ON CONFLICT (name) DO UPDATE SET value = "
+                            "greatest(meta.value::bigint, excluded.value::bigint)::text; COMMIT"}));
     });
     upkeep_.dropped.push_back(name);
 }
@@ -422,16 +477,17 @@ void Maintenance::noteGone(const std::string& name) {
 
 } // namespace
 
-void createFleet(const std::string& place, U32_t retentionDays, S64_t now) {
+void createFleet(const std::string& place, U32_t retentionDays, S64_t now, Clock clock) {
     {
         FleetOwner owner(place);
+        requireClock(owner, now, clock);
         if (owner.has("meta")) {
             throw StoreError(owner.connection().placeShown() + ": there is an archive already");
         }
         owner.inTransaction(std::string(pg::SQL_001_SCHEMA) + pg::SQL_002_HANDSHAKE + sqlOfNames() +
                             pg::SQL_VIEWS + pg::SQL_ROLES);
     }
-    maintainFleet(place, retentionDays, now);
+    maintainFleet(place, retentionDays, now, clock);
 }
 
 S64_t upgradeFleet(const std::string& place) {
@@ -452,6 +508,7 @@ S64_t upgradeFleet(const std::string& place) {
 FleetUpkeep& FleetUpkeep::operator+=(const FleetUpkeep& other) {
     made.insert(made.end(), other.made.begin(), other.made.end());
     dropped.insert(dropped.end(), other.dropped.begin(), other.dropped.end());
+    recut.insert(recut.end(), other.recut.begin(), other.recut.end());
     moved += other.moved;
     frozen += other.frozen;
     removed += other.removed;
@@ -461,10 +518,10 @@ FleetUpkeep& FleetUpkeep::operator+=(const FleetUpkeep& other) {
 }
 
 // One round at a time, also of a spread archive: its servers' rounds begin together or not at all.
-FleetUpkeep maintainFleet(const std::string& place, U32_t retentionDays, S64_t now) {
+FleetUpkeep maintainFleet(const std::string& place, U32_t retentionDays, S64_t now, Clock clock) {
     const std::vector<std::string> nodes = nodesOf(place);
     if (nodes.empty()) {
-        return Maintenance(place, now).run(retentionDays);
+        return Maintenance(place, now, clock).run(retentionDays);
     }
     FleetUpkeep all;
     std::vector<std::unique_ptr<Maintenance>> rounds(nodes.size());
@@ -479,7 +536,8 @@ FleetUpkeep maintainFleet(const std::string& place, U32_t retentionDays, S64_t n
         }
     };
     for (std::size_t node = 0; node < nodes.size(); ++node) {
-        attempt(node, [&] { rounds[node] = std::make_unique<Maintenance>(nodes[node], now); });
+        attempt(node,
+                [&] { rounds[node] = std::make_unique<Maintenance>(nodes[node], now, clock); });
     }
     for (std::size_t node = 0; node < nodes.size(); ++node) {
         if (rounds[node]) {
@@ -488,50 +546,6 @@ FleetUpkeep maintainFleet(const std::string& place, U32_t retentionDays, S64_t n
         }
     }
     return all;
-}
-
-namespace {
-
-U64_t describeServer(const std::string& place, S64_t now, std::ostream& out) {
-    FleetOwner owner(place);
-    owner.requireLayout();
-    U64_t findings = 0;
-    const S64_t stray =
-        owner.connection().run({"stray", "SELECT count(*) FROM events_default"}).integer(0, 0);
-    if (stray > 0) {
-        out << stray << " events of times that no partition is for\n";
-    }
-    const PgRows rows = owner.connection().run(PARTITIONS);
-    S64_t end = 0;
-    for (int row = 0; row < rows.count(); ++row) {
-        const auto days = daysOf(rows.text(row, 0));
-        end = days ? std::max(end, days->end) : end;
-    }
-    if (end <= now / DAY + 1) {
-        out << "no partition for tomorrow: is \"evarchiver db maintain\" run?\n";
-        ++findings;
-    }
-    const std::string standbys =
-        owner.connection().run({"standbys", "SHOW synchronous_standby_names"}).text(0, 0);
-    out << (standbys.empty() ? "commits wait for no standby: a server that is lost takes its last "
-                               "events with it\n"
-                             : "commits wait for standby " + standbys + "\n");
-    return findings;
-}
-
-} // namespace
-
-U64_t describeFleet(const std::string& place, S64_t now, std::ostream& out) {
-    const std::vector<std::string> nodes = nodesOf(place);
-    if (nodes.empty()) {
-        return describeServer(place, now, out);
-    }
-    U64_t findings = 0;
-    for (std::size_t node = 0; node < nodes.size(); ++node) {
-        out << "server " << node + 1 << " of " << nodes.size() << ":\n";
-        findings += describeServer(nodes[node], now, out);
-    }
-    return findings;
 }
 
 } // namespace evarchive

@@ -107,8 +107,8 @@ struct PgPatience {
 /**
  * A connection. Every call throws PgError; Kind::PASSING when the server is away, busy, full or not
  * the one that can be written, Kind::REFUSED when the request itself is wrong or not allowed,
- * Kind::LASTING when the place is no place, or its database not in UTF-8. After an error that leaves no answer the connection is
- * closed; reopen() makes it anew.
+ * Kind::LASTING when the place is no place, or its database not in UTF-8. After an error that
+ * leaves no answer the connection is closed; reopen() makes it anew.
  */
 class PgConnection {
   public:
