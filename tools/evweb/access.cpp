@@ -52,12 +52,13 @@ std::string decoded(const std::string& text) {
 /** The token that a request brings: as such, or as the password that a browser asks for. */
 std::string tokenOf(const Request& request) {
     const std::string given = headerOf(request, "authorization");
-    const std::string scheme = given.substr(0, given.find(' '));
-    const std::string rest = given.size() > scheme.size() ? given.substr(scheme.size() + 1) : "";
-    if (scheme == "Bearer") {
+    const std::string scheme = lowerCase(given.substr(0, given.find(' '))); // whatever its case
+    const std::size_t behind = given.find_first_not_of(' ', scheme.size());
+    const std::string rest = behind == std::string::npos ? "" : given.substr(behind);
+    if (scheme == "bearer") {
         return rest;
     }
-    const std::string both = scheme == "Basic" ? decoded(rest) : "";
+    const std::string both = scheme == "basic" ? decoded(rest) : "";
     const std::size_t colon = both.find(':');
     return colon == std::string::npos ? "" : both.substr(colon + 1);
 }

@@ -32,10 +32,9 @@ Json typesJson(const TypeCounts& counts) {
             {"other", counts[0]}};
 }
 
-/** A blade's names as they can be shown, and as they can be asked for where they are text. */
 Json keyJson(const evarchive::SeriesKey& key) {
-    return {{"enclosure", tools::escapedText(key.blade.enclosure)},
-            {"blade", tools::escapedText(key.blade.blade)},
+    return {{"enclosure", shownName(key.blade.enclosure)},
+            {"blade", shownName(key.blade.blade)},
             {"slot", key.blade.slot},
             {"instance", key.instance}};
 }
@@ -56,7 +55,7 @@ Json infoJson(const LogInfo& info) {
                              : Json(nullptr)},
                  {"missing", orNull(info.missing)},
                  {"ringFirst", orNull(info.ringFirst)},
-                 {"lately", typesJson(info.lately)}});
+                 {"lately", info.lately ? typesJson(*info.lately) : Json(nullptr)}});
     return json;
 }
 
@@ -90,13 +89,20 @@ Json timeOrNull(const std::optional<U32_t>& seconds) {
     return seconds ? timeJson(*seconds) : Json(nullptr);
 }
 
+std::string shownField(std::span<const U8_t> field) {
+    return shownName(tools::fieldText(field.data(), field.size()));
+}
+
 bool isWhole(const FoundEvent& event) {
     return evarchive::isWholeEvent(event.event.image);
 }
 
 Json eventJson(const FoundEvent& event) {
     Json json = {{"log", std::to_string(event.log)}, {"generation", event.generation}};
-    json.update(evctl::eventJson(sources::eventOf(event.event.image)));
+    const sources::EventView view = sources::eventOf(event.event.image);
+    json.update(evctl::eventJson(view));
+    json["enclosureId"] = shownField(view.header->evEnclosureId);
+    json["bladeId"] = shownField(view.header->evBladeId);
     json["received"] = timeJson(event.event.received);
     if (event.event.doubtful) {
         json["doubtful"] = true;

@@ -20,6 +20,9 @@ Json timeOrNull(const std::optional<U32_t>& seconds);
 /** Whether an event's bytes are whole, so that it can be shown. */
 bool isWhole(const FoundEvent& event);
 
+/** A name of an event's header, as shownName(). */
+std::string shownField(std::span<const U8_t> field);
+
 /** As all readers of logs show it, and where and when it was filed. */
 Json eventJson(const FoundEvent& event);
 

@@ -77,14 +77,18 @@ void addEnds(PgConnection& connection, std::vector<LogInfo>& logs) {
     }
 }
 
+/** Counts what came lately, of all types. */
 void addLately(PgConnection& connection, std::vector<LogInfo>& logs) {
     PgQuestion question("SELECT log, type, count(*) FROM event_list WHERE own");
     question.time(" AND received >= ", time(nullptr) - LATELY)
         .integers(" AND log = ANY(", numbersOf<S64_t>(logs, &LogInfo::log), ") GROUP BY 1, 2");
     const PgRows rows = question.ask(connection);
+    for (LogInfo& info : logs) {
+        info.lately.emplace();
+    }
     for (int row = 0; row < rows.count(); ++row) {
         if (LogInfo* info = infoOf(logs, rows.integer(row, 0))) {
-            info->lately[typeIndex(static_cast<U32_t>(rows.integer(row, 1)))] +=
+            (*info->lately)[typeIndex(static_cast<U32_t>(rows.integer(row, 1)))] +=
                 static_cast<U64_t>(rows.integer(row, 2));
         }
     }
@@ -139,8 +143,9 @@ void addBehind(PgConnection& connection, PgQuestion& question, S64_t log) {
 
 void addNamed(PgQuestion& question, const LogSearch& search) {
     if (!search.find.empty()) {
-        question.text(" AND (strpos(lower(enclosure), ", search.find, ") > 0")
-            .text(" OR strpos(lower(blade), ", search.find, ") > 0)");
+        // Letters of ASCII only, whatever the database's locale.
+        question.text(" AND (strpos(lower(enclosure COLLATE \"C\"), ", search.find, ") > 0")
+            .text(" OR strpos(lower(blade COLLATE \"C\"), ", search.find, ") > 0)");
     }
 }
 
@@ -156,10 +161,17 @@ PgRows logsByName(PgConnection& connection, const LogSearch& search) {
         .ask(connection);
 }
 
-/** Warnings and errors of the last hour have an index by their own time, and only by that. */
+/** Warnings and errors that happened in the last hour, and came in it: by their own time alone they
+ * have an index, and by that alone those of a clock that is ahead were of that hour for years. */
+PgQuestion graveLately(const std::string& what) {
+    PgQuestion question("SELECT " + what + " FROM event_list WHERE own AND type IN (2, 3)");
+    const S64_t since = time(nullptr) - LATELY;
+    return question.time(" AND time >= ", since).time(" AND received >= ", since);
+}
+
 PgRows worstLogs(PgConnection& connection, const LogSearch& search) {
-    PgQuestion worst("SELECT log FROM event_list WHERE own AND type IN (2, 3)");
-    addNamed(worst.time(" AND time >= ", time(nullptr) - LATELY), search);
+    PgQuestion worst = graveLately("log");
+    addNamed(worst, search);
     const PgRows found =
         worst
             .add(" GROUP BY log ORDER BY count(*) FILTER (WHERE type = 3) DESC, count(*) DESC, log")
@@ -175,10 +187,8 @@ PgRows worstLogs(PgConnection& connection, const LogSearch& search) {
         .ask(connection);
 }
 
-TypeCounts graveLately(PgConnection& connection) {
-    PgQuestion question("SELECT type, count(*) FROM event_list WHERE own AND type IN (2, 3)");
-    question.time(" AND time >= ", time(nullptr) - LATELY).add(" GROUP BY type");
-    const PgRows rows = question.ask(connection);
+TypeCounts countGrave(PgConnection& connection) {
+    const PgRows rows = graveLately("type, count(*)").add(" GROUP BY type").ask(connection);
     TypeCounts counts{};
     for (int row = 0; row < rows.count(); ++row) {
         counts[typeIndex(static_cast<U32_t>(rows.integer(row, 0)))] =
@@ -242,7 +252,7 @@ Overview listLogs(PgConnection& connection, const LogSearch& search, Clock::time
     if (static_cast<U32_t>(rows.count()) > search.limit) {
         overview.next = overview.logs.back().log;
     }
-    inTime(deadline, [&] { overview.lately = graveLately(connection); });
+    inTime(deadline, [&] { overview.lately = countGrave(connection); });
     inTime(deadline, [&] {
         addLately(connection, overview.logs);
         overview.windowSeconds = LATELY;
@@ -262,6 +272,7 @@ U32_t newestGeneration(PgConnection& connection, S64_t log) {
 LogDetail logDetail(PgConnection& connection, S64_t log, Clock::time_point deadline) {
     std::vector<LogInfo> one = {infoOf(rowOf(connection, log), 0)};
     addDetails(connection, one, deadline);
+    inTime(deadline, [&] { addLately(connection, one); });
     LogDetail detail{.info = one.front()};
     for (U32_t generation = detail.info.generation;
          generation > 0 && detail.generations.size() < MOST_GENERATIONS && Clock::now() < deadline;

@@ -1,7 +1,5 @@
 #include "pg_question.h"
 
-#include "common/text.h"
-
 #include <algorithm>
 
 namespace evweb {
@@ -159,10 +157,10 @@ PgQuestion& PgQuestion::filters(const Search& search) {
     }
     const sources::LogChoice& choice = filter.logs;
     if (choice.enclosure) {
-        text(" AND enclosure = ", tools::escapedUtf8(*choice.enclosure));
+        text(" AND enclosure = ", *choice.enclosure);
     }
     if (choice.blade) {
-        text(" AND blade = ", tools::escapedUtf8(*choice.blade));
+        text(" AND blade = ", *choice.blade);
     }
     if (choice.slot) {
         integer(" AND slot = ", *choice.slot);

@@ -1,5 +1,8 @@
 #include "query.h"
 
+#include "answers.h"
+#include "common/text.h"
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -12,15 +15,26 @@ constexpr std::array SHARED = {"type",  "source",    "category", "id",   "seq", 
                                "until", "enclosure", "blade",    "slot", "instance"};
 constexpr std::array OWN = {"text", "log", "generation", "limit", "before"};
 
+/** As whoever writes the answers takes it, to the byte. */
+bool isUtf8(const std::string& text) {
+    try {
+        return !Json(text).dump().empty();
+    } catch (const Json::type_error&) {
+        return false;
+    }
+}
+
 template <typename Names>
 bool isOneOf(const Names& names, const std::string& name) {
     return std::ranges::find(names, name) != std::ranges::end(names);
 }
 
-/** The library's text without the dashes of options, which nobody typed here. */
+/** The library's text without the dashes and short names of options, which nobody typed here. */
 std::string reasonOf(const CLI::Error& error) {
-    std::string text = error.what();
-    return text.starts_with("--") ? text.substr(2) : text;
+    const std::string text = error.what();
+    const std::size_t longName = text.find("--");
+    return text.starts_with('-') && longName != std::string::npos ? text.substr(longName + 2)
+                                                                  : text;
 }
 
 evctl::EventFilter filterOf(const Parameters& parameters) {
@@ -66,6 +80,10 @@ void requireKnown(const Parameters& parameters, const std::vector<std::string>& 
         if (value.find('\0') != std::string::npos) {
             throw Refusal(400, name + ": a NUL is in it");
         }
+        if (!isUtf8(value)) {
+            throw Refusal(400, name + ": no UTF-8; bytes of names that are none are asked for as "
+                                      "they are shown: \\xNN");
+        }
     }
 }
 
@@ -75,6 +93,10 @@ std::string valueOf(const Parameters& parameters, const std::string& name) {
     }
     const auto found = parameters.find(name);
     return found == parameters.end() ? "" : found->second;
+}
+
+std::string wordsOf(const Parameters& parameters, const std::string& name) {
+    return lowerCase(tools::shownLine(valueOf(parameters, name)));
 }
 
 std::optional<S64_t> numberOf(const Parameters& parameters, const std::string& name, S64_t least,
@@ -108,7 +130,10 @@ Search searchOf(const Parameters& parameters, const std::vector<std::string>& mo
     names.insert(names.end(), more.begin(), more.end());
     requireKnown(parameters, names);
     Search search{.filter = filterOf(parameters)};
-    search.text = lowerCase(valueOf(parameters, "text"));
+    for (auto* name : {&search.filter.logs.enclosure, &search.filter.logs.blade}) {
+        *name = *name ? std::optional(tools::shownLine(**name)) : std::nullopt;
+    }
+    search.text = wordsOf(parameters, "text");
     search.log = numberOf(parameters, "log", INT64_MIN, INT64_MAX);
     if (const auto generation = numberOf(parameters, "generation", 1, UINT32_MAX)) {
         search.generation = static_cast<U32_t>(*generation);

@@ -24,11 +24,15 @@ bool isSearchParameter(const std::string& name);
  * @param more names of further parameters, which the caller reads. Throws Refusal */
 Search searchOf(const Parameters& parameters, const std::vector<std::string>& more = {});
 
-/** Throws Refusal for names other than these, and for values that are too long. */
+/** Throws Refusal for names other than these, and for values that are too long, hold a NUL or are
+ * no UTF-8. */
 void requireKnown(const Parameters& parameters, const std::vector<std::string>& names);
 
 /** A parameter's value, empty when it is not there. Throws Refusal when it is there twice. */
 std::string valueOf(const Parameters& parameters, const std::string& name);
+
+/** A part of a text or name, as texts and names are shown, with small letters of ASCII. */
+std::string wordsOf(const Parameters& parameters, const std::string& name);
 
 /** A whole number; nothing when it is not there. Throws Refusal. */
 std::optional<S64_t> numberOf(const Parameters& parameters, const std::string& name, S64_t least,

@@ -88,7 +88,7 @@ S64_t requiredLog(const Parameters& parameters) {
 
 std::string logs(View& view, const Parameters& parameters) {
     requireKnown(parameters, {"find", "behind", "limit", "order"});
-    LogSearch search{.find = lowerCase(valueOf(parameters, "find"))};
+    LogSearch search{.find = wordsOf(parameters, "find")};
     search.behind = numberOf(parameters, "behind", INT64_MIN, INT64_MAX);
     search.limit =
         static_cast<U32_t>(numberOf(parameters, "limit", 1, MOST_ROWS).value_or(search.limit));
@@ -198,7 +198,7 @@ class Export {
 
 std::string Export::lineOf(const FoundEvent& event) const {
     const std::string from = std::to_string(event.log) + "/" + std::to_string(event.generation);
-    return isCsv_ ? evctl::csvLine(sources::eventOf(event.event.image), from)
+    return isCsv_ ? evctl::csvLine(sources::eventOf(event.event.image), from, shownField)
                   : evctl::jsonLine(eventJson(event));
 }
 

@@ -163,8 +163,8 @@ LogsWanted logsWanted(SqliteReading& reading, const Search& search) {
     SqliteStatement row(reading.database(), sqlite_sql::ALL_LOGS);
     while (row.step()) {
         if (search.log.value_or(row.integer(0)) == row.integer(0) &&
-            choice.enclosure.value_or(row.text(1)) == row.text(1) &&
-            choice.blade.value_or(row.text(2)) == row.text(2) &&
+            (!choice.enclosure || *choice.enclosure == shownName(row.text(1))) &&
+            (!choice.blade || *choice.blade == shownName(row.text(2))) &&
             choice.slot.value_or(row.id(3)) == row.id(3) &&
             choice.instance.value_or(row.id(4)) == row.id(4)) {
             wanted.logs.push_back(row.integer(0));

@@ -15,6 +15,7 @@ constexpr std::chrono::seconds SURVEY_PAUSE{1};
 // Arrivals that rates are made of, at most, and at most so long ago.
 constexpr S64_t LATELY_ROWS = 100'000;
 constexpr S64_t LATELY_SECONDS = 3600;
+constexpr S64_t LATELY_AGAIN = 10; // seconds after which they are counted anew
 
 void stateOf(const std::string& path, FileState& state) {
     struct stat file {};
@@ -27,6 +28,14 @@ void stateOf(const std::string& path, FileState& state) {
 
 evarchive::SeriesKey keyOf(const SqliteStatement& row) {
     return {{row.text(1), row.text(2), row.id(3)}, row.id(4)};
+}
+
+/** Whether a log's names hold what is looked for, as they are shown. */
+bool isFound(const SqliteStatement& row, const std::string& find) {
+    const auto holds = [&find](const std::string& name) {
+        return lowerCase(shownName(name)).find(find) != std::string::npos;
+    };
+    return find.empty() || holds(row.text(1)) || holds(row.text(2));
 }
 
 struct End {
@@ -186,13 +195,15 @@ ViewStatus SqliteView::status() {
 std::shared_ptr<const SqliteView::Lately> SqliteView::lately(SqliteReading& reading) {
     const std::lock_guard lock(latelyMutex_);
     const S64_t lastRow = reading.lastRow();
-    if (lately_ && lately_->state == reading.state() && lately_->lastRow == lastRow) {
+    const S64_t now = time(nullptr);
+    if (lately_ && lately_->state == reading.state() && lately_->lastRow == lastRow &&
+        now >= lately_->counted && now - lately_->counted < LATELY_AGAIN) {
         return lately_;
     }
     auto fresh = std::make_shared<Lately>();
     fresh->state = reading.state();
     fresh->lastRow = lastRow;
-    const S64_t now = time(nullptr);
+    fresh->counted = now;
     // Rows are in the order of their arrival, so that the first one of the window can be sought.
     S64_t low = std::max(reading.firstRow(), lastRow - LATELY_ROWS);
     S64_t high = lastRow + 1;
@@ -213,9 +224,13 @@ std::shared_ptr<const SqliteView::Lately> SqliteView::lately(SqliteReading& read
         fresh->seconds = std::max<S64_t>(1, now - received.integer(0));
     }
     SqliteStatement row(reading.database(), sqlite_sql::LATELY);
-    row.with(low);
+    row.with(low, now - LATELY_SECONDS);
     while (row.step()) {
-        ++fresh->counts[row.integer(0)][typeIndex(row.id(1))];
+        const std::size_t type = typeIndex(row.id(1));
+        ++fresh->counts[row.integer(0)][type];
+        if (type >= EMP_E_TYPE_WARNING && row.integer(2) >= now - LATELY_SECONDS) {
+            ++fresh->grave[row.integer(0)][type];
+        }
     }
     lately_ = fresh;
     return lately_;
@@ -223,9 +238,8 @@ std::shared_ptr<const SqliteView::Lately> SqliteView::lately(SqliteReading& read
 
 LogInfo SqliteView::infoOf(SqliteReading& reading, SqliteStatement& row, const Lately& counts) {
     LogInfo info{.log = row.integer(0), .key = keyOf(row)};
-    if (const auto found = counts.counts.find(info.log); found != counts.counts.end()) {
-        info.lately = found->second;
-    }
+    const auto found = counts.counts.find(info.log);
+    info.lately = found == counts.counts.end() ? TypeCounts{} : found->second;
     const auto generations = generationsOf(reading.database(), info.log);
     if (!generations.empty()) {
         info.generation = generations.front().number.generation;
@@ -239,9 +253,14 @@ LogInfo SqliteView::infoOf(SqliteReading& reading, SqliteStatement& row, const L
 Overview SqliteView::byName(SqliteReading& reading, const LogSearch& search, const Lately& counts) {
     Overview overview;
     SqliteStatement row(reading.database(),
-                        search.behind ? sqlite_sql::LOGS : sqlite_sql::FIRST_LOGS);
-    row.with(search.find, search.behind.value_or(0), S64_t{search.limit} + 1);
+                        search.behind ? sqlite_sql::LOGS : sqlite_sql::ALL_LOGS);
+    if (search.behind) {
+        row.with(*search.behind);
+    }
     while (row.step()) {
+        if (!isFound(row, search.find)) {
+            continue;
+        }
         if (overview.logs.size() == search.limit) {
             overview.next = overview.logs.back().log;
             break;
@@ -253,10 +272,8 @@ Overview SqliteView::byName(SqliteReading& reading, const LogSearch& search, con
 
 Overview SqliteView::worst(SqliteReading& reading, const LogSearch& search, const Lately& counts) {
     std::vector<std::tuple<U64_t, U64_t, S64_t>> order;
-    for (const auto& [log, types] : counts.counts) {
-        if (types[EMP_E_TYPE_ERROR] + types[EMP_E_TYPE_WARNING] > 0) {
-            order.emplace_back(types[EMP_E_TYPE_ERROR], types[EMP_E_TYPE_WARNING], -log);
-        }
+    for (const auto& [log, types] : counts.grave) {
+        order.emplace_back(types[EMP_E_TYPE_ERROR], types[EMP_E_TYPE_WARNING], -log);
     }
     std::ranges::sort(order, std::greater());
     Overview overview;
@@ -265,7 +282,7 @@ Overview SqliteView::worst(SqliteReading& reading, const LogSearch& search, cons
         if (overview.logs.size() == search.limit) {
             break;
         }
-        if (row.with(-negative, search.find).step()) {
+        if (row.with(-negative).step() && isFound(row, search.find)) {
             overview.logs.push_back(infoOf(reading, row, counts));
         }
     }
@@ -280,7 +297,7 @@ Overview SqliteView::logs(const LogSearch& search) {
     overview.known = static_cast<U64_t>(reading.database().number("SELECT count(*) FROM series"));
     overview.windowSeconds = counts->seconds;
     overview.lately.emplace();
-    for (const auto& [log, types] : counts->counts) {
+    for (const auto& [log, types] : counts->grave) {
         std::ranges::transform(types, *overview.lately, overview.lately->begin(), std::plus());
     }
     return overview;
@@ -290,7 +307,7 @@ LogDetail SqliteView::log(S64_t log) {
     constexpr std::size_t mostRuns = 500;
     SqliteReading reading(path_, patience_);
     SqliteStatement row(reading.database(), sqlite_sql::ONE_LOG);
-    if (!row.with(log, std::string()).step()) {
+    if (!row.with(log).step()) {
         throw Refusal(404, "the archive has no log " + std::to_string(log));
     }
     LogDetail detail{.info = infoOf(reading, row, *lately(reading))};

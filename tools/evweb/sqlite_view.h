@@ -63,21 +63,16 @@ constexpr char COUNT[] = "SELECT count(*) FROM events "
 
 /** When a row came, and what came behind it. */
 constexpr char RECEIVED[] = "SELECT received FROM events WHERE rowid >= ?1 ORDER BY rowid LIMIT 1";
-constexpr char LATELY[] = "SELECT series, type FROM events WHERE rowid >= ?1 ORDER BY rowid";
+constexpr char LATELY[] = "SELECT series, type, time FROM events "
+                          "WHERE rowid >= ?1 AND received >= ?2 AND own ORDER BY rowid";
 
-/** Logs by name, behind a log: what a name holds, that log. */
+/** Logs by name, behind a log. */
 constexpr char LOGS[] = "SELECT series, enclosure, blade, slot, instance FROM series "
                         "WHERE (enclosure, blade, slot, instance) > "
-                        "(SELECT enclosure, blade, slot, instance FROM series WHERE series = ?2) "
-                        "AND (?1 = '' OR instr(lower(enclosure), ?1) OR instr(lower(blade), ?1)) "
-                        "ORDER BY enclosure, blade, slot, instance LIMIT ?3";
-constexpr char FIRST_LOGS[] =
-    "SELECT series, enclosure, blade, slot, instance FROM series "
-    "WHERE (?1 = '' OR instr(lower(enclosure), ?1) OR instr(lower(blade), ?1)) AND ?2 = ?2 "
-    "ORDER BY enclosure, blade, slot, instance LIMIT ?3";
+                        "(SELECT enclosure, blade, slot, instance FROM series WHERE series = ?1) "
+                        "ORDER BY enclosure, blade, slot, instance";
 constexpr char ONE_LOG[] =
-    "SELECT series, enclosure, blade, slot, instance FROM series WHERE series = ?1 "
-    "AND (?2 = '' OR instr(lower(enclosure), ?2) OR instr(lower(blade), ?2))";
+    "SELECT series, enclosure, blade, slot, instance FROM series WHERE series = ?1";
 constexpr char ALL_LOGS[] = "SELECT series, enclosure, blade, slot, instance FROM series "
                             "ORDER BY enclosure, blade, slot, instance";
 constexpr char GENERATIONS[] =
@@ -127,8 +122,10 @@ class SqliteView final : public View {
     struct Lately {
         FileState state;
         S64_t lastRow = -1;
+        S64_t counted = 0; // when
         S64_t seconds = 0;
-        std::map<S64_t, TypeCounts> counts;
+        std::map<S64_t, TypeCounts> counts; // of what came
+        std::map<S64_t, TypeCounts> grave;  // warnings and errors of it that happened lately, too
     };
 
     Page searchLog(SqliteReading& reading, const Search& search, S64_t log);

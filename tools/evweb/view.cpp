@@ -1,6 +1,7 @@
 #include "view.h"
 
 #include "catalog/event_text.h"
+#include "common/text.h"
 #include "http.h"
 
 #include <algorithm>
@@ -13,6 +14,10 @@ constexpr std::size_t MOST_NUMBERS = 4;
 constexpr char BY_ID = 'i'; // generation, id
 
 } // namespace
+
+std::string shownName(std::string_view name) {
+    return tools::escapedUtf8(name);
+}
 
 std::string Position::text() const {
     std::string text(1, kind);

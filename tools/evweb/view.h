@@ -18,6 +18,10 @@ namespace evweb {
 using evarchive::StoredEvent;
 using Clock = std::chrono::steady_clock;
 
+/** A name of an enclosure or blade as it is shown, and asked for: as the tables of a PostgreSQL
+ * server have it. */
+std::string shownName(std::string_view name);
+
 /** A place in the order that events are listed in. */
 struct Position {
     char kind = 0;                ///< which order
@@ -45,7 +49,7 @@ struct IdPlace {
 
 /** Which events are wanted. */
 struct Search {
-    evctl::EventFilter filter{};
+    evctl::EventFilter filter{};       ///< its names as they are shown
     std::string text{};                ///< that the event's text holds; lower case, empty: any
     std::optional<S64_t> log{};        ///< only of this one
     std::optional<U32_t> generation{}; ///< of that log; else all
@@ -111,8 +115,8 @@ struct LogInfo {
     std::optional<S64_t> seen{};              ///< when the blade was last heard of
     std::optional<U64_t> missing{};           ///< ids between others; nothing: not counted in time
     std::optional<evarchive::IdRun> proven{}; ///< a run of ids that is known to have no hole
-    std::optional<U32_t> ringFirst{}; ///< the blade's oldest at its last handshake, if known
-    TypeCounts lately{};              ///< events of the window of the overview
+    std::optional<U32_t> ringFirst{};   ///< the blade's oldest at its last handshake, if known
+    std::optional<TypeCounts> lately{}; ///< of the overview's window; nothing: not counted in time
 };
 
 /** The id behind which a generation may have holes, given its first and last one. */
@@ -120,7 +124,7 @@ U32_t firstInDoubt(const std::optional<evarchive::IdRun>& proven, U32_t first, U
 
 /** Which logs are to be listed. */
 struct LogSearch {
-    std::string find{};            ///< what a name holds, lower case; empty: any
+    std::string find{};            ///< what a name holds as it is shown, lower case; empty: any
     std::optional<S64_t> behind{}; ///< the log of Overview::next
     U32_t limit = 100;
     bool isWorstFirst = false; ///< those with errors and warnings lately, most first; else by name

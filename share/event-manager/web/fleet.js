@@ -21,6 +21,7 @@ const COLUMNS = [
   { name: "generation", key: (log) => log.generation, isNumber: true },
 ];
 
+const NOT_COUNTED = { error: 0, warning: 0, information: 0, other: 0 };
 const events = (log) => log.lately.error + log.lately.warning + log.lately.information + log.lately.other;
 /** @param isDull whether there is no need to read it where room is scarce */
 const cell = (name, text, isBad = false, isDull = text === "0") => el("td", { class: `number${isBad ? " bad" : ""}${isDull ? " dull" : ""}`, "data-name": name }, text);
@@ -97,6 +98,7 @@ function nothing(list, given) {
 
 function draw(list, given) {
   const now = seconds(list.now);
+  for (const log of list.logs) log.lately ??= NOT_COUNTED;
   const hour = list.windowSeconds === 0 ? "lately (not counted in time)" : list.windowSeconds === 3600 ? "in the last hour" : `in the last ${span(list.windowSeconds)}`;
   const focused = document.activeElement?.closest("th") ? document.activeElement.textContent.replace(/ [↓↑]$/, "") : null;
   const redraw = (chosen) => draw(list, chosen);

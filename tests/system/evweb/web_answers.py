@@ -6,6 +6,7 @@ import json
 import pathlib
 import re
 import time
+from urllib.parse import quote
 
 from web_support import crash, event, wait_until
 
@@ -64,6 +65,52 @@ class Answers:
         self.assertEqual(found["lately"], {"error": 4, "warning": 4})
         self.assertEqual([log["blade"] for log in self.ask("logs?order=worst&find=lade")["logs"]], ["BLADE-1"])
         self.assertEqual(len(self.ask("logs?order=worst&limit=1")["logs"]), 1)
+
+    def test_one_log_has_had_lately_what_the_list_says(self):
+        for log in self.ask("logs")["logs"]:
+            self.assertEqual(self.ask(f"log?log={log['log']}")["lately"], log["lately"], log["blade"])
+            self.assertGreater(sum(log["lately"].values()), 0, log["blade"])
+
+    def came(self, blade, *events):
+        """Sends what goes after the test. Returns once it is listed."""
+        self.addCleanup(self.remove, blade)
+        self.archiver.send(list(events))
+        wait_until(lambda: any((log["blade"], log["lastId"]) == (blade, len(events)) for log in self.ask("logs")["logs"]), f"events of {blade}")
+
+    def test_the_last_hour_is_that_in_which_an_event_happened_and_came(self):
+        before = self.ask("logs?order=worst")["lately"]
+        self.came("AHEAD", *[event("AHEAD", number, seconds=NOW + 86400 * 400, kind=3) for number in range(1, 6)])
+        self.came("BEHIND", *[event("BEHIND", number, seconds=NOW - 86400 * 400, kind=3) for number in range(1, 6)])
+        worst = self.ask("logs?order=worst")
+        self.assertEqual([log["blade"] for log in worst["logs"]], ["AHEAD", HOSTILE, "BLADE-1"])
+        self.assertEqual(worst["lately"], {"error": before["error"] + 5, "warning": before["warning"]})
+        self.assertEqual(self.ask(f"log?log={self.log_of('BEHIND')}")["lately"]["error"], 5)
+        self.age("AHEAD", 3700)
+        self.came("LATER", event("LATER", 1, seconds=NOW))
+        worst = self.ask("logs?order=worst")
+        self.assertEqual(([log["blade"] for log in worst["logs"]], worst["lately"]), ([HOSTILE, "BLADE-1"], before))
+
+    def test_names_are_found_as_they_are_shown(self):
+        self.archiver.send([event(b"\xff\tB\\" + "É".encode(), 1, seconds=NOW, enclosure="Жук Té")])
+        blade, enclosure = "\\xFF\\x09B\\x5CÉ", "Жук Té"
+        for name in (f"blade={quote(blade)}", f"enclosure={quote(enclosure)}"):
+            found = wait_until(lambda: self.events(name), name)
+            self.assertEqual([(one["enclosureId"], one["bladeId"]) for one in found], [(enclosure, blade)])
+            csv_line = self.web.request(f"/api/v1/export?form=csv&{name}")[2].decode().splitlines()[1]
+            self.assertIn(f",{enclosure},{blade},", csv_line)
+        for part in ("Жук", "té", "\\xff", "\\X5c", "É", "b\\x5CÉ", blade, enclosure):
+            self.assertEqual([(log["enclosure"], log["blade"]) for log in self.ask(f"logs?find={quote(part)}")["logs"]
+                              if "Ж" in log["enclosure"]], [(enclosure, blade)], part)
+        self.assertEqual([self.ask(f"logs?find={quote(part)}")["logs"] for part in ("жук", "TÉ")], [[], []])
+        self.remove(enclosure, "enclosure")
+
+    def test_bytes_that_are_no_utf8_are_a_bad_request(self):
+        for value in ("%ff", "%c2", "%c3(", "%ed%a0%80", "%c0%80", "%f5%80%80%80", "a%00b"):
+            for question in ("logs?find=", "events?text=", "events?blade=", "events?enclosure=", "events?category=", "events?source=", "events?type=",
+                             "events?id=", "events?since=", "events?before=", "tail?text=", f"timeline?since=@{NOW}&text=", "export?form=csv&blade="):
+                with self.subTest(question + value):
+                    name = question.rstrip("=").rpartition("&")[2].rpartition("?")[2]
+                    self.assertRegex(self.ask(question + value, status=400)["error"], f"^{name}: (no UTF-8|a NUL)")
 
     def test_overview_finds_by_a_part_of_the_name(self):
         self.assertEqual([log["blade"] for log in self.ask("logs?find=lade-1")["logs"]], ["BLADE-1"])
@@ -189,6 +236,8 @@ class Answers:
                 self.assertEqual(names(self.ask(question)) - known, set())
 
     def test_what_is_no_question_gets_a_400_that_says_why(self):
+        for name in ("since", "until", "type"):
+            self.assertRegex(self.ask(f"events?{name}=bogus", status=400)["error"], f"^{name}: .*'?bogus")
         for question, word in (("events?type=bogus", "bogus"), ("events?foo=1", "foo"), ("events?since=someday", "someday"),
                                ("events?limit=0", "limit"), ("events?limit=501", "501"), ("events?before=x", "before"),
                                ("events?seq=9:3", "9:3"), ("events?generation=1", "generation"), ("events?limit=5&limit=6", "limit"),

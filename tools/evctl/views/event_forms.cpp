@@ -73,7 +73,7 @@ std::string csvHeader() {
     return CSV_HEADER;
 }
 
-std::string csvLine(const EventView& event, const std::string& from) {
+std::string csvLine(const EventView& event, const std::string& from, NameText nameText) {
     const EmpEvLogHeader_t& header = *event.header;
     std::string line = std::to_string(U32_t{header.evSequenceId});
     for (const std::string& field : {
@@ -84,8 +84,8 @@ std::string csvLine(const EventView& event, const std::string& from) {
              tools::categoryNames.brief(header.evCategory),
              nameOrNumber(header),
              std::to_string(header.evIdVersion),
-             escapedText(header.evEnclosureId),
-             escapedText(header.evBladeId),
+             nameText(std::span(header.evEnclosureId)),
+             nameText(std::span(header.evBladeId)),
              std::to_string(U32_t{header.evSlotId}),
              std::to_string(event.data.size()),
              catalog::eventText(event).value_or(""),

@@ -14,8 +14,12 @@ namespace evctl {
 /** The line of names above events as comma-separated values (RFC 4180, but lines end in LF). */
 std::string csvHeader();
 
+/** What becomes of a name of the header. */
+using NameText = std::string (*)(std::span<const U8_t> field);
+
 /** The event as such a line. @param from the name of its source */
-std::string csvLine(const EventView& event, const std::string& from);
+std::string csvLine(const EventView& event, const std::string& from,
+                    NameText nameText = escapedText);
 
 /** The event as a syslog message (RFC 5424) of facility local0, one line: the time is the event's,
  * the host is its blade, the application its source. */
