@@ -202,10 +202,21 @@ void addRun(const PgRows& rows, int row, GenerationView& view) {
                                static_cast<U32_t>(rows.integer(row, 1))};
     view.runs.push_back(run);
     view.events += U64_t{run.last} - run.first + 1;
-    view.firstTime =
-        std::min(view.firstTime.value_or(UINT32_MAX), static_cast<U32_t>(rows.time(row, 2)));
-    view.lastTime = std::max(view.lastTime.value_or(0), static_cast<U32_t>(rows.time(row, 3)));
-    view.lastReceived = std::max(view.lastReceived.value_or(0), rows.time(row, 4));
+}
+
+void addEnds(PgConnection& connection, GenerationView& view) {
+    const std::string some = "(SELECT time, received FROM event_list WHERE log = ";
+    PgQuestion question("SELECT f.time, l.time, l.received FROM ");
+    question.integer(some, view.info.number.series)
+        .integer(" AND generation = ", view.info.number.generation, " ORDER BY id LIMIT 1) f, ")
+        .integer(some, view.info.number.series)
+        .integer(" AND generation = ", view.info.number.generation, " ORDER BY id DESC LIMIT 1) l");
+    const PgRows rows = question.ask(connection);
+    if (rows.count() > 0) {
+        view.firstTime = static_cast<U32_t>(rows.time(0, 0));
+        view.lastTime = static_cast<U32_t>(rows.time(0, 1));
+        view.lastReceived = rows.time(0, 2);
+    }
 }
 
 GenerationView generationOf(PgConnection& connection, Clock::time_point deadline,
@@ -214,8 +225,8 @@ GenerationView generationOf(PgConnection& connection, Clock::time_point deadline
     view.info.number = {info.log, generation};
     view.info.opened = generation == info.generation ? info.opened : -1;
     view.info.duplicates = generation == info.generation ? info.duplicates : 0;
-    PgQuestion question("SELECT min(id), max(id), min(time), max(time), max(received) FROM "
-                        "(SELECT id, time, received, id - row_number() OVER (ORDER BY id) AS hole "
+    PgQuestion question("SELECT min(id), max(id) FROM "
+                        "(SELECT id, id - row_number() OVER (ORDER BY id) AS hole "
                         "FROM event_list WHERE ");
     question.integer("log = ", info.log)
         .integer(" AND generation = ", generation)
@@ -228,6 +239,7 @@ GenerationView generationOf(PgConnection& connection, Clock::time_point deadline
         }
     });
     view.isCut = view.isCut || !isAsked;
+    inTime(deadline, [&] { addEnds(connection, view); });
     return view;
 }
 

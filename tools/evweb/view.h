@@ -143,9 +143,9 @@ struct GenerationView {
     evarchive::GenerationInfo info{};
     std::vector<evarchive::IdRun> runs{}; ///< ascending
     U64_t events = 0;
-    bool isCut = false; ///< ids behind the last run were not looked at
-    std::optional<U32_t> firstTime{}, lastTime{};
-    std::optional<S64_t> lastReceived{};
+    bool isCut = false;                           ///< ids behind the last run were not looked at
+    std::optional<U32_t> firstTime{}, lastTime{}; ///< of the lowest and of the highest id
+    std::optional<S64_t> lastReceived{};          ///< of the highest id
 };
 
 struct LogDetail {

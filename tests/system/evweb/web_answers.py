@@ -155,10 +155,13 @@ class Answers:
         self.assertEqual((len(seen), len(set(seen))), (50, 50))
 
     def test_ids_that_are_missing_are_counted(self):
-        self.archiver.send([event("HOLES", number, seconds=NOW) for number in (3, 4, 6, 9, 10)])
+        self.archiver.send([event("HOLES", number, seconds=NOW - abs(number - 6)) for number in (3, 4, 6, 9, 10)])
         log = wait_until(lambda: next((log for log in self.ask("logs?find=holes")["logs"] if log["lastId"] == 10), None), "five events")
         self.assertEqual((log["firstId"], log["missing"]), (3, 3))
-        self.assertEqual(self.ask(f"log?log={log['log']}")["generations"][0]["runs"], [[3, 4], [6, 6], [9, 10]])
+        generation = self.ask(f"log?log={log['log']}")["generations"][0]
+        self.assertEqual(generation["runs"], [[3, 4], [6, 6], [9, 10]])
+        self.assertEqual([generation[end] for end in ("firstTime", "lastTime")],
+                         [time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(NOW - back)) for back in (3, 4)])
         self.remove("HOLES")
 
     def test_text_is_found_whatever_its_case(self):
