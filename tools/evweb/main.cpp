@@ -34,6 +34,7 @@ void run(const evweb::Options& options) {
     evweb::ServerSettings settings;
     settings.listen = options.listen;
     settings.connections = options.connections;
+    settings.perHost = options.perHost;
     settings.lifetime = options.site.exportTime + std::chrono::seconds(60);
     settings.answer = [&site](const evweb::Request& request) { return site.answer(request); };
     settings.say = [](const std::string& line) { tools::say(line); };

@@ -58,6 +58,9 @@ void addLimits(CLI::App& app, Options& options, Raw& raw) {
                    "Connections at a time; further ones are refused")
         ->check(CLI::Range(1, 1000))
         ->capture_default_str();
+    app.add_option("--per-host", options.perHost,
+                   "Of these from one address other than this host's; half of them if not given")
+        ->check(CLI::Range(1, 1000));
     app.add_option("--query-time", raw.patience,
                    "Seconds after which a question to the archive ends with what there is")
         ->check(CLI::Range(1, 60))
@@ -84,6 +87,7 @@ std::set<std::string> hostsOf(const Options& options, const Raw& raw) {
 
 void finish(Options& options, const Raw& raw) {
     options.listen = listenPlaceOf(raw.listen);
+    options.perHost = options.perHost > 0 ? options.perHost : (options.connections + 1) / 2;
     options.patience = std::chrono::seconds(raw.patience);
     options.site.exportTime = std::chrono::seconds(raw.exportTime);
     if (!raw.tokenFile.empty()) {

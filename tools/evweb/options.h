@@ -17,6 +17,7 @@ struct Options {
     ListenPlace listen;
     SiteSettings site;
     unsigned connections = 64;
+    unsigned perHost = 0;                     ///< of them from one address
     std::chrono::milliseconds patience{2000}; ///< of a question to the archive
 };
 

@@ -1,5 +1,6 @@
 #include "server.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
 #include <csignal>
@@ -301,16 +302,16 @@ class Connections {
         }
     }
 
-    void take(int descriptor, std::string name) {
+    void take(int descriptor, const std::string& name) {
         std::erase_if(all_, [](const Connection& connection) { return connection.isOver.load(); });
-        if (all_.size() >= settings_.connections) {
+        if (all_.size() >= settings_.connections || isTooMuchOf(name)) {
             const Descriptor refused(descriptor);
             send(descriptor, TOO_MANY, sizeof(TOO_MANY) - 1, MSG_DONTWAIT | MSG_NOSIGNAL);
             return;
         }
-        Connection& connection = all_.emplace_back(descriptor);
-        connection.thread = std::jthread([this, &connection, name = std::move(name)] {
-            Peer peer(connection.socket.number(), name, settings_);
+        Connection& connection = all_.emplace_back(descriptor, name);
+        connection.thread = std::jthread([this, &connection] {
+            Peer peer(connection.socket.number(), connection.name, settings_);
             protocol_.serve(peer);
             shutdown(connection.socket.number(), SHUT_RDWR);
             connection.isOver = true;
@@ -319,11 +320,18 @@ class Connections {
 
   private:
     struct Connection {
-        explicit Connection(int descriptor) : socket(descriptor) {}
+        Connection(int descriptor, std::string from) : socket(descriptor), name(std::move(from)) {}
         Descriptor socket;
+        std::string name; // of the peer
         std::atomic<bool> isOver = false;
         std::jthread thread; // ends before the socket is closed
     };
+
+    /** A proxy on this host speaks for many. */
+    bool isTooMuchOf(const std::string& name) const {
+        return name != LOCAL &&
+               std::ranges::count(all_, name, &Connection::name) >= settings_.perHost;
+    }
 
     Protocol& protocol_;
     const ServerSettings& settings_;

@@ -27,6 +27,7 @@ ListenPlace listenPlaceOf(const std::string& text);
 struct ServerSettings {
     ListenPlace listen;
     unsigned connections = 64;                  ///< at a time; further ones are refused
+    unsigned perHost = 32;                      ///< of them from one address, but not this host's
     std::chrono::seconds lifetime{120};         ///< of a connection, however slowly it is read
     std::chrono::milliseconds sendTime{10'000}; ///< for the next bytes of an answer to be taken
     std::function<Response(const Request&)> answer;

@@ -109,6 +109,37 @@ class SqliteTest(Answers, unittest.TestCase):
             link.close()
         wait_until(lambda: web.request("/")[0] == 200, "room for a connection")
 
+    @unittest.skipUnless(support.NETWORK, "no network of its own can be made here")
+    def test_one_host_cannot_have_all_connections(self):
+        tokens = pathlib.Path(self.directory.name) / "hosts"
+        tokens.write_text("correct-horse-battery\n")
+        tokens.chmod(0o600)
+        web = support.FarWeb(PROGRAMS, self.database, "--connections", "4", "--token-file", str(tokens))
+        self.addCleanup(web.end)
+
+        def answers(host, count):
+            """To so many that ask at the same time."""
+            links = [web.link(host) for _ in range(count)]
+            try:
+                for link in links:
+                    link.sendall(b"GET / HTTP/1.1\r\nHost: a\r\n\r\n")
+                return [link.recv(12)[9:] for link in links]
+            except ConnectionError:
+                return []
+            finally:
+                for link in links:
+                    link.close()
+
+        slow = [web.link("192.0.2.1") for _ in range(3)]
+        self.assertEqual(slow[2].recv(12)[9:], b"503")
+        slow[0].sendall(b"GET / HT")
+        self.assertEqual(answers("192.0.2.2", 2), [b"401", b"401"])
+        slow[0].close()
+        wait_until(lambda: answers("192.0.2.1", 1) == [b"401"], "room for the host's next one")
+        slow[1].close()
+        slow[2].close()
+        wait_until(lambda: answers("127.0.0.1", 4) == [b"401"] * 4, "all connections for this host")
+
     def test_tokens_let_in(self):
         tokens = pathlib.Path(self.directory.name) / "tokens"
         tokens.write_text("# those of the night shift\ncorrect-horse-battery\n")

@@ -1,5 +1,6 @@
 """Programs, archives and a browser for the tests of the page."""
 
+import ctypes
 import http.client
 import json
 import os
@@ -166,6 +167,34 @@ class Web(Program):
     def ask(self, question):
         status, _, body = self.request(f"/api/v1/{question}")
         return status, json.loads(body)
+
+
+def network(statement):
+    """A command that carries out another one in a network of its own, with the addresses 192.0.2.1 and 192.0.2.2."""
+    ways = "ip link set lo up && ip addr add 192.0.2.1/32 dev lo && ip addr add 192.0.2.2/32 dev lo"
+    return ["unshare", "--net", "sh", "-c", f"{ways} && exec \"$@\"", "sh", *statement]
+
+
+NETWORK = shutil.which("unshare") is not None and shutil.which("ip") is not None and \
+    subprocess.run(network(["true"]), capture_output=True, timeout=DEADLINE).returncode == 0
+
+
+class FarWeb(Program):
+    """The server of the pages in a network of its own, to which links come from several hosts."""
+
+    def __init__(self, programs, database, *arguments):
+        super().__init__(network([f"{programs}/evweb", "--db", database, "--listen", "0.0.0.0:0", *arguments]))
+
+    def link(self, host):
+        """A link from that address to itself."""
+        enter = ctypes.CDLL(None, use_errno=True).setns
+        with open("/proc/self/ns/net") as ours, open(f"/proc/{self.process.pid}/ns/net") as theirs:
+            if enter(theirs.fileno(), 0) != 0:
+                raise OSError(ctypes.get_errno(), "setns")
+            try:
+                return socket.create_connection((host, int(self.place.rpartition(":")[2])), timeout=DEADLINE)
+            finally:
+                enter(ours.fileno(), 0)
 
 
 class Browser:
