@@ -176,6 +176,13 @@ TEST(CommandLine, CompletionKnowsTheNamesOfIds) {
     EXPECT_THAT(startup, testing::Not(testing::Contains("dummy")));
     EXPECT_THAT(completed("log --id", ""), testing::IsEmpty()); // snmp's have no names
     EXPECT_THAT(completed("walk --key 0x7ffffff1 --slot", ""), testing::IsEmpty());
+    EXPECT_EQ(run({"complete", "--words=file list --id"}).status, 0);
+    EXPECT_EQ(run({"complete", "--words=log --id"}).status, 1);
+}
+
+TEST(CommandLine, CompletionKnowsTheVerdictsBehindExplainOnly) {
+    EXPECT_THAT(run({"complete", "--words=explain"}).output, HasSubstr("wrapped"));
+    EXPECT_EQ(run({"complete", "--words=file explain"}).output, "");
 }
 
 TEST(CommandLine, HelpSaysOfWhichOptionsOneIsNeeded) {
@@ -407,6 +414,16 @@ TEST(CommandLine, AelListTakesTheDirectoryThatTheEventManagerWorksIn) {
     EXPECT_EQ(run({"ael", "list", home.path()}).status, 1);
     EXPECT_THAT(run({"ael", "list", home.file("aelfiles")}).output,
                 testing::HasSubstr("notes  deleted: not the name"));
+}
+
+TEST(CommandLine, AelListTakesADirectoryOfThatNameForNoHomeWhateverIsInIt) {
+    support::TempDirectory home;
+    home.makeDirectory("aelfiles");
+    support::writeFile(home.file("aelfiles/kelta_eventlog"), "of somebody");
+    for (const char* name : {"aelfiles", "aelfiles/"}) {
+        EXPECT_THAT(run({"ael", "list", home.file(name)}).output,
+                    testing::HasSubstr("kelta_eventlog  deleted: not the name"));
+    }
 }
 
 TEST(CommandLine, CatalogCheckNamesFilePlaceAndReason) {

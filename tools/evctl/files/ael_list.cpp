@@ -64,7 +64,8 @@ bool isHome(const std::string& path) {
 
 /** What the next start finds; in the event manager's own directory nothing else is looked at. */
 std::vector<AelFile> filesInDirectory(const std::string& path) {
-    if (!isHome(path) || std::filesystem::path(path).filename() == &EMP_AEL_DIRECTORY_NAME[1]) {
+    const std::filesystem::path named = (std::filesystem::path(path) / "").parent_path();
+    if (!isHome(path) || named.filename() == &EMP_AEL_DIRECTORY_NAME[1]) {
         return sources::readAelDirectory(path);
     }
     if (isDirectory(path + EMP_AEL_DIRECTORY_NAME)) {
