@@ -251,6 +251,34 @@ TEST_F(Follow, WhatCannotBeRefilledStaysAGap) {
     EXPECT_NE(evctl.output().find("gap: 8 to 9\n        10  "), std::string::npos);
 }
 
+TEST_F(Follow, WhatLiesBehindAGapDoesNotFillIt) {
+    support::MmsgListener asked(directory_.file("snmp"));
+    support::Process evctl = start({"--count", "2", "--refill"});
+    support::MmsgClient peer = listener_.accept();
+    peer.send(eventCopy(5, 2, ""));
+    peer.send(eventCopy(10, 2, ""));
+    support::MmsgClient inquiries = asked.accept();
+    answerIdentity(inquiries, eventBody(12));
+    answerNext(inquiries, 5, eventBody(12));
+    EXPECT_EQ(evctl.wait(), support::exitedWith(1));
+    EXPECT_NE(evctl.output().find("gap: 6 to 9\n        10  "), std::string::npos);
+}
+
+TEST_F(Follow, GapOfAnotherSlotIsNotAskedFor) {
+    support::MmsgListener asked(directory_.file("snmp"));
+    support::Process evctl = start({"--count", "2", "--refill"});
+    support::MmsgClient peer = listener_.accept();
+    for (U8_t id : {U8_t{5}, U8_t{8}}) {
+        Bytes copy = eventCopy(id, 2, "");
+        copy[64 + 131] = 3;
+        peer.send(copy);
+    }
+    support::MmsgClient inquiries = asked.accept();
+    answerIdentity(inquiries, eventBody(8));
+    EXPECT_EQ(evctl.wait(), support::exitedWith(1));
+    EXPECT_NE(evctl.output().find("gap: 6 to 7\n         8  "), std::string::npos);
+}
+
 /** The ids that lines begin with. */
 std::vector<int> idsOf(const std::string& output) {
     std::vector<int> ids;

@@ -134,13 +134,21 @@ TEST_F(OnATerminal, APagerThatCannotBeRunIsSaidAndDoneWithout) {
 
 TEST_F(OnATerminal, APagerThatTurnsOutNotToRunIsAFailure) {
     std::string cursor = directory_.file("cursor");
-    Terminal terminal(
-        support::commandOf("evctl", {"file", "list", log_, "-n", "1", "--cursor-file", cursor}),
-        100, withTerm({{"EVCTL_PAGER", "exec '/nonexistent/pager'"}}));
-    Ending ending;
-    EXPECT_THAT(terminal.wait(&ending), HasSubstr("so nothing was shown; --no-pager shows it\r\n"));
-    EXPECT_EQ(ending, exitedWith(2));
-    EXPECT_NE(access(cursor.c_str(), F_OK), 0); // the events come again
+    for (const char* pager : {"exec '/nonexistent/pager'", "exec '/'"}) {
+        Terminal terminal(
+            support::commandOf("evctl", {"file", "list", log_, "-n", "1", "--cursor-file", cursor}),
+            100, withTerm({{"EVCTL_PAGER", pager}}));
+        Ending ending;
+        EXPECT_THAT(terminal.wait(&ending),
+                    HasSubstr("so nothing was shown; --no-pager shows it\r\n"));
+        EXPECT_EQ(ending, exitedWith(2));
+        EXPECT_NE(access(cursor.c_str(), F_OK), 0); // the events come again
+    }
+}
+
+TEST_F(OnATerminal, OptionsThatTheUserHasSetForLessAreKept) {
+    EXPECT_EQ(list({}, {{"EVCTL_PAGER", "echo \"$LESS\""}}), "FRSXMK\r\n");
+    EXPECT_EQ(list({}, {{"EVCTL_PAGER", "echo \"$LESS\""}, {"LESS", "-X"}}), "-X\r\n");
 }
 
 TEST_F(OnATerminal, TheInterruptKeyIsThePagers) {

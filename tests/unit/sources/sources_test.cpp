@@ -270,6 +270,23 @@ TEST(Merge, MarksWhatAnotherSourceHasGivenAlready) {
     EXPECT_EQ(doubles, "-d---d"); // 1, its double, that of another slot; 2, another 2, the double
 }
 
+// Among millions of events some have the same checksum by chance.
+TEST(Merge, EventsOfOneChecksumAreTwoByIdSlotOrTime) {
+    const std::string one = test::record({.id = 1, .time = 100}, "xxxx");
+    for (const std::string& other :
+         {test::record({.id = 2, .time = 100}, "\xD7\x30\x0E\x29"),
+          test::record({.slot = 3, .id = 1, .time = 100}, "\x95\x05\x72\x75"),
+          test::record({.id = 1, .time = 101}, "\x30\xAE\x46\x8C")}) {
+        ASSERT_EQ(one.substr(4, 4), other.substr(4, 4));
+        Sources several;
+        several.push_back(sources::logSource({}, test::imageOf(one)));
+        several.push_back(sources::logSource({}, test::imageOf(other)));
+        Merge merge(std::move(several));
+        EXPECT_FALSE(merge.next()->isDouble);
+        EXPECT_FALSE(merge.next()->isDouble);
+    }
+}
+
 TEST(Merge, WhatOneSourceGivesTwiceIsNoDouble) {
     std::string one = test::record({.id = 1, .time = 100}, "x");
     Sources several;

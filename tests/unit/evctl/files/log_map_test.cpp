@@ -106,7 +106,7 @@ TEST(LogMap, JsonHasTheSameCellsAndPositionsForPrograms) {
     log.raw(event(1000, 1, 1840));
     log.raw(event(1001, 2, 1840));
     log.raw(std::string(4077, 'g'));
-    log.raw(event(500, 3, 1840));
+    log.raw(event(500, 3, 1840, 30 * 24 * 3600));
     log.dummy();
     log.zerosTo();
     support::TempDirectory directory;
@@ -122,7 +122,7 @@ TEST(LogMap, JsonHasTheSameCellsAndPositionsForPrograms) {
     EXPECT_EQ(json["rows"].size(), 25U);
     EXPECT_EQ(json["dummyEntry"], 10'077);
     EXPECT_EQ(json["rows"][0]["cells"], "IIWW~~~~eee" + std::string(53, '='));
-    EXPECT_EQ(json["rows"][0]["ages"], "0000~~~~000" + std::string(53, '='));
+    EXPECT_EQ(json["rows"][0]["ages"], "0000~~~~555" + std::string(53, '='));
     EXPECT_EQ(json["rows"][0]["newest"]["lastSequenceId"], 1001);
     EXPECT_EQ(json["rows"][0]["oldest"]["firstSequenceId"], 500);
     EXPECT_EQ(json["rows"][24]["offset"], 1'536'000);
@@ -145,6 +145,14 @@ TEST(LogMap, CellShowsTheWorstThatIsInIt) {
     log.dummy();
     log.zerosTo();
     EXPECT_EQ(rowOf(mapOfBytes(log.bytes), 0).substr(0, 2), "EW");
+}
+
+TEST(LogMap, WithoutADummyEntryAllBehindTheLastRecordIsUnused) {
+    test::LogImage log;
+    log.events(0, 10);
+    log.zerosTo();
+    std::string cells = rowOf(mapOfBytes(log.bytes), 0);
+    EXPECT_EQ(cells.substr(0, 2) + cells.substr(3), "WW" + std::string(61, '=')) << cells;
 }
 
 TEST(LogMap, CellOfAGapAndUnusedSpaceIsAGap) {

@@ -230,14 +230,14 @@ TEST(Cursors, AlternateEventsAreWantedAlwaysForTheyHaveNoOrder) {
 
 TEST(Cursors, ADamagedCopyIsNotItsLog) {
     Cursor cursor = behind(place(sources::Kind::DAMAGED_COPY, {1, 2, 3}));
-    EXPECT_EQ(wanted(cursor, place(sources::Kind::LOG, {1, 2})), (Ids{1, 2}));
+    EXPECT_EQ(wanted(cursor, place(sources::Kind::LOG, {1, 2, 3, 4})), (Ids{1, 2, 3, 4}));
     EXPECT_EQ(wanted(cursor, place(sources::Kind::DAMAGED_COPY, {1, 2, 3, 4})), Ids{4});
 }
 
 TEST(Cursors, NamesDoNotRunIntoEachOther) {
     Cursor cursor = behind(place(sources::Kind::LOG, {3}, {.enclosure = "AB", .blade = "C"}));
-    auto other = place(sources::Kind::LOG, {1}, {.enclosure = "A", .blade = "BC"});
-    EXPECT_EQ(wanted(cursor, std::move(other)), Ids{1});
+    auto other = place(sources::Kind::LOG, {3, 4}, {.enclosure = "A", .blade = "BC"});
+    EXPECT_EQ(wanted(cursor, std::move(other)), (Ids{3, 4}));
 }
 
 TEST(Cursors, AnOlderStateOfTheSameSecondHasNotBegunAgain) {

@@ -67,6 +67,12 @@ TEST(EventFilter, NamesOfIdsAreThoseOfTheirSource) {
     EXPECT_FALSE(shows({"--id", "5"}, event(7, 18, 2, 4, 4)));
 }
 
+TEST(EventFilter, SeveralNamesOfIdsAreAlternatives) {
+    EXPECT_TRUE(shows({"--id", "signal,dummy"}, event(7, 18, 2, 4, 4)));
+    EXPECT_TRUE(shows({"--id", "signal,dummy"}, event(7, 27, 1, 2, 1)));
+    EXPECT_FALSE(shows({"--id", "signal,dummy"}, event(7, 18, 2, 4, 1)));
+}
+
 TEST(EventFilter, ANameOfSeveralIdsMeansAllOfThem) {
     for (U16_t id : std::vector<U16_t>{15, 16, 34}) {
         EXPECT_TRUE(shows({"--id", "bugcheck_entry_database"}, event(7, 27, 3, 1, id))) << id;

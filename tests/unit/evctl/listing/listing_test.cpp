@@ -224,6 +224,21 @@ TEST_F(Listings, CursorGoesOnWhereTheLastListingEnded) {
     EXPECT_EQ(list({path, "--after-cursor", cursor, "--cursor", cursor}).status, 2);
 }
 
+TEST_F(Listings, CursorStandsBesideFormsThatHoldOnlyEvents) {
+    std::string path = put("log", 1, 3, 1000);
+    for (const char* form : {"csv", "syslog"}) {
+        Said said = list({path, "-o", form, "--show-cursor"});
+        EXPECT_EQ(said.output, list({path, "-o", form}).output);
+        EXPECT_EQ(said.errors, "-- cursor: " + cursorOf({path}) + "\n");
+    }
+}
+
+TEST_F(Listings, WithoutATerminalThereIsNoPager) {
+    std::string path = put("log", 1, 3, 1000);
+    setenv("EVCTL_PAGER", "sed s/^/P:/", 1);
+    EXPECT_EQ(ids({path}), "1 2 3");
+}
+
 TEST_F(Listings, CursorThatIsNotInTheLogIsSaidAndNothingIsPassedOver) {
     std::string cursor = cursorOf({put("log", 1, 3, 5000)});
     std::string rebuilt = put("log", 0, 2, 1000); // its clock was set back

@@ -1,5 +1,6 @@
 #include "evctl/views/event_json.h"
 #include "evctl/views/event_view.h"
+#include "evctl/views/pager.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -104,6 +105,13 @@ TEST(EventView, TextsAreEscaped) {
     EXPECT_EQ(evctl::escapedText({}), "");
     const U8_t text[] = {'a', 0x1B, '\\', 0x80, 0xFF, '~', 0, 'x'};
     EXPECT_EQ(evctl::escapedText(text), "a\\x1B\\x5C\\x80\\xFF~");
+}
+
+TEST(EventView, AnOptionOfLessThatEndsInATextShowsNoColours) {
+    EXPECT_TRUE(evctl::pagerCommandOf("less", "-XR").showsColours);
+    EXPECT_TRUE(evctl::pagerCommandOf("less -r", "-X").showsColours);
+    EXPECT_FALSE(evctl::pagerCommandOf("less", "-XPR").showsColours); // a prompt "R"
+    EXPECT_FALSE(evctl::pagerCommandOf("less -Dr", "-X").showsColours);
 }
 
 TEST(EventView, HexDumpHasLinesOf16) {
