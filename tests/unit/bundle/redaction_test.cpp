@@ -103,6 +103,8 @@ TEST_F(Support, RedactedKeepsOnlyKnownMessagesOfBugChecksAndNothingBehindTheirEn
     add(1, bugcheck("main", "Linux select function fails"));
     add(2, bugcheck("secret", "Linux select function fails"));
     add(3, bugcheck("main", "secret"));
+    log.raw(test::record({.id = 4, .source = 18, .eventId = 11},
+                         bugcheck("main", "Linux select function fails"))); // anybody's data
     log.bytes[200 + 3] = 's'; // the reserved byte of record 1, which no checksum covers
     log.dummy();
     log.zerosTo();
@@ -112,7 +114,7 @@ TEST_F(Support, RedactedKeepsOnlyKnownMessagesOfBugChecksAndNothingBehindTheirEn
     EXPECT_THAT(shown, Not(HasSubstr("secret")));
     EXPECT_EQ(shown[203], '\0');
     test::Walked walked = test::walk(shown);
-    ASSERT_EQ(walked.records.size(), 4U);
+    ASSERT_EQ(walked.records.size(), 5U);
     auto bodyOf = [&](size_t place) {
         std::span<const U8_t> body = walked.records[place].body;
         return std::string(body.begin(), body.end());
@@ -121,6 +123,7 @@ TEST_F(Support, RedactedKeepsOnlyKnownMessagesOfBugChecksAndNothingBehindTheirEn
                              padded("Linux select function fails", ""));
     EXPECT_EQ(bodyOf(2), std::string(196, '\0'));
     EXPECT_EQ(bodyOf(3), std::string(196, '\0'));
+    EXPECT_EQ(bodyOf(4), std::string(196, '\0'));
     EXPECT_THAT(members_["support/crashes.txt"], HasSubstr("Linux select function fails"));
 }
 
@@ -148,6 +151,14 @@ TEST_F(Support, RedactedBugCheckIsSaidToBeAndNotShownAsIfItWereRead) {
                 HasSubstr(R"("redacted":true)"));
     EXPECT_THAT(test::run({"file", "crash", directory_.file("nvram"), "--json"}).output,
                 HasSubstr(R"("redacted":false)"));
+}
+
+TEST(Redaction, AnEnclosureAndABladeOfOneNameGetNamesOfTheirKinds) {
+    const std::string bytes = test::record({.enclosure = "X", .blade = "X"}, "");
+    const std::vector<U8_t> record =
+        evctl::Redaction().record({reinterpret_cast<const U8_t*>(bytes.data()), bytes.size()});
+    EXPECT_EQ(std::string(record.begin() + 8, record.begin() + 136),
+              test::text64("ENCLOSURE-1") + test::text64("BLADE-2"));
 }
 
 TEST(Redaction, StateOfTheLinkAndWordsForTheProductStay) {

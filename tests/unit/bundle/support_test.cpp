@@ -35,6 +35,15 @@ TEST_F(Support, HoldsWhatIsThere) {
 
 namespace {
 
+std::string soundLog() {
+    test::LogImage log;
+    log.firstEntry();
+    log.events(1, 3);
+    log.dummy();
+    log.zerosTo();
+    return log.bytes;
+}
+
 /** A parameter block in shared memory of its own. */
 class SupportOfABlade : public Support {
   protected:
@@ -71,12 +80,7 @@ TEST_F(SupportOfABlade, TheOnlyOneThatRunsIsMeantAndItsIdentityJudgesTheLog) {
     if (!isAlone_) {
         GTEST_SKIP() << "no namespaces";
     }
-    test::LogImage sound;
-    sound.firstEntry();
-    sound.events(1, 3);
-    sound.dummy();
-    sound.zerosTo();
-    write("nvram/kelta_eventlog", sound.bytes);
+    write("nvram/kelta_eventlog", soundLog());
     write("emp.log", "said by the event manager");
     write("emp.log.1", "said before");
     std::filesystem::create_symlink(directory_.file("nvram/kelta_eventlog"),
@@ -99,6 +103,8 @@ TEST_F(SupportOfABlade, TheOnlyOneThatRunsIsMeantAndItsIdentityJudgesTheLog) {
     EXPECT_THAT(test::run({"file", "info", bundlePath()}).output, HasSubstr("foreign"));
     std::filesystem::remove(bundlePath());
     pack({}, {"--redact"});
+    EXPECT_THAT(members_["support/predict.json"],
+                HasSubstr(R"("judgedFor":{"enclosureId":"redacted","slotId":2})"));
     EXPECT_THAT(test::run({"file", "predict", bundlePath(), "--json"}).output,
                 HasSubstr(R"("judgedFor":null,"verdict":"unwrapped")"));
     std::filesystem::remove(bundlePath());
@@ -112,13 +118,8 @@ TEST_F(SupportOfABlade, ALogIsJudgedForTheBladeOfTheKeyThatIsGiven) {
     if (!isAlone_) {
         GTEST_SKIP() << "no namespaces";
     }
-    test::LogImage sound;
-    sound.firstEntry();
-    sound.events(1, 3);
-    sound.dummy();
-    sound.zerosTo();
     const std::string log = directory_.file("nvram/kelta_eventlog");
-    support::writeFile(log, sound.bytes);
+    support::writeFile(log, soundLog());
     Said said = test::run({"file", "predict", log, "--json"});
     EXPECT_EQ(said.status, 0) << said.errors;
     EXPECT_THAT(said.output, HasSubstr(R"("judgedFor":null,"verdict":"unwrapped")"));
@@ -135,7 +136,7 @@ TEST_F(SupportOfABlade, ALogIsJudgedForTheBladeOfTheKeyThatIsGiven) {
         HasSubstr("excludes"));
     setenv("EVCTL_KEY", "0x1234", 1);
     EXPECT_THAT(test::run({"file", "predict", log, "--json"}).output, HasSubstr(foreign));
-    support::writeFile(directory_.file("sent"), sound.bytes);
+    support::writeFile(directory_.file("sent"), soundLog());
     said = test::run({"file", "predict", directory_.file("sent"), "--json"});
     EXPECT_EQ(said.status, 0) << "a log from elsewhere is not to be this blade's";
     EXPECT_THAT(said.output, HasSubstr(R"("judgedFor":null,"verdict":"unwrapped")"));
