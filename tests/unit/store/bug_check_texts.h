@@ -10,6 +10,7 @@ inline constexpr char MISMATCHING[] = "Mismatching empStartSequenceId in Event E
 inline constexpr char SIGNATURE[] = "Incorrect Signature in Event Entry!";
 inline constexpr char CONTINUOUS[] = "Continuous SequenceId with Gap? Bug somewhere!";
 inline constexpr char LSEEK_FAILS[] = "Linux lseek function fails for Event Log File!";
+inline constexpr char LSEEK_CALL_FAILS[] = "Linux lseek call fails for Event Log File!";
 inline constexpr char READ_FAILS[] = "Linux read function fails for Event Log File!";
 inline constexpr char WRITE_FAILS[] = "Linux write function fails for Event Log File!";
 
