@@ -271,16 +271,10 @@ LogMap mapOf(const LogContent& content) {
     LogMap map{.rows = std::vector<MapRow>(MAP_ROWS, MapRow{std::vector<MapCell>(MAP_COLUMNS)}),
                .write = content.state.empWrite,
                .start = content.state.empStart};
-    U32_t used = 0;
     for (const EvlogRecord_t& record : content.records) {
         if (record.role == EVLOG_E_ROLE_DUMMY) {
             addDummy(map, record);
-        } else {
-            used = record.offset; // the record itself is drawn over it
         }
-    }
-    if (!map.dummy) {
-        markUnused(map, used);
     }
     U32_t newest = newestTime(content.records);
     for (const EvlogRecord_t& record : content.records) {
