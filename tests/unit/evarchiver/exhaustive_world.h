@@ -1,20 +1,20 @@
 /**
  * @file
  * One blade, the archivers of one archive, and what is between them: the real archive over a
- * storage in memory, and every step that one of them can take. Beside them a blade that nothing
+ * storage, and every step that one of them can take. Beside them a blade that nothing
  * befalls, whose events are filed in the same transactions.
  */
 #ifndef EXHAUSTIVE_WORLD_H
 #define EXHAUSTIVE_WORLD_H
 
-#include "archive_fixture.h"
-#include "memory_store.h"
+#include "archive.h"
+#include "exhaustive_storage.h"
+#include "link_messages.h"
 
 #include <deque>
+#include <gmock/gmock.h>
 
 namespace exhaustive {
-
-using namespace evarchive;
 
 struct Bounds {
     U32_t processes = 1; ///< 2: they share the storage
@@ -59,9 +59,14 @@ class World {
         PROCESS_ACTIONS
     };
 
-    explicit World(const Bounds& bounds) : bounds_(bounds), processes_(bounds.processes) {
-        std::ranges::generate(processes_,
-                              [this] { return std::make_unique<Process>(database_, bounds_); });
+    explicit World(const Bounds& bounds)
+        : World(bounds, std::make_unique<MemoryStorage>(bounds.processes > 1)) {}
+
+    World(const Bounds& bounds, std::unique_ptr<Storage> storage)
+        : bounds_(bounds), storage_(std::move(storage)) {
+        for (U32_t number = 0; number < bounds_.processes; ++number) {
+            processes_.push_back(std::make_unique<Process>(*storage_, number));
+        }
         logOne();
         if (bounds_.hasNeighbour) {
             connectNeighbour();
@@ -135,6 +140,12 @@ class World {
     /** Whether handshakes were claimed together on the way here. */
     bool hasClaimedTogether() const { return isTogether_; }
 
+    /** Whether the storage could not be used at some time, so that something was done again. */
+    bool wasHeldUp() const { return isHeldUp_; }
+
+    /** Whether retention has taken something. */
+    bool hasExpired() const { return expiries_ > 0; }
+
     /** The blade connects once more and sends all that it has; everything comes to its end.
      * @param isLate the first process stands still until then, and the blade is on the last one */
     void finish(bool isLate) {
@@ -159,7 +170,7 @@ class World {
     }
 
     void expectAllIsThere() {
-        MemoryStore store(database_);
+        Store& store = storage_->look();
         const auto newest = newestOf(store, BladeKey{"ENC-A", "BLADE-1", 1});
         for (U32_t id = 0; id < log_.size(); ++id) {
             const auto held = store.heldEvent(newest, id);
@@ -169,12 +180,16 @@ class World {
         if (bounds_.hasNeighbour) {
             expectNeighbourIsThere(store);
         }
+        expectNothingIsTwice(store);
         const std::set<Bytes> kept = allKept();
         for (const Bytes& event : everSafe_) {
             ASSERT_TRUE(kept.contains(event) || expired_.contains(event))
                 << "an event is gone that was safe";
         }
     }
+
+    /** What the storage holds, and holds to be doubtful, and what it has set aside beyond. */
+    std::string heldText() const;
 
     /** Worlds with the same text go on in the same way, but for what is known by heart. */
     std::string text() const;
@@ -187,17 +202,19 @@ class World {
         Bytes body;
     };
     struct Process {
-        Process(MemoryDatabase& database, const Bounds& bounds) { restart(database, bounds); }
-        void restart(MemoryDatabase& database, const Bounds& bounds) {
+        Process(Storage& storage, std::size_t its) : number(its) { restart(storage); }
+        void restart(Storage& storage) {
             archive.reset();
-            store = std::make_unique<MemoryStore>(database, bounds.processes > 1);
+            store.reset();
+            store = storage.open(number);
             archive = std::make_unique<Archive>(*store, ArchiveSettings{},
                                                 [](Level, const std::string&) {});
             queue.clear();
             worked.clear();
             held.clear();
         }
-        std::unique_ptr<MemoryStore> store;
+        std::size_t number;
+        std::unique_ptr<Store> store;
         std::unique_ptr<Archive> archive;
         std::deque<Request> queue;  ///< came, not worked off
         std::deque<Request> worked; ///< worked off, not committed
@@ -296,7 +313,7 @@ class World {
         }
     }
 
-    static GenerationKey newestOf(MemoryStore& store, const BladeKey& blade) {
+    static GenerationKey newestOf(Store& store, const BladeKey& blade) {
         const auto series = store.findSeries({blade, 1});
         const auto newest = series ? store.newestGeneration(*series) : std::nullopt;
         return newest ? newest->number : GenerationKey{};
@@ -308,20 +325,23 @@ class World {
     }
 
     bool canExpire() const {
-        MemoryStore store(const_cast<MemoryDatabase&>(database_));
+        if (expiries_ == bounds_.expired || (bounds_.processes == 1 && !isIdle())) {
+            return false;
+        }
+        Store& store = storage_->look();
         const auto newest = newestOf(store, {"ENC-A", "BLADE-1", 1});
-        const auto found = database_.generations.find(newest);
-        return expiries_ < bounds_.expired && (bounds_.processes > 1 || isIdle()) &&
-               found != database_.generations.end() && found->second.events.size() > 1;
+        const auto oldest = store.oldestEvent(newest);
+        return oldest && oldest->sequenceId != store.highestId(newest);
     }
 
     void expire() {
         ++expiries_;
-        MemoryStore store(database_);
+        Store& store = storage_->look();
         const auto newest = newestOf(store, {"ENC-A", "BLADE-1", 1});
-        expired_.insert(store.oldestEvent(newest)->image);
+        const auto oldest = *store.oldestEvent(newest);
+        expired_.insert(oldest.image);
         store.begin();
-        store.removeOldest(newest, std::numeric_limits<S64_t>::max(), 1);
+        store.removeOldest(newest, oldest.received + 1, 1);
         store.commit();
     }
 
@@ -353,12 +373,22 @@ class World {
         sendOfNeighbour();
     }
 
-    void expectNeighbourIsThere(MemoryStore& store) {
+    void expectNeighbourIsThere(Store& store) {
         const auto newest = newestOf(store, {"ENC-A", "BLADE-2", 1});
         ASSERT_LE(newest.generation, 1U) << "a generation too many of the neighbour's log";
         for (U32_t id = 0; id < neighbour_.size(); ++id) {
             const auto held = store.heldEvent(newest, id);
             ASSERT_TRUE(held && !held->doubtful) << "the neighbour's id " << id;
+        }
+    }
+
+    static void expectNothingIsTwice(Store& store) {
+        std::set<std::pair<GenerationKey, U32_t>> ids;
+        for (const GenerationInfo& info : store.listGenerations()) {
+            store.forEachEvent(info.number, [&](const StoredEvent& event) {
+                EXPECT_TRUE(ids.emplace(info.number, event.sequenceId).second)
+                    << "id " << event.sequenceId << " is there twice";
+            });
         }
     }
 
@@ -421,7 +451,16 @@ class World {
             }
         } catch (const StoreConflict& conflict) {
             undo(process, conflict);
+        } catch (const StoreError& error) {
+            holdUp(process, error);
         }
+    }
+
+    // A transaction of another process is in the way, or the connection was lost.
+    void holdUp(Process& process, const StoreError& error) {
+        ASSERT_TRUE(error.isPassing()) << error.what();
+        isHeldUp_ = true;
+        fail(process);
     }
 
     std::size_t claimAhead(Process& process) {
@@ -472,6 +511,8 @@ class World {
             commitOnce(process);
         } catch (const StoreConflict& conflict) {
             undo(process, conflict);
+        } catch (const StoreError& error) {
+            holdUp(process, error);
         }
     }
 
@@ -518,16 +559,18 @@ class World {
     }
 
     void failUnheard(Process& process) {
-        process.store->failAfterCommit();
+        storage_->loseAnswer(process.number, *process.store);
         try {
             process.archive->commit();
         } catch (const StoreConflict& conflict) {
             undo(process, conflict);
+            storage_->endLosing(process.number);
             return;
         } catch (const StoreError&) {
             // Nothing tells that it is safe.
         }
         fail(process);
+        storage_->endLosing(process.number);
     }
 
     void undo(Process& process, const StoreConflict& conflict) {
@@ -542,7 +585,7 @@ class World {
     }
 
     void die(Process& process) {
-        process.restart(database_, bounds_);
+        process.restart(*storage_);
         process.isWarm = false;
         if (peer_ == &process) {
             peer_ = nullptr;
@@ -566,6 +609,9 @@ class World {
         const auto isOneBusy = [this](const auto& process) { return isBusy(*process); };
         for (int round = 0; std::ranges::any_of(processes_, isOneBusy); ++round) {
             ASSERT_LT(round, 20) << "conflicts without end";
+            if (round == 2) {
+                storage_->endStalled();
+            }
             for (const auto& process : processes_) {
                 if (!isStill(*process)) {
                     work(*process);
@@ -597,25 +643,24 @@ class World {
 
     std::set<Bytes> allKept() const {
         std::set<Bytes> kept;
-        for (const auto& [key, generation] : database_.generations) {
-            for (const auto& [id, event] : generation.events) {
-                kept.insert(event.image);
-            }
+        Store& store = storage_->look();
+        for (const GenerationInfo& info : store.listGenerations()) {
+            store.forEachEvent(info.number,
+                               [&](const StoredEvent& event) { kept.insert(event.image); });
         }
-        for (const AsideEvent& event : database_.aside) {
-            kept.insert(event.image);
-        }
+        store.forEachAside([&](const AsideEvent& event) { kept.insert(event.image); });
         return kept;
     }
 
     Bounds bounds_;
-    MemoryDatabase database_;
+    std::unique_ptr<Storage> storage_;
     std::vector<std::unique_ptr<Process>> processes_;
     std::vector<Bytes> log_;
     U32_t serial_ = 1;
     Process* peer_ = nullptr; ///< with whom the blade is connected
     LinkNumber link_ = 0;
     bool isFirstStill_ = false;
+    bool isHeldUp_ = false;   ///< something could not be done at once
     bool isTogether_ = false; ///< handshakes were claimed together
     bool isWaiting_ = false;  ///< for its status answer
     bool hasResent_ = false;
@@ -644,6 +689,29 @@ inline std::string nameOfEvent(const Bytes& image) {
     return std::to_string(U32_t{header.evSequenceId}) + "." + std::to_string(U32_t{header.evTime});
 }
 
+inline std::string World::heldText() const {
+    std::ostringstream out;
+    std::set<Bytes> held;
+    Store& store = storage_->look();
+    for (const GenerationInfo& info : store.listGenerations()) {
+        out << info.key.blade.blade << '/' << info.number.generation << ':';
+        store.forEachEvent(info.number, [&](const StoredEvent& event) {
+            out << nameOfEvent(event.image) << (event.doubtful ? "? " : " ");
+            held.insert(event.image);
+        });
+    }
+    std::set<std::string> aside;
+    store.forEachAside([&](const AsideEvent& event) {
+        if (!held.contains(event.image)) {
+            aside.insert(event.key.blade.blade + '/' + nameOfEvent(event.image));
+        }
+    });
+    for (const std::string& event : aside) {
+        out << '~' << event;
+    }
+    return out.str();
+}
+
 inline std::string World::text() const {
     std::ostringstream out;
     const auto put = [&out](const auto& requests) {
@@ -665,18 +733,7 @@ inline std::string World::text() const {
         put(process->queue);
         put(process->worked);
     }
-    for (const auto& [key, generation] : database_.generations) {
-        out << key.series << '/' << key.generation << ':';
-        for (const auto& [id, event] : generation.events) {
-            out << nameOfEvent(event.image) << (event.doubtful ? "? " : " ");
-        }
-    }
-    for (const auto& [series, epoch] : database_.epochs) {
-        out << 'e' << epoch;
-    }
-    for (const AsideEvent& event : database_.aside) {
-        out << '~' << nameOfEvent(event.image);
-    }
+    out << heldText() << storage_->hiddenText();
     return out.str();
 }
 

@@ -59,6 +59,9 @@ class CuttingProxy {
     void cutAtCommit() { cuts_ = true; }
     bool hasCut() const { return !cuts_; }
 
+    /** If none has come, none will be. */
+    void letPass() { cuts_ = false; }
+
   private:
     static constexpr char NAME[] = "/.s.PGSQL.5432";
 

@@ -1,0 +1,133 @@
+/**
+ * What the exhaustive model of the archive goes through, on the engine itself: each archiver has
+ * its own connection, which can be lost in the commit. A server is too slow for all orders, so some
+ * are drawn, and go on beside the model over a storage in memory. FLEET_SCHEDULES says how many,
+ * FLEET_SEED another beginning.
+ */
+#include "../evarchiver/exhaustive_world.h"
+#include "cutting_proxy.h"
+#include "pg_store_fixture.h"
+
+#include <random>
+
+using namespace exhaustive;
+
+namespace {
+
+using Proxies = std::array<fleet::CuttingProxy, 2>;
+
+/** On the server, empty to begin with. */
+class ServerStorage : public Storage {
+  public:
+    ServerStorage(const std::string& place, Proxies& proxies) : place_(place), proxies_(proxies) {
+        admin_.reopen();
+        admin_.execute("DELETE FROM events; DELETE FROM logs; DELETE FROM generations; "
+                       "DELETE FROM set_aside");
+    }
+
+    std::unique_ptr<Store> open(std::size_t process) override {
+        return std::make_unique<PgStore>(proxies_.at(process).through(place_), PATIENCE, "");
+    }
+    void loseAnswer(std::size_t process, Store& /*store*/) override {
+        proxies_.at(process).cutAtCommit();
+    }
+    void endLosing(std::size_t process) override { proxies_.at(process).letPass(); }
+    void endStalled() override {
+        admin_.execute("SELECT pg_terminate_backend(pid) FROM pg_stat_activity "
+                       "WHERE application_name = 'evarchiver' AND state = 'idle in transaction'");
+    }
+    Store& look() override { return look_; }
+
+  private:
+    // All is done by one thread: a lock that is not free at once is not for long.
+    static constexpr PgPatience PATIENCE{std::chrono::seconds(20), std::chrono::milliseconds(20)};
+
+    std::string place_;
+    Proxies& proxies_;
+    PgConnection admin_{place_};
+    PgStore look_{place_, PATIENCE, ""};
+};
+
+class PgSchedulesTest : public testing::Test {
+  protected:
+    static constexpr std::array<Bounds, 6> BOUNDS = {
+        Bounds{.processes = 2, .log = 4, .rebuilds = 2, .connects = 4, .failures = 2},
+        Bounds{.processes = 2, .log = 4, .connects = 4, .failures = 2, .isUnderWay = true},
+        Bounds{.processes = 2, .connects = 4, .isSlow = true},
+        Bounds{.processes = 2, .connects = 4, .isUnderWay = true, .isSlow = true, .damaged = 1},
+        Bounds{.processes = 2, .connects = 4, .isUnderWay = true, .expired = 2},
+        Bounds{.processes = 2, .connects = 4, .isUnderWay = true, .hasNeighbour = true}};
+
+    static unsigned numberFrom(const char* variable, unsigned otherwise) {
+        const char* value = getenv(variable); // NOLINT(concurrency-mt-unsafe)
+        return value != nullptr ? static_cast<unsigned>(std::stoul(value)) : otherwise;
+    }
+
+    unsigned draw(std::size_t below) { return static_cast<unsigned>(random_() % below); }
+
+    /** What one of the two cannot do, because it was held up, neither does. */
+    std::optional<unsigned> drawAction(const World& model, const World& real) {
+        std::vector<unsigned> possible;
+        for (unsigned action = 0; action < model.actions(); ++action) {
+            if (model.can(action) && real.can(action)) {
+                possible.push_back(action);
+            }
+        }
+        return possible.empty() ? std::nullopt : std::optional(possible[draw(possible.size())]);
+    }
+
+    static void end(World& world, unsigned how) {
+        if (how == 2) {
+            world.stay();
+        } else {
+            world.finish(how == 1);
+        }
+        world.expectAllIsThere();
+    }
+
+    void go(const Bounds& bounds) {
+        World model(bounds);
+        World real(bounds, std::make_unique<ServerStorage>(place_, proxies_));
+        std::string way;
+        for (unsigned step = 4 + draw(12); step > 0; --step) {
+            const auto action = drawAction(model, real);
+            if (!action) {
+                break;
+            }
+            way += ' ' + std::to_string(*action);
+            SCOPED_TRACE("actions" + way);
+            model.act(*action);
+            real.act(*action);
+        }
+        const unsigned how = draw(model.isConnected() && real.isConnected() ? 3 : 2);
+        SCOPED_TRACE("actions" + way + ", end " + std::to_string(how));
+        end(model, how);
+        end(real, how);
+        // What retention took is known of by the runs that are noted, by each storage at its time.
+        if (!real.wasHeldUp() && !real.hasExpired()) {
+            ++compared_;
+            EXPECT_EQ(real.heldText(), model.heldText());
+        }
+    }
+
+    std::string place_ = fleet::emptyArchive();
+    Proxies proxies_{fleet::CuttingProxy(fleet::server().socketDirectory()),
+                     fleet::CuttingProxy(fleet::server().socketDirectory())};
+    std::mt19937 random_;
+    unsigned compared_ = 0;
+};
+
+} // namespace
+
+TEST_F(PgSchedulesTest, NothingIsLostOrStoredTwiceInOrdersThatAreDrawn) {
+    const unsigned ways = numberFrom("FLEET_SCHEDULES", 25);
+    const unsigned seed = numberFrom("FLEET_SEED", 1);
+    for (unsigned way = 0; way < ways && !HasFailure(); ++way) {
+        random_.seed(seed + way);
+        SCOPED_TRACE("FLEET_SCHEDULES=1 FLEET_SEED=" + std::to_string(seed + way));
+        go(BOUNDS.at(draw(BOUNDS.size())));
+    }
+    EXPECT_GT(compared_, ways / 2);
+    std::cout << ways << " orders from seed " << seed << ", " << compared_
+              << " of them determined\n";
+}
