@@ -40,8 +40,8 @@ struct Known {
     void lose(U32_t id);
 };
 
-/** The engine. Calls are those of Store; pg_store.cpp has them, pg_filing.cpp what a commit does.
- */
+/** The engine. Calls are those of Store; pg_store.cpp has them, pg_claims.cpp the claims,
+ * pg_locks.cpp the look for who is in the way, pg_filing.cpp what a commit does. */
 class PgStore final : public Store {
   public:
     /** @param node "1 of 3" where the archive is spread, "": it is not, nothing: whatever it is */

@@ -155,46 +155,6 @@ void PgStore::meet(const std::vector<SeriesNumber>& lost, const std::vector<Seri
     throw StoreConflict(lost, stale);
 }
 
-// What two transactions that are in each other's way tell of the logs: nothing when one was to wait
-// for the other, the fences tell the rest; when a row is there that was not, that there is more.
-void PgStore::giveWay(const PgError& error) {
-    if (error.isConflict()) {
-        meet({}, error.isTaken() ? involved() : std::vector<SeriesNumber>());
-    }
-    if (!error.isAboutLocks()) {
-        return;
-    }
-    if (std::exchange(isOnServer_, false)) {
-        connection_.execute("ROLLBACK");
-    }
-    auto locked = findLocked(involved());
-    if (!locked.empty() && isInItsOwnWay()) {
-        throw PgError("an earlier commit of this archiver still waits, perhaps for a standby",
-                      error.state(), StoreError::Kind::PASSING);
-    }
-    if (!locked.empty()) {
-        throw StoreLocked(std::move(locked));
-    }
-}
-
-// A server goes on with a commit that nobody waits for any more, and its logs are locked until
-// then: that is no log in somebody's hands, but an archive that cannot be written.
-bool PgStore::isInItsOwnWay() {
-    if (unheard_.empty()) {
-        return false;
-    }
-    PgArray sessions(PgType::BIGINT);
-    for (const S64_t session : unheard_) {
-        sessions.addNumber(session);
-    }
-    const bool isThere =
-        connection_.run(pg::SESSIONS, PgParameters().array(sessions)).integer(0, 0) > 0;
-    if (!isThere) {
-        unheard_.clear();
-    }
-    return isThere;
-}
-
 // A log whose row somebody has removed is added anew; who owned it has lost it.
 void PgStore::requireRows(const std::vector<SeriesNumber>& logs, const PgRows& rows,
                           Verdict& verdict) {
@@ -209,42 +169,6 @@ void PgStore::requireRows(const std::vector<SeriesNumber>& logs, const PgRows& r
         reads_.forget(series);
         (known_[series].isOwned ? verdict.lost : verdict.stale).push_back(series);
     }
-}
-
-std::vector<SeriesNumber> PgStore::involved() const {
-    std::set<SeriesNumber> logs(touched_);
-    for (const Saved& saved : saved_) {
-        logs.insert(saved.series);
-    }
-    logs.insert(claiming_.begin(), claiming_.end());
-    return {logs.begin(), logs.end()};
-}
-
-std::vector<SeriesKey> PgStore::findLocked(const std::vector<SeriesNumber>& logs) {
-    PgArray asked(PgType::BIGINT);
-    for (const SeriesNumber series : logs) {
-        asked.addNumber(series);
-    }
-    const PgRows rows = connection_.run(pg::LOCKED, PgParameters().array(asked));
-    std::vector<SeriesKey> locked;
-    for (int row = 0; row < rows.count(); ++row) {
-        locked.push_back(reads_.keyOf(rows.integer(row, 0)));
-    }
-    return locked;
-}
-
-std::vector<SeriesKey> PgStore::lockedOf(const std::vector<SeriesKey>& keys) {
-    return guarded([&] {
-        std::vector<SeriesNumber> logs;
-        for (const SeriesKey& key : keys) {
-            bool isKnown = false;
-            const SeriesNumber number = reads_.numberOf(key, isKnown);
-            if (isKnown) {
-                logs.push_back(number);
-            }
-        }
-        return findLocked(logs);
-    });
 }
 
 void PgStore::beginOnServer() {
@@ -320,104 +244,6 @@ SeriesNumber PgStore::nameSeries(const SeriesKey& key) {
         connection_.sync();
         connection_.take();
         connection_.finish();
-    }
-}
-
-std::vector<Claim> PgStore::claimAll(const std::vector<Claimant>& claimants) {
-    claiming_.clear();
-    return guarded([&] {
-        looked_.clear();
-        std::vector<Claiming> claims;
-        for (const Claimant& it : claimants) {
-            claims.push_back({reads_.likelyNumberOf(it.key), &it, !reads_.knows(it.key)});
-        }
-        tryClaims(claims);
-        std::vector<Claim> answer;
-        for (Claiming& claiming : claims) {
-            if (!claiming.claim) {
-                claimByLook(claiming);
-            }
-            answer.push_back(*std::move(claiming.claim));
-        }
-        return answer;
-    });
-}
-
-// The number is another log's, or a server took over that has no row of what was seen.
-void PgStore::claimByLook(Claiming& claiming) {
-    bool isKnown = false;
-    const SeriesNumber number = reads_.numberOf(claiming.claimant->key, isKnown);
-    std::vector<Claiming> one = {{number, claiming.claimant, !isKnown}};
-    tryClaims(one);
-    claiming = std::move(one.front());
-    if (!claiming.claim) {
-        reads_.forget(); // or another log has just taken it
-        throw StoreConflict();
-    }
-}
-
-// The claims and all that their handshakes ask next, in one round trip and one transaction; none of
-// a log that has no row. Everybody locks rows in the order of their numbers.
-void PgStore::tryClaims(std::vector<Claiming>& claims) {
-    std::vector<Claiming*> inOrder;
-    for (Claiming& claiming : claims) {
-        inOrder.push_back(&claiming);
-    }
-    std::ranges::sort(inOrder, {}, &Claiming::number);
-    claiming_.clear();
-    for (const Claiming* claiming : inOrder) {
-        claiming_.push_back(claiming->number);
-        queueClaim(*claiming);
-    }
-    connection_.sync();
-    std::vector<std::array<PgRows, 3>> answers;
-    for (const Claiming* claiming : inOrder) {
-        if (claiming->isNew) {
-            connection_.take();
-        }
-        const PgRows claimed = connection_.take();
-        const PgRows newest = connection_.take();
-        answers.push_back({claimed, newest, connection_.take()});
-    }
-    connection_.finish();
-    for (std::size_t i = 0; i < inOrder.size(); ++i) {
-        const auto& [claimed, newest, held] = answers[i];
-        takeClaim(*inOrder[i], claimed, newest, held);
-    }
-}
-
-void PgStore::queueClaim(const Claiming& claiming) {
-    const auto& [key, first] = *claiming.claimant;
-    if (claiming.isNew) {
-        queueName(key, claiming.number);
-    }
-    connection_.queue(pg::CLAIM, PgParameters()
-                                     .integer(claiming.number)
-                                     .integer(owner_)
-                                     .bytes(identityOf(key))
-                                     .integer(first));
-    connection_.queue(pg::NEWEST, PgParameters().integer(claiming.number));
-    connection_.queue(pg::FIRST, PgParameters().integer(claiming.number).integer(first));
-}
-
-void PgStore::takeClaim(Claiming& claiming, const PgRows& claimed, const PgRows& newest,
-                        const PgRows& held) {
-    if (claimed.count() == 0) {
-        return;
-    }
-    const auto& [key, first] = *claiming.claimant;
-    const SeriesNumber number = claiming.number;
-    reads_.remember(number, key);
-    Known& log = known_[number] = {};
-    log.read(claimed, 0, 0);
-    log.isOwned = true;
-    claiming.claim = Claim{number, std::nullopt};
-    if (newest.count() > 0) {
-        const GenerationInfo info = newestOf(generationOf(newest, 0, 0, number), first);
-        looked_.put(info.number, first,
-                    held.count() > 0 ? std::optional(PgReads::eventOf(held, 0, key))
-                                     : std::nullopt);
-        claiming.claim->newest = info;
     }
 }
 
