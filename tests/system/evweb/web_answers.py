@@ -91,8 +91,9 @@ class Answers:
         self.assertEqual(([log["blade"] for log in worst["logs"]], worst["lately"]), ([HOSTILE, "BLADE-1"], before))
 
     def test_names_are_found_as_they_are_shown(self):
-        self.archiver.send([event(b"\xff\tB\\" + "É".encode(), 1, seconds=NOW, enclosure="Жук Té")])
         blade, enclosure = "\\xFF\\x09B\\x5CÉ", "Жук Té"
+        self.addCleanup(self.remove, enclosure, "enclosure")
+        self.archiver.send([event(b"\xff\tB\\" + "É".encode(), 1, seconds=NOW, enclosure=enclosure)])
         for name in (f"blade={quote(blade)}", f"enclosure={quote(enclosure)}"):
             found = wait_until(lambda: self.events(name), name)
             self.assertEqual([(one["enclosureId"], one["bladeId"]) for one in found], [(enclosure, blade)])
@@ -102,7 +103,6 @@ class Answers:
             self.assertEqual([(log["enclosure"], log["blade"]) for log in self.ask(f"logs?find={quote(part)}")["logs"]
                               if "Ж" in log["enclosure"]], [(enclosure, blade)], part)
         self.assertEqual([self.ask(f"logs?find={quote(part)}")["logs"] for part in ("жук", "TÉ")], [[], []])
-        self.remove(enclosure, "enclosure")
 
     def test_bytes_that_are_no_utf8_are_a_bad_request(self):
         for value in ("%ff", "%c2", "%c3(", "%ed%a0%80", "%c0%80", "%f5%80%80%80", "a%00b"):
