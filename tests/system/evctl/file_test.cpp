@@ -9,6 +9,7 @@
 
 #include <sstream>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -283,13 +284,16 @@ TEST_F(File, NoEventLogIsRefusedWithAGuess) {
 
 TEST_F(File, OutputThatCannotBeWrittenIsNotDone) {
     write(wrappedLog());
+    const std::string cursor = directory_.file("cursor");
     std::string command;
-    for (const std::string& word : support::commandOf("evctl", {"file", "list", path()})) {
+    for (const std::string& word :
+         support::commandOf("evctl", {"file", "list", path(), "--cursor-file", cursor})) {
         command += "'" + word + "' ";
     }
     support::Process shell({"sh", "-c", command + "> /dev/full"}, directory_.file("sh"));
     EXPECT_EQ(shell.wait(), support::exitedWith(2));
     EXPECT_EQ(shell.errorOutput(), "evctl: cannot write standard output\n");
+    EXPECT_NE(access(cursor.c_str(), F_OK), 0); // the events come again
 }
 
 TEST_F(File, NothingChangesTheFile) {
