@@ -14,7 +14,6 @@
 namespace bundle {
 namespace {
 
-constexpr mode_t MODE = 0644;
 constexpr size_t DIGITS = 64; // of a checksum
 
 struct EndRead {
@@ -44,15 +43,12 @@ la_ssize_t appendTo(struct archive* /*packed*/, void* bytes, const void* piece, 
     return static_cast<la_ssize_t>(length);
 }
 
-void packOne(struct archive* packed, const Member& member, U32_t time) {
+/** One file, without a name. */
+void putRaw(struct archive* packed, const std::vector<U8_t>& bytes) {
     Entry entry(archive_entry_new());
-    archive_entry_set_pathname(entry.get(), member.name.c_str());
-    archive_entry_set_size(entry.get(), static_cast<la_int64_t>(member.bytes.size()));
     archive_entry_set_filetype(entry.get(), AE_IFREG);
-    archive_entry_set_perm(entry.get(), MODE);
-    archive_entry_set_mtime(entry.get(), static_cast<time_t>(member.time.value_or(time)), 0);
     require(archive_write_header(packed, entry.get()), packed);
-    la_ssize_t count = archive_write_data(packed, member.bytes.data(), member.bytes.size());
+    la_ssize_t count = archive_write_data(packed, bytes.data(), bytes.size());
     require(count < 0 ? ARCHIVE_FATAL : ARCHIVE_OK, packed);
 }
 
@@ -159,7 +155,8 @@ std::vector<Member> Unpacking::run() {
 std::vector<U8_t> pack(const std::vector<Member>& members, U32_t time) {
     std::vector<U8_t> bytes;
     Writer writer(archive_write_new());
-    require(archive_write_set_format_pax_restricted(writer.get()), writer.get());
+    // The library's own tar takes names in the characters of the locale only.
+    require(archive_write_set_format_raw(writer.get()), writer.get());
     require(archive_write_add_filter_gzip(writer.get()), writer.get());
     // Else the second in which it is packed, of the clock, stands in its head.
     require(archive_write_set_filter_option(writer.get(), "gzip", "timestamp", nullptr),
@@ -167,9 +164,7 @@ std::vector<U8_t> pack(const std::vector<Member>& members, U32_t time) {
     archive_write_set_bytes_in_last_block(writer.get(), 1); // no padding
     require(archive_write_open2(writer.get(), &bytes, nullptr, appendTo, nullptr, nullptr),
             writer.get());
-    for (const Member& member : members) {
-        packOne(writer.get(), member, time);
-    }
+    putRaw(writer.get(), tar(members, time));
     require(archive_write_close(writer.get()), writer.get());
     return bytes;
 }

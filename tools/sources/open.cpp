@@ -151,7 +151,8 @@ std::vector<LogFile> unpackEvents(const std::string& name, std::span<const U8_t>
                              .kind = kindOf(member.name),
                              .image = evlogImageOf(member.bytes),
                              .modified = member.time.value_or(0),
-                             .parameters = parameters});
+                             .parameters = parameters,
+                             .isMember = true});
         }
     }
     if (found.empty()) {

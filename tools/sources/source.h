@@ -95,6 +95,7 @@ struct LogFile {
     EvlogImage_t image;
     S64_t modified = 0;       ///< of what is in a bundle: its last change, seconds since 1970
     std::string parameters{}; ///< likewise: what the bundle says of the blade, parameters.json
+    bool isMember = false;    ///< of a bundle
 };
 
 /**

@@ -172,6 +172,61 @@ TEST_F(Support, ReadersOfAFileTakeTheLogInTheBundle) {
     }
 }
 
+TEST_F(Support, NothingElseOfABundleIsTakenForItsLog) {
+    const std::string reason = bundlePath() + ": a bundle without a log\n";
+    auto expectRefused = [&](std::vector<std::string> command) {
+        command.push_back(bundlePath());
+        Said said = test::run(command);
+        EXPECT_EQ(said.status, 2) << command[1];
+        EXPECT_EQ(said.output, "") << command[1];
+        EXPECT_THAT(said.errors, HasSubstr(reason)) << command[1];
+    };
+    std::filesystem::remove(directory_.file("nvram/kelta_eventlog"));
+    std::filesystem::remove(directory_.file("nvram/kelta_eventlog.fatal-20261122T080000Z"));
+    EXPECT_EQ(pack().status, 1);
+    expectRefused({"file", "predict"}); // not the damaged copy
+    std::filesystem::remove(bundlePath());
+    std::filesystem::remove(directory_.file("nvram/kelta_eventlog.debug"));
+    pack();
+    for (const char* command : {"info", "verify", "predict", "map"}) { // nor an alternate event
+        expectRefused({"file", command});
+    }
+    expectRefused({"top"});
+    EXPECT_EQ(test::run({"file", "crash", bundlePath()}).errors, "");
+    EXPECT_THAT(test::run({"file", "list", bundlePath()}).output, HasSubstr("14:01:40"));
+}
+
+TEST_F(Support, AlternateEventsMayHaveAnyName) {
+    const std::string latin = "kelta_alteventlog\xE9";
+    const std::string longName = "kelta_alteventlog\u00e9" + std::string(120, 'x');
+    for (const char* log : {"", ".debug", ".fatal-20261122T080000Z"}) { // long, and not looked at
+        std::filesystem::remove(directory_.file("nvram/kelta_eventlog") + log);
+    }
+    std::map<std::string, std::string> files;
+    for (const std::string& name : {latin, longName, longName + "\xE9", latin + "\xFF\u20AC"}) {
+        files[name] = test::record({.time = 1'164'117'700}, name);
+        write("nvram/aelfiles/" + name, files[name]);
+    }
+    for (const char* output : {"help.tar.gz", "help.tar"}) {
+        Said said = test::run(
+            {"support", "--nvram", directory_.file("nvram"), "-o", directory_.file(output)});
+        EXPECT_LE(said.status, 1) << said.errors;
+        const std::string packed = support::readFile(directory_.file(output));
+        std::vector<std::string> problems;
+        std::map<std::string, std::string> found;
+        for (const bundle::Member& member : bundle::unpack(
+                 {reinterpret_cast<const U8_t*>(packed.data()), packed.size()}, &problems)) {
+            found[member.name] = std::string(member.bytes.begin(), member.bytes.end());
+        }
+        EXPECT_THAT(problems, testing::IsEmpty());
+        for (const auto& [name, bytes] : files) {
+            EXPECT_EQ(found["support/aelfiles/" + name], bytes) << output << " " << name;
+        }
+        Said listed = test::run({"file", "list", directory_.file(output)});
+        EXPECT_EQ(listed.errors.find("checksum"), std::string::npos) << listed.errors;
+    }
+}
+
 TEST_F(Support, SalvageTakesEveryLogAndAlternateEventOfTheBundle) {
     std::string debug = secretLog();
     debug[1000] ^= 1; // other damage than in the log

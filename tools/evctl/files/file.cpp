@@ -65,16 +65,20 @@ std::vector<sources::LogFile> loadLogFiles(const std::string& path, int* status)
     return files;
 }
 
-sources::LogFile& logAmong(std::vector<sources::LogFile>& files) {
+sources::LogFile* logAmong(std::vector<sources::LogFile>& files) {
     auto place = std::ranges::find_if(files, [](const sources::LogFile& file) {
-        return file.name.ends_with(&EMP_LOG_FILE_NAME[1]);
+        return !file.isMember || file.name.ends_with(&EMP_LOG_FILE_NAME[1]);
     });
-    return place == files.end() ? files.front() : *place;
+    return place == files.end() ? nullptr : &*place;
 }
 
 sources::LogFile loadLogFile(const std::string& path, int* status) {
     std::vector<sources::LogFile> files = loadLogFiles(path, status);
-    return std::move(logAmong(files));
+    sources::LogFile* log = logAmong(files);
+    if (log == nullptr) {
+        throw std::runtime_error(path + ": a bundle without a log");
+    }
+    return std::move(*log);
 }
 
 EvlogImage_t loadAnyLog(const std::string& path, int* status) {

@@ -26,12 +26,12 @@ void addFileArgument(CLI::App& command, std::string& path, bool* isOwn = nullptr
  * @param status raised to a finding when something is wrong; nullptr: not wanted */
 std::vector<sources::LogFile> loadLogFiles(const std::string& path, int* status = nullptr);
 
-/** Of what loadLogFiles() has given, at least one, the log; the first one where none has its name.
- */
-sources::LogFile& logAmong(std::vector<sources::LogFile>& files);
+/** Of what loadLogFiles() has given the log: that which is no member of a bundle, be it what it
+ * may, or the member of that name; nullptr when there is none. */
+sources::LogFile* logAmong(std::vector<sources::LogFile>& files);
 
 /** Reads a file that the event manager may be given as its log; of a bundle the log in it. Throws
- * when it cannot be read. */
+ * when it cannot be read, or is a bundle without a log. */
 EvlogImage_t loadAnyLog(const std::string& path, int* status = nullptr);
 
 /** The same with what its bundle says of it. */

@@ -50,8 +50,10 @@ void addFiles(LogAndWaiting& found, const std::string& path, int* status, Passed
     std::erase_if(found.waiting, [](const sources::AelFile& file) {
         return file.fate != sources::AelFate::STORED;
     });
-    if (!files.empty()) {
-        found.log = std::move(logAmong(files).image);
+    if (sources::LogFile* file = logAmong(files)) {
+        found.log = std::move(file->image);
+    } else if (found.waiting.empty() && !files.empty()) {
+        throw std::runtime_error(path + ": a bundle without a log");
     }
     std::string log = fs::path(path).filename();
     if (log == &EMP_LOG_FILE_NAME[1]) {
