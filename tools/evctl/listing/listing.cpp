@@ -5,11 +5,15 @@
 #include "mmsg.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
+#include <fcntl.h>
+#include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace evctl {
@@ -17,6 +21,8 @@ namespace {
 
 constexpr U64_t NEIGHBOURS = 10;
 constexpr std::chrono::seconds CURSOR_KEPT_EVERY{1};
+// Far more than that of an archive with many logs.
+constexpr size_t LONGEST_CURSOR = 4U << 20U;
 
 bool isBugCheck(const EmpEvLogHeader_t& header) {
     return header.evSource == MMSG_E_EPID_EVENTLOGMP &&
@@ -84,8 +90,55 @@ void addAroundOption(CLI::App& command, ListingOptions& options) {
         ->group("Selection");
 }
 
-[[noreturn]] void failFile(const std::string& path) {
-    throw std::runtime_error(path + ": " + strerror(errno));
+/** The regular file that is, or will be, read and replaced: never a device, and of a link not the
+ * link. Throws. */
+std::string fileOfCursor(const std::string& path) {
+    struct stat status {};
+    const bool isThere = stat(path.c_str(), &status) == 0;
+    if (!isThere && errno != ENOENT) {
+        tools::failWith(path, errno);
+    }
+    if (isThere && !S_ISREG(status.st_mode)) {
+        throw std::runtime_error(path + ": not a regular file, which a cursor needs");
+    }
+    if (lstat(path.c_str(), &status) != 0 || !S_ISLNK(status.st_mode)) {
+        return path;
+    }
+    if (!isThere) {
+        throw std::runtime_error(path + ": a link that leads nowhere");
+    }
+    return std::filesystem::canonical(path);
+}
+
+/** The first line of a file; nothing when it is not there, or empty. Throws. */
+std::optional<std::string> firstLineOf(const std::string& path) {
+    // Another may have taken its place since it was looked at.
+    const int descriptor = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (descriptor < 0 && errno == ENOENT) {
+        return std::nullopt;
+    }
+    if (descriptor < 0) {
+        tools::failWith(path, errno);
+    }
+    std::string text;
+    std::array<char, 4096> piece{};
+    ssize_t count = 0;
+    do {
+        count = read(descriptor, piece.data(), piece.size());
+        text.append(piece.data(), static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    } while (count > 0 && text.size() <= LONGEST_CURSOR &&
+             memchr(piece.data(), '\n', static_cast<size_t>(count)) == nullptr);
+    const int error = count < 0 ? errno : 0;
+    close(descriptor);
+    if (error != 0) {
+        tools::failWith(path, error);
+    }
+    const bool isEmpty = text.empty();
+    text.resize(std::min(text.find('\n'), text.size()));
+    if (text.size() > LONGEST_CURSOR) {
+        throw std::runtime_error(path + ": too long for a cursor");
+    }
+    return isEmpty ? std::nullopt : std::optional(std::move(text));
 }
 
 /** Throws for those that do not go together. */
@@ -142,7 +195,8 @@ void sayLines(const std::vector<std::string>& lines) {
     }
 }
 
-void writeCursorFile(const std::string& path, const Cursor& cursor) {
+void writeCursorFile(const std::string& name, const Cursor& cursor) {
+    const std::string path = fileOfCursor(name);
     const std::string draft = path + ".new" + std::to_string(getpid());
     unlink(draft.c_str()); // of another one of this number, which was stopped half-way
     const std::string text = cursor.text() + "\n";
@@ -196,18 +250,9 @@ std::optional<Cursor> startCursor(const ListingOptions& options) {
     if (options.cursorFile.empty()) {
         return options.cursor;
     }
-    std::ifstream file(options.cursorFile);
-    if (!file) {
-        if (errno == ENOENT) {
-            return std::nullopt;
-        }
-        failFile(options.cursorFile);
-    }
-    std::string text;
-    if (!std::getline(file, text)) {
-        return std::nullopt; // made for a cursor, and not yet used
-    }
-    return parseCursor(options.cursorFile, text);
+    const std::optional<std::string> text = firstLineOf(fileOfCursor(options.cursorFile));
+    // An empty one was made for a cursor, and not yet used.
+    return text ? std::optional(parseCursor(options.cursorFile, *text)) : std::nullopt;
 }
 
 Listing::Listing(const ListingOptions& options, bool several, bool endless)

@@ -56,7 +56,7 @@ void sayLines(const std::vector<std::string>& lines);
 
 /** Leaves a cursor in a file: all of it or nothing, also when the power goes, since a reader that
  * is stopped meanwhile must not begin anew. Throws. */
-void writeCursorFile(const std::string& path, const Cursor& cursor);
+void writeCursorFile(const std::string& name, const Cursor& cursor);
 
 /** The cursor to begin behind: of the option, else of the file, if there is one. Throws when the
  * file holds none. */

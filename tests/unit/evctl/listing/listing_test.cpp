@@ -296,6 +296,59 @@ TEST_F(Listings, CursorFileThatIsEmptyHoldsNoneYet) {
     EXPECT_EQ(status.st_mode & 0777U, 0640U);
 }
 
+TEST_F(Listings, CursorFileThatIsALinkStaysOne) {
+    std::string path = put("log", 1, 3, 1000);
+    std::string link = directory_.file("cursor");
+    directory_.makeDirectory("elsewhere");
+    std::string target = putBytes("elsewhere/kept", "");
+    ASSERT_EQ(symlink("elsewhere/kept", link.c_str()), 0);
+    EXPECT_EQ(ids({path, "--cursor-file", link}), "1 2 3");
+    EXPECT_EQ(ids({path, "--cursor-file", link}), "");
+    EXPECT_EQ(support::readFile(target).substr(0, 3), "c1:");
+    struct stat status {};
+    ASSERT_EQ(lstat(link.c_str(), &status), 0);
+    EXPECT_TRUE(S_ISLNK(status.st_mode));
+    ASSERT_EQ(unlink(target.c_str()), 0);
+    Said said = list({path, "--cursor-file", link});
+    EXPECT_EQ(said.status, 2);
+    EXPECT_EQ(said.output, "");
+    EXPECT_THAT(said.errors, HasSubstr("cursor: a link that leads nowhere\n"));
+    ASSERT_EQ(unlink(link.c_str()), 0);
+    ASSERT_EQ(symlink("cursor", link.c_str()), 0);
+    EXPECT_EQ(list({path, "--cursor-file", link}).status, 2) << "a link to itself";
+}
+
+TEST_F(Listings, WhatIsNoRegularFileIsNeitherReadForACursorNorReplaced) {
+    std::string path = put("log", 1, 3, 1000);
+    std::string fifo = directory_.file("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    std::string toNull = directory_.file("null"); // replaced itself, it would do no harm
+    ASSERT_EQ(symlink("/dev/null", toNull.c_str()), 0);
+    std::string toZero = directory_.file("zero");
+    ASSERT_EQ(symlink("/dev/zero", toZero.c_str()), 0);
+    for (const std::string& file : {fifo, toNull, toZero, directory_.makeDirectory("directory")}) {
+        struct stat before {};
+        ASSERT_EQ(lstat(file.c_str(), &before), 0);
+        Said said = list({path, "--cursor-file", file});
+        EXPECT_EQ(said.status, 2) << file;
+        EXPECT_EQ(said.output, "") << file;
+        EXPECT_THAT(said.errors, HasSubstr(file + ": not a regular file")) << file;
+        struct stat after {};
+        ASSERT_EQ(lstat(file.c_str(), &after), 0);
+        EXPECT_EQ(after.st_ino, before.st_ino) << file;
+    }
+}
+
+TEST_F(Listings, CursorFileWithoutALineEndIsReadInPart) {
+    std::string path = put("log", 1, 3, 1000);
+    std::string file = putBytes("cursor", std::string(5U << 20U, 'c'));
+    Said said = list({path, "--cursor-file", file});
+    EXPECT_EQ(said.status, 2);
+    EXPECT_THAT(said.errors, HasSubstr("cursor: too long for a cursor\n"));
+    putBytes("cursor", cursorOf({path, "-n", "+2"})); // a whole one, by hand
+    EXPECT_EQ(ids({path, "--cursor-file", file}), "3");
+}
+
 // Two readers of one cursor must not write into each other's draft, nor through anybody's link.
 TEST_F(Listings, CursorFileIsWrittenAsideUnderANameOfItsOwn) {
     std::string path = put("log", 1, 3, 1000);
