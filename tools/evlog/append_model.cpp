@@ -15,6 +15,8 @@ constexpr char MISMATCHING[] = "Mismatching empStartSequenceId in Event Entry!";
 constexpr char REACH_DUMMY[] = "Reach Dummy Entry but still not enough space!";
 constexpr char READ_FAILS[] = "Linux read function fails for Event Log File!";
 constexpr char BAD_SOURCE[] = "Bad Event Source";
+constexpr char INVALID_FIRST[] = "empStartSequenceId = [";
+constexpr char INVALID_ENTRY[] = "Start points to invalid Event Entry?";
 
 U32_t slotOf(U32_t sequenceId) {
     return sequenceId % EMP_INDEX_ENTRIES;
@@ -66,6 +68,25 @@ const char* EvlogAppendModel_t::append(U32_t dataLength) {
     writeRecord(id, dataLength);
     if (start_ == EMP_LOG_FILE_SIZE) {
         writeDummy(write_, EMP_LOG_LAST_HEADER - write_, wrapOver_);
+    }
+    return nullptr;
+}
+
+const char* EvlogAppendModel_t::inquiryBugcheck() const {
+    for (bool isFirst : {true, false}) {
+        // KEEP: whether there is such an event is not looked at: that of none leads to offset 0.
+        const U32_t offset = index_[slotOf(isFirst ? startId_ : sequenceId_ - 1U)].offset;
+        const EmpEvRecord_t* header = headerAt(offset);
+        if (header == nullptr) {
+            return READ_FAILS;
+        }
+        if (!hasSignature(*header)) {
+            return isFirst ? INVALID_FIRST : INVALID_ENTRY;
+        }
+        const U32_t length = header->evStructLength;
+        if (length > EMP_MAX_STRUCT || bytes_.size() < size_t{offset} + EMP_RECORD_SIZE + length) {
+            return READ_FAILS;
+        }
     }
     return nullptr;
 }

@@ -31,6 +31,10 @@ class EvlogAppendModel_t {
      */
     const char* append(U32_t dataLength);
 
+    /** @return the message, or its beginning, of the bug-check in which an inquiry for the first or
+     * the last event ends, or nothing */
+    const char* inquiryBugcheck() const;
+
     U32_t nextSequenceId() const { return sequenceId_; }
     U32_t wraps() const { return wraps_; } ///< how often the log has gone round its end
 

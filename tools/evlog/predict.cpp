@@ -39,6 +39,7 @@ EvlogPrediction_t evlogPredict(const EvlogImage_t& image, const EvlogIdentity_t*
         return prediction;
     }
     EvlogAppendModel_t model(image, prediction.state, records);
+    prediction.inquiryBugcheck = model.inquiryBugcheck();
     for (U32_t length : dataLengths) {
         std::optional<EvlogBugcheck_t> found = firstBugcheck(model, length);
         if (found && (!prediction.bugcheck || found->events < prediction.bugcheck->events)) {

@@ -22,6 +22,8 @@ struct EvlogPrediction_t {
     U32_t taken = 0;                         ///< events that the start takes
     U32_t lost = 0;                          ///< readable ones that it does not take
     std::optional<EvlogBugcheck_t> bugcheck; ///< the first one after a start that went well
+    const char* inquiryBugcheck = nullptr; ///< that of the first inquiry, when no event came before
+                                           ///< it: its text, or the beginning; nullptr: none
 
     /** The event manager does not come up, or cannot store a single event, until the file is
      * replaced. */

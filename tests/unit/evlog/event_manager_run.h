@@ -8,6 +8,7 @@
 #include "evlog/evlog.h"
 
 #include "diag/debug_line.h"
+#include "requests/inquiry.h"
 #include "state/control.h"
 #include "store/append.h"
 #include "store/scan.h"
@@ -18,6 +19,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <optional>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -31,9 +33,8 @@ inline EvlogIdentity_t identityOf(const std::string& enclosure, U32_t slot) {
     return identity;
 }
 
-/** In the child: scans, then appends; the number of events that were stored goes to @p to. */
-[[noreturn]] inline void work(const std::string& directory, U32_t dataLength,
-                              const EvlogIdentity_t& blade, int to) {
+/** In the child: a start, without what comes before and behind the scan. */
+inline void start(const std::string& directory, const EvlogIdentity_t& blade) {
     int null = open("/dev/null", O_WRONLY);
     dup2(null, STDOUT_FILENO);
     static MPU_PARAMS_t params;
@@ -43,6 +44,12 @@ inline EvlogIdentity_t identityOf(const std::string& enclosure, U32_t slot) {
     empControl.empSlotId = blade.slotId;
     empControl.empWrapOver = EMP_E_WRAP_OVER_FALSE;
     empScanEventLogFile();
+}
+
+/** In the child: scans, then appends; the number of events that were stored goes to @p to. */
+[[noreturn]] inline void work(const std::string& directory, U32_t dataLength,
+                              const EvlogIdentity_t& blade, int to) {
+    start(directory, blade);
     static U8_t message[65'536];
     auto& header = *reinterpret_cast<EmpEvLogHeader_t*>(message + MMCH_SIZE);
     header.evSource = 28;
@@ -82,6 +89,31 @@ inline std::optional<U32_t> storedBy(const std::string& bytes, U32_t dataLength,
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFSIGNALED(status) ? WTERMSIG(status) == SIGABRT : WEXITSTATUS(status) == 0);
     return stored;
+}
+
+/** @return whether an event manager that has come up with a log outlives an inquiry */
+inline bool outlives(U32_t inquiryType, const std::string& bytes,
+                     const EvlogIdentity_t& blade = identityOf("CHASSIS-1", 2)) {
+    support::TempDirectory directory;
+    support::writeFile(directory.file("kelta_eventlog"), bytes);
+    int ends[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends), 0);
+    pid_t child = fork();
+    if (child == 0) {
+        start(directory.path(), blade);
+        empControl.socketFdMSM = ends[1];
+        static U8_t message[65'536];
+        auto& inquiry = *reinterpret_cast<EmpEvInquiryMsg_t*>(message + MMCH_SIZE);
+        inquiry.evInquiryType = inquiryType;
+        empRcvEventInquiryMsg(reinterpret_cast<MMSG_t*>(message));
+        _exit(0);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    close(ends[0]); // by now its answer has come
+    close(ends[1]);
+    EXPECT_TRUE(WIFSIGNALED(status) ? WTERMSIG(status) == SIGABRT : WEXITSTATUS(status) == 0);
+    return !WIFSIGNALED(status);
 }
 
 } // namespace test

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <map>
 
 using test::EVENTS_MAX;
 using test::LogImage;
@@ -205,6 +206,35 @@ TEST(Predict, AgreesOnRandomDamage) {
         }
         expectAgreement(log, "round " + std::to_string(round));
     }
+}
+
+TEST(Predict, AgreesOnTheFirstInquiry) {
+    std::map<std::string, LogImage> logs = {{"empty", LogImage()}, {"sound", unwrapped()}};
+    logs["sound, wrapped"] = wrapped(77);
+    logs["a dummy entry to the end"].dummy();
+    logs["a dummy entry to the end"].zerosTo();
+    logs["a short dummy entry"].dummy(500);
+    logs["a short dummy entry"].zerosTo();
+    logs["a dummy entry as long as an event may be"].dummy(3848);
+    logs["a dummy entry as long as an event may be"].zerosTo();
+    logs["a dummy entry that is longer"].dummy(3849);
+    logs["a dummy entry that is longer"].zerosTo();
+    logs["a dummy entry behind damage"].raw(std::string(300, 'x'));
+    logs["a dummy entry behind damage"].dummy();
+    logs["a dummy entry behind damage"].zerosTo();
+    logs["damaged first record"] = unwrapped();
+    logs["damaged first record"].damage(0);
+    U32_t ended = 0;
+    for (const auto& [what, log] : logs) {
+        const EvlogIdentity_t blade = test::identityOf("CHASSIS-1", 2);
+        const bool predicted =
+            evlogPredict(test::imageOf(log.bytes), &blade, {}).inquiryBugcheck == nullptr;
+        const bool outlived = test::outlives(EMP_E_INQUIRY_TYPE_FIRST, log.bytes) &&
+                              test::outlives(EMP_E_INQUIRY_TYPE_LAST, log.bytes);
+        EXPECT_EQ(predicted, outlived) << what;
+        ended += outlived ? 0 : 1;
+    }
+    EXPECT_GE(ended, 2U);
 }
 
 TEST(Predict, SoundFileLosesNothing) {

@@ -61,12 +61,12 @@ std::string lossLine(const EvlogPrediction_t& prediction) {
 
 std::string bugcheckLine(const EvlogBugcheck_t& bugcheck) {
     std::string text = "bug-check \"" + std::string(bugcheck.message) + "\" at ";
+    const std::string size = std::to_string(bugcheck.dataLength) + " bytes of data";
     if (bugcheck.events == 0) {
-        return text + "the first event that is logged, after every start";
+        return text + "the first event that is logged, if it has " + size + ", after every start";
     }
     return text + "event " + std::to_string(bugcheck.events + 1) +
-           " after the start, if each has " + std::to_string(bugcheck.dataLength) +
-           " bytes of data";
+           " after the start, if each has " + size;
 }
 
 void printRemedy(const EvlogPrediction_t& prediction) {
@@ -89,6 +89,10 @@ void printLines(const EvlogPrediction_t& prediction) {
     if (prediction.lost > 0) {
         std::cout << lossLine(prediction) << "\n";
     }
+    if (prediction.inquiryBugcheck != nullptr) {
+        std::cout << "bug-check \"" << prediction.inquiryBugcheck
+                  << "\" at an inquiry for the first or the last event, before one is logged\n";
+    }
     if (prediction.bugcheck) {
         std::cout << bugcheckLine(*prediction.bugcheck) << "\n";
     }
@@ -102,6 +106,13 @@ Json bugcheckJson(const EvlogPrediction_t& prediction) {
                 {"eventsBefore", nullptr},
                 {"dataLength", nullptr},
                 {"forGood", true}};
+    }
+    if (prediction.inquiryBugcheck != nullptr && !prediction.isFatal()) {
+        return {{"message", prediction.inquiryBugcheck},
+                {"at", "inquiry"},
+                {"eventsBefore", 0},
+                {"dataLength", nullptr},
+                {"forGood", false}};
     }
     if (!prediction.bugcheck) {
         return nullptr;
@@ -132,7 +143,9 @@ int runPredict(const PredictOptions& options) {
     if (prediction.isFatal()) {
         return tools::EXIT_COULD_NOT;
     }
-    return prediction.lost > 0 || prediction.bugcheck ? int{tools::EXIT_FINDING} : status;
+    const bool isBad =
+        prediction.lost > 0 || prediction.bugcheck || prediction.inquiryBugcheck != nullptr;
+    return isBad ? int{tools::EXIT_FINDING} : status;
 }
 
 } // namespace
