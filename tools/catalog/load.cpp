@@ -12,7 +12,6 @@
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
-#include <ranges>
 #include <set>
 #include <tuple>
 
@@ -465,10 +464,10 @@ const Entry* Catalog::find(U32_t source, U32_t id, U32_t version) const {
         if (layers == versions->second.end()) {
             continue;
         }
-        for (const auto& [layer, ids] : std::views::reverse(layers->second)) {
-            auto found = firstOver(ids, id);
-            if (found != ids.end() && found->first <= id) {
-                best = best == nullptr || layer >= best->layer ? &found->second : best;
+        for (auto layer = layers->second.rbegin(); layer != layers->second.rend(); layer++) {
+            auto found = firstOver(layer->second, id);
+            if (found != layer->second.end() && found->first <= id) {
+                best = best == nullptr || layer->first >= best->layer ? &found->second : best;
                 break;
             }
         }
