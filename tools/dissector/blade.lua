@@ -291,7 +291,7 @@ local function dissectMmsg(tvb, pinfo, root)
     local protocol, kind = tvb(12, 1):uint(), tvb(13, 3):uint()
     local reply = tvb(17, 1):bitfield(1, 1) == 1
     local row = protocol == EVENTMGR and LOCAL_BODIES[kind + (reply and REPLY or 0)] or nil
-    local unstamped = kind == LOG and tvb(16, 1):uint() ~= EVENT_MANAGER
+    local unstamped = (kind == LOG or kind == ALTERNATE_LOG) and tvb(16, 1):uint() ~= EVENT_MANAGER
     local what = addBody(tree, "mmsg.", row, tvb(MMCH_SIZE, length - MMCH_SIZE):tvb(), unstamped)
     local text = string.format("%s > %s: %s %s%s", name(ENDPOINTS, tvb(16, 1):uint()), table.concat(recipients, ", "),
         name(PROTOCOLS, protocol), typeName(protocol, kind), reply and " reply" or "")

@@ -147,6 +147,12 @@ class DissectorTest(unittest.TestCase):
                                "_ws.expert.message")
         self.assertEqual(rows, [[[]], [["evStructLength is not the number of data bytes"]]])
 
+    def test_alternate_event_of_a_process_is_not_stamped_yet(self):
+        rows = self.local_rows([mmsg(7, MESSAGE[64:], requestor=26), mmsg(7, MESSAGE[64:], requestor=27)],
+                               "_ws.expert.message", "_ws.col.Info")
+        self.assertEqual(rows[0], [[], ["environ > startup: eventmgr alternate_log, warning, id 7"]])
+        self.assertEqual(rows[1][0], ["evStructLength is not the number of data bytes"])
+
     # --- Streams
 
     def test_messages_in_pieces_are_put_together(self):
