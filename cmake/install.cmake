@@ -1,5 +1,5 @@
 # What is installed beside libmpu. The components are the Debian packages: event-manager, evctl, evarchiver,
-# evbridge and mpu for libmpu-dev. A component of the whole: cmake --install build/release --component evctl
+# evbridge, event-manager-catalog and mpu for libmpu-dev. A component of the whole: cmake --install build/release --component evctl
 include(GNUInstallDirs)
 set(BLADE_SYSTEMD_DIR lib/systemd/system CACHE STRING "Where units are installed")
 set(BLADE_ZSH_FOLDER site-functions CACHE STRING "Folder of completions below share/zsh")
@@ -152,9 +152,8 @@ install_pages(mpu ${LIBRARY_PAGES})
 install(FILES examples/log_event.c examples/log_events.cpp examples/CMakeLists.txt
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libmpu-dev/examples COMPONENT mpu)
 
-# Data that programs read at run time.
-if(IS_DIRECTORY ${PROJECT_SOURCE_DIR}/share/event-manager)
-    install(DIRECTORY share/event-manager/
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/event-manager COMPONENT evctl
-        PATTERN web EXCLUDE PATTERN mibs EXCLUDE)
-endif()
+# A package of its own: evctl, evweb and evbridge read it, and none of them needs another.
+install(DIRECTORY share/event-manager/catalog.d
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/event-manager COMPONENT event-manager-catalog)
+install(FILES share/event-manager/catalog.schema.json
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/event-manager COMPONENT event-manager-catalog)

@@ -131,12 +131,11 @@ class Catalog {
 };
 
 /** Where catalogues stand: the directories that EVENT_MANAGER_CATALOG names, with colons between;
- * when it is not set, those of the installation and of the site (/etc/event-manager/catalog.d).
- * Later ones go before. */
+ * when it is not set, or empty, those of the installation and of the site
+ * (/etc/event-manager/catalog.d). Later ones go before. */
 std::vector<std::string> catalogDirectories();
 
-/** The catalogue of catalogDirectories(). One that the variable names must be there; any that is
- * there must be readable. */
+/** The catalogue of catalogDirectories(). All must be there, but that of the site, and readable. */
 Catalog loadCatalog(std::vector<Problem>* problems);
 
 // --- Decoding ------------------------------------------------------------------------------------

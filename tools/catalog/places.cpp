@@ -22,44 +22,44 @@ std::vector<std::string> splitAtColons(const std::string& text) {
     return parts;
 }
 
+/** What the variable says; nothing when it is not set, or empty. */
+std::optional<std::string> namedDirectories() {
+    const char* directories = getenv(VARIABLE);
+    bool isSet = directories != nullptr && *directories != '\0';
+    return isSet ? std::optional<std::string>(directories) : std::nullopt;
+}
+
 /** Beside the program in a build folder, else where it is installed, which may be in a folder of
- * programs that others start. */
-std::optional<std::string> ownDirectory() {
+ * programs that others start. Where there is none: where a program's share folder is. */
+std::string ownDirectory() {
     std::error_code error;
     std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
-    if (error) {
-        return std::nullopt;
-    }
     std::filesystem::path folder = program.parent_path();
     for (const auto& base : {folder, folder.parent_path(), folder.parent_path().parent_path()}) {
         if (std::filesystem::is_directory(base / BELOW_SHARE, error)) {
             return base / BELOW_SHARE;
         }
     }
-    return std::nullopt;
+    return folder.parent_path() / BELOW_SHARE;
 }
 
 } // namespace
 
 std::vector<std::string> catalogDirectories() {
-    if (const char* directories = getenv(VARIABLE); directories != nullptr) {
-        return splitAtColons(directories);
+    if (std::optional<std::string> named = namedDirectories()) {
+        return splitAtColons(*named);
     }
-    std::vector<std::string> directories;
-    if (std::optional<std::string> own = ownDirectory()) {
-        directories.push_back(*own);
-    }
-    directories.emplace_back(SITE);
-    return directories;
+    return {ownDirectory(), SITE};
 }
 
 Catalog loadCatalog(std::vector<Problem>* problems) {
     Catalog catalog;
-    bool isNamed = getenv(VARIABLE) != nullptr;
+    bool isNamed = namedDirectories().has_value();
     for (const std::string& directory : catalogDirectories()) {
         std::error_code error;
         auto type = std::filesystem::status(directory, error).type();
-        if (isNamed || type != std::filesystem::file_type::not_found) {
+        // A site need not have any.
+        if (isNamed || directory != SITE || type != std::filesystem::file_type::not_found) {
             catalog.addDirectory(directory, problems);
         }
     }

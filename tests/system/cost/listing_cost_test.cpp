@@ -47,7 +47,8 @@ class CostOfListings : public testing::Test {
                                           "file",
                                           "list"};
         words.insert(words.end(), arguments.begin(), arguments.end());
-        Process evctl(words, directory_.file("evctl"), {{"EVENT_MANAGER_CATALOG", ""}});
+        Process evctl(words, directory_.file("evctl"),
+                      {{"EVENT_MANAGER_CATALOG", directory_.path()}});
         EXPECT_EQ(evctl.wait(), exitedWith(0)) << evctl.errorOutput();
         std::string line = waitForLine(report, "Collected :");
         return std::stod(line.substr(line.find(':') + 1));

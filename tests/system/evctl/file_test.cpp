@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -361,6 +363,17 @@ TEST_F(File, CatalogueOfTheEnvironmentIsUsed) {
                            {{"EVENT_MANAGER_CATALOG", directory_.path()}});
     EXPECT_EQ(evctl.wait(), support::exitedWith(0));
     EXPECT_EQ(evctl.output().substr(101), "own 101\n");
+}
+
+TEST_F(File, CatalogueThatIsNotInstalledIsSaid) {
+    const std::string alone = directory_.makeDirectory("bin") + "/evctl";
+    std::filesystem::copy_file(support::program("evctl"), alone);
+    std::vector<std::string> command = support::commandOf("evctl", {"catalog", "check"});
+    std::ranges::replace(command, support::program("evctl"), alone);
+    support::Process evctl(command, directory_.file("evctl"), {{"EVENT_MANAGER_CATALOG", ""}});
+    EXPECT_EQ(evctl.wait(), support::exitedWith(1));
+    EXPECT_EQ(evctl.output(),
+              directory_.file("share/event-manager/catalog.d") + ": No such file or directory\n");
 }
 
 TEST_F(File, PredictSaysWhatTheNextStartDoes) {

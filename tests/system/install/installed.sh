@@ -13,7 +13,7 @@ export LC_ALL=C DEBIAN_FRONTEND=noninteractive SYSTEMD_PAGER= NO_COLOR=1
     echo "installed.sh: to be run in its container" >&2
     exit 2
 }
-all=(event-manager evctl evarchiver evbridge libmpu-dev)
+all=(event-manager event-manager-catalog evctl evarchiver evbridge libmpu-dev)
 users=(blade evarchiver evgate evweb evbridge)
 units=(blade@0 evarchiver evgate evweb evbridge)
 slot=/var/lib/blade/slot0

@@ -7,6 +7,7 @@
 
 using namespace catalog;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::IsEmpty;
 
 namespace {
@@ -250,10 +251,19 @@ TEST(Catalog, BugCheckIsReadFromItsBytes) {
 TEST(Catalog, DirectoriesAreThoseOfTheEnvironment) {
     setenv("EVENT_MANAGER_CATALOG", "/a::/b:", 1);
     EXPECT_THAT(catalogDirectories(), ElementsAre("/a", "/b"));
-    setenv("EVENT_MANAGER_CATALOG", "", 1);
-    EXPECT_THAT(catalogDirectories(), IsEmpty());
     unsetenv("EVENT_MANAGER_CATALOG");
-    EXPECT_EQ(catalogDirectories().back(), "/etc/event-manager/catalog.d");
+    EXPECT_THAT(catalogDirectories(), ElementsAre(EndsWith("/share/event-manager/catalog.d"),
+                                                  "/etc/event-manager/catalog.d"));
+}
+
+TEST(Catalog, AnEmptyVariableNamesNoDirectories) {
+    unsetenv("EVENT_MANAGER_CATALOG");
+    const std::vector<std::string> usual = catalogDirectories();
+    setenv("EVENT_MANAGER_CATALOG", "", 1);
+    EXPECT_EQ(catalogDirectories(), usual);
+    std::vector<Problem> problems;
+    EXPECT_NE(loadCatalog(&problems).find(27, 11, 1), nullptr);
+    unsetenv("EVENT_MANAGER_CATALOG");
 }
 
 TEST(Catalog, OnlyFilesNamedJsonAreReadInTheOrderOfNames) {

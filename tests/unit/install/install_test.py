@@ -31,7 +31,8 @@ EXPECTED = [
     "share/doc/event-manager/docs/formats.md", "share/doc/libmpu-dev/examples/log_event.c",
     "share/event-manager/kaitai/kelta_eventlog.ksy", "share/event-manager/wireshark/blade.lua",
     "share/event-manager/wireshark/blade_record.py", "share/event-manager/sql/fleet/001_schema.sql",
-    "share/event-manager/mibs/EVENT-MANAGER-MIB.txt",
+    "share/event-manager/mibs/EVENT-MANAGER-MIB.txt", "share/event-manager/catalog.schema.json",
+    "share/event-manager/catalog.d/eventlog.json", "share/event-manager/catalog.d/startup.json",
     "include/mpu/mpu/event.h", "include/mpu/mpu_gbl.h",
 ]
 PAGES = pathlib.Path(__file__).resolve().parents[3] / "docs" / "man"

@@ -1,6 +1,6 @@
 #include "fleet_names.h"
 
-#include "catalog/catalog.h"
+#include "catalog/event_text.h"
 #include "common/names.h"
 #include "fleet_owner.h"
 
@@ -53,8 +53,7 @@ std::string sqlOfNames() {
     for (U32_t source = 0; source <= LARGEST_SOURCE_NUMBER; ++source) {
         names.add("event", static_cast<int>(source), tools::eventNamesOf(source));
     }
-    const catalog::Catalog known = catalog::loadCatalog(nullptr);
-    for (const catalog::Entry* entry : known.entries()) {
+    for (const catalog::Entry* entry : catalog::knownEvents().entries()) {
         names.add("event", static_cast<int>(entry->source), entry->firstId, entry->lastId,
                   entry->version ? static_cast<int>(*entry->version) : ANY, entry->name);
     }
