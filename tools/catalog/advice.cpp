@@ -75,6 +75,29 @@ std::optional<std::string_view> restBehind(std::string_view text, std::string_vi
     return message.empty() ? std::optional(text) : std::nullopt;
 }
 
+/** The message of a bug-check in a line as listings print it: "bug-check: TEXT (FUNCTION, line 5)";
+ * any other text as it is. */
+std::string_view messageIn(std::string_view line) {
+    constexpr std::string_view before = "bug-check: ";
+    if (const size_t at = line.find(before); at != line.npos) {
+        line.remove_prefix(at + before.size());
+    }
+    const size_t place = line.rfind(" (");
+    const bool hasPlace = place != line.npos && line.find(", line ", place) != line.npos;
+    return hasPlace && line.ends_with(')') ? line.substr(0, place) : line;
+}
+
+/** Whether a row's text holds a part of a message, with its numbers; both in lower case. */
+bool holds(std::string_view text, std::string_view part) {
+    for (size_t at = 0; at < text.size(); at++) {
+        // A number alone is none of the text.
+        if (!text.substr(at).starts_with(NUMBER) && restBehind(text.substr(at), part)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::string lowerCase(std::string_view text) {
     std::string lower(text);
     std::ranges::transform(lower, lower.begin(), [](unsigned char letter) {
@@ -117,13 +140,14 @@ std::string wholeMessage(const std::string& message) {
 }
 
 std::vector<const Advice*> adviceMeantBy(const std::string& text) {
-    if (const Advice* advice = adviceFor(text)) {
+    const std::string_view message = messageIn(text);
+    if (const Advice* advice = adviceFor(message)) {
         return {advice};
     }
     std::vector<const Advice*> found;
-    std::string wanted = lowerCase(text);
+    const std::string wanted = lowerCase(message);
     for (const Advice& advice : allAdvice()) {
-        if (lowerCase(advice.name).find(wanted) != std::string::npos) {
+        if (holds(lowerCase(advice.name), wanted)) {
             found.push_back(&advice);
         }
     }

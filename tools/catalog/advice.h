@@ -37,8 +37,9 @@ const Advice* adviceFor(std::string_view message);
  * it was when there is no row. */
 std::string wholeMessage(const std::string& message);
 
-/** The rows that a user may mean: the verdict of this name, the bug-check of this message, else all
- * that hold the text, whatever its case. */
+/** The rows that a user may mean: the verdict of this name, the bug-check of this message, also
+ * within the line that listings print of it, else all that hold the text, whatever its case; a
+ * number of its stands for any. */
 std::vector<const Advice*> adviceMeantBy(const std::string& text);
 
 /** The name nearest to a mistyped one. */

@@ -8,6 +8,7 @@
 using catalog::adviceFor;
 using catalog::wholeMessage;
 using testing::HasSubstr;
+using testing::StartsWith;
 
 namespace {
 
@@ -84,6 +85,30 @@ TEST(Advice, ExplainTakesAPartOfAText) {
     said = test::run({"explain", "--json", "lseek"});
     EXPECT_EQ(std::ranges::count(said.output, '\n'), 3);
     EXPECT_THAT(said.output, HasSubstr(R"({"kind":"bug-check","name":"Linux lseek)"));
+}
+
+TEST(Advice, ExplainTakesTheLineOfAListing) {
+    for (
+        const char* line :
+        {"bug-check: Linux read function fails for Event Log File! (empRcvEventInquiryMsg, line 6675)",
+         "  12  2006-11-21T14:00:00Z  bug-check: Linux read function fails for Event Log File! (f, line 1)",
+         "Linux read function fails for Event Log File! (f, line 1)"}) {
+        EXPECT_THAT(test::run({"explain", line}).output,
+                    StartsWith("bug-check     Linux read function fails for Event Log File!\n"));
+    }
+    EXPECT_EQ(test::run({"explain", "(f, line 1)"}).status, 1);
+}
+
+TEST(Advice, ExplainTakesAPartWithNumbers) {
+    for (const char* part : {"Bad Event Source [77]", "bad event source [77] in the Corrupted",
+                             "Source [7", "source [%d]"}) {
+        EXPECT_THAT(test::run({"explain", part}).output,
+                    StartsWith("bug-check     Bad Event Source [%d] in the Corrupted"))
+            << part;
+    }
+    EXPECT_THAT(test::run({"explain", "MSG_PEEK readSize = [-1] is wrong"}).output,
+                StartsWith("bug-check     Linux recv function fails, MSG_PEEK readSize = [%d]"));
+    EXPECT_EQ(test::run({"explain", "77"}).status, 1) << "a number alone is none of the text";
 }
 
 TEST(Advice, ExplainNamesTheNearestOfAMistypedText) {
