@@ -1,5 +1,7 @@
 #include "evctl/filters/text_pattern.h"
 
+#include "evctl/filters/pattern_size.h"
+
 #include <algorithm>
 #include <clocale>
 #include <stdexcept>
@@ -51,6 +53,10 @@ TextPattern::InCase TextPattern::compile(const std::string& text) {
 }
 
 TextPattern::TextPattern(const std::string& text) {
+    if (patternSize(text) > PATTERN_SIZE_MAX) {
+        throw std::invalid_argument("more than " + std::to_string(PATTERN_SIZE_MAX) +
+                                    " characters when its repetitions are written out");
+    }
     {
         const InUtf8 characters;
         ofCharacters_ = compile(text);

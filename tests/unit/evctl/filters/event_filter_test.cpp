@@ -1,6 +1,9 @@
 #include "evctl/filters/event_filter.h"
 
-#include <gtest/gtest.h>
+#include "../run.h"
+#include "evctl/filters/pattern_size.h"
+
+#include <gmock/gmock.h>
 
 using evctl::EventFilter;
 
@@ -175,4 +178,33 @@ TEST(Patterns, InAnyCaseHoldForAllLetters) {
     EXPECT_TRUE(showsText({"-g", "[ü]BEL", "-i"}, "fünf Übel"));
     EXPECT_TRUE(showsText({"-g", "ΑΒΓ ДИСК", "-i"}, "αβγ диск"));
     EXPECT_FALSE(showsText({"-g", "Abel", "-i"}, "fünf Übel"));
+}
+
+TEST(PatternSize, RepetitionsAreWrittenOut) {
+    using evctl::patternSize;
+    EXPECT_EQ(patternSize(""), 0U);
+    EXPECT_EQ(patternSize("fan|disk\\.[0-9]?x*"), 11U);
+    EXPECT_EQ(patternSize("a{5}"), 5U);
+    EXPECT_EQ(patternSize("a{,5}b{2,3}c{4,}d{0}"), 13U);
+    EXPECT_EQ(patternSize("(ab){2}"), 6U);
+    EXPECT_EQ(patternSize("(a{3}b){2}{2}"), 20U);
+    EXPECT_EQ(patternSize("((a+)+)+"), 14U); // each once more with a star
+    EXPECT_EQ(patternSize("\\(a{3}\\{2}"), 7U);
+    EXPECT_EQ(patternSize("(a[)]b){2}"), 8U);
+    EXPECT_EQ(patternSize("([]})]b[^]{1,9}]c){2}"), 10U);
+    EXPECT_EQ(patternSize("([[:alpha:])]b){2}"), 6U);
+    for (const char* cut : {"(", "((a", "[", "[^", "[[:", "a{", "a{2", "\\"}) {
+        EXPECT_LE(patternSize(cut), 4U) << cut;
+    }
+}
+
+TEST(PatternSize, OnesThatWouldTakeAllMemoryAreRefused) {
+    for (const char* text : {"((((.{1,200}){1,200}){1,200}){1,200})", "(.{1,101}){1,101}",
+                             "((((((((((((((a+)+)+)+)+)+)+)+)+)+)+)+)+)+)+"}) {
+        EXPECT_THAT(test::run({"file", "list", "no", "-g", text}).errors,
+                    testing::StartsWith("evctl: --grep: '" + std::string(text) +
+                                        "': more than 10000 characters when its repetitions are "));
+    }
+    EXPECT_EQ(evctl::patternSize(std::string(20'000, 'a')), evctl::PATTERN_SIZE_MAX + 1);
+    EXPECT_NO_THROW(evctl::TextPattern("(.{1,50}x){1,100}"));
 }
