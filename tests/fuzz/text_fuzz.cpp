@@ -72,7 +72,10 @@ void catalogue(Input& input) {
 
 void timeText(Input& input) {
     std::uint32_t now = input.word();
-    tools::parseTime(std::string(input.text()), now);
+    try {
+        tools::parseTime(std::string(input.text()), now);
+    } catch (const std::out_of_range&) {
+    }
 }
 
 void archiverAddress(Input& input) {

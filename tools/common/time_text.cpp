@@ -4,20 +4,30 @@
 #include <charconv>
 #include <chrono>
 #include <ctime>
+#include <stdexcept>
 
 namespace tools {
 namespace {
 
 constexpr U32_t DAY = 86'400;
 
-std::optional<U32_t> inRange(S64_t seconds) {
-    bool fits = seconds >= 0 && seconds <= UINT32_MAX;
-    return fits ? std::optional(static_cast<U32_t>(seconds)) : std::nullopt;
+[[noreturn]] void failRange() {
+    throw std::out_of_range("is outside 1970-01-01T00:00:00Z to 2106-02-07T06:28:15Z");
+}
+
+U32_t inRange(S64_t seconds) {
+    if (seconds < 0 || seconds > UINT32_MAX) {
+        failRange();
+    }
+    return static_cast<U32_t>(seconds);
 }
 
 std::optional<U32_t> wholeNumber(std::string_view text) {
     U32_t number = 0;
     auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error == std::errc::result_out_of_range) {
+        failRange();
+    }
     bool whole = error == std::errc() && stop == text.data() + text.size();
     return whole ? std::optional(number) : std::nullopt;
 }

@@ -24,7 +24,8 @@ enum class Zone {
  * "-1w". With "Z" or "+01:00" behind it a time of the day is of that zone.
  * @param now seconds since 1970
  * @param zone that dates and times of the day are of
- * @return seconds since 1970; nothing for any other text and for a time outside 1970 to 2106
+ * @return seconds since 1970; nothing for any other text
+ * @throw std::out_of_range for a time outside 1970 to 2106: "is outside ..."
  */
 std::optional<U32_t> parseTime(const std::string& text, U32_t now, Zone zone = Zone::UTC);
 

@@ -95,8 +95,13 @@ void parseRange(const std::string& text, EventFilter& filter) {
 
 std::optional<U32_t> parseTimeOption(const std::string& flag, const std::string& text,
                                      const Zone* zone) {
-    std::optional<U32_t> time =
-        parseTime(text, static_cast<U32_t>(::time(nullptr)), zone != nullptr ? *zone : Zone::UTC);
+    std::optional<U32_t> time;
+    try {
+        time = parseTime(text, static_cast<U32_t>(::time(nullptr)),
+                         zone != nullptr ? *zone : Zone::UTC);
+    } catch (const std::out_of_range& problem) {
+        throw CLI::ValidationError(flag, "'" + text + "' " + problem.what());
+    }
     if (!time) {
         throw CLI::ValidationError(flag, "'" + text +
                                              "' is no time: 2006-11-21, 2006-11-21T14:00:00, "
