@@ -71,8 +71,8 @@ class OnATerminal : public testing::Test {
 } // namespace
 
 TEST_F(OnATerminal, LinesAreCutToItsWidth) {
-    EXPECT_EQ(list({"-n", "1", "--color=never"}, {}, 40),
-              "        60  2006-11-21T14:00:00Z  warni\u2026\r\n");
+    EXPECT_EQ(list({"-n", "1", "--color=never"}, {{"PAGER", ""}}, 35),
+              "        60  11-21T14:00:00  w  eve\u2026\r\n");
     EXPECT_THAT(list({"-n", "1", "-o", "json"}, {}, 40), EndsWith("\"text\":\"event 60\"}\r\n"));
 }
 
@@ -82,6 +82,18 @@ TEST_F(OnATerminal, TheTextIsSeenOnANarrowOne) {
     EXPECT_EQ(list({"-n", "1", "--color=never"}, {{"EVCTL_PAGER", "sed s/^/P:/"}}, 80),
               "P:" + line);
     EXPECT_THAT(list({"-n", "1", "--color=never"}, {}, 130), HasSubstr("  disk           300  "));
+}
+
+TEST_F(OnATerminal, TheTextIsSeenOnAVeryNarrowOneWithoutAPager) {
+    const support::Process::Environment none = {{"PAGER", ""}};
+    EXPECT_EQ(list({"-n", "1", "--color=never"}, none, 40),
+              "        60  11-21T14:00:00  w  event 60\r\n");
+    EXPECT_THAT(list({"-n", "1", "--color=never"}, none, 72),
+                HasSubstr("Z  warning  startup 300  e"));
+    EXPECT_THAT(list({"-n", "1", "--color=never"}, none, 71), HasSubstr("0  w  event 60\r\n"));
+    EXPECT_EQ(list({"-n", "1", "--color=never"}, {{"EVCTL_PAGER", "sed s/^/P:/"}}, 40),
+              "P:        60  2006-11-21T14:00:00Z  warning  startup 300  event 60\r\n")
+        << "there it may be scrolled";
 }
 
 TEST_F(OnATerminal, ColoursAreSparedWhereTheyAreNotWanted) {
@@ -165,7 +177,7 @@ TEST_F(OnATerminal, TheInterruptKeyIsThePagers) {
 
 TEST_F(OnATerminal, APagerOfTheNameCatIsNone) {
     EXPECT_EQ(list({"-n", "1", "--color=never"}, {{"EVCTL_PAGER", "cat"}}, 40),
-              "        60  2006-11-21T14:00:00Z  warni\u2026\r\n");
+              "        60  11-21T14:00:00  w  event 60\r\n");
 }
 
 namespace {

@@ -67,6 +67,14 @@ const char* colourOf(const EventView& event) {
 
 // On fewer columns little or nothing would be seen of the texts.
 constexpr size_t WIDE_COLUMNS = 130;
+constexpr size_t NARROW_COLUMNS = 72;
+
+/** @param paged lines are not cut, but may be scrolled */
+Width widthOf(std::optional<size_t> columns, bool paged) {
+    const size_t room = columns.value_or(WIDE_COLUMNS);
+    const Width narrowest = paged || room >= NARROW_COLUMNS ? Width::NARROW : Width::SLIM;
+    return room >= WIDE_COLUMNS ? Width::WIDE : narrowest;
+}
 
 std::optional<size_t> columnsOf(int terminal) {
     struct winsize size {};
@@ -112,8 +120,7 @@ std::optional<size_t> outputColumns() {
 EventPrinter::EventPrinter(const OutputOptions& options, const OutputPlace& place)
     : options_(options), place_(place), columns_(place.paged ? std::nullopt : outputColumns()),
       // Standard output is the pager's by then.
-      narrow_((place.paged ? columnsOf(STDERR_FILENO) : columns_).value_or(WIDE_COLUMNS) <
-              WIDE_COLUMNS),
+      width_(widthOf(place.paged ? columnsOf(STDERR_FILENO) : columns_, place.paged)),
       colour_(wantsColour(options.colour, place)) {
     if (options.form == Form::CSV) {
         std::cout << csvHeader();
@@ -142,8 +149,7 @@ std::string EventPrinter::styled(std::string line, const EventView& event) const
 }
 
 std::string EventPrinter::lineOf(const sources::Event& event) const {
-    return eventLine(event.view,
-                     {.zone = options_.zone, .blade = place_.several, .narrow = narrow_});
+    return eventLine(event.view, {.zone = options_.zone, .blade = place_.several, .width = width_});
 }
 
 std::string EventPrinter::jsonOf(const sources::Event& event) const {

@@ -79,7 +79,7 @@ class EventPrinter {
     const OutputOptions& options_;
     OutputPlace place_;
     std::optional<size_t> columns_; // of the terminal
-    bool narrow_;                   // lines are
+    Width width_;                   // of lines
     bool colour_;
     bool any_ = false; // has printed something
 };

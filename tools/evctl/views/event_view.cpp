@@ -16,6 +16,16 @@ constexpr size_t SEQUENCE_ID_WIDTH = 10;
 constexpr size_t LINE_RESERVE = 256; // most lines are shorter
 constexpr size_t LINES_RESERVE = 768;
 
+// "2006-11-21T14:00:00Z"
+constexpr size_t MONTH_AT = 5;
+constexpr size_t MONTH_TO_SECOND = 14;
+
+/** The first letter of a type's name, or its number. */
+std::string letterOf(U32_t type) {
+    const std::string name = tools::eventTypeNames.brief(type);
+    return tools::eventTypeNames.find(type) != nullptr ? name.substr(0, 1) : name;
+}
+
 /** A text, filled up to @p width, and the two blanks behind it. */
 void addColumn(std::string& line, const std::string& text, size_t width) {
     line += text;
@@ -90,14 +100,20 @@ std::string eventLine(const EventView& event, const LineStyle& style) {
     std::string line(SEQUENCE_ID_WIDTH - std::min(id.size(), SEQUENCE_ID_WIDTH), ' ');
     line.reserve(LINE_RESERVE);
     line.append(id).append(2, ' ');
-    line.append(zonedTime(header.evTime, style.zone)).append(2, ' ');
+    const std::string time = zonedTime(header.evTime, style.zone);
+    const bool isSlim = style.width == Width::SLIM;
+    line.append(time, isSlim ? MONTH_AT : 0, isSlim ? MONTH_TO_SECOND : time.npos).append(2, ' ');
     if (style.blade) {
         addColumn(line, bladeName(header), 12);
     }
     const std::string eventId = eventIdText(header);
-    if (style.narrow) {
-        addColumn(line, tools::eventTypeNames.brief(header.evType), 7);
-        addColumn(line, tools::endpointNames.brief(header.evSource) + " " + eventId, 0);
+    if (style.width != Width::WIDE) {
+        addColumn(line,
+                  isSlim ? letterOf(header.evType) : tools::eventTypeNames.brief(header.evType),
+                  isSlim ? 1 : 7);
+        if (!isSlim || !catalog::eventText(event)) {
+            addColumn(line, tools::endpointNames.brief(header.evSource) + " " + eventId, 0);
+        }
     } else {
         addColumn(line, tools::eventTypeNames.brief(header.evType), 11);
         addColumn(line, tools::endpointNames.brief(header.evSource), 15);

@@ -40,12 +40,18 @@ Json nameOrNull(const tools::NameTable& names, U32_t value);
 std::string eventIdText(const EmpEvLogHeader_t& header);
 std::string eventIdText(U32_t source, U32_t id, U32_t version = catalog::ANY_VERSION);
 
+/** How much of a line stands before the text, so that something is seen of it. */
+enum class Width {
+    WIDE,
+    NARROW, ///< without the category and without room
+    SLIM, ///< no more than id, time of the year, and the type's first letter, of an event with text
+};
+
 /** The parts of a line that are not the same in all listings. */
 struct LineStyle {
     Zone zone = Zone::UTC;
     bool blade = false; ///< with a column of the blade's name
-    bool narrow =
-        false; ///< without the category and without room, so that more is seen of the text
+    Width width = Width::WIDE;
 };
 
 /** The event as one line, without line feed. */
