@@ -29,7 +29,7 @@ void addFileCommands(CLI::App& parent, Chosen& chosen) {
 
 std::string ownLog() {
     try {
-        const MPU_PARAMS_t& params = attachParams({});
+        const MPU_PARAMS_t& params = attachParams({.key = {}, .otherName = "EVCTL_KEY"});
         return tools::fieldText(params.nvramDirectory, sizeof(params.nvramDirectory)) +
                EMP_LOG_FILE_NAME;
     } catch (const std::runtime_error& problem) {

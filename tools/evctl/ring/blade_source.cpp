@@ -70,7 +70,8 @@ sources::Sources openSourcesOrBlade(const std::string& path, const sources::Open
     RequestOptions request;
     KeyOptions& block = request.where.block;
     const std::string key = path.substr(strlen(BLADE_PREFIX));
-    block.key = key.empty() ? keyOf({}) : parseKey(path, key);
+    block.key = key.empty() ? keyOf({.key = {}, .otherName = "EVCTL_KEY, or as blade:KEY"})
+                            : parseKey(path, key);
     sources::Sources found;
     try {
         found.push_back(bladeSource(path, request));

@@ -94,7 +94,7 @@ int keyOf(const KeyOptions& options) {
         return *options.key;
     }
     const char* key = named("EVCTL_KEY");
-    return key != nullptr ? parseKey("EVCTL_KEY", key) : onlyRunningBlade(options.anyOwner);
+    return key != nullptr ? parseKey("EVCTL_KEY", key) : onlyRunningBlade(options);
 }
 
 const MPU_PARAMS_t& attachParams(const KeyOptions& options) {

@@ -21,6 +21,8 @@ constexpr int KEY_MIN = 100;
 struct KeyOptions {
     std::optional<int> key;
     bool anyOwner = false; ///< also one that another user than this one and root has made
+    /** For a command without --key and --any-owner: how else one is named. */
+    const char* otherName = nullptr;
 
     bool given() const { return key.has_value(); }
 };

@@ -1,6 +1,5 @@
 #include "evctl/wire/running_blades.h"
 
-#include "evctl/wire/blade_options.h"
 #include "mpu_gbl.h"
 
 #include <array>
@@ -17,7 +16,11 @@ namespace evctl {
 
 namespace {
 
-constexpr char WHAT_TO_DO[] = "; name one with --key, or give its directory";
+std::string whatToDo(const KeyOptions& options) {
+    const char* other = options.otherName;
+    return std::string("; name one with ") +
+           (other != nullptr ? other : "--key, or give its directory");
+}
 
 /** The blade that a line of the table tells of, if it does. */
 std::optional<RunningBlade> bladeOf(const std::string& line) {
@@ -65,27 +68,28 @@ std::vector<RunningBlade> runningBlades(std::istream& table) {
     return blades;
 }
 
-int onlyRunningBlade(bool anyOwner) {
+int onlyRunningBlade(const KeyOptions& options) {
     std::ifstream table(SHARED_MEMORY_TABLE);
     if (!table) {
         throw std::runtime_error(std::string("which blades run here cannot be told: ") +
-                                 SHARED_MEMORY_TABLE + ": " + strerror(errno) + WHAT_TO_DO);
+                                 SHARED_MEMORY_TABLE + ": " + strerror(errno) + whatToDo(options));
     }
     std::vector<RunningBlade> blades = runningBlades(table);
     size_t all = blades.size();
-    if (!anyOwner) {
+    if (!options.anyOwner) {
         std::erase_if(blades, [](const RunningBlade& blade) { return !isTrusted(blade); });
     }
     if (blades.size() == 1) {
         return blades.front().key;
     }
     if (blades.empty() && all > 0) {
-        throw std::runtime_error("only other users' blades run here; --any-owner takes one");
+        throw std::runtime_error(std::string("only other users' blades run here") +
+                                 (options.otherName == nullptr ? "; --any-owner takes one" : ""));
     }
     throw std::runtime_error((blades.empty()
                                   ? "no blade runs here"
                                   : "several blades run here, with keys" + keysText(blades)) +
-                             WHAT_TO_DO);
+                             whatToDo(options));
 }
 
 } // namespace evctl

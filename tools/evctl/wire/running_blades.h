@@ -5,6 +5,8 @@
 #ifndef EVCTL_RUNNING_BLADES_H
 #define EVCTL_RUNNING_BLADES_H
 
+#include "evctl/wire/blade_options.h"
+
 #include <istream>
 #include <sys/types.h>
 #include <vector>
@@ -28,9 +30,9 @@ constexpr char SHARED_MEMORY_TABLE[] = "/proc/sysvipc/shm";
 std::vector<RunningBlade> runningBlades(std::istream& table);
 
 /** The key of the only blade that runs here. Blocks of users other than this one and root count
- * only with @p anyOwner: anybody can make one. Throws when there is none, when there are several,
- * and when the system keeps no table. */
-int onlyRunningBlade(bool anyOwner);
+ * only with options.anyOwner: anybody can make one. Throws when there is none, when there are
+ * several, and when the system keeps no table. */
+int onlyRunningBlade(const KeyOptions& options);
 
 } // namespace evctl
 

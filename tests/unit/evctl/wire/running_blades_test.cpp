@@ -78,6 +78,12 @@ TEST(RunningBlades, TheOnlyOneIsMeantWhereNoneIsNamed) {
     Block two(0x3456);
     EXPECT_THAT(test::run({"status"}).errors,
                 HasSubstr("several blades run here, with keys 0x1234 0x3456; name one"));
+    for (const char* command : {"list", "verify", "map"}) { // these have no --key
+        EXPECT_THAT(test::run({"file", command}).errors,
+                    HasSubstr("keys 0x1234 0x3456; name one with EVCTL_KEY\n"));
+    }
+    EXPECT_THAT(test::run({"file", "list", "blade:"}).errors,
+                HasSubstr("keys 0x1234 0x3456; name one with EVCTL_KEY, or as blade:KEY\n"));
     // Who has --key or EVCTL_KEY needs no table; an empty variable names nothing.
     setenv("EVCTL_KEY", "", 1);
     EXPECT_THAT(test::run({"status"}).errors, HasSubstr("several blades run here"));
