@@ -342,11 +342,13 @@ TEST(CommandLine, FilesThatCannotBeRead) {
     setenv("EVCTL_KEY", "0x7fabcdef", 1); // else list would take the log of a blade that runs here
     for (const char* command : {"list", "verify", "info", "predict", "crash"}) {
         expectRefused({"file", command, "/nowhere/log"}, "/nowhere/log: No such file");
-        expectRefused({"file", command, "/dev"},
-                      command == std::string("list") || command == std::string("crash")
-                          ? "/dev: a directory without an event log"
-                          : "/dev/kelta_eventlog: No such file or directory");
         expectRefused({"file", command}, "FILE");
+    }
+    for (const char* command : {"list", "crash"}) {
+        expectRefused({"file", command, "/dev"}, "/dev: a directory without an event log");
+    }
+    for (const char* command : {"verify", "info"}) { // to predict it is one to come
+        expectRefused({"file", command, "/dev"}, "/dev/kelta_eventlog: No such file or directory");
     }
 }
 

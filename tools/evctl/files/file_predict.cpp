@@ -35,7 +35,9 @@ struct PredictOptions {
 bool isMissing(const std::string& path) {
     namespace fs = std::filesystem;
     std::error_code error;
-    const fs::path place = path;
+    // A directory stands for the log in it.
+    const fs::path place =
+        fs::is_directory(path, error) ? fs::path(path) / &EMP_LOG_FILE_NAME[1] : fs::path(path);
     const fs::path directory = place.has_parent_path() ? place.parent_path() : ".";
     return place.filename() == &EMP_LOG_FILE_NAME[1] &&
            fs::symlink_status(place, error).type() == fs::file_type::not_found &&

@@ -302,6 +302,8 @@ TEST_F(FileSalvage, PredictKnowsThatALogThatIsNotThereIsANewOne) {
     Said said = test::run({"file", "predict", directory_.file("kelta_eventlog")});
     EXPECT_EQ(said.status, 0);
     EXPECT_THAT(said.output, testing::StartsWith("there is no such file yet\nfresh: "));
+    EXPECT_EQ(test::run({"file", "predict", directory_.path()}).output, said.output)
+        << "a directory stands for the log in it";
     EXPECT_EQ(test::run({"file", "predict", directory_.file("no/kelta_eventlog")}).status, 2);
     for (const std::string& mistyped : {directory_.file("kelta_eventlgo"), std::string("blade:")}) {
         said = test::run({"file", "predict", mistyped});
