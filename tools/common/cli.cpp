@@ -44,10 +44,13 @@ void addOptionNames(const CLI::App& command, std::vector<std::string>& names) {
     }
 }
 
+/** Those that the help names. */
 std::vector<std::string> commandNames(const CLI::App& command) {
+    auto isShown = [](const CLI::App* each) {
+        return !each->get_name().empty() && !each->get_group().empty();
+    };
     std::vector<std::string> names;
-    for (const CLI::App* sub :
-         command.get_subcommands([](const CLI::App* each) { return !each->get_name().empty(); })) {
+    for (const CLI::App* sub : command.get_subcommands(isShown)) {
         names.push_back(sub->get_name());
     }
     return names;

@@ -105,6 +105,9 @@ TEST(CommandLine, NoSubcommandIsRefused) {
     expectRefused({"archiver"}, "subcommand");
     expectRefused({"archive"}, "subcommand");
     expectRefused({"nonsense"}, "unknown command 'nonsense'; there are log, follow, get, walk");
+    expectRefused({"nonsense"}, ", support\nTry"); // what the help hides is not named
+    expectRefused({"get", "next", "4294967296"},
+                  "ID: '4294967296' is not a whole number from 0 to 4294967295");
 }
 
 TEST(CommandLine, UnknownWordIsNamedWithTheNearestAndThePage) {

@@ -198,6 +198,7 @@ void addMode(CLI::App& group, Chosen& chosen, const Mode& mode) {
     if (mode.takesId) {
         command.add_option("ID", options->sequenceId, "Sequence id")
             ->type_name("NUMBER")
+            ->check(tools::wholeNumber(0, UINT32_MAX))
             ->required();
     }
     addRequestOptions(command, options->request);
