@@ -1,6 +1,5 @@
 #include "blade.h"
 
-#include "common/cli.h"
 #include "common/endpoint.h"
 #include "common/say.h"
 #include "common/text.h"

@@ -1,7 +1,7 @@
 // How a blade's processes end: by themselves, which may begin them anew, or because the blade does.
 #include "blade.h"
 #include "bug_check.h"
-#include "common/cli.h"
+#include "common/exit_status.h"
 #include "common/say.h"
 #include "configuration.h"
 

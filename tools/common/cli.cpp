@@ -2,7 +2,6 @@
 
 #include "common/help.h"
 #include "common/nearest.h"
-#include "common/text.h"
 #include "version.h"
 
 #include <charconv>
@@ -182,11 +181,6 @@ CLI::Validator decimalNumber(double min, double max) {
 CLI::Validator notEmpty() {
     return CLI::Validator(
         [](const std::string& text) -> std::string { return text.empty() ? "is empty" : ""; }, "");
-}
-
-int sayCouldNot(const std::string& program, const std::string& text) {
-    std::cerr << program << ": " << shownLine(text) << "\n";
-    return EXIT_COULD_NOT;
 }
 
 } // namespace tools

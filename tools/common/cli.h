@@ -1,11 +1,12 @@
 /**
  * @file
- * What the command lines of all tools share: the version flag, how problems are said, checks of
- * numbers, and the exit statuses.
+ * What the command lines of all tools share: the version flag, how problems are said, and checks of
+ * numbers.
  */
 #ifndef TOOLS_CLI_H
 #define TOOLS_CLI_H
 
+#include "exit_status.h"
 #include "fixed_width.h"
 
 #include <CLI/CLI.hpp>
@@ -14,13 +15,6 @@
 #include <string>
 
 namespace tools {
-
-/** Exit statuses of every tool. */
-enum ExitStatus : int {
-    EXIT_DONE = 0,      ///< did what was asked
-    EXIT_FINDING = 1,   ///< did what was asked, and found something to report
-    EXIT_COULD_NOT = 2, ///< could not do what was asked; standard error says why
-};
 
 /**
  * Gives a command line what all tools have: --help, --version, and the layout of the help text.
@@ -46,9 +40,6 @@ CLI::Validator decimalNumber(double min, double max);
 
 /** A check: the value is not empty. */
 CLI::Validator notEmpty();
-
-/** One line on standard error: "<program>: <text>". @return EXIT_COULD_NOT */
-int sayCouldNot(const std::string& program, const std::string& text);
 
 } // namespace tools
 

@@ -1,5 +1,6 @@
 #include "common/named_option.h"
 
+#include "common/cli.h"
 #include "common/nearest.h"
 
 namespace tools {

@@ -5,7 +5,7 @@
 #ifndef COMMON_NAMED_OPTION_H
 #define COMMON_NAMED_OPTION_H
 
-#include "common/cli.h"
+#include "common/cli_fwd.h"
 #include "common/names.h"
 
 #include <string>

@@ -1,6 +1,7 @@
 #include "limit_options.h"
 
 #include "admission.h"
+#include "common/cli.h"
 #include "endpoint_text.h"
 
 #include <stdexcept>

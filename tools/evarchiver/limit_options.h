@@ -5,7 +5,8 @@
 #ifndef EVARCHIVER_LIMIT_OPTIONS_H
 #define EVARCHIVER_LIMIT_OPTIONS_H
 
-#include "common/cli.h"
+#include "common/cli_fwd.h"
+#include "fixed_width.h"
 
 #include <string>
 #include <vector>

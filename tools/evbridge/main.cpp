@@ -1,6 +1,6 @@
 #include "bridge.h"
-#include "common/cli.h"
 #include "common/descriptors.h"
+#include "common/exit_status.h"
 #include "common/say.h"
 #include "lines.h"
 

@@ -1,5 +1,5 @@
-#include "common/cli.h"
 #include "common/descriptors.h"
+#include "common/exit_status.h"
 #include "common/say.h"
 #include "gate.h"
 #include "lines.h"

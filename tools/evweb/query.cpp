@@ -1,6 +1,7 @@
 #include "query.h"
 
 #include "answers.h"
+#include "common/cli.h"
 #include "common/text.h"
 
 #include <algorithm>

@@ -14,6 +14,7 @@
 #include "view.h"
 
 #include <condition_variable>
+#include <map>
 #include <thread>
 
 namespace evweb {

@@ -1,4 +1,5 @@
 /** evctl params: the blade's parameter block. */
+#include "common/cli.h"
 #include "evctl/paged_command.h"
 #include "evctl/views/params_view.h"
 #include "evctl/wire/blade_options.h"

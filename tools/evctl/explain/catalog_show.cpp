@@ -1,6 +1,7 @@
 /** evctl catalog: what is known of events, and whether a catalogue is as it should be. */
 #include "catalog/catalog.h"
 #include "catalog/event_names.h"
+#include "common/cli.h"
 #include "common/named_option.h"
 #include "common/names.h"
 #include "common/text.h"

@@ -1,5 +1,6 @@
 /** evctl explain: what an operator is told of a bug-check or a verdict. */
 #include "catalog/advice.h"
+#include "common/cli.h"
 #include "common/text.h"
 #include "evctl/paged_command.h"
 #include "evctl/views/lines.h"

@@ -1,5 +1,6 @@
 /** evctl ael list and evctl ael show: what the event manager's next start will find. */
 #include "catalog/event_text.h"
+#include "common/cli.h"
 #include "common/names.h"
 #include "common/text.h"
 #include "evctl/files/file.h"

@@ -5,7 +5,7 @@
 #ifndef EVCTL_FILE_H
 #define EVCTL_FILE_H
 
-#include "common/cli.h"
+#include "common/cli_fwd.h"
 #include "evlog/evlog.h"
 #include "sources/source.h"
 

@@ -1,4 +1,5 @@
 /** evctl file crash: the event manager's bug-checks, each as one report. */
+#include "common/cli.h"
 #include "evctl/files/file.h"
 #include "evctl/files/waiting.h"
 #include "evctl/paged_command.h"

@@ -1,5 +1,6 @@
 #include "evctl/files/file_identity.h"
 
+#include "common/cli.h"
 #include "common/text.h"
 
 #include <algorithm>

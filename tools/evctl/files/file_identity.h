@@ -5,7 +5,7 @@
 #ifndef EVCTL_FILE_IDENTITY_H
 #define EVCTL_FILE_IDENTITY_H
 
-#include "common/cli.h"
+#include "common/cli_fwd.h"
 #include "evctl/wire/blade_options.h"
 #include "evlog/evlog.h"
 

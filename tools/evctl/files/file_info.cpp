@@ -1,4 +1,5 @@
 /** evctl file info: a log file at a glance, and what the event manager will make of it. */
+#include "common/cli.h"
 #include "common/text.h"
 #include "evctl/files/file.h"
 #include "evctl/files/file_identity.h"

@@ -1,4 +1,5 @@
 /** evctl file map: the ring as it lies in its file. */
+#include "common/cli.h"
 #include "evctl/files/log_map.h"
 #include "evctl/paged_command.h"
 #include "evctl/views/svg.h"

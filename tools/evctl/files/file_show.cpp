@@ -1,4 +1,5 @@
 /** evctl file show: one record with all its fields and its data. */
+#include "common/cli.h"
 #include "common/text.h"
 #include "evctl/files/file.h"
 #include "evctl/paged_command.h"

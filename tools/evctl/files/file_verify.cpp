@@ -1,4 +1,5 @@
 /** evctl file verify: every damaged stretch of a log file. */
+#include "common/cli.h"
 #include "evctl/files/file.h"
 #include "evctl/paged_command.h"
 #include "evctl/views/event_view.h"

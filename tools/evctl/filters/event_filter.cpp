@@ -2,6 +2,7 @@
 
 #include "catalog/event_names.h"
 #include "catalog/event_text.h"
+#include "common/cli.h"
 #include "common/named_option.h"
 #include "common/names.h"
 #include "common/time_text.h"

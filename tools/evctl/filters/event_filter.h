@@ -5,7 +5,7 @@
 #ifndef EVCTL_EVENT_FILTER_H
 #define EVCTL_EVENT_FILTER_H
 
-#include "common/cli.h"
+#include "common/cli_fwd.h"
 #include "common/names.h"
 #include "common/time_text.h"
 #include "evctl/filters/text_pattern.h"

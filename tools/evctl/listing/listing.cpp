@@ -1,5 +1,6 @@
 #include "evctl/listing/listing.h"
 
+#include "common/cli.h"
 #include "common/new_file.h"
 #include "emp_evl.h"
 #include "mmsg.h"

@@ -1,6 +1,6 @@
 #include "evctl/listing/passed_over.h"
 
-#include "common/cli.h"
+#include "common/exit_status.h"
 #include "common/text.h"
 
 #include <algorithm>

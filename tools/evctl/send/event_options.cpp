@@ -1,5 +1,6 @@
 #include "evctl/send/event_options.h"
 
+#include "common/cli.h"
 #include "common/named_option.h"
 #include "evctl/filters/event_filter.h"
 

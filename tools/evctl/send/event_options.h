@@ -5,7 +5,7 @@
 #ifndef EVCTL_EVENT_OPTIONS_H
 #define EVCTL_EVENT_OPTIONS_H
 
-#include "common/cli.h"
+#include "common/cli_fwd.h"
 #include "evctl/wire/event_message.h"
 #include "mmsg.h"
 

@@ -1,6 +1,7 @@
 #include "evctl/views/event_output.h"
 
 #include "catalog/event_text.h"
+#include "common/cli.h"
 #include "common/text.h"
 #include "evctl/views/event_forms.h"
 #include "evctl/views/event_json.h"

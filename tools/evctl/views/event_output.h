@@ -5,7 +5,7 @@
 #ifndef EVCTL_EVENT_OUTPUT_H
 #define EVCTL_EVENT_OUTPUT_H
 
-#include "common/cli.h"
+#include "common/cli_fwd.h"
 #include "evctl/views/event_view.h"
 
 #include <optional>

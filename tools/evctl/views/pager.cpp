@@ -1,5 +1,6 @@
 #include "evctl/views/pager.h"
 
+#include "common/cli.h"
 #include "common/text.h"
 
 #include <cerrno>

@@ -5,7 +5,7 @@
 #ifndef EVCTL_PAGER_H
 #define EVCTL_PAGER_H
 
-#include "common/cli.h"
+#include "common/cli_fwd.h"
 
 #include <functional>
 #include <string>

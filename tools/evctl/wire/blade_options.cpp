@@ -1,5 +1,6 @@
 #include "evctl/wire/blade_options.h"
 
+#include "common/cli.h"
 #include "common/text.h"
 #include "evctl/wire/running_blades.h"
 

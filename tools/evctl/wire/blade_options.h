@@ -5,7 +5,7 @@
 #ifndef EVCTL_BLADE_OPTIONS_H
 #define EVCTL_BLADE_OPTIONS_H
 
-#include "common/cli.h"
+#include "common/cli_fwd.h"
 #include "mpu_gbl.h"
 
 #include <optional>

@@ -1,5 +1,6 @@
 #include "evctl/wire/inquiry.h"
 
+#include "common/cli.h"
 #include "common/text.h"
 
 #include <iostream>

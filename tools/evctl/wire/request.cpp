@@ -1,5 +1,6 @@
 #include "evctl/wire/request.h"
 
+#include "common/cli.h"
 #include "common/named_option.h"
 
 #include <algorithm>

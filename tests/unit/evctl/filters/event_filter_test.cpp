@@ -1,6 +1,7 @@
 #include "evctl/filters/event_filter.h"
 
 #include "../run.h"
+#include "common/cli.h"
 #include "evctl/filters/pattern_size.h"
 
 #include <gmock/gmock.h>
