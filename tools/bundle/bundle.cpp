@@ -150,6 +150,45 @@ std::vector<Member> Unpacking::run() {
     return std::move(members_);
 }
 
+struct Checksum {
+    std::string digits;
+    std::string name;
+};
+
+/** The name that checksumLine() escaped; empty when nothing it writes looks so. */
+std::string unescapedName(const std::string& shown) {
+    std::string name;
+    for (size_t at = 0; at < shown.size(); at++) {
+        if (shown[at] != '\\') {
+            name += shown[at];
+            continue;
+        }
+        const char letter = ++at < shown.size() ? shown[at] : '\0';
+        if (letter != '\\' && letter != 'n' && letter != 'r') {
+            return "";
+        }
+        name += letter == 'n' ? '\n' : letter == 'r' ? '\r' : letter;
+    }
+    return name;
+}
+
+/** What a line says; nothing when it is no checksum. */
+std::optional<Checksum> checksumOf(const std::string& line) {
+    const size_t start = line.starts_with('\\') ? 1 : 0;
+    if (line.size() <= start + DIGITS + 2) {
+        return std::nullopt;
+    }
+    // Two blanks, or one and the sign of binary data.
+    Checksum sum = {line.substr(start, DIGITS), line.substr(start + DIGITS + 2)};
+    if (start > 0) {
+        sum.name = unescapedName(sum.name);
+    }
+    if (sum.name.empty() || sum.digits.find_first_not_of("0123456789abcdef") != std::string::npos) {
+        return std::nullopt;
+    }
+    return sum;
+}
+
 } // namespace
 
 std::vector<U8_t> pack(const std::vector<Member>& members, U32_t time) {
@@ -187,22 +226,22 @@ void compareChecksums(const std::vector<Member>& members, std::vector<std::strin
     }
     std::istringstream lines(std::string(sums->bytes.begin(), sums->bytes.end()));
     for (std::string line; std::getline(lines, line);) {
-        const std::string digits = line.substr(0, DIGITS);
-        // Two blanks, or one and the sign of binary data.
-        const std::string name = line.size() > DIGITS + 2 ? line.substr(DIGITS + 2) : "";
-        auto member = unchecked.find(folder + name);
-        if (name.empty() || digits.find_first_not_of("0123456789abcdef") != std::string::npos) {
+        const std::optional<Checksum> sum = checksumOf(line);
+        if (!sum) {
             problems->push_back(std::string(CHECKSUMS) + ": a line that is no checksum");
             return;
         }
+        auto member = unchecked.find(folder + sum->name);
         if (member == unchecked.end()) {
-            problems->push_back(tools::escapedText(name) + ": has a checksum, and is not there");
+            problems->push_back(tools::escapedText(sum->name) +
+                                ": has a checksum, and is not there");
             continue;
         }
         // Once: a hostile bundle may name a long member a thousand times.
         const Member* compared = std::exchange(member->second, nullptr);
-        if (compared != nullptr && sha256(compared->bytes) != digits) {
-            problems->push_back(tools::escapedText(name) + ": does not agree with its checksum");
+        if (compared != nullptr && sha256(compared->bytes) != sum->digits) {
+            problems->push_back(tools::escapedText(sum->name) +
+                                ": does not agree with its checksum");
         }
     }
 }

@@ -83,4 +83,24 @@ std::string sha256(std::span<const U8_t> bytes) {
     return text;
 }
 
+std::string checksumLine(const std::string& name, std::span<const U8_t> bytes) {
+    std::string shown;
+    for (char letter : name) {
+        switch (letter) {
+        case '\\':
+            shown += "\\\\";
+            break;
+        case '\n':
+            shown += "\\n";
+            break;
+        case '\r':
+            shown += "\\r";
+            break;
+        default:
+            shown += letter;
+        }
+    }
+    return (shown == name ? "" : "\\") + sha256(bytes) + "  " + shown + "\n";
+}
+
 } // namespace bundle

@@ -33,6 +33,10 @@ std::vector<U8_t> tar(const std::vector<Member>& members, U32_t time);
 /** SHA-256 as 64 hexadecimal digits. */
 std::string sha256(std::span<const U8_t> bytes);
 
+/** A line of CHECKSUMS: a backslash before the digits says that those of the name, and its ends of
+ * lines, are escaped. @param name of the member, as seen from the directory of CHECKSUMS */
+std::string checksumLine(const std::string& name, std::span<const U8_t> bytes);
+
 } // namespace bundle
 
 #endif

@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <array>
+#include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <sched.h>
@@ -202,6 +204,26 @@ TEST_F(Support, ChecksumsAreThoseOfTheMembers) {
             EXPECT_THAT(members_["support/SHA256SUMS"], HasSubstr(line));
         }
     }
+}
+
+TEST_F(Support, ChecksumsOfNamesThatNeedEscapingAreThoseThatSha256sumReads) {
+    for (const char* name : {"nvram/aelfiles/kelta_alteventlog1.a\nb", "emp\\.log",
+                             "nvram/kelta_eventlog.fatal-x\r"}) {
+        write(name, test::record({}, SECRET));
+    }
+    pack({"--tail", directory_.file("emp\\.log")});
+    EXPECT_THAT(members_["support/SHA256SUMS"], HasSubstr("  aelfiles/kelta_alteventlog1.a\\nb\n"));
+    std::array<char, 256> said{};
+    const std::string command =
+        "cd '" + directory_.path() +
+        "' && tar xzf help.tar.gz && cd support && sha256sum --check --strict "
+        "--quiet SHA256SUMS 2>&1 && sed 1s/./x/ -i aelfiles/*a?b && "
+        "sha256sum --check --quiet SHA256SUMS 2>/dev/null";
+    FILE* pipe = popen(command.c_str(), "r");
+    const size_t size = fread(said.data(), 1, said.size(), pipe);
+    EXPECT_EQ(std::string(said.data(), size), "\\aelfiles/kelta_alteventlog1.a\\nb: FAILED\n");
+    EXPECT_NE(pclose(pipe), 0);
+    EXPECT_EQ(test::run({"file", "info", bundlePath()}).errors, "");
 }
 
 TEST_F(Support, JsonNamesWhatIsInItAndWhatIsMissing) {

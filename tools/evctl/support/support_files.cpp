@@ -238,7 +238,7 @@ std::vector<bundle::Member> SupportFiles::finish() {
     addText("missing.txt", missing_);
     std::string sums;
     for (const bundle::Member& member : members_) {
-        sums += bundle::sha256(member.bytes) + "  " + member.name.substr(strlen(FOLDER)) + "\n";
+        sums += bundle::checksumLine(member.name.substr(strlen(FOLDER)), member.bytes);
     }
     addText(bundle::CHECKSUMS, sums);
     return std::move(members_);
