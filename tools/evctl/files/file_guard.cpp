@@ -4,6 +4,7 @@
 #include "evctl/commands.h"
 #include "evctl/files/file.h"
 #include "evctl/files/file_aside.h"
+#include "evctl/files/predict_view.h"
 #include "evctl/files/salvage.h"
 #include "evctl/views/event_view.h"
 
@@ -200,8 +201,7 @@ struct Replaced {
 };
 
 std::string whyFatal(const EvlogPrediction_t& prediction) {
-    return prediction.bugcheck ? "the first event would end in \"" +
-                                     std::string(prediction.bugcheck->message) + "\""
+    return prediction.bugcheck ? bugcheckLine(*prediction.bugcheck)
                                : evlogVerdictText(prediction.state.verdict);
 }
 

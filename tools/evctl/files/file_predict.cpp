@@ -61,16 +61,6 @@ std::string lossLine(const EvlogPrediction_t& prediction) {
     }
 }
 
-std::string bugcheckLine(const EvlogBugcheck_t& bugcheck) {
-    std::string text = "bug-check \"" + std::string(bugcheck.message) + "\" at ";
-    const std::string size = std::to_string(bugcheck.dataLength) + " bytes of data";
-    if (bugcheck.events == 0) {
-        return text + "the first event that is logged, if it has " + size + ", after every start";
-    }
-    return text + "event " + std::to_string(bugcheck.events + 1) +
-           " after the start, if each has " + size;
-}
-
 void printRemedy(const EvlogPrediction_t& prediction) {
     if (prediction.isFatal()) {
         std::cout << "'evctl file guard' sets it aside, and puts what can be read into a new log\n";
@@ -151,6 +141,16 @@ int runPredict(const PredictOptions& options) {
 }
 
 } // namespace
+
+std::string bugcheckLine(const EvlogBugcheck_t& bugcheck) {
+    std::string text = "bug-check \"" + std::string(bugcheck.message) + "\" at ";
+    const std::string size = std::to_string(bugcheck.dataLength) + " bytes of data";
+    if (bugcheck.events == 0) {
+        return text + "the first event that is logged, if it has " + size + ", after every start";
+    }
+    return text + "event " + std::to_string(bugcheck.events + 1) +
+           " after the start, if each has " + size;
+}
 
 Json predictionJson(const std::string& name, const EvlogPrediction_t& prediction,
                     const EvlogIdentity_t* identity) {

@@ -10,6 +10,9 @@
 
 namespace evctl {
 
+/** "bug-check "..." at the first event that is logged, if it has 40 bytes of data, ..." */
+std::string bugcheckLine(const EvlogBugcheck_t& bugcheck);
+
 /** @param name of the file, fit to be shown
  * @param identity of the blade that it was judged for; nullptr: of any */
 Json predictionJson(const std::string& name, const EvlogPrediction_t& prediction,

@@ -129,11 +129,13 @@ TEST_F(FileGuard, FatalLogGivesWay) {
     Said said = guard();
     EXPECT_EQ(said.status, 1);
     EXPECT_EQ(said.errors, "");
-    EXPECT_THAT(said.output,
-                MatchesRegex(".*kelta_eventlog: the first event would end in \"Mismatching "
-                             "empStartSequenceId in Event Entry!\"\nset aside as "
-                             ".*kelta_eventlog\\.fatal-[0-9]+T[0-9]+Z; 10 events saved, ids 0 to "
-                             "10, 1 of these marks for lost events\n"));
+    EXPECT_THAT(
+        said.output,
+        MatchesRegex(".*kelta_eventlog: bug-check \"Mismatching empStartSequenceId in Event "
+                     "Entry!\" at the first event that is logged, if it has 40 bytes of "
+                     "data, after every start\nset aside as "
+                     ".*kelta_eventlog\\.fatal-[0-9]+T[0-9]+Z; 10 events saved, ids 0 to "
+                     "10, 1 of these marks for lost events\n"));
     expectMended();
     struct stat status {};
     ASSERT_EQ(stat(path().c_str(), &status), 0);
