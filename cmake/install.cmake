@@ -1,5 +1,6 @@
-# What is installed beside libmpu. The components are the Debian packages: event-manager, evctl, evarchiver,
-# evbridge, event-manager-catalog and mpu for libmpu-dev. A component of the whole: cmake --install build/release --component evctl
+# What is installed beside libmpu. The components are the Debian packages: event-manager, evctl,
+# evarchiver, evbridge, event-manager-catalog, and mpu for libmpu-dev. One of them alone:
+# cmake --install build/release --component evctl
 include(GNUInstallDirs)
 set(BLADE_SYSTEMD_DIR lib/systemd/system CACHE STRING "Where units are installed")
 set(BLADE_ZSH_FOLDER site-functions CACHE STRING "Folder of completions below share/zsh")
@@ -25,7 +26,8 @@ endfunction()
 function(install_pages component)
     foreach(page ${ARGN})
         string(REGEX REPLACE ".*\\." "" section ${page})
-        install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
+        install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
+            COMPONENT ${component})
     endforeach()
 endfunction()
 
@@ -81,8 +83,8 @@ install(FILES ${PACKAGING}/etc/blade.conf
     DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/event-manager COMPONENT event-manager)
 install(FILES ${PACKAGING}/etc/logrotate-blade RENAME event-manager
     DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/logrotate.d COMPONENT event-manager)
-# The pages lie as they do here, so that what they refer to is there, pictures too. The licence is called
-# as the system calls it.
+# The pages lie as they do here, so that what they refer to is there, pictures too. The licence is
+# called as the system calls it.
 file(READ README.md README)
 string(REPLACE "](LICENSE)" "](copyright)" README "${README}")
 file(CONFIGURE OUTPUT ${PACKAGING_BUILD}/README.md CONTENT "${README}" @ONLY)
@@ -91,7 +93,8 @@ install(FILES LICENSE RENAME copyright DESTINATION ${BLADE_DOCDIR} COMPONENT eve
 install(FILES ${PACKAGING_BUILD}/README.md ARCHITECTURE.md demo/blade.conf
     DESTINATION ${BLADE_DOCDIR} COMPONENT event-manager)
 install(DIRECTORY docs DESTINATION ${BLADE_DOCDIR} COMPONENT event-manager
-    FILES_MATCHING PATTERN *.md PATTERN *.svg PATTERN *.png PATTERN man EXCLUDE PATTERN kaitai EXCLUDE)
+    FILES_MATCHING PATTERN *.md PATTERN *.svg PATTERN *.png
+    PATTERN man EXCLUDE PATTERN kaitai EXCLUDE)
 
 install_program(evctl ${CMAKE_INSTALL_BINDIR} evctl)
 install_completion(evctl evctl)
