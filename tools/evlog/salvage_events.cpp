@@ -75,7 +75,7 @@ Events_t readLog(std::span<const U8_t> bytes, size_t source, Left_t& left) {
     EvlogFinder_t finder(bytes);
     Events_t events;
     std::optional<U32_t> at = finder.next(0).found;
-    while (at && *at <= EMP_LOG_FILE_SIZE) {
+    while (at) {
         const EmpEvRecord_t& header = *evlogHeaderAt(bytes, *at);
         U32_t length = EMP_RECORD_SIZE + evlogBodyLength(header);
         Event_t event = {.key = keyOf(header),
@@ -85,7 +85,7 @@ Events_t readLog(std::span<const U8_t> bytes, size_t source, Left_t& left) {
         if (!evlogIsDummy(header) && isWanted(event, left)) {
             events.push_back(event);
         }
-        at = *at + length <= EMP_LOG_FILE_SIZE ? finder.next(*at + length).found : std::nullopt;
+        at = finder.next(*at + length).found;
     }
     return sorted(std::move(events), left);
 }

@@ -73,8 +73,7 @@ class GuardedLog {
     EvlogImage_t load(const std::string& path) const {
         EvlogImage_t image;
         if (int error = evlogLoadDescriptor(descriptor_, &image); error != 0) {
-            throw std::runtime_error(path + ": " +
-                                     (error == EINVAL ? "not a regular file" : strerror(error)));
+            tools::failWith(path, error);
         }
         return image;
     }
@@ -122,8 +121,7 @@ AsideOrder orderOf(const std::string& name) {
     AsideOrder order = {.stamp = text.substr(0, dash)};
     const char* end = text.data() + text.size();
     const char* digits = std::min(text.data() + dash + 1, end);
-    if (auto [stop, error] = std::from_chars(digits, end, order.number);
-        dash < text.size() && (stop != end || error != std::errc())) {
+    if (std::from_chars(digits, end, order.number).ptr != end) {
         order = {.stamp = text};
     }
     return order;
