@@ -159,6 +159,52 @@ TEST_F(PgStoreTest, CommitWhoseAnswerNeverCameIsRepeatedWithoutHarm) {
     EXPECT_EQ(archive.answerStatus(1, request), (StatusVerdict{2, 0}));
 }
 
+// The number of a session whose commit was not heard of is that of another one by now, which has
+// nothing to do with the lock that is met.
+TEST_F(PgStoreTest, EarlierSessionIsToldFromALaterOneOfTheSameNumber) {
+    server().sql("DROP SCHEMA IF EXISTS shown CASCADE; CREATE SCHEMA shown; "
+                 "CREATE TABLE shown.more (pid int, backend_start timestamptz); "
+                 "CREATE VIEW shown.pg_stat_activity AS SELECT pid, backend_start "
+                 "FROM pg_catalog.pg_stat_activity UNION SELECT pid, backend_start FROM shown.more",
+                 "contract");
+    fleet::CuttingProxy proxy(server().socketDirectory());
+    PgStore store(proxy.through(place_) + "?options=-csearch_path%3Dshown,pg_catalog,public",
+                  {std::chrono::milliseconds(1500), std::chrono::milliseconds(50)}, "");
+    const GenerationKey generation = fill(store, {0});
+    proxy.cutAtCommit();
+    const std::string mine = "FROM pg_catalog.pg_stat_activity WHERE application_name = "
+                             "'evarchiver' ORDER BY backend_start DESC LIMIT 1";
+    server().sql("INSERT INTO shown.more SELECT pid, backend_start " + mine, "contract");
+    store.begin();
+    add(store, generation, 1);
+    EXPECT_THROW(store.commit(), StoreError);
+    store.rollback();
+    ASSERT_TRUE(proxy.hasCut());
+    PgConnection holder(place_);
+    holder.execute("BEGIN; SELECT 1 FROM logs FOR UPDATE");
+    const auto meet = [&] {
+        store.begin();
+        add(store, generation, 2);
+        try {
+            store.commit();
+        } catch (const StoreLocked& locked) {
+            store.rollback();
+            return std::string("locked");
+        } catch (const StoreError& error) {
+            store.rollback();
+            return std::string(error.what());
+        }
+        return std::string("committed");
+    };
+    EXPECT_THAT(meet(), HasSubstr("an earlier commit of this archiver still waits"));
+    server().sql("UPDATE shown.more SET backend_start = backend_start + interval '1 microsecond'",
+                 "contract");
+    EXPECT_EQ(meet(), "locked");
+    holder.execute("ROLLBACK");
+    EXPECT_EQ(meet(), "committed");
+    server().sql("DROP SCHEMA shown CASCADE", "contract");
+}
+
 TEST_F(PgStoreTest, CutConnectionIsPassingAndTheClaimHoldsOn) {
     const GenerationKey generation = fill(*store_, {0});
     store_->begin();

@@ -410,10 +410,6 @@ void PgConnection::finish() {
     PQexitPipelineMode(connection_);
 }
 
-S64_t PgConnection::session() const {
-    return PQbackendPID(connection_);
-}
-
 std::string PgConnection::placeShown() const {
     std::string shown;
     for (const auto& [name, value] : placeOptions(place_)) {

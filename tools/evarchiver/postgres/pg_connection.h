@@ -142,9 +142,6 @@ class PgConnection {
     /** Ends the queue once all its answers were taken. */
     void finish();
 
-    /** The server's number of the session. Only of an open connection. */
-    S64_t session() const;
-
     /** The place without its password, for people. */
     std::string placeShown() const;
 

@@ -161,6 +161,12 @@ class PgStore final : public Store {
         std::vector<SeriesNumber> stale;
     };
 
+    /** A connection, as the server knows it. */
+    struct Session {
+        S64_t number = 0;
+        S64_t began = 0; ///< as PgRows::integer() gives it; 0: the server does not tell
+    };
+
     void requireLayout();
     void requireClaims();
     void beginOnServer();
@@ -244,11 +250,11 @@ class PgStore final : public Store {
     LookedUp looked_;
     bool isUnchecked_ = true; ///< the layout and the claims, since the connection was made
     bool isBegun_ = false;
-    bool isOnServer_ = false;    ///< the server, too, has begun
-    bool isCommitting_ = false;  ///< it may have, whatever is heard of it
-    std::vector<S64_t> unheard_; ///< sessions whose commit had no answer: they may go on with it
-    S64_t session_ = 0;          ///< of the commit that is under way
-    bool isCareful_ = false;     ///< a value was refused: the next transaction finds out which
+    bool isOnServer_ = false;   ///< the server, too, has begun
+    bool isCommitting_ = false; ///< it may have, whatever is heard of it
+    Session session_ = {};
+    std::vector<Session> unheard_; ///< those whose commit had no answer: they may go on with it
+    bool isCareful_ = false;       ///< a value was refused: the next transaction finds out which
 };
 
 } // namespace evarchive

@@ -253,7 +253,6 @@ void PgStore::commit() {
             flush();
         }
         isCommitting_ = isOnServer_;
-        session_ = isOnServer_ ? connection_.session() : 0;
         if (isOnServer_ && connection_.run(pg::COMMIT).tag() != "COMMIT") {
             throw PgError("the server did not commit", "40000", StoreError::Kind::PASSING);
         }

@@ -33,12 +33,14 @@ bool PgStore::isInItsOwnWay() {
     if (unheard_.empty()) {
         return false;
     }
-    PgArray sessions(PgType::BIGINT);
-    for (const S64_t session : unheard_) {
-        sessions.addNumber(session);
+    PgArray numbers(PgType::BIGINT);
+    PgArray begun(PgType::TIMESTAMPTZ);
+    for (const Session& session : unheard_) {
+        numbers.addNumber(session.number);
+        begun.addNumber(session.began);
     }
-    const bool isThere =
-        connection_.run(pg::SESSIONS, PgParameters().array(sessions)).integer(0, 0) > 0;
+    const PgRows rows = connection_.run(pg::SESSIONS, PgParameters().array(numbers).array(begun));
+    const bool isThere = rows.integer(0, 0) > 0;
     if (!isThere) {
         unheard_.clear();
     }

@@ -58,9 +58,14 @@ constexpr PgStatement LOCKED{
               "'off', true) FROM logs WHERE log = ANY($1::bigint[]) FOR NO KEY UPDATE SKIP LOCKED) "
               "u ON u.log = l.log WHERE l.log = ANY($1::bigint[]) AND u.log IS NULL"};
 
-/** How many of these sessions the server still has. */
-constexpr PgStatement SESSIONS{"sessions", "SELECT count(*) FROM pg_stat_activity "
-                                           "WHERE pid = ANY($1::bigint[])"};
+/** How many of these sessions, their numbers and when they began, the server still has; this one
+ * does not count. A number is given again, by a server that has started anew soon. (When a session
+ * began is not shown to who acts under another role.) */
+constexpr PgStatement SESSIONS{
+    "sessions", "SELECT count(*) FROM pg_stat_activity a "
+                "JOIN unnest($1::bigint[], $2::timestamptz[]) AS s(pid, began) ON a.pid = s.pid "
+                "AND (a.backend_start IS NULL OR a.backend_start = s.began) "
+                "WHERE a.pid <> pg_backend_pid()"};
 
 /** The newest generation. Its row and the log's are written together. */
 constexpr PgStatement NEWEST{"newest",
@@ -213,9 +218,12 @@ constexpr PgStatement LOST{
             "WHERE l.log IS NULL OR (k.id >= 0 AND NOT EXISTS (SELECT 1 FROM events e "
             "WHERE e.log = k.log AND e.generation = k.generation AND e.id = k.id))"};
 
-/** The layout, and which part of a spread archive the server has, if it has one. */
-constexpr PgStatement LAYOUT{"layout", "SELECT value, (SELECT value FROM meta WHERE name = 'node') "
-                                       "FROM meta WHERE name = 'layout'"};
+/** The layout; which part of a spread archive the server has, if it has one; the session, as
+ * SESSIONS takes it. */
+constexpr PgStatement LAYOUT{
+    "layout", "SELECT value, (SELECT value FROM meta WHERE name = 'node'), pg_backend_pid(), "
+              "(SELECT backend_start FROM pg_stat_activity WHERE pid = pg_backend_pid()) "
+              "FROM meta WHERE name = 'layout'"};
 constexpr PgStatement COUNT{"count", "SELECT count(*) FROM events"};
 constexpr PgStatement SIZE{"size", "SELECT coalesce(sum(pg_total_relation_size(relid)), 0)::bigint "
                                    "FROM pg_partition_tree('events')"};

@@ -93,6 +93,7 @@ void PgStore::requireLayout() {
         const PgRows rows = connection_.run(pg::LAYOUT);
         layout = rows.count() > 0 ? rows.text(0, 0) : "unknown";
         node = rows.count() > 0 ? rows.text(0, 1) : "";
+        session_ = rows.count() > 0 ? Session{rows.integer(0, 2), rows.integer(0, 3)} : Session();
     } catch (const PgError& error) {
         if (error.state() == "42P01") {
             throw StoreError(connection_.placeShown() +
