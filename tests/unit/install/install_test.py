@@ -23,7 +23,7 @@ EXPECTED = [
     *[f"share/bash-completion/completions/{program}" for program in COMPLETED],
     *[f"share/zsh/site-functions/_{program}" for program in COMPLETED],
     *[f"share/fish/vendor_completions.d/{program}.fish" for program in COMPLETED],
-    "etc/default/evarchiver", "etc/default/evbridge", "etc/default/evgate", "etc/default/evweb", "etc/event-manager/blade.conf", "etc/logrotate.d/event-manager",
+    "etc/default/blade", "etc/default/evarchiver", "etc/default/evbridge", "etc/default/evgate", "etc/default/evweb", "etc/event-manager/blade.conf", "etc/logrotate.d/event-manager",
     "lib/systemd/system/blade@.service", "lib/systemd/system/evarchiver.service", "lib/systemd/system/evgate.service",
     "lib/systemd/system/evbridge.service", "lib/systemd/system/evweb.service",
     *[f"lib/{kind}.d/{name}.conf" for kind in ("sysusers", "tmpfiles") for name in ("blade", "evarchiver", "evbridge")],
@@ -35,7 +35,8 @@ EXPECTED = [
     "share/event-manager/catalog.d/eventlog.json", "share/event-manager/catalog.d/startup.json",
     "include/mpu/mpu/event.h", "include/mpu/mpu_gbl.h",
 ]
-PAGES = pathlib.Path(__file__).resolve().parents[3] / "docs" / "man"
+SOURCE = pathlib.Path(__file__).resolve().parents[3]
+PAGES = SOURCE / "docs" / "man"
 
 
 def run(*command, **options):
@@ -71,6 +72,17 @@ class InstallTest(unittest.TestCase):
         self.assertIn("docs/tour/ring.svg", places)
         self.assertEqual([place for place in places if not (folder / place).is_file()], [])
 
+    def test_packages_want_each_other_of_one_version(self):
+        control = (SOURCE / "debian/control").read_text()
+        own = set(re.findall(r"^Package: (\S+)$", control, re.M))
+        wanted = []
+        for field in re.findall(r"^(?:Depends|Recommends): (.*(?:\n .*)*)", control, re.M):
+            wanted += [entry.split(maxsplit=1) for entry in field.split(",")]
+        versions = [version for name, *version in wanted if name in own]
+        self.assertGreater(len(versions), 5)
+        for version in versions:
+            self.assertRegex("".join(version), r"^\(= \$\{(source|binary):Version\}\)$")
+
     # --- Services
 
     def test_units_are_well_formed(self):
@@ -104,6 +116,22 @@ class InstallTest(unittest.TestCase):
             self.assertRegex(text, r"(?m)^StartLimitBurst=[0-9]+$")
             self.assertRegex(text, r"(?m)^StartLimitIntervalSec=[0-9]+min$")
             self.assertNotIn("@", re.sub(r"~?@(system-service|privileged|resources|chown)|blade@", "", text))
+
+    def test_units_take_options_from_a_file_that_is_installed(self):
+        for unit in self.units:
+            name = unit.name.partition(".")[0].rstrip("@")
+            text = unit.read_text()
+            variable = f"{name.upper()}_OPTIONS"
+            self.assertRegex(text, rf"(?m)^ExecStart=(.*\\\n)*.* \${variable}$")
+            self.assertRegex(text, rf"(?m)^EnvironmentFile=-?/\S*etc/default/{name}$")
+            example = (self.tree / f"etc/default/{name}").read_text()
+            given = re.search(rf"^#?{variable}=\"(.*)\"$", example, re.M).group(1)
+            program = re.search(r"^ExecStart=(\S+)", text, re.M).group(1)
+            subcommand = given.partition("--")[0].split()
+            for option in re.findall(r"(?:^| )(--[a-z-]+)", given):
+                self.assertIn(option, run(f"{self.root}{program}", *subcommand, "--help").stdout)
+        blade = (self.tree / "lib/systemd/system/blade@.service").read_text()
+        self.assertRegex(re.findall(r"^EnvironmentFile=(.*)$", blade, re.M)[-1], r"^-/\S*etc/default/blade-%i$")
 
     def test_who_only_reads_the_archive_is_another_user_of_its_group(self):
         archiver, *readers = [(self.tree / f"lib/systemd/system/{name}.service").read_text()
@@ -189,9 +217,10 @@ class InstallTest(unittest.TestCase):
             self.assertEqual(done.stderr, "", words)
             self.assertEqual(expected - set(done.stdout.split()), set(), words)
 
+    # A shell that has completed another program since: all share their functions' names.
     def test_bash_completes_by_the_programs_help(self):
         self.check_completion(lambda words, environment: run(
-            "bash", "--norc", "-c", 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _event_manager; '
+            "bash", "--norc", "-c", 'source "$1"; source "${1%/*}/evfleet"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _event_manager; '
             'printf "%s\\n" "${COMPREPLY[@]}"', "bash",
             str(self.tree / "share/bash-completion/completions" / words[0]), *words, env=environment))
 
@@ -211,7 +240,7 @@ class InstallTest(unittest.TestCase):
     def test_fish_completes_by_the_programs_help(self):
         self.check_completion(lambda words, environment: run(
             "fish", "--no-config", "-c", f"source {self.tree}/share/fish/vendor_completions.d/{words[0]}.fish; "
-            f"complete -C '{' '.join(words)}'", env=environment))
+            f"source {self.tree}/share/fish/vendor_completions.d/evfleet.fish; complete -C '{' '.join(words)}'", env=environment))
 
 
 if __name__ == "__main__":
