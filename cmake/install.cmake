@@ -81,6 +81,8 @@ install_completion(event-manager msm blade)
 install_service(event-manager blade@.service blade)
 install(FILES ${PACKAGING}/etc/blade.conf
     DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/event-manager COMPONENT event-manager)
+install(FILES ${PACKAGING}/etc/blade
+    DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/default COMPONENT event-manager)
 install(FILES ${PACKAGING}/etc/logrotate-blade RENAME event-manager
     DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/logrotate.d COMPONENT event-manager)
 # The pages lie as they do here, so that what they refer to is there, pictures too. The licence is

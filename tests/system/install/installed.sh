@@ -19,6 +19,7 @@ units=(blade@0 evarchiver evgate evweb evbridge)
 slot=/var/lib/blade/slot0
 log=$slot/nvram/kelta_eventlog
 archive=/var/lib/evarchiver/events.db
+changed=(/etc/default/evarchiver /etc/event-manager/blade.conf /etc/default/blade /etc/default/blade-0)
 work=$(mktemp -d /var/tmp/installedXXXX)
 out=$work/out
 chmod 0755 "$work"
@@ -179,6 +180,14 @@ guard_sets_aside() {
         says blade@0 "kelta_eventlog.fatal-" && owner_and_mode "$(echo "$log".fatal-*)" "blade:blade $(stat -c %a "$log")" &&
         takes_event "after the guard" && holds "after the restart" && evctl file verify "$log"
 }
+# options_of VALUE FILE: BLADE_OPTIONS in a file of /etc/default, from the next start on.
+options_of() { echo "BLADE_OPTIONS=\"$1\"" >>"/etc/default/$2" && systemctl reset-failed blade@0 && systemctl restart blade@0 && eventually blade_is_up; }
+runs_with() { tr '\0' ' ' <"/proc/$(property blade@0 MainPID)/cmdline" | grep -F -e " $1 "; }
+# What is said for its slot goes before what is said for all.
+takes_options() {
+    options_of "--timeout 45 --log-keep 2" blade && runs_with "--timeout 45 --log-keep 2" &&
+        options_of "--archiver 127.0.0.1:4711" blade-0 && runs_with "--archiver 127.0.0.1:4711" && fails runs_with "--timeout"
+}
 logs_rotate() {
     logrotate --force /etc/logrotate.d/event-manager && is_active blade@0 &&
         eventually test -e /var/log/blade/emp-0.log && owner_and_mode /var/log/blade/emp-0.log "blade:blade 600" &&
@@ -244,23 +253,31 @@ gate_without_options_stays_down() {
 
 # --- Upgrade, removal, purge
 
-# The same packages under a higher version.
+# The same packages under a higher version, of each other too.
 newer() {
     local name tree
     mkdir "$work/newer"
     for name in "${all[@]}"; do
         tree=$work/newer/$name && dpkg-deb -R $(packages "$name") "$tree" &&
-            sed -i 's/^Version: .*/&+1/' "$tree/DEBIAN/control" && dpkg-deb -Znone -b "$tree" "$tree.deb" || return 1
+            sed -i 's/^Version: .*/&+1/; s/(= [^)]*/&+1/g' "$tree/DEBIAN/control" && dpkg-deb -Znone -b "$tree" "$tree.deb" || return 1
+    done
+}
+# What shares a catalogue, or an archive, goes on together or not at all.
+refuse_to_go_alone() {
+    local name
+    for name in "$@"; do
+        fails apt install "$work/newer/$name.deb" && is "$(dpkg-query -W -f='${Version}' "$name")" \
+            "$(dpkg-deb --field $(packages "$name") Version)" || return 1
     done
 }
 upgrade_keeps() {
     local blade archiver page bridge gate
     blade=$(property blade@0 MainPID) archiver=$(property evarchiver MainPID) page=$(property evweb MainPID) &&
-        bridge=$(property evbridge MainPID) gate=$(property evgate MainPID) && newer &&
-        echo "# changed here" | tee -a /etc/default/evarchiver /etc/event-manager/blade.conf &&
+        bridge=$(property evbridge MainPID) gate=$(property evgate MainPID) &&
+        echo "# changed here" | tee -a "${changed[@]}" &&
         evctl file list --json "$log" >$work/before && apt install $work/newer/*.deb && installed_all &&
         is "$(property blade@0 MainPID)" "$blade" && kept_events $work/before && takes_event "after the upgrade" &&
-        is "$(grep -l "changed here" /etc/default/evarchiver /etc/event-manager/blade.conf | wc -l)" 2 &&
+        is "$(grep -l "changed here" "${changed[@]}" | wc -l)" ${#changed[@]} &&
         is_active evarchiver && fails is "$(property evarchiver MainPID)" "$archiver" &&
         is_active evweb && fails is "$(property evweb MainPID)" "$page" &&
         is_active evbridge && fails is "$(property evbridge MainPID)" "$bridge" &&
@@ -273,7 +290,7 @@ all_down() {
 }
 no_programs() { is "$(ls /usr/sbin/emp /usr/sbin/msm /usr/sbin/blade /usr/sbin/ev* /usr/bin/ev* /lib/systemd/system/{blade,ev}* 2>/dev/null)" ""; }
 kept_all() {
-    cmp "$log" $work/log && cmp $archive $work/archive && grep -q "changed here" /etc/default/evarchiver /etc/event-manager/blade.conf
+    cmp "$log" $work/log && cmp $archive $work/archive && is "$(grep -l "changed here" "${changed[@]}" | wc -l)" ${#changed[@]}
 }
 removal() {
     apt remove "${all[@]}" && all_down && no_programs
@@ -317,6 +334,8 @@ check "the log survives a kill of all, and the unit starts again" survives_kill
 check "a fatal log is set aside, and what is readable of it kept" guard_sets_aside
 check "its output is rotated" logs_rotate
 
+check "the blade's options come from /etc/default" takes_options
+check "evarchiver files what a blade forwards that was started so" eval 'takes_event "by its options" && eventually archived "by its options"'
 check "evarchiver files what the blade forwards" archiver_files "for the archive" 127.0.0.1:4711
 check "the archive stays its own, whoever reads it" archive_is_its_own "for the archive"
 check "evbridge hands on to the journal" bridge_hands_on "for the archive"
@@ -333,6 +352,8 @@ check "evgate has no rights" confined evgate evgate 1
 check "evgate carries an event to the archive" gate_carries "through the gate"
 check "evbridge goes on where it was" bridge_goes_on "for the archive" "after the bridge"
 
+check "newer packages are made" newer
+check "evctl, evarchiver and evbridge are not upgraded without what they share" refuse_to_go_alone evctl evarchiver evbridge
 check "an upgrade keeps log, configuration and the running blade, and renews the rest" upgrade_keeps
 check "evctl is removed: the blade starts without its guard" eval 'apt remove evctl && systemctl restart blade@0 && eventually blade_is_up && apt install $work/newer/evctl.deb'
 check "blade and archiver end" stopped_copies
