@@ -45,7 +45,6 @@ bool isAlternate(const AelFile& file) {
 
 std::unique_ptr<Source> alternateFileSource(Origin origin, Bytes bytes) {
     std::vector<AelFile> files(1);
-    files[0].size = bytes.size();
     files[0].bytes = std::move(bytes);
     judgeAelFile(files[0]);
     return std::make_unique<AlternateSource>(std::move(origin), std::move(files));
