@@ -2,7 +2,7 @@
 # tests/system/install/installed.sh. Bash, read with "source" by scripts/prove.
 
 # What the container has beside a Debian that boots and what the packages depend on: the checks use it.
-container_programs=systemd,systemd-sysv,curl,logrotate,openssl,python3-minimal
+container_programs=systemd,systemd-sysv,curl,logrotate,openssl,procps,python3
 
 # needed_by DEB...: what they depend on, of several possible packages the first, without each other.
 needed_by() {
@@ -100,6 +100,8 @@ prove_install() {
     chmod 0755 "$shared"
     mapfile -t packages < <(printf '%s\n' "${packages[@]}" | grep -v -e '-dbgsym_')
     cp "${packages[@]}" tests/system/install/installed.sh "$shared"
+    mkdir "$shared/source"
+    cp -r --parents LICENSE debian/tests demo scripts share "$shared/source"
     example "${packages[@]}"
     root=$(container_root "${packages[@]}")
     # One at a time: without control groups of its own a container's units would be another's, too.

@@ -3,7 +3,8 @@
 # was seen, or SKIP with the reason. Status 0 when none failed. Runs as root in a container that scripts/prove
 # install has made and throws away, never elsewhere: it damages a log.
 #
-#   installed.sh FOLDER      which holds the packages, and log_event, built with libmpu-dev
+#   installed.sh FOLDER      which holds the packages, log_event, built with libmpu-dev, and what the test in
+#                            debian/tests needs of the source
 set -uo pipefail
 
 folder=$1
@@ -121,6 +122,8 @@ sound_directories() {
 }
 exposes_little() { systemd-analyze security --threshold=20 "$1.service" | tail -n 1 | tee "$out.exposure"; }
 enabled() { is "$(systemctl is-enabled "$1")" "$2"; }
+
+carried_test() (cd "$folder/source" && timeout 300 debian/tests/demo)
 
 # --- Processes
 
@@ -259,8 +262,16 @@ newer() {
     mkdir "$work/newer"
     for name in "${all[@]}"; do
         tree=$work/newer/$name && dpkg-deb -R $(packages "$name") "$tree" &&
-            sed -i 's/^Version: .*/&+1/; s/(= [^)]*/&+1/g' "$tree/DEBIAN/control" && dpkg-deb -Znone -b "$tree" "$tree.deb" || return 1
+            sed -i 's/^Version: .*/&+1/; s/(= [^)]*/&+1/g' "$tree/DEBIAN/control" &&
+            { [ "$name" != event-manager ] || sed -i 's/^Description=/&Newer /' "$tree/lib/systemd/system/blade@.service"; } &&
+            dpkg-deb -Znone -b "$tree" "$tree.deb" || return 1
     done
+}
+# Alone, so that no other package's scripts tell the system of it.
+brings_its_unit() {
+    local blade
+    blade=$(property blade@0 MainPID) && apt install $work/newer/event-manager.deb && is "$(property blade@0 MainPID)" "$blade" &&
+        is "$(property blade@0 NeedDaemonReload)" no && property blade@0 Description | grep '^Newer '
 }
 # What shares a catalogue, or an archive, goes on together or not at all.
 refuse_to_go_alone() {
@@ -323,6 +334,8 @@ for unit in evgate evweb evbridge; do
     check "$unit is not enabled" enabled $unit disabled
 done
 
+check "the test that the packages carry, the demo, passes" carried_test
+check "blade@0 is enabled" eval 'systemctl enable blade@0 && enabled blade@0 enabled'
 check "blade@0 starts" blade_up
 [ $failed -eq 0 ] || is_active blade@0 >/dev/null || finish
 check "its three processes have no rights" confined blade@0 blade 3
@@ -354,6 +367,7 @@ check "evbridge goes on where it was" bridge_goes_on "for the archive" "after th
 
 check "newer packages are made" newer
 check "evctl, evarchiver and evbridge are not upgraded without what they share" refuse_to_go_alone evctl evarchiver evbridge
+check "a newer event-manager brings its unit along, and leaves the blade alone" brings_its_unit
 check "an upgrade keeps log, configuration and the running blade, and renews the rest" upgrade_keeps
 check "evctl is removed: the blade starts without its guard" eval 'apt remove evctl && systemctl restart blade@0 && eventually blade_is_up && apt install $work/newer/evctl.deb'
 check "blade and archiver end" stopped_copies
