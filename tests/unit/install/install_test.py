@@ -133,6 +133,14 @@ class InstallTest(unittest.TestCase):
         blade = (self.tree / "lib/systemd/system/blade@.service").read_text()
         self.assertRegex(re.findall(r"^EnvironmentFile=(.*)$", blade, re.M)[-1], r"^-/\S*etc/default/blade-%i$")
 
+    def test_units_wait_for_the_addresses_that_they_listen_on(self):
+        listening = [unit for unit in self.units if "--listen" in
+                     (self.tree / f"etc/default/{unit.stem.rstrip('@')}").read_text()]
+        self.assertEqual([unit.stem for unit in listening], ["evarchiver", "evgate", "evweb"])
+        for unit in listening:
+            for key in ("Wants", "After"):
+                self.assertRegex(unit.read_text(), rf"(?m)^{key}=network-online\.target\b")
+
     def test_who_only_reads_the_archive_is_another_user_of_its_group(self):
         archiver, *readers = [(self.tree / f"lib/systemd/system/{name}.service").read_text()
                               for name in ("evarchiver", "evbridge", "evweb")]
