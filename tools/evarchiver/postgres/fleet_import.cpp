@@ -20,10 +20,10 @@ constexpr U32_t BATCH = 1000;
 constexpr U64_t GROUP_EVENTS = 10'000;
 constexpr std::size_t MOST_LOGS = 200;
 
-constexpr int MOST_TRIES = 5;
+constexpr int MOST_IMPORT_TRIES = 5;
 
-constexpr milliseconds FIRST_PAUSE{100};
-constexpr milliseconds LONGEST_PAUSE{2000};
+constexpr milliseconds FIRST_IMPORT_PAUSE{100};
+constexpr milliseconds LONGEST_IMPORT_PAUSE{2000};
 
 // A server that fails over again and again.
 constexpr int MOST_PASSES = 10;
@@ -78,7 +78,7 @@ class NodeImport {
     template <typename Work>
     void again(Work work) {
         const auto end = Clock::now() + patience_;
-        for (auto pause = FIRST_PAUSE;; pause = std::min(2 * pause, LONGEST_PAUSE)) {
+        for (auto pause = FIRST_IMPORT_PAUSE;; pause = std::min(2 * pause, LONGEST_IMPORT_PAUSE)) {
             try {
                 wasLost_ = target_.connect() || wasLost_;
                 work();
@@ -96,7 +96,7 @@ class NodeImport {
                 if (!(isConflict || error.isPassing()) || Clock::now() > end) {
                     throw;
                 }
-                if (pause == FIRST_PAUSE) {
+                if (pause == FIRST_IMPORT_PAUSE) {
                     out_ << error.what() << "; tried again\n" << std::flush;
                 }
             }
@@ -192,7 +192,7 @@ class NodeImport {
     // when it is handed the same once more.
     void takeAlone(ImportedLog& log) {
         const auto store = store_();
-        for (int left = MOST_TRIES;; --left) {
+        for (int left = MOST_IMPORT_TRIES;; --left) {
             try {
                 takeBy(*store, log);
                 break;

@@ -11,7 +11,7 @@ constexpr S64_t SECOND = 1'000'000;
 
 // What is looked at together grows while nothing is there, and is cut to what a page has held.
 constexpr S64_t FIRST_STRETCH = 60 * SECOND;
-constexpr S64_t GROWTH = 4;
+constexpr S64_t STRETCH_GROWTH = 4;
 
 constexpr std::size_t MOST_MARKS = 256;
 
@@ -109,7 +109,7 @@ std::vector<ArrivedEvent> PgArrivals::take(ArrivalPlace& place, std::size_t most
         place = {rows.integer(last, RECEIVED), rows.integer(last, LOG),
                  rows.integer(last, GENERATION), rows.integer(last, 0)};
     } else {
-        stretch_ = std::min(stretch_, INT64_MAX / 8) * GROWTH;
+        stretch_ = std::min(stretch_, INT64_MAX / 8) * STRETCH_GROWTH;
         place = {.received = end};
     }
     return found;

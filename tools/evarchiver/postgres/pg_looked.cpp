@@ -3,7 +3,7 @@
 namespace evarchive {
 namespace {
 
-constexpr U32_t GROWTH = 16;
+constexpr U32_t PAGE_GROWTH = 16;
 constexpr U32_t LARGEST_PAGE = 256;
 constexpr U64_t ID_END = U64_t{1} << 32;
 
@@ -23,7 +23,7 @@ U32_t LookedUp::pageFrom(const GenerationKey& generation, U32_t id) const {
     if (page == pages_.end() || page->second.end != id || page->second.count == 0) {
         return 1;
     }
-    const U32_t count = std::min(GROWTH * page->second.count, LARGEST_PAGE);
+    const U32_t count = std::min(PAGE_GROWTH * page->second.count, LARGEST_PAGE);
     return static_cast<U32_t>(std::min<U64_t>(count, ID_END - id));
 }
 
