@@ -62,6 +62,19 @@ void addRetention(CLI::App& command, DbOptions& options, const char* what) {
         ->check(CLI::Range(1U, LONGEST_RETENTION_DAYS));
 }
 
+int sayFailures(const FleetUpkeep& upkeep) {
+    for (const std::string& failure : upkeep.failed) {
+        std::cout << failure << "\n";
+    }
+    return upkeep.failed.empty() ? int{tools::EXIT_DONE} : tools::EXIT_FINDING;
+}
+
+// What the first round could not do, the next one tries.
+int create(const DbOptions& options) {
+    return sayFailures(
+        createFleet(options.place, options.retentionDays, time(nullptr), Clock::COMPARED));
+}
+
 int maintain(const DbOptions& options) {
     const FleetUpkeep upkeep = maintainFleet(options.place, options.retentionDays, time(nullptr),
                                              options.isClockRight ? Clock::RIGHT : Clock::COMPARED);
@@ -69,10 +82,7 @@ int maintain(const DbOptions& options) {
               << upkeep.dropped.size() << " partitions dropped, " << upkeep.recut.size()
               << " cut anew, " << upkeep.frozen << " frozen, " << upkeep.removed
               << " stray events and " << upkeep.removedAside << " set aside removed\n";
-    for (const std::string& failure : upkeep.failed) {
-        std::cout << failure << "\n";
-    }
-    return upkeep.failed.empty() ? int{tools::EXIT_DONE} : tools::EXIT_FINDING;
+    return sayFailures(upkeep);
 }
 
 int import(const DbOptions& options) {
@@ -108,8 +118,8 @@ int runDbCommand(int argc, const char* const* argv) {
     CLI::App app("The database of an archive that several archivers share.", "evarchiver db");
     tools::setUpCommandLine(app, FOOTER);
     app.require_subcommand(1);
-    CLI::App* create = addCommand(app, options, "create", "Make the tables in an empty database");
-    addRetention(*create, options, "Days that events are kept; default: 30");
+    CLI::App* creating = addCommand(app, options, "create", "Make the tables in an empty database");
+    addRetention(*creating, options, "Days that events are kept; default: 30");
     CLI::App* hub = addCommand(app, options, "hub", "Make one archive of those of several servers");
     hub->add_option("--node", options.nodes, "A server with an archive, postgresql://...; for each")
         ->required()
@@ -136,9 +146,8 @@ int runDbCommand(int argc, const char* const* argv) {
     if (const auto status = tools::parseCommandLine(app, argc - 1, argv + 1)) {
         return *status;
     }
-    if (create->parsed()) {
-        createFleet(options.place, options.retentionDays, time(nullptr), Clock::COMPARED);
-        return tools::EXIT_DONE;
+    if (creating->parsed()) {
+        return create(options);
     }
     if (hub->parsed()) {
         createHub(options.place, options.nodes);

@@ -477,7 +477,7 @@ void Maintenance::noteGone(const std::string& name) {
 
 } // namespace
 
-void createFleet(const std::string& place, U32_t retentionDays, S64_t now, Clock clock) {
+FleetUpkeep createFleet(const std::string& place, U32_t retentionDays, S64_t now, Clock clock) {
     {
         FleetOwner owner(place);
         requireClock(owner, now, clock);
@@ -487,7 +487,7 @@ void createFleet(const std::string& place, U32_t retentionDays, S64_t now, Clock
         owner.inTransaction(std::string(pg::SQL_001_SCHEMA) + pg::SQL_002_HANDSHAKE + sqlOfNames() +
                             pg::SQL_VIEWS + pg::SQL_ROLES);
     }
-    maintainFleet(place, retentionDays, now, clock);
+    return maintainFleet(place, retentionDays, now, clock);
 }
 
 S64_t upgradeFleet(const std::string& place) {

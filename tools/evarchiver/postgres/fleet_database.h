@@ -25,11 +25,6 @@ enum class Clock {
     RIGHT,    ///< not if the server's differs; somebody says that so much time has passed
 };
 
-/** Makes tables, views, roles and the first partitions in an empty database. Throws StoreError,
- * also when there is an archive already, or when the server's clock is another one. */
-void createFleet(const std::string& place, U32_t retentionDays, S64_t now,
-                 Clock clock = Clock::AS_TOLD);
-
 /** Brings an archive of an earlier layout up to date, and its views and roles in any case. @return
  * the layout that it had */
 S64_t upgradeFleet(const std::string& place);
@@ -47,6 +42,12 @@ struct FleetUpkeep {
 
     FleetUpkeep& operator+=(const FleetUpkeep& other);
 };
+
+/** Makes tables, views, roles and the first partitions in an empty database. Throws StoreError,
+ * also when there is an archive already, or when the server's clock is another one. @return the
+ * first round of maintenance */
+FleetUpkeep createFleet(const std::string& place, U32_t retentionDays, S64_t now,
+                        Clock clock = Clock::AS_TOLD);
 
 /**
  * Makes partitions ahead, drops those past retention. One at a time: another one that runs lets
