@@ -162,6 +162,7 @@ class Archive {
      * of the series it names, after a locked series nothing. */
     void abandon(const StoreConflict& conflict) noexcept;
     void abandon(const StoreLocked& locked) noexcept;
+    void abandon(const StoreRefused& refused) noexcept;
 
     /** The logs that an event on this link is filed in, of our share or not. */
     std::vector<SeriesKey> logsOf(LinkNumber link, View body) const;

@@ -212,6 +212,11 @@ void Archive::abandon(const StoreLocked& /*locked*/) noexcept {
     recall({}, {});
 }
 
+void Archive::abandon(const StoreRefused& /*refused*/) noexcept {
+    undo();
+    recall({}, {});
+}
+
 void Archive::undo() noexcept {
     if (inTransaction_) {
         store_.rollback();

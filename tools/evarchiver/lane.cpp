@@ -68,7 +68,7 @@ LaneState& LaneState::operator+=(const LaneState& other) {
 Lane::Lane(std::unique_ptr<Store> store, const LaneSettings& settings, Callbacks callbacks)
     : store_(std::move(store)), settings_(settings), callbacks_(std::move(callbacks)),
       archive_(*store_, settings.archive, callbacks_.say), retention_(*store_, settings.retention),
-      most_(settings.batch), thread_([this] { run(); }) {}
+      refusals_(settings.refusalPause), most_(settings.batch), thread_([this] { run(); }) {}
 
 Lane::~Lane() {
     stop(std::chrono::milliseconds(0));
@@ -135,6 +135,8 @@ void Lane::run() {
                 look();
             } catch (const StoreLocked& locked) {
                 undo(locked);
+            } catch (const StoreRefused& refused) {
+                undo(refused);
             } catch (const StoreError& error) {
                 undo(error);
             } catch (const StoreConflict& conflict) {
@@ -239,7 +241,7 @@ void Lane::workOff() {
         Batch& batch = *work_[batchAt_];
         while (requestAt_ < batch.requests().size()) {
             Batch::Request& request = batch.requests()[requestAt_];
-            if (park(request, batch.bodyOf(request))) {
+            if (drop(request, batch.bodyOf(request)) || park(request, batch.bodyOf(request))) {
                 ++requestAt_;
                 continue;
             }
@@ -315,7 +317,8 @@ std::vector<EmpGetEvArchiverStatusMsg_t> Lane::waitingTogether() const {
 
 // A log is claimed once at a time, and what has to wait for a lock ends the group.
 bool Lane::joins(const Batch::Request& request, View body, std::set<SeriesKey>& logs) const {
-    if (request.kind != Batch::Kind::DONE && parking_.mustWait(request, body, archive_)) {
+    if (request.kind != Batch::Kind::DONE && (refusals_.concerns(request, body, archive_) ||
+                                              parking_.mustWait(request, body, archive_))) {
         return false;
     }
     switch (request.kind) {
@@ -440,6 +443,22 @@ bool Lane::park(Batch::Request& request, View body) {
     return true;
 }
 
+// The blade has it, and brings it when it comes again. Its link's end is told to the archive.
+bool Lane::drop(Batch::Request& request, View body) {
+    if (request.kind == Batch::Kind::END_OF_LINK) {
+        refusals_.endLink(request.link);
+        return false;
+    }
+    if (request.kind == Batch::Kind::DONE || !refusals_.concerns(request, body, archive_)) {
+        return false;
+    }
+    request.kind = Batch::Kind::DONE;
+    if (refusals_.addLink(request.link)) {
+        callbacks_.deliver({{request.link, Reply::Kind::REFUSED}});
+    }
+    return true;
+}
+
 // Only when nothing else is under way: what waited goes before what comes now.
 void Lane::unpark() {
     if (parking_.isEmpty() || !work_.empty() || Clock::now() < nextLookAtLocks_) {
@@ -515,6 +534,19 @@ void Lane::undo(const StoreLocked& locked) {
         callbacks_.say(Level::WARNING, nameOf(log) + ": another session of the archive's server "
                                                      "keeps it locked; its events wait");
     }
+}
+
+// One that is known to be refused is not tried, so it was another that this is about.
+void Lane::undo(const StoreRefused& refused) {
+    if (!refusals_.add(refused.refused())) {
+        undo(static_cast<const StoreError&>(refused));
+        return;
+    }
+    archive_.abandon(refused);
+    rewind();
+    delay_ = CONFLICT_DELAY;
+    callbacks_.say(Level::FAILURE, nameOf(refused.refused()) +
+                                       ": the archive's server refuses its log: " + refused.what());
 }
 
 void Lane::undo(const StoreConflict& conflict) {

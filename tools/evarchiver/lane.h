@@ -6,12 +6,13 @@
  * Work is done in groups: a transaction takes what has come meanwhile, and the answers to status
  * requests wait for its commit. When the storage cannot be used for now, the lane keeps the work,
  * undoes what was not committed, waits, and does it again. When somebody keeps a log locked, only
- * what belongs to that log waits.
+ * what belongs to that log waits; when the storage refuses one, only its links end.
  */
 #ifndef EVARCHIVER_LANE_H
 #define EVARCHIVER_LANE_H
 
 #include "parking.h"
+#include "refusals.h"
 #include "retention.h"
 #include "times.h"
 
@@ -34,6 +35,7 @@ struct Reply {
         FULL,       ///< the archive is: the link is to end
         SUPERSEDED, ///< the blade speaks on a link of another process: this one is to end
         LOCKED,     ///< what it brought waits for a lock that does not end: it is to end
+        REFUSED,    ///< the storage does not take its log: it is to end
     };
 
     LinkNumber link = 0;
@@ -76,6 +78,8 @@ struct LaneSettings {
     /** How long a log is locked until the links that what waits for it came on are closed: their
      * blades keep what they have, and come again. */
     std::chrono::milliseconds lockPatience = std::chrono::seconds(10);
+    /** Between two tries of a log that the storage refuses. */
+    std::chrono::milliseconds refusalPause = std::chrono::minutes(1);
 };
 
 /** One lane. */
@@ -134,6 +138,8 @@ class Lane {
     void undo(const StoreError& error);
     void undo(const StoreConflict& conflict);
     void undo(const StoreLocked& locked);
+    void undo(const StoreRefused& refused);
+    bool drop(Batch::Request& request, View body);
     bool park(Batch::Request& request, View body);
     void unpark();
     void endWaiting();
@@ -158,6 +164,7 @@ class Lane {
     std::vector<Reply> held_;                 ///< they wait for the commit
     Parking parking_;                         ///< what waits for logs that are locked
     Clock::time_point nextLookAtLocks_;
+    Refusals refusals_;
     U32_t uncommitted_ = 0;            ///< events since the last commit
     std::size_t uncommittedBytes_ = 0; ///< of them
     Clock::time_point firstUncommitted_;

@@ -197,6 +197,9 @@ void Link::deliver(Reply reply) {
     case Reply::Kind::LOCKED:
         end(Level::WARNING, "its log is kept locked in the archive, closed");
         break;
+    case Reply::Kind::REFUSED:
+        end(Level::WARNING, "its log is refused by the archive, closed");
+        break;
     case Reply::Kind::RESEND:
         if (status_ && !std::exchange(hasResent_, true)) {
             say(Level::NOTICE, "asked to send all its log again");

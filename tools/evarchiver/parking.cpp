@@ -6,8 +6,6 @@
 
 namespace evarchive {
 
-namespace {
-
 std::vector<SeriesKey> logsOf(const Batch::Request& request, View body, const Archive& archive) {
     if (Batch::isAboutEvent(request.kind)) {
         return archive.logsOf(request.link, body);
@@ -17,8 +15,6 @@ std::vector<SeriesKey> logsOf(const Batch::Request& request, View body, const Ar
     }
     return {}; // an inquiry reads, whatever is locked
 }
-
-} // namespace
 
 bool Parking::lock(const std::vector<SeriesKey>& logs) {
     bool isNew = false;

@@ -15,6 +15,9 @@
 
 namespace evarchive {
 
+/** The logs that a request changes. @param archive tells where events belong */
+std::vector<SeriesKey> logsOf(const Batch::Request& request, View body, const Archive& archive);
+
 /** The work of one lane that waits. One thread uses it. */
 class Parking {
   public:

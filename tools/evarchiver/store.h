@@ -103,6 +103,23 @@ class StoreLocked : public StoreError {
     std::vector<SeriesKey> locked_;
 };
 
+/**
+ * The engine refuses a series for what it is, and would again; it is well, and takes others.
+ * Nothing of the transaction is safe; after rollback() it can be done again without the series.
+ * What was known before the transaction is still as good. Only shared engines throw it, from any
+ * call of Store that adds or claims a series.
+ */
+class StoreRefused : public StoreError {
+  public:
+    StoreRefused(SeriesKey refused, const std::string& text)
+        : StoreError(text, Kind::REFUSED), refused_(std::move(refused)) {}
+
+    const SeriesKey& refused() const { return refused_; }
+
+  private:
+    SeriesKey refused_;
+};
+
 /** The engine's own number of a series. */
 using SeriesNumber = S64_t;
 

@@ -2,7 +2,6 @@
 #include "pg_engine.h"
 
 #include <algorithm>
-#include <array>
 
 namespace evarchive {
 
@@ -53,20 +52,25 @@ void PgStore::tryClaims(std::vector<Claiming>& claims) {
         queueClaim(*claiming);
     }
     connection_.sync();
-    std::vector<std::array<PgRows, 3>> answers;
+    std::vector<ClaimAnswers> answers;
     for (const Claiming* claiming : inOrder) {
-        if (claiming->isNew) {
-            connection_.take();
-        }
-        const PgRows claimed = connection_.take();
-        const PgRows newest = connection_.take();
-        answers.push_back({claimed, newest, connection_.take()});
+        answers.push_back(
+            aboutLog(claiming->claimant->key, [&] { return takeAnswers(*claiming); }));
     }
     connection_.finish();
     for (std::size_t i = 0; i < inOrder.size(); ++i) {
         const auto& [claimed, newest, held] = answers[i];
         takeClaim(*inOrder[i], claimed, newest, held);
     }
+}
+
+PgStore::ClaimAnswers PgStore::takeAnswers(const Claiming& claiming) {
+    if (claiming.isNew) {
+        connection_.take();
+    }
+    const PgRows claimed = connection_.take();
+    const PgRows newest = connection_.take();
+    return {claimed, newest, connection_.take()};
 }
 
 void PgStore::queueClaim(const Claiming& claiming) {

@@ -30,6 +30,11 @@ class PgError : public StoreError {
         return !isConflict() && (state_.starts_with("22") || state_.starts_with("23"));
     }
 
+    /** The same, or some rule of the database's owner refuses it: a view's condition, a trigger. */
+    bool isAboutRow() const {
+        return isAboutData() || state_.starts_with("44") || state_.starts_with("P0");
+    }
+
     /** Whether two transactions were in each other's way: both can go well, one after the other.
      * One way of it is that a row is there already. */
     bool isConflict() const { return state_.starts_with("40") || state_ == "23505"; }

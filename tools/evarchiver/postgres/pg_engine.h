@@ -11,6 +11,7 @@
 #include "pg_statements.h"
 #include "pg_store.h"
 
+#include <array>
 #include <set>
 #include <span>
 #include <unordered_map>
@@ -192,7 +193,23 @@ class PgStore final : public Store {
         bool isNew; ///< there may be no row of it
         std::optional<Claim> claim = {};
     };
+    using ClaimAnswers = std::array<PgRows, 3>; ///< of CLAIM, NEWEST, FIRST
+
+    // What is refused of a log is no failure of the storage.
+    template <typename Call>
+    static auto aboutLog(const SeriesKey& key, Call call) {
+        try {
+            return call();
+        } catch (const PgError& error) {
+            if (error.isAboutRow()) {
+                throw StoreRefused(key, error.what());
+            }
+            throw;
+        }
+    }
+
     void tryClaims(std::vector<Claiming>& claims);
+    ClaimAnswers takeAnswers(const Claiming& claiming);
     void claimByLook(Claiming& claiming);
     void queueClaim(const Claiming& claiming);
     void takeClaim(Claiming& claiming, const PgRows& claimed, const PgRows& newest,

@@ -243,7 +243,7 @@ SeriesNumber PgStore::nameSeries(const SeriesKey& key) {
         named_.push_back(number);
         queueName(key, number);
         connection_.sync();
-        connection_.take();
+        aboutLog(key, [this] { return connection_.take(); });
         connection_.finish();
     }
 }
