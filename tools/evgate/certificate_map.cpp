@@ -11,7 +11,7 @@ namespace {
 constexpr char ASK[] = "ask:";
 
 bool matches(const std::string& pattern, const std::string& name) {
-    if (!pattern.empty() && pattern.back() == '*') {
+    if (pattern.ends_with('*')) {
         return name.starts_with(std::string_view(pattern).substr(0, pattern.size() - 1));
     }
     return pattern == name;

@@ -1,6 +1,7 @@
 /** What one look at an archive in a file gives. */
 #include "evbridge/feed.h"
 #include "link_messages.h"
+#include "sqlite.h"
 #include "sqlite_store.h"
 #include "temp_directory.h"
 
@@ -75,6 +76,47 @@ TEST_F(ArchiveFeedTest, WhatWasNotTakenIsGivenAgain) {
     EXPECT_EQ(open->position(), "");
     open->taken();
     EXPECT_THAT(idsOf(open->more(2)), ElementsAre(12));
+}
+
+TEST_F(ArchiveFeedTest, WhatComesLateIsGivenInPartsAndThenLookedForOnceAMinute) {
+    file({10});
+    const auto first = feed("");
+    EXPECT_THAT(idsOf(first->more(500)), ElementsAre(10));
+    first->taken();
+    file({1, 2, 3, 4, 5});
+    const auto next = feed(first->position());
+    for (const std::vector<U32_t>& part : std::vector<std::vector<U32_t>>{{1, 2}, {3, 4}, {5}}) {
+        EXPECT_EQ(idsOf(next->more(2)), part);
+        next->taken();
+    }
+    file({0, 11});
+    EXPECT_THAT(idsOf(next->more(500)), ElementsAre(11)) << "the minute is not over";
+}
+
+TEST_F(ArchiveFeedTest, WhatIsDoubtfulWaitsAndWhatIsAnotherLogsIsLeftToThatOne) {
+    store_->begin();
+    store_->addEvent(generation_, {10, eventBody({.id = 10}), true, true, 0});
+    store_->addEvent(generation_, {11, eventBody({.id = 11}), true, false, 0});
+    store_->addEvent(generation_, {12, eventBody({.id = 12}), false, false, 0});
+    store_->commit();
+    const auto open = feed("");
+    EXPECT_THAT(idsOf(open->more(500)), ElementsAre(11));
+    open->taken();
+    EXPECT_EQ(open->position(), "11-12 ENC-A/BLADE-1/1/1/1\n");
+}
+
+TEST_F(ArchiveFeedTest, OfADamagedEventIsToldOnce) {
+    file({10});
+    SqliteDatabase(path_, SQLITE_OPEN_READWRITE, path_)
+        .execute("UPDATE events SET image = substr(image, 1, 100)");
+    std::vector<std::string> said;
+    const auto open = evbridge::archiveFeed(
+        path_, "", [&said](Level, const std::string& line) { said.push_back(line); });
+    for (int time = 0; time < 3; ++time) {
+        EXPECT_TRUE(open->more(500).empty());
+        open->taken();
+    }
+    EXPECT_THAT(said, ElementsAre("ENC-A/BLADE-1/1/1/1: event 10 is damaged, left out"));
 }
 
 } // namespace
