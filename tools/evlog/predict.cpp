@@ -27,7 +27,7 @@ EvlogPrediction_t evlogPredict(const EvlogImage_t& image, const EvlogIdentity_t*
     prediction.state =
         evlogWalk(image,
                   {.onRecord = [&](const EvlogRecord_t& record) { records.push_back(record); },
-                   .onFinding = {}},
+                   .onFinding = [&](const EvlogFinding_t&) { prediction.damaged++; }},
                   identity);
     bool cleared = prediction.state.end == EVLOG_E_END_CLEARED;
     for (const EvlogRecord_t& record : records) {

@@ -21,6 +21,7 @@ struct EvlogPrediction_t {
     EvlogState_t state;                      ///< right after the start's walk
     U32_t taken = 0;                         ///< events that the start takes
     U32_t lost = 0;                          ///< readable ones that it does not take
+    U32_t damaged = 0;                       ///< findings: what stood there is lost already
     std::optional<EvlogBugcheck_t> bugcheck; ///< the first one after a start that went well
     const char* inquiryBugcheck = nullptr; ///< that of the first inquiry, when no event came before
                                            ///< it: its text, or the beginning; nullptr: none

@@ -389,6 +389,16 @@ TEST_F(File, PredictSaysWhatTheNextStartDoes) {
         << foreign.output;
 }
 
+TEST_F(File, PredictSaysThatOfDamageNothingIsTaken) {
+    test::LogImage log = wrappedLog();
+    log.bytes[10] ^= 1;
+    write(log);
+    EXPECT_NE(run("predict").output.find("\n1 damaged place, of which nothing can be taken: "
+                                         "'evctl file verify' names what is wrong\n"),
+              std::string::npos)
+        << run("predict").output;
+}
+
 TEST_F(File, PredictOfAFileThatTheEventManagerDoesNotComeUpWith) {
     test::LogImage log;
     log.firstEntry();
@@ -403,11 +413,12 @@ TEST_F(File, PredictOfAFileThatTheEventManagerDoesNotComeUpWith) {
     EXPECT_NE(outcome.output.find(R"("verdict":"continuous-with-gap",)"), std::string::npos);
     EXPECT_NE(outcome.output.find(R"("fatal":true,)"), std::string::npos);
     EXPECT_EQ(outcome.errors, "");
-    EXPECT_NE(outcome.output.find(
-                  R"("taken":null,"lost":null,"nextSequenceId":null,"bugcheck":{"message":)"
-                  R"("Continuous SequenceId with Gap? Bug somewhere!","at":"start",)"
-                  R"("eventsBefore":null,"dataLength":null,"forGood":true}})"),
-              std::string::npos)
+    EXPECT_NE(
+        outcome.output.find(
+            R"("taken":null,"lost":null,"damaged":1,"nextSequenceId":null,"bugcheck":{"message":)"
+            R"("Continuous SequenceId with Gap? Bug somewhere!","at":"start",)"
+            R"("eventsBefore":null,"dataLength":null,"forGood":true}})"),
+        std::string::npos)
         << outcome.output;
     const std::string lines = run("predict").output;
     EXPECT_NE(lines.find("\nbug-check \"Continuous SequenceId with Gap? Bug somewhere!\"\n"

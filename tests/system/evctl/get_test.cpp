@@ -86,6 +86,13 @@ TEST_F(Get, AroundAreTheNeighbours) {
     EXPECT_THAT(evctl.output(), testing::ContainsRegex("data,from\n5,7,.*\n6,7,.*\n7,7,[^\n]*\n$"));
 }
 
+TEST_F(Get, OneEventHasNoNeighbours) {
+    support::Process evctl = start({"get", "exact", "5", "--around", "5"});
+    EXPECT_EQ(evctl.wait(), exitedWith(2));
+    EXPECT_EQ(evctl.errorOutput(),
+              "evctl: --around: 'get exact' asks for one event; 'evctl walk' has its neighbours\n");
+}
+
 TEST_F(Get, ACursorFileIsReadOnEventByEvent) {
     const std::vector<std::string> words = {"get", "first", "--cursor-file",
                                             directory_.file("cursor"), "--json"};

@@ -241,6 +241,7 @@ TEST(Predict, SoundFileLosesNothing) {
     EvlogPrediction_t prediction = predict(unwrapped());
     EXPECT_EQ(prediction.taken, 11U);
     EXPECT_EQ(prediction.lost, 0U);
+    EXPECT_EQ(prediction.damaged, 0U);
     EXPECT_FALSE(prediction.isFatal());
     EXPECT_FALSE(prediction.bugcheck);
 }
@@ -249,6 +250,7 @@ TEST(Predict, DestroyedFirstSignatureEndsInABugCheckAtTheWrap) {
     LogImage log = unwrapped();
     log.damage(0);
     EvlogPrediction_t prediction = predict(log);
+    EXPECT_EQ(prediction.damaged, 1U);
     EXPECT_FALSE(prediction.isFatal());
     ASSERT_TRUE(prediction.bugcheck);
     EXPECT_STREQ(prediction.bugcheck->message, "Incorrect Signature in Event Entry!");

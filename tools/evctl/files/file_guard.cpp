@@ -228,9 +228,15 @@ int conclude(const GuardOptions& options, const Replaced& done, const EvlogSalva
     return tools::EXIT_FINDING;
 }
 
-int nothingToDo(const GuardOptions& options) {
+/** @param prediction nullptr: there is no log yet */
+int nothingToDo(const GuardOptions& options, const EvlogPrediction_t* prediction) {
+    const std::string file = tools::escapedText(options.path);
+    const bool isLater = prediction != nullptr && prediction->bugcheck;
+    const Json later = isLater ? Json(bugcheckLine(*prediction->bugcheck)) : Json(nullptr);
     if (options.json) {
-        std::cout << jsonLine({{"file", tools::escapedText(options.path)}, {"replaced", false}});
+        std::cout << jsonLine({{"file", file}, {"replaced", false}, {"later", later}});
+    } else if (isLater) {
+        std::cout << file << ": left as it is, but: " << later.get<std::string>() << "\n";
     }
     return tools::EXIT_DONE;
 }
@@ -247,14 +253,14 @@ void requireOwn(const std::string& path, const struct stat& file) {
 int runGuard(const GuardOptions& options) {
     GuardedLog log(options.path);
     if (!log.isThere()) {
-        return nothingToDo(options);
+        return nothingToDo(options, nullptr);
     }
     struct stat file = log.status();
     requireOwn(options.path, file);
     EvlogImage_t image = log.load(options.path);
     EvlogPrediction_t prediction = evlogPredict(image, nullptr);
     if (!prediction.isFatal()) {
-        return nothingToDo(options);
+        return nothingToDo(options, &prediction);
     }
     if (log.isInUse()) {
         throw std::runtime_error(options.path + ": in use; end the event manager first");

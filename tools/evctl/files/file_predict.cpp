@@ -81,6 +81,10 @@ void printLines(const EvlogPrediction_t& prediction) {
     if (prediction.lost > 0) {
         std::cout << lossLine(prediction) << "\n";
     }
+    if (prediction.damaged > 0) {
+        std::cout << countText(prediction.damaged, "damaged place")
+                  << ", of which nothing can be taken: 'evctl file verify' names what is wrong\n";
+    }
     if (prediction.inquiryBugcheck != nullptr) {
         std::cout << "bug-check \"" << prediction.inquiryBugcheck
                   << "\" at an inquiry for the first or the last event, before one is logged\n";
@@ -169,6 +173,7 @@ Json predictionJson(const std::string& name, const EvlogPrediction_t& prediction
             {"fatal", prediction.isFatal()},
             {"taken", ifItComesUp(prediction.taken)},
             {"lost", ifItComesUp(prediction.lost)},
+            {"damaged", prediction.damaged},
             {"nextSequenceId", ifItComesUp(state.empSequenceId)},
             {"bugcheck", bugcheckJson(prediction)}};
 }

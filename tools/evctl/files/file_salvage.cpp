@@ -16,9 +16,9 @@ namespace evctl {
 namespace {
 
 constexpr char FILE_SALVAGE_EXAMPLES[] =
-    "FILE: a log, its debugging copy, an alternate event file, or a directory of such files: its\n"
-    "log, debugging copy, logs that guard has set aside, and alternate events. The new log gets\n"
-    "owner and permissions of the first one, where it may be given away.\n"
+    "FILE: a log, its debugging copy, an alternate event file, a bundle, or a directory of such\n"
+    "files: its log, debugging copy, logs that guard has set aside, and alternate events. The new\n"
+    "log gets owner and permissions of the first one, where it may be given away.\n"
     "The exit status is 1 when something could not be saved, or read.\n"
     "Examples:\n"
     "  evctl file salvage kelta_eventlog --output mended\n"

@@ -173,6 +173,10 @@ int Search::run() {
 }
 
 int runGet(const GetOptions& options) {
+    if (options.type == EMP_E_INQUIRY_TYPE_EXACT && options.listing.around) {
+        throw std::runtime_error(
+            "--around: 'get exact' asks for one event; 'evctl walk' has its neighbours");
+    }
     return Search(options).run();
 }
 

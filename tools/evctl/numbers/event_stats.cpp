@@ -16,6 +16,7 @@ constexpr U32_t HOUR = 3600;
 constexpr U32_t LINES_MAX = 48;  // of a chart of times
 constexpr U32_t YEAR = 365 * 24; // in hours; no log is silent for as long
 constexpr U32_t LONGEST = 100 * YEAR;
+constexpr U32_t SHORT_SPAN = 60; // of so few seconds no rate is to be relied on
 constexpr U32_t HOURS_OF_A_LINE[] = {1,      3, 6, 12, 24, 7 * 24, 28 * 24, 365 * 24, 10 * 365 * 24,
                                      LONGEST};
 constexpr size_t TALKERS = 10;
@@ -127,6 +128,9 @@ std::vector<std::string> headLinesOf(const EventStats& stats) {
     }
     if (stats.rate() > 0) {
         lines.push_back(fixedText(stats.rate(), 1) + " events an hour");
+        if (const U32_t span = stats.lastTime() - stats.firstTime(); span < SHORT_SPAN) {
+            lines.back() += ", by what came in " + std::to_string(span) + " s";
+        }
     }
     if (stats.hoursHeld() > 0) {
         lines.back() += "; at this rate a log holds " + fixedText(stats.hoursHeld(), 1) + " hours";

@@ -144,10 +144,25 @@ TEST_F(FileGuard, FatalLogGivesWay) {
     EXPECT_EQ(others().size(), 1U);
 }
 
+TEST_F(FileGuard, OfABugCheckThatComesLaterItSaysSoAndLeavesTheLog) {
+    std::string damaged = soundLog();
+    damaged[0] = 'x';
+    write(damaged);
+    const std::string later =
+        R"(bug-check "Incorrect Signature in Event Entry!" at event 399 after the start, )"
+        "if each has 3848 bytes of data";
+    const Said said = guard();
+    EXPECT_EQ(said.status, 0);
+    EXPECT_EQ(said.output, path() + ": left as it is, but: " + later + "\n");
+    EXPECT_EQ(nlohmann::json::parse(guard({"--json"}).output)["later"], later);
+    EXPECT_TRUE(others().empty());
+    EXPECT_EQ(support::readFile(path()), damaged);
+}
+
 TEST_F(FileGuard, JsonSaysWhetherALogWasReplacedAndByWhat) {
     write(soundLog());
     nlohmann::json json = nlohmann::json::parse(guard({"--json"}).output);
-    EXPECT_EQ(json, (nlohmann::json{{"file", path()}, {"replaced", false}}));
+    EXPECT_EQ(json, (nlohmann::json{{"file", path()}, {"replaced", false}, {"later", nullptr}}));
     write(fatalLog());
     support::writeFile(path() + ".fatal-20061121T140000Z", "oldest");
     Said said = guard({"--json", "--keep", "1"});

@@ -59,6 +59,21 @@ TEST(EventStats, RateSaysHowManyHoursALogHolds) {
                           "60.0 events an hour; at this rate a log holds 133.3 hours\n"));
 }
 
+TEST(EventStats, ARateOfSecondsNamesThem) {
+    EventStats stats({.wholeLog = true});
+    Events events;
+    for (U32_t second = 0; second < 60; second += 59) {
+        events.add(stats, T0 + second);
+    }
+    stats.endSource(true);
+    EXPECT_THAT(
+        evctl::statsLines(stats, 80),
+        HasSubstr("\n61.0 events an hour, by what came in 59 s; at this rate a log holds "));
+    events.add(stats, T0 + 60);
+    stats.endSource(true);
+    EXPECT_THAT(evctl::statsLines(stats, 80), HasSubstr(" events an hour; at this rate"));
+}
+
 TEST(EventStats, SourcesThatComeInTurnKeepTheirOwnClocks) {
     EventStats stats;
     Events events;
