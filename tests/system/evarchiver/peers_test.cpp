@@ -336,6 +336,34 @@ TEST_F(PeersTest, FiguresTellThatTheArchiveIsAway) {
     EXPECT_EQ(figure(text, "handshake_seconds_count"), 1);
 }
 
+TEST_F(PeersTest, ItIsReadyNeitherBeforeItsFirstSecondNorWhileItEnds) {
+    const U16_t port = freePort();
+    bool hasSaidSo = false;
+    for (int attempt = 0; attempt < 10 && !hasSaidSo; ++attempt) { // a machine may be slow
+        if (archiver_) {
+            stop();
+        }
+        start({"--metrics", std::to_string(port), "--progress", "0"});
+        hasSaidSo = scrape(port, "/ready").find("it has just been started") != std::string::npos;
+    }
+    EXPECT_TRUE(hasSaidSo);
+    BladeLink blade(port_);
+    claim(blade, event(0));
+    requireSoon([&] { return scrape(port, "/ready").ends_with("\nready\n"); }, "the first second");
+    ArchiveLock lock(database_);
+    blade.send(events(0, 99));
+    requireSoon([&] { return figure(scrape(port), "archive_away") == 1; }, "the figures");
+    archiver_->signal(SIGTERM);
+    const auto isEnding = [&] {
+        return scrape(port, "/ready").ends_with("\r\n\r\nit is ending\n");
+    };
+    requireSoon(isEnding, "the end");
+    ArchiveLock::holdFor(std::chrono::milliseconds(1500));
+    EXPECT_TRUE(isEnding()) << "until what it holds is filed";
+    lock.release();
+    EXPECT_EQ(archiver_->wait(), exitedWith(0));
+}
+
 TEST_F(PeersTest, FiguresAreServedOnTheLoopbackOnly) {
     const U16_t port = freePort();
     start({"--metrics", std::to_string(port)});

@@ -142,6 +142,19 @@ TEST(Predict, AgreesOnAnEventThatJustFitsIntoTheGap) {
     }
 }
 
+// What it needs lies in the gap and in the record behind it, not in that record alone.
+TEST(Predict, AgreesOnAnEventThatNeedsTheGapToo) {
+    for (size_t gap : {2000, 2007, 2008, 2009, 3000}) {
+        LogImage log;
+        log.events(1000, 20);
+        log.raw(std::string(gap, 'g'));
+        log.event(500, 1840);
+        log.dummy(100);
+        log.zerosTo();
+        expectAgreement(log, std::to_string(gap));
+    }
+}
+
 TEST(Predict, AgreesOnADummyThatSaysLessThanItsSpace) {
     for (bool whole : {true, false}) {
         LogImage log;
