@@ -315,6 +315,25 @@ TEST_F(PgStoreTest, LogsWithTheSameNumberAreToldApart) {
     EXPECT_EQ(other_->heldEvent(generation, 0)->image, eventBody({.id = 0}));
 }
 
+TEST_F(PgStoreTest, LogsWithTheSameNumberAreToldApartWhenManyAreLookedFor) {
+    const SeriesKey third{{"ENC-A", "BLADE-3", 1}, 1};
+    server().sql("INSERT INTO logs (log, identity, enclosure, blade, slot, instance, generation, "
+                 "highest) VALUES (" +
+                     std::to_string(logNumber(identityOf(key_))) + ", 'x', 'E', 'B', 1, 1, 1, 77)",
+                 "contract");
+    EXPECT_EQ(other_->findAll({key_}).front(), std::nullopt);
+    const GenerationKey generation = fill(*store_, {0, 1});
+    const S64_t usual = store_->claim(third, 0).series;
+    const auto found = other_->findAll({third, key_, {{"ENC-A", "NOBODY", 1}, 1}});
+    ASSERT_EQ(found.size(), 3U);
+    EXPECT_EQ(found[0]->series, usual);
+    ASSERT_TRUE(found[1] && found[1]->newest);
+    EXPECT_EQ(found[1]->series, logNumber(identityOf(key_), 1));
+    EXPECT_EQ(found[1]->newest->number, generation);
+    EXPECT_EQ(found[1]->newest->highest, 1U);
+    EXPECT_EQ(found[2], std::nullopt);
+}
+
 TEST_F(PgStoreTest, LogWhoseFirstTransactionWasUndoneIsNamedAgain) {
     for (const bool isUndone : {true, false}) {
         store_->begin();

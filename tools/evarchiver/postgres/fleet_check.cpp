@@ -58,6 +58,15 @@ constexpr PgStatement HELD_OTHERWISE{
     "SELECT * FROM told WHERE NOT has_log OR NOT has_generation OR twice IS NOT NULL OR odd > 0 "
     "OR promised IS NOT NULL ORDER BY log, generation"};
 
+/** Logs whose newest generation holds ids that are higher than their rows say that any is: who
+ * files goes by the row, and takes such an id for a free one. */
+constexpr PgStatement HELD_BEYOND{
+    "held_beyond",
+    "SELECT l.log, l.generation, b.events, b.last, l.highest FROM logs l CROSS JOIN LATERAL "
+    "(SELECT count(*) AS events, max(e.id) AS last FROM events e WHERE e.log = l.log "
+    "AND e.generation = l.generation AND e.id > coalesce(l.highest, -1)) b "
+    "WHERE b.events > 0 ORDER BY l.log"};
+
 /** Lines, each a finding; behind some of them only how many more. */
 class Findings {
   public:
@@ -166,6 +175,16 @@ void findEventsHeldOtherwise(PgConnection& connection, Findings& findings) {
     }
 }
 
+void findEventsHeldBeyond(PgConnection& connection, Findings& findings) {
+    const PgRows rows = connection.run(HELD_BEYOND);
+    for (int row = 0; row < rows.count(); ++row) {
+        findings.add(generationText(rows, row) + ": holds " + std::to_string(rows.integer(row, 2)) +
+                     " events to id " + std::to_string(rows.integer(row, 3)) +
+                     " beyond what the log's row says is its highest, " +
+                     (rows.isNull(row, 4) ? "none" : std::to_string(rows.integer(row, 4))));
+    }
+}
+
 U64_t describeTables(const std::string& place, std::ostream& out) {
     struct Look {
         const char* what;
@@ -176,6 +195,7 @@ U64_t describeTables(const std::string& place, std::ostream& out) {
         {"the rows of logs", findWrongLogs},
         {"the rows of generations", findLooseRows},
         {"what is held twice, by nobody, or not any more", findEventsHeldOtherwise},
+        {"what is held beyond the highest id", findEventsHeldBeyond},
     };
     PgConnection connection(place, {LONGEST_LOOK, std::chrono::seconds(10)});
     U64_t all = 0;
