@@ -4,7 +4,9 @@
 #include "sqlite.h"
 #include "sqlite_store.h"
 #include "temp_directory.h"
+#include "wait.h"
 
+#include <filesystem>
 #include <gmock/gmock.h>
 #include <sqlite3.h>
 
@@ -66,6 +68,34 @@ TEST_F(ArchiveFeedTest, AnIdThatDamageMadeTooLargeHandsNothingOnTwice) {
               SQLITE_OK);
     sqlite3_close(archive);
     EXPECT_LE(feed("")->more(500).size(), 3U);
+}
+
+// Put in its place while the bridge reads: what is open shows the file of before for ever.
+TEST_F(ArchiveFeedTest, FileThatIsReplacedIsOpenedAgainAfterAWhile) {
+    constexpr std::chrono::milliseconds OPENING(300);
+    file({10, 11});
+    const auto open = evbridge::archiveFeed(
+        path_, "", [](Level, const std::string&) {}, OPENING);
+    EXPECT_THAT(idsOf(open->more(500)), ElementsAre(10, 11));
+    open->taken();
+    const std::string replacement = directory_.file("replacement");
+    store_ = archiveConnector(replacement)();
+    store_->begin();
+    store_->addSeries({{"ENC-A", "BLADE-1", 1}, 1});
+    store_->addGeneration(generation_, 0);
+    store_->commit();
+    file({10, 11, 12});
+    store_.reset();
+    for (const char* rest : {"-wal", "-shm"}) {
+        std::filesystem::remove(path_ + rest);
+    }
+    std::filesystem::rename(replacement, path_);
+    std::vector<U32_t> came;
+    EXPECT_TRUE(support::waitUntil([&] {
+        came = idsOf(open->more(500));
+        return !came.empty();
+    }));
+    EXPECT_THAT(came, ElementsAre(12));
 }
 
 TEST_F(ArchiveFeedTest, WhatWasNotTakenIsGivenAgain) {
