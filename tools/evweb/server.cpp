@@ -26,7 +26,6 @@ constexpr std::chrono::seconds IDLE{15};         // between two requests
 constexpr std::chrono::seconds REQUEST_TIME{10}; // for all of a request's head
 constexpr std::size_t LONGEST_REQUEST = 32'768;
 constexpr unsigned MOST_REQUESTS = 1000; // of a connection
-constexpr char LOCAL[] = "local";
 constexpr char TOO_MANY[] = "HTTP/1.1 503 Service Unavailable\r\nRetry-After: 2\r\n"
                             "Content-Length: 0\r\nConnection: close\r\n\r\n";
 
@@ -275,21 +274,6 @@ int listenAt(const ListenPlace& place) {
     return listener;
 }
 
-/** The peer's address, or LOCAL for one on this host. */
-std::string peerName(const Address& address) {
-    char text[INET6_ADDRSTRLEN] = {};
-    switch (address.any.sa_family) {
-    case AF_INET:
-        inet_ntop(AF_INET, &address.v4.sin_addr, text, sizeof(text));
-        return strncmp(text, "127.", 4) == 0 ? LOCAL : text;
-    case AF_INET6:
-        inet_ntop(AF_INET6, &address.v6.sin6_addr, text, sizeof(text));
-        return strcmp(text, "::1") == 0 || strncmp(text, "::ffff:127.", 11) == 0 ? LOCAL : text;
-    default:
-        return LOCAL;
-    }
-}
-
 /** The connections that are open. */
 class Connections {
   public:
@@ -347,7 +331,7 @@ void acceptOne(int listener, Connections& connections) {
         // receipt.
         const int on = 1;
         setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-        connections.take(descriptor, peerName(address));
+        connections.take(descriptor, clientOf(address.any));
     } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM) {
         std::this_thread::sleep_for(milliseconds(100)); // what is open ends by itself
     }

@@ -8,6 +8,7 @@
 #include "http.h"
 
 #include <chrono>
+#include <sys/socket.h>
 
 namespace evweb {
 
@@ -24,10 +25,18 @@ struct ListenPlace {
  * std::invalid_argument. */
 ListenPlace listenPlaceOf(const std::string& text);
 
+/** What connections from this host, and by the Unix socket, are counted as. */
+constexpr char LOCAL[] = "local";
+
+/** What a connection is counted as with others of the same client: LOCAL, an IPv4 address, or the
+ * first 64 bits of an IPv6 one, "2001:db8::/64", since whoever has these has all behind them; of a
+ * network's own (link-local) ones all of it. An IPv4 address in the form of an IPv6 one is one. */
+std::string clientOf(const sockaddr& peer);
+
 struct ServerSettings {
     ListenPlace listen;
     unsigned connections = 64;                  ///< at a time; further ones are refused
-    unsigned perHost = 32;                      ///< of them from one address, but not this host's
+    unsigned perHost = 32;                      ///< of them of one client, see clientOf()
     std::chrono::seconds lifetime{120};         ///< of a connection, however slowly it is read
     std::chrono::milliseconds sendTime{10'000}; ///< for the next bytes of an answer to be taken
     std::function<Response(const Request&)> answer;

@@ -138,8 +138,9 @@ SqliteReading::SqliteReading(const std::string& path, std::chrono::milliseconds 
     }
 }
 
-SqliteView::SqliteView(std::string path, std::chrono::milliseconds patience)
-    : path_(std::move(path)), patience_(patience),
+SqliteView::SqliteView(std::string path, std::chrono::milliseconds patience,
+                       std::function<S64_t()> now)
+    : path_(std::move(path)), patience_(patience), now_(std::move(now)),
       surveyor_([this](const std::stop_token& stop) { keepSurveying(stop); }) {}
 
 void SqliteView::keepSurveying(const std::stop_token& stop) {
@@ -195,7 +196,7 @@ ViewStatus SqliteView::status() {
 std::shared_ptr<const SqliteView::Lately> SqliteView::lately(SqliteReading& reading) {
     const std::lock_guard lock(latelyMutex_);
     const S64_t lastRow = reading.lastRow();
-    const S64_t now = time(nullptr);
+    const S64_t now = now_();
     if (lately_ && lately_->state == reading.state() && lately_->lastRow == lastRow &&
         now >= lately_->counted && now - lately_->counted < LATELY_AGAIN) {
         return lately_;

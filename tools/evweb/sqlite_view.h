@@ -14,6 +14,8 @@
 #include "view.h"
 
 #include <condition_variable>
+#include <ctime>
+#include <functional>
 #include <map>
 #include <thread>
 
@@ -105,7 +107,10 @@ class SqliteReading {
 
 class SqliteView final : public View {
   public:
-    SqliteView(std::string path, std::chrono::milliseconds patience);
+    /** @param now seconds since 1970-01-01 UTC */
+    SqliteView(
+        std::string path, std::chrono::milliseconds patience,
+        std::function<S64_t()> now = [] { return S64_t{time(nullptr)}; });
 
     ViewStatus status() override;
     Overview logs(const LogSearch& search) override;
@@ -140,6 +145,7 @@ class SqliteView final : public View {
 
     std::string path_;
     std::chrono::milliseconds patience_;
+    std::function<S64_t()> now_;
     Survey survey_;
     std::mutex latelyMutex_;
     std::shared_ptr<const Lately> lately_;

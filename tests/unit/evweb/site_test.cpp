@@ -3,15 +3,9 @@
 #include "site.h"
 #include "temp_directory.h"
 
-#include <csignal>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -367,73 +361,6 @@ TEST(ListenPlaces, AreReadAndToldApart) {
                              "unix:", ":80", "127.0.0.1:8x"}) {
         EXPECT_THROW(listenPlaceOf(text), std::invalid_argument) << text;
     }
-}
-
-// --- The sockets ---------------------------------------------------------------------------------
-
-/** A server in a process of its own; every answer is larger than a socket takes. */
-class ServerProcess {
-  public:
-    explicit ServerProcess(const std::string& path) : path_(path), process_(fork()) {
-        if (process_ == 0) {
-            ServerSettings settings;
-            settings.listen.path = path;
-            settings.connections = 1;
-            settings.sendTime = std::chrono::milliseconds(100);
-            settings.answer = [](const Request&) {
-                return Response{.body = std::string(4'000'000, 'x')};
-            };
-            settings.say = [](const std::string&) {};
-            serve(settings);
-            _exit(0);
-        }
-    }
-    ~ServerProcess() {
-        kill(process_, SIGKILL);
-        waitpid(process_, nullptr, 0);
-    }
-    ServerProcess(const ServerProcess&) = delete;
-    ServerProcess& operator=(const ServerProcess&) = delete;
-
-    /** A connection that has asked once; waits until the server is there. */
-    int ask() const {
-        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-        path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        const int link = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        while (connect(link, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-            std::this_thread::yield();
-        }
-        const std::string request = "GET / HTTP/1.1\r\n\r\n";
-        send(link, request.data(), request.size(), MSG_NOSIGNAL);
-        return link;
-    }
-
-    /** The first bytes of an answer. */
-    std::string firstLine() const {
-        const int link = ask();
-        std::array<char, 12> bytes{};
-        const ssize_t count = recv(link, bytes.data(), bytes.size(), MSG_WAITALL);
-        close(link);
-        return {bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
-    }
-
-  private:
-    std::string path_;
-    pid_t process_;
-};
-
-TEST(Server, ClientThatDoesNotReadLosesItsConnection) {
-    const support::TempDirectory directory;
-    const ServerProcess server(directory.file("web.sock"));
-    const int idle = server.ask();
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    std::string line = server.firstLine();
-    EXPECT_EQ(line, "HTTP/1.1 503"); // there is room for one connection only
-    while (line != "HTTP/1.1 200" && std::chrono::steady_clock::now() < end) {
-        line = server.firstLine();
-    }
-    EXPECT_EQ(line, "HTTP/1.1 200");
-    close(idle);
 }
 
 } // namespace

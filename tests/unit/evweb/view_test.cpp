@@ -172,4 +172,39 @@ TEST_F(SqliteViewTest, NothingIsWrittenToTheArchive) {
     EXPECT_THROW(database->execute("DELETE FROM events"), evarchive::StoreError);
 }
 
+// What leaves the window is counted for up to ten seconds more; what comes counts at once.
+TEST(SqliteViewCounts, AgeByTenSecondsAtMost) {
+    const support::TempDirectory directory;
+    const std::string path = directory.file("events.db");
+    fill(path, 1);
+    constexpr S64_t LEAVES = S64_t{BEGIN} + 3600; // the window, then
+    S64_t now = LEAVES;
+    SqliteView view(path, std::chrono::seconds(20), [&now] { return now; });
+    const auto counted = [&view] {
+        U64_t all = 0;
+        for (const LogInfo& log : view.logs({}).logs) {
+            all += log.lately ? (*log.lately)[1] : 0;
+        }
+        return all;
+    };
+    EXPECT_EQ(counted(), 1U);
+    now = LEAVES + 9;
+    EXPECT_EQ(counted(), 1U);
+    now = LEAVES + 10;
+    EXPECT_EQ(counted(), 0U);
+    now = LEAVES; // a clock that was set back
+    EXPECT_EQ(counted(), 1U);
+    now = LEAVES + 1;
+    const auto store = evarchive::openArchive(path);
+    EmpEvLogHeader_t header{};
+    header.evSequenceId = 2;
+    header.evType = 1;
+    store->begin();
+    store->addEvent({1, 1}, {2, evarchive::viewOf(header), true, false, now});
+    store->commit();
+    EXPECT_EQ(counted(), 1U) << "the new one, and no more the old one";
+    now = LEAVES + 3602;
+    EXPECT_EQ(counted(), 0U);
+}
+
 } // namespace
