@@ -27,7 +27,7 @@ void addEvent(Report& report, const sources::EventView& event) {
     report.source = tools::endpointNames.brief(header.evSource);
     report.text = catalog::textColumn(event);
     if (report.text.empty()) {
-        report.text = evctl::eventIdText(header.evSource, header.evId);
+        report.text = evctl::eventIdText(header);
     }
     report.data = event.data;
     const std::pair<std::string, std::string> more[] = {
