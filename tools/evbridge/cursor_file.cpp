@@ -1,6 +1,6 @@
 #include "cursor_file.h"
 
-#include "common/new_file.h"
+#include "common/replaced_file.h"
 
 #include <cerrno>
 #include <charconv>
@@ -51,8 +51,8 @@ std::string contentOf(const Cursor& cursor) {
 
 } // namespace
 
-// The lock stands beside the file, which is replaced again and again.
-CursorFile::CursorFile(std::string path) : path_(std::move(path)) {
+// The lock stands beside the file, which is replaced again and again; of a link beside its target.
+CursorFile::CursorFile(const std::string& path) : path_(tools::fileToReplace(path, "a cursor")) {
     const std::string beside = path_ + ".lock";
     lock_ = open(beside.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
     if (lock_ < 0) {
@@ -74,7 +74,8 @@ CursorFile::~CursorFile() {
 }
 
 std::optional<Cursor> CursorFile::read() const {
-    std::ifstream file(path_);
+    // Something else may have taken its place since.
+    std::ifstream file(tools::fileToReplace(path_, "a cursor"));
     if (!file) {
         if (access(path_.c_str(), F_OK) == 0) {
             throw std::runtime_error(path_ + ": it cannot be read");
@@ -96,22 +97,10 @@ void CursorFile::write(const Cursor& cursor) {
     if (cursor == written_) {
         return;
     }
-    const std::string fresh = path_ + ".new";
-    const int descriptor = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640);
-    if (descriptor < 0) {
-        failAt(fresh);
-    }
     const std::string content = contentOf(cursor);
-    const bool isWritten = ::write(descriptor, content.data(), content.size()) ==
-                               static_cast<ssize_t>(content.size()) &&
-                           fsync(descriptor) == 0;
-    const int error = errno;
-    close(descriptor);
-    errno = error;
-    if (!isWritten || rename(fresh.c_str(), path_.c_str()) != 0) {
-        failAt(fresh);
-    }
-    tools::syncDirectoryOf(path_);
+    tools::replaceFile(tools::fileToReplace(path_, "a cursor"),
+                       {reinterpret_cast<const U8_t*>(content.data()), content.size()},
+                       tools::accessOf(path_ + ".lock").value_or(tools::FileAccess{}));
     written_ = cursor;
 }
 

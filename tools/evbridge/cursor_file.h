@@ -23,9 +23,9 @@ struct Cursor {
 /** The file of one bridge: while it is there, no other process has one of the same path. */
 class CursorFile {
   public:
-    /** Throws std::runtime_error when another process has it, std::system_error when the lock
-     * beside it cannot be made. */
-    explicit CursorFile(std::string path);
+    /** Throws std::runtime_error when another process has it, or when it is no regular file
+     * and no link to one, std::system_error when the lock beside it cannot be made. */
+    explicit CursorFile(const std::string& path);
     ~CursorFile();
     CursorFile(const CursorFile&) = delete;
     CursorFile& operator=(const CursorFile&) = delete;
@@ -34,7 +34,7 @@ class CursorFile {
     std::optional<Cursor> read() const;
 
     /** Replaces it, whole or not at all, so that it survives a loss of power; not when it says so
-     * already. Throws std::system_error. */
+     * already; owner and mode stay. Throws std::runtime_error. */
     void write(const Cursor& cursor);
 
   private:

@@ -1,7 +1,7 @@
 #include "evctl/listing/listing.h"
 
 #include "common/cli.h"
-#include "common/new_file.h"
+#include "common/replaced_file.h"
 #include "emp_evl.h"
 #include "mmsg.h"
 
@@ -10,11 +10,9 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace evctl {
@@ -91,24 +89,9 @@ void addAroundOption(CLI::App& command, ListingOptions& options) {
         ->group("Selection");
 }
 
-/** The regular file that is, or will be, read and replaced: never a device, and of a link not the
- * link. Throws. */
+/** The file of a cursor. Throws. */
 std::string fileOfCursor(const std::string& path) {
-    struct stat status {};
-    const bool isThere = stat(path.c_str(), &status) == 0;
-    if (!isThere && errno != ENOENT) {
-        tools::failWith(path, errno);
-    }
-    if (isThere && !S_ISREG(status.st_mode)) {
-        throw std::runtime_error(path + ": not a regular file, which a cursor needs");
-    }
-    if (lstat(path.c_str(), &status) != 0 || !S_ISLNK(status.st_mode)) {
-        return path;
-    }
-    if (!isThere) {
-        throw std::runtime_error(path + ": a link that leads nowhere");
-    }
-    return std::filesystem::canonical(path);
+    return tools::fileToReplace(path, "a cursor");
 }
 
 /** The first line of a file; nothing when it is not there, or empty. Throws. */
@@ -198,17 +181,8 @@ void sayLines(const std::vector<std::string>& lines) {
 
 void writeCursorFile(const std::string& name, const Cursor& cursor) {
     const std::string path = fileOfCursor(name);
-    const std::string draft = path + ".new" + std::to_string(getpid());
-    unlink(draft.c_str()); // of another one of this number, which was stopped half-way
     const std::string text = cursor.text() + "\n";
-    tools::writeFileWhole(draft, {reinterpret_cast<const U8_t*>(text.data()), text.size()},
-                          tools::accessOf(path).value_or(tools::FileAccess{}));
-    if (rename(draft.c_str(), path.c_str()) != 0) {
-        int error = errno;
-        unlink(draft.c_str());
-        tools::failWith(path, error);
-    }
-    tools::syncDirectoryOf(path);
+    tools::replaceFile(path, {reinterpret_cast<const U8_t*>(text.data()), text.size()});
 }
 
 void addOrderOptions(CLI::App& command, ListingOptions& options) {
