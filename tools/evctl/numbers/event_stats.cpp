@@ -184,6 +184,17 @@ std::vector<Share> sharesOf(const std::map<U32_t, Amount>& amounts, NameOf nameO
     return shares;
 }
 
+/** Source, id and id version as one number. */
+U32_t talkerOf(const EmpEvLogHeader_t& header) {
+    return U32_t{header.evSource} << 24 | U32_t{header.evId} << 8 | U32_t{header.evIdVersion};
+}
+
+std::string talkerName(U32_t talker) {
+    const U32_t source = talker >> 24;
+    return tools::endpointNames.brief(source) + " " +
+           eventIdText(source, talker >> 8 & 0xFFFF, talker & 0xFF);
+}
+
 // --- The picture
 
 constexpr U32_t CHART_WIDTH = 900;
@@ -226,7 +237,7 @@ void EventStats::add(const EventView& event, size_t source) {
     U32_t time = header.evTime;
     types_[header.evType].add(amount);
     sources_[header.evSource].add(amount);
-    talkers_[U32_t{header.evSource} << 16 | U16_t{header.evId}].add(amount);
+    talkers_[talkerOf(header)].add(amount);
     hours_[time / HOUR].add(amount);
     coming_[source].push_back(time);
     all_.add(amount);
@@ -246,9 +257,13 @@ std::vector<Share> EventStats::sources() const {
 }
 
 std::vector<Share> EventStats::talkers(size_t most) const {
-    std::vector<Share> shares = sharesOf(talkers_, [](U32_t talker) {
-        U32_t source = talker >> 16;
-        return tools::endpointNames.brief(source) + " " + eventIdText(source, talker & 0xFFFF);
+    std::map<std::string, U32_t> bearers;
+    for (const auto& [talker, amount] : talkers_) {
+        bearers[talkerName(talker)]++;
+    }
+    std::vector<Share> shares = sharesOf(talkers_, [&bearers](U32_t talker) {
+        const std::string name = talkerName(talker);
+        return bearers[name] > 1 ? name + " version " + std::to_string(talker & 0xFF) : name;
     });
     std::ranges::stable_sort(shares, takesMore);
     shares.resize(std::min(shares.size(), most));

@@ -58,7 +58,7 @@ class EventStats {
     std::vector<Share> types() const;   ///< by value
     std::vector<Share> sources() const; ///< most bytes first
 
-    /** The pairs of source and id that take the most bytes, at most @p most. */
+    /** What takes the most bytes, by source, id and id version, at most @p most. */
     std::vector<Share> talkers(size_t most) const;
 
     /** Stretches of equal length, an hour or the smallest multiple that gives few lines; those
@@ -85,7 +85,7 @@ class EventStats {
     U64_t leftOut_ = 0;
     std::map<U32_t, Amount> types_;
     std::map<U32_t, Amount> sources_;
-    std::map<U32_t, Amount> talkers_; // by source and id
+    std::map<U32_t, Amount> talkers_; // by source, id and its version
     std::map<U32_t, Amount> hours_;
     Amount all_;
     U32_t first_ = UINT32_MAX;

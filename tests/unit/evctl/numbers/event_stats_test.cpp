@@ -26,12 +26,13 @@ class Events {
         stats.add({&headers_.back(), {}}, log);
     }
     void add(EventStats& stats, U32_t time, U8_t source = 28, U8_t type = 1, U16_t id = 300,
-             size_t body = 40) {
+             size_t body = 40, U8_t version = 0) {
         EmpEvLogHeader_t header{};
         header.evTime = time;
         header.evSource = source;
         header.evType = type;
         header.evId = id;
+        header.evIdVersion = version;
         headers_.push_back(header);
         bodies_.emplace_back(body);
         stats.add({&headers_.back(), bodies_.back()});
@@ -179,6 +180,28 @@ TEST(EventStats, TalkersAreSortedByTheirBytes) {
     ASSERT_EQ(sources.size(), 3U);
     EXPECT_EQ(sources[0].name, "smi_ind");
     EXPECT_EQ(sources[2].name, "snmp");
+}
+
+TEST(EventStats, TalkersAreToldApartByTheVersionsOfTheirIds) {
+    support::TempDirectory directory;
+    support::writeFile(directory.file("site.json"), R"({"source": "volmgr", "events": [
+        {"id": 70, "idVersion": 1, "name": "moved", "text": "t"},
+        {"id": 70, "idVersion": 2, "name": "gone", "text": "t"}]})");
+    setenv("EVENT_MANAGER_CATALOG", directory.path().c_str(), 1);
+    EventStats stats;
+    Events events;
+    events.add(stats, T0, 20, 1, 70, 400, 1);
+    events.add(stats, T0, 20, 1, 70, 300, 2);
+    events.add(stats, T0, 20, 1, 71, 200, 1);
+    events.add(stats, T0, 20, 1, 71, 100, 2);
+    events.add(stats, T0, 20, 1, 71, 100, 2);
+    const std::vector<evctl::Share> talkers = stats.talkers(10);
+    ASSERT_EQ(talkers.size(), 4U);
+    EXPECT_EQ(talkers[0].name, "volmgr moved(70)");
+    EXPECT_EQ(talkers[1].name, "volmgr 71 version 2");
+    EXPECT_EQ(talkers[1].amount.events, 2U);
+    EXPECT_EQ(talkers[2].name, "volmgr gone(70)");
+    EXPECT_EQ(talkers[3].name, "volmgr 71 version 1");
 }
 
 TEST(EventStats, LinesHaveAColumnForEachNumberAndABar) {
