@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 
 namespace tools {
@@ -209,6 +210,12 @@ std::string hostText(const IpAddr_t& host) {
         text += (text.empty() ? "" : ".") + std::to_string(byte);
     }
     return text;
+}
+
+std::string keyText(int key) {
+    std::array<char, 16> text{};
+    snprintf(text.data(), text.size(), "0x%x", static_cast<unsigned>(key));
+    return text.data();
 }
 
 std::string hexDigits(std::span<const U8_t> bytes) {

@@ -39,6 +39,9 @@ std::string fieldText(const void* field, size_t size);
 /** "192.0.2.7" */
 std::string hostText(const IpAddr_t& host);
 
+/** The key of a shared memory segment, as people read it: 0x1234. */
+std::string keyText(int key);
+
 /** Two hexadecimal digits a byte. */
 std::string hexDigits(std::span<const U8_t> bytes);
 

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 namespace {
 
 class Params : public testing::Test {
@@ -64,8 +66,9 @@ TEST_F(Params, BlockOfAnotherUserIsRefusedUnlessTold) {
     ASSERT_EQ(shmctl(id, IPC_SET, &segment), 0);
     support::Process refused = show();
     EXPECT_EQ(refused.wait(), support::exitedWith(2));
-    EXPECT_EQ(refused.errorOutput(), "evctl: the parameter block under key " +
-                                         std::to_string(key_.value()) +
+    std::ostringstream key;
+    key << "0x" << std::hex << key_.value();
+    EXPECT_EQ(refused.errorOutput(), "evctl: the parameter block under key " + key.str() +
                                          " belongs to user 4711; --any-owner takes it all the "
                                          "same\n");
     EXPECT_EQ(refused.output(), "");

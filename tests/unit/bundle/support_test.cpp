@@ -112,7 +112,7 @@ TEST_F(SupportOfABlade, TheOnlyOneThatRunsIsMeantAndItsIdentityJudgesTheLog) {
     std::filesystem::remove(bundlePath());
     setenv("EVCTL_KEY", "0x4321", 1);
     EXPECT_THAT(test::run({"support", "-o", bundlePath()}).errors,
-                HasSubstr("no parameter block under key 17185"));
+                HasSubstr("no parameter block under key 0x4321"));
     unsetenv("EVCTL_KEY");
 }
 

@@ -217,12 +217,12 @@ TEST(CommandLine, EnvironmentSparesDirAndKey) {
     setenv("EVCTL_DIR", "/nowhere", 1);
     expectRefused({"log", "--id", "1"}, "/nowhere/snmp: No such file");
     expectRefused({"follow", "--dir", "/elsewhere"}, "/elsewhere/smi_ind: No such file");
-    expectRefused({"status", "--key", "0x7ffffff1"}, "no parameter block under key 2147483633");
+    expectRefused({"status", "--key", "0x7ffffff1"}, "no parameter block under key 0x7ffffff1");
     setenv("EVCTL_DIR", "", 1); // names none
     setenv("EVCTL_KEY", "0x7ffffff2", 1);
-    expectRefused({"status"}, "no parameter block under key 2147483634");
-    expectRefused({"params", "show"}, "no parameter block under key 2147483634");
-    expectRefused({"ael", "list"}, "no parameter block under key 2147483634");
+    expectRefused({"status"}, "no parameter block under key 0x7ffffff2");
+    expectRefused({"params", "show"}, "no parameter block under key 0x7ffffff2");
+    expectRefused({"ael", "list"}, "no parameter block under key 0x7ffffff2");
     setenv("EVCTL_KEY", "99", 1);
     expectRefused({"status"}, "EVCTL_KEY: '99' is not a key");
     unsetenv("EVCTL_KEY");
@@ -301,7 +301,7 @@ TEST(CommandLine, KeysBelow100AndNonsenseAreRefused) {
 TEST(CommandLine, KeyWithoutBlockCannot) {
     Said said = run({"params", "show", "--key", "0x7ffffff1"});
     EXPECT_EQ(said.status, 2);
-    EXPECT_THAT(said.errors, HasSubstr("no parameter block under key 2147483633"));
+    EXPECT_THAT(said.errors, HasSubstr("no parameter block under key 0x7ffffff1"));
 }
 
 TEST(CommandLine, LogNeedsAnId) {
@@ -372,7 +372,7 @@ TEST(CommandLine, AlternateEventsTheLibraryWouldAbortOn) {
     expectRefused(with(with(write, "--source"), "35"), "35");
     expectRefused(with(with(write, "--seq"), "1"), "--seq: only events of source startup");
     setenv("EVCTL_KEY", "0x7ffffff2", 1);
-    expectRefused({"ael", "write", "--id", "1", "--text", "x"}, "key 2147483634");
+    expectRefused({"ael", "write", "--id", "1", "--text", "x"}, "key 0x7ffffff2");
     unsetenv("EVCTL_KEY");
 }
 

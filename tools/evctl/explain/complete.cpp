@@ -42,9 +42,7 @@ Words keysOfRunningBlades() {
     Words keys;
     std::ifstream table(SHARED_MEMORY_TABLE);
     for (const RunningBlade& blade : runningBlades(table)) {
-        std::ostringstream key;
-        key << "0x" << std::hex << static_cast<U32_t>(blade.key);
-        keys.push_back(key.str());
+        keys.push_back(tools::keyText(blade.key));
     }
     return keys;
 }

@@ -4,7 +4,6 @@
 #include "common/text.h"
 #include "configuration.h"
 #include "evctl/commands.h"
-#include "evctl/wire/blade_options.h"
 #include "evlog/guess.h"
 
 #include <algorithm>
@@ -27,9 +26,9 @@ void addFileCommands(CLI::App& parent, Chosen& chosen) {
     addFileCrashCommand(group, chosen);
 }
 
-std::string ownLog() {
+std::string ownLog(const KeyOptions& block) {
     try {
-        const MPU_PARAMS_t& params = attachParams({.key = {}, .otherName = "EVCTL_KEY"});
+        const MPU_PARAMS_t& params = attachParams(block);
         return tools::fieldText(params.nvramDirectory, sizeof(params.nvramDirectory)) +
                EMP_LOG_FILE_NAME;
     } catch (const std::runtime_error& problem) {
@@ -37,16 +36,20 @@ std::string ownLog() {
     }
 }
 
-void addFileArgument(CLI::App& command, std::string& path, bool* isOwn) {
+void addFileArgument(CLI::App& command, std::string& path, BladeOfFile* blade) {
+    const std::string named = blade != nullptr ? "of --key, else of EVCTL_KEY" : "of EVCTL_KEY";
     command.add_option("FILE", path,
-                       "The event log file; it is only read. Without it the log of the blade of "
-                       "EVCTL_KEY, or of the only one that runs here");
-    command.parse_complete_callback([&path, isOwn] {
-        if (isOwn != nullptr) {
-            *isOwn = path.empty();
+                       "The event log file; it is only read. Without it the log of the blade " +
+                           named + ", or of the only one that runs here");
+    command.parse_complete_callback([&path, blade] {
+        if (!path.empty()) {
+            return;
         }
         try {
-            path = path.empty() ? ownLog() : path;
+            path = blade != nullptr ? ownLog(blade->block) : ownLog();
+            if (blade != nullptr) {
+                blade->isOwnLog = true;
+            }
         } catch (const std::runtime_error& problem) {
             throw CLI::ValidationError(problem.what());
         }

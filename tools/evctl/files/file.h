@@ -6,6 +6,7 @@
 #define EVCTL_FILE_H
 
 #include "common/cli_fwd.h"
+#include "evctl/files/file_identity.h"
 #include "evlog/evlog.h"
 #include "sources/source.h"
 
@@ -14,12 +15,13 @@
 
 namespace evctl {
 
-/** The log of the blade that EVCTL_KEY names, or of the only one that runs here. Throws. */
-std::string ownLog();
+/** The log of the blade that @p block means. Throws. */
+std::string ownLog(const KeyOptions& block = {.key = {}, .otherName = "EVCTL_KEY"});
 
 /** Adds the positional argument FILE; when it is not there, ownLog() is meant.
- * @param isOwn set when it is not there; nullptr: not wanted */
-void addFileArgument(CLI::App& command, std::string& path, bool* isOwn = nullptr);
+ * @param blade of a command with addBladeOfFile(), by which that log is then named, too; told
+ * whether it is meant; nullptr: there is none */
+void addFileArgument(CLI::App& command, std::string& path, BladeOfFile* blade = nullptr);
 
 /** What a file holds, compressed or a bundle as it may be; what is wrong on the way goes to
  * standard error. Throws when it cannot be read.

@@ -81,8 +81,8 @@ std::optional<EvlogIdentity_t> identityOf(const BladeOfFile& options, const std:
     if (options.identity.enclosure) {
         return identityOf(options.identity);
     }
-    if (options.isOwnLog && !options.block.given()) {
-        return identityIn(attachParams({}));
+    if (options.isOwnLog) {
+        return identityIn(attachParams(options.block));
     }
     if (!options.block.given() && !parameters.empty()) {
         return identityFrom(parameters);

@@ -16,7 +16,8 @@ namespace evctl {
 namespace {
 
 constexpr char FILE_INFO_EXAMPLES[] =
-    "Whether the log belongs to this blade is judged only with --enclosure and --slot.";
+    "Whether the log belongs to this blade is judged only with --enclosure and --slot,\n"
+    "or by the key of its parameter block.";
 
 struct InfoOptions {
     std::string path;
@@ -106,7 +107,7 @@ void addFileInfoCommand(CLI::App& parent, Chosen& chosen) {
     CLI::App& command = addCommand(
         parent, "info", "Counts, ranges and what the event manager will make of a log file.",
         FILE_INFO_EXAMPLES);
-    addFileArgument(command, options->path, &options->blade.isOwnLog);
+    addFileArgument(command, options->path, &options->blade);
     addBladeOfFile(command, options->blade);
     command.add_flag("--json", options->json, "As a JSON object");
     onChosenPaged(command, chosen, options, runInfo);

@@ -183,7 +183,7 @@ void addFilePredictCommand(CLI::App& parent, Chosen& chosen) {
     CLI::App& command = addCommand(
         parent, "predict", "Say what the event manager's next start will do with a log file.",
         FILE_PREDICT_EXAMPLES);
-    addFileArgument(command, options->path, &options->blade.isOwnLog);
+    addFileArgument(command, options->path, &options->blade);
     addBladeOfFile(command, options->blade);
     command.add_flag("--json", options->json, "As a JSON object");
     onChosen(command, chosen, options, runPredict);

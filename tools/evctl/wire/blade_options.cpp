@@ -4,9 +4,7 @@
 #include "common/text.h"
 #include "evctl/wire/running_blades.h"
 
-#include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -23,18 +21,16 @@ const char* named(const char* variable) {
     return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
-std::string keyText(int key) {
-    std::array<char, 16> number{};
-    snprintf(number.data(), number.size(), "0x%x", static_cast<unsigned>(key));
-    return number.data();
-}
-
-/** The library says of such a block what it says of one that is not there. */
+/** Before the library is asked, which has lines of its own for a block that is not there, and the
+ * same ones for one that may not be read. */
 void checkMayRead(int key) {
     struct shmid_ds segment {};
     const int id = shmget(key, 0, 0);
+    if (id < 0 && errno == ENOENT) {
+        throw std::runtime_error("no parameter block under key " + tools::keyText(key));
+    }
     if (id >= 0 && shmctl(id, IPC_STAT, &segment) != 0 && errno == EACCES) {
-        throw std::runtime_error("the parameter block under key " + keyText(key) +
+        throw std::runtime_error("the parameter block under key " + tools::keyText(key) +
                                  " is another user's: " + strerror(EACCES));
     }
 }
@@ -43,7 +39,7 @@ void checkMayRead(int key) {
 void checkOwner(const KeyOptions& options, int key, const struct ipc_perm& segment) {
     for (uid_t user : {segment.cuid, segment.uid}) {
         if (!options.anyOwner && user != 0 && user != geteuid()) {
-            throw std::runtime_error("the parameter block under key " + std::to_string(key) +
+            throw std::runtime_error("the parameter block under key " + tools::keyText(key) +
                                      " belongs to user " + std::to_string(user) +
                                      "; --any-owner takes it all the same");
         }
@@ -104,7 +100,7 @@ const MPU_PARAMS_t& attachParams(const KeyOptions& options) {
     int id = -1;
     const MPU_PARAMS_t* params = MPU_getMpuParamsAndShmid(&id, key);
     if (params == nullptr) {
-        throw std::runtime_error("no parameter block under key " + std::to_string(key));
+        throw std::runtime_error("no parameter block under key " + tools::keyText(key));
     }
     struct shmid_ds segment {};
     if (shmctl(id, IPC_STAT, &segment) != 0) {

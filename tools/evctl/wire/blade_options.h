@@ -60,9 +60,9 @@ bool isKeyNamed();
 /** The key that is meant; throws when none is named and not just one blade runs here. */
 int keyOf(const KeyOptions& options);
 
-/** Attaches the parameter block; throws when it cannot, the library having said why, when none is
- * named and not just one blade runs here, and when somebody else has made the block: what stands in
- * it decides where is read and written. */
+/** Attaches the parameter block; throws when there is none, when it cannot (the library having said
+ * why), when none is named and not just one blade runs here, and when somebody else has made the
+ * block: what stands in it decides where is read and written. */
 const MPU_PARAMS_t& attachParams(const KeyOptions& options);
 
 } // namespace evctl

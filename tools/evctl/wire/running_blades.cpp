@@ -1,5 +1,6 @@
 #include "evctl/wire/running_blades.h"
 
+#include "common/text.h"
 #include "mpu_gbl.h"
 
 #include <array>
@@ -47,9 +48,7 @@ bool isTrusted(const RunningBlade& blade) {
 std::string keysText(const std::vector<RunningBlade>& blades) {
     std::string text;
     for (const RunningBlade& blade : blades) {
-        std::array<char, 16> number{};
-        snprintf(number.data(), number.size(), " 0x%x", static_cast<unsigned>(blade.key));
-        text += number.data();
+        text += " " + tools::keyText(blade.key);
     }
     return text;
 }

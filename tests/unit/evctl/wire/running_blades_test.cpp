@@ -2,6 +2,7 @@
 
 #include "../run.h"
 #include "ipc_key.h"
+#include "mpu_gbl.h"
 
 #include <gmock/gmock.h>
 
@@ -27,6 +28,10 @@ class Block {
         : id_(shmget(key, size, IPC_CREAT | 0600)), bytes_(shmat(id_, nullptr, 0)) {
         static_cast<char*>(bytes_)[3] = 15; // its version
         memcpy(static_cast<char*>(bytes_) + 312, "/nowhere", 9);
+    }
+    void keepLogIn(const char* directory) const {
+        MPU_PARAMS_t& params = *static_cast<MPU_PARAMS_t*>(bytes_);
+        memcpy(params.nvramDirectory, directory, strlen(directory) + 1);
     }
     void giveTo(uid_t user) const {
         struct shmid_ds segment {};
@@ -90,6 +95,25 @@ TEST(RunningBlades, TheOnlyOneIsMeantWhereNoneIsNamed) {
     unsetenv("EVCTL_KEY");
 }
 
+TEST(RunningBlades, TheLogOfTheKeyIsReadWhereNoFileIsNamed) {
+    support::IpcKey first;
+    support::IpcKey second;
+    const Block one(first.value());
+    const Block two(second.value());
+    one.keepLogIn("/first");
+    two.keepLogIn("/second");
+    setenv("EVCTL_KEY", first.text().c_str(), 1);
+    for (const char* command : {"predict", "info"}) {
+        EXPECT_EQ(test::run({"file", command}).errors,
+                  "evctl: /first/kelta_eventlog: No such file or directory\n");
+        EXPECT_EQ(test::run({"file", command, "--key", second.text()}).errors,
+                  "evctl: /second/kelta_eventlog: No such file or directory\n");
+        EXPECT_EQ(test::run({"file", command, "/third", "--key", second.text()}).errors,
+                  "evctl: /third: No such file or directory\n");
+    }
+    unsetenv("EVCTL_KEY");
+}
+
 TEST(RunningBlades, AnotherUsersBlockCountsOnlyWhenAskedFor) {
     unsetenv("EVCTL_KEY");
     unsetenv("EVCTL_DIR");
@@ -122,6 +146,16 @@ TEST(RunningBlades, OfABlockThatMayNotBeReadThatIsSaidInOneLine) {
     EXPECT_EQ(said.errors, text.str());
 }
 
+// The library has lines of its own for it.
+TEST(RunningBlades, OfABlockThatIsNotThereThatIsSaidInOneLine) {
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"status"}, {"params", "show"}, {"ael", "list"}}) {
+        std::vector<std::string> arguments = command;
+        arguments.insert(arguments.end(), {"--key", "2147483633"});
+        EXPECT_EQ(test::run(arguments).errors, "evctl: no parameter block under key 0x7ffffff1\n");
+    }
+}
+
 // A log of the one and the switch of the other, or files of the one and events of the other.
 TEST(RunningBlades, AreNotMixedUpByADirectory) {
     unsetenv("EVCTL_KEY");
@@ -136,9 +170,9 @@ TEST(RunningBlades, AreNotMixedUpByADirectory) {
     // The block that is named says all of it.
     setenv("EVCTL_KEY", "0x7ffffff2", 1);
     EXPECT_THAT(test::run({"log", "--id", "7", "--text", "x", "--or-ael"}).errors,
-                HasSubstr("no parameter block under key 2147483634"));
+                HasSubstr("no parameter block under key 0x7ffffff2"));
     EXPECT_THAT(test::run({"top", "--batch"}).errors,
-                HasSubstr("no parameter block under key 2147483634"));
+                HasSubstr("no parameter block under key 0x7ffffff2"));
     unsetenv("EVCTL_KEY");
     unsetenv("EVCTL_DIR");
 }
