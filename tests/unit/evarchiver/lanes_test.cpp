@@ -183,9 +183,14 @@ TEST_F(LanesTest, SecondArchiverOfTheSameFileIsRefused) {
 
 namespace {
 
-class SizedStore : public MemoryStore {
+struct OwnDatabase {
+    MemoryDatabase database;
+};
+
+// Each lane has a thread, and such a database is for one of them.
+class SizedStore : private OwnDatabase, public MemoryStore {
   public:
-    using MemoryStore::MemoryStore;
+    SizedStore() : MemoryStore(database) {}
     U64_t bytesUsed() override { return 100; }
 };
 
@@ -193,12 +198,9 @@ class SizedStore : public MemoryStore {
 
 // The lanes of one server see one archive.
 TEST(SpreadLanesTest, SizeIsThatOfAllServersTogether) {
-    std::array<MemoryDatabase, 3> databases;
-    const Engine engine{
-        .connect = {},
-        .spread =
-            Spread{3, [&](U32_t node) { return std::make_unique<SizedStore>(databases[node]); },
-                   [](const SeriesKey& key) { return key.blade.slot % 3; }}};
+    const Engine engine{.connect = {},
+                        .spread = Spread{3, [](U32_t) { return std::make_unique<SizedStore>(); },
+                                         [](const SeriesKey& key) { return key.blade.slot % 3; }}};
     Lanes lanes(engine, {}, 2,
                 {[](const std::vector<Reply>&) {}, [](Level, const std::string&) {},
                  [](const std::string&) {}});
