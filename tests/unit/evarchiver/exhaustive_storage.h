@@ -56,6 +56,11 @@ class MemoryStorage : public Storage {
         for (const auto& [series, epoch] : database_.epochs) {
             text += 'e' + std::to_string(epoch);
         }
+        for (const auto& [key, generation] : database_.generations) {
+            if (const auto& run = generation.info.proven) {
+                text += 'r' + std::to_string(run->first) + '-' + std::to_string(run->last);
+            }
+        }
         return text;
     }
 

@@ -25,6 +25,7 @@ struct MemoryDatabase {
     std::map<SeriesNumber, U64_t> epochs; ///< the highest claim of each series
     std::map<GenerationKey, Generation> generations;
     std::vector<AsideEvent> aside;
+    U64_t runsNoted = 0; ///< by calls of their own
 };
 
 /** One connection to it. */
@@ -40,6 +41,7 @@ class MemoryStore : public Store {
         if (work_) {
             throw std::logic_error("claimed within a transaction");
         }
+        requireClaims();
         requireUnlocked([&claimants](const SeriesKey& locked) {
             return std::ranges::count(claimants, locked, &Claimant::key) > 0;
         });
@@ -48,6 +50,7 @@ class MemoryStore : public Store {
         for (const Claimant& claimant : claimants) {
             const SeriesNumber number = addTo(committed_, claimant.key);
             claims_[number] = ++committed_.epochs[number];
+            last_.erase(number);
             claims.push_back({number, newestGeneration(number)});
             keys.push_back(claimant.key);
         }
@@ -88,6 +91,7 @@ class MemoryStore : public Store {
     }
 
     void begin() override {
+        requireClaims();
         work_ = committed_;
         changes_.clear();
         ours_.clear();
@@ -95,6 +99,7 @@ class MemoryStore : public Store {
         newEvents_.clear();
         newGenerations_.clear();
         confirmed_.clear();
+        filed_.clear();
     }
 
     /** All changes are made to what is committed by now, or none. */
@@ -105,7 +110,11 @@ class MemoryStore : public Store {
         }
         work_.reset();
         if (std::exchange(failsAfterCommit_, false)) {
+            isUnchecked_ = isShared_;
             throw StoreError("nothing was heard of it", StoreError::Kind::PASSING);
+        }
+        for (const auto& [key, id] : filed_) {
+            last_[key.series] = {key, id};
         }
     }
 
@@ -136,13 +145,19 @@ class MemoryStore : public Store {
 
     void addEvent(const GenerationKey& key, const NewEvent& event) override {
         ours_.insert(key.series);
+        filed_.emplace_back(key, event.sequenceId);
         if (!removed_.contains({key, event.sequenceId})) {
             newEvents_.emplace(key, event.sequenceId);
         }
-        change([key, stored = StoredEvent{event.sequenceId, event.own,
-                                          Bytes(event.image.begin(), event.image.end()),
-                                          event.doubtful, event.received}](MemoryDatabase& all) {
+        change([key,
+                stored = StoredEvent{event.sequenceId, event.own,
+                                     Bytes(event.image.begin(), event.image.end()), event.doubtful,
+                                     event.received},
+                notesRun = isClaimed(key)](MemoryDatabase& all) {
             all.generations[key].events[stored.sequenceId] = stored;
+            if (notesRun && !stored.doubtful) {
+                extendRun(all.generations[key].info.proven, stored.sequenceId);
+            }
         });
     }
 
@@ -153,10 +168,13 @@ class MemoryStore : public Store {
         if (!newEvents_.contains({key, id}) && !removed_.contains({key, id})) {
             confirmed_[{key, id}] = Bytes(image.begin(), image.end());
         }
-        change([key, id](MemoryDatabase& all) {
-            auto& events = all.generations[key].events;
+        change([key, id, notesRun = isClaimed(key)](MemoryDatabase& all) {
+            auto& [info, events] = all.generations[key];
             if (const auto event = events.find(id); event != events.end()) {
                 event->second.doubtful = false;
+            }
+            if (notesRun) {
+                extendRun(info.proven, id);
             }
         });
     }
@@ -189,6 +207,7 @@ class MemoryStore : public Store {
 
     void noteProven(const GenerationKey& key, const IdRun& run) override {
         change([key, run](MemoryDatabase& all) {
+            ++all.runsNoted;
             auto& proven = all.generations[key].info.proven;
             proven = run.first <= run.last ? std::optional(run) : std::nullopt;
         });
@@ -322,6 +341,41 @@ class MemoryStore : public Store {
     U64_t bytesUsed() override { return 0; }
 
   private:
+    // As after a new connection: another server may have taken over, without the last that was
+    // committed. Retention may have taken it as well.
+    void requireClaims() {
+        if (!std::exchange(isUnchecked_, false)) {
+            return;
+        }
+        std::vector<SeriesNumber> lost;
+        for (const auto& [number, epoch] : claims_) {
+            const auto last = last_.find(number);
+            const bool isGone = last != last_.end() &&
+                                committedAt(last->second.first, last->second.second) == nullptr;
+            if (isGone || epoch != committed_.epochs[number]) {
+                lost.push_back(number);
+            }
+        }
+        for (const SeriesNumber number : lost) {
+            claims_.erase(number);
+        }
+        if (!lost.empty()) {
+            throw StoreConflict(lost);
+        }
+    }
+
+    // A shared engine writes down how far a log's run goes with what its owner files.
+    bool isClaimed(const GenerationKey& key) const {
+        return isShared_ && claims_.contains(key.series);
+    }
+    static void extendRun(std::optional<IdRun>& run, U32_t id) {
+        if (!run) {
+            run = IdRun{id, id};
+        } else if (id == run->last + 1) {
+            run->last = id;
+        }
+    }
+
     static SeriesNumber addTo(MemoryDatabase& all, const SeriesKey& key) {
         return all.series.emplace(key, static_cast<SeriesNumber>(all.series.size()) + 1)
             .first->second;
@@ -415,7 +469,10 @@ class MemoryStore : public Store {
     std::set<std::pair<GenerationKey, U32_t>> removed_;
     std::map<std::pair<GenerationKey, U32_t>, Bytes> confirmed_; ///< what was confirmed there
     std::set<GenerationKey> newGenerations_;
-    std::map<SeriesNumber, U64_t> claims_; ///< what this connection claimed
+    std::map<SeriesNumber, U64_t> claims_;                         ///< what this connection claimed
+    std::vector<std::pair<GenerationKey, U32_t>> filed_;           ///< in this transaction
+    std::map<SeriesNumber, std::pair<GenerationKey, U32_t>> last_; ///< events committed here
+    bool isUnchecked_ = false; ///< its claims are, since a commit had no answer
 };
 
 } // namespace evarchive

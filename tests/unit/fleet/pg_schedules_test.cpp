@@ -103,18 +103,15 @@ class PgSchedulesTest : public testing::Test {
         SCOPED_TRACE("actions" + way + ", end " + std::to_string(how));
         end(model, how);
         end(real, how);
-        // What retention took is known of by the runs that are noted, by each storage at its time.
-        if (!real.wasHeldUp() && !real.hasExpired()) {
-            ++compared_;
-            EXPECT_EQ(real.heldText(), model.heldText());
-        }
+        heldUp_ += real.wasHeldUp() ? 1 : 0;
+        EXPECT_EQ(real.heldText(), model.heldText());
     }
 
     std::string place_ = fleet::emptyArchive();
     Proxies proxies_{fleet::CuttingProxy(fleet::server().socketDirectory()),
                      fleet::CuttingProxy(fleet::server().socketDirectory())};
     std::mt19937 random_;
-    unsigned compared_ = 0;
+    unsigned heldUp_ = 0;
 };
 
 } // namespace
@@ -122,12 +119,11 @@ class PgSchedulesTest : public testing::Test {
 TEST_F(PgSchedulesTest, NothingIsLostOrStoredTwiceInOrdersThatAreDrawn) {
     const unsigned ways = numberFrom("FLEET_SCHEDULES", 25);
     const unsigned seed = numberFrom("FLEET_SEED", 1);
-    for (unsigned way = 0; way < ways && !HasFailure(); ++way) {
+    for (unsigned way = 0; way < ways; ++way) {
         random_.seed(seed + way);
         SCOPED_TRACE("FLEET_SCHEDULES=1 FLEET_SEED=" + std::to_string(seed + way));
         go(BOUNDS.at(draw(BOUNDS.size())));
     }
-    EXPECT_GT(compared_, ways / 2);
-    std::cout << ways << " orders from seed " << seed << ", " << compared_
-              << " of them determined\n";
+    std::cout << ways << " orders from seed " << seed << ", " << heldUp_
+              << " of them held up by a lock\n";
 }
