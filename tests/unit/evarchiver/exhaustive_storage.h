@@ -13,6 +13,9 @@ namespace exhaustive {
 
 using namespace evarchive;
 
+/** What is lost in a commit: the answer, or the connection, and the commit is made later. */
+enum class Lost : U8_t { ANSWER, CONNECTION };
+
 /** A storage that several processes use, and somebody who looks into it beside them. */
 class Storage {
   public:
@@ -22,10 +25,18 @@ class Storage {
     virtual std::unique_ptr<Store> open(std::size_t process) = 0;
 
     /** The next commit of a process is made, but not heard of, or is not made. */
-    virtual void loseAnswer(std::size_t process, Store& store) = 0;
+    virtual void loseAnswer(std::size_t process, Store& store, Lost lost) = 0;
 
     /** There was none, or it is over. */
     virtual void endLosing(std::size_t process) = 0;
+
+    /** A commit that is still to be made, of a connection that was lost. */
+    virtual bool hasLate() const = 0;
+    virtual void makeLate() = 0;
+
+    /** Somebody keeps the blade's log locked. */
+    virtual void lock() = 0;
+    virtual void letGo() = 0;
 
     /** Processes that stand still within a transaction are no more in the way of others. */
     virtual void endStalled() {}
@@ -45,10 +56,24 @@ class MemoryStorage : public Storage {
     std::unique_ptr<Store> open(std::size_t /*process*/) override {
         return std::make_unique<MemoryStore>(database_, isShared_);
     }
-    void loseAnswer(std::size_t /*process*/, Store& store) override {
-        dynamic_cast<MemoryStore&>(store).failAfterCommit();
+    void loseAnswer(std::size_t /*process*/, Store& store, Lost lost) override {
+        auto& connection = dynamic_cast<MemoryStore&>(store);
+        if (lost == Lost::ANSWER) {
+            connection.failAfterCommit();
+        } else {
+            connection.failBeforeCommit();
+        }
     }
     void endLosing(std::size_t /*process*/) override {} // a rollback ends it
+    bool hasLate() const override { return database_.late.has_value(); }
+    void makeLate() override {
+        const auto late = std::exchange(database_.late, std::nullopt);
+        for (const auto& change : late->changes) {
+            change(database_);
+        }
+    }
+    void lock() override { database_.locked = {{{"ENC-A", "BLADE-1", 1}, 1}}; }
+    void letGo() override { database_.locked.clear(); }
     Store& look() override { return look_; }
 
     std::string hiddenText() const override {

@@ -1,71 +1,30 @@
 /**
  * @file
- * One blade, the archivers of one archive, and what is between them: the real archive over a
- * storage, and every step that one of them can take. Beside them a blade that nothing
- * befalls, whose events are filed in the same transactions.
+ * One blade, the archivers of one archive, and what is between them, and every step that one of
+ * them can take. Beside them a blade that nothing befalls, whose events are filed in the same
+ * transactions.
  */
 #ifndef EXHAUSTIVE_WORLD_H
 #define EXHAUSTIVE_WORLD_H
 
-#include "archive.h"
-#include "exhaustive_storage.h"
+#include "exhaustive_archiver.h"
+#include "exhaustive_bounds.h"
+#include "exhaustive_text.h"
 #include "link_messages.h"
-
-#include <deque>
-#include <gmock/gmock.h>
 
 namespace exhaustive {
 
-struct Bounds {
-    U32_t processes = 1; ///< 2: they share the storage
-    U32_t log = 3;       ///< events in the blade's log
-    U32_t rebuilds = 1;
-    U32_t connects = 3;
-    U32_t failures = 1;        ///< commits that fail, and deaths of an archiver
-    unsigned depth = 9;        ///< actions
-    bool isUnderWay = false;   ///< the blade has sent two events when it begins
-    bool isSlow = false;       ///< nothing is seen behind an event before the next one comes
-    U32_t damaged = 0;         ///< events that come damaged, where the blade is slow
-    U32_t expired = 0;         ///< how often retention takes the oldest event
-    bool hasNeighbour = false; ///< another blade, on the first process, whose events go with it
-};
-
-[[maybe_unused]] void PrintTo(const Bounds& bounds, std::ostream* out) {
-    *out << bounds.processes << " processes, depth " << bounds.depth;
-}
-
 /** A blade, the archivers, and what is between them. */
-class World {
+class World : private Around {
   public:
-    enum BladeAction : unsigned {
-        LOG,
-        REBUILD,
-        SEND,
-        SEND_AND_CUT,
-        CUT,
-        SEND_DAMAGED,
-        TAKE_BACK,
-        EXPIRE,
-        SEND_OF_NEIGHBOUR,
-        BLADE_ACTIONS
-    };
-    enum ProcessAction : unsigned {
-        CONNECT,
-        WORK,
-        COMMIT,
-        FAIL,
-        FAIL_UNHEARD, ///< what seems to have failed is safe
-        DIE,
-        PROCESS_ACTIONS
-    };
-
     explicit World(const Bounds& bounds)
         : World(bounds, std::make_unique<MemoryStorage>(bounds.processes > 1)) {}
 
     World(const Bounds& bounds, std::unique_ptr<Storage> storage)
         : bounds_(bounds), storage_(std::move(storage)) {
         for (U32_t number = 0; number < bounds_.processes; ++number) {
-            processes_.push_back(std::make_unique<Process>(*storage_, number));
+            processes_.push_back(
+                std::make_unique<Archiver>(*storage_, static_cast<Around&>(*this), number));
         }
         logOne();
         if (bounds_.hasNeighbour) {
@@ -86,19 +45,22 @@ class World {
         if (action < BLADE_ACTIONS) {
             return canBlade(action);
         }
-        const Process& process = processOf(action);
+        const Archiver& process = processOf(action);
         switch ((action - BLADE_ACTIONS) % PROCESS_ACTIONS) {
         case CONNECT:
             return peer_ == nullptr && connects_ < bounds_.connects;
         case WORK:
-            return !process.queue.empty();
+            return process.canWork();
         case COMMIT:
-            return process.archive->isUncommitted();
+            return process.isUncommitted();
         case FAIL:
         case FAIL_UNHEARD:
-            return process.archive->isUncommitted() && failures_ < bounds_.failures;
+            return process.isUncommitted() && failures_ < bounds_.failures;
+        case FAIL_LATE:
+            return process.isUncommitted() && lateCommits_ < bounds_.lateCommits &&
+                   !storage_->hasLate();
         default:
-            return process.isWarm && failures_ < bounds_.failures;
+            return process.isWarm() && failures_ < bounds_.failures;
         }
     }
 
@@ -108,25 +70,29 @@ class World {
             actOfBlade(action);
             return;
         }
-        Process& process = processOf(action);
+        Archiver& process = processOf(action);
         switch ((action - BLADE_ACTIONS) % PROCESS_ACTIONS) {
         case CONNECT:
             ++connects_;
             connect(process);
             break;
         case WORK:
-            work(process);
+            process.work();
             break;
         case COMMIT:
-            commit(process);
+            process.commit();
             break;
         case FAIL:
             ++failures_;
-            fail(process);
+            process.fail();
             break;
         case FAIL_UNHEARD:
             ++failures_;
-            failUnheard(process);
+            process.failUnheard(Lost::ANSWER);
+            break;
+        case FAIL_LATE:
+            ++lateCommits_;
+            process.failUnheard(Lost::CONNECTION);
             break;
         default:
             ++failures_;
@@ -138,10 +104,16 @@ class World {
     bool isConnected() const { return peer_ != nullptr; }
 
     /** Whether handshakes were claimed together on the way here. */
-    bool hasClaimedTogether() const { return isTogether_; }
+    bool hasClaimedTogether() const {
+        return std::ranges::any_of(
+            processes_, [](const auto& process) { return process->hasClaimedTogether(); });
+    }
 
     /** Whether the storage could not be used at some time, so that something was done again. */
-    bool wasHeldUp() const { return isHeldUp_; }
+    bool wasHeldUp() const {
+        return std::ranges::any_of(processes_,
+                                   [](const auto& process) { return process->wasHeldUp(); });
+    }
 
     /** Whether retention has taken something. */
     bool hasExpired() const { return expiries_ > 0; }
@@ -149,6 +121,7 @@ class World {
     /** The blade connects once more and sends all that it has; everything comes to its end.
      * @param isLate the first process stands still until then, and the blade is on the last one */
     void finish(bool isLate) {
+        moveOn();
         isFirstStill_ = isLate;
         settle();
         takeBack();
@@ -159,6 +132,8 @@ class World {
 
     /** The same on the link that the blade has; if that turns out to be closed, on another one. */
     void stay() {
+        letGo();
+        makeLateCommit();
         settle();
         takeBack();
         sendTheRest();
@@ -189,48 +164,19 @@ class World {
     }
 
     /** What the storage holds, and holds to be doubtful, and what it has set aside beyond. */
-    std::string heldText() const;
+    std::string heldText() const { return exhaustive::heldText(storage_->look()); }
 
     /** Worlds with the same text go on in the same way, but for what is known by heart. */
     std::string text() const;
 
   private:
-    enum class Kind : U8_t { EVENT, SILENT, ENDED, STATUS, END, TAKE_BACK };
-    struct Request {
-        LinkNumber link;
-        Kind kind;
-        Bytes body;
-    };
-    struct Process {
-        Process(Storage& storage, std::size_t its) : number(its) { restart(storage); }
-        void restart(Storage& storage) {
-            archive.reset();
-            store.reset();
-            store = storage.open(number);
-            archive = std::make_unique<Archive>(*store, ArchiveSettings{},
-                                                [](Level, const std::string&) {});
-            queue.clear();
-            worked.clear();
-            held.clear();
-        }
-        std::size_t number;
-        std::unique_ptr<Store> store;
-        std::unique_ptr<Archive> archive;
-        std::deque<Request> queue;  ///< came, not worked off
-        std::deque<Request> worked; ///< worked off, not committed
-        std::vector<std::pair<LinkNumber, std::optional<StatusVerdict>>> held; ///< replies; none:
-                                                                               ///< send all again
-        bool isWarm = false; ///< knows something by heart
-        U32_t conflicts = 0; ///< what it knows may be what it saved before them
-    };
-
     void logOne() {
         support::EventFields fields = {.id = static_cast<U32_t>(log_.size())};
         fields.time = log_.empty() ? 1 : ++serial_; // all logs begin with the same event
         log_.push_back(support::eventBody(fields));
     }
 
-    Process& processOf(unsigned action) const {
+    Archiver& processOf(unsigned action) const {
         return *processes_[(action - BLADE_ACTIONS) / PROCESS_ACTIONS];
     }
 
@@ -248,6 +194,14 @@ class World {
             return isDamaged_;
         case EXPIRE:
             return canExpire();
+        case SHED:
+            return canSend() && sheddings_ < bounds_.sheddings;
+        case LOCK:
+            return !isLocked_ && locks_ < bounds_.locks && canLock();
+        case LET_GO:
+            return isLocked_;
+        case MAKE_LATE_COMMIT:
+            return storage_->hasLate();
         case SEND_OF_NEIGHBOUR:
             return bounds_.hasNeighbour && !isNeighbourWaiting_ && neighbour_.size() < 2;
         default:
@@ -267,10 +221,10 @@ class World {
             logOne();
             break;
         case SEND:
-            send(Kind::EVENT);
+            send(Batch::Kind::EVENT);
             break;
         case SEND_AND_CUT:
-            send(Kind::ENDED);
+            send(Batch::Kind::ENDED);
             cut();
             break;
         case SEND_DAMAGED:
@@ -286,28 +240,75 @@ class World {
             neighbour_.push_back(neighboursEvent(static_cast<U32_t>(neighbour_.size())));
             sendOfNeighbour();
             break;
+        case SHED:
+            ++sheddings_;
+            ++next_; // dropped
+            cut();
+            break;
+        case LOCK:
+            ++locks_;
+            isLocked_ = true;
+            storage_->lock();
+            break;
+        case LET_GO:
+            letGo();
+            break;
+        case MAKE_LATE_COMMIT:
+            makeLateCommit();
+            break;
         default:
             cut();
             break;
         }
     }
 
+    // A transaction that is open has the row, or may have.
+    bool canLock() const {
+        return isIdle() && !storage_->hasLate() &&
+               storage_->look().findSeries({{"ENC-A", "BLADE-1", 1}, 1}).has_value();
+    }
+
+    void letGo() {
+        if (std::exchange(isLocked_, false)) {
+            storage_->letGo();
+        }
+    }
+
+    void makeLateCommit() {
+        if (storage_->hasLate()) {
+            storage_->makeLate();
+            noteSafe();
+        }
+    }
+
+    // The blade is on another archiver when the late commit is made.
+    void moveOn() {
+        letGo();
+        if (storage_->hasLate()) {
+            takeBack();
+            cut();
+            connect(*processes_.back());
+            processes_.back()->work();
+            makeLateCommit();
+        }
+    }
+
     // A byte of it came twice, and nothing is behind it yet.
     void sendDamaged() {
         ++damagedOnes_;
-        settleLast(Kind::EVENT);
+        settleLast(Batch::Kind::EVENT);
         auto header = imageOf<EmpEvLogHeader_t>(log_[next_]);
         header.evTime = 100 + header.evTime;
         unsettled_ = log_[next_++];
         std::ranges::copy(viewOf(header), unsettled_.begin());
         isDamaged_ = true;
-        peer_->queue.push_back({link_, Kind::SILENT, unsettled_});
+        peer_->bring(link_, Batch::Kind::SILENT, unsettled_);
     }
 
     // What comes behind it shows that it was: the link ends.
     void takeBack() {
         if (isDamaged_) {
-            peer_->queue.push_back({link_, Kind::TAKE_BACK, std::exchange(unsettled_, {})});
+            peer_->bring(link_, Batch::Kind::TAKE_BACK, std::exchange(unsettled_, {}));
             isDamaged_ = false;
             cut();
         }
@@ -320,8 +321,8 @@ class World {
     }
 
     bool isIdle() const {
-        return std::ranges::none_of(
-            processes_, [](const auto& process) { return process->archive->isUncommitted(); });
+        return std::ranges::none_of(processes_,
+                                    [](const auto& process) { return process->isUncommitted(); });
     }
 
     bool canExpire() const {
@@ -355,14 +356,14 @@ class World {
 
     void connectNeighbour() {
         isNeighbourWaiting_ = true;
-        processes_.front()->queue.push_back({NEIGHBOUR + neighbourLinks_++, Kind::STATUS,
-                                             support::statusBody(neighboursLog(), 0, {1, 2, 3})});
+        processes_.front()->bring(NEIGHBOUR + neighbourLinks_++, Batch::Kind::STATUS,
+                                  support::statusBody(neighboursLog(), 0, {1, 2, 3}));
     }
 
     void sendOfNeighbour() {
         for (; neighboursNext_ < neighbour_.size(); ++neighboursNext_) {
-            processes_.front()->queue.push_back(
-                {NEIGHBOUR + neighbourLinks_ - 1, Kind::EVENT, neighbour_[neighboursNext_]});
+            processes_.front()->bring(NEIGHBOUR + neighbourLinks_ - 1, Batch::Kind::EVENT,
+                                      neighbour_[neighboursNext_]);
         }
     }
 
@@ -392,18 +393,18 @@ class World {
         }
     }
 
-    void connect(Process& process) {
+    void connect(Archiver& process) {
         peer_ = &process;
         ++link_;
         isWaiting_ = true;
         hasResent_ = false;
-        process.queue.push_back({link_, Kind::STATUS, support::statusBody({}, 0, {1, 2, 3})});
+        process.bring(link_, Batch::Kind::STATUS, support::statusBody({}, 0, {1, 2, 3}));
     }
 
     void cut() {
         if (peer_ != nullptr) {
-            settleLast(Kind::ENDED);
-            peer_->queue.push_back({link_, Kind::END, {}});
+            settleLast(Batch::Kind::ENDED);
+            peer_->bring(link_, Batch::Kind::END_OF_LINK);
             peer_ = nullptr;
             isDamaged_ = false;
         }
@@ -412,122 +413,24 @@ class World {
     bool canSend() const {
         return peer_ != nullptr && !isWaiting_ && !isDamaged_ && next_ < log_.size();
     }
-    void send(Kind kind) {
-        settleLast(Kind::EVENT);
-        const bool isSilent = bounds_.isSlow && kind == Kind::EVENT;
-        peer_->queue.push_back({link_, isSilent ? Kind::SILENT : kind, log_[next_]});
+    void send(Batch::Kind kind) {
+        settleLast(Batch::Kind::EVENT);
+        const bool isSilent = bounds_.isSlow && kind == Batch::Kind::EVENT;
+        peer_->bring(link_, isSilent ? Batch::Kind::SILENT : kind, log_[next_]);
         unsettled_ = isSilent ? log_[next_] : Bytes();
         ++next_;
     }
 
     // As a link does with the last event that it has read.
-    void settleLast(Kind kind) {
+    void settleLast(Batch::Kind kind) {
         if (peer_ != nullptr && !unsettled_.empty()) {
-            peer_->queue.push_back({link_, kind, std::exchange(unsettled_, {})});
+            peer_->bring(link_, kind, std::exchange(unsettled_, {}));
         }
         unsettled_.clear();
     }
 
-    static Certainty certaintyOf(Kind kind) {
-        return kind == Kind::EVENT    ? Certainty::CERTAIN
-               : kind == Kind::SILENT ? Certainty::SILENT
-                                      : Certainty::ENDED;
-    }
-
-    // As a lane does: up to the end of the queue, handshakes of a shared storage that wait one
-    // behind the other together.
-    void work(Process& process) {
-        try {
-            while (!process.queue.empty()) {
-                const bool isClaimed =
-                    process.queue.front().kind == Kind::STATUS && process.archive->isClaimed();
-                const std::size_t together = isClaimed ? claimAhead(process) : 0;
-                for (std::size_t i = 0; i < std::max<std::size_t>(together, 1); ++i) {
-                    workOne(process);
-                }
-                if (isClaimed) {
-                    commitOnce(process);
-                }
-            }
-        } catch (const StoreConflict& conflict) {
-            undo(process, conflict);
-        } catch (const StoreError& error) {
-            holdUp(process, error);
-        }
-    }
-
-    // A transaction of another process is in the way, or the connection was lost.
-    void holdUp(Process& process, const StoreError& error) {
-        ASSERT_TRUE(error.isPassing()) << error.what();
-        isHeldUp_ = true;
-        fail(process);
-    }
-
-    std::size_t claimAhead(Process& process) {
-        commitOnce(process);
-        std::vector<EmpGetEvArchiverStatusMsg_t> group;
-        std::set<SeriesKey> logs;
-        for (const Request& request : process.queue) {
-            const auto status =
-                request.kind == Kind::STATUS
-                    ? std::optional(imageOf<EmpGetEvArchiverStatusMsg_t>(request.body))
-                    : std::nullopt;
-            if (!status || !logs.insert(logOf(*status)).second) {
-                break;
-            }
-            group.push_back(*status);
-        }
-        process.archive->claimAhead(group);
-        isTogether_ = isTogether_ || group.size() > 1;
-        return group.size();
-    }
-
-    void workOne(Process& process) {
-        process.isWarm = true;
-        Request request = process.queue.front();
-        Archive& archive = *process.archive;
-        if (request.kind == Kind::STATUS) {
-            process.held.emplace_back(
-                request.link,
-                archive.answerStatus(request.link,
-                                     imageOf<EmpGetEvArchiverStatusMsg_t>(request.body)));
-        } else if (request.kind == Kind::END) {
-            archive.endLink(request.link);
-        } else if (request.kind == Kind::TAKE_BACK) {
-            archive.takeBack(request.link, request.body);
-        } else if (archive.fileEvent(request.link, request.body, certaintyOf(request.kind)) ==
-                   Filed::NEW_GENERATION) {
-            process.held.emplace_back(request.link, std::nullopt);
-        }
-        process.worked.push_back(std::move(request));
-        process.queue.pop_front();
-        if (!archive.isUncommitted()) {
-            commitOnce(process);
-        }
-    }
-
-    void commit(Process& process) {
-        try {
-            commitOnce(process);
-        } catch (const StoreConflict& conflict) {
-            undo(process, conflict);
-        } catch (const StoreError& error) {
-            holdUp(process, error);
-        }
-    }
-
-    void commitOnce(Process& process) {
-        process.archive->commit();
-        process.worked.clear();
-        const std::set<Bytes> kept = allKept();
-        everSafe_.insert(kept.begin(), kept.end());
-        for (const auto& [link, verdict] : std::exchange(process.held, {})) {
-            deliver(process, link, verdict);
-        }
-    }
-
-    void deliver(const Process& process, LinkNumber link,
-                 const std::optional<StatusVerdict>& verdict) {
+    void deliver(const Archiver& process, LinkNumber link,
+                 const std::optional<StatusVerdict>& verdict) override {
         if (link >= NEIGHBOUR) {
             deliverToNeighbour(verdict);
             return;
@@ -544,49 +447,19 @@ class World {
         next_ = *verdict == NOTHING_HELD || isBeyond ? 0 : verdict->sequenceIdLast + 1;
     }
 
-    void fail(Process& process) {
-        process.archive->abandon();
-        process.isWarm = false;
-        rewind(process);
-    }
-
-    static void rewind(Process& process) {
-        std::erase_if(process.held, [](const auto& reply) { return reply.second.has_value(); });
-        while (!process.worked.empty()) {
-            process.queue.push_front(std::move(process.worked.back()));
-            process.worked.pop_back();
+    void close(const Archiver& process, LinkNumber link) override {
+        if (peer_ == &process && link == link_) {
+            cut();
         }
     }
 
-    void failUnheard(Process& process) {
-        storage_->loseAnswer(process.number, *process.store);
-        try {
-            process.archive->commit();
-        } catch (const StoreConflict& conflict) {
-            undo(process, conflict);
-            storage_->endLosing(process.number);
-            return;
-        } catch (const StoreError&) {
-            // Nothing tells that it is safe.
-        }
-        fail(process);
-        storage_->endLosing(process.number);
+    void noteSafe() override {
+        const std::set<Bytes> kept = allKept();
+        everSafe_.insert(kept.begin(), kept.end());
     }
 
-    void undo(Process& process, const StoreConflict& conflict) {
-        process.archive->abandon(conflict);
-        ++process.conflicts;
-        rewind(process);
-        for (const LinkNumber link : process.archive->loseClaims(conflict.lost())) {
-            if (peer_ == &process && link == link_) {
-                cut();
-            }
-        }
-    }
-
-    void die(Process& process) {
-        process.restart(*storage_);
-        process.isWarm = false;
+    void die(Archiver& process) {
+        process.restart();
         if (peer_ == &process) {
             peer_ = nullptr;
             unsettled_.clear();
@@ -597,13 +470,11 @@ class World {
         }
     }
 
-    bool isStill(const Process& process) const {
+    bool isStill(const Archiver& process) const {
         return isFirstStill_ && &process == processes_.front().get();
     }
 
-    bool isBusy(const Process& process) const {
-        return !isStill(process) && (!process.queue.empty() || process.archive->isUncommitted());
-    }
+    bool isBusy(const Archiver& process) const { return !isStill(process) && process.isBusy(); }
 
     void settle() {
         const auto isOneBusy = [this](const auto& process) { return isBusy(*process); };
@@ -614,8 +485,8 @@ class World {
             }
             for (const auto& process : processes_) {
                 if (!isStill(*process)) {
-                    work(*process);
-                    commit(*process);
+                    process->work();
+                    process->commit();
                 }
             }
         }
@@ -634,9 +505,9 @@ class World {
         for (int round = 0; canSend(); ++round) { // it may be asked to send all again
             ASSERT_LT(round, 5) << "the blade sends without end";
             while (canSend()) {
-                send(Kind::EVENT);
+                send(Batch::Kind::EVENT);
             }
-            settleLast(Kind::EVENT);
+            settleLast(Batch::Kind::EVENT);
             settle();
         }
     }
@@ -654,21 +525,23 @@ class World {
 
     Bounds bounds_;
     std::unique_ptr<Storage> storage_;
-    std::vector<std::unique_ptr<Process>> processes_;
+    std::vector<std::unique_ptr<Archiver>> processes_;
     std::vector<Bytes> log_;
     U32_t serial_ = 1;
-    Process* peer_ = nullptr; ///< with whom the blade is connected
+    Archiver* peer_ = nullptr; ///< with whom the blade is connected
     LinkNumber link_ = 0;
     bool isFirstStill_ = false;
-    bool isHeldUp_ = false;   ///< something could not be done at once
-    bool isTogether_ = false; ///< handshakes were claimed together
-    bool isWaiting_ = false;  ///< for its status answer
+    bool isWaiting_ = false; ///< for its status answer
     bool hasResent_ = false;
     std::size_t next_ = 0;   ///< to be sent
     Bytes unsettled_;        ///< the last one that was, with nothing behind it
     bool isDamaged_ = false; ///< that one is
     U32_t damagedOnes_ = 0;
     U32_t expiries_ = 0;
+    U32_t sheddings_ = 0;
+    U32_t locks_ = 0;
+    bool isLocked_ = false;
+    U32_t lateCommits_ = 0;
     std::set<Bytes> expired_;
     std::vector<Bytes> neighbour_; ///< its log
     LinkNumber neighbourLinks_ = 0;
@@ -680,58 +553,17 @@ class World {
     std::set<Bytes> everSafe_;
 };
 
-// An event by its id and its time, which no two have in common.
-inline std::string nameOfEvent(const Bytes& image) {
-    if (image.size() < sizeof(EmpEvLogHeader_t)) {
-        return "-";
-    }
-    const auto header = imageOf<EmpEvLogHeader_t>(image);
-    return std::to_string(U32_t{header.evSequenceId}) + "." + std::to_string(U32_t{header.evTime});
-}
-
-inline std::string World::heldText() const {
-    std::ostringstream out;
-    std::set<Bytes> held;
-    Store& store = storage_->look();
-    for (const GenerationInfo& info : store.listGenerations()) {
-        out << info.key.blade.blade << '/' << info.number.generation << ':';
-        store.forEachEvent(info.number, [&](const StoredEvent& event) {
-            out << nameOfEvent(event.image) << (event.doubtful ? "? " : " ");
-            held.insert(event.image);
-        });
-    }
-    std::set<std::string> aside;
-    store.forEachAside([&](const AsideEvent& event) {
-        if (!held.contains(event.image)) {
-            aside.insert(event.key.blade.blade + '/' + nameOfEvent(event.image));
-        }
-    });
-    for (const std::string& event : aside) {
-        out << '~' << event;
-    }
-    return out.str();
-}
-
 inline std::string World::text() const {
     std::ostringstream out;
-    const auto put = [&out](const auto& requests) {
-        for (const Request& request : requests) {
-            out << request.link << static_cast<int>(request.kind)
-                << (request.kind == Kind::STATUS ? "s" : nameOfEvent(request.body)) << ' ';
-        }
-        out << '|';
-    };
     for (const Bytes& event : log_) {
         out << nameOfEvent(event) << ' ';
     }
     out << link_ << isWaiting_ << hasResent_ << next_ << ' ' << rebuilds_ << connects_ << failures_
-        << (unsettled_.empty() ? '.' : '?') << isDamaged_ << damagedOnes_ << expiries_
-        << neighbour_.size() << neighboursNext_ << isNeighbourWaiting_ << '|';
+        << (unsettled_.empty() ? '.' : '?') << isDamaged_ << damagedOnes_ << expiries_ << sheddings_
+        << locks_ << isLocked_ << lateCommits_ << storage_->hasLate() << neighbour_.size()
+        << neighboursNext_ << isNeighbourWaiting_ << '|';
     for (const auto& process : processes_) {
-        out << (peer_ == process.get()) << process->isWarm << process->held.size() << 'c'
-            << process->conflicts << ' ';
-        put(process->queue);
-        put(process->worked);
+        out << (peer_ == process.get()) << process->text(nameOfEvent);
     }
     out << heldText() << storage_->hiddenText();
     return out.str();

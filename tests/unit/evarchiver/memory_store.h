@@ -21,11 +21,19 @@ struct MemoryDatabase {
         std::map<U32_t, StoredEvent> events;
     };
 
+    /** A commit that its connection did not live to see made. Until it is, its logs are locked. */
+    struct Late {
+        std::set<SeriesKey> logs;
+        std::vector<std::function<void(MemoryDatabase&)>> changes;
+    };
+
     std::map<SeriesKey, SeriesNumber> series;
     std::map<SeriesNumber, U64_t> epochs; ///< the highest claim of each series
     std::map<GenerationKey, Generation> generations;
     std::vector<AsideEvent> aside;
-    U64_t runsNoted = 0; ///< by calls of their own
+    U64_t runsNoted = 0;        ///< by calls of their own
+    std::set<SeriesKey> locked; ///< by somebody who is no archiver
+    std::optional<Late> late;
 };
 
 /** One connection to it. */
@@ -79,8 +87,9 @@ class MemoryStore : public Store {
     std::vector<SeriesKey> lockedOf(const std::vector<SeriesKey>& keys) override {
         const std::lock_guard lock(mutex_);
         std::vector<SeriesKey> locked;
+        const auto all = allLocked();
         std::ranges::copy_if(keys, std::back_inserter(locked),
-                             [this](const SeriesKey& key) { return locked_.contains(key); });
+                             [&all](const SeriesKey& key) { return all.contains(key); });
         return locked;
     }
 
@@ -105,6 +114,12 @@ class MemoryStore : public Store {
     /** All changes are made to what is committed by now, or none. */
     void commit() override {
         requireNoConflict();
+        if (std::exchange(failsBeforeCommit_, false)) {
+            isUnchecked_ = isShared_;
+            isLateOurs_ = true;
+            committed_.late = MemoryDatabase::Late{keysOf(ours_), changes_};
+            throw StoreError("nothing was heard of it", StoreError::Kind::PASSING);
+        }
         for (const auto& change : changes_) {
             change(committed_);
         }
@@ -125,9 +140,13 @@ class MemoryStore : public Store {
     /** The next commit that is made seems to have failed. */
     void failAfterCommit() { failsAfterCommit_ = true; }
 
+    /** The same, but whoever has the database makes it later. */
+    void failBeforeCommit() { failsBeforeCommit_ = true; }
+
     void rollback() noexcept override {
         work_.reset();
         failsAfterCommit_ = false;
+        failsBeforeCommit_ = false;
     }
 
     SeriesNumber addSeries(const SeriesKey& key) override {
@@ -202,6 +221,9 @@ class MemoryStore : public Store {
     }
 
     void countDuplicates(const GenerationKey& key, U64_t more) override {
+        if (isClaimed(key)) {
+            ours_.insert(key.series);
+        }
         change([key, more](MemoryDatabase& all) { all.generations[key].info.duplicates += more; });
     }
 
@@ -402,10 +424,8 @@ class MemoryStore : public Store {
         if (!isShared_) {
             return;
         }
-        requireUnlocked([this](const SeriesKey& key) {
-            const auto number = work_->series.find(key);
-            return number != work_->series.end() && ours_.contains(number->second);
-        });
+        const std::set<SeriesKey> logs = keysOf(ours_);
+        requireUnlocked([&logs](const SeriesKey& key) { return logs.contains(key); });
         std::vector<SeriesNumber> lost;
         for (const SeriesNumber number : ours_) {
             if (claims_.contains(number) && claims_[number] != committed_.epochs[number]) {
@@ -448,15 +468,40 @@ class MemoryStore : public Store {
     void requireUnlocked(IsMeant isMeant) {
         const std::lock_guard lock(mutex_);
         std::vector<SeriesKey> met;
-        std::ranges::copy_if(locked_, std::back_inserter(met), isMeant);
+        std::ranges::copy_if(allLocked(), std::back_inserter(met), isMeant);
+        isLateOurs_ = isLateOurs_ && committed_.late;
+        if (!met.empty() && isLateOurs_) {
+            throw StoreError("an earlier commit still waits", StoreError::Kind::PASSING);
+        }
         if (!met.empty()) {
             throw StoreLocked(met);
         }
     }
 
+    std::set<SeriesKey> allLocked() const {
+        std::set<SeriesKey> all = locked_;
+        all.insert(committed_.locked.begin(), committed_.locked.end());
+        if (committed_.late) {
+            all.insert(committed_.late->logs.begin(), committed_.late->logs.end());
+        }
+        return all;
+    }
+
+    std::set<SeriesKey> keysOf(const std::set<SeriesNumber>& numbers) const {
+        std::set<SeriesKey> keys;
+        for (const auto& [key, number] : work_->series) {
+            if (numbers.contains(number)) {
+                keys.insert(key);
+            }
+        }
+        return keys;
+    }
+
     MemoryDatabase& committed_;
     bool isShared_;
     bool failsAfterCommit_ = false;
+    bool failsBeforeCommit_ = false;
+    bool isLateOurs_ = false; ///< the database's late commit
     U64_t looks_ = 0;
     U64_t generationLooks_ = 0;
     std::mutex mutex_;

@@ -38,6 +38,7 @@ class CuttingProxy {
         shutdown(listener_, SHUT_RDWR);
         thread_.join();
         close(listener_);
+        close(late_);
     }
 
     CuttingProxy(const CuttingProxy&) = delete;
@@ -59,11 +60,28 @@ class CuttingProxy {
     void cutAtCommit() { cuts_ = true; }
     bool hasCut() const { return !cuts_; }
 
+    /** The next commit does not come to the server yet, and nothing after it. */
+    void holdAtCommit() { holds_ = true; }
+    bool hasLate() const { return late_ >= 0; }
+
+    /** It comes there. Returns when the server has done it. */
+    void makeLate() {
+        send(late_, lateBytes_.data(), lateBytes_.size(), MSG_NOSIGNAL);
+        std::array<char, 65536> answer{};
+        recv(late_, answer.data(), answer.size(), 0);
+        close(late_.exchange(-1));
+    }
+
     /** If none has come, none will be. */
-    void letPass() { cuts_ = false; }
+    void letPass() {
+        cuts_ = false;
+        holds_ = false;
+    }
 
   private:
     static constexpr char NAME[] = "/.s.PGSQL.5432";
+    // An unnamed portal, bound to the statement of this name.
+    static constexpr std::string_view COMMIT{"\0commit\0", 8};
 
     static sockaddr_un placeOf(const std::string& path) {
         sockaddr_un place{};
@@ -86,8 +104,10 @@ class CuttingProxy {
                 while (!isOver_ && pass(client, server)) {
                 }
             }
+            if (late_ != server) {
+                close(server);
+            }
             close(client);
-            close(server);
         }
     }
 
@@ -98,14 +118,19 @@ class CuttingProxy {
         std::array<char, 65536> bytes{};
         if (entries[0].revents != 0) {
             const ssize_t size = recv(client, bytes.data(), bytes.size(), 0);
+            const std::string_view sent(bytes.data(),
+                                        static_cast<size_t>(std::max(size, ssize_t{0})));
+            const bool isCommit = sent.find(COMMIT) != std::string_view::npos;
+            if (isCommit && holds_.exchange(false)) {
+                lateBytes_ = sent;
+                late_ = server;
+                return false;
+            }
             if (size <= 0 ||
                 send(server, bytes.data(), static_cast<size_t>(size), MSG_NOSIGNAL) != size) {
                 return false;
             }
-            // An unnamed portal, bound to the statement of this name.
-            constexpr std::string_view COMMIT("\0commit\0", 8);
-            const std::string_view sent(bytes.data(), static_cast<size_t>(size));
-            if (cuts_ && sent.find(COMMIT) != std::string_view::npos) {
+            if (isCommit && cuts_) {
                 recv(server, bytes.data(), bytes.size(), 0); // it is done
                 cuts_ = false;
                 return false;
@@ -123,6 +148,9 @@ class CuttingProxy {
     std::string server_;
     int listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     std::atomic<bool> cuts_ = false;
+    std::atomic<bool> holds_ = false;
+    std::atomic<int> late_ = -1; ///< the server's side of a connection that was held
+    std::string lateBytes_;
     std::atomic<bool> isOver_ = false;
     std::thread thread_;
 };

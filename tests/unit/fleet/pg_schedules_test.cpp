@@ -21,6 +21,7 @@ class ServerStorage : public Storage {
   public:
     ServerStorage(const std::string& place, Proxies& proxies) : place_(place), proxies_(proxies) {
         admin_.reopen();
+        locker_.reopen();
         admin_.execute("DELETE FROM events; DELETE FROM logs; DELETE FROM generations; "
                        "DELETE FROM set_aside");
     }
@@ -28,9 +29,31 @@ class ServerStorage : public Storage {
     std::unique_ptr<Store> open(std::size_t process) override {
         return std::make_unique<PgStore>(proxies_.at(process).through(place_), PATIENCE, "");
     }
-    void loseAnswer(std::size_t process, Store& /*store*/) override {
-        proxies_.at(process).cutAtCommit();
+    ~ServerStorage() override {
+        if (ServerStorage::hasLate()) {
+            ServerStorage::makeLate();
+        }
     }
+    ServerStorage(const ServerStorage&) = delete;
+    ServerStorage& operator=(const ServerStorage&) = delete;
+
+    void loseAnswer(std::size_t process, Store& /*store*/, Lost lost) override {
+        if (lost == Lost::ANSWER) {
+            proxies_.at(process).cutAtCommit();
+        } else {
+            proxies_.at(process).holdAtCommit();
+        }
+    }
+    bool hasLate() const override {
+        return std::ranges::any_of(proxies_, &fleet::CuttingProxy::hasLate);
+    }
+    void makeLate() override {
+        std::ranges::find_if(proxies_, &fleet::CuttingProxy::hasLate)->makeLate();
+    }
+    void lock() override {
+        locker_.execute("BEGIN; UPDATE logs SET seen = seen WHERE blade = 'BLADE-1'");
+    }
+    void letGo() override { locker_.execute("ROLLBACK"); }
     void endLosing(std::size_t process) override { proxies_.at(process).letPass(); }
     void endStalled() override {
         admin_.execute("SELECT pg_terminate_backend(pid) FROM pg_stat_activity "
@@ -45,18 +68,31 @@ class ServerStorage : public Storage {
     std::string place_;
     Proxies& proxies_;
     PgConnection admin_{place_};
+    PgConnection locker_{place_, {std::chrono::seconds(20), std::chrono::seconds(10)}};
     PgStore look_{place_, PATIENCE, ""};
 };
 
 class PgSchedulesTest : public testing::Test {
   protected:
-    static constexpr std::array<Bounds, 6> BOUNDS = {
+    static constexpr std::array<Bounds, 10> BOUNDS = {
         Bounds{.processes = 2, .log = 4, .rebuilds = 2, .connects = 4, .failures = 2},
         Bounds{.processes = 2, .log = 4, .connects = 4, .failures = 2, .isUnderWay = true},
         Bounds{.processes = 2, .connects = 4, .isSlow = true},
         Bounds{.processes = 2, .connects = 4, .isUnderWay = true, .isSlow = true, .damaged = 1},
         Bounds{.processes = 2, .connects = 4, .isUnderWay = true, .expired = 2},
-        Bounds{.processes = 2, .connects = 4, .isUnderWay = true, .hasNeighbour = true}};
+        Bounds{.processes = 2, .connects = 4, .isUnderWay = true, .hasNeighbour = true},
+        Bounds{.processes = 2, .log = 4, .connects = 4, .isUnderWay = true, .sheddings = 2},
+        Bounds{.processes = 2, .log = 4, .connects = 4, .isUnderWay = true, .locks = 2},
+        Bounds{.processes = 2, .log = 4, .connects = 5, .isUnderWay = true, .lateCommits = 2},
+        Bounds{.processes = 2,
+               .log = 4,
+               .connects = 5,
+               .isUnderWay = true,
+               .isSlow = true,
+               .sheddings = 1,
+               .locks = 1,
+               .lateCommits = 1,
+               .hasNeighbour = true}};
 
     static unsigned numberFrom(const char* variable, unsigned otherwise) {
         const char* value = getenv(variable); // NOLINT(concurrency-mt-unsafe)
