@@ -137,10 +137,30 @@ class PgSchedulesTest : public testing::Test {
         }
         const unsigned how = draw(model.isConnected() && real.isConnected() ? 3 : 2);
         SCOPED_TRACE("actions" + way + ", end " + std::to_string(how));
+        expectSameEnd(model, real, how);
+    }
+
+    void expectSameEnd(World& model, World& real, unsigned how) {
         end(model, how);
         end(real, how);
         heldUp_ += real.wasHeldUp() ? 1 : 0;
         EXPECT_EQ(real.heldText(), model.heldText());
+    }
+
+    /** All of them, and the blade stays where it is. */
+    void stayBehind(const Bounds& bounds, const std::vector<unsigned>& way) {
+        World model(bounds);
+        World real(bounds, std::make_unique<ServerStorage>(place_, proxies_));
+        for (const unsigned action : way) {
+            ASSERT_TRUE(model.can(action) && real.can(action)) << "action " << action;
+            model.act(action);
+            real.act(action);
+        }
+        expectSameEnd(model, real, 2);
+    }
+
+    static constexpr unsigned at(unsigned process, ProcessAction action) {
+        return BLADE_ACTIONS + process * PROCESS_ACTIONS + action;
     }
 
     std::string place_ = fleet::emptyArchive();
@@ -162,4 +182,23 @@ TEST_F(PgSchedulesTest, NothingIsLostOrStoredTwiceInOrdersThatAreDrawn) {
     }
     std::cout << ways << " orders from seed " << seed << ", " << heldUp_
               << " of them held up by a lock\n";
+}
+
+TEST_F(PgSchedulesTest, LinkThatFoundNoRoomLeavesNoHole) {
+    stayBehind({.processes = 2, .isUnderWay = true, .sheddings = 1},
+               {LOG, SHED, at(1, CONNECT), at(1, WORK)});
+}
+
+TEST_F(PgSchedulesTest, LogThatSomebodyKeepsLockedGoesOnWhenHeLetsGo) {
+    stayBehind({.processes = 2, .isUnderWay = true, .locks = 1},
+               {LOG, LOCK, SEND, at(0, WORK), at(0, COMMIT), at(0, WORK), CUT, at(1, CONNECT),
+                at(1, WORK), LET_GO, at(0, WORK)});
+    EXPECT_EQ(heldUp_, 1U);
+}
+
+TEST_F(PgSchedulesTest, CommitThatIsMadeWhenTheBladeIsOnAnotherArchiverIsThereOnce) {
+    stayBehind({.processes = 2, .isUnderWay = true, .lateCommits = 1},
+               {LOG, SEND, at(0, WORK), at(0, FAIL_LATE), CUT, at(1, CONNECT), at(1, WORK),
+                at(0, WORK), at(0, COMMIT), MAKE_LATE_COMMIT, at(1, WORK)});
+    EXPECT_EQ(heldUp_, 1U);
 }
