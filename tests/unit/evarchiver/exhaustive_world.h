@@ -480,7 +480,7 @@ class World : private Around {
         const auto isOneBusy = [this](const auto& process) { return isBusy(*process); };
         for (int round = 0; std::ranges::any_of(processes_, isOneBusy); ++round) {
             ASSERT_LT(round, 20) << "conflicts without end";
-            if (round == 2) {
+            if (round >= 2) {
                 storage_->endStalled();
             }
             for (const auto& process : processes_) {

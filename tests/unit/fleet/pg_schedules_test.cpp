@@ -56,7 +56,7 @@ class ServerStorage : public Storage {
     void letGo() override { locker_.execute("ROLLBACK"); }
     void endLosing(std::size_t process) override { proxies_.at(process).letPass(); }
     void endStalled() override {
-        admin_.execute("SELECT pg_terminate_backend(pid) FROM pg_stat_activity "
+        admin_.execute("SELECT pg_terminate_backend(pid, 1000) FROM pg_stat_activity "
                        "WHERE application_name = 'evarchiver' AND state = 'idle in transaction'");
     }
     Store& look() override { return look_; }
