@@ -239,6 +239,15 @@ bool readFields(Reader& reader, Entry& entry) {
     return good;
 }
 
+/** Whether it is written like a number, decimal or hexadecimal. */
+bool isNumber(std::string_view text) {
+    const bool isHex = text.starts_with("0x") || text.starts_with("0X");
+    const std::string_view digits = text.substr(isHex ? 2 : 0);
+    return !digits.empty() &&
+           digits.find_first_not_of(isHex ? "0123456789abcdefABCDEF" : "0123456789") ==
+               std::string_view::npos;
+}
+
 /** @return whether nothing is wrong */
 bool readEntry(Reader& reader, Entry& entry) {
     if (!reader.isObjectOf({"id", "lastId", "idVersion", "name", "severity", "text", "advice",
@@ -250,6 +259,9 @@ bool readEntry(Reader& reader, Entry& entry) {
         reader.number("lastId", entry.firstId, UINT16_MAX, false).value_or(entry.firstId);
     entry.version = reader.number("idVersion", 0, UINT8_MAX, false);
     entry.name = reader.text("name");
+    if (isNumber(entry.name)) { // what is asked for by it would be the id of that number
+        reader.sayOf("name", "must not be a number");
+    }
     entry.severity = reader.word("severity", SEVERITIES);
     entry.text = reader.text("text", true);
     entry.advice = reader.text("advice");

@@ -148,6 +148,18 @@ TEST(Catalog, ARangeThatEndsBeforeItBeginsIsWrong) {
                 ElementsAre());
 }
 
+TEST(Catalog, ANameThatIsTakenForAnIdIsWrong) {
+    auto named = [](const std::string& name) {
+        return problemsOf(R"({"source":18,"events":[{"id":7,"text":"x","name":")" + name + "\"}]}");
+    };
+    for (const char* name : {"7", "0", "0x1F", "0Xab", "65536", "99999999999999999999"}) {
+        EXPECT_THAT(named(name), ElementsAre("f: /events/0/name: must not be a number")) << name;
+    }
+    for (const char* name : {"", "0x", "x7", "7a", "0x1g", "-7", "+7", "7 ", "1.5", "a7", "1f"}) {
+        EXPECT_THAT(named(name), ElementsAre()) << name;
+    }
+}
+
 TEST(Catalog, AnythingMayBeInAFile) {
     EXPECT_THAT(problemsOf(""),
                 ElementsAre(testing::StartsWith("f: no JSON at line 1, column 1: ")));

@@ -54,6 +54,9 @@ MISTAKES = {
     "endless-text": changed(lambda whole, event, field: event.update(text="x" * 4097)),
     "fields-without-end": changed(lambda whole, event, field: event.update(
         text="t", fields=[{"name": str(number), "offset": 0, "width": 1} for number in range(3849)])),
+    "name-that-is-a-number": changed(lambda whole, event, field: event.update(name="40")),
+    "name-that-is-a-hexadecimal-number": changed(lambda whole, event, field: event.update(name="0X1f")),
+    "name-that-is-a-number-without-end": changed(lambda whole, event, field: event.update(name="9" * 40)),
     "severity": changed(lambda whole, event, field: event.update(severity="loud")),
     "unknown-member-of-event": changed(lambda whole, event, field: event.update(advise="a")),
     "no-width": changed(lambda whole, event, field: field.pop("width")),
@@ -68,10 +71,10 @@ MISTAKES = {
 }
 
 
-def check(*files):
-    """Which of the files the reader finds something wrong in."""
-    done = subprocess.run([EVCTL, "catalog", "check", "--json", *files], capture_output=True, text=True, timeout=60)
-    return {pathlib.Path(json.loads(line)["file"]).name for line in done.stdout.splitlines()}
+def finds_something(file):
+    """Whether the reader finds something wrong in it alone: of two with the same event it does in the other."""
+    done = subprocess.run([EVCTL, "catalog", "check", file], capture_output=True, text=True, timeout=60)
+    return {0: False, 1: True}[done.returncode]
 
 
 class CatalogSchemaTest(unittest.TestCase):
@@ -87,12 +90,11 @@ class CatalogSchemaTest(unittest.TestCase):
 
     def test_reader_and_schema_take_and_refuse_the_same(self):
         with tempfile.TemporaryDirectory() as directory:
-            files = []
             for name, document in {"whole": WHOLE, **MISTAKES}.items():
-                files.append(pathlib.Path(directory) / (name + ".json"))
-                files[-1].write_text(json.dumps(document))
+                file = pathlib.Path(directory) / (name + ".json")
+                file.write_text(json.dumps(document))
                 self.assertEqual(self.schema.is_valid(document), name == "whole", name)
-            self.assertEqual(check(*files), {name + ".json" for name in MISTAKES})
+                self.assertEqual(finds_something(file), name != "whole", name)
 
 
 if __name__ == "__main__":
