@@ -145,7 +145,7 @@ class Floor {
 
   private:
     void fileBatch(std::size_t first, std::size_t count, bool isFenced) {
-        PgBatch batch(Received::BY_SERVER);
+        PgBatch batch(Received::AS_TOLD);
         PgArray logs(PgType::BIGINT);
         for (std::size_t i = first; i < first + count; ++i) {
             const SeriesNumber log = events_[i].generation.series;
