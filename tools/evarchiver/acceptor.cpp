@@ -46,13 +46,11 @@ void Acceptor::bind() {
     }
     acceptor_.bind(settings_.listen);
     acceptor_.non_blocking(true);
-    if (!settings_.refuses) {
-        acceptor_.listen(BACKLOG);
-    }
 }
 
 void Acceptor::start() {
     if (!settings_.refuses) {
+        acceptor_.listen(BACKLOG);
         awaitConnections();
     }
 }

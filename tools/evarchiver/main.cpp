@@ -49,7 +49,8 @@ int serve(const Options& options) {
         metrics.emplace(
             *options.metrics, [&server] { return server.state(); }, options.database);
     }
-    const evarchive::ServerEnd end = server.run(evarchive::engineOf(options.database));
+    const evarchive::ServerEnd end =
+        server.run([&options] { return evarchive::engineOf(options.database); });
     return summarise(server, end);
 }
 

@@ -1,7 +1,9 @@
 #include "server.h"
 
 #include "lines.h"
+#include "reader.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace evarchive {
@@ -17,6 +19,10 @@ constexpr std::size_t HAND_OVER_SIZE = 131'072;
 // How long an end may take: for the links to end, then for the archive.
 constexpr std::chrono::milliseconds LINKS_END_TIME{1000};
 constexpr std::chrono::milliseconds ARCHIVE_END_TIME{5000};
+
+// Between two looks for an archive that is away at the start.
+constexpr std::chrono::milliseconds FIRST_LOOK_DELAY{100};
+constexpr std::chrono::milliseconds LONGEST_LOOK_DELAY{2000};
 
 std::string count(U64_t number, const char* what) {
     return std::to_string(number) + " " + what;
@@ -79,7 +85,7 @@ void Server::take(asio::ip::tcp::socket socket, const asio::ip::tcp::endpoint& p
     link->start();
 }
 
-ServerEnd Server::run(const Engine& engine) {
+void Server::open(const Engine& engine) {
     lanes_.emplace(engine, options_.lane, options_.lanes,
                    Lane::Callbacks{[this](std::vector<Reply> replies) {
                                        asio::post(context_,
@@ -91,18 +97,55 @@ ServerEnd Server::run(const Engine& engine) {
                                    [this](const std::string& why) {
                                        asio::post(context_, [this, why] { laneFailed(why); });
                                    }});
+}
+
+// Blades find nobody here meanwhile, and try again or go elsewhere. What waiting does not mend ends
+// it. @return false: it is to end before the archive has come
+bool Server::awaitArchive(const std::function<Engine()>& engine) {
+    for (auto delay = FIRST_LOOK_DELAY; !isStopping_;
+         delay = std::min(2 * delay, LONGEST_LOOK_DELAY)) {
+        try {
+            open(engine());
+            return true;
+        } catch (const StoreError& error) {
+            if (!error.isPassing() || !isPgPlace(options_.database)) {
+                throw;
+            }
+            noteAway(error.what());
+        }
+        context_.run_for(delay);
+    }
+    return false;
+}
+
+void Server::noteAway(const std::string& why) {
+    const std::lock_guard lock(stateMutex_);
+    if (!std::exchange(state_.lane.isAway, true)) {
+        state_.notReady = "the archive is not there yet";
+        say_(Level::FAILURE, why + "; not listening until the archive is there, tried again");
+    }
+}
+
+ServerEnd Server::run(const std::function<Engine()>& engine) {
     signals_.async_wait([this](asio::error_code error, int signal) {
         if (!error) {
             beginStop(signal);
         }
     });
+    if (!awaitArchive(engine)) {
+        end_.isSafe = true; // nothing came
+        return end_;
+    }
+    if (state().lane.isAway) {
+        say_(Level::NOTICE, "the archive is there");
+    }
+    acceptor_.start();
     // For programs that wait for it: as it stands.
     writeLine("listening on " + textOfEndpoint(acceptor_.place()) +
               (options_.misbehaviour.refuse ? ", refusing all connections" : ""));
     if (options_.allow.empty() && options_.listen.address().is_unspecified()) {
         say_(Level::WARNING, "every address that reaches this one is served, see --allow");
     }
-    acceptor_.start();
     armSecond();
     context_.run();
     end_.isSafe = lanes_->stop(ARCHIVE_END_TIME);
@@ -308,7 +351,9 @@ void Server::endAllLinks() {
 }
 
 void Server::finishStop() {
-    handOver();
+    if (lanes_) {
+        handOver();
+    }
     context_.stop();
 }
 

@@ -11,6 +11,7 @@
 
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
+#include <functional>
 #include <unordered_map>
 
 namespace evarchive {
@@ -35,18 +36,18 @@ struct ServerState {
 /** One process's server. */
 class Server : private LinkHost {
   public:
-    /** Binds and listens, makes the first line of output; throws std::system_error when it cannot.
-     * Nothing is served yet. */
+    /** Takes its address; throws std::system_error when it cannot. Nothing listens there yet. */
     Server(const Options& options, Say say);
 
-    /** Serves an archive until SIGINT or SIGTERM; then everything received is filed. */
-    ServerEnd run(const Engine& engine);
+    /** Opens the archive and serves it until SIGINT or SIGTERM; then everything received is filed.
+     * A database server that is away is waited for first. Throws StoreError. */
+    ServerEnd run(const std::function<Engine()>& engine);
 
     /** Of the last second. */
     ServerState state();
 
     /** Only after run(). */
-    U64_t countGaps() { return lanes_->countGaps(); }
+    U64_t countGaps() { return lanes_ ? lanes_->countGaps() : 0; }
 
   private:
     // Of a link.
@@ -60,6 +61,10 @@ class Server : private LinkHost {
     void unsettled(Link& link) override;
     bool addUnsent(std::ptrdiff_t bytes) override;
     void closed(Link& link) override;
+
+    void open(const Engine& engine);
+    bool awaitArchive(const std::function<Engine()>& engine);
+    void noteAway(const std::string& why);
 
     // Of the lanes, from their threads.
     void deliver(std::vector<Reply> replies);
@@ -104,7 +109,7 @@ class Server : private LinkHost {
     ServerEnd end_;
     std::mutex stateMutex_;
     ServerState state_;
-    std::optional<Lanes> lanes_; ///< last: their threads call back
+    std::optional<Lanes> lanes_; ///< none until the archive is there; last: their threads call back
 };
 
 /** The counts as one line. */

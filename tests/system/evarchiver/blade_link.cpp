@@ -26,6 +26,25 @@ bool isReadable(int descriptor, std::chrono::milliseconds wait) {
 
 } // namespace
 
+std::string scrape(U16_t port, const std::string& path) {
+    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    std::string text;
+    if (connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+        const std::string request = "GET " + path + " HTTP/1.0\r\n\r\n";
+        send(descriptor, request.data(), request.size(), MSG_NOSIGNAL);
+        char buffer[4096];
+        for (ssize_t size = 0; (size = recv(descriptor, buffer, sizeof(buffer), 0)) > 0;) {
+            text.append(buffer, static_cast<std::size_t>(size));
+        }
+    }
+    close(descriptor);
+    return text;
+}
+
 BladeLink::BladeLink(U16_t port, int sendBuffer, const std::string& host, int receiveBuffer)
     : descriptor_(socket(AF_INET, SOCK_STREAM, 0)) {
     if (sendBuffer > 0) {

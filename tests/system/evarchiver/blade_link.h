@@ -75,6 +75,9 @@ Claim claimOf(const Bytes& answer);
 /** A port of the loopback that was free a moment ago, for what names none that it took itself. */
 U16_t freePort();
 
+/** What a scrape of an archiver's figures gets. */
+std::string scrape(U16_t port, const std::string& path = "/metrics");
+
 /** Tests of the archiver as a process. */
 class ArchiverProcessTest : public testing::Test {
   protected:

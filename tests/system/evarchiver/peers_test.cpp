@@ -73,26 +73,6 @@ class FarEnd {
     int descriptor_ = -1;
 };
 
-// What a scrape of the figures gets.
-std::string scrape(U16_t port, const std::string& path = "/metrics") {
-    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    std::string text;
-    if (connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
-        const std::string request = "GET " + path + " HTTP/1.0\r\n\r\n";
-        send(descriptor, request.data(), request.size(), MSG_NOSIGNAL);
-        char buffer[4096];
-        for (ssize_t size = 0; (size = recv(descriptor, buffer, sizeof(buffer), 0)) > 0;) {
-            text.append(buffer, static_cast<std::size_t>(size));
-        }
-    }
-    close(descriptor);
-    return text;
-}
-
 double figure(const std::string& text, const std::string& name) {
     const std::size_t line = text.find("\nevarchiver_" + name + " ");
     return line == std::string::npos ? -1

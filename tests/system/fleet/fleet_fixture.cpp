@@ -67,11 +67,21 @@ std::unique_ptr<Process> FleetProcessTest::launch(const std::string& listen,
 
 Archiver& FleetProcessTest::startArchiver(const std::string& place,
                                           const std::vector<std::string>& arguments) {
+    Archiver& archiver = startWaiting(place, arguments);
+    awaitPort(archiver);
+    return archiver;
+}
+
+Archiver& FleetProcessTest::startWaiting(const std::string& place,
+                                         const std::vector<std::string>& arguments) {
     Archiver& archiver = archivers_.emplace_back();
     archiver.process = launch("127.0.0.1:0", place, arguments);
+    return archiver;
+}
+
+void FleetProcessTest::awaitPort(Archiver& archiver) {
     const std::string line = archiver.process->waitForOutput("listening on 127.0.0.1:");
     archiver.port = static_cast<U16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
-    return archiver;
 }
 
 void FleetProcessTest::restart(Archiver& archiver, const std::string& place) {

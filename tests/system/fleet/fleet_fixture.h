@@ -55,6 +55,13 @@ class FleetProcessTest : public testing::Test {
     Archiver& startArchiver(const std::string& place,
                             const std::vector<std::string>& arguments = {});
 
+    /** The same, of one that waits for its server: it does not listen yet. */
+    Archiver& startWaiting(const std::string& place,
+                           const std::vector<std::string>& arguments = {});
+
+    /** Until it listens. */
+    static void awaitPort(Archiver& archiver);
+
     /** Starts one again that was killed, where it was. */
     void restart(Archiver& archiver, const std::string& place);
 

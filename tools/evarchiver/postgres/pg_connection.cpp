@@ -4,6 +4,7 @@
 #include <cstring>
 #include <libpq-fe.h>
 #include <poll.h>
+#include <regex>
 
 namespace evarchive {
 namespace {
@@ -209,13 +210,42 @@ void PgConnection::reopen() {
     names.push_back(nullptr);
     values.push_back(nullptr);
     connection_ = PQconnectdbParams(names.data(), values.data(), 0);
-    if (connection_ == nullptr || PQstatus(connection_) != CONNECTION_OK) {
-        fail(connection_ != nullptr ? PQerrorMessage(connection_) : "out of memory");
+    if (connection_ == nullptr) {
+        fail("out of memory");
+    }
+    if (PQstatus(connection_) != CONNECTION_OK) {
+        const std::string why = PQerrorMessage(connection_);
+        if (why.find("timeout expired") != std::string::npos) {
+            fail(why); // nobody is there who could be asked
+        }
+        if (PQpingParams(names.data(), values.data(), 0) == PQPING_NO_ATTEMPT) {
+            refuse(why); // nor can anybody be asked in this way
+        }
+        askWhy(why);
     }
     PQsetNoticeProcessor(
         connection_, [](void*, const char*) {}, nullptr);
     PQsetnonblocking(connection_, 1);
     requireUtf8();
+}
+
+// Whether the server is away or refuses this user or database. libpq tells the SQLSTATE of that
+// only in a text, and only when it is asked to before it connects: so it connects once more.
+void PgConnection::askWhy(const std::string& why) {
+    PQsetErrorVerbosity(connection_, PQERRORS_VERBOSE);
+    PQreset(connection_);
+    const bool isThereNow = PQstatus(connection_) == CONNECTION_OK;
+    const std::string told = PQerrorMessage(connection_);
+    PQsetErrorVerbosity(connection_, PQERRORS_DEFAULT);
+    if (isThereNow) {
+        return;
+    }
+    static const std::regex STATE(":  ([0-9A-Z]{5}): ");
+    std::smatch found;
+    if (std::regex_search(told, found, STATE) && !isPassing(found[1])) {
+        refuse(why);
+    }
+    fail(why);
 }
 
 // Another encoding lacks characters that blades have in their names.
@@ -234,6 +264,13 @@ void PgConnection::fail(const std::string& what) {
     const std::string text = lineOf(what.c_str());
     close();
     throw PgError(text, NO_CONNECTION, StoreError::Kind::PASSING);
+}
+
+// The state is not the server's: this is about no statement and no row.
+void PgConnection::refuse(const std::string& what) {
+    const std::string text = lineOf(what.c_str());
+    close();
+    throw PgError(text, NO_CONNECTION, StoreError::Kind::REFUSED);
 }
 
 void PgConnection::failWith(const pg_result* result) {

@@ -156,6 +156,7 @@ class PgConnection {
     };
     using Result = std::unique_ptr<pg_result, Free>;
 
+    void askWhy(const std::string& why);
     void requireUtf8();
     void prepare(const PgStatement& statement);
     void send(const PgStatement& statement, const PgParameters& parameters);
@@ -166,6 +167,7 @@ class PgConnection {
     static bool isGood(const Result& result);
     void beginWait();
     [[noreturn]] void fail(const std::string& what);
+    [[noreturn]] void refuse(const std::string& what);
     [[noreturn]] void failWith(const pg_result* result);
 
     std::string place_;
