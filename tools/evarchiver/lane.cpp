@@ -385,8 +385,15 @@ void Lane::fileEvent(LinkNumber link, View body, Certainty certainty) {
 }
 
 bool Lane::mustCommit() const {
+    const auto now = Clock::now();
     return !archive_.isUncommitted() || !held_.empty() || isStopping_ ||
-           Clock::now() >= firstUncommitted_ + settings_.batchWait;
+           now >= firstUncommitted_ + settings_.batchWait || isDueBetween(now);
+}
+
+// What is done between transactions would wait for a steady load to end.
+bool Lane::isDueBetween(Clock::time_point now) const {
+    return (!parking_.isEmpty() && now >= nextLookAtLocks_) ||
+           (settings_.retention.isBound() && (retention_.isInRound() || now >= nextRound_));
 }
 
 void Lane::commit() {

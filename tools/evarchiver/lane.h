@@ -135,6 +135,7 @@ class Lane {
     void commit();
     void dropDone();
     bool mustCommit() const;
+    bool isDueBetween(Clock::time_point now) const;
     void undo(const StoreError& error);
     void undo(const StoreConflict& conflict);
     void undo(const StoreLocked& locked);

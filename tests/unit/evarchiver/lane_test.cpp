@@ -430,6 +430,17 @@ TEST_F(LaneTest, QuotaOfALogKeepsItsNewestEvents) {
     EXPECT_EQ(replies[1].verdict, (StatusVerdict{19, 0})); // what has gone counts
 }
 
+// Nothing else ends the transaction, as under a load that never does.
+TEST_F(LaneTest, QuotaIsKeptAlsoWhileATransactionIsNeverDone) {
+    LaneSettings settings;
+    settings.retention.bladeQuota = 5;
+    settings.batchWait = std::chrono::hours(1);
+    start(settings);
+    addEvents(0, 20);
+    submit();
+    requireSoon([this] { return lane_->state().expired == 16; }, "the oldest to go");
+}
+
 TEST_F(LaneTest, TakenBackEventIsCommittedAlsoWhenNothingFollows) {
     MemoryDatabase database;
     start(std::make_unique<MemoryStore>(database), {});

@@ -15,6 +15,8 @@ class LockedLogTest : public BladesFixture {
     void SetUp() override {
         LaneSettings settings;
         settings.lockPatience = patience_;
+        settings.batch = batchSize_;
+        settings.batchWait = batchWait_;
         startShared(settings);
         addStatus(1);
         addStatus(2);
@@ -53,6 +55,22 @@ class LockedLogTest : public BladesFixture {
     }
 
     std::chrono::milliseconds patience_ = std::chrono::minutes(5);
+    U32_t batchSize_ = LaneSettings().batch;
+    std::chrono::milliseconds batchWait_ = LaneSettings().batchWait;
+};
+
+/** The same under a load: a commit never falls on the last event of all that is there. */
+class BusyLockedLogTest : public LockedLogTest {
+  protected:
+    BusyLockedLogTest() {
+        batchSize_ = 4;
+        batchWait_ = std::chrono::seconds(1);
+    }
+
+    bool isSaid(const std::string& text) {
+        const std::lock_guard lock(mutex_);
+        return said_.find(text) != std::string::npos;
+    }
 };
 
 /** The same, and nobody is patient. */
@@ -83,6 +101,27 @@ TEST_F(LockedLogTest, EventsOfOtherLogsAreFiledAndTheirBladesAnswered) {
     expectAllIsFiled(9);
     EXPECT_THAT(said_, HasSubstr("BLADE-1 slot 1 instance 1: another session"));
     EXPECT_THAT(said_, HasSubstr("not locked any more"));
+}
+
+TEST_F(BusyLockedLogTest, IsLookedAtAlsoWhileOtherEventsNeverCease) {
+    store_->lock({keyOf(1)});
+    addEvents(1, 5, 9);
+    addEvents(2, 5, 5);
+    submit();
+    requireSoon([this] { return isSaid("another session"); }, "the lock to be met");
+    store_->lock({});
+    U32_t next = 6;
+    requireSoon(
+        [&] {
+            addEvents(2, next, next + batchSize_ - 1);
+            next += batchSize_;
+            submit();
+            return isSaid("not locked any more");
+        },
+        "it to be looked at");
+    EXPECT_TRUE(lane_->stop(std::chrono::seconds(5)));
+    EXPECT_EQ(idsOf(1), idsTo(9));
+    EXPECT_EQ(idsOf(2), idsTo(next - 1));
 }
 
 TEST_F(LockedLogTest, HandshakeOfALockedLogIsAnsweredBehindItsEvents) {
