@@ -82,8 +82,9 @@ Filed Archive::fileEvent(LinkNumber link, View body, Certainty certainty) {
     Speaker& speaker = speakerOf(link, body);
     Series& series = *speaker.series;
     const Arrival arrival{body, certaintyIn(series, speaker, certainty), !speaker.isStranger,
-                          isSuperseded(speaker, link)};
-    const Filed filed = series.isOurs ? fileIn({series, arrival, true, id}) : Filed::LEFT;
+                          isSuperseded(speaker, link), isOfAnotherLog(speaker, series)};
+    const Filed filed =
+        series.isOurs ? fileIn({series, arrival, true, id, speaker.told}) : Filed::LEFT;
     if (!speaker.isStranger || filed == Filed::REFUSED) {
         return filed;
     }
@@ -94,8 +95,8 @@ Filed Archive::fileEvent(LinkNumber link, View body, Certainty certainty) {
     counts_.strangers += certainty == Certainty::CERTAIN ? 1 : 0;
     Series& ownLog = seriesOf(speakersLog);
     const Arrival inOwnLog{body, certaintyIn(ownLog, speaker, certainty), true,
-                           arrival.isSuperseded};
-    return fileIn({ownLog, inOwnLog, false, id});
+                           arrival.isSuperseded, isOfAnotherLog(speaker, ownLog)};
+    return fileIn({ownLog, inOwnLog, false, id, speaker.told});
 }
 
 // Of a shared engine only the holder of a claim knows that the log is the one of now: what others
@@ -135,6 +136,10 @@ bool Archive::isSuperseded(const Speaker& speaker, LinkNumber link) const {
     }
     const auto owner = owners_.find(*speaker.blade);
     return owner != owners_.end() && owner->second != 0 && owner->second != link;
+}
+
+bool Archive::isOfAnotherLog(const Speaker& speaker, const Series& series) {
+    return speaker.told && speaker.told->isNot == series.newest;
 }
 
 Filed Archive::fileIn(const Filing& filing) {
@@ -232,6 +237,7 @@ Filed Archive::store(const Filing& filing) {
     if (series.newest.generation == 0) {
         openGeneration(series);
     }
+    noteOldest(filing);
     store_.addEvent(series.newest, {filing.id, filing.arrival.image, filing.own, isDoubtful, now_});
     series.highestId = std::max(series.highestId.value_or(0), filing.id);
     touch(series);
@@ -252,9 +258,11 @@ Filed Archive::openAndStore(const Filing& filing) {
     }
     openGeneration(filing.series);
     ++counts_.generations;
-    say(Level::WARNING, nameOf(filing.series.key) + ": other bytes under id " +
-                            std::to_string(filing.id) + ", generation " +
-                            std::to_string(filing.series.newest.generation) + " opened");
+    const std::string why =
+        filing.arrival.isOfAnotherLog ? ": begins anew, with id " : ": other bytes under id ";
+    say(Level::WARNING, nameOf(filing.series.key) + why + std::to_string(filing.id) +
+                            ", generation " + std::to_string(filing.series.newest.generation) +
+                            " opened");
     store(filing);
     return Filed::NEW_GENERATION;
 }
@@ -280,9 +288,22 @@ void Archive::openGeneration(Series& series) {
     ++series.newest.generation;
     series.highestId.reset();
     series.proven.reset();
+    series.oldest.reset();
     series.notedTo = 0;
     series.unsettled.clear();
     store_.addGeneration(series.newest, now_);
+}
+
+// No id of a log is below its oldest one, whatever a damaged request has said.
+void Archive::noteOldest(const Filing& filing) {
+    Series& series = filing.series;
+    const auto& told = filing.told;
+    const U32_t oldest = told ? std::min(told->first, filing.id) : 0;
+    const bool isNews = told && (!series.oldest || oldest > *series.oldest);
+    if (isNews && told->log == series.key) {
+        series.oldest = oldest;
+        store_.noteOldest(series.newest, oldest);
+    }
 }
 
 void Archive::noteGap(const Series& series, U32_t id) {

@@ -184,6 +184,7 @@ class Archive {
         GenerationKey newest = {};           ///< zeros: not in the storage yet
         std::optional<U32_t> highestId = {}; ///< of the newest generation
         std::optional<IdRun> proven = {};    ///< of the newest generation; grows with what comes
+        std::optional<U32_t> oldest = {};    ///< of the newest generation, see GenerationInfo
         U32_t notedTo = 0;                   ///< the storage knows of the run up to here
         U64_t duplicates = 0;                ///< not written yet
         bool isTouched = false;              ///< the generation is in touched_
@@ -205,11 +206,19 @@ class Archive {
     static constexpr std::size_t IDENTITY_SIZE = offsetof(EmpEvLogHeader_t, evSequenceId);
     using Identity = std::array<U8_t, IDENTITY_SIZE>;
 
+    /** What a status request told. */
+    struct Told {
+        SeriesKey log;
+        U32_t first = 0; ///< the oldest id of the log
+        /** The generation that was the newest one then, if the log is surely not the one of it. */
+        std::optional<GenerationKey> isNot = {};
+    };
+
     /** What is known of a link. */
     struct Speaker {
         std::optional<BladeKey> blade;
         SeriesNumber claimed = 0; ///< of a shared engine
-        SeriesKey log{};          ///< that is claimed
+        std::optional<Told> told; ///< last
         Identity identity{};      ///< of its last event
         Series* series = nullptr; ///< where that belongs; none after forget()
         bool isStranger = false;  ///< whether that bears another identity than the link's blade
@@ -221,6 +230,7 @@ class Archive {
         Arrival arrival;
         bool own;
         U32_t id;
+        const std::optional<Told>& told; ///< by who brings it
     };
 
     Speaker& speakerOf(LinkNumber link, View body);
@@ -235,6 +245,7 @@ class Archive {
     Series& claim(Speaker& speaker, const EmpGetEvArchiverStatusMsg_t& request);
     bool isSuperseded(const Speaker& speaker, LinkNumber link) const;
     Filed fileIn(const Filing& filing);
+    static bool isOfAnotherLog(const Speaker& speaker, const Series& series);
     static bool settles(const Filing& filing);
     Place placeOf(const Series& series, U32_t id, std::optional<StoredEvent>& held);
     Filed act(const Filing& filing, Fate fate, const Place& place);
@@ -246,6 +257,7 @@ class Archive {
     Filed dropDuplicate(Series& series);
     Filed refuse();
     void openGeneration(Series& series);
+    void noteOldest(const Filing& filing);
     void touch(Series& series);
     void dropEnded();
     void release(const Speaker& speaker);
@@ -254,7 +266,8 @@ class Archive {
     IdRun runFrom(Series& series, U32_t first);
     void extendProven(Series& series);
     void noteRun(Series& series);
-    StatusVerdict verdictFor(const EmpGetEvArchiverStatusMsg_t& request, Series& series);
+    StatusVerdict verdictFor(const EmpGetEvArchiverStatusMsg_t& request, Series& series,
+                             Told& told);
     Series& seriesOf(const SeriesKey& key);
     Series* findSeries(const SeriesKey& key);
     void makeRoom();

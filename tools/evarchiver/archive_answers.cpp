@@ -17,7 +17,9 @@ StatusVerdict Archive::answerStatus(LinkNumber link, const EmpGetEvArchiverStatu
     ++counts_.statusAnswers;
     Series* series = store_.isShared() ? &claim(speakers_[link], request) : findSeries(key);
     setOwner(link, key.blade);
-    const StatusVerdict verdict = series == nullptr ? NOTHING_HELD : verdictFor(request, *series);
+    Told& told = speakers_[link].told.emplace(Told{key, request.evSequenceIdFirst});
+    const StatusVerdict verdict =
+        series == nullptr ? NOTHING_HELD : verdictFor(request, *series, told);
     say(Level::INFO, nameOf(key) + " from id " + std::to_string(U32_t{request.evSequenceIdFirst}) +
                          (verdict == NOTHING_HELD
                               ? ", nothing of it claimed"
@@ -61,7 +63,6 @@ Archive::Series& Archive::claim(Speaker& speaker, const EmpGetEvArchiverStatusMs
     const Claim claimed = ahead_.extract(key).mapped();
     Series& series = series_.try_emplace(key, key).first->second;
     speaker.claimed = claimed.series;
-    speaker.log = key;
     load(series, claimed);
     return series;
 }
@@ -80,12 +81,17 @@ std::vector<LinkNumber> Archive::loseClaims(const std::vector<SeriesNumber>& los
     return links;
 }
 
-StatusVerdict Archive::verdictFor(const EmpGetEvArchiverStatusMsg_t& request, Series& series) {
+StatusVerdict Archive::verdictFor(const EmpGetEvArchiverStatusMsg_t& request, Series& series,
+                                  Told& told) {
     save(series);
     const U32_t first = request.evSequenceIdFirst;
     std::optional<StoredEvent> held;
     const Place place = placeOf(series, first, held);
-    if (!isSameLog(request, place)) {
+    const bool isSame = isSameLog(request, place);
+    if (isAnotherLog(first, series.oldest, isSame)) {
+        told.isNot = series.newest;
+    }
+    if (!isSame) {
         return NOTHING_HELD;
     }
     if (!place.image) {

@@ -36,7 +36,7 @@ void Archive::release(const Speaker& speaker) {
         return;
     }
     store_.release(speaker.claimed);
-    const auto series = series_.find(speaker.log);
+    const auto series = speaker.told ? series_.find(speaker.told->log) : series_.end();
     if (series != series_.end()) {
         series->second.isForgotten = true;
     }
@@ -85,6 +85,7 @@ void Archive::load(Series& series, const Claim& claim) {
     Position position{.newest = {claim.series, 0}};
     if (const auto& newest = claim.newest) {
         position.newest = newest->number;
+        position.oldest = newest->oldest;
         position.highestId = newest->highest ? newest->highest : store_.highestId(position.newest);
         if (newest->proven && newest->proven->last <= position.highestId.value_or(0)) {
             position.proven = newest->proven;

@@ -10,7 +10,7 @@ Fate fateOfSameBytes(const Arrival& arrival, const Place& place) {
     return place.isDoubtful ? Fate::CONFIRM : Fate::DUPLICATE;
 }
 
-// The archive holds, for certain, other bytes under the id.
+// The archive holds, for certain, other bytes under the id, or those of another log.
 Fate fateOfOtherBytes(const Arrival& arrival) {
     switch (arrival.certainty) {
     case Certainty::CERTAIN:
@@ -38,6 +38,9 @@ Fate fateOf(const Arrival& arrival, const Place& place) {
     if (arrival.isSuperseded) {
         return arrival.certainty == Certainty::SILENT ? Fate::LEAVE : Fate::SET_ASIDE;
     }
+    if (arrival.isOfAnotherLog) {
+        return fateOfOtherBytes(arrival);
+    }
     if (place.image) {
         return place.isDoubtful ? Fate::REPLACE : fateOfOtherBytes(arrival);
     }
@@ -63,6 +66,10 @@ bool isSameLog(const EmpGetEvArchiverStatusMsg_t& request, const Place& oldest) 
     const std::size_t compared = std::min(data.size(), sizeof(request.evRandom));
     return data.size() == request.evStructLength &&
            std::ranges::equal(data.first(compared), View(request.evRandom).first(compared));
+}
+
+bool isAnotherLog(U32_t first, std::optional<U32_t> firstThen, bool isSame) {
+    return !isSame && firstThen && first < *firstThen;
 }
 
 StatusVerdict claimOf(const IdRun& run) {

@@ -32,6 +32,9 @@ struct Arrival {
     bool mayOpen = true;
     /** Whether the blade has opened a later link than the one that it came on. */
     bool isSuperseded = false;
+    /** Whether the newest generation is known to be another log's than the one that it comes from:
+     * the log was rebuilt since. */
+    bool isOfAnotherLog = false;
 };
 
 /** What the archive has under an event's id, in the newest generation of its log. */
@@ -49,7 +52,7 @@ enum class Fate : U8_t {
     DUPLICATE,       ///< held with the same bytes, or was until retention took it: drop and count
     CONFIRM,         ///< held with the same bytes and doubtful: from now on certain
     REPLACE,         ///< what is held is doubtful and has other bytes: it is set aside for this one
-    OPEN_GENERATION, ///< the log counts again from the start: store it in a new generation
+    OPEN_GENERATION, ///< the log was rebuilt and gives out its ids again: store it in a new one
     SET_ASIDE,       ///< cannot be filed; kept for people to look at
     LEAVE,           ///< nothing yet: it comes again with more certainty
 };
@@ -84,6 +87,14 @@ constexpr StatusVerdict NOTHING_HELD{0, EMP_E_ARCHIVER_CONTROL_NO_DATA};
  * event is held, certain, and has the same length and first data bytes; or retention has taken it.
  */
 bool isSameLog(const EmpGetEvArchiverStatusMsg_t& request, const Place& oldest);
+
+/**
+ * Whether a log is surely not the one that the archive has: a log's oldest id never falls.
+ * @param first the oldest id that the blade has
+ * @param firstThen the one that it had of the log that the archive has, if known
+ * @param isSame see isSameLog()
+ */
+bool isAnotherLog(U32_t first, std::optional<U32_t> firstThen, bool isSame);
 
 /**
  * The answer for a log that is the same, so far as one can tell. It names the event before the

@@ -7,7 +7,7 @@ namespace {
 
 // "EVAR" in the file's header: other SQLite files are not taken for an archive.
 constexpr S64_t APPLICATION_ID = 0x45564152;
-constexpr S64_t LAYOUT_VERSION = 2;
+constexpr S64_t LAYOUT_VERSION = 3;
 
 constexpr char LAYOUT[] = R"(
 BEGIN;
@@ -16,7 +16,7 @@ CREATE TABLE series (
     slot INTEGER NOT NULL, instance INTEGER NOT NULL, UNIQUE (enclosure, blade, slot, instance));
 CREATE TABLE generations (
     series INTEGER NOT NULL, generation INTEGER NOT NULL, opened INTEGER NOT NULL,
-    duplicates INTEGER NOT NULL, proven_first INTEGER, proven_last INTEGER,
+    duplicates INTEGER NOT NULL, proven_first INTEGER, proven_last INTEGER, oldest INTEGER,
     PRIMARY KEY (series, generation)) WITHOUT ROWID;
 CREATE TABLE events (
     series INTEGER NOT NULL, generation INTEGER NOT NULL, id INTEGER NOT NULL,
@@ -29,12 +29,12 @@ CREATE TABLE set_aside (
     id INTEGER NOT NULL, reason INTEGER NOT NULL, received INTEGER NOT NULL, image BLOB NOT NULL,
     UNIQUE (enclosure, blade, slot, instance, id, image));
 PRAGMA application_id = 0x45564152;
-PRAGMA user_version = 2;
+PRAGMA user_version = 3;
 COMMIT;
 )";
 
 // From layout 1. When its events came is not known: they count as received now.
-constexpr char UPGRADE[] = R"(
+constexpr char FROM_1[] = R"(
 BEGIN IMMEDIATE;
 ALTER TABLE generations ADD COLUMN proven_first INTEGER;
 ALTER TABLE generations ADD COLUMN proven_last INTEGER;
@@ -48,6 +48,24 @@ PRAGMA user_version = 2;
 COMMIT;
 )";
 
+constexpr char FROM_2[] = R"(
+BEGIN IMMEDIATE;
+ALTER TABLE generations ADD COLUMN oldest INTEGER;
+PRAGMA user_version = 3;
+COMMIT;
+)";
+
+void upgrade(SqliteDatabase& database) {
+    if (database.number("PRAGMA user_version") == 1) {
+        std::string text = FROM_1;
+        text.replace(text.find("%NOW%"), 5, std::to_string(time(nullptr)));
+        database.execute(text.c_str());
+    }
+    if (database.number("PRAGMA user_version") == 2) {
+        database.execute(FROM_2);
+    }
+}
+
 bool isEmpty(SqliteDatabase& database) {
     return database.number("SELECT count(*) FROM sqlite_schema") == 0;
 }
@@ -59,7 +77,7 @@ void requireArchive(SqliteDatabase& database, const std::string& path) {
         throw StoreError(path + ": not an event archive");
     }
     const S64_t version = database.number("PRAGMA user_version");
-    if (version == 1) {
+    if (version > 0 && version < LAYOUT_VERSION) {
         throw StoreError(path + ": of an earlier version; an archiver that opens it brings it up "
                                 "to date");
     }
@@ -72,11 +90,8 @@ void requireArchive(SqliteDatabase& database, const std::string& path) {
 void prepareLayout(SqliteDatabase& database, const std::string& path) {
     if (isEmpty(database)) {
         database.execute(LAYOUT);
-    } else if (database.number("PRAGMA application_id") == APPLICATION_ID &&
-               database.number("PRAGMA user_version") == 1) {
-        std::string upgrade = UPGRADE;
-        upgrade.replace(upgrade.find("%NOW%"), 5, std::to_string(time(nullptr)));
-        database.execute(upgrade.c_str());
+    } else if (database.number("PRAGMA application_id") == APPLICATION_ID) {
+        upgrade(database);
     }
     requireArchive(database, path);
 }

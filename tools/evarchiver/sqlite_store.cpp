@@ -22,6 +22,10 @@ StoredEvent eventOf(const SqliteStatement& row) {
     return {row.id(0), row.integer(1) != 0, row.bytes(2), row.integer(3) != 0, row.integer(4)};
 }
 
+std::optional<U32_t> idOf(const SqliteStatement& row, int column) {
+    return row.isNull(column) ? std::nullopt : std::optional(row.id(column));
+}
+
 std::optional<IdRun> runOf(const SqliteStatement& row, int column) {
     const IdRun run{row.id(column), row.id(column + 1)};
     return row.isNull(column) ? std::nullopt : std::optional(run);
@@ -121,6 +125,10 @@ class SqliteStore final : public Store {
         noteProven_
             .with(S64_t{run.first}, S64_t{run.last}, generation.series, generation.generation)
             .run();
+    }
+
+    void noteOldest(const GenerationKey& generation, U32_t id) override {
+        noteOldest_.with(id, generation.series, generation.generation).run();
     }
 
     void setAside(const SeriesKey& key, Aside reason, const NewEvent& event) override {
@@ -244,6 +252,8 @@ class SqliteStore final : public Store {
                                 "UPDATE generations SET proven_first = iif(?1 > ?2, NULL, ?1), "
                                 "proven_last = iif(?1 > ?2, NULL, ?2) "
                                 "WHERE series = ?3 AND generation = ?4"};
+    SqliteStatement noteOldest_{*database_, "UPDATE generations SET oldest = ? "
+                                            "WHERE series = ? AND generation = ?"};
     SqliteStatement setAside_{*database_,
                               "INSERT OR IGNORE INTO set_aside VALUES (?, ?, ?, ?, ?, ?, ?, ?)"};
     SqliteStatement removeAside_{*database_, "DELETE FROM set_aside WHERE received < ?"};
@@ -252,7 +262,7 @@ class SqliteStore final : public Store {
                                 "WHERE enclosure = ? AND blade = ? AND slot = ? AND instance = ?"};
     SqliteStatement newestGeneration_{*database_,
                                       "SELECT generation, opened, duplicates, proven_first, "
-                                      "proven_last FROM generations WHERE series = ? "
+                                      "proven_last, oldest FROM generations WHERE series = ? "
                                       "ORDER BY generation DESC LIMIT 1"};
     std::array<SqliteStatement, FIND.size()> find_{
         SqliteStatement{*database_, FIND[0]}, SqliteStatement{*database_, FIND[1]},
@@ -282,7 +292,9 @@ std::optional<GenerationInfo> SqliteStore::newestGeneration(SeriesNumber series)
                   {series, newestGeneration_.id(0)},
                   newestGeneration_.integer(1),
                   static_cast<U64_t>(newestGeneration_.integer(2)),
-                  runOf(newestGeneration_, 3)};
+                  runOf(newestGeneration_, 3),
+                  {},
+                  idOf(newestGeneration_, 5)};
     }
     newestGeneration_.reset();
     return newest;
@@ -307,7 +319,7 @@ U64_t SqliteStore::removeOldest(const GenerationKey& generation, S64_t before, U
 std::vector<GenerationInfo> SqliteStore::listGenerations() {
     SqliteStatement rows(*database_,
                          "SELECT enclosure, blade, slot, instance, series, generation, opened, "
-                         "duplicates, proven_first, proven_last "
+                         "duplicates, proven_first, proven_last, oldest "
                          "FROM series JOIN generations USING (series) "
                          "ORDER BY enclosure, blade, slot, instance, generation");
     std::vector<GenerationInfo> list;
@@ -316,7 +328,9 @@ std::vector<GenerationInfo> SqliteStore::listGenerations() {
                         {rows.integer(4), rows.id(5)},
                         rows.integer(6),
                         static_cast<U64_t>(rows.integer(7)),
-                        runOf(rows, 8)});
+                        runOf(rows, 8),
+                        {},
+                        idOf(rows, 10)});
     }
     return list;
 }

@@ -164,6 +164,9 @@ struct GenerationInfo {
     /** An id that none was higher than, ever; nothing: the engine does not keep it, or there was
      * none. */
     std::optional<U32_t> highest = {};
+    /** The oldest id that the blade had when it last opened a link on which it brought events of
+     * this generation; a log's oldest id never falls. Nothing: not known. */
+    std::optional<U32_t> oldest = {};
 };
 
 /** Who begins a handshake. */
@@ -331,6 +334,9 @@ class Store : public StoreReader {
     /** Remembers ids that are known to be held without a hole; none when @p run is empty, its first
      * id behind its last. */
     virtual void noteProven(const GenerationKey& generation, const IdRun& run) = 0;
+
+    /** Remembers the oldest id that the blade has of the log. */
+    virtual void noteOldest(const GenerationKey& generation, U32_t id) = 0;
 
     /** Keeps an event that cannot be filed; the same one only once. */
     virtual void setAside(const SeriesKey& key, Aside reason, const NewEvent& event) = 0;

@@ -12,6 +12,8 @@ using namespace std::chrono_literals;
 
 constexpr auto STEP = 20ms;         // of logging and looking
 constexpr auto CHECK_PAUSE = 500ms; // between two looks into the archive
+// An archiver takes 15 s to be sure of an event with nothing behind it.
+constexpr auto LONGEST_CHECK_PAUSE = 18000ms;
 constexpr auto FOREVER = std::chrono::hours(24 * 365);
 
 double secondsSince(std::chrono::steady_clock::time_point since) {
@@ -161,7 +163,7 @@ void Fleet::checkOnce(FleetResult& result, Clock::time_point deadline) {
                 throw;
             }
         }
-        pause();
+        pause(CHECK_PAUSE);
     }
 }
 
@@ -178,18 +180,19 @@ void Fleet::lookForClaimed(FleetResult& result) {
         if (result.lost == 0 || Clock::now() >= deadline) {
             return;
         }
-        pause();
+        pause(CHECK_PAUSE);
     }
 }
 
-void Fleet::pause() {
-    runUntil([] { return false; }, Clock::now() + CHECK_PAUSE, [] {});
+void Fleet::pause(std::chrono::milliseconds time) {
+    runUntil([] { return false; }, Clock::now() + time, [] {});
 }
 
 void Fleet::settle(FleetResult& result) {
     const auto deadline = Clock::now() + options_.settle;
     const auto nothing = [] {};
     const auto settled = [this] { return areAllCaughtUp(); };
+    std::chrono::milliseconds time = CHECK_PAUSE;
     do {
         // A new link makes the archiver say what it holds; what it does not, comes again.
         for (BladeLink& blade : blades_) {
@@ -199,7 +202,8 @@ void Fleet::settle(FleetResult& result) {
         if (options_.check.empty()) {
             break;
         }
-        pause();
+        pause(time);
+        time = std::min<std::chrono::milliseconds>(4 * time, LONGEST_CHECK_PAUSE);
         checkOnce(result, deadline);
     } while (!result.check.isClean() && Clock::now() < deadline);
     result.unsettled = static_cast<U32_t>(

@@ -84,7 +84,7 @@ class Fleet {
     void lookForClaimed(FleetResult& result);
     void settle(FleetResult& result);
     void checkOnce(FleetResult& result, Clock::time_point deadline);
-    void pause();
+    void pause(std::chrono::milliseconds time);
     void sayProgress();
 
     FleetOptions options_;

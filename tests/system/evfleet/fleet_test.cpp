@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 
 namespace {
@@ -25,9 +26,11 @@ class FleetSystemTest : public testing::Test {
 
     /** Runs a fleet to its end. @return its exit status */
     int run(std::vector<std::string> arguments) {
-        const std::vector<std::string> always = {"--to",    place_,        "--check",
-                                                 database_, "--json",      "--progress",
-                                                 "0",       "--reconnect", "100"};
+        const std::vector<std::string> always = {"--to",   place_,       "--check", database_,
+                                                 "--json", "--progress", "0"};
+        if (std::ranges::count(arguments, "--reconnect") == 0) {
+            arguments.insert(arguments.end(), {"--reconnect", "100"});
+        }
         arguments.insert(arguments.end(), always.begin(), always.end());
         Process fleet(support::commandOf("evfleet", arguments), directory_.file("fleet"));
         const support::Ending ending = fleet.wait(std::chrono::seconds(90));
@@ -53,6 +56,15 @@ TEST_F(FleetSystemTest, QuietFleetIsArchivedByContent) {
 
 TEST_F(FleetSystemTest, RebuiltLogsAreArchivedAnew) {
     EXPECT_EQ(run({"--blades", "20", "--events", "100", "--rate", "100", "--rebuilds", "1"}), 0)
+        << output_;
+}
+
+// A log that goes round while its blade is away is met in its middle, and counts from the start
+// when it is rebuilt.
+TEST_F(FleetSystemTest, RebuiltLogsOfSmallRingsAreNotFiledAmongTheEventsOfBefore) {
+    EXPECT_EQ(run({"--blades", "40", "--events", "200", "--rate", "40", "--rebuilds", "1",
+                   "--outages", "1", "--ring", "40", "--reconnect", "1500"}),
+              0)
         << output_;
 }
 

@@ -112,6 +112,25 @@ TEST_F(ManyArchiversTest, BladesThatComeAllAtOnceAreServedAfterEachOutage) {
     stopArchivers();
 }
 
+// A log that is rebuilt counts from the start. The archive may have met the one before late.
+TEST_F(ManyArchiversTest, RebuiltLogThatCountsBelowTheArchivesIsKnownToAnotherArchiver) {
+    Archiver& first = startArchiver(place_);
+    Archiver& second = startArchiver(place_);
+    BladeLink before(first.port);
+    before.ask(statusRequest({}, 100, {1, 2, 3}, 1));
+    before.send(event(100, 1000) + event(101, 1001) + event(102, 1002) + event(103, 1003));
+    ASSERT_TRUE(waitForServer([this] { return sql("SELECT count(*) FROM events") == "4\n"; }));
+
+    BladeLink after(second.port);
+    EXPECT_EQ(claimOf(after.ask(statusRequest({}, 98, {1, 2, 3}, 1))), (Claim{0, 1}));
+    after.send(event(98, 2000) + event(99, 2001) + event(100, 2002) + event(101, 2003));
+    ASSERT_TRUE(waitForServer([this] { return sql("SELECT count(*) FROM events") == "8\n"; }));
+    EXPECT_EQ(sql("SELECT generation, min(id), max(id) FROM events GROUP BY 1 ORDER BY 1"),
+              "1|100|103\n2|98|101\n");
+    EXPECT_EQ(sql("SELECT oldest FROM generations ORDER BY generation"), "100\n98\n");
+    stopArchivers();
+}
+
 // The first archiver holds events of the blade's lost log, when the second one has its new one.
 TEST_F(ManyArchiversTest, LateArchiverSetsAsideAndOpensNothing) {
     Archiver& first = startArchiver(place_);

@@ -59,6 +59,9 @@ class LockableStore : public Store {
     void noteProven(const GenerationKey& generation, const IdRun& run) override {
         inner_->noteProven(generation, run);
     }
+    void noteOldest(const GenerationKey& generation, U32_t id) override {
+        inner_->noteOldest(generation, id);
+    }
     void setAside(const SeriesKey& key, Aside reason, const NewEvent& event) override {
         inner_->setAside(key, reason, event);
     }

@@ -235,6 +235,10 @@ class MemoryStore : public Store {
         });
     }
 
+    void noteOldest(const GenerationKey& key, U32_t id) override {
+        change([key, id](MemoryDatabase& all) { all.generations[key].info.oldest = id; });
+    }
+
     void setAside(const SeriesKey& key, Aside reason, const NewEvent& event) override {
         change([aside = AsideEvent{key, event.sequenceId, reason, event.received,
                                    Bytes(event.image.begin(), event.image.end())}](

@@ -61,6 +61,26 @@ TEST_F(FateTest, ExpiredPlaceIsToldByTheTime) {
     EXPECT_EQ(fateOf({event_}, expired(999)), Fate::OPEN_GENERATION);
 }
 
+TEST_F(FateTest, EventOfAnotherLogIsNotFiledInThatOfTheArchive) {
+    const auto fateIn = [this](Certainty certainty, const Place& place) {
+        return fateOf({event_, certainty, true, false, true}, place);
+    };
+    const Place expired{std::nullopt, false, 1000};
+    for (const Place& place : {Place{}, held(other_), held(other_, true), expired}) {
+        EXPECT_EQ(fateIn(Certainty::CERTAIN, place), Fate::OPEN_GENERATION);
+        EXPECT_EQ(fateIn(Certainty::SILENT, place), Fate::LEAVE);
+        EXPECT_EQ(fateIn(Certainty::ENDED, place), Fate::SET_ASIDE);
+    }
+    EXPECT_EQ(fateIn(Certainty::CERTAIN, held(event_)), Fate::DUPLICATE);
+}
+
+TEST(AnotherLog, BeginsBelowTheOldestIdThatTheLogHad) {
+    EXPECT_TRUE(isAnotherLog(99, 100, false));
+    EXPECT_FALSE(isAnotherLog(100, 100, false));
+    EXPECT_FALSE(isAnotherLog(99, 100, true));
+    EXPECT_FALSE(isAnotherLog(0, std::nullopt, false));
+}
+
 TEST(Gap, IsWhatLiesBetween) {
     EXPECT_EQ(gapBefore(std::nullopt, 7), std::nullopt);
     EXPECT_EQ(gapBefore(6, 7), std::nullopt);

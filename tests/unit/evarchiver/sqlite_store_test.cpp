@@ -234,6 +234,7 @@ TEST_F(SqliteStoreTest, ArchiveOfTheFirstLayoutIsBroughtUpToDate) {
                      "ALTER TABLE events DROP COLUMN doubtful;"
                      "ALTER TABLE generations DROP COLUMN proven_first;"
                      "ALTER TABLE generations DROP COLUMN proven_last;"
+                     "ALTER TABLE generations DROP COLUMN oldest;"
                      "DROP TABLE set_aside; PRAGMA user_version = 1");
     EXPECT_THAT([this] { openArchiveForReading(path_); },
                 ThrowsMessage<StoreError>(HasSubstr("brings it up to date")));
@@ -242,6 +243,21 @@ TEST_F(SqliteStoreTest, ArchiveOfTheFirstLayoutIsBroughtUpToDate) {
     EXPECT_EQ(store->heldEvent(newest->number, 1)->image, support::eventBody({.id = 1}));
     EXPECT_GT(store->heldEvent(newest->number, 1)->received, 1'700'000'000);
     EXPECT_EQ(newest->proven, std::nullopt);
+}
+
+TEST_F(SqliteStoreTest, ArchiveOfTheSecondLayoutIsBroughtUpToDate) {
+    fill(*openArchive(path_), {0, 1});
+    executeOn(path_, "ALTER TABLE generations DROP COLUMN oldest; PRAGMA user_version = 2");
+    EXPECT_THAT([this] { openArchiveForReading(path_); },
+                ThrowsMessage<StoreError>(HasSubstr("brings it up to date")));
+    const auto store = openArchive(path_);
+    const auto newest = store->newestGeneration(*store->findSeries(key_));
+    EXPECT_EQ(newest->oldest, std::nullopt);
+    EXPECT_EQ(store->highestId(newest->number), 1U);
+    store->begin();
+    store->noteOldest(newest->number, 1);
+    store->commit();
+    EXPECT_EQ(openArchiveForReading(path_)->listGenerations().front().oldest, 1U);
 }
 
 TEST_F(SqliteStoreTest, FileThatIsNoDatabaseIsLeftAlone) {
@@ -260,9 +276,9 @@ TEST_F(SqliteStoreTest, DatabaseOfAnotherProgramIsLeftAlone) {
 
 TEST_F(SqliteStoreTest, LaterLayoutIsRefused) {
     fill(*openArchive(path_), {});
-    executeOn(path_, "PRAGMA user_version = 3");
+    executeOn(path_, "PRAGMA user_version = 4");
     EXPECT_THAT([this] { openArchive(path_); },
-                ThrowsMessage<StoreError>(HasSubstr("version 3 of the archive's layout")));
+                ThrowsMessage<StoreError>(HasSubstr("version 4 of the archive's layout")));
 }
 
 TEST_F(SqliteStoreTest, DirectoryThatDoesNotExistIsAnError) {

@@ -31,6 +31,9 @@ class ImportedArchive {
             from_->addEvent(generation, {id, image, id % 2 == 0, id % 5 == 4, NOW + id});
         }
         from_->noteProven(generation, {ids.front(), ids.front()});
+        if (number > 1) {
+            from_->noteOldest(generation, number);
+        }
         from_->countDuplicates(generation, number);
         from_->commit();
     }
@@ -101,6 +104,7 @@ TEST_P(FleetImportTest, EveryLogIsTakenOverWithAllItsGenerations) {
     for (std::size_t i = 0; i < before.size(); ++i) {
         EXPECT_EQ(after[i].opened, before[i].opened);
         EXPECT_EQ(after[i].duplicates, before[i].duplicates);
+        EXPECT_EQ(after[i].oldest, before[i].oldest);
         ASSERT_TRUE(after[i].proven); // the events themselves may have told of more
         EXPECT_TRUE(!before[i].proven || (after[i].proven->first <= before[i].proven->first &&
                                           after[i].proven->last >= before[i].proven->last));

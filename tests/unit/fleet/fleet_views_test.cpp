@@ -107,6 +107,7 @@ TEST_F(FleetDatabaseTest, ArchiveOfTheFirstLayoutIsUpgradedWithItsEvents) {
         "ALTER TABLE set_aside DROP COLUMN generation; ALTER TABLE logs DROP COLUMN ring_first, "
         "DROP COLUMN highest, DROP COLUMN run_first, DROP COLUMN run_last; "
         "ALTER TABLE logs RENAME COLUMN unclaimed TO visits; "
+        "ALTER TABLE generations DROP COLUMN oldest; "
         "UPDATE generations SET run_first = 3, run_last = 4; UPDATE meta SET value = '1' WHERE name = 'layout'");
     EXPECT_THROW(openPgArchive(place_), StoreError);
     EXPECT_EQ(upgradeFleet(place_), 1);
@@ -117,6 +118,22 @@ TEST_F(FleetDatabaseTest, ArchiveOfTheFirstLayoutIsUpgradedWithItsEvents) {
     EXPECT_EQ(claim.newest->proven, (IdRun{3, 4}));
     EXPECT_THAT([&] { sql("UPDATE logs SET visits = visits + 1"); },
                 ThrowsMessage<std::runtime_error>(HasSubstr("does not exist")));
+}
+
+TEST_F(FleetDatabaseTest, ArchiveOfTheSecondLayoutIsUpgraded) {
+    file({{3, NOW}, {4, NOW}}, NOW);
+    sql("ALTER TABLE generations DROP COLUMN oldest; UPDATE meta SET value = '2' WHERE name = 'layout'");
+    EXPECT_THAT([this] { openPgArchive(place_); },
+                ThrowsMessage<StoreError>(HasSubstr("\"evarchiver db upgrade\"")));
+    EXPECT_EQ(upgradeFleet(place_), 2);
+    const auto store = openPgArchive(place_);
+    const Claim claim = store->claim(key_, 3);
+    EXPECT_EQ(claim.newest->highest, 4U);
+    EXPECT_EQ(claim.newest->oldest, std::nullopt);
+    store->begin();
+    store->noteOldest(claim.newest->number, 3);
+    store->commit();
+    EXPECT_EQ(sql("SELECT oldest FROM generations"), "3\n");
 }
 
 TEST_F(FleetDatabaseTest, GapsOfABladeAreFoundByItsLog) {

@@ -231,6 +231,26 @@ TEST_P(StoreContractTest, ProvenRunIsForgottenByAnEmptyOne) {
     EXPECT_EQ(store_->newestGeneration(generation.series)->proven, std::nullopt);
 }
 
+TEST_P(StoreContractTest, OldestIdOfALogIsOfOneGeneration) {
+    const GenerationKey first = fill({7});
+    EXPECT_EQ(store_->newestGeneration(first.series)->oldest, std::nullopt);
+    store_->begin();
+    store_->noteOldest(first, 3);
+    EXPECT_EQ(store_->newestGeneration(first.series)->oldest, 3U);
+    store_->noteOldest(first, 0xFFFFFFFF);
+    store_->commit();
+    EXPECT_EQ(store_->newestGeneration(first.series)->oldest, 0xFFFFFFFF);
+    open(key_, 2);
+    store_->commit();
+    EXPECT_EQ(store_->newestGeneration(first.series)->oldest, std::nullopt);
+    EXPECT_EQ(store_->listGenerations().front().oldest, 0xFFFFFFFF);
+    EXPECT_EQ(store_->findAll({key_}).front()->newest->oldest, std::nullopt);
+    store_->begin();
+    store_->noteOldest({first.series, 2}, 0);
+    store_->rollback();
+    EXPECT_EQ(store_->newestGeneration(first.series)->oldest, std::nullopt);
+}
+
 TEST_P(StoreContractTest, OldestGoButNeverTheNewest) {
     const GenerationKey generation = fill({0, 1, 2, 3});
     store_->begin();

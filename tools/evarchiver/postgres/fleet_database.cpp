@@ -484,8 +484,8 @@ FleetUpkeep createFleet(const std::string& place, U32_t retentionDays, S64_t now
         if (owner.has("meta")) {
             throw StoreError(owner.connection().placeShown() + ": there is an archive already");
         }
-        owner.inTransaction(std::string(pg::SQL_001_SCHEMA) + pg::SQL_002_HANDSHAKE + sqlOfNames() +
-                            pg::SQL_VIEWS + pg::SQL_ROLES);
+        owner.inTransaction(std::string(pg::SQL_001_SCHEMA) + pg::SQL_002_HANDSHAKE +
+                            pg::SQL_003_OLDEST + sqlOfNames() + pg::SQL_VIEWS + pg::SQL_ROLES);
     }
     return maintainFleet(place, retentionDays, now, clock);
 }
@@ -500,8 +500,9 @@ S64_t upgradeFleet(const std::string& place) {
         throw StoreError(owner.connection().placeShown() + ": layout " + std::to_string(layout) +
                          " of the archive is not known");
     }
-    owner.inTransaction(std::string(layout < 2 ? pg::SQL_002_HANDSHAKE : "") + sqlOfNames() +
-                        pg::SQL_VIEWS + pg::SQL_ROLES);
+    owner.inTransaction(std::string(layout < 2 ? pg::SQL_002_HANDSHAKE : "") +
+                        (layout < 3 ? pg::SQL_003_OLDEST : "") + sqlOfNames() + pg::SQL_VIEWS +
+                        pg::SQL_ROLES);
     return layout;
 }
 

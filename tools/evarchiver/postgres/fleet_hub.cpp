@@ -87,8 +87,8 @@ void createHub(const std::string& place, const std::vector<std::string>& nodes) 
     for (U32_t node = 0; node < count; ++node) {
         sql += sqlOfNode(nodes[node], node, count);
     }
-    owner.inTransaction(sql + pg::SQL_002_HANDSHAKE + sqlOfNames() + pg::SQL_VIEWS + pg::SQL_ROLES +
-                        "GRANT SELECT ON nodes TO ev_writer");
+    owner.inTransaction(sql + pg::SQL_002_HANDSHAKE + pg::SQL_003_OLDEST + sqlOfNames() +
+                        pg::SQL_VIEWS + pg::SQL_ROLES + "GRANT SELECT ON nodes TO ev_writer");
 }
 
 std::vector<std::string> nodesOf(const std::string& place) {

@@ -228,6 +228,9 @@ class NodeImport {
             if (generation.proven) {
                 store.noteProven(to, *generation.proven);
             }
+            if (generation.oldest) {
+                store.noteOldest(to, *generation.oldest);
+            }
             if (generation.duplicates > 0) {
                 store.countDuplicates(to, generation.duplicates);
             }

@@ -31,12 +31,12 @@ constexpr PgStatement TAKE{
     "AS n(log, identity, generation, highest, first, last) "
     "WHERE l.log = n.log AND l.identity = n.identity AND l.generation = 0 RETURNING l.log"};
 
-/** logs, generations, times, duplicates, runs */
+/** logs, generations, times, duplicates, runs, oldest ids */
 constexpr PgStatement OPEN{
     "import_open",
-    "INSERT INTO generations (log, generation, opened, duplicates, run_first, run_last) "
+    "INSERT INTO generations (log, generation, opened, duplicates, run_first, run_last, oldest) "
     "SELECT * FROM unnest($1::bigint[], $2::bigint[], $3::timestamptz[], $4::bigint[], "
-    "$5::bigint[], $6::bigint[])"};
+    "$5::bigint[], $6::bigint[], $7::bigint[])"};
 
 /** The arrays of FILE. */
 constexpr PgStatement SAME{
@@ -66,14 +66,17 @@ void addText(PgArray& column, const std::string& text) {
     column.addBytes(View(reinterpret_cast<const U8_t*>(text.data()), text.size()));
 }
 
-void addRun(PgArray& first, PgArray& last, const std::optional<IdRun>& run) {
-    if (run) {
-        first.addNumber(run->first);
-        last.addNumber(run->last);
+void addId(PgArray& column, const std::optional<U32_t>& id) {
+    if (id) {
+        column.addNumber(*id);
     } else {
-        first.addNull();
-        last.addNull();
+        column.addNull();
     }
+}
+
+void addRun(PgArray& first, PgArray& last, const std::optional<IdRun>& run) {
+    addId(first, run ? std::optional(run->first) : std::nullopt);
+    addId(last, run ? std::optional(run->last) : std::nullopt);
 }
 
 } // namespace
@@ -163,11 +166,7 @@ std::vector<ImportedLog*> ImportTarget::claim(std::span<ImportedLog* const> logs
         numbers.addNumber(log->number);
         identities.addBytes(identityOf(log->key));
         newest.addNumber(static_cast<S64_t>(log->generations.size()));
-        if (log->highest) {
-            highest.addNumber(*log->highest);
-        } else {
-            highest.addNull();
-        }
+        addId(highest, log->highest);
         addRun(firsts, lasts, log->generations.back().proven);
     }
     const PgRows rows = connection_.run(TAKE, PgParameters()
@@ -181,9 +180,10 @@ std::vector<ImportedLog*> ImportTarget::claim(std::span<ImportedLog* const> logs
     for (int row = 0; row < rows.count(); ++row) {
         taken.insert(rows.integer(row, 0));
     }
-    std::array<PgArray, 6> columns{PgArray{PgType::BIGINT},      PgArray{PgType::BIGINT},
+    std::array<PgArray, 7> columns{PgArray{PgType::BIGINT},      PgArray{PgType::BIGINT},
                                    PgArray{PgType::TIMESTAMPTZ}, PgArray{PgType::BIGINT},
-                                   PgArray{PgType::BIGINT},      PgArray{PgType::BIGINT}};
+                                   PgArray{PgType::BIGINT},      PgArray{PgType::BIGINT},
+                                   PgArray{PgType::BIGINT}};
     std::vector<ImportedLog*> ours;
     for (ImportedLog* log : logs) {
         if (!taken.contains(log->number)) {
@@ -197,6 +197,7 @@ std::vector<ImportedLog*> ImportTarget::claim(std::span<ImportedLog* const> logs
             columns[2].addNumber(pgTime(generation.opened));
             columns[3].addNumber(static_cast<S64_t>(generation.duplicates));
             addRun(columns[4], columns[5], generation.proven);
+            addId(columns[6], generation.oldest);
         }
     }
     if (!taken.empty()) {

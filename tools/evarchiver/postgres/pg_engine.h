@@ -107,6 +107,7 @@ class PgStore final : public Store {
     U64_t removeOldest(const GenerationKey& generation, S64_t before, U64_t most) override;
     void countDuplicates(const GenerationKey& generation, U64_t more) override;
     void noteProven(const GenerationKey& generation, const IdRun& run) override;
+    void noteOldest(const GenerationKey& generation, U32_t id) override;
     void setAside(const SeriesKey& key, Aside reason, const NewEvent& event) override;
     U64_t removeAside(S64_t before) override {
         return change(pg::REMOVE_ASIDE, PgParameters().time(before)).affected();
@@ -230,13 +231,15 @@ class PgStore final : public Store {
             flush();
         }
     }
-    bool hasWork() const { return !touched_.empty() || !pending_.empty() || !duplicates_.empty(); }
+    bool hasWork() const {
+        return !touched_.empty() || !pending_.empty() || !duplicates_.empty() || !oldest_.empty();
+    }
     void sortPending();
     void advance();
     void queueFences();
     void queueTaken();
     void queueConfirmed();
-    void queueDuplicates();
+    void queueNumbers(const PgStatement& statement, const std::map<GenerationKey, U64_t>& numbers);
     void takeAnswers(bool looksAgain, bool files);
     void takeFences(Verdict& verdict);
     void judge(const PgRows& rows, int row, Verdict& verdict);
@@ -257,6 +260,7 @@ class PgStore final : public Store {
     std::map<std::pair<GenerationKey, U32_t>, std::size_t> doubtful_;
     std::vector<ConfirmedEvent> confirmed_;              ///< of those that are filed
     std::map<GenerationKey, U64_t> duplicates_;          ///< not counted yet
+    std::map<GenerationKey, U64_t> oldest_;              ///< oldest ids that are not noted yet
     std::vector<std::pair<GenerationKey, U32_t>> filed_; ///< in this transaction
     std::vector<std::vector<SeriesNumber>> fences_;      ///< those on their way: what they lock
     std::vector<Saved> saved_;

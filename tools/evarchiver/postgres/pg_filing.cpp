@@ -78,16 +78,21 @@ void PgStore::queueConfirmed() {
                       PgParameters().array(logs).array(generations).array(ids).array(times));
 }
 
-void PgStore::queueDuplicates() {
+// A number for each of some generations, if there are any.
+void PgStore::queueNumbers(const PgStatement& statement,
+                           const std::map<GenerationKey, U64_t>& numbers) {
+    if (numbers.empty()) {
+        return;
+    }
     PgArray logs(PgType::BIGINT);
     PgArray generations(PgType::BIGINT);
-    PgArray more(PgType::BIGINT);
-    for (const auto& [generation, count] : duplicates_) {
+    PgArray column(PgType::BIGINT);
+    for (const auto& [generation, number] : numbers) {
         logs.addNumber(generation.series);
         generations.addNumber(generation.generation);
-        more.addNumber(static_cast<S64_t>(count));
+        column.addNumber(static_cast<S64_t>(number));
     }
-    connection_.queue(pg::DUPLICATES, PgParameters().array(logs).array(generations).array(more));
+    connection_.queue(statement, PgParameters().array(logs).array(generations).array(column));
 }
 
 // Whether a log's row is as it was when its events were looked at.
@@ -134,9 +139,8 @@ void PgStore::flush() {
     if (!confirmed_.empty()) {
         queueConfirmed();
     }
-    if (!duplicates_.empty()) {
-        queueDuplicates();
-    }
+    queueNumbers(pg::DUPLICATES, duplicates_);
+    queueNumbers(pg::NOTE_OLDEST, oldest_);
     if (files) {
         connection_.queue(pg::FILE, parametersOf(0, pending_.size()));
     }
@@ -174,8 +178,10 @@ void PgStore::takeAnswers(bool looksAgain, bool files) {
             }
         }
     }
-    if (!std::exchange(duplicates_, {}).empty()) {
-        connection_.take();
+    for (auto* numbers : {&duplicates_, &oldest_}) {
+        if (!std::exchange(*numbers, {}).empty()) {
+            connection_.take();
+        }
     }
     if (files) {
         takeFiled(verdict);
@@ -307,6 +313,7 @@ void PgStore::endTransaction() {
     doubtful_.clear();
     confirmed_.clear();
     duplicates_.clear();
+    oldest_.clear();
     filed_.clear();
     fences_.clear();
     looked_.clear();

@@ -32,6 +32,9 @@ GenerationInfo generationOf(const PgRows& rows, int row, int column, SeriesNumbe
         info.proven = IdRun{static_cast<U32_t>(rows.integer(row, column + 3)),
                             static_cast<U32_t>(rows.integer(row, column + 4))};
     }
+    if (!rows.isNull(row, column + 5)) {
+        info.oldest = static_cast<U32_t>(rows.integer(row, column + 5));
+    }
     return info;
 }
 

@@ -47,8 +47,8 @@ constexpr PgStatement LOOK{"look", "SELECT log, epoch, owner, generation, unclai
 /** The same, with the identity of each and the columns of NEWEST, as if nothing were known. */
 constexpr PgStatement FIND_LOGS{
     "find_logs", "SELECT l.log, epoch, owner, l.generation, unclaimed, highest, l.run_first, "
-                 "l.run_last, identity, g.generation, opened, duplicates, g.run_first, g.run_last "
-                 "FROM logs l LEFT JOIN generations g ON g.log = l.log "
+                 "l.run_last, identity, g.generation, opened, duplicates, g.run_first, g.run_last, "
+                 "oldest FROM logs l LEFT JOIN generations g ON g.log = l.log "
                  "AND g.generation = l.generation WHERE l.log = ANY($1::bigint[])"};
 
 /** Those of these logs that somebody keeps locked against a fence. Waits for none of them, and,
@@ -69,7 +69,7 @@ constexpr PgStatement SESSIONS{
 
 /** The newest generation. Its row and the log's are written together. */
 constexpr PgStatement NEWEST{"newest",
-                             "SELECT generation, opened, duplicates, run_first, run_last "
+                             "SELECT generation, opened, duplicates, run_first, run_last, oldest "
                              "FROM generations WHERE log = $1 ORDER BY generation DESC LIMIT 1"};
 
 /** Locks logs, writes down how far they go with what is filed behind it, and tells who owns them:
@@ -140,6 +140,11 @@ constexpr PgStatement DUPLICATES{
     "duplicates", "UPDATE generations g SET duplicates = g.duplicates + n.more "
                   "FROM unnest($1::bigint[], $2::bigint[], $3::bigint[]) AS n(log, g, more) "
                   "WHERE g.log = n.log AND g.generation = n.g"};
+/** Logs, generations, ids. */
+constexpr PgStatement NOTE_OLDEST{
+    "note_oldest", "UPDATE generations g SET oldest = n.oldest "
+                   "FROM unnest($1::bigint[], $2::bigint[], $3::bigint[]) AS n(log, g, oldest) "
+                   "WHERE g.log = n.log AND g.generation = n.g"};
 constexpr PgStatement NOTE_RUN{"note_run", "UPDATE generations SET run_first = $3, run_last = $4 "
                                            "WHERE log = $1 AND generation = $2"};
 constexpr PgStatement FORGET_RUN{"forget_run",
@@ -230,7 +235,7 @@ constexpr PgStatement SIZE{"size", "SELECT coalesce(sum(pg_total_relation_size(r
 constexpr PgStatement GENERATIONS{
     "generations", "SELECT l.log, l.identity, g.generation, g.opened, g.duplicates, "
                    "CASE WHEN n.run_last IS NULL THEN g.run_first ELSE n.run_first END, "
-                   "coalesce(n.run_last, g.run_last) FROM logs l JOIN generations g "
+                   "coalesce(n.run_last, g.run_last), oldest FROM logs l JOIN generations g "
                    "ON g.log = l.log LEFT JOIN logs n ON n.log = g.log "
                    "AND n.generation = g.generation"};
 constexpr PgStatement ASIDES{"asides", "SELECT l.identity, s.id, s.reason, s.received, s.image "

@@ -459,6 +459,11 @@ void PgStore::noteProven(const GenerationKey& generation, const IdRun& run) {
     }
 }
 
+void PgStore::noteOldest(const GenerationKey& generation, U32_t id) {
+    touched_.insert(generation.series);
+    oldest_[generation] = id;
+}
+
 void PgStore::setAside(const SeriesKey& key, Aside reason, const NewEvent& event) {
     const SeriesNumber number = addSeries(key);
     change(pg::ASIDE, PgParameters()

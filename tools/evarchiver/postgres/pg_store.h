@@ -18,7 +18,7 @@
 namespace evarchive {
 
 /** The layout of tables that this program knows. */
-constexpr S64_t PG_LAYOUT = 2;
+constexpr S64_t PG_LAYOUT = 3;
 
 /** What an event is filed as having come: when the server gets it, which is when it can be read
  * first, whatever the clocks of archivers say; or what is handed over with it. */
