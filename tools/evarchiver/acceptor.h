@@ -41,10 +41,11 @@ class Acceptor {
         std::function<void(asio::ip::tcp::socket, const asio::ip::tcp::endpoint&)> take;
     };
 
-    /** Binds and listens; throws std::system_error when it cannot, std::runtime_error when there
-     * are too few descriptors. Nothing is taken before start(). */
+    /** Binds; throws std::system_error when it cannot, std::runtime_error when there are too few
+     * descriptors. Nobody can connect before start(). */
     Acceptor(asio::io_context& context, Settings settings, Callbacks callbacks);
 
+    /** Listens; throws std::system_error when it cannot. */
     void start();
 
     /** Takes no further connection. */

@@ -49,6 +49,7 @@ Gate::Gate(const Options& options, Say say)
                      take(std::move(socket), peer);
                  }}) {
     readFiles();
+    acceptor_.start();
     // For programs that wait for it: as it stands.
     writeLine("listening on " + textOfEndpoint(acceptor_.place()));
     sayFiles();
@@ -101,7 +102,6 @@ Rights Gate::rightsOf(const std::vector<std::string>& names) const {
 void Gate::run() {
     awaitSignal();
     awaitSecond();
-    acceptor_.start();
     context_.run();
     say_(Level::INFO,
          "summary: " + std::to_string(counts_.links) + " links, " + std::to_string(counts_.failed) +

@@ -1,4 +1,5 @@
 /** What goes through the gate, and what may happen to it on the way. */
+#include "gate.h"
 #include "gate_fixture.h"
 #include "recording_relay.h"
 
@@ -28,7 +29,7 @@ TEST_F(GateTest, EventsOfEverySizeArriveByContentAndAreClaimed) {
     }
     {
         BladeLink link(sitePort_);
-        EXPECT_EQ(claim(link, event(0)), NO_DATA);
+        EXPECT_EQ(claim(link, event(0)), NOTHING_YET);
         link.send(all);
         EXPECT_EQ(claim(link, {.id = 0, .data = {}}), (Claim{398, 0}));
     }
@@ -82,6 +83,20 @@ TEST_F(GateTest, ABladeThatCanHelpItselfIsToldThatThereIsNoneInsteadOfATooLongAn
     EXPECT_EQ(get32(other.ask(inquiryMessage(NEXT, {}, 0, 6)), 8), 3U);
 }
 
+TEST_F(GateTest, WhoeverReadsThatItListensCanConnect) {
+    evgate::Options options;
+    options.listen = {asio::ip::address_v4::loopback(), sitePort_};
+    options.files = {.certificate = site_.certificate, .key = site_.key, .ca = authority_.path()};
+    testing::internal::CaptureStdout();
+    std::string lines;
+    const evgate::Gate gate(options,
+                            [&](auto /*level*/, const std::string& line) { lines += line; });
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "listening on 127.0.0.1:" + std::to_string(sitePort_) + "\n");
+    EXPECT_NO_THROW(BladeLink link(sitePort_));
+    EXPECT_THAT(lines, HasSubstr("more days"));
+}
+
 // --- What else comes to the door -----------------------------------------------------------------
 
 TEST_F(GateTest, PlainTextAtTheTlsPortIsRefusedAndOthersGoOn) {
@@ -92,7 +107,7 @@ TEST_F(GateTest, PlainTextAtTheTlsPortIsRefusedAndOthersGoOn) {
     plain.send(statusOf(event(1)));
     EXPECT_TRUE(
         waitUntil([&] { return archiveEnd_->output().find("no TLS link") != std::string::npos; }));
-    EXPECT_EQ(claim(good, event(1)), NO_DATA);
+    EXPECT_EQ(claim(good, event(1)), NOTHING_YET);
 }
 
 TEST_F(GateTest, OlderVersionsThanTls13AreRefused) {
@@ -215,7 +230,7 @@ TEST_F(GateTest, ABladeThatReadsSlowlyGetsAllItsAnswersWholeAndHoldsNobodyUp) {
     }
     slow.send(inquiries);
     BladeLink other(sitePort_);
-    EXPECT_EQ(claim(other, {.log = {.blade = "BLADE-2"}, .id = 1}), NO_DATA);
+    EXPECT_EQ(claim(other, {.log = {.blade = "BLADE-2"}, .id = 1}), NOTHING_YET);
     for (U32_t i = 0; i < ASKED; ++i) {
         const Bytes answer = slow.receive();
         ASSERT_EQ(answer.size(), 16 + 152 + 3848U);
@@ -245,7 +260,7 @@ TEST_F(GateTest, BladesAreClosedWhileTheOtherEndOrTheArchiverIsAwayAndServedOnce
     start();
     startArchiveEnd();
     BladeLink later(sitePort_);
-    EXPECT_EQ(claim(later, event(1)), NO_DATA);
+    EXPECT_EQ(claim(later, event(1)), NOTHING_YET);
     later.send(events(1, 9));
     EXPECT_EQ(claim(later, event(1)), (Claim{8, 0}));
 }

@@ -16,7 +16,7 @@
 
 namespace support {
 
-inline constexpr Claim NO_DATA{0, 1};
+inline constexpr Claim NOTHING_YET{0, 1};
 
 class GateTest : public ArchiverProcessTest {
   protected:

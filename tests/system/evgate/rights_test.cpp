@@ -110,7 +110,7 @@ TEST_F(GateTest, AMapReadAgainEndsLinksThatItNoLongerAllows) {
     archiveEnd_->signal(SIGHUP);
     EXPECT_THAT(archiveEnd_->waitForOutput("goes on with the files that it had"),
                 HasSubstr("line 1: DNS:site.example speaks for no enclosure"));
-    EXPECT_EQ(claim(link, event(1)), NO_DATA);
+    EXPECT_EQ(claim(link, event(1)), NOTHING_YET);
     writeMap("DNS:another.example ENC-A\n");
     archiveEnd_->signal(SIGHUP);
     EXPECT_TRUE(link.isClosed());
@@ -130,7 +130,7 @@ TEST_F(GateTest, AnAuthorityThatIsTakenOutEndsTheLinksOfItsCertificates) {
     claim(link, event(1));
     archiveEnd_->signal(SIGHUP);
     archiveEnd_->waitForOutput("read again");
-    EXPECT_EQ(claim(link, event(1)), NO_DATA) << "both are believed still";
+    EXPECT_EQ(claim(link, event(1)), NOTHING_YET) << "both are believed still";
     writeFile(believed, readFile(authority_.path()));
     archiveEnd_->signal(SIGHUP);
     EXPECT_TRUE(link.isClosed());
@@ -201,7 +201,7 @@ TEST_F(GateTest, ACertificateReadAgainIsTheOneThatIsShown) {
         return output.find("read again", output.find("read again") + 1) != std::string::npos;
     }));
     BladeLink later(sitePort_);
-    EXPECT_EQ(claim(later, event(1)), NO_DATA);
+    EXPECT_EQ(claim(later, event(1)), NOTHING_YET);
     stopAll();
 }
 
