@@ -23,6 +23,8 @@ struct Bounds {
     bool isUnderWay = false;   ///< the blade has sent two events when it begins
     bool isSlow = false;       ///< nothing is seen behind an event before the next one comes
     U32_t damaged = 0;         ///< events that come damaged, where the blade is slow
+    U32_t missed = 0;          ///< events that the log's ring has gone round over when it begins
+    U32_t overwritten = 0;     ///< events that the log's ring goes round over
     U32_t expired = 0;         ///< how often retention takes the oldest event
     U32_t sheddings = 0;       ///< links that are closed because their next event finds no room
     U32_t locks = 0;           ///< how often somebody keeps the blade's log locked
@@ -48,6 +50,7 @@ enum BladeAction : unsigned {
     LOCK,
     LET_GO,
     MAKE_LATE_COMMIT,
+    OVERWRITE,
     BLADE_ACTIONS
 };
 enum ProcessAction : unsigned {

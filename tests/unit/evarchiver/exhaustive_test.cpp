@@ -104,6 +104,18 @@ INSTANTIATE_TEST_SUITE_P(
         Bounds{.processes = 2, .depth = 5, .isSlow = true},
         Bounds{.processes = 1, .depth = 6, .isUnderWay = true, .isSlow = true, .damaged = 1},
         Bounds{.processes = 2, .depth = 5, .isUnderWay = true, .isSlow = true, .damaged = 1},
+        Bounds{.processes = 1,
+               .log = 4,
+               .depth = 6,
+               .isUnderWay = true,
+               .missed = 2,
+               .overwritten = 2},
+        Bounds{.processes = 2,
+               .log = 4,
+               .depth = 5,
+               .isUnderWay = true,
+               .missed = 2,
+               .overwritten = 1},
         Bounds{.processes = 1, .depth = 6, .isUnderWay = true, .expired = 2},
         Bounds{.processes = 2, .depth = 5, .isUnderWay = true, .expired = 2},
         Bounds{.processes = 2, .depth = 4, .isUnderWay = true, .hasNeighbour = true}),
@@ -111,6 +123,7 @@ INSTANTIATE_TEST_SUITE_P(
         return std::string(bounds.param.processes == 1 ? "OneOwns" : "TwoShare") +
                (bounds.param.isUnderWay ? "UnderWay" : "") + (bounds.param.isSlow ? "Slowly" : "") +
                (bounds.param.damaged > 0 ? "Damaged" : "") +
+               (bounds.param.overwritten > 0 ? "Overwriting" : "") +
                (bounds.param.expired > 0 ? "Expiring" : "") +
                (bounds.param.hasNeighbour ? "BesideAnother" : "");
     });

@@ -27,6 +27,9 @@ class World : private Around {
                 std::make_unique<Archiver>(*storage_, static_cast<Around&>(*this), number));
         }
         logOne();
+        for (; first_ < bounds_.missed; ++first_) {
+            logOne();
+        }
         if (bounds_.hasNeighbour) {
             connectNeighbour();
             settle();
@@ -147,7 +150,7 @@ class World : private Around {
     void expectAllIsThere() {
         Store& store = storage_->look();
         const auto newest = newestOf(store, BladeKey{"ENC-A", "BLADE-1", 1});
-        for (U32_t id = 0; id < log_.size(); ++id) {
+        for (U32_t id = first_; id < log_.size(); ++id) {
             const auto held = store.heldEvent(newest, id);
             ASSERT_TRUE(held ? held->image == log_[id] : expired_.contains(log_[id]))
                 << "id " << id;
@@ -202,6 +205,8 @@ class World : private Around {
             return isLocked_;
         case MAKE_LATE_COMMIT:
             return storage_->hasLate();
+        case OVERWRITE:
+            return overwritten_ < bounds_.overwritten && log_.size() - first_ > 1;
         case SEND_OF_NEIGHBOUR:
             return bounds_.hasNeighbour && !isNeighbourWaiting_ && neighbour_.size() < 2;
         default:
@@ -218,6 +223,7 @@ class World : private Around {
             ++rebuilds_;
             cut();
             log_.clear();
+            first_ = 0;
             logOne();
             break;
         case SEND:
@@ -255,6 +261,10 @@ class World : private Around {
             break;
         case MAKE_LATE_COMMIT:
             makeLateCommit();
+            break;
+        case OVERWRITE:
+            ++overwritten_;
+            next_ = std::max<std::size_t>(next_, ++first_);
             break;
         default:
             cut();
@@ -385,10 +395,14 @@ class World : private Around {
 
     static void expectNothingIsTwice(Store& store) {
         std::set<std::pair<GenerationKey, U32_t>> ids;
+        std::set<Bytes> images;
         for (const GenerationInfo& info : store.listGenerations()) {
             store.forEachEvent(info.number, [&](const StoredEvent& event) {
                 EXPECT_TRUE(ids.emplace(info.number, event.sequenceId).second)
                     << "id " << event.sequenceId << " is there twice";
+                const bool isAlike = imageOf<EmpEvLogHeader_t>(event.image).evTime == 1;
+                EXPECT_TRUE(isAlike || images.insert(event.image).second)
+                    << "id " << event.sequenceId << " is in two generations";
             });
         }
     }
@@ -398,7 +412,7 @@ class World : private Around {
         ++link_;
         isWaiting_ = true;
         hasResent_ = false;
-        process.bring(link_, Batch::Kind::STATUS, support::statusBody({}, 0, {1, 2, 3}));
+        process.bring(link_, Batch::Kind::STATUS, support::statusBody({}, first_, {1, 2, 3}));
     }
 
     void cut() {
@@ -439,12 +453,13 @@ class World : private Around {
             return;
         }
         if (!verdict) {
-            next_ = std::exchange(hasResent_, true) ? next_ : 0;
+            next_ = std::exchange(hasResent_, true) ? next_ : first_;
             return;
         }
         isWaiting_ = false;
         const bool isBeyond = verdict->sequenceIdLast >= log_.size();
-        next_ = *verdict == NOTHING_HELD || isBeyond ? 0 : verdict->sequenceIdLast + 1;
+        const U32_t behind = verdict->sequenceIdLast + 1;
+        next_ = *verdict == NOTHING_HELD || isBeyond ? first_ : std::max(first_, behind);
     }
 
     void close(const Archiver& process, LinkNumber link) override {
@@ -526,7 +541,9 @@ class World : private Around {
     Bounds bounds_;
     std::unique_ptr<Storage> storage_;
     std::vector<std::unique_ptr<Archiver>> processes_;
-    std::vector<Bytes> log_;
+    std::vector<Bytes> log_; ///< by id
+    U32_t first_ = 0;        ///< the oldest one that it still has
+    U32_t overwritten_ = 0;
     U32_t serial_ = 1;
     Archiver* peer_ = nullptr; ///< with whom the blade is connected
     LinkNumber link_ = 0;
@@ -560,8 +577,8 @@ inline std::string World::text() const {
     }
     out << link_ << isWaiting_ << hasResent_ << next_ << ' ' << rebuilds_ << connects_ << failures_
         << (unsettled_.empty() ? '.' : '?') << isDamaged_ << damagedOnes_ << expiries_ << sheddings_
-        << locks_ << isLocked_ << lateCommits_ << storage_->hasLate() << neighbour_.size()
-        << neighboursNext_ << isNeighbourWaiting_ << '|';
+        << first_ << overwritten_ << locks_ << isLocked_ << lateCommits_ << storage_->hasLate()
+        << neighbour_.size() << neighboursNext_ << isNeighbourWaiting_ << '|';
     for (const auto& process : processes_) {
         out << (peer_ == process.get()) << process->text(nameOfEvent);
     }

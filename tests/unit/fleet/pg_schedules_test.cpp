@@ -74,12 +74,18 @@ class ServerStorage : public Storage {
 
 class PgSchedulesTest : public testing::Test {
   protected:
-    static constexpr std::array<Bounds, 10> BOUNDS = {
+    static constexpr std::array<Bounds, 11> BOUNDS = {
         Bounds{.processes = 2, .log = 4, .rebuilds = 2, .connects = 4, .failures = 2},
         Bounds{.processes = 2, .log = 4, .connects = 4, .failures = 2, .isUnderWay = true},
         Bounds{.processes = 2, .connects = 4, .isSlow = true},
         Bounds{.processes = 2, .connects = 4, .isUnderWay = true, .isSlow = true, .damaged = 1},
         Bounds{.processes = 2, .connects = 4, .isUnderWay = true, .expired = 2},
+        Bounds{.processes = 2,
+               .log = 5,
+               .connects = 4,
+               .isUnderWay = true,
+               .missed = 2,
+               .overwritten = 2},
         Bounds{.processes = 2, .connects = 4, .isUnderWay = true, .hasNeighbour = true},
         Bounds{.processes = 2, .log = 4, .connects = 4, .isUnderWay = true, .sheddings = 2},
         Bounds{.processes = 2, .log = 4, .connects = 4, .isUnderWay = true, .locks = 2},
