@@ -16,7 +16,7 @@ REVOKE ALL ON logs, generations, events, set_aside, meta, names FROM PUBLIC;
 GRANT SELECT, INSERT ON logs, generations, events, set_aside TO ev_writer;
 GRANT UPDATE (generation, epoch, owner, unclaimed, seen, ring_first, highest, run_first, run_last)
     ON logs TO ev_writer;
-GRANT UPDATE (duplicates, run_first, run_last) ON generations TO ev_writer;
+GRANT UPDATE (duplicates, run_first, run_last, oldest) ON generations TO ev_writer;
 GRANT UPDATE (doubtful, received), DELETE ON events TO ev_writer;
 GRANT SELECT ON meta, names TO ev_writer;
 
