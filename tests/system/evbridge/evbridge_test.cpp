@@ -32,7 +32,13 @@ TEST_F(BridgeTest, EachEventOfAnArchiveIsHandedOnOnceAndInOrder) {
 }
 
 TEST_F(BridgeTest, WhatComesLateIsHandedOnToo) {
-    file(10, 20);
+    start();
+    {
+        BladeLink link(port_);
+        claim(link, event(3)); // has older ones
+        link.send(events(10, 20));
+        claim(link, event(3));
+    }
     const Datagrams receiver(socketPath_);
     EXPECT_EQ(bridge(syslog_)->wait(), exitedWith(0));
     EXPECT_EQ(ids(receiver, 11), range(10, 20));
