@@ -169,14 +169,15 @@ Claim claimOf(const Bytes& answer) {
 }
 
 U16_t freePort() {
-    const int descriptor = socket(AF_INET, SOCK_STREAM, 0);
+    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0); // never closed
+    const int one = 1;
+    setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof(address);
     EXPECT_EQ(bind(descriptor, reinterpret_cast<sockaddr*>(&address), length), 0);
     EXPECT_EQ(getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    close(descriptor);
     return ntohs(address.sin_port);
 }
 

@@ -72,7 +72,8 @@ struct Claim {
 /** The last id and the flag of a status answer. */
 Claim claimOf(const Bytes& answer);
 
-/** A port of the loopback that was free a moment ago, for what names none that it took itself. */
+/** A port of the loopback for what listens with SO_REUSEADDR. Until the test's process ends the
+ * system gives it to nobody who asks for any port, nor to a connection. */
 U16_t freePort();
 
 /** What a scrape of an archiver's figures gets. */
