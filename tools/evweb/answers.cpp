@@ -141,7 +141,9 @@ Json pageJson(const Page& page) {
 }
 
 Json tailJson(const Tail& tail) {
-    return {{"events", eventsJson(tail.events)}, {"position", tail.position.text()}};
+    return {{"events", eventsJson(tail.events)},
+            {"position", tail.position.text()},
+            {"skipped", tail.skipped ? Json(*tail.skipped) : Json()}};
 }
 
 Json timelineJson(const Timeline& timeline) {

@@ -26,7 +26,7 @@ constexpr U32_t TEXT_PAGE = 2000;        // events that are looked through at a 
 // How far a tail looks back: commits of one moment end in the next ones, and events may bear the
 // time of their archiver.
 constexpr S64_t TAIL_AGAIN = 10 * SECOND;
-constexpr std::size_t TAIL_ROWS = 1000;
+constexpr U32_t TAIL_TEXT_ROWS = 1000; // that are looked through for a text
 
 // Of a timeline, which are counted one after the other.
 constexpr std::size_t TIMELINE_PARTS = 4;
@@ -280,28 +280,57 @@ void searchAll(PgConnection& connection, const Search& search, Filling& filling)
     filling.page.isCut = false;
 }
 
-/** Events behind a place, in the order of their arrival. */
-Tail arrivalsSince(PgConnection& connection, const Search& search, S64_t since, S64_t now) {
-    PgQuestion question(EVENTS);
+/** What came since some instant: a question with the filters, to go on with. */
+PgQuestion arrivalsSince(const char* select, const Search& search, S64_t since) {
+    PgQuestion question(select);
     if (search.log) {
         question.integer(" AND log = ", *search.log);
     }
+    question.instant(" AND received >= ", since).filters(search);
+    return question;
+}
+
+bool isCrowd(PgConnection& connection, const Search& search, S64_t since, U32_t most) {
     const PgRows rows =
-        question.instant(" AND received >=", since)
-            .filters(search)
-            .add(" ORDER BY received, log, generation, id LIMIT " + std::to_string(TAIL_ROWS))
+        arrivalsSince("SELECT count(*) FROM (SELECT 1 FROM event_list WHERE own", search, since)
+            .add(" LIMIT " + std::to_string(most + 1) + ") c")
             .ask(connection);
+    return rows.integer(0, 0) > S64_t{most};
+}
+
+/** The newest events behind a place, in the order of their arrival. Of a crowd, those of the last
+ * seconds: to put all in order takes too long when nobody has asked for a while. */
+Tail newestSince(PgConnection& connection, const Search& search, S64_t seen, S64_t now,
+                 Clock::time_point deadline) {
+    const U32_t most = search.text.empty() ? search.limit : TAIL_TEXT_ROWS;
+    const bool isPart = isCrowd(connection, search, seen - TAIL_AGAIN, most);
+    Place from{(isPart ? std::max(seen, now) : seen) - TAIL_AGAIN, INT64_MIN};
+    const PgRows rows = arrivalsSince(EVENTS, search, from.instant)
+                            .add(" ORDER BY received DESC, log DESC, generation DESC, id DESC "
+                                 "LIMIT " +
+                                 std::to_string(most))
+                            .ask(connection);
     Tail tail{.events = {}, .position = Place{now}.position()};
-    for (int row = 0; row < rows.count(); ++row) {
+    for (int row = rows.count(); row-- > 0;) {
         FoundEvent event = foundEvent(rows, row);
         if (search.holdsText(sources::eventOf(event.event.image))) {
             tail.events.push_back(std::move(event));
         }
     }
-    if (static_cast<std::size_t>(rows.count()) == TAIL_ROWS) {
-        // More came than is shown at a time: at least a second further on.
-        const S64_t last = placeOf(rows, rows.count() - 1).instant;
-        tail.position = Place{std::max(last, since + SECOND) + TAIL_AGAIN}.position();
+    if (static_cast<U32_t>(rows.count()) == most) {
+        from = placeOf(rows, rows.count() - 1);
+    }
+    const auto countSkipped = [&] {
+        PgQuestion question =
+            arrivalsSince("SELECT count(*) FROM event_list WHERE own", search, seen);
+        question.instant(" AND (received, log, generation, id) < (", from.instant)
+            .integer(", ", from.log)
+            .integer(", ", from.generation)
+            .integer(", ", from.id, ")");
+        tail.skipped = static_cast<U64_t>(question.ask(connection).integer(0, 0));
+    };
+    if (isPart && !inTime(deadline, countSkipped)) {
+        tail.skipped.reset();
     }
     return tail;
 }
@@ -375,7 +404,7 @@ Tail eventsSince(PgConnection& connection, const Search& search,
     const S64_t now = PgQuestion("SELECT now()").ask(connection).integer(0, 0);
     if (after) {
         connection.execute(BY_INDEX);
-        return arrivalsSince(connection, search, placeOf(*after).instant - TAIL_AGAIN, now);
+        return newestSince(connection, search, placeOf(*after).instant, now, deadline);
     }
     Page page = searchEvents(connection, search, deadline);
     std::ranges::reverse(page.events);

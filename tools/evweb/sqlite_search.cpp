@@ -279,21 +279,27 @@ Tail SqliteView::tail(const Search& search, const std::optional<Position>& after
     Search within = search;
     within.filter.logs = {};
     const S64_t newest = reading.lastRow();
-    S64_t row = std::min(rowOf(reading, *after), newest);
-    SqliteStatement found(reading.database(), sqlite_sql::ARRIVALS_UP);
-    found.with(std::max<S64_t>(0, row - S64_t{ROWS_AGAIN}), newest + 1);
-    for (U32_t seen = 1; tail.events.size() < search.limit + ROWS_AGAIN && found.step(); ++seen) {
-        row = std::max(row, found.integer(9));
+    const S64_t seen = std::min(rowOf(reading, *after), newest);
+    S64_t row = newest + 1; // the last one looked at
+    bool isAll = true;
+    SqliteStatement found(reading.database(), sqlite_sql::ARRIVALS_DOWN);
+    found.with(std::max<S64_t>(0, seen - S64_t{ROWS_AGAIN}));
+    for (U32_t looks = 1; found.step(); ++looks) {
+        isAll = tail.events.size() < search.limit &&
+                (looks % ROWS_BETWEEN_LOOKS != 0 || !reading.isOver());
+        if (!isAll) {
+            break;
+        }
+        row = found.integer(9);
         const bool isOfLog =
             wanted.isAll || std::ranges::binary_search(wanted.logs, found.integer(0));
         if (isOfLog && isWanted(found, within)) {
             tail.events.push_back(foundEvent(found));
         }
-        if (seen % ROWS_BETWEEN_LOOKS == 0 && reading.isOver()) {
-            break;
-        }
     }
-    tail.position = positionOf(reading, row);
+    std::ranges::reverse(tail.events);
+    tail.skipped = isAll ? 0 : static_cast<U64_t>(std::max<S64_t>(0, row - 1 - seen));
+    tail.position = positionOf(reading, newest);
     return tail;
 }
 

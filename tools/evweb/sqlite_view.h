@@ -42,6 +42,8 @@ namespace sqlite_sql {
 constexpr char ARRIVALS[] =
     "SELECT " EVWEB_EVENT_COLUMNS " FROM events "
     "WHERE rowid >= ?1 AND rowid < ?2 AND ?3 = 0 " EVWEB_SIEVE "ORDER BY rowid DESC";
+constexpr char ARRIVALS_DOWN[] = "SELECT " EVWEB_EVENT_COLUMNS " FROM events "
+                                 "WHERE rowid >= ?1 ORDER BY rowid DESC";
 constexpr char ARRIVALS_UP[] = "SELECT " EVWEB_EVENT_COLUMNS " FROM events "
                                "WHERE rowid >= ?1 AND rowid < ?2 ORDER BY rowid";
 

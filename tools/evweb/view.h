@@ -80,6 +80,9 @@ struct Page {
 struct Tail {
     std::vector<FoundEvent> events{};
     Position position{}; ///< to ask for what comes next; events may come twice
+    /** What came and was not looked at, because newer events fill the answer; nothing: too many to
+     * be counted in time. */
+    std::optional<U64_t> skipped = 0;
 };
 
 /** Types of events that are counted: any other, information, warning, error. */

@@ -1,32 +1,43 @@
-import { ask, el, eventRow, eventTable, here, link, note, plural, show } from "./dom.js";
+import { ask, el, eventRow, eventTable, here, link, note, number, plural, show } from "./dom.js";
 import { filterForm, filtersOf } from "./filters.js";
 
 const PAUSE = 2000;
+const MOST_ASKED = 500;
 const MOST_SHOWN = 300;
 
-/** Events that come, newest on top. Some come twice: each one is shown once. */
+/** Events that come, newest on top. Those of an answer may come again in the next one: each is shown once. */
 class Tail {
-  constructor(filters, table, state) {
-    Object.assign(this, { filters, body: table.querySelector("tbody"), state, position: null, known: new Set(), count: 0 });
+  constructor(filters, table) {
+    Object.assign(this, { filters, body: table.querySelector("tbody"), position: null, last: new Set(), shown: new Set(), count: 0, skipped: 0 });
   }
 
   async step() {
-    const found = await ask("tail", { ...this.filters, limit: 100, after: this.position });
+    const found = await ask("tail", { ...this.filters, limit: MOST_ASKED, after: this.position });
     for (const row of this.body.querySelectorAll(".fresh")) row.classList.remove("fresh");
+    this.skipped += found.skipped ?? Infinity;
+    const before = this.last;
+    this.last = new Set();
     for (const event of found.events) {
       const row = eventRow(event, true);
-      if (this.known.has(row.dataset.key)) continue;
-      this.known.add(row.dataset.key);
+      const { key } = row.dataset;
+      this.last.add(key);
+      if (before.has(key) || this.shown.has(key)) continue;
+      this.shown.add(key);
       this.count++;
       if (this.position !== null) row.classList.add("fresh");
       this.body.prepend(row);
     }
     while (this.body.children.length > MOST_SHOWN) {
-      this.known.delete(this.body.lastChild.dataset.key);
+      this.shown.delete(this.body.lastChild.dataset.key);
       this.body.lastChild.remove();
     }
     this.position = found.position;
-    return found.events.length;
+  }
+
+  /** "12 events so far" */
+  text() {
+    const left = this.skipped === Infinity ? "; more came than could be looked at" : `; ${number(this.skipped)} more came than could be looked at`;
+    return `${plural(this.count, "event")} so far${this.count === 0 ? ": nothing has come yet" : this.skipped === 0 ? "" : left}`;
   }
 }
 
@@ -35,7 +46,7 @@ export async function page() {
   const table = eventTable([], true);
   const state = el("span", { role: "status", class: "quiet" }, "");
   const pause = el("button", { type: "button", "aria-pressed": "false", title: "Space" }, "Pause");
-  const tail = new Tail(filters, table, state);
+  const tail = new Tail(filters, table);
   const form = await filterForm("/live");
   const isPaused = () => pause.getAttribute("aria-pressed") === "true";
   pause.addEventListener("click", () => {
@@ -60,7 +71,7 @@ export async function page() {
   const tick = async () => {
     try {
       if (!isPaused() && !document.hidden) await tail.step();
-      state.textContent = isPaused() ? "paused" : `looked at every 2 seconds; ${plural(tail.count, "event")} so far${tail.count === 0 ? ": nothing has come yet" : ""}`;
+      state.textContent = isPaused() ? "paused" : `looked at every 2 seconds; ${tail.text()}`;
     } catch (error) {
       if (error.status === 400) tail.position = null;
       state.textContent = `${error.status === 400 ? "" : "the archive does not answer, tried again: "}${error.message}`;

@@ -17,6 +17,7 @@ import unittest
 import web_support as support
 from palette import with_palette
 from web_answers import EVENTS, HOSTILE, HOSTILE_TEXT, NOW, Answers, fill
+from live_page import LivePage
 from web_support import Archiver, Browser, Postgres, Web, crash, event, wait_until
 
 PROGRAMS = sys.argv.pop(1)
@@ -25,7 +26,7 @@ sys.argv = [word for word in sys.argv if word != "--pictures"]
 CHROMIUM = shutil.which("chromium")
 
 
-class SqliteTest(Answers, unittest.TestCase):
+class SqliteTest(Answers, LivePage, unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.directory = tempfile.TemporaryDirectory(prefix="evweb")
@@ -220,7 +221,7 @@ class SqliteTest(Answers, unittest.TestCase):
 
 
 @unittest.skipUnless((support.POSTGRES / "initdb").exists(), "no PostgreSQL here: its archives are not tested")
-class PostgresTest(Answers, unittest.TestCase):
+class PostgresTest(Answers, LivePage, unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.server = Postgres()
