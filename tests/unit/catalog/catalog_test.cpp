@@ -278,6 +278,22 @@ TEST(Catalog, AnEmptyVariableNamesNoDirectories) {
     unsetenv("EVENT_MANAGER_CATALOG");
 }
 
+TEST(Catalog, AFileMayHaveFourMebibytesAndNotOneByteMore) {
+    support::TempDirectory directory;
+    std::string json = R"({"source":18,"events":[{"id":1,"text":"found"}]})";
+    json.append((4U << 20) - json.size(), '\n');
+    Catalog catalog;
+    std::vector<Problem> problems;
+    support::writeFile(directory.file("a.json"), json);
+    catalog.addFile(directory.file("a.json"), &problems);
+    EXPECT_THAT(problems, IsEmpty());
+    ASSERT_NE(catalog.find(18, 1, 0), nullptr);
+    support::writeFile(directory.file("b.json"), json + "\n");
+    catalog.addFile(directory.file("b.json"), &problems);
+    ASSERT_EQ(problems.size(), 1U);
+    EXPECT_EQ(problemLine(problems[0]), directory.file("b.json") + ": longer than 4 MiB");
+}
+
 TEST(Catalog, OnlyFilesNamedJsonAreReadInTheOrderOfNames) {
     support::TempDirectory directory;
     auto event = [](const char* text) {
