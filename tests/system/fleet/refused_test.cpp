@@ -118,3 +118,39 @@ TEST_F(RefusedTest, RuleThatIsAskedAtTheCommitIsSaidAndLosesNothing) {
     EXPECT_TRUE(isAllFiled());
     stopArchivers();
 }
+
+// As one that is about to give way to its standby.
+TEST_F(RefusedTest, ServerThatMayOnlyBeReadFromLosesNothing) {
+    ASSERT_TRUE(isAllFiled());
+    server_.sql("ALTER ROLE one SET default_transaction_read_only = on; SELECT "
+                "pg_terminate_backend(pid) FROM pg_stat_activity WHERE usename = 'one'");
+    send();
+    archiver().waitForOutput("; events wait, tried again");
+    requireSoon([this] { return !isReady(); }, "the second to pass");
+    send();
+    std::this_thread::sleep_for(std::chrono::seconds(1)); // some tries
+    EXPECT_FALSE(isReady());
+    server_.sql("ALTER ROLE one RESET ALL");
+    EXPECT_TRUE(isAllFiled());
+    requireSoon([this] { return isReady(); }, "the archiver to be ready again");
+    EXPECT_TRUE(link_->isQuiet()) << "its link stands";
+    stopArchivers();
+}
+
+TEST_F(RefusedTest, NewLogThatMayNotBeGivenAGenerationLosesNothing) {
+    ASSERT_TRUE(isAllFiled());
+    server_.sql("REVOKE INSERT ON generations FROM ev_writer");
+    BladeLink other(archivers_.front().port);
+    other.ask(statusRequest({.blade = "OTHER"}, 0, {1, 2, 3}, 1));
+    other.send(eventMessage({.log = {.blade = "OTHER"}}));
+    EXPECT_THAT(archiver().waitForOutput("permission denied for table generations"),
+                HasSubstr(REFUSED));
+    send();
+    server_.sql("GRANT INSERT ON generations TO ev_writer");
+    EXPECT_TRUE(waitForServer([this] {
+        return server_.sql("SELECT count(DISTINCT (log, id)), count(*) FROM events") ==
+               std::to_string(sent_ + 1) + "|" + std::to_string(sent_ + 1) + "\n";
+    }));
+    EXPECT_TRUE(link_->isQuiet() && other.isQuiet()) << "their links stand";
+    stopArchivers();
+}
