@@ -278,27 +278,33 @@ Tail SqliteView::tail(const Search& search, const std::optional<Position>& after
     const LogsWanted wanted = logsWanted(reading, search);
     Search within = search;
     within.filter.logs = {};
+    const bool isAnyWanted = wanted.isAll && search.text.empty() && within.filter.isEmpty();
     const S64_t newest = reading.lastRow();
     const S64_t seen = std::min(rowOf(reading, *after), newest);
-    S64_t row = newest + 1; // the last one looked at
-    bool isAll = true;
+    U64_t skipped = 0;
+    bool isInTime = true;
     SqliteStatement found(reading.database(), sqlite_sql::ARRIVALS_DOWN);
     found.with(std::max<S64_t>(0, seen - S64_t{ROWS_AGAIN}));
-    for (U32_t looks = 1; found.step(); ++looks) {
-        isAll = tail.events.size() < search.limit &&
-                (looks % ROWS_BETWEEN_LOOKS != 0 || !reading.isOver());
-        if (!isAll) {
+    for (U32_t looks = 1; isInTime && found.step(); ++looks) {
+        const bool isFull = tail.events.size() >= search.limit;
+        const S64_t row = found.integer(9);
+        if (isFull && (isAnyWanted || row <= seen)) {
+            skipped += isAnyWanted ? static_cast<U64_t>(std::max<S64_t>(0, row - seen)) : 0;
             break;
         }
-        row = found.integer(9);
         const bool isOfLog =
             wanted.isAll || std::ranges::binary_search(wanted.logs, found.integer(0));
         if (isOfLog && isWanted(found, within)) {
-            tail.events.push_back(foundEvent(found));
+            if (isFull) {
+                ++skipped;
+            } else {
+                tail.events.push_back(foundEvent(found));
+            }
         }
+        isInTime = looks % ROWS_BETWEEN_LOOKS != 0 || !reading.isOver();
     }
     std::ranges::reverse(tail.events);
-    tail.skipped = isAll ? 0 : static_cast<U64_t>(std::max<S64_t>(0, row - 1 - seen));
+    tail.skipped = isInTime ? std::optional(skipped) : std::nullopt;
     tail.position = positionOf(reading, newest);
     return tail;
 }

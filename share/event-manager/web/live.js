@@ -8,13 +8,14 @@ const MOST_SHOWN = 300;
 /** Events that come, newest on top. Those of an answer may come again in the next one: each is shown once. */
 class Tail {
   constructor(filters, table) {
-    Object.assign(this, { filters, body: table.querySelector("tbody"), position: null, last: new Set(), shown: new Set(), count: 0, skipped: 0 });
+    Object.assign(this, { filters, body: table.querySelector("tbody"), position: null, last: new Set(), shown: new Set(), count: 0, skipped: 0, isMore: false });
   }
 
   async step() {
     const found = await ask("tail", { ...this.filters, limit: MOST_ASKED, after: this.position });
     for (const row of this.body.querySelectorAll(".fresh")) row.classList.remove("fresh");
-    this.skipped += found.skipped ?? Infinity;
+    this.skipped += found.skipped ?? 0;
+    this.isMore ||= found.skipped === null;
     const before = this.last;
     this.last = new Set();
     for (const event of found.events) {
@@ -34,10 +35,11 @@ class Tail {
     this.position = found.position;
   }
 
-  /** "12 events so far" */
+  /** "12 events so far; 3 more came than could be looked at" */
   text() {
-    const left = this.skipped === Infinity ? "; more came than could be looked at" : `; ${number(this.skipped)} more came than could be looked at`;
-    return `${plural(this.count, "event")} so far${this.count === 0 ? ": nothing has come yet" : this.skipped === 0 ? "" : left}`;
+    if (this.count === 0 && !this.isMore) return "0 events so far: nothing has come yet";
+    const left = this.skipped === 0 ? "more" : `${this.isMore ? "over " : ""}${number(this.skipped)} more`;
+    return `${plural(this.count, "event")} so far${this.isMore || this.skipped > 0 ? `; ${left} came than could be looked at` : ""}`;
   }
 }
 

@@ -23,8 +23,11 @@ class LivePage:
     def test_tail_of_a_crowd_is_its_newest_events_and_says_how_many_more_came(self):
         position = self.ask("tail")["position"]
         self.addCleanup(self.remove, "LATE")
+        self.addCleanup(self.remove, "OTHER")
         self.assertEqual(self.tail_behind(position, 5)[:2], ([], 0))
-        self.send_live("LATE", 1, 20)
+        self.send_live("LATE", 1, 10)
+        self.send_live("OTHER", 1, 7)  # which nobody asks for, and nobody counts
+        self.send_live("LATE", 11, 20)
         wait_until(lambda: self.tail_behind(position, 20)[:2] == (list(range(1, 21)), 0), "twenty events")
         ids, skipped, behind = self.tail_behind(position, 5)
         self.assertEqual((ids, skipped), ([16, 17, 18, 19, 20], 15))
@@ -62,3 +65,30 @@ class LivePage:
         # A server counts by the clock, and what is committed later than looked at bears an earlier time.
         self.assertIn(shown + left, [2600] if hasattr(self, "database") else range(2000, 2601), told)
         self.assertEqual(browser.complaints(), [])
+
+    @unittest.skipUnless(CHROMIUM, "no chromium here: what a browser makes of the live page is not tested")
+    def test_live_page_keeps_its_sum_where_more_came_than_could_be_counted(self):
+        browser = Browser(CHROMIUM)
+        self.addCleanup(browser.end)
+        self.addCleanup(self.remove, "SUM")
+        browser.show(f"http://{self.web.place}/live?blade=SUM")
+        state = "document.querySelector('[role=status]').textContent"
+        browser.await_true(f"{state}.endsWith('nothing has come yet')", "the first look")
+        # What the web answers, with other sums; of two answers the second has nothing, the third all again.
+        browser.run("""
+            window.sums = [3, null, 4];
+            window.seen = [];
+            const real = window.fetch;
+            window.fetch = async (...question) => {
+              const answer = await (await real(...question)).json();
+              if (answer.events?.length > 0 && window.seen.length === 0) window.seen = answer.events;
+              if (window.seen.length > 0 && window.sums.length > 0) {
+                answer.events = window.sums.length === 2 ? [] : window.seen;
+                answer.skipped = window.sums.shift();
+              }
+              return new Response(JSON.stringify(answer));
+            };
+            true""")
+        self.send_live("SUM", 1, 2)
+        browser.await_true(f"{state}.endsWith('; 2 events so far; over 7 more came than could be looked at')", "the sum of three answers")
+        self.assertEqual(browser.run("document.querySelectorAll('tbody tr').length"), 2)
