@@ -9,6 +9,14 @@ namespace {
 constexpr S64_t APPLICATION_ID = 0x45564152;
 constexpr S64_t LAYOUT_VERSION = 3;
 
+// Those of the tables that are stored rows: a view, a virtual table or a column that is worked out
+// may be without end.
+constexpr char STORED_TABLES[] = R"(
+SELECT count(*) FROM sqlite_schema s WHERE sql LIKE 'CREATE TABLE %'
+    AND name IN ('series', 'generations', 'events', 'set_aside')
+    AND NOT EXISTS (SELECT 1 FROM pragma_table_xinfo(s.name) WHERE hidden <> 0)
+)";
+
 constexpr char LAYOUT[] = R"(
 BEGIN;
 CREATE TABLE series (
@@ -84,6 +92,9 @@ void requireArchive(SqliteDatabase& database, const std::string& path) {
     if (version != LAYOUT_VERSION) {
         throw StoreError(path + ": version " + std::to_string(version) +
                          " of the archive's layout is not known");
+    }
+    if (database.number(STORED_TABLES) != 4) {
+        throw StoreError(path + ": an event archive with other tables");
     }
 }
 

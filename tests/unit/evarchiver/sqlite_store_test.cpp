@@ -281,6 +281,28 @@ TEST_F(SqliteStoreTest, LaterLayoutIsRefused) {
                 ThrowsMessage<StoreError>(HasSubstr("version 4 of the archive's layout")));
 }
 
+// What is in such a file is worked out when it is read, and may have no end.
+TEST_F(SqliteStoreTest, WhatIsNoStoredTableIsRefused) {
+    const std::string endless = "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n) "
+                                "SELECT i AS series, i AS generation FROM n";
+    for (const std::string& change :
+         {"DROP TABLE generations; CREATE VIEW generations AS " + endless,
+          std::string("DROP TABLE set_aside"),
+          std::string("DROP TABLE series; CREATE VIRTUAL TABLE series USING fts5(enclosure)"),
+          std::string("ALTER TABLE events ADD COLUMN more AS (zeroblob(1000000000))")}) {
+        SCOPED_TRACE(change);
+        std::remove(path_.c_str());
+        fill(*openArchive(path_), {0});
+        executeOn(path_, change.c_str());
+        for (void (*open)(const std::string&) :
+             {+[](const std::string& path) { openArchiveForReading(path); },
+              +[](const std::string& path) { openArchive(path); }}) {
+            EXPECT_THAT([&] { open(path_); },
+                        ThrowsMessage<StoreError>(HasSubstr("an event archive with other tables")));
+        }
+    }
+}
+
 TEST_F(SqliteStoreTest, DirectoryThatDoesNotExistIsAnError) {
     EXPECT_THROW(openArchive(directory_.file("none/events.db")), StoreError);
 }
