@@ -46,6 +46,13 @@ def wait_for(what, condition):
     raise TimeoutError(f"waited in vain for {what}")
 
 
+def sql(url, statement):
+    """What a server answers; nothing where there is none, or it refuses."""
+    answer = subprocess.run(["psql", "-qAtX", url, "-c", statement], capture_output=True, text=True,
+                            check=False)
+    return answer.stdout.strip()
+
+
 class Place:
     """A temporary directory, and the processes that end with it."""
 
@@ -165,12 +172,6 @@ class Pair:
     def other(self, node):
         return next(each for each in self.nodes.values() if each is not node)
 
-    def sql(self, database, statement):
-        """What the primary answers; nothing where there is none."""
-        answer = subprocess.run(["psql", "-qAtX", self.url(database), "-c", statement],
-                                capture_output=True, text=True, check=False)
-        return answer.stdout.strip()
-
     def url(self, database):
         hosts = ",".join(f"127.0.0.1:{node.port}" for node in self.nodes.values())
         return f"postgresql://postgres@{hosts}/{database}?target_session_attrs=read-write"
@@ -189,7 +190,7 @@ def start_archiver(place, programs, number, database):
 
 
 def stored(pair):
-    return int(pair.sql("events", "SELECT count(*) FROM event_list") or 0)
+    return int(sql(pair.url("events"), "SELECT count(*) FROM event_list") or 0)
 
 
 def fail_over(pair, number):
@@ -218,7 +219,10 @@ def run(place, programs, rounds):
                          "--initial-cluster", f"etcd=http://127.0.0.1:{peers}"], as_server=True)
     pair = Pair(place, etcd)
     wait_for("two whole nodes", pair.whole)
-    pair.sql("postgres", "CREATE DATABASE events")
+    sql(pair.url("postgres"), "CREATE DATABASE events")
+    wait_for("the database on both nodes", lambda: all(
+        sql(f"postgresql://postgres@127.0.0.1:{node.port}/events", "SELECT 1")
+        for node in pair.nodes.values()))
     database = pair.url("events")
     subprocess.run([str(programs / "evarchiver"), "db", "create", "--db", database,
                     "--retention-days", "4"], check=True)
