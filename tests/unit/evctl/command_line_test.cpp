@@ -450,6 +450,11 @@ TEST(CommandLine, CatalogCheckNamesFilePlaceAndReason) {
     EXPECT_EQ(sound.output + sound.errors, "");
 }
 
+TEST(CommandLine, CatalogCheckOfAFileThatIsNotThereIsRefused) {
+    expectRefused({"catalog", "check", "/nowhere/mine.json"}, "/nowhere/mine.json");
+    expectRefused({"catalog", "check", "/"}, "/");
+}
+
 TEST(CommandLine, CatalogCheckSaysWhereAFileIsNoJson) {
     support::TempDirectory directory;
     const std::string file = directory.file("mine.json");

@@ -215,7 +215,7 @@ void addCatalogCommands(CLI::App& parent, Chosen& chosen) {
     auto check = std::make_shared<CatalogOptions>();
     CLI::App& checkCommand =
         addCommand(group, "check", "Say what is wrong in a catalogue.", CATALOG_CHECK_EXAMPLES);
-    checkCommand.add_option("FILE", check->files, "Files of a catalogue");
+    checkCommand.add_option("FILE", check->files, "Files of a catalogue")->check(CLI::ExistingFile);
     checkCommand.add_flag("--json", check->json, "One JSON object a line");
     onChosenPaged(checkCommand, chosen, check, runCheck);
 }
