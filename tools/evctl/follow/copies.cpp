@@ -7,6 +7,8 @@
 namespace evctl {
 namespace {
 
+constexpr size_t MOST_IN_A_LOG = EMP_LOG_FILE_SIZE / EMP_RECORD_SIZE;
+
 const EmpEvLogHeader_t& headerOf(const Bytes& message) {
     return *reinterpret_cast<const EmpEvLogHeader_t*>(message.data() + MMCH_SIZE);
 }
@@ -15,14 +17,24 @@ const EmpEvLogHeader_t& headerOf(const Bytes& message) {
 
 bool LogPosition::isBefore(const EmpEvLogHeader_t& header) const {
     LogIdentity other = identityOf(header);
-    bool sameInstance = other.instance == log.instance;
+    const bool isSameInstance = other.instance == log.instance;
     other.instance = log.instance;
-    return other == log && (!sameInstance || header.evSequenceId > sequenceId);
+    const auto found = shown.find(header.evSequenceId);
+    const bool isShown = isSameInstance && found != shown.end() && found->second == header.evTime;
+    return other == log && !isShown;
 }
 
 void LogPosition::moveTo(const EmpEvLogHeader_t& header) {
+    // The events of an instance, or of a log that has begun again, count from 0.
+    if (header.evInstanceNumber != log.instance || header.evSequenceId <= sequenceId) {
+        shown.clear();
+    }
     log.instance = header.evInstanceNumber;
     sequenceId = header.evSequenceId;
+    shown[sequenceId] = header.evTime;
+    if (shown.size() > MOST_IN_A_LOG) {
+        shown.erase(shown.begin());
+    }
 }
 
 Copies::Copies(const std::string& directory) : session_(directory, MMSG_E_EPID_SMI_IND) {}

@@ -9,15 +9,18 @@
 #include "evctl/wire/inquiry.h"
 
 #include <deque>
+#include <map>
 
 namespace evctl {
 
 /** How far the events of a log have been shown. */
 struct LogPosition {
     LogIdentity log;
-    U32_t sequenceId = 0; ///< the last one shown
+    U32_t sequenceId = 0;              ///< the last one shown
+    std::map<U32_t, U32_t> shown = {}; ///< of this instance: ids, and their events' times
 
-    /** @return whether an event is one of this log, or of its next instance, not yet shown */
+    /** @return whether an event is one of this log, or of its next instance, not yet shown: also
+     * of an id that was, when the log has begun again */
     bool isBefore(const EmpEvLogHeader_t& header) const;
 
     /** An event of the log has been shown. */

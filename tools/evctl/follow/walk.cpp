@@ -86,7 +86,7 @@ bool Walk::beginWithFirst() {
         return false;
     }
     EventView event = first.event();
-    shown_.sequenceId = event.header->evSequenceId;
+    shown_.moveTo(*event.header);
     started_ = true;
     show(std::move(first.message), event);
     return true;
@@ -149,12 +149,11 @@ int Walk::walkOn() {
         if (!answer.found()) {
             return end(answer);
         }
-        U32_t id = answer.event().header->evSequenceId;
-        if (id <= shown_.sequenceId) {
+        EventView event = answer.event();
+        if (event.header->evSequenceId <= shown_.sequenceId) {
             return tools::EXIT_DONE;
         }
-        EventView event = answer.event();
-        shown_.sequenceId = id;
+        shown_.moveTo(*event.header);
         show(std::move(answer.message), event);
     }
     return tools::EXIT_DONE;

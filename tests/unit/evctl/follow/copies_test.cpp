@@ -10,16 +10,21 @@ using evctl::LogPosition;
 
 namespace {
 
-const LogPosition AT_FIVE = {{.enclosure = "E", .blade = "B", .slot = 2, .instance = 7}, 5};
+constexpr U8_t TIME = 100;
+
+const LogPosition AT_FIVE = {.log = {.enclosure = "E", .blade = "B", .slot = 2, .instance = 7},
+                             .sequenceId = 5,
+                             .shown = {{4, TIME}, {5, TIME}}};
 
 /** A copy for the management interface, of a log in slot 2. */
-Bytes copy(U8_t sequenceId, U8_t instance = 7, char blade = 'B') {
+Bytes copy(U8_t sequenceId, U8_t instance = 7, char blade = 'B', U8_t time = TIME) {
     Bytes body(152);
     body[0] = 'E';
     body[64] = static_cast<U8_t>(blade);
     body[131] = 2;
     body[135] = instance;
     body[139] = sequenceId;
+    body[143] = time;
     return support::makeMmsg({.type = 1}, body);
 }
 
@@ -39,8 +44,42 @@ TEST_F(CopiesTest, WhatHasBeenShownIsPassedOver) {
     }
     EXPECT_EQ(copies_.next(AT_FIVE), copy(6));
     LogPosition shown = AT_FIVE;
-    shown.sequenceId = 6;
+    shown.shown[6] = TIME;
+    peer_.send(copy(6)); // once more
     EXPECT_EQ(copies_.next(shown), copy(7));
+    shown.shown[7] = TIME;
+    peer_.send(copy(8));
+    EXPECT_EQ(copies_.next(shown), copy(8));
+}
+
+TEST_F(CopiesTest, LogThatHasBegunAgainGoesOn) {
+    peer_.send(copy(5));
+    for (U8_t id = 4; id <= 6; id++) {
+        peer_.send(copy(id, 7, 'B', TIME + 1));
+    }
+    LogPosition shown = AT_FIVE;
+    for (U8_t id = 4; id <= 6; id++) {
+        EXPECT_EQ(copies_.next(shown), copy(id, 7, 'B', TIME + 1));
+        EmpEvLogHeader_t header{};
+        header.evInstanceNumber = 7;
+        header.evSequenceId = id;
+        header.evTime = TIME + 1;
+        shown.moveTo(header);
+        EXPECT_EQ(shown.sequenceId, id);
+    }
+    EXPECT_EQ(shown.shown, (std::map<U32_t, U32_t>{{4, TIME + 1}, {5, TIME + 1}, {6, TIME + 1}}));
+}
+
+TEST_F(CopiesTest, OfAllThatIsFollowedOnlyALogFullIsRemembered) {
+    LogPosition shown = AT_FIVE;
+    EmpEvLogHeader_t header{};
+    header.evInstanceNumber = 7;
+    for (U32_t id = 6; id <= 40'000; id++) {
+        header.evSequenceId = id;
+        shown.moveTo(header);
+    }
+    EXPECT_EQ(shown.shown.size(), 1'600'000U / 160);
+    EXPECT_EQ(shown.shown.rbegin()->first, 40'000U);
 }
 
 TEST_F(CopiesTest, WhatCameDuringTheWalkIsKept) {
@@ -63,6 +102,7 @@ TEST_F(CopiesTest, NextInstanceBeginsAnew) {
     LogPosition shown = AT_FIVE;
     EmpEvLogHeader_t header{};
     header.evInstanceNumber = 8;
+    header.evTime = TIME;
     shown.moveTo(header);
     peer_.send(copy(0, 8));
     peer_.send(copy(1, 8));
