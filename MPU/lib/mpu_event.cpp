@@ -30,6 +30,7 @@ struct MPU_EventLog_s {
     MPU_PARAMS_t* params;
     int shmid; ///< of params
     int waitMs;
+    pid_t owner; ///< who uses it
     U8_t endpoint;
     bool away;                  ///< events go to files; nothing is kept
     MpuMilliseconds_t nextLook; ///< while away: when to look again
@@ -117,6 +118,26 @@ void lookForReturn(MPU_EventLog_t* log) {
     if (answer == MPU_LINK_E_LOST) {
         mpuLinkClose(&log->link);
     }
+}
+
+// Answers go to every process of an endpoint.
+U32_t firstHandle() {
+    return (static_cast<U32_t>(getpid()) << 16) ^ static_cast<U32_t>(mpuNow());
+}
+
+/** A child after fork() begins anew. What its parent keeps is for the parent to confirm, and so is
+ * what comes on the parent's link. */
+void leaveParent(MPU_EventLog_t* log) {
+    const pid_t process = getpid();
+    if (log->owner == process) {
+        return;
+    }
+    log->owner = process;
+    log->handle = firstHandle();
+    log->keptLength = 0;
+    log->worst = MPU_E_EVENT_SENT;
+    mpuLinkClose(&log->link);
+    log->away = !mpuLinkOpen(&log->link);
 }
 
 /** Reads what has come in since the last call, and looks for an absent event manager. */
@@ -271,8 +292,8 @@ MPU_EventLog_t* MPU_openEventLog(int key, uint8_t endpoint, int waitMs) {
     log->link.fd = -1;
     log->endpoint = endpoint;
     log->waitMs = waitMs;
-    // Answers go to every process of an endpoint.
-    log->handle = (static_cast<U32_t>(getpid()) << 16) ^ static_cast<U32_t>(mpuNow());
+    log->owner = getpid();
+    log->handle = firstHandle();
     log->params = attach(key, &log->shmid);
     if (log->params == nullptr || !makeAddress(&log->link.address, log->params, endpoint)) {
         release(log);
@@ -286,6 +307,7 @@ int MPU_logEvent(MPU_EventLog_t* log, const MPU_Event_t* event) {
     if (!isValid(log, event)) {
         return MPU_E_EVENT_FAILED;
     }
+    leaveParent(log);
     refresh(log);
     if (!log->away && sendAndKeep(log, *event)) {
         return MPU_E_EVENT_SENT;
@@ -311,6 +333,7 @@ int MPU_confirmEvents(MPU_EventLog_t* log) {
         errno = EINVAL;
         return MPU_E_EVENT_FAILED;
     }
+    leaveParent(log);
     if (log->keptLength > 0) {
         settle(log);
     }

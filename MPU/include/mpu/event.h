@@ -15,7 +15,9 @@
  *
  * No call waits for the event manager longer than the time that was given at the opening; writing
  * files takes what the file system takes. One thread at a time may use an event log, one thread of
- * a process at a time may use any. A child after fork() must not use its parent's.
+ * a process at a time may use any. In a child after fork() an event log begins anew, on a link of
+ * its own, when the child first logs or confirms with it: what the parent had not confirmed stays
+ * the parent's. A child that closes it has only let go of it.
  *
  * Signal handlers: only MPU_leaveEvent() may be called by one, and only while no thread is in any
  * of these functions or in altEventLogM(). All other functions are not async-signal-safe.

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <ctime>
+#include <functional>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
@@ -295,6 +296,75 @@ TEST_F(OtherEventManager, OneThatAnswersNoInquiryGetsTheEventsAgain) {
     EXPECT_EQ(MPU_confirmEvents(log), MPU_E_EVENT_IN_FILE) << "the time is over";
     manager.join();
     EXPECT_EQ(files().size(), 1U);
+}
+
+// --- A child after fork()
+
+class ForkedEventLog : public OtherEventManager {
+  protected:
+    static pid_t inChild(const std::function<bool()>& body) {
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(body() ? 0 : 1);
+        }
+        return child;
+    }
+
+    static void expectGood(pid_t child) {
+        int status = -1;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }
+
+    /** The parent's event is the only one of its link, and the first that it asks about. */
+    void expectParentConfirms() {
+        std::thread manager([this] {
+            const std::vector<Bytes> sent = answerStatus();
+            EXPECT_EQ(sent, std::vector<Bytes>{workedExample("event message")});
+            answerInquiries(2, sent); // a process has left the block
+        });
+        EXPECT_EQ(MPU_confirmEvents(log), MPU_E_EVENT_SENT);
+        manager.join();
+        EXPECT_TRUE(files().empty());
+    }
+};
+
+TEST_F(ForkedEventLog, ChildThatClosesItLetsGoOfItAlone) {
+    listenAndOpen();
+    ASSERT_EQ(logFan(), MPU_E_EVENT_SENT);
+    expectGood(inChild([this] { return closeLog() == MPU_E_EVENT_SENT; }));
+    expectParentConfirms();
+}
+
+TEST_F(ForkedEventLog, ChildThatUsesItBeginsAnewOnALinkOfItsOwn) {
+    listenAndOpen();
+    ASSERT_EQ(logFan(), MPU_E_EVENT_SENT);
+    const pid_t child = inChild([this] {
+        return MPU_confirmEvents(log) == MPU_E_EVENT_SENT && logLetter('c') == MPU_E_EVENT_SENT &&
+               closeLog() == MPU_E_EVENT_SENT;
+    });
+    MmsgClient parents = std::move(*switchEnd);
+    switchEnd.emplace(listener->accept());
+    const std::vector<Bytes> sent = answerStatus();
+    ASSERT_EQ(sent.size(), 1U) << "without its parent's";
+    EXPECT_EQ(sent[0].back(), 'c');
+    expectGood(child);
+    switchEnd.emplace(std::move(parents));
+    expectParentConfirms();
+}
+
+TEST_F(ForkedEventLog, ChildOfASwitchThatIsAwayLeavesFilesOfItsOwnEventsOnly) {
+    listenAndOpen();
+    ASSERT_EQ(logFan(), MPU_E_EVENT_SENT);
+    listener.reset();
+    std::filesystem::remove(directory / "environ");
+    expectGood(inChild([this] {
+        return logLetter('c') == MPU_E_EVENT_IN_FILE && closeLog() == MPU_E_EVENT_SENT;
+    }));
+    ASSERT_EQ(files().size(), 1U);
+    EXPECT_EQ(files()[0].substr(160), "c");
+    std::filesystem::remove_all(directory / "aelfiles");
+    expectParentConfirms();
 }
 
 } // namespace
