@@ -37,9 +37,10 @@ class Tail {
 
   /** "12 events so far; 3 more came than could be looked at" */
   text() {
-    if (this.count === 0 && !this.isMore) return "0 events so far: nothing has come yet";
-    const left = this.skipped === 0 ? "more" : `${this.isMore ? "over " : ""}${number(this.skipped)} more`;
-    return `${plural(this.count, "event")} so far${this.isMore || this.skipped > 0 ? `; ${left} came than could be looked at` : ""}`;
+    const soFar = `${plural(this.count, "event")} so far`;
+    if (!this.isMore && this.skipped === 0) return this.count === 0 ? `${soFar}: nothing has come yet` : soFar;
+    const more = this.skipped === 0 ? "more" : `${this.isMore ? "over " : ""}${number(this.skipped)} more`;
+    return `${soFar}; ${more} came than could be looked at`;
   }
 }
 
